@@ -1,0 +1,238 @@
+/* tav_ipc.h - endpoints of an agent's modules: addresses, messages, traces, configuration.
+ *
+ * A module opens an endpoint under a short name, sets its callbacks and sends messages to other endpoints
+ * by address. Everything runs on the thread of one event loop (tavcl_ev.h): the library owns no thread.
+ *
+ * Lifetime rules:
+ *  1. An endpoint belongs to the loop of the thread that created it; use it on that thread only. Use from
+ *     a second thread at the same time is reported in the log (level 1), not prevented.
+ *  2. A callback may do anything its caller may: send, create endpoints, destroy the endpoint that calls
+ *     it. After tav_ipc_destroy the handle must not be used, also not by the rest of that callback.
+ *  3. Data and addresses passed to a callback are valid until it returns.
+ *  4. Data passed to a sending function is copied before the function returns.
+ */
+#ifndef TAVIPC_TAV_IPC_H
+#define TAVIPC_TAV_IPC_H
+
+#include <stdint.h>
+
+#include "tav_api.h"
+#include "tavcl_ev.h"
+
+/* --- records ---------------------------------------------------------------------------------- */
+
+#define TAV_IPC_NAME_MAX 9              /* characters of an endpoint name */
+#define TAV_IPC_NAME_SIZE 10            /* bytes of the name field */
+#define TAV_IPC_MESSAGE_MAX 65471999u   /* payload bytes of one message */
+#define TAV_IPC_FRAGMENT_PAYLOAD 64000u /* payload bytes of one datagram */
+
+/* Endpoint address, 16 bytes, the same in memory and on the wire. */
+typedef struct tav_addr_st {
+    uint32_t hostid;              /* host id of the endpoint's machine, 0 = not specified */
+    char name[TAV_IPC_NAME_SIZE]; /* NUL-terminated, bytes after the terminator are zero */
+    uint8_t loc;                  /* location number, 0 = not specified */
+    uint8_t flags;                /* ADDR_FLAG_*; other bits are carried unchanged */
+} tav_addr_st;
+
+#define ADDR_FLAG_COMPRESS_OK 0x08 /* the destination accepts compressed payloads */
+#define ADDR_FLAG_TEMP 0x80        /* the endpoint was made by a _temp function */
+
+/* Message header, 60 bytes in front of every datagram's payload. docs/wire.md has worked examples. */
+typedef struct tav_ipc_hdr_st {
+    tav_addr_st dest;     /* final destination, also when a proxy endpoint gets the datagram */
+    tav_addr_st src;      /* the sending endpoint */
+    uint32_t reqid;       /* message or request id, never 0 from this library */
+    uint16_t flags;       /* IPC_FLAG_*; other bits are carried unchanged */
+    uint16_t rflags;      /* 0, carried unchanged */
+    uint32_t cmd;         /* command code chosen by the sender */
+    uint32_t size;        /* payload bytes behind this header */
+    uint32_t frag_orig;   /* in a fragment: payload bytes of the whole message; else 0 */
+    uint8_t frag_word[2]; /* bit 0 of byte 0: is a fragment; then 10 bits of sequence number, low bits first */
+    uint16_t frag_id;     /* the same in all fragments of a message; else 0 */
+    uint32_t magic;       /* check value, tav_ipc_hdr_magic */
+} tav_ipc_hdr_st;
+
+#define IPC_FLAG_ACK 0x0001        /* acknowledges reqid; payload is a signed 32-bit status */
+#define IPC_FLAG_NEED_ACK 0x0002   /* the receiving library answers with IPC_FLAG_ACK */
+#define IPC_FLAG_FILE 0x0004       /* file chunk, cmd is the file id */
+#define IPC_FLAG_PROBE 0x0008      /* acknowledged only, reaches no callback */
+#define IPC_FLAG_REQUEST 0x0010    /* goes to the on_request callback when one is set */
+#define IPC_FLAG_RESPONSE 0x0020   /* completes the request with the same reqid */
+#define IPC_FLAG_TRACE 0x0040      /* the message trace prints it */
+#define IPC_FLAG_COMPRESSED 0x0100 /* application message with a compressed body */
+#define IPC_FLAG_APP_MSG 0x0200    /* application message: payload byte 15 is its priority */
+#define IPC_FLAGS_CONTROL 0x0033   /* ACK, NEED_ACK, REQUEST, RESPONSE: control traffic */
+
+/* An application message is a payload of at least 20 bytes: "3200" at 0, its method at 6 (16 bits
+ * big-endian, 0 = plain body), its priority at 15 (0 counts as 4, higher goes first) and the length of the
+ * body behind these 20 bytes at 16 (32 bits big-endian). */
+#define TAV_APP_HEADER_SIZE 20
+
+/* Result codes: 0, or negative; the positive ones are for applications' own replies. */
+enum tav_ipc_result {
+    IPC_OK = 0,
+    IPC_ERR_SENDTO = -101,
+    IPC_ERR_TIMEOUT = -102,
+    IPC_ERR_CLOSED = -103,
+    IPC_ERR_OPEN_FILE = -104,
+    IPC_ERR_NOMEM = -105,
+    IPC_ERR_FILE_ID = -106,
+    IPC_ERR_IO = -107,
+    IPC_ERR_FILE_CLOSED = -108,
+    IPC_ERR_NOT_SUPPORTED = -109,
+    IPC_ERR_PROTO = -110,
+    IPC_ERR_LOOP = -111,
+    IPC_ERR_NOT_READY = -112,
+    IPC_ERR_CMD_NOT_FOUND = 1002,
+    IPC_ERR_CONFIG_NOT_FOUND = 1003,
+    IPC_ERR_OBJECT_NOT_FOUND = 1004,
+    IPC_ERR_INVALID_PARAM = 1005
+};
+
+/* Process-wide IPC configuration, 13 words. */
+typedef struct ipc_proxy_conf_st {
+    uint32_t options; /* bit 0: disable_offline_cache; bits 1 and 2: set by every load */
+    uint32_t proxy1;  /* 1 */
+    uint32_t proxy2;  /* 200000 */
+    uint32_t reserved3[2];
+    uint32_t eagain_retry_interval_ms; /* delay before a refused datagram is tried again */
+    uint32_t eagain_max_retry_times;   /* further tries after the first */
+    uint32_t proxy7;                   /* 10000 */
+    uint32_t proxy8;                   /* 60 */
+    uint32_t reserved9[4];
+} ipc_proxy_conf_st;
+
+/* Endpoint handle. A pointer to it is also a pointer to the endpoint's own tav_addr_st. */
+typedef struct tav_ipc_st tav_ipc_st;
+
+/* --- callbacks; their results are ignored ------------------------------------------------------ */
+
+/* A message: its source, command code and payload (size bytes; not null, also when size is 0). */
+typedef int (*tav_ipc_msg_cb)(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t cmd, const void *data,
+                              uint32_t size, void *user);
+/* A request: the same with the id that its response must carry. */
+typedef int (*tav_ipc_request_cb)(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, uint32_t cmd,
+                                  const void *data, uint32_t size, void *user);
+/* A whole file arrived at path. */
+typedef int (*tav_ipc_file_cb)(tav_ipc_st *ipc, const char *path, void *user);
+
+/* --- addresses --------------------------------------------------------------------------------- */
+
+/* The one function of this section that is exported under a type-encoded name.
+ * Compares hostid, loc and name (as text of at most 10 bytes), not flags. Returns 0 when equal, else -1
+ * (also when either is null). */
+TAVIPC_API int tav_addr_cmp(const tav_addr_st *a, const tav_addr_st *b) TAVIPC_NOEXCEPT
+    TAVIPC_ENCODED("_Z12tav_addr_cmpPK11tav_addr_stS1_");
+
+TAVIPC_BEGIN_DECLS
+
+/* New address records, to be released with tav_addr_destroy. Null when name is null or longer than 9
+ * characters. Short memory ends the process (exit status 0, "Out of memory" in the log). */
+TAVIPC_API tav_addr_st *tav_addr_create(const char *name, uint8_t loc, uint8_t flags) TAVIPC_NOEXCEPT;
+TAVIPC_API tav_addr_st *tav_addr_create2(const char *name, uint8_t loc, uint32_t hostid,
+                                         uint8_t flags) TAVIPC_NOEXCEPT;
+/* A copy of all 16 bytes; null for null. */
+TAVIPC_API tav_addr_st *tav_addr_dup(const tav_addr_st *address) TAVIPC_NOEXCEPT;
+/* Releases a record made by the three functions above; null is ignored. */
+TAVIPC_API void tav_addr_destroy(tav_addr_st *address) TAVIPC_NOEXCEPT;
+
+/* The name bytes inside the record (null for null), the location number and the host id (0 for null). */
+TAVIPC_API const char *tav_addr_get_name(const tav_addr_st *address) TAVIPC_NOEXCEPT;
+TAVIPC_API unsigned int tav_addr_get_loc(const tav_addr_st *address) TAVIPC_NOEXCEPT;
+TAVIPC_API uint32_t tav_addr_get_hostid(const tav_addr_st *address) TAVIPC_NOEXCEPT;
+
+/* The check value over the two names, reqid, cmd and size; 0 for null. */
+TAVIPC_API uint32_t tav_ipc_hdr_magic(const tav_ipc_hdr_st *header) TAVIPC_NOEXCEPT;
+
+/* --- endpoints --------------------------------------------------------------------------------- */
+
+/* Opens the endpoint name (at most 9 characters, no "/") on this thread's loop.
+ *   tav_ipc_create                  receives, accepts no files
+ *   tav_ipc_create_temp             receives, its address carries ADDR_FLAG_TEMP
+ *   tav_ipc_create_non_recv         does not receive until tav_ipc_recv_start
+ *   tav_ipc_create_non_recv_temp    both
+ * accept_files: non-zero saves incoming file chunks, 0 answers them with IPC_ERR_NOT_SUPPORTED.
+ * Returns the handle, to be released with tav_ipc_destroy; null when the process is not in the signed
+ * allow-list, the name is null, too long or in use, no host id can be had, or the socket cannot be made.
+ * Determining the host id may end the process: see CreateAgentId in tav_agentid.h. Short memory for the
+ * handle ends it with exit status 0. A process whose environment has IPC_TEST beginning with "1" marks
+ * every message from then on with IPC_FLAG_TRACE. */
+TAVIPC_API tav_ipc_st *tav_ipc_create(const char *name) TAVIPC_NOEXCEPT;
+TAVIPC_API tav_ipc_st *tav_ipc_create_temp(const char *name, uint32_t accept_files) TAVIPC_NOEXCEPT;
+TAVIPC_API tav_ipc_st *tav_ipc_create_non_recv(const char *name, uint32_t accept_files) TAVIPC_NOEXCEPT;
+TAVIPC_API tav_ipc_st *tav_ipc_create_non_recv_temp(const char *name, uint32_t accept_files) TAVIPC_NOEXCEPT;
+
+/* Starts reception on the endpoint's own socket with the caller's datagram handler, whose context is the
+ * handle; on an endpoint that receives already it replaces the handler. Returns the handle; null when
+ * reception cannot start, and then the handle has been destroyed (null for a null handle or handler). */
+TAVIPC_API tav_ipc_st *tav_ipc_recv_start(tav_ipc_st *ipc, cl_dunix_recv_cb handler) TAVIPC_NOEXCEPT;
+
+/* Closes the endpoint; null is ignored. Every outstanding request completes with IPC_ERR_CLOSED from
+ * inside this call; messages that have not left are dropped. May be called from any callback. */
+TAVIPC_API void tav_ipc_destroy(tav_ipc_st *ipc) TAVIPC_NOEXCEPT;
+
+/* Set a callback and its user pointer. 0; -1 when the handle or the callback is null (nothing changes). */
+TAVIPC_API int tav_ipc_msg_recv(tav_ipc_st *ipc, tav_ipc_msg_cb callback, void *user) TAVIPC_NOEXCEPT;
+TAVIPC_API int tav_ipc_file_recv(tav_ipc_st *ipc, tav_ipc_file_cb callback, void *user) TAVIPC_NOEXCEPT;
+TAVIPC_API int tav_ipc_on_request(tav_ipc_st *ipc, tav_ipc_request_cb callback, void *user) TAVIPC_NOEXCEPT;
+
+/* The endpoint's own address, valid as long as the handle; null for null. */
+TAVIPC_API const tav_addr_st *tav_ipc_get_local_addr(const tav_ipc_st *ipc) TAVIPC_NOEXCEPT;
+
+/* 1 when the address lies on this endpoint's machine and location (0 in either field of the address counts
+ * as here), else 0; 0 for null. */
+TAVIPC_API int tav_ipc_is_local(const tav_ipc_st *ipc, const tav_addr_st *address) TAVIPC_NOEXCEPT;
+
+/* The host id that endpoints carry: the platform's on a CNAPP agent, else the agent id; 0 when none can
+ * be had. tav_get_hostid keeps it for the process, tav_calculate_hostid determines it afresh. Both may end
+ * the process as CreateAgentId does. */
+TAVIPC_API uint32_t tav_get_hostid(void) TAVIPC_NOEXCEPT;
+TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
+
+/* --- sending ----------------------------------------------------------------------------------- */
+
+/* Sends a message of size payload bytes (data may be null: the payload is then zeros) with command code cmd
+ * to dest. Messages above 64,000 bytes travel in fragments. An application message of at least 148 bytes
+ * to an address with ADDR_FLAG_COMPRESS_OK is compressed.
+ * Returns 0 when the message was sent or queued; -101 when it was refused: null handle or destination,
+ * destination name with "/", more than 65,471,999 bytes (after compression), more than 32 MiB in flight to
+ * the destination (64 MiB for control traffic and priorities of 7 and more), or short memory. A queued
+ * message that its destination keeps refusing is dropped later, with a log line (level 2). */
+TAVIPC_API int tav_ipc_send(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,
+                            uint32_t size) TAVIPC_NOEXCEPT;
+
+/* The same with flags (IPC_FLAG_* or the application's own bits) and, when reqid is not null, the message
+ * id: a non-zero *reqid is used, a zero one is replaced by the id drawn. */
+TAVIPC_API int tav_ipc_send_with_flags(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd,
+                                       const void *data, uint32_t size, uint16_t flags,
+                                       uint32_t *reqid) TAVIPC_NOEXCEPT;
+
+/* Sends a ready datagram (header, complete but for magic, and its size payload bytes, any alignment) to
+ * the socket file dpipe of the handle's location. Limits and results as tav_ipc_send; the buffer stays the
+ * caller's and is not changed. */
+TAVIPC_API int tav_ipc_send_raw(tav_ipc_st *ipc, const char *dpipe, const void *datagram) TAVIPC_NOEXCEPT;
+
+/* --- diagnosis and configuration ---------------------------------------------------------------- */
+
+/* Writes one line "[MSG TRACE] ..." about header (null: nothing) with the caller's text at log level 4, when
+ * the header has IPC_FLAG_TRACE or the file /tmp/ipc_debug exists (looked for every 10 s). file and line
+ * go to the log. The caller tests error_output_check(4) first. */
+TAVIPC_API void tav_ipc_msg_trace_ex(const char *file, int line, const tav_ipc_hdr_st *header,
+                                     const char *format, ...) TAVIPC_NOEXCEPT TAVIPC_PRINTF(4, 5);
+
+/* Constant text of a result code, never null; "Unkown error" for a code outside the table. */
+TAVIPC_API const char *tav_ipc_strerror(int code) TAVIPC_NOEXCEPT;
+
+/* Loads the IPC configuration from an INI file, section [ipc_proxy] key disable_offline_cache and section
+ * [transfer] keys eagain_retry_interval_ms and eagain_max_retry_times. Always returns 0: what cannot be
+ * read gets its default (1000 ms, 10 times). Call it once, before endpoints send. */
+TAVIPC_API int load_ipc_proxy_conf(const char *path) TAVIPC_NOEXCEPT;
+/* The process-wide record: never null, always the same address, all zero before the first load. */
+TAVIPC_API ipc_proxy_conf_st *get_ipc_proxy_conf(void) TAVIPC_NOEXCEPT;
+
+TAVIPC_END_DECLS
+
+/* Seeds rand() with the monotonic milliseconds and returns one draw. */
+TAVIPC_API int ipc_rand_by_time(void) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z16ipc_rand_by_timev");
+
+#endif /* TAVIPC_TAV_IPC_H */

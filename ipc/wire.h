@@ -1,0 +1,94 @@
+// The bytes on the wire: address and header layout, fragment word, application-message fields.
+//
+// A datagram is a 60-byte tav_ipc_hdr_st and its payload. Multi-byte fields are in host order; only the
+// application message's own fields are big-endian. Bytes from a peer have any alignment and may lie: they
+// are copied out through read_header, and names are read through name_text, never as C strings.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#include "tavipc/tav_ipc.h"
+
+namespace tavipc {
+
+inline constexpr uint32_t kHeaderSize = 60;
+inline constexpr uint32_t kFragmentPayload = TAV_IPC_FRAGMENT_PAYLOAD;
+inline constexpr uint32_t kMaxMessage = TAV_IPC_MESSAGE_MAX;
+inline constexpr uint32_t kAppHeaderSize = TAV_APP_HEADER_SIZE;
+
+static_assert(sizeof(tav_addr_st) == 16 && alignof(tav_addr_st) == 4);
+static_assert(offsetof(tav_addr_st, hostid) == 0 && offsetof(tav_addr_st, name) == 4);
+static_assert(offsetof(tav_addr_st, loc) == 14 && offsetof(tav_addr_st, flags) == 15);
+static_assert(sizeof(tav_ipc_hdr_st) == kHeaderSize && alignof(tav_ipc_hdr_st) == 4);
+static_assert(offsetof(tav_ipc_hdr_st, dest) == 0 && offsetof(tav_ipc_hdr_st, src) == 16);
+static_assert(offsetof(tav_ipc_hdr_st, reqid) == 32 && offsetof(tav_ipc_hdr_st, flags) == 36);
+static_assert(offsetof(tav_ipc_hdr_st, rflags) == 38 && offsetof(tav_ipc_hdr_st, cmd) == 40);
+static_assert(offsetof(tav_ipc_hdr_st, size) == 44 && offsetof(tav_ipc_hdr_st, frag_orig) == 48);
+static_assert(offsetof(tav_ipc_hdr_st, frag_word) == 52 && offsetof(tav_ipc_hdr_st, frag_id) == 54);
+static_assert(offsetof(tav_ipc_hdr_st, magic) == 56);
+static_assert(std::is_trivially_copyable_v<tav_ipc_hdr_st> && std::is_standard_layout_v<tav_ipc_hdr_st>);
+
+// The header at the front of a datagram of at least 60 bytes.
+inline tav_ipc_hdr_st read_header(const void *datagram) {
+    tav_ipc_hdr_st header;
+    std::memcpy(&header, datagram, sizeof header);
+    return header;
+}
+
+// --- fragment word: bit 0 "is a fragment", bits 1 to 10 sequence number, the rest carried unchanged
+
+inline bool is_fragment(const tav_ipc_hdr_st &header) { return header.frag_word[0] & 1; }
+inline uint16_t fragment_sequence(const tav_ipc_hdr_st &header) {
+    return static_cast<uint16_t>((header.frag_word[0] >> 1) | ((header.frag_word[1] & 7) << 7));
+}
+inline void set_fragment(tav_ipc_hdr_st &header, uint16_t sequence) {
+    header.frag_word[0] = static_cast<uint8_t>(1 | ((sequence & 0x7F) << 1));
+    header.frag_word[1] = static_cast<uint8_t>((header.frag_word[1] & 0xF8) | ((sequence & 0x3FF) >> 7));
+}
+inline void clear_fragment_bit(tav_ipc_hdr_st &header) { header.frag_word[0] &= 0xFE; }
+
+// --- names: ten bytes from a peer, perhaps without a terminator
+
+struct NameText {
+    char text[TAV_IPC_NAME_SIZE + 1];
+    operator const char *() const { return text; }
+};
+inline NameText name_text(const tav_addr_st &address) {
+    NameText name;
+    std::memcpy(name.text, address.name, TAV_IPC_NAME_SIZE);
+    name.text[TAV_IPC_NAME_SIZE] = '\0';
+    return name;
+}
+// A name becomes the last component of a socket path: one with a "/" would leave the directory.
+inline bool is_path_safe(const char *name) { return std::strchr(name, '/') == nullptr; }
+
+// --- big-endian fields
+
+inline uint16_t load_be16(const void *bytes) {
+    const auto *b = static_cast<const uint8_t *>(bytes);
+    return static_cast<uint16_t>((b[0] << 8) | b[1]);
+}
+inline uint32_t load_be32(const void *bytes) {
+    const auto *b = static_cast<const uint8_t *>(bytes);
+    return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
+}
+
+// --- application messages: a 20-byte header of their own in front of the body
+
+inline bool is_app_message(const void *payload, uint32_t size) {
+    return payload && size >= kAppHeaderSize && std::memcmp(payload, "3200", 4) == 0;
+}
+inline uint16_t app_method(const void *payload) { return load_be16(static_cast<const char *>(payload) + 6); }
+inline uint32_t app_body_length(const void *payload) {
+    return load_be32(static_cast<const char *>(payload) + 16);
+}
+// Priority of a message: 0 unless it is marked as an application message and long enough to have one.
+inline uint32_t message_priority(uint16_t flags, const void *payload, uint32_t size) {
+    if (!(flags & IPC_FLAG_APP_MSG) || size < kAppHeaderSize) return 0;
+    return static_cast<const uint8_t *>(payload)[15];
+}
+
+} // namespace tavipc
