@@ -87,7 +87,7 @@ inline uint32_t app_body_length(const void *payload) {
 }
 // Priority of a message: 0 unless it is marked as an application message and long enough to have one.
 inline uint32_t message_priority(uint16_t flags, const void *payload, uint32_t size) {
-    if (!(flags & IPC_FLAG_APP_MSG) || size < kAppHeaderSize) return 0;
+    if (!(flags & IPC_FLAG_APP_MSG) || !payload || size < 16) return 0;
     return static_cast<const uint8_t *>(payload)[15];
 }
 

@@ -164,7 +164,7 @@ TAVIPC_API tav_ipc_st *tav_ipc_create_non_recv_temp(const char *name, uint32_t a
 
 /* Starts reception on the endpoint's own socket with the caller's datagram handler, whose context is the
  * handle; on an endpoint that receives already it replaces the handler. Returns the handle; null when
- * reception cannot start, and then the handle has been destroyed (null for a null handle or handler). */
+ * reception cannot start (a null handler too), and then the handle has been destroyed. */
 TAVIPC_API tav_ipc_st *tav_ipc_recv_start(tav_ipc_st *ipc, cl_dunix_recv_cb handler) TAVIPC_NOEXCEPT;
 
 /* Closes the endpoint; null is ignored. Every outstanding request completes with IPC_ERR_CLOSED from

@@ -9,26 +9,26 @@
 
 namespace fake {
 
-World& world() {
+World &world() {
     static World instance;
     return instance;
 }
 
 int Log::count(std::string_view part, int level) const {
     int n = 0;
-    for (const LogLine& line : lines)
+    for (const LogLine &line : lines)
         if ((level < 0 || line.level == level) && line.text.find(part) != std::string::npos) ++n;
     return n;
 }
 
 size_t Event::pending() const {
     size_t n = 0;
-    for (const Send& send : sends) n += !send.done;
+    for (const Send &send : sends) n += !send.done;
     return n;
 }
 
 void Event::complete(size_t index, int status) {
-    Send& send = sends.at(index);
+    Send &send = sends.at(index);
     if (send.done) throw std::logic_error("a send completes once");
     send.done = true;
     if (send.callback) send.callback(send.socket, status, send.context);
@@ -44,7 +44,8 @@ void Event::advance(uint64_t ms) {
     for (;;) {
         auto first = timers.end();
         for (auto it = timers.begin(); it != timers.end(); ++it)
-            if (it->second.due_ms <= end && (first == timers.end() || it->second.due_ms < first->second.due_ms))
+            if (it->second.due_ms <= end &&
+                (first == timers.end() || it->second.due_ms < first->second.due_ms))
                 first = it;
         if (first == timers.end()) break;
         const Timer timer = first->second;
@@ -58,18 +59,18 @@ void Event::advance(uint64_t ms) {
 void Event::deliver(cl_dunix_t socket, std::string_view datagram, int status) {
     const Socket target = sockets.at(socket);
     if (!target.recv) throw std::logic_error("the socket does not receive");
-    const std::string copy(datagram);  // its end is the end of an allocation: an over-read shows under ASan
+    const std::string copy(datagram); // its end is the end of an allocation: an over-read shows under ASan
     cl_sockaddr_t from{};
     target.recv(socket, copy.data(), static_cast<uint32_t>(copy.size()), &from, status, target.recv_context);
 }
 
 cl_dunix_t Event::socket_at(std::string_view path) const {
-    for (const auto& [id, socket] : sockets)
+    for (const auto &[id, socket] : sockets)
         if (socket.path == path) return id;
     return 0;
 }
 
-}  // namespace fake
+} // namespace fake
 
 using fake::world;
 
@@ -77,7 +78,7 @@ extern "C" {
 
 int error_output_check(int level) noexcept { return level <= world().log.threshold; }
 
-void error_output(int level, const char* source, int, const char* format, ...) noexcept {
+void error_output(int level, const char *source, int, const char *format, ...) noexcept {
     char text[8192];
     va_list arguments;
     va_start(arguments, format);
@@ -90,25 +91,25 @@ uint64_t cl_event_loop_now() noexcept { return world().clock.loop_ms; }
 uint64_t timer_get_ticks() noexcept { return world().clock.ticks_ms * 1000; }
 uint64_t timer_ticks2ms(uint64_t ticks) noexcept { return ticks / 1000; }
 
-time_t time(time_t* out) noexcept {
+time_t time(time_t *out) noexcept {
     if (out) *out = world().clock.wall_s;
     return world().clock.wall_s;
 }
 int rand() noexcept {
-    auto& random = world().random;
+    auto &random = world().random;
     if (random.draws.empty()) return ++random.counter;
     const int draw = random.draws.front();
     random.draws.pop_front();
     return draw;
 }
 void srand(unsigned seed) noexcept { world().random.seeds.push_back(seed); }
-int clock_gettime(clockid_t clock, timespec* out) noexcept {
+int clock_gettime(clockid_t clock, timespec *out) noexcept {
     if (world().clock.gettime) return world().clock.gettime(clock, out);
     return static_cast<int>(syscall(SYS_clock_gettime, clock, out));
 }
 
-cl_timer_t cl_timer_start(uint64_t delay_ms, void (*callback)(void*), void* argument) noexcept {
-    auto& event = world().event;
+cl_timer_t cl_timer_start(uint64_t delay_ms, void (*callback)(void *), void *argument) noexcept {
+    auto &event = world().event;
     if (event.fail_timers > 0) return --event.fail_timers, 0;
     const cl_timer_t id = event.next_id++;
     event.timers[id] = {world().clock.loop_ms + delay_ms, delay_ms, callback, argument};
@@ -116,7 +117,7 @@ cl_timer_t cl_timer_start(uint64_t delay_ms, void (*callback)(void*), void* argu
 }
 void cl_timer_stop(cl_timer_t timer) noexcept { world().event.timers.erase(timer); }
 
-int cl_sockaddr_un_init(cl_sockaddr_t* address, const char* path) noexcept {
+int cl_sockaddr_un_init(cl_sockaddr_t *address, const char *path) noexcept {
     *address = {};
     const size_t length = path ? strlen(path) : 0;
     if (length == 0 || length > 107) return -1;
@@ -125,56 +126,56 @@ int cl_sockaddr_un_init(cl_sockaddr_t* address, const char* path) noexcept {
     address->len = static_cast<uint16_t>(offsetof(sockaddr_un, sun_path) + length + 1);
     return 0;
 }
-cl_dunix_t cl_dunix_create(const cl_sockaddr_t* address, void*, void*) noexcept {
-    auto& event = world().event;
+cl_dunix_t cl_dunix_create(const cl_sockaddr_t *address, void *, void *) noexcept {
+    auto &event = world().event;
     if (event.fail_create > 0) return --event.fail_create, 0;
-    if (event.socket_at(address->addr.sun_path)) return 0;  // a live name is never taken
+    if (event.socket_at(address->addr.sun_path)) return 0; // a live name is never taken
     const cl_dunix_t id = event.next_id++;
     event.sockets[id] = {address->addr.sun_path};
     return id;
 }
-void cl_dunix_close(cl_dunix_t socket, void (*)(void*), void*) noexcept {
-    auto& event = world().event;
+void cl_dunix_close(cl_dunix_t socket, void (*)(void *), void *) noexcept {
+    auto &event = world().event;
     if (!event.sockets.erase(socket)) throw std::logic_error("closed twice, or never made");
     event.closed.push_back(socket);
     for (size_t i = 0, n = event.sends.size(); i < n; ++i)
         if (event.sends[i].socket == socket && !event.sends[i].done) event.complete(i, CL_EV_CANCELLED);
 }
-int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void* context) noexcept {
-    auto& event = world().event;
+int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *context) noexcept {
+    auto &event = world().event;
     if (event.fail_recv > 0) return --event.fail_recv, -1;
     event.sockets.at(socket).recv = callback;
     event.sockets.at(socket).recv_context = context;
     return 0;
 }
-int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t* address, const void* data, uint32_t len,
-                     cl_dunix_send_cb callback, void* context) noexcept {
-    auto& event = world().event;
+int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void *data, uint32_t len,
+                     cl_dunix_send_cb callback, void *context) noexcept {
+    auto &event = world().event;
     if (event.fail_send > 0) return --event.fail_send, event.send_error;
     if (!event.sockets.count(socket)) return -1;
-    event.sends.push_back({socket, address->addr.sun_path,
-                           std::string(static_cast<const char*>(data), len), data, callback, context});
+    event.sends.push_back({socket, address->addr.sun_path, std::string(static_cast<const char *>(data), len),
+                           data, callback, context});
     return 0;
 }
 
 int tav_get_location() noexcept { return world().deployment.location; }
-const char* tav_location_name(int location) noexcept {
+const char *tav_location_name(int location) noexcept {
     static std::map<int, std::string> names;
     return names.try_emplace(location, "loc" + std::to_string(location)).first->second.c_str();
 }
-const char* GetDeployTypeStr() noexcept {
-    const auto& type = world().deployment.deploy_type;
+const char *GetDeployTypeStr() noexcept {
+    const auto &type = world().deployment.deploy_type;
     return type.empty() ? nullptr : type.c_str();
 }
 int IsCNAPPAgent() noexcept { return world().deployment.cnapp; }
 uint32_t get_hostid() noexcept { return world().deployment.hostid; }
-int GetAgentType(char* buffer, int size) noexcept {
-    const auto& type = world().deployment.agent_type;
+int GetAgentType(char *buffer, int size) noexcept {
+    const auto &type = world().deployment.agent_type;
     if (type.empty() || size <= static_cast<int>(type.size())) return -1;
     memcpy(buffer, type.c_str(), type.size() + 1);
     return static_cast<int>(type.size());
 }
-int dirutils_path_transform(const char* path_template, char* out, int size) noexcept {
+int dirutils_path_transform(const char *path_template, char *out, int size) noexcept {
     std::string text = path_template;
     if (!text.empty() && text[0] == '@') {
         std::string base = world().deployment.base;
@@ -189,4 +190,4 @@ int dirutils_path_transform(const char* path_template, char* out, int size) noex
     return static_cast<int>(text.size()) < size ? 0 : -1;
 }
 
-}  // extern "C"
+} // extern "C"

@@ -28,19 +28,19 @@ struct LogLine {
 struct Log {
     int threshold = 4;
     std::vector<LogLine> lines;
-    int count(std::string_view part, int level = -1) const;  // lines that contain part (at that level)
+    int count(std::string_view part, int level = -1) const; // lines that contain part (at that level)
 };
 
 // --- libc: time, rand, srand, clock_gettime; ticks and loop clock
 struct Clock {
-    uint64_t loop_ms = 1'000'000;   // cl_event_loop_now
-    uint64_t ticks_ms = 1'000'000;  // timer_get_ticks, timer_ticks2ms
-    time_t wall_s = 1'700'000'000;  // time
-    std::function<int(clockid_t, timespec*)> gettime;  // clock_gettime, the real one when empty
+    uint64_t loop_ms = 1'000'000;                      // cl_event_loop_now
+    uint64_t ticks_ms = 1'000'000;                     // timer_get_ticks, timer_ticks2ms
+    time_t wall_s = 1'700'000'000;                     // time
+    std::function<int(clockid_t, timespec *)> gettime; // clock_gettime, the real one when empty
 };
 struct Random {
-    std::deque<int> draws;         // next results of rand; a counter follows when they run out
-    std::vector<unsigned> seeds;   // arguments of srand
+    std::deque<int> draws;       // next results of rand; a counter follows when they run out
+    std::vector<unsigned> seeds; // arguments of srand
     int counter = 0;
 };
 
@@ -48,53 +48,53 @@ struct Random {
 struct Timer {
     uint64_t due_ms;
     uint64_t delay_ms;
-    void (*callback)(void*);
-    void* argument;
+    void (*callback)(void *);
+    void *argument;
 };
 
 // --- sockets: cl_dunix_*
 struct Socket {
     std::string path;
     cl_dunix_recv_cb recv = nullptr;
-    void* recv_context = nullptr;
+    void *recv_context = nullptr;
 };
 struct Send {
     cl_dunix_t socket;
     std::string path;
-    std::string bytes;  // the datagram as it was when it was handed over
-    const void* data;
+    std::string bytes; // the datagram as it was when it was handed over
+    const void *data;
     cl_dunix_send_cb callback;
-    void* context;
+    void *context;
     bool done = false;
 };
 struct Event {
     std::map<cl_timer_t, Timer> timers;
     std::map<cl_dunix_t, Socket> sockets;
-    std::deque<Send> sends;  // every accepted send, in order
+    std::deque<Send> sends; // every accepted send, in order
     uint64_t next_id = 1;
-    int fail_timers = 0;    // so many cl_timer_start return 0
-    int fail_create = 0;    // so many cl_dunix_create return 0
-    int fail_recv = 0;      // so many cl_dunix_recv_start return -1
-    int fail_send = 0;      // so many cl_dunix_sendto2 return send_error
+    int fail_timers = 0; // so many cl_timer_start return 0
+    int fail_create = 0; // so many cl_dunix_create return 0
+    int fail_recv = 0;   // so many cl_dunix_recv_start return -1
+    int fail_send = 0;   // so many cl_dunix_sendto2 return send_error
     int send_error = -1;
     std::vector<cl_dunix_t> closed;
 
-    size_t pending() const;                    // sends not completed
-    void complete(size_t index, int status);   // completes sends[index]
-    void complete_all(int status = 0);         // completes what is pending now
-    void advance(uint64_t ms);                 // moves the loop clock and fires what becomes due, in order
+    size_t pending() const;                  // sends not completed
+    void complete(size_t index, int status); // completes sends[index]
+    void complete_all(int status = 0);       // completes what is pending now
+    void advance(uint64_t ms);               // moves the loop clock and fires what becomes due, in order
     void deliver(cl_dunix_t socket, std::string_view datagram, int status = 0);
-    cl_dunix_t socket_at(std::string_view path) const;  // 0 when there is none
+    cl_dunix_t socket_at(std::string_view path) const; // 0 when there is none
 };
 
 // --- deployment facts and executable directory (libtavaux, dirutils_path_transform)
 struct Deployment {
     int location = 2;
-    std::string deploy_type;  // empty: none
+    std::string deploy_type; // empty: none
     bool cnapp = false;
     uint32_t hostid = 0;
-    std::string agent_type = "linux";  // empty: GetAgentType fails
-    std::string base;  // what "@" stands for; the real executable's directory when empty
+    std::string agent_type = "linux"; // empty: GetAgentType fails
+    std::string base;                 // what "@" stands for; the real executable's directory when empty
 };
 
 struct World {
@@ -104,13 +104,13 @@ struct World {
     Event event;
     Deployment deployment;
 };
-World& world();
+World &world();
 
-}  // namespace fake
+} // namespace fake
 
 // Fixture: a fresh world for every test.
 class FakeWorld : public ::testing::Test {
   protected:
     FakeWorld() { fake::world() = fake::World{}; }
-    fake::World& w = fake::world();
+    fake::World &w = fake::world();
 };

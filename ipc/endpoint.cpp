@@ -1,0 +1,83 @@
+#include "ipc/endpoint.h"
+
+#include "ipc/ipc_process.h"
+#include "ipc/log.h"
+#include "ipc/wire.h"
+#include "tavaux.h"
+#include "tavipc/tav_agentid.h"
+
+namespace tavipc {
+
+UseGuard::UseGuard(tav_ipc_st *ipc, const char *label) : pin_(ipc), ipc_(ipc) {
+    if (!ipc_) return;
+    const int users = atomic_add_and_fetch(&ipc_->use_count, 1);
+    const pthread_t self = pthread_self();
+    if (users == 1) {
+        ipc_->owner_thread = self;
+    } else if (users > 1 && ipc_->owner_thread != self) {
+        TAV_LOG(
+            1, "tav_ipc",
+            "[ipc_thread_safe: %s]concurrent access ipc handler: %ld, ipc_name: %.10s, curr_thread_id: %ld, "
+            "conflict_thread_id: %ld",
+            label, static_cast<long>(users), ipc_->my_addr.name, static_cast<long>(self),
+            static_cast<long>(ipc_->owner_thread));
+    }
+}
+
+UseGuard::~UseGuard() {
+    if (ipc_ && atomic_add_and_fetch(&ipc_->use_count, -1) == 0) ipc_->owner_thread = 0;
+}
+
+} // namespace tavipc
+
+using namespace tavipc;
+
+int tav_ipc_msg_recv(tav_ipc_st *ipc, tav_ipc_msg_cb callback, void *user) noexcept {
+    if (!ipc || !callback) return -1;
+    ipc->msg_recv = callback;
+    ipc->msg_recv_arg = user;
+    return 0;
+}
+
+int tav_ipc_file_recv(tav_ipc_st *ipc, tav_ipc_file_cb callback, void *user) noexcept {
+    if (!ipc || !callback) return -1;
+    ipc->file_recv = callback;
+    ipc->file_recv_arg = user;
+    return 0;
+}
+
+int tav_ipc_on_request(tav_ipc_st *ipc, tav_ipc_request_cb callback, void *user) noexcept {
+    if (!ipc || !callback) return -1;
+    ipc->on_request = callback;
+    ipc->on_request_arg = user;
+    return 0;
+}
+
+const tav_addr_st *tav_ipc_get_local_addr(const tav_ipc_st *ipc) noexcept {
+    return ipc ? &ipc->my_addr : nullptr;
+}
+
+int tav_ipc_is_local(const tav_ipc_st *ipc, const tav_addr_st *address) noexcept {
+    if (!ipc || !address) return 0;
+    if (address->loc == 0) return 1;
+    if (address->loc != ipc->location) return 0;
+    if (address->hostid == 0 || address->hostid == ipc->my_addr.hostid) return 1;
+    TAV_LOG(4, "tav_ipc", "addr->hostid: %u, ipc->my_addr.hostid: %u", address->hostid, ipc->my_addr.hostid);
+    return 0;
+}
+
+uint32_t tav_calculate_hostid() noexcept {
+    if (IsCNAPPAgent()) {
+        if (const uint32_t hostid = get_hostid()) return hostid;
+    }
+    const uint32_t agent_id = CreateAgentId();
+    if (agent_id == 0) TAV_LOG(2, "tav_ipc", "calculate agentid failed\n");
+    return agent_id;
+}
+
+uint32_t tav_get_hostid() noexcept {
+    uint32_t &cached = process_state().hostid;
+    if (IsCNAPPAgent()) cached = get_hostid();
+    if (cached == 0) cached = tav_calculate_hostid();
+    return cached;
+}

@@ -1,0 +1,107 @@
+#include "ipc/receive.h"
+
+#include <cstring>
+
+#include "ipc/endpoint.h"
+#include "ipc/log.h"
+#include "ipc/msg_trace.h"
+#include "ipc/reassembly.h"
+#include "ipc/wire.h"
+#include "tavipc/tav_compress.h"
+
+namespace tavipc {
+namespace {
+
+// A peer's envelope may claim up to 4 GiB: this much is believed. (A legitimate message can be larger
+// restored than what can be sent: the send limit applies to the compressed size.)
+constexpr uint32_t kMaxRestored = 256u << 20;
+constexpr uint32_t kEnvelopeHeader = 4;
+
+// A message under dispatch: its header, and its payload in the datagram or in an owned buffer.
+struct Incoming {
+    tav_ipc_hdr_st header;
+    const unsigned char *payload;
+    MallocPtr<unsigned char> owned;
+
+    // Takes over a buffer that holds a header and its payload.
+    void replace(MallocPtr<unsigned char> buffer) {
+        header = read_header(buffer.get());
+        payload = buffer.get() + kHeaderSize;
+        owned = std::move(buffer);
+    }
+};
+
+bool validate(const void *data, uint32_t len, int status, Incoming &in) {
+    if (status != 0 || !data || len < kHeaderSize) return false;
+    in.header = read_header(data);
+    in.payload = static_cast<const unsigned char *>(data) + kHeaderSize;
+    return in.header.size <= len - kHeaderSize && tav_ipc_hdr_magic(&in.header) == in.header.magic;
+}
+
+// Do the lengths that the message carries lie inside it, and is what it claims acceptable?
+bool restorable(const Incoming &in) {
+    const uint32_t size = in.header.size;
+    if (size < kAppHeaderSize) return false;
+    const uint32_t body = app_body_length(in.payload);
+    if (uint64_t{kAppHeaderSize} + body > size) return false;
+    return body < kEnvelopeHeader || load_be32(in.payload + kAppHeaderSize) <= kMaxRestored;
+}
+
+// Replaces a compressed application message by its plain form.
+bool ipc_uncompress_msg(Incoming &in) {
+    void *out = nullptr;
+    const int32_t result = restorable(in) ? tav_msg_uncompress2(in.payload, &out, kHeaderSize, 0)
+                                          : static_cast<int32_t>(TAV_COMPRESS_BAD_ARG);
+    MallocPtr<unsigned char> restored(static_cast<unsigned char *>(out));
+    if (result != TAV_COMPRESS_OK) {
+        TAV_LOG_LIMITED(2, "tav_ipc", "uncompress msg failed, ret = %d", result);
+        return false;
+    }
+    tav_ipc_hdr_st header = in.header;
+    header.flags &= static_cast<uint16_t>(~IPC_FLAG_COMPRESSED);
+    header.size = kAppHeaderSize + app_body_length(restored.get() + kHeaderSize);
+    std::memcpy(restored.get(), &header, kHeaderSize);
+    TAV_LOG(4, "tav_ipc", "uncompress msg success, curr_size=%u, uncompress_size=%u", in.header.size,
+            header.size);
+    in.replace(std::move(restored));
+    return true;
+}
+
+void acknowledge(tav_ipc_st *ipc, const Incoming &in, int32_t result) {
+    uint32_t reqid = in.header.reqid; // written back by the send path when it is 0
+    (void)tav_ipc_send_with_flags(ipc, &in.header.src, 0, &result, sizeof result, IPC_FLAG_ACK, &reqid);
+}
+
+void dispatch(tav_ipc_st *ipc, const Incoming &in) {
+    const tav_ipc_hdr_st &header = in.header;
+    if (header.flags & (IPC_FLAG_RESPONSE | IPC_FLAG_ACK)) return; // nothing is ever outstanding
+    const int32_t result = header.flags & IPC_FLAG_FILE ? IPC_ERR_NOT_SUPPORTED : IPC_OK;
+    if (header.flags & IPC_FLAG_NEED_ACK) acknowledge(ipc, in, result);
+    if (header.flags & (IPC_FLAG_FILE | IPC_FLAG_PROBE)) return;
+    if ((header.flags & IPC_FLAG_REQUEST) && ipc->on_request)
+        ipc->on_request(ipc, &header.src, header.reqid, header.cmd, in.payload, header.size,
+                        ipc->on_request_arg);
+    else if (ipc->msg_recv)
+        ipc->msg_recv(ipc, &header.src, header.cmd, in.payload, header.size, ipc->msg_recv_arg);
+}
+
+} // namespace
+
+void ipc_on_recv(cl_dunix_t, const void *data, uint32_t len, const cl_sockaddr_t *, int status,
+                 void *context) {
+    auto *ipc = static_cast<tav_ipc_st *>(context);
+    if (!ipc) return;
+    Incoming in{}; // outlives the guard: its buffer is freed last
+    UseGuard guard(ipc, "ipc_on_recv");
+    if (!validate(data, len, status, in)) return;
+    if (is_fragment(in.header)) {
+        MallocPtr<unsigned char> message = add_fragment(ipc, in.header, in.payload);
+        if (!message) return;
+        in.replace(std::move(message));
+    }
+    if ((in.header.flags & IPC_FLAG_COMPRESSED) && !ipc_uncompress_msg(in)) return;
+    TAV_TRACE(&in.header, "recv from dunix");
+    dispatch(ipc, in);
+}
+
+} // namespace tavipc
