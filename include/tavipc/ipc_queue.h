@@ -62,6 +62,7 @@ typedef struct ipc_queue_st {
     cl_dunix_t *fd_pool;      /* fd_pool_count sockets, 0 = not made yet */
     uint32_t fd_pool_next;
     uint32_t fd_pool_count;
+    int *destroyed; /* private: tells a running consume pass that the queue is gone */
 } ipc_queue_st;
 
 TAVIPC_BEGIN_DECLS

@@ -1,0 +1,98 @@
+// Module infos and the socket pool.
+//
+// A module info is made at the first lookup of its name and lives until it is idle (nothing queued, nothing
+// in flight) and somebody asks for its release: the hourly sweep, or the transmitter when there are very
+// many. The pool is a fixed array of slots taken round-robin by new module infos; a slot's socket is made
+// when it is first taken and stays until the queue is destroyed, shared by all that took the slot.
+#include "ipc/module_info.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace tavipc {
+namespace {
+
+constexpr int kSocketAttempts = 3;
+constexpr uint64_t kIdleLimit_ms = 3'600'000;
+
+// The socket of the next slot, and on to the slot after it; 0 when none can be made.
+cl_dunix_t take_pool_socket(ipc_queue_st &queue) {
+    if (!queue.fd_pool || queue.fd_pool_count == 0) return 0;
+    cl_dunix_t &slot = queue.fd_pool[queue.fd_pool_next];
+    for (int attempt = 0; !slot && attempt < kSocketAttempts; ++attempt) {
+        char name[64];
+        str_snprintf(name, sizeof name, "ipc%d_%d", static_cast<int>(getpid()), rand() % 10000);
+        slot = create_unix_socket(queue.location, name);
+    }
+    if (slot) queue.fd_pool_next = (queue.fd_pool_next + 1) % queue.fd_pool_count;
+    return slot;
+}
+
+mod_info_st *add_module_info(ipc_queue_st &queue, const char *name, uint32_t length) {
+    mod_info_st *mod = new_module_info(0);
+    if (!mod) return nullptr;
+    mod->sock = take_pool_socket(queue);
+    if (!mod->sock || xhash_insert(queue.mods, name, length, mod) != 0) {
+        std::free(mod);
+        return nullptr;
+    }
+    ++queue.mod_count;
+    mod->name_len = length;
+    std::memcpy(mod->name, name, length + 1);
+    return mod;
+}
+
+struct Sweep {
+    ipc_queue_st *queue;
+    uint64_t now;
+};
+
+int sweep_visit(const void *, uint32_t, void *value, void *context) {
+    auto *mod = static_cast<mod_info_st *>(value);
+    const auto *sweep = static_cast<const Sweep *>(context);
+    if (mod->last_used + kIdleLimit_ms < sweep->now) free_mod_info(mod, sweep->queue);
+    return 0;
+}
+
+} // namespace
+
+mod_info_st *new_module_info(cl_dunix_t sock) {
+    auto *mod = static_cast<mod_info_st *>(std::calloc(1, sizeof(mod_info_st)));
+    if (!mod) return nullptr;
+    mod->sock = sock;
+    mod->last_used = cl_event_loop_now();
+    return mod;
+}
+
+} // namespace tavipc
+
+extern "C" {
+
+mod_info_st *ipc_queue_find_mod(ipc_queue_st *queue, const char *name) noexcept {
+    if (!queue || !queue->mods || !name) return nullptr;
+    const size_t length = strnlen(name, sizeof(mod_info_st::name));
+    if (length >= sizeof(mod_info_st::name)) return nullptr;
+    void *found = nullptr;
+    if (xhash_search(queue->mods, name, static_cast<uint32_t>(length), &found) == 0) {
+        auto *mod = static_cast<mod_info_st *>(found);
+        mod->last_used = cl_event_loop_now();
+        return mod;
+    }
+    return tavipc::add_module_info(*queue, name, static_cast<uint32_t>(length));
+}
+
+void free_mod_info(mod_info_st *mod, ipc_queue_st *queue) noexcept {
+    if (!mod || !queue || !queue->mods || mod == queue->default_mod) return;
+    if (mod->queued != 0 || mod->sending != 0) return;
+    --queue->mod_count;
+    xhash_delete(queue->mods, mod->name, mod->name_len);
+}
+
+void free_mod_info_hash(ipc_queue_st *queue) noexcept {
+    if (!queue || !queue->mods) return;
+    tavipc::Sweep sweep{queue, cl_event_loop_now()};
+    xhash_walk(queue->mods, &sweep, tavipc::sweep_visit);
+}
+
+} // extern "C"

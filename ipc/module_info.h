@@ -1,0 +1,21 @@
+// Module infos: the per-destination counters of a delivery queue.
+#pragma once
+
+#include "tavipc/ipc_queue.h"
+
+namespace tavipc {
+
+// A zeroed module info, used now, that sends through sock. Null when memory is short. From malloc: the
+// queue's table releases it with free, its sockets are never its own.
+mod_info_st *new_module_info(cl_dunix_t sock);
+
+inline void add_record(mod_info_st &mod, uint32_t size) {
+    ++mod.queued;
+    mod.queued_bytes = mod.queued_bytes > UINT32_MAX - size ? UINT32_MAX : mod.queued_bytes + size;
+}
+inline void take_record(mod_info_st &mod, uint32_t size) {
+    if (mod.queued > 0) --mod.queued;
+    mod.queued_bytes -= mod.queued_bytes < size ? mod.queued_bytes : size;
+}
+
+} // namespace tavipc
