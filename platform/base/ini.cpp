@@ -1,0 +1,182 @@
+// INI files, parsed by libinih from a copy in memory.
+//
+// The file is read whole (bounded) and handed over line by line. A line that would not fit libinih's buffer
+// is never passed in pieces: it is skipped, and a section head that is too long opens a section that nobody
+// can ask for, so that its keys are not taken for the previous section's.
+#include "tavbase.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include <fcntl.h>
+#include <ini.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+struct ini_file {
+    std::unordered_map<std::string, std::string> values; // section NUL key -> value
+};
+
+namespace {
+
+constexpr size_t kMaxFile = 1 << 20;
+constexpr int kLineBuffer = 4096;
+constexpr size_t kMaxSectionHead = 49 + 2; // libinih keeps 49 characters of a section name
+constexpr std::string_view kUnreachableSection = "[\x01]";
+
+std::string join(std::string_view section, std::string_view key) {
+    std::string joined;
+    joined.reserve(section.size() + 1 + key.size());
+    return joined.append(section).append(1, '\0').append(key);
+}
+
+class FileDescriptor {
+  public:
+    // Non-blocking: opening a FIFO must not wait for its writer.
+    explicit FileDescriptor(const char *path) : fd_(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
+    FileDescriptor(const FileDescriptor &) = delete;
+    FileDescriptor &operator=(const FileDescriptor &) = delete;
+    ~FileDescriptor() {
+        if (fd_ >= 0) close(fd_);
+    }
+    int get() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+// The text of a regular file. 0 or an errno value.
+int read_file(const char *path, std::string &text) {
+    const FileDescriptor file(path);
+    if (file.get() < 0) return errno;
+    struct stat status;
+    if (fstat(file.get(), &status) != 0) return errno;
+    if (S_ISDIR(status.st_mode)) return EISDIR;
+    if (!S_ISREG(status.st_mode)) return EINVAL;
+    if (status.st_size > static_cast<off_t>(kMaxFile)) return EFBIG;
+    char block[16384];
+    for (;;) { // to its end, not to its size: files of /proc say 0, and a file may be growing
+        const ssize_t got = read(file.get(), block, sizeof block);
+        if (got == 0) return 0;
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return errno;
+        text.append(block, static_cast<size_t>(got));
+        if (text.size() > kMaxFile) return EFBIG;
+    }
+}
+
+// Feeds libinih. Each line comes whole and with a line end.
+class LineReader {
+  public:
+    explicit LineReader(std::string_view text) : rest_(text) {
+        if (rest_.starts_with("\xEF\xBB\xBF")) rest_.remove_prefix(3);
+    }
+
+    static char *next(char *buffer, int size, void *self) {
+        return static_cast<LineReader *>(self)->next(buffer, static_cast<size_t>(size));
+    }
+
+  private:
+    char *next(char *buffer, size_t size) {
+        while (!rest_.empty()) {
+            const std::string_view line = usable(take_line(), size);
+            if (line.empty()) continue;
+            memcpy(buffer, line.data(), line.size());
+            memcpy(buffer + line.size(), "\n", 2);
+            return buffer;
+        }
+        return nullptr;
+    }
+
+    std::string_view take_line() {
+        const size_t end = rest_.find('\n');
+        std::string_view line = rest_.substr(0, end);
+        rest_.remove_prefix(end == rest_.npos ? rest_.size() : end + 1);
+        // libinih would take an indented line for a continuation of the previous value.
+        line.remove_prefix(std::min(line.find_first_not_of(" \t\r\v\f"), line.size()));
+        return line;
+    }
+
+    // The line, a stand-in, or nothing.
+    static std::string_view usable(std::string_view line, size_t size) {
+        const bool fits = line.size() + 2 <= size && line.find('\0') == line.npos;
+        if (line.starts_with('[')) {
+            const size_t head = line.find(']');
+            if (head != line.npos && (!fits || head + 1 > kMaxSectionHead)) return kUnreachableSection;
+        }
+        return fits ? line : std::string_view();
+    }
+
+    std::string_view rest_;
+};
+
+struct Loading {
+    ini_file_t *file;
+    bool out_of_memory = false;
+
+    static int keep(void *self, const char *section, const char *name, const char *value) {
+        auto *loading = static_cast<Loading *>(self);
+        if (!name || !value) return 1;
+        try {
+            loading->file->values.try_emplace(join(section, name), value); // the first of duplicates stays
+        } catch (const std::exception &) {
+            loading->out_of_memory = true; // not through the C frames of the parser
+        }
+        return 1;
+    }
+};
+
+// libinih's own buffer has 200 bytes.
+void allow_long_lines() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        ini_initial_alloc = kLineBuffer;
+        ini_use_stack = false;
+    });
+}
+
+ini_file_t *fail(int error) {
+    errno = error;
+    return nullptr;
+}
+
+} // namespace
+
+ini_file_t *ini_file_load(const char *path) noexcept {
+    if (!path) return fail(EINVAL);
+    try {
+        std::string text;
+        if (const int error = read_file(path, text); error != 0) return fail(error);
+        allow_long_lines();
+        auto file = std::make_unique<ini_file>();
+        LineReader lines(text);
+        Loading loading{file.get()};
+        const int result = ini_parse_stream(LineReader::next, &lines, Loading::keep, &loading);
+        if (loading.out_of_memory || result == -2) return fail(ENOMEM);
+        return file.release();
+    } catch (const std::exception &) {
+        return fail(ENOMEM);
+    }
+}
+
+const char *ini_file_get(const ini_file_t *file, const char *section, const char *key) noexcept {
+    if (!file || !section || !key) return nullptr;
+    const int saved_errno = errno;
+    const char *value = nullptr;
+    try {
+        const auto found = file->values.find(join(section, key));
+        if (found != file->values.end()) value = found->second.c_str();
+    } catch (const std::exception &) {
+    }
+    errno = saved_errno;
+    return value;
+}
+
+void ini_file_free(ini_file_t *file) noexcept { delete file; }
