@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "tavbase.h"
+#include "tavcl_ev.h"
 #include "tavipc/tav_ipc.h"
 
 namespace tavipc {
@@ -16,6 +18,9 @@ struct ProcessState {
     ipc_proxy_conf_st conf{};  // its record
     bool trace_all = false;    // mirrors whether /tmp/ipc_debug exists
     uint64_t trace_looked = 0; // loop clock, ms, of the last look for it
+    bool file_ids_seeded = false;
+    xhash_t *received_files = nullptr; // file id -> received file; lives as long as the process
+    cl_timer_t file_sweep_timer = 0;
 };
 
 inline ProcessState &process_state() {

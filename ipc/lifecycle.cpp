@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "ipc/endpoint.h"
+#include "ipc/exchanges.h"
 #include "ipc/ipc_process.h"
 #include "ipc/log.h"
 #include "ipc/out_of_memory.h"
@@ -21,8 +22,6 @@ struct Options {
     bool temp;
     uint32_t accept_files;
 };
-
-uint64_t ipc_req_now() { return static_cast<uint64_t>(time(nullptr)) * 1000; }
 
 void mod_sweep_tick(void *argument) {
     auto *ipc = static_cast<tav_ipc_st *>(argument);
@@ -50,12 +49,6 @@ void close_queue(tav_ipc_st *ipc) {
     destroy_ipc_queue(ipc->queue);
     std::free(ipc->queue);
     ipc->queue = nullptr;
-}
-
-bool open_requests(tav_ipc_st *ipc) {
-    if (ipc_req_manager_init(&ipc->req_mgr, std::free, nullptr, ipc) != 0) return false;
-    ipc_req_manager_set_now_getter(&ipc->req_mgr, ipc_req_now);
-    return true;
 }
 
 void stop_timer(cl_timer_t &timer) {
@@ -131,7 +124,7 @@ void tav_ipc_destroy(tav_ipc_st *ipc) noexcept {
                 static_cast<long>(users));
     EndpointPin pin(ipc); // releases the record here, or in the outermost frame that is still inside
     ipc->closed = true;
-    ipc_req_manager_uninit(&ipc->req_mgr);
+    close_requests(ipc);
     close_queue(ipc);
     release_fragments(ipc);
     stop_timer(ipc->mod_sweep_timer);

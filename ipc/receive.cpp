@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "ipc/endpoint.h"
+#include "ipc/exchanges.h"
 #include "ipc/log.h"
 #include "ipc/msg_trace.h"
 #include "ipc/reassembly.h"
@@ -72,10 +73,27 @@ void acknowledge(tav_ipc_st *ipc, const Incoming &in, int32_t result) {
     (void)tav_ipc_send_with_flags(ipc, &in.header.src, 0, &result, sizeof result, IPC_FLAG_ACK, &reqid);
 }
 
+// The code of an acknowledgement: its payload, or 0 when that is no 4-byte number.
+int32_t acknowledged_code(const Incoming &in) {
+    int32_t code = 0;
+    if (in.header.size == sizeof code) std::memcpy(&code, in.payload, sizeof code);
+    return code;
+}
+
+int32_t save_chunk(tav_ipc_st *ipc, const Incoming &in) {
+    if (!ipc->accept_files) return IPC_ERR_NOT_SUPPORTED;
+    return tav_ipc_save_file(ipc, &in.header.src, in.header.cmd, in.payload, in.header.size);
+}
+
 void dispatch(tav_ipc_st *ipc, const Incoming &in) {
     const tav_ipc_hdr_st &header = in.header;
-    if (header.flags & (IPC_FLAG_RESPONSE | IPC_FLAG_ACK)) return; // nothing is ever outstanding
-    const int32_t result = header.flags & IPC_FLAG_FILE ? IPC_ERR_NOT_SUPPORTED : IPC_OK;
+    if (header.flags & IPC_FLAG_RESPONSE)
+        return ipc_complete_request(ipc, header.reqid, IPC_OK, header.cmd, in.payload, header.size);
+    if (header.flags & IPC_FLAG_ACK)
+        return ipc_complete_request(ipc, header.reqid, acknowledged_code(in), 0, nullptr, 0);
+
+    const int32_t result = header.flags & IPC_FLAG_FILE ? save_chunk(ipc, in) : IPC_OK;
+    if (ipc->closed) return; // by the file callback
     if (header.flags & IPC_FLAG_NEED_ACK) acknowledge(ipc, in, result);
     if (header.flags & (IPC_FLAG_FILE | IPC_FLAG_PROBE)) return;
     if ((header.flags & IPC_FLAG_REQUEST) && ipc->on_request)

@@ -113,8 +113,15 @@ typedef int (*tav_ipc_msg_cb)(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t 
 /* A request: the same with the id that its response must carry. */
 typedef int (*tav_ipc_request_cb)(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, uint32_t cmd,
                                   const void *data, uint32_t size, void *user);
-/* A whole file arrived at path. */
+/* A whole file arrived at path. The file belongs to the library, which removes it 5 to 6 minutes after its
+ * last data came: rename or copy it to keep it. */
 typedef int (*tav_ipc_file_cb)(tav_ipc_st *ipc, const char *path, void *user);
+
+/* Completion of a request: code 0 with the response's command code and payload (len bytes); else a negative
+ * code (or the peer's) with cmd 0, data null, len 0. Runs exactly once. */
+typedef int (*tav_ipc_response_cb)(int32_t code, uint32_t cmd, const void *data, uint32_t len, void *user);
+/* Completion of a confirmed message, a probe or a file: runs exactly once. */
+typedef int (*tav_ipc_status_cb)(int32_t code, void *user);
 
 /* --- addresses --------------------------------------------------------------------------------- */
 
@@ -212,6 +219,61 @@ TAVIPC_API int tav_ipc_send_with_flags(tav_ipc_st *ipc, const tav_addr_st *dest,
  * caller's and is not changed. */
 TAVIPC_API int tav_ipc_send_raw(tav_ipc_st *ipc, const char *dpipe, const void *datagram) TAVIPC_NOEXCEPT;
 
+/* --- exchanges -----------------------------------------------------------------------------------
+ * Each completes exactly once, through its callback (null: nobody is told): with the answer;
+ * with IPC_ERR_TIMEOUT when timeout_s seconds have passed (counted in whole seconds of the wall clock and
+ * looked at once a second, so up to two seconds late; 0 ends with the second, a negative one at once);
+ * with IPC_ERR_CLOSED when the endpoint is destroyed, from inside tav_ipc_destroy; or with the send path's
+ * IPC_ERR_SENDTO (null arguments too) from the loop, 1 ms later. On an endpoint that is being destroyed
+ * nothing is sent and the exchange completes 1 ms later with IPC_ERR_CLOSED. The callback never runs from
+ * inside the starting call, and may do anything. Short memory ends the process with exit status 0. */
+
+/* Sends a request; the peer's application answers it with tav_ipc_response. */
+TAVIPC_API void tav_ipc_make_request(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,
+                                     uint32_t len, tav_ipc_response_cb callback, void *user,
+                                     int32_t timeout_s) TAVIPC_NOEXCEPT;
+
+/* Answers the request reqid of dest, both as the on_request callback got them. A response that is lost shows
+ * as the requester's time-out. */
+TAVIPC_API void tav_ipc_response(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t reqid, uint32_t cmd,
+                                 const void *data, uint32_t len) TAVIPC_NOEXCEPT;
+
+/* Sends a message whose arrival the peer's library confirms: code 0 means delivered. */
+TAVIPC_API void tav_ipc_send2(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,
+                              uint32_t len, tav_ipc_status_cb callback, void *user,
+                              int32_t timeout_s) TAVIPC_NOEXCEPT;
+
+/* Asks whether the endpoint receives: code 0 if so, IPC_ERR_TIMEOUT after 5 seconds if not. The peer's
+ * application does not see it. */
+TAVIPC_API void tav_ipc_probe(tav_ipc_st *ipc, const tav_addr_st *dest, tav_ipc_status_cb callback,
+                              void *user) TAVIPC_NOEXCEPT;
+
+/* --- files ----------------------------------------------------------------------------------------
+ * A file travels in chunks of 64,000 bytes, each confirmed before the next is sent, into a temporary file
+ * under /tmp at the receiver, whose file callback then gets its path. Received files are kept per process:
+ * one thread of a process drives all endpoints that receive files. */
+
+/* Sends the file at path. callback runs exactly once: with the transfer's id (0 or positive) when the peer
+ * has it all; else with a negative code: IPC_ERR_OPEN_FILE, IPC_ERR_NOMEM and, for a null endpoint or
+ * destination, IPC_ERR_SENDTO from inside this call; later IPC_ERR_TIMEOUT (no confirmation of a chunk within
+ * timeout_s seconds), IPC_ERR_CLOSED, IPC_ERR_SENDTO, or the peer's IPC_ERR_FILE_ID, IPC_ERR_IO,
+ * IPC_ERR_FILE_CLOSED, IPC_ERR_NOT_SUPPORTED. */
+TAVIPC_API void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *path,
+                                  tav_ipc_status_cb callback, void *user, int32_t timeout_s) TAVIPC_NOEXCEPT;
+
+/* A random transfer id, not negative, for a destination's host id. */
+TAVIPC_API int32_t tav_ipc_get_random_file_id(uint32_t hostid) TAVIPC_NOEXCEPT;
+
+/* Saves one chunk of the file file_id from src: len bytes, 0 = the file is complete (the endpoint's file
+ * callback then runs, and may destroy the endpoint). 0; IPC_ERR_FILE_ID when another source uses the id,
+ * IPC_ERR_FILE_CLOSED when the file is complete already, IPC_ERR_IO when it cannot be written. */
+TAVIPC_API int32_t tav_ipc_save_file(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t file_id,
+                                     const void *data, uint32_t len) TAVIPC_NOEXCEPT;
+
+/* The path of a complete received file, valid until the library removes it; null when the id is unknown or
+ * the file is still being written. ipc is not used. */
+TAVIPC_API const char *tav_ipc_get_file_path(tav_ipc_st *ipc, uint32_t file_id) TAVIPC_NOEXCEPT;
+
 /* --- diagnosis and configuration ---------------------------------------------------------------- */
 
 /* Writes one line "[MSG TRACE] ..." about header (null: nothing) with the caller's text at log level 4, when
@@ -231,6 +293,10 @@ TAVIPC_API int load_ipc_proxy_conf(const char *path) TAVIPC_NOEXCEPT;
 TAVIPC_API ipc_proxy_conf_st *get_ipc_proxy_conf(void) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS
+
+/* Calls the endpoint's file callback, if it is set, with path. */
+TAVIPC_API void tav_ipc_emit_file(tav_ipc_st *ipc, const char *path) TAVIPC_NOEXCEPT
+    TAVIPC_ENCODED("_Z17tav_ipc_emit_fileP10tav_ipc_stPKc");
 
 /* Seeds rand() with the monotonic milliseconds and returns one draw. */
 TAVIPC_API int ipc_rand_by_time(void) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z16ipc_rand_by_timev");
