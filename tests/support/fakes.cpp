@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
