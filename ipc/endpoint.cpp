@@ -7,25 +7,35 @@
 #include "tavipc/tav_agentid.h"
 
 namespace tavipc {
+namespace {
+
+// Written by whoever enters first while another thread may read it: that is what the guard is there to see.
+std::atomic_ref<pthread_t> owner(tav_ipc_st *ipc) { return std::atomic_ref(ipc->owner_thread); }
+
+} // namespace
 
 UseGuard::UseGuard(tav_ipc_st *ipc, const char *label) : pin_(ipc), ipc_(ipc) {
     if (!ipc_) return;
     const int users = atomic_add_and_fetch(&ipc_->use_count, 1);
     const pthread_t self = pthread_self();
     if (users == 1) {
-        ipc_->owner_thread = self;
-    } else if (users > 1 && ipc_->owner_thread != self) {
+        owner(ipc_).store(self, std::memory_order_relaxed);
+        return;
+    }
+    const pthread_t conflicting = owner(ipc_).load(std::memory_order_relaxed);
+    if (users > 1 && conflicting != self) {
         TAV_LOG(
             1, "tav_ipc",
             "[ipc_thread_safe: %s]concurrent access ipc handler: %ld, ipc_name: %.10s, curr_thread_id: %ld, "
             "conflict_thread_id: %ld",
             label, static_cast<long>(users), ipc_->my_addr.name, static_cast<long>(self),
-            static_cast<long>(ipc_->owner_thread));
+            static_cast<long>(conflicting));
     }
 }
 
 UseGuard::~UseGuard() {
-    if (ipc_ && atomic_add_and_fetch(&ipc_->use_count, -1) == 0) ipc_->owner_thread = 0;
+    if (ipc_ && atomic_add_and_fetch(&ipc_->use_count, -1) == 0)
+        owner(ipc_).store(0, std::memory_order_relaxed);
 }
 
 } // namespace tavipc

@@ -8,6 +8,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -41,7 +42,7 @@ struct tav_ipc_st {
     pthread_t owner_thread; // who entered the guard first; 0 when idle
     // Not part of the record's documented layout:
     bool closed;
-    uint32_t pins;
+    uint32_t pins;                  // atomic as use_count is: a reported second thread must not unbalance it
     tavipc::SendContext *in_flight; // sends whose completion has not come, newest first
 };
 static_assert(std::is_standard_layout_v<tav_ipc_st> && std::is_trivial_v<tav_ipc_st>);
@@ -58,10 +59,10 @@ template <typename T> using MallocPtr = std::unique_ptr<T, Free>;
 class EndpointPin {
   public:
     explicit EndpointPin(tav_ipc_st *ipc) : ipc_(ipc) {
-        if (ipc_) ++ipc_->pins;
+        if (ipc_) std::atomic_ref(ipc_->pins).fetch_add(1);
     }
     ~EndpointPin() {
-        if (ipc_ && --ipc_->pins == 0 && ipc_->closed) std::free(ipc_);
+        if (ipc_ && std::atomic_ref(ipc_->pins).fetch_sub(1) == 1 && ipc_->closed) std::free(ipc_);
     }
     EndpointPin(const EndpointPin &) = delete;
     EndpointPin &operator=(const EndpointPin &) = delete;
