@@ -79,7 +79,8 @@ const char *tav_location_name(int location) noexcept {
     try {
         if (facts().file) {
             const std::string key = std::to_string(location);
-            if (const char *name = ini_file_get(facts().file, "locations", key.c_str())) return name;
+            if (const char *name = ini_file_get(facts().file, "locations", key.c_str()); name && *name)
+                return name;
         }
         return number_text(location);
     } catch (const std::exception &) {

@@ -133,13 +133,10 @@ struct Loading {
     }
 };
 
-// libinih's own buffer has 200 bytes.
+// libinih starts with lines of 200 bytes; where somebody has set it otherwise, its choice of memory stays.
 void allow_long_lines() {
     static std::once_flag once;
-    std::call_once(once, [] {
-        ini_initial_alloc = kLineBuffer;
-        ini_use_stack = false;
-    });
+    std::call_once(once, [] { ini_max_line = std::max(ini_max_line, kLineBuffer); });
 }
 
 ini_file_t *fail(int error) {

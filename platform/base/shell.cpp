@@ -144,6 +144,7 @@ bool supervise(pid_t pid, Descriptor &pipe, Capture &capture, int &status) {
         if (ended) return true;
     }
     kill(-pid, SIGKILL);
+    kill(pid, SIGKILL); // in case it has left its group
     has_ended(pid, 0, status);
     drain(pipe, capture);
     return false;
