@@ -1,0 +1,28 @@
+// A file read at once, for the files of the allow-list.
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+
+namespace tavipc {
+
+inline constexpr long kMaxWholeFile = 10'485'760;
+
+struct FreeMemory {
+    void operator()(void *memory) const { std::free(memory); }
+};
+
+// A file's bytes and a NUL behind them; null bytes when it could not be read.
+struct WholeFile {
+    std::unique_ptr<char, FreeMemory> bytes;
+    size_t size = 0;
+
+    explicit operator bool() const { return bytes != nullptr; }
+    const char *text() const { return bytes.get(); }
+};
+
+// Reads a file of 1 to max_size bytes (max_size: 1 to kMaxWholeFile). Logs why it could not.
+[[nodiscard]] WholeFile read_whole_file(const char *path, long max_size) noexcept;
+
+} // namespace tavipc
