@@ -3,6 +3,7 @@
 // Every result is one allocation: the caller's reserve, then the envelope or the data. It is never cleared:
 // its size follows from a length that nobody has proven yet, and untouched pages cost nothing. Sums are made
 // in 64 bits; what does not fit the 32-bit lengths of the interface counts as lack of memory.
+#include <cstddef>
 #include <cstdlib>
 #include <limits>
 #include <memory>

@@ -63,7 +63,7 @@ std::string base64(const std::string &bytes) {
 
 const std::string kName = "ipc_crypt_test";
 std::string list_of(const std::string &entries) { return "{\"version\": 7, \"linux\": [" + entries + "]}"; }
-const std::string kGoodList = list_of("\"" + sha256("other") + "\", 5, \"" + sha256(kName) + "\"");
+const std::string kGoodList = list_of("\"" + sha256("other") + "\", 5, \"" + sha256(kName) + "\", \"last\"");
 
 class Gate : public FakeWorld {
   protected:
