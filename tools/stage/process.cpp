@@ -1,0 +1,146 @@
+#include "process.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tavipc::stage {
+
+namespace {
+
+std::vector<char *> child_environment(const std::vector<std::string> &extra) {
+    std::vector<char *> result;
+    for (char **entry = environ; *entry; ++entry) {
+        const std::string_view inherited(*entry);
+        const auto name = inherited.substr(0, inherited.find('=') + 1);
+        const auto replaces = [&](const std::string &e) { return e.compare(0, name.size(), name) == 0; };
+        // A test or demo says itself what its modules trace and log.
+        if (name == "IPC_TEST=" || name == "TAV_LOG_LEVEL=" || name == "TAV_INSTALL_ROOT=") continue;
+        if (std::none_of(extra.begin(), extra.end(), replaces)) result.push_back(*entry);
+    }
+    for (const auto &entry : extra) result.push_back(const_cast<char *>(entry.c_str()));
+    result.push_back(nullptr);
+    return result;
+}
+
+} // namespace
+
+Process::Process(const std::filesystem::path &program, const std::vector<std::string> &environment)
+    : name_(program.filename()) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends))
+        throw std::system_error(errno, std::generic_category(), "socketpair");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    std::string path = program;
+    char *arguments[] = {path.data(), nullptr};
+    const int error =
+        posix_spawn(&pid_, path.c_str(), &actions, nullptr, arguments, child_environment(environment).data());
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    socket_ = ends[0];
+    if (error) {
+        close(socket_);
+        throw std::system_error(error, std::generic_category(), "cannot start " + path);
+    }
+}
+
+Process::Process(Process &&other) noexcept
+    : name_(std::move(other.name_)), pid_(std::exchange(other.pid_, -1)),
+      socket_(std::exchange(other.socket_, -1)), partial_(std::move(other.partial_)),
+      events_(std::move(other.events_)) {}
+
+Process::~Process() {
+    if (pid_ > 0) kill();
+    if (socket_ >= 0) close(socket_);
+}
+
+void Process::say(std::string_view command) {
+    const std::string line = std::string(command) + '\n';
+    if (send(socket_, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()))
+        throw std::runtime_error(name_ + " takes no commands any more");
+}
+
+std::string Process::expect(std::string_view beginning, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    size_t looked_at = 0;
+    for (;;) {
+        for (; looked_at < events_.size(); ++looked_at) {
+            if (events_[looked_at].compare(0, beginning.size(), beginning) != 0) continue;
+            std::string rest = events_[looked_at].substr(beginning.size());
+            events_.erase(events_.begin() + static_cast<std::ptrdiff_t>(looked_at));
+            return rest;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left > 0ms && read_some(left)) continue;
+        std::string said;
+        for (size_t i = events_.size() - std::min<size_t>(events_.size(), 5); i < events_.size(); ++i)
+            said += "\n    " + events_[i];
+        throw std::runtime_error(name_ + (left > 0ms ? " ended without \"" : " did not say in time \"") +
+                                 std::string(beginning) + "\"; its last words:" + said);
+    }
+}
+
+std::string Process::ask(std::string_view command, std::string_view beginning) {
+    say(command);
+    return expect(beginning);
+}
+
+bool Process::heard(std::string_view text) const {
+    return std::any_of(events_.begin(), events_.end(),
+                       [&](const std::string &event) { return event.find(text) != std::string::npos; });
+}
+
+// Reads what the child wrote, waiting for it up to the limit. False at its end or when the time is over.
+bool Process::read_some(std::chrono::milliseconds limit) {
+    pollfd waiting{socket_, POLLIN, 0};
+    if (poll(&waiting, 1, static_cast<int>(limit.count())) <= 0) return false;
+    char buffer[65536];
+    const ssize_t got = read(socket_, buffer, sizeof buffer);
+    if (got <= 0) return false;
+    partial_.append(buffer, static_cast<size_t>(got));
+    size_t begin = 0;
+    for (size_t end; (end = partial_.find('\n', begin)) != std::string::npos; begin = end + 1)
+        events_.push_back(partial_.substr(begin, end - begin));
+    partial_.erase(0, begin);
+    return true;
+}
+
+int Process::finish() {
+    shutdown(socket_, SHUT_WR);
+    while (read_some(60s)) {
+    }
+    ::kill(pid_, SIGKILL); // no effect on one whose output has ended with it: only one that hangs is left
+    int status = 0;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+int Process::kill() {
+    ::kill(pid_, SIGKILL);
+    return finish();
+}
+
+std::vector<std::string> words(std::string_view text) {
+    std::istringstream stream{std::string(text)};
+    std::vector<std::string> result;
+    for (std::string word; stream >> word;) result.push_back(word);
+    return result;
+}
+
+} // namespace tavipc::stage

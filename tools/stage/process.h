@@ -1,0 +1,55 @@
+// A child process driven by lines: commands go to its standard input, its standard output gives events.
+//
+// Events are kept in the order they came until somebody asks for them, so nothing has to be awaited at the
+// right moment. A wait that runs out of time, or a child that ends while it is waited for, throws with what
+// the child said last. The child ends with its Process object.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace tavipc::stage {
+
+using namespace std::chrono_literals;
+
+class Process {
+  public:
+    // environment: "NAME=value" entries on top of this process's own.
+    Process(const std::filesystem::path &program, const std::vector<std::string> &environment = {});
+    ~Process();
+    Process(Process &&other) noexcept;
+    Process &operator=(Process &&) = delete;
+
+    void say(std::string_view command);
+    // Takes the first event that begins with the text and returns what follows it.
+    std::string expect(std::string_view beginning, std::chrono::milliseconds limit = 60s);
+    // say, then expect.
+    std::string ask(std::string_view command, std::string_view beginning);
+    // Ends its input and waits until it has ended, its events included. Returns its exit status, or minus the
+    // number of the signal that ended it.
+    int finish();
+    // The same after a SIGKILL.
+    int kill();
+    // Whether an event that nobody took holds the text.
+    bool heard(std::string_view text) const;
+
+  private:
+    bool read_some(std::chrono::milliseconds limit);
+
+    std::string name_;
+    pid_t pid_ = -1;
+    int socket_ = -1; // the other end is its standard input and output
+    std::string partial_;
+    std::deque<std::string> events_;
+};
+
+// The blank-separated words of an event.
+std::vector<std::string> words(std::string_view text);
+
+} // namespace tavipc::stage
