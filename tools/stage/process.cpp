@@ -6,8 +6,8 @@
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -17,6 +17,11 @@
 namespace tavipc::stage {
 
 namespace {
+
+std::vector<Process *> &all_processes() {
+    static std::vector<Process *> processes;
+    return processes;
+}
 
 std::vector<char *> child_environment(const std::vector<std::string> &extra) {
     std::vector<char *> result;
@@ -37,39 +42,41 @@ std::vector<char *> child_environment(const std::vector<std::string> &extra) {
 
 Process::Process(const std::filesystem::path &program, const std::vector<std::string> &environment)
     : name_(program.filename()) {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends))
-        throw std::system_error(errno, std::generic_category(), "socketpair");
+    // A socket, because a write to a child that has gone must not raise a signal.
+    int in[2], out[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, in) || pipe2(out, O_CLOEXEC))
+        throw std::system_error(errno, std::generic_category(), "cannot make pipes");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, in[1], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     std::string path = program;
     char *arguments[] = {path.data(), nullptr};
     const int error =
         posix_spawn(&pid_, path.c_str(), &actions, nullptr, arguments, child_environment(environment).data());
     posix_spawn_file_actions_destroy(&actions);
-    close(ends[1]);
-    socket_ = ends[0];
+    close(in[1]);
+    close(out[1]);
+    to_child_ = in[0];
+    from_child_ = out[0];
     if (error) {
-        close(socket_);
+        close(to_child_);
+        close(from_child_);
         throw std::system_error(error, std::generic_category(), "cannot start " + path);
     }
+    all_processes().push_back(this);
 }
-
-Process::Process(Process &&other) noexcept
-    : name_(std::move(other.name_)), pid_(std::exchange(other.pid_, -1)),
-      socket_(std::exchange(other.socket_, -1)), partial_(std::move(other.partial_)),
-      events_(std::move(other.events_)) {}
 
 Process::~Process() {
     if (pid_ > 0) kill();
-    if (socket_ >= 0) close(socket_);
+    close(to_child_);
+    if (from_child_ >= 0) close(from_child_);
+    std::erase(all_processes(), this);
 }
 
 void Process::say(std::string_view command) {
     const std::string line = std::string(command) + '\n';
-    if (send(socket_, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()))
+    if (send(to_child_, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()))
         throw std::runtime_error(name_ + " takes no commands any more");
 }
 
@@ -85,11 +92,11 @@ std::string Process::expect(std::string_view beginning, std::chrono::millisecond
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
-        if (left > 0ms && read_some(left)) continue;
+        if (from_child_ >= 0 && left > 0ms && read_all(left)) continue;
         std::string said;
         for (size_t i = events_.size() - std::min<size_t>(events_.size(), 5); i < events_.size(); ++i)
             said += "\n    " + events_[i];
-        throw std::runtime_error(name_ + (left > 0ms ? " ended without \"" : " did not say in time \"") +
+        throw std::runtime_error(name_ + (from_child_ < 0 ? " ended without \"" : " did not say in time \"") +
                                  std::string(beginning) + "\"; its last words:" + said);
     }
 }
@@ -104,24 +111,34 @@ bool Process::heard(std::string_view text) const {
                        [&](const std::string &event) { return event.find(text) != std::string::npos; });
 }
 
-// Reads what the child wrote, waiting for it up to the limit. False at its end or when the time is over.
-bool Process::read_some(std::chrono::milliseconds limit) {
-    pollfd waiting{socket_, POLLIN, 0};
-    if (poll(&waiting, 1, static_cast<int>(limit.count())) <= 0) return false;
+// Reads what the children wrote, waiting for it up to the limit. False when nothing came.
+bool Process::read_all(std::chrono::milliseconds limit) {
+    std::vector<pollfd> waiting;
+    for (const Process *process : all_processes()) waiting.push_back({process->from_child_, POLLIN, 0});
+    if (poll(waiting.data(), waiting.size(), static_cast<int>(limit.count())) <= 0) return false;
+    for (size_t i = 0; i < waiting.size(); ++i)
+        if (waiting[i].revents) all_processes()[i]->read_some();
+    return true;
+}
+
+void Process::read_some() {
     char buffer[65536];
-    const ssize_t got = read(socket_, buffer, sizeof buffer);
-    if (got <= 0) return false;
+    const ssize_t got = read(from_child_, buffer, sizeof buffer);
+    if (got <= 0) {
+        close(from_child_);
+        from_child_ = -1;
+        return;
+    }
     partial_.append(buffer, static_cast<size_t>(got));
     size_t begin = 0;
     for (size_t end; (end = partial_.find('\n', begin)) != std::string::npos; begin = end + 1)
         events_.push_back(partial_.substr(begin, end - begin));
     partial_.erase(0, begin);
-    return true;
 }
 
 int Process::finish() {
-    shutdown(socket_, SHUT_WR);
-    while (read_some(60s)) {
+    shutdown(to_child_, SHUT_WR);
+    while (from_child_ >= 0 && read_all(60s)) {
     }
     ::kill(pid_, SIGKILL); // no effect on one whose output has ended with it: only one that hangs is left
     int status = 0;

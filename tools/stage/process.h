@@ -1,8 +1,9 @@
 // A child process driven by lines: commands go to its standard input, its standard output gives events.
 //
 // Events are kept in the order they came until somebody asks for them, so nothing has to be awaited at the
-// right moment. A wait that runs out of time, or a child that ends while it is waited for, throws with what
-// the child said last. The child ends with its Process object.
+// right moment; who waits for one child reads from all, so that none is held up by a full pipe. A wait that
+// runs out of time, or a child that ends while it is waited for, throws with what the child said last. The
+// child ends with its Process object. All of them belong to one thread.
 #pragma once
 
 #include <chrono>
@@ -23,8 +24,7 @@ class Process {
     // environment: "NAME=value" entries on top of this process's own.
     Process(const std::filesystem::path &program, const std::vector<std::string> &environment = {});
     ~Process();
-    Process(Process &&other) noexcept;
-    Process &operator=(Process &&) = delete;
+    Process(const Process &) = delete;
 
     void say(std::string_view command);
     // Takes the first event that begins with the text and returns what follows it.
@@ -40,11 +40,13 @@ class Process {
     bool heard(std::string_view text) const;
 
   private:
-    bool read_some(std::chrono::milliseconds limit);
+    static bool read_all(std::chrono::milliseconds limit);
+    void read_some();
 
     std::string name_;
     pid_t pid_ = -1;
-    int socket_ = -1; // the other end is its standard input and output
+    int to_child_ = -1;
+    int from_child_ = -1; // -1 after its end
     std::string partial_;
     std::deque<std::string> events_;
 };
