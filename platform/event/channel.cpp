@@ -1,0 +1,242 @@
+#include "channel.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include "loop.h"
+#include "status.h"
+
+namespace tavcl_ev {
+
+namespace {
+
+constexpr unsigned kBatch = 16;
+constexpr unsigned kMaxBatchesPerTurn = 4;
+constexpr uint64_t kLongestTick = 125;
+constexpr uint64_t kRetryByPath = 5;
+constexpr uint64_t kFileCheckInterval = 1000;
+constexpr int64_t kDatagramsInLoweredBuffer = 12;
+
+// About what the kernel charges to the send buffer for a datagram: its own record, and the bytes in blocks of
+// powers of two, beyond 16 KiB in pages.
+int64_t charged_bytes(uint32_t len) {
+    constexpr int64_t kRecord = 256, kTrailer = 320, kLinear = 16384, kPage = 4096;
+    const int64_t needed = len + kTrailer;
+    if (needed > kLinear) return kRecord + (needed + kPage - 1) / kPage * kPage;
+    return kRecord +
+           std::max<int64_t>(512, static_cast<int64_t>(std::bit_ceil(static_cast<uint32_t>(needed))));
+}
+
+const sockaddr *generic(const cl_sockaddr_t &address) {
+    return reinterpret_cast<const sockaddr *>(&address.addr);
+}
+
+bool lost_peer(int error) { return error == ECONNREFUSED || error == ENOTCONN || error == ECONNRESET; }
+
+} // namespace
+
+Channel::Channel(Loop &loop, int bound_fd, const cl_sockaddr_t &destination, bool may_connect) noexcept
+    : loop_(loop), bound_fd_(bound_fd), destination_(destination), may_connect_(may_connect) {}
+
+Channel::~Channel() {
+    loop_.stop_timer(retry_timer_);
+    loop_.stop_timer(tick_timer_);
+    watch_.close(); // before the descriptor
+}
+
+void Channel::send(Send *send) noexcept {
+    const uint64_t now = clock_ms();
+    last_used_ms_ = now;
+    if (stalled()) return waiting_.push(send);
+    const int error = try_send(*send, now);
+    if (error == EAGAIN && loop_.send_wait_ms() > 0) return stall(send, now);
+    loop_.finish(send, status_of(error));
+}
+
+// --- one datagram ----------------------------------------------------------------------------------
+
+// Returns 0 or the errno.
+int Channel::try_send(const Send &send, uint64_t now) noexcept {
+    if (!fd_ && !open_descriptor()) return send_by_path(send);
+    notice_new_owner(now);
+    if (!connected_) {
+        const int error = connect_afresh(now);
+        return error ? error : send_connected(send);
+    }
+    const int error = send_connected(send);
+    if (!lost_peer(error)) return error;
+    // The peer is gone, but another may have its address by now.
+    const int connect_error = connect_afresh(now);
+    return connect_error ? connect_error : send_connected(send);
+}
+
+int Channel::send_connected(const Send &send) noexcept {
+    make_room_for(send.len);
+    return ::send(fd_.get(), send.data, send.len, MSG_DONTWAIT | MSG_NOSIGNAL) < 0 ? errno : 0;
+}
+
+int Channel::send_by_path(const Send &send) noexcept {
+    const auto sent = sendto(bound_fd_, send.data, send.len, MSG_DONTWAIT | MSG_NOSIGNAL,
+                             generic(destination_), destination_.len);
+    return sent < 0 ? errno : 0;
+}
+
+bool Channel::open_descriptor() noexcept {
+    if (!may_connect_) return false;
+    fd_ = make_datagram_socket();
+    if (!fd_) return false;
+    socklen_t size = sizeof full_buffer_;
+    getsockopt(fd_.get(), SOL_SOCKET, SO_SNDBUF, &full_buffer_, &size);
+    buffer_ = full_buffer_;
+    return true;
+}
+
+// Returns 0 or the errno. The file is looked at before connecting: if it is replaced in between, the next
+// look finds another file and connects again.
+int Channel::connect_afresh(uint64_t now) noexcept {
+    file_ = identify_socket(destination_.addr.sun_path, true);
+    file_seen_ms_ = now;
+    connected_ = connect(fd_.get(), generic(destination_), destination_.len) == 0;
+    return connected_ ? 0 : errno;
+}
+
+// A connected socket goes on talking to a peer whose path has another owner by now, or none.
+void Channel::notice_new_owner(uint64_t now) noexcept {
+    if (!connected_ || now - file_seen_ms_ < kFileCheckInterval) return;
+    file_seen_ms_ = now;
+    if (identify_socket(destination_.addr.sun_path, true) != file_) connected_ = false;
+}
+
+// --- the stall -------------------------------------------------------------------------------------
+
+void Channel::stall(Send *send, uint64_t now) noexcept {
+    last_progress_ms_ = now;
+    start_tick(now);
+    if (!tick_timer_) return loop_.finish(send, CL_EV_WOULD_BLOCK);
+    waiting_.push(send);
+    last_unread_ = unread_bytes();
+    size_buffer_for(send->len);
+    wait_for_room();
+}
+
+void Channel::wait_for_room() noexcept {
+    const auto by_watch = [](void *self) {
+        auto *channel = static_cast<Channel *>(self);
+        channel->last_progress_ms_ = clock_ms(); // that there was room shows that something was read
+        channel->flush();
+    };
+    if (fd_ && (watch_.opened() || watch_.open(loop_, fd_.get(), by_watch, this)) && watch_.start_writing())
+        return;
+    const auto by_timer = [](void *self) {
+        auto *channel = static_cast<Channel *>(self);
+        channel->retry_timer_ = 0;
+        channel->flush();
+        if (channel->stalled()) channel->wait_for_room();
+    };
+    retry_timer_ = loop_.start_timer(later(clock_ms(), kRetryByPath), by_timer, this, false);
+}
+
+void Channel::flush() noexcept {
+    const uint64_t now = clock_ms();
+    for (unsigned batches = 0; stalled() && batches < kMaxBatchesPerTurn;) {
+        if (const unsigned sent = send_many()) {
+            last_progress_ms_ = now;
+            ++batches;
+            if (sent < kBatch) break;
+            continue;
+        }
+        const int error = try_send(*waiting_.front(), now);
+        if (error == EAGAIN) break;
+        if (error == 0) last_progress_ms_ = now;
+        finish_front(error);
+    }
+    last_used_ms_ = now;
+    if (stalled())
+        size_buffer_for(waiting_.front()->len);
+    else
+        end_stall();
+}
+
+// Sends up to a batch of what waits. Returns how many left; none also when the front needs a closer look.
+unsigned Channel::send_many() noexcept {
+    if (!connected_) return 0;
+    mmsghdr headers[kBatch];
+    iovec places[kBatch];
+    unsigned count = 0;
+    uint32_t longest = 0;
+    for (Send *send = waiting_.front(); send && count < kBatch; send = send->next, ++count) {
+        places[count] = {const_cast<void *>(send->data), send->len};
+        headers[count] = {};
+        headers[count].msg_hdr.msg_iov = &places[count];
+        headers[count].msg_hdr.msg_iovlen = 1;
+        longest = std::max(longest, send->len);
+    }
+    make_room_for(longest);
+    const int sent = sendmmsg(fd_.get(), headers, count, MSG_DONTWAIT | MSG_NOSIGNAL);
+    for (int i = 0; i < sent; ++i) finish_front(0);
+    return sent > 0 ? static_cast<unsigned>(sent) : 0;
+}
+
+void Channel::finish_front(int error) noexcept { loop_.finish(waiting_.pop(), status_of(error)); }
+
+void Channel::end_stall() noexcept {
+    loop_.stop_timer(retry_timer_);
+    loop_.stop_timer(tick_timer_);
+    retry_timer_ = tick_timer_ = 0;
+    if (watch_.opened()) watch_.stop();
+}
+
+void Channel::tick() noexcept {
+    const uint64_t now = clock_ms();
+    const int unread = unread_bytes();
+    if (unread != last_unread_) last_progress_ms_ = now;
+    last_unread_ = unread;
+    if (now - last_progress_ms_ >= loop_.send_wait_ms()) {
+        while (stalled()) finish_front(EAGAIN);
+    } else {
+        notice_new_owner(now);
+        if (fd_ && !connected_) flush();
+    }
+    if (!stalled()) return end_stall();
+    start_tick(now);
+}
+
+// After an eighth of the send-wait time: about as exactly it is known when something was last read.
+void Channel::start_tick(uint64_t now) noexcept {
+    const uint64_t wait = loop_.send_wait_ms();
+    const uint64_t step = std::clamp<uint64_t>(wait / 8, 1, kLongestTick);
+    const uint64_t due = std::min(later(now, step), later(last_progress_ms_, wait));
+    tick_timer_ = loop_.start_timer(
+        due, [](void *self) { static_cast<Channel *>(self)->tick(); }, this, false);
+}
+
+// What the destination has not read of ours yet, in bytes as the kernel counts them.
+int Channel::unread_bytes() const noexcept {
+    int bytes = 0;
+    if (fd_) ioctl(fd_.get(), SIOCOUTQ, &bytes);
+    return bytes;
+}
+
+// --- the send buffer -------------------------------------------------------------------------------
+
+void Channel::make_room_for(uint32_t len) noexcept {
+    if (buffer_ < full_buffer_ && 2 * charged_bytes(len) > buffer_) {
+        set_send_buffer(fd_.get(), kSendBuffer);
+        buffer_ = full_buffer_;
+    }
+}
+
+void Channel::size_buffer_for(uint32_t len) noexcept {
+    if (!fd_) return;
+    const auto wanted =
+        static_cast<int>(std::min<int64_t>(kDatagramsInLoweredBuffer * charged_bytes(len), full_buffer_));
+    if (wanted == buffer_) return;
+    const int half = wanted / 2; // the kernel doubles it
+    if (setsockopt(fd_.get(), SOL_SOCKET, SO_SNDBUF, &half, sizeof half) == 0) buffer_ = wanted;
+}
+
+} // namespace tavcl_ev

@@ -1,0 +1,22 @@
+// The one clock of this library. It is read here and not through cl_event_loop_now: a program that puts its
+// own function in place of the exported one must not stop the real loop.
+#pragma once
+
+#include <cstdint>
+#include <time.h>
+
+namespace tavcl_ev {
+
+inline constexpr uint64_t kNever = UINT64_MAX;
+
+inline uint64_t clock_ms() noexcept {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
+inline uint64_t later(uint64_t time_ms, uint64_t delay_ms) noexcept {
+    return delay_ms < kNever - time_ms ? time_ms + delay_ms : kNever;
+}
+
+} // namespace tavcl_ev

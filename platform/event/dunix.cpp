@@ -1,0 +1,46 @@
+#include "dunix.h"
+
+#include <new>
+
+#include "loop.h"
+
+namespace tavcl_ev {
+
+bool Dunix::start_receiving(cl_dunix_recv_cb callback, void *context) noexcept {
+    const auto ready = [](void *self) {
+        const auto alive = static_cast<Dunix *>(self)->shared_from_this(); // a callback may close it
+        alive->receiver_.drain();
+    };
+    return receiver_.start(bound_.fd(), id_, callback, context, ready, this);
+}
+
+bool Dunix::send(const cl_sockaddr_t &address, const void *data, uint32_t len, cl_dunix_send_cb callback,
+                 void *context) noexcept try {
+    Channel *channel = channels_.find_or_make(address);
+    Send *send = loop_.begin_send();
+    if (!send) return false;
+    *send = {nullptr, id_, data, len, CL_EV_OK, 0, callback, context};
+    if (channel)
+        channel->send(send);
+    else
+        loop_.finish(send, CL_EV_IO);
+    return true;
+} catch (const std::bad_alloc &) {
+    return false;
+}
+
+// What has left already is reported as sent, the rest as cancelled. All is closed before the first callback.
+void Dunix::close() noexcept {
+    receiver_.close();
+    SendQueue unreported = loop_.take_finished(id_);
+    SendQueue waiting = channels_.close();
+    bound_.remove();
+    const Loop::Callbacks guard(loop_);
+    while (!unreported.empty()) {
+        Send *send = unreported.pop();
+        loop_.report(send, send->status);
+    }
+    while (!waiting.empty()) loop_.report(waiting.pop(), CL_EV_CANCELLED);
+}
+
+} // namespace tavcl_ev

@@ -1,0 +1,66 @@
+#include "fd_watch.h"
+
+#include <new>
+#include <utility>
+#include <uv.h>
+
+#include "loop.h"
+
+namespace tavcl_ev {
+
+struct FdWatch::Watch {
+    uv_poll_t handle;
+    Loop *loop;
+    Handler handler;
+    void *owner; // null once closed
+    int events;
+};
+
+bool FdWatch::open(Loop &loop, int fd, Handler handler, void *owner) noexcept {
+    auto *watch = new (std::nothrow) Watch{{}, &loop, handler, owner, 0};
+    if (!watch) return false;
+    if (uv_poll_init(loop.uv(), &watch->handle, fd) != 0) {
+        delete watch;
+        return false;
+    }
+    watch->handle.data = watch;
+    loop.adopt(reinterpret_cast<uv_handle_t *>(&watch->handle));
+    watch_ = watch;
+    return true;
+}
+
+bool FdWatch::start_reading() noexcept { return start(UV_READABLE); }
+bool FdWatch::start_writing() noexcept { return start(UV_WRITABLE); }
+
+bool FdWatch::start(int events) noexcept {
+    watch_->events = events;
+    return uv_poll_start(&watch_->handle, events, on_event) == 0;
+}
+
+void FdWatch::stop() noexcept {
+    watch_->events = 0;
+    uv_poll_stop(&watch_->handle);
+}
+
+void FdWatch::close() noexcept {
+    Watch *watch = std::exchange(watch_, nullptr);
+    if (!watch) return;
+    watch->owner = nullptr;
+    uv_close(reinterpret_cast<uv_handle_t *>(&watch->handle), [](uv_handle_t *handle) {
+        auto *closed = static_cast<Watch *>(handle->data);
+        closed->loop->disown();
+        delete closed;
+    });
+}
+
+// An error (status below 0) makes libuv stop watching. The handler meets the same error in its own system
+// call, which also clears it, and the watch goes on.
+void FdWatch::on_event(uv_poll_t *handle, int status, int) {
+    auto *watch = static_cast<Watch *>(handle->data);
+    if (!watch->owner) return;
+    if (status < 0 && watch->events) uv_poll_start(handle, watch->events, on_event);
+    const Loop::Callbacks guard(*watch->loop);
+    watch->handler(watch->owner);
+}
+
+} // namespace tavcl_ev

@@ -1,0 +1,215 @@
+#include "loop.h"
+
+#include <algorithm>
+#include <new>
+
+namespace tavcl_ev {
+
+namespace {
+
+constexpr uint64_t kLongestWait = 24 * 60 * 60 * 1000;
+
+template <class Handle> uv_handle_t *as_handle(Handle *handle) {
+    return reinterpret_cast<uv_handle_t *>(handle);
+}
+
+template <class Handle> Loop &loop_of(Handle *handle) { return *static_cast<Loop *>(handle->data); }
+
+} // namespace
+
+std::unique_ptr<Loop> Loop::make(uv_loop_t *foreign) noexcept {
+    std::unique_ptr<Loop> loop(new (std::nothrow) Loop);
+    if (loop && !loop->open(foreign)) loop.reset();
+    return loop;
+}
+
+bool Loop::open(uv_loop_t *foreign) noexcept {
+    if (!foreign && uv_loop_init(&own_uv_) != 0) return false;
+    uv_ = foreign ? foreign : &own_uv_;
+    uv_prepare_init(uv_, &prepare_);
+    uv_check_init(uv_, &check_);
+    uv_idle_init(uv_, &idle_);
+    uv_timer_init(uv_, &wake_up_);
+    for (uv_handle_t *handle :
+         {as_handle(&prepare_), as_handle(&check_), as_handle(&idle_), as_handle(&wake_up_)}) {
+        handle->data = this;
+        adopt(handle);
+    }
+    uv_prepare_start(&prepare_, [](uv_prepare_t *handle) { loop_of(handle).before_poll(); });
+    uv_check_start(&check_, [](uv_check_t *handle) { loop_of(handle).after_poll(); });
+    return true;
+}
+
+Loop::~Loop() {
+    if (!uv_) return;
+    for (uv_handle_t *handle :
+         {as_handle(&prepare_), as_handle(&check_), as_handle(&idle_), as_handle(&wake_up_)})
+        uv_close(handle, [](uv_handle_t *closed) { loop_of(closed).disown(); });
+    while (handles_ > 0) uv_run(uv_, UV_RUN_NOWAIT);
+    if (uv_ == &own_uv_) uv_loop_close(uv_);
+}
+
+void Loop::adopt(uv_handle_t *handle) noexcept {
+    ++handles_;
+    uv_unref(handle);
+}
+
+int Loop::run() noexcept {
+    Frame frame{frame_, false, false, 0};
+    frame_ = &frame;
+    while (!frame.stopped && held_ > 0) uv_run(uv_, UV_RUN_ONCE);
+    frame_ = frame.outer;
+    return frame.stopped ? 1 : 0;
+}
+
+int Loop::run_once(int timeout_ms) noexcept {
+    Frame frame{frame_, true, false, callbacks_run_};
+    frame_ = &frame;
+    const uint64_t end = timeout_ms < 0 ? kNever : later(clock_ms(), static_cast<uint64_t>(timeout_ms));
+    const uint64_t timer = timeout_ms > 0 ? start_timer(
+                                                end, [](void *) {}, nullptr, false)
+                                          : 0;
+    if (timeout_ms >= 0 && !timer) {
+        uv_run(uv_, UV_RUN_NOWAIT);
+    } else {
+        // Housekeeping also ends a wait; on the caller's loop we cannot tell it from the caller's own events.
+        do uv_run(uv_, UV_RUN_ONCE);
+        while (uv_ == &own_uv_ && held_ > 0 && callbacks_run_ == frame.callbacks_before && clock_ms() < end);
+        stop_timer(timer);
+    }
+    frame_ = frame.outer;
+    return held_ > 0 ? 1 : 0;
+}
+
+// The frame remembers it: uv_stop would end the innermost uv_run, which may be one inside the run that is
+// meant, or the caller's own.
+void Loop::stop() noexcept {
+    Frame *frame = frame_;
+    while (frame && frame->once) frame = frame->outer;
+    if (!frame) return;
+    frame->stopped = true;
+    nudge();
+}
+
+void Loop::before_poll() noexcept {
+    report_finished();
+    const bool had_its_turn = frame_ && frame_->once && callbacks_run_ != frame_->callbacks_before;
+    set_idle(!finished_.empty() || had_its_turn || (frame_ && frame_->stopped));
+    if (!idling_) wake_for_timers();
+}
+
+void Loop::after_poll() noexcept {
+    fire_timers();
+    report_finished();
+}
+
+void Loop::wake_for_timers() noexcept {
+    const uint64_t due = timers_.next_due_ms();
+    if (due == wake_up_ms_ && (due == kNever || uv_is_active(as_handle(&wake_up_)))) return;
+    wake_up_ms_ = due;
+    if (due == kNever) {
+        uv_timer_stop(&wake_up_);
+        return;
+    }
+    const uint64_t now = clock_ms();
+    if (due <= now) {
+        wake_up_ms_ = kNever;
+        uv_timer_stop(&wake_up_);
+        nudge();
+        return;
+    }
+    // From libuv's idea of now, which may lag: it wakes us too early then, never too late, and we set it
+    // again.
+    uv_timer_start(
+        &wake_up_, [](uv_timer_t *) {}, std::min(due - now, kLongestWait), 0);
+}
+
+void Loop::fire_timers() noexcept {
+    if (timers_.next_due_ms() == kNever) return;
+    const Callbacks guard(*this);
+    const uint64_t now = clock_ms();
+    const uint64_t started_until = timers_.last_started();
+    Timer timer;
+    while (timers_.take_due(now, started_until, &timer)) {
+        if (timer.keeps_alive) {
+            drop();
+            count_callback();
+        }
+        timer.callback(timer.argument);
+    }
+}
+
+uint64_t Loop::start_timer(uint64_t due_ms, void (*callback)(void *), void *argument,
+                           bool keeps_alive) noexcept {
+    const bool first = due_ms < timers_.next_due_ms();
+    const uint64_t id = timers_.start(due_ms, {callback, argument, keeps_alive, 0});
+    if (!id) return 0;
+    if (keeps_alive) hold();
+    if (first) nudge();
+    return id;
+}
+
+void Loop::stop_timer(uint64_t id) noexcept {
+    Timer timer;
+    if (timers_.stop(id, &timer) && timer.keeps_alive) drop();
+}
+
+Send *Loop::begin_send() noexcept {
+    Send *send = sends_.take();
+    if (send) hold();
+    return send;
+}
+
+void Loop::finish(Send *send, int status) noexcept {
+    send->status = status;
+    send->order = ++last_finished_;
+    if (finished_.empty()) nudge();
+    finished_.push(send);
+}
+
+void Loop::report_finished() noexcept {
+    if (finished_.empty()) return;
+    const Callbacks guard(*this);
+    const uint64_t until = last_finished_;
+    while (!finished_.empty() && finished_.front()->order <= until) {
+        Send *send = finished_.pop();
+        report(send, send->status);
+    }
+}
+
+void Loop::report(Send *send, int status) noexcept {
+    const Send copy = *send;
+    sends_.give_back(send);
+    drop();
+    count_callback();
+    if (copy.callback) copy.callback(copy.socket, status, copy.context);
+}
+
+SendQueue Loop::take_finished(cl_dunix_t socket) noexcept {
+    SendQueue taken, others;
+    while (!finished_.empty()) {
+        Send *send = finished_.pop();
+        (send->socket == socket ? taken : others).push(send);
+    }
+    finished_.append(std::move(others));
+    return taken;
+}
+
+void Loop::hold() noexcept {
+    if (held_++ == 0) uv_ref(as_handle(&prepare_));
+}
+
+void Loop::drop() noexcept {
+    if (--held_ == 0) uv_unref(as_handle(&prepare_));
+}
+
+void Loop::set_idle(bool on) noexcept {
+    if (idling_ == on) return;
+    idling_ = on;
+    if (on)
+        uv_idle_start(&idle_, [](uv_idle_t *) {});
+    else
+        uv_idle_stop(&idle_);
+}
+
+} // namespace tavcl_ev

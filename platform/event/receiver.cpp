@@ -1,0 +1,79 @@
+#include "receiver.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "loop.h"
+
+namespace tavcl_ev {
+
+namespace {
+
+constexpr unsigned kMaxPerTurn = 64;
+
+// Returns the batch to its pool at the end of a drain.
+struct BatchLoan {
+    RecvBatchPool &pool;
+    std::unique_ptr<RecvBatch> batch;
+    ~BatchLoan() { pool.give_back(std::move(batch)); }
+};
+
+} // namespace
+
+bool Receiver::start(int fd, cl_dunix_t socket, cl_dunix_recv_cb callback, void *context,
+                     FdWatch::Handler ready, void *owner) noexcept {
+    if (!callback_) {
+        if (!batches_.reserve() || (!watch_.opened() && !watch_.open(loop_, fd, ready, owner)) ||
+            !watch_.start_reading())
+            return false;
+        fd_ = fd;
+        socket_ = socket;
+        loop_.hold();
+    }
+    callback_ = callback;
+    context_ = context;
+    return true;
+}
+
+void Receiver::close() noexcept {
+    watch_.close();
+    if (callback_) loop_.drop();
+    callback_ = nullptr;
+    if (fetched_) fetched_->discard();
+}
+
+void Receiver::drain() noexcept {
+    BatchLoan own{batches_, nullptr};
+    bool more = true;
+    for (unsigned left = kMaxPerTurn; callback_ && left > 0; --left) {
+        if (!fetched_ || fetched_->empty()) {
+            if (!more || (!own.batch && !(own.batch = batches_.take()))) break;
+            more = fetch(*own.batch, left);
+            if (own.batch->empty()) break;
+            fetched_ = own.batch.get();
+        }
+        deliver(fetched_->take(), CL_EV_OK);
+    }
+    if (fetched_ == own.batch.get()) fetched_ = nullptr;
+}
+
+// True when all room was used, so that more may be there.
+bool Receiver::fetch(RecvBatch &batch, unsigned most) noexcept {
+    const int fetched = batch.fetch(fd_, most);
+    if (fetched >= 0) return static_cast<unsigned>(fetched) == std::min(most, RecvBatch::kSlots);
+    const int error = errno;
+    // A refused connection is the echo of an earlier send, reported on the wrong side.
+    if (error != EAGAIN && error != EINTR && error != ECONNREFUSED && error != ECONNRESET) {
+        const cl_sockaddr_t nobody{};
+        deliver({nullptr, 0, &nobody}, CL_EV_IO);
+    }
+    return false;
+}
+
+void Receiver::deliver(const RecvBatch::Datagram &datagram, int status) noexcept {
+    if (status == CL_EV_OK && !datagram.data) status = CL_EV_TOO_BIG;
+    loop_.count_callback();
+    callback_(socket_, datagram.data, datagram.len, datagram.from, status, context_);
+}
+
+} // namespace tavcl_ev

@@ -1,0 +1,67 @@
+// Room for a number of datagrams that one system call fetches, and the pool of such rooms of a thread.
+//
+// The rooms are large, so memory counts only where a datagram was written: nothing here touches a buffer
+// that has not received one. A run of the loop inside a receive callback takes a second batch, hence a pool.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <sys/socket.h>
+#include <vector>
+
+#include "tavcl_ev.h"
+
+namespace tavcl_ev {
+
+class RecvBatch {
+  public:
+    static constexpr unsigned kSlots = 16;
+    static constexpr size_t kSlotSize = 65536;
+
+    RecvBatch();
+    RecvBatch(const RecvBatch &) = delete;
+    RecvBatch &operator=(const RecvBatch &) = delete;
+
+    // Fetches up to most datagrams. Returns their number, or -1 with errno set.
+    int fetch(int fd, unsigned most) noexcept;
+
+    struct Datagram {
+        const void *data; // null when it was truncated
+        uint32_t len;
+        const cl_sockaddr_t *from;
+    };
+    bool empty() const noexcept { return next_ == count_; }
+    // The next of the fetched datagrams.
+    Datagram take() noexcept;
+    void discard() noexcept { next_ = count_; }
+
+  private:
+    // Not a multiple of the page size: datagrams at equal places of their pages would share few cache lines.
+    static constexpr size_t kStride = kSlotSize + 64;
+    struct Free {
+        void operator()(void *memory) const noexcept;
+    };
+
+    std::unique_ptr<char, Free> buffers_;
+    cl_sockaddr_t names_[kSlots];
+    iovec places_[kSlots];
+    mmsghdr headers_[kSlots];
+    unsigned next_ = 0;
+    unsigned count_ = 0;
+};
+
+class RecvBatchPool {
+  public:
+    // Makes sure that a batch is there; false when memory is short.
+    bool reserve() noexcept;
+    std::unique_ptr<RecvBatch> take() noexcept; // null when memory is short
+    void give_back(std::unique_ptr<RecvBatch> batch) noexcept;
+
+  private:
+    static constexpr size_t kMaxKept = 4;
+    std::unique_ptr<RecvBatch> kept_[kMaxKept];
+    size_t count_ = 0;
+};
+
+} // namespace tavcl_ev
