@@ -1,0 +1,395 @@
+// Whole files: the chunks that a sender sends and when it stops, and what a receiver keeps and for how long.
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include "endpoint_world.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+namespace fs = std::filesystem;
+
+namespace {
+
+// mkstemp makes its files in a directory of the test's own, with paths as long as the template's.
+struct TemporaryFiles {
+    std::string directory = "/tmp/tXXXXXX";
+    std::vector<std::string> templates;
+    int count = 0;
+    int error = 0;                // mkstemp fails with it
+    const char *device = nullptr; // the descriptor is open on this instead of the file
+} temporary;
+
+} // namespace
+
+extern "C" int mkstemp(char *path) {
+    temporary.templates.push_back(path);
+    if (temporary.error) return errno = temporary.error, -1;
+    snprintf(path, strlen(path) + 1, "%s/%07d", temporary.directory.c_str(), ++temporary.count);
+    const int fd = open(path, O_RDWR | O_CREAT | O_EXCL, 0600);
+    if (fd < 0 || !temporary.device) return fd;
+    ::close(fd);
+    return open(temporary.device, O_RDWR | O_NONBLOCK);
+}
+
+namespace {
+
+class Files : public EndpointWorld {
+  protected:
+    Files() {
+        temporary = {};
+        if (!mkdtemp(temporary.directory.data())) throw std::runtime_error("no temporary directory");
+    }
+    void TearDown() override {
+        while (!open_.empty()) close(open_.back());
+        xhash_destroy(tavipc::process_state().received_files);
+        cl_timer_stop(tavipc::process_state().file_sweep_timer);
+        EndpointWorld::TearDown();
+        EXPECT_EQ(descriptors(), descriptors_);
+        fs::remove_all(temporary.directory);
+    }
+
+    static size_t descriptors() {
+        return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
+    }
+    static std::string content(const fs::path &path) {
+        std::ifstream file(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    static std::string made_file(int number) {
+        char name[16];
+        snprintf(name, sizeof name, "/%07d", number);
+        return temporary.directory + name;
+    }
+
+    // --- sending
+    std::string write(const std::string &bytes) {
+        const std::string path = temporary.directory + "/source";
+        std::ofstream(path, std::ios::binary) << bytes;
+        return path;
+    }
+    void send_file(tav_ipc_st *ipc, const std::string &path, const char *dest = "beta",
+                   int32_t timeout_s = 3) {
+        const tav_addr_st to = address(dest);
+        tav_ipc_send_file(ipc, &to, path.c_str(), on_done, this, timeout_s);
+    }
+    void acknowledge(tav_ipc_st *ipc, int32_t code) {
+        Datagram reply{"", {}, std::string(reinterpret_cast<char *>(&code), sizeof code)};
+        reply.header.flags = IPC_FLAG_ACK;
+        reply.header.reqid = sent(w.event.sends.size() - 1).header.reqid;
+        receive(ipc, reply);
+    }
+
+    // --- receiving
+    int32_t save(const char *source, uint32_t file_id, const std::string &bytes, tav_ipc_st *ipc = nullptr,
+                 uint8_t flags = 0) {
+        const tav_addr_st src = address(source, 2, flags);
+        return tav_ipc_save_file(ipc, &src, file_id, bytes.data(), static_cast<uint32_t>(bytes.size()));
+    }
+    void receive_chunk(tav_ipc_st *ipc, const std::string &bytes, uint16_t flags) {
+        Datagram chunk{"", {}, bytes};
+        chunk.header.src = address("gamma");
+        chunk.header.flags = flags;
+        chunk.header.cmd = 5;
+        chunk.header.reqid = 99;
+        receive(ipc, chunk);
+    }
+    static int on_file(tav_ipc_st *ipc, const char *path, void *user) {
+        auto *test = static_cast<Files *>(user);
+        test->received_.push_back(content(path));
+        test->sent_before_ = test->w.event.sends.size();
+        if (test->then_) test->then_(ipc);
+        return -1;
+    }
+    static int on_done(int32_t code, void *user) {
+        auto *test = static_cast<Files *>(user);
+        test->done_.push_back(code);
+        if (test->then_) test->then_(test->open_.empty() ? nullptr : test->open_.back());
+        return -1;
+    }
+    void sweep(time_t now) {
+        w.clock.wall_s = now;
+        w.event.advance(60'000);
+    }
+
+    std::vector<int32_t> done_;
+    std::vector<std::string> received_;
+    size_t sent_before_ = 0;
+    const size_t descriptors_ = descriptors();
+};
+
+TEST_F(Files, IdsAreKnown) {
+    const struct {
+        uint32_t hostid;
+        int first, second;
+        int32_t id;
+    } cases[] = {{77, 7, 42, 1584681145},
+                 {4'000'000'000, 7, 42, 1231181790},
+                 {77, 144375, 2993, 0},
+                 {77, 927410, 7086, INT32_MAX}}; // its CRC has no positive counterpart
+    for (const auto &c : cases) {
+        w.random.draws = {c.first, c.second};
+        EXPECT_EQ(tav_ipc_get_random_file_id(c.hostid), c.id);
+    }
+    const auto seed = static_cast<unsigned>(getpid()) ^ 1'700'000'000u ^ static_cast<unsigned>(getppid());
+    EXPECT_THAT(w.random.seeds, ElementsAre(seed)); // once
+}
+
+TEST_F(Files, TravelInConfirmedChunks) {
+    const struct {
+        size_t size;
+        std::vector<size_t> chunks;
+    } cases[] = {
+        {130'000, {64'000, 64'000, 2'000, 0}}, {64'000, {64'000, 0}}, {64'001, {64'000, 1, 0}}, {0, {0}}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.size);
+        tav_ipc_st *ipc = open();
+        const std::string bytes = pattern(c.size);
+        const size_t first = w.event.sends.size();
+        done_.clear();
+        send_file(ipc, write(bytes));
+        const uint32_t id = sent(first).header.cmd;
+        std::string arrived;
+        for (size_t i = 0; i < c.chunks.size(); ++i) {
+            ASSERT_EQ(w.event.sends.size(), first + i + 1); // one at a time
+            EXPECT_THAT(done_, IsEmpty());
+            const Datagram chunk = sent(first + i);
+            EXPECT_EQ(chunk.payload.size(), c.chunks[i]);
+            EXPECT_EQ(chunk.header.flags, IPC_FLAG_FILE | IPC_FLAG_NEED_ACK);
+            EXPECT_EQ(chunk.header.cmd, id);
+            EXPECT_EQ(tavipc::is_fragment(chunk.header), false);
+            arrived += chunk.payload;
+            acknowledge(ipc, 0);
+        }
+        EXPECT_EQ(w.event.sends.size(), first + c.chunks.size());
+        EXPECT_EQ(arrived, bytes);
+        EXPECT_THAT(done_, ElementsAre(static_cast<int32_t>(id)));
+        EXPECT_EQ(descriptors(), descriptors_);
+        close(ipc);
+    }
+}
+
+TEST_F(Files, FirstOtherCodeEndsATransfer) {
+    const struct {
+        const char *how;
+        std::function<void(tav_ipc_st *)> end;
+        int32_t result;
+    } cases[] = {
+        {"conflict", [&](tav_ipc_st *ipc) { acknowledge(ipc, -106); }, -106},
+        {"not accepted", [&](tav_ipc_st *ipc) { acknowledge(ipc, -109); }, -109},
+        {"peer's own code", [&](tav_ipc_st *ipc) { acknowledge(ipc, 1005); }, 1005},
+        {"time-out", [&](tav_ipc_st *) { w.clock.wall_s += 4, w.event.advance(1000); }, -102},
+        {"destruction", [&](tav_ipc_st *ipc) { close(ipc); }, -103},
+    };
+    const std::string path = write(pattern(130'000));
+    for (const int chunk : {0, 2, 3}) // 3: the end marker
+        for (const auto &c : cases) {
+            SCOPED_TRACE(c.how + std::to_string(chunk));
+            done_.clear();
+            tav_ipc_st *ipc = open();
+            send_file(ipc, path);
+            for (int i = 0; i < chunk; ++i) acknowledge(ipc, 0);
+            const size_t before = w.event.sends.size();
+            c.end(ipc);
+            EXPECT_THAT(done_, ElementsAre(c.result));
+            EXPECT_EQ(descriptors(), descriptors_);
+            if (!open_.empty()) acknowledge(ipc, 0); // too late
+            w.event.advance(5000);
+            EXPECT_EQ(w.event.sends.size(), before);
+            EXPECT_EQ(done_.size(), 1u);
+            if (!open_.empty()) close(ipc);
+        }
+}
+
+TEST_F(Files, WhatCannotBeginEndsAtOnce) {
+    tav_ipc_st *ipc = open();
+    const tav_addr_st beta = address("beta");
+    const std::string path = write("x");
+    then_ = [&](tav_ipc_st *) { EXPECT_EQ(w.event.sends.size(), 0u); };
+    tav_ipc_send_file(ipc, &beta, "/no/such/file", on_done, this, 1);
+    tav_ipc_send_file(ipc, &beta, nullptr, on_done, this, 1);
+    tav_ipc_send_file(nullptr, &beta, path.c_str(), on_done, this, 1);
+    tav_ipc_send_file(ipc, nullptr, path.c_str(), on_done, this, 1);
+    tav_ipc_send_file(ipc, &beta, "/no/such/file", nullptr, nullptr, 1);
+    EXPECT_THAT(done_, ElementsAre(-104, -104, -101, -101));
+
+    then_ = nullptr;
+    send_file(ipc, path, "a/b"); // the send path refuses: that comes later, and needs no endpoint
+    then_ = [&](tav_ipc_st *owner) { close(owner); };
+    send_file(ipc, "/no/such/file");
+    EXPECT_EQ(done_.size(), 5u);
+    EXPECT_TRUE(open_.empty());
+    then_ = nullptr;
+    w.event.advance(1);
+    EXPECT_THAT(done_, ElementsAre(-104, -104, -101, -101, -104, -101));
+}
+
+TEST_F(Files, DirectoryIsSentAsAnEmptyFile) {
+    tav_ipc_st *ipc = open();
+    send_file(ipc, temporary.directory);
+    EXPECT_EQ(sent(0).payload, "");
+    then_ = [&](tav_ipc_st *owner) { close(owner); };
+    acknowledge(ipc, 0);
+    EXPECT_EQ(done_.size(), 1u);
+    EXPECT_GE(done_[0], 0);
+}
+
+TEST_F(Files, ChunksBecomeAFile) {
+    tav_ipc_st *ipc = open();
+    EXPECT_EQ(tav_ipc_get_file_path(ipc, 1), nullptr); // nothing was received yet
+    tav_ipc_file_recv(ipc, on_file, this);
+    const struct {
+        const char *source;
+        uint32_t id;
+        const char *bytes;
+        uint8_t flags;
+        int32_t result;
+        bool complete;
+    } steps[] = {{"gamma", 1, "abc", 0, 0, false},
+                 {"delta", 1, "x", 0, -106, false},
+                 {"gamma", 1, "def", 0x80, 0, false},
+                 {"gamma", 2, "ghi", 0, 0, false},
+                 {"delta", 1, "", 0, -106, false},
+                 {"gamma", 1, "", 0, 0, true},
+                 {"gamma", 1, "x", 0, -108, true},
+                 {"gamma", 1, "", 0, -108, true},
+                 {"delta", 1, "", 0, -106, true},
+                 {"gamma", 2, "j", 0, 0, false},
+                 {"gamma", 2, "", 0, 0, true},
+                 {"gamma", 0x80000000, "", 0, 0, true},
+                 {"gamma", 0x80000000, "", 0, -108, true}};
+    for (const auto &step : steps) {
+        SCOPED_TRACE(std::string(step.source) + std::to_string(step.id) + step.bytes);
+        EXPECT_EQ(save(step.source, step.id, step.bytes, ipc, step.flags), step.result);
+        const char *path = tav_ipc_get_file_path(nullptr, step.id);
+        EXPECT_EQ(path ? path : "",
+                  step.complete ? made_file(step.id > 2 ? 3 : static_cast<int>(step.id)) : "");
+    }
+    EXPECT_THAT(received_, ElementsAre("abcdef", "ghij", ""));
+    EXPECT_THAT(temporary.templates, testing::Each("/tmp/ipc_file.XXXXXX"));
+    EXPECT_EQ(tav_ipc_get_file_path(ipc, 7), nullptr);
+    EXPECT_EQ(save("gamma", 3, "", nullptr), 0); // without an endpoint nobody is told
+    EXPECT_EQ(received_.size(), 3u);
+}
+
+TEST_F(Files, WhatCannotBeWrittenIsRefused) {
+    temporary.error = EMFILE;
+    EXPECT_EQ(save("gamma", 1, "abc"), -107);
+    temporary.error = 0;
+    EXPECT_EQ(save("delta", 1, "abc"), 0); // nothing was kept of the first
+    const std::string fifo = temporary.directory + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(fcntl(reader, F_SETPIPE_SZ, 4096), 4096);
+    for (const char *device : {"/dev/full", fifo.c_str()}) { // an error; a part of it
+        temporary.device = device;
+        const uint32_t id = device[1] == 'd' ? 2 : 3;
+        EXPECT_EQ(save("gamma", id, std::string(64'000, 'x')), -107) << device;
+        EXPECT_EQ(save("gamma", id, std::string(64'000, 'x')), -107) << device; // and it stays
+        EXPECT_EQ(save("delta", id, "x"), -106);
+    }
+    ::close(reader);
+    sweep(w.clock.wall_s + 301);
+    EXPECT_FALSE(fs::exists(made_file(2)));
+}
+
+TEST_F(Files, ReceivedDescriptorsAreNotInherited) {
+    EXPECT_EQ(save("gamma", 1, "abc"), 0);
+    int found = 0;
+    for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (fs::read_symlink(entry, gone) != made_file(1)) continue;
+        ++found;
+        EXPECT_TRUE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC);
+    }
+    EXPECT_EQ(found, 1);
+}
+
+TEST_F(Files, SweepRemovesWhatIsOlderThan300Seconds) {
+    const time_t begin = w.clock.wall_s;
+    const fs::path moved = temporary.directory + "/moved";
+    save("gamma", 1, "open");
+    save("gamma", 2, "complete");
+    save("gamma", 3, "renewed");
+    save("gamma", 4, "moved away");
+    ASSERT_EQ(w.event.timers.size(), 1u);
+    EXPECT_EQ(w.event.timers.begin()->second.delay_ms, 60'000u);
+    w.clock.wall_s = begin + 200;
+    EXPECT_EQ(save("gamma", 2, ""), 0); // completing does not renew
+    EXPECT_EQ(save("gamma", 4, ""), 0);
+    EXPECT_EQ(save("gamma", 3, "x"), 0);
+    fs::rename(made_file(4), moved);
+
+    sweep(begin + 300);
+    for (const int number : {1, 2, 3}) EXPECT_TRUE(fs::exists(made_file(number))) << number;
+    EXPECT_EQ(tav_ipc_get_file_path(nullptr, 2), made_file(2));
+    sweep(begin + 301);
+    for (const int number : {1, 2}) EXPECT_FALSE(fs::exists(made_file(number))) << number;
+    EXPECT_TRUE(fs::exists(made_file(3)));
+    EXPECT_EQ(tav_ipc_get_file_path(nullptr, 2), nullptr);
+    EXPECT_EQ(content(moved), "moved away");
+    sweep(begin + 501);
+    EXPECT_FALSE(fs::exists(made_file(3)));
+    EXPECT_EQ(descriptors(), descriptors_);
+    EXPECT_EQ(w.event.timers.size(), 1u); // it goes on
+    EXPECT_EQ(save("delta", 1, "again"), 0);
+    EXPECT_EQ(w.event.timers.size(), 1u);
+}
+
+TEST_F(Files, ChunksFromTheSocket) {
+    const struct {
+        uint32_t accept;
+        uint16_t flags;
+        const char *bytes;
+        std::vector<int32_t> replies;
+        size_t files;
+    } cases[] = {
+        {0, IPC_FLAG_FILE | IPC_FLAG_NEED_ACK, "", {-109}, 0},
+        {1, IPC_FLAG_FILE | IPC_FLAG_NEED_ACK, "abc", {0}, 0},
+        {1, IPC_FLAG_FILE, "", {}, 1},
+        {1, IPC_FLAG_FILE | IPC_FLAG_NEED_ACK, "", {-108}, 0},
+        {1, IPC_FLAG_FILE | IPC_FLAG_REQUEST, "", {}, 0},
+    };
+    for (const auto &c : cases) {
+        tav_ipc_st *ipc = adopt(c.accept ? tav_ipc_create_temp("alpha", c.accept) : tav_ipc_create("alpha"));
+        listen(ipc);
+        tav_ipc_file_recv(ipc, on_file, this);
+        w.event.sends.clear();
+        received_.clear();
+        receive_chunk(ipc, c.bytes, c.flags);
+        EXPECT_EQ(received_.size(), c.files);
+        ASSERT_EQ(w.event.sends.size(), c.replies.size());
+        for (size_t i = 0; i < c.replies.size(); ++i) {
+            EXPECT_EQ(sent(i).header.flags, IPC_FLAG_ACK);
+            EXPECT_EQ(sent(i).header.reqid, 99u);
+            EXPECT_EQ(sent(i).path, "/var/zon_ipc2/gamma");
+            EXPECT_EQ(std::memcmp(sent(i).payload.data(), &c.replies[i], 4), 0);
+        }
+        EXPECT_THAT(calls_, IsEmpty());
+        w.event.complete_all();
+        close(ipc);
+    }
+}
+
+TEST_F(Files, FileCallbackComesBeforeTheReplyAndMayEndIt) {
+    for (const bool destroy : {false, true}) {
+        tav_ipc_st *ipc = adopt(tav_ipc_create_temp("alpha", 1));
+        tav_ipc_file_recv(ipc, on_file, this);
+        if (destroy) then_ = [&](tav_ipc_st *own) { close(own), open("alpha"); };
+        const size_t before = w.event.sends.size();
+        xhash_destroy(std::exchange(tavipc::process_state().received_files, nullptr)); // the id is free again
+        receive_chunk(ipc, "", IPC_FLAG_FILE | IPC_FLAG_NEED_ACK);
+        EXPECT_EQ(sent_before_, before);
+        EXPECT_EQ(w.event.sends.size(), before + !destroy);
+        if (!destroy) close(ipc);
+    }
+    EXPECT_EQ(received_.size(), 2u);
+}
+
+} // namespace
