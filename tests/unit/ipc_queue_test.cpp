@@ -14,16 +14,21 @@ class QueueTest : public FakeWorld {
   protected:
     QueueTest() { restart(2); }
     ~QueueTest() override {
-        destroy_ipc_queue(&q_);
+        stop();
         EXPECT_TRUE(w.event.sockets.empty());
         EXPECT_TRUE(w.event.timers.empty());
     }
+    void stop() {
+        destroy_ipc_queue(q_);
+        delete std::exchange(q_, nullptr);
+    }
     void restart(int location) {
-        destroy_ipc_queue(&q_);
+        stop();
+        q_ = new ipc_queue_st;
         w.deployment.location = location;
         const cl_dunix_t own = create_unix_socket(7, "own");
         const auto consume = [](uint64_t, ipc_queue_msg_st *msg) { return on_consume(msg), 0; };
-        ASSERT_EQ(init_ipc_queue(&q_, 7, consume, &own), 0);
+        ASSERT_EQ(init_ipc_queue(q_, 7, consume, &own), 0);
     }
     ipc_queue_msg_st *make(uint64_t in_ms, uint32_t priority, uint32_t size = 1, mod_info_st *mod = nullptr) {
         ipc_queue_msg_st *msg = create_ipc_queue_msg(0);
@@ -33,11 +38,11 @@ class QueueTest : public FakeWorld {
         msg->data_free = [](void *, uint32_t) { ++data_freed; };
         return msg;
     }
-    int push(ipc_queue_msg_st *msg) { return ipc_queue_push(&q_, &msg, w.clock.loop_ms); }
+    int push(ipc_queue_msg_st *msg) { return ipc_queue_push(q_, &msg, w.clock.loop_ms); }
     uint64_t armed_delay() const {
         return w.event.timers.size() == 1 ? w.event.timers.begin()->second.due_ms - w.clock.loop_ms : 0;
     }
-    ipc_queue_st q_{};
+    ipc_queue_st *q_ = nullptr;
 };
 
 TEST_F(QueueTest, TimerWaitsForTheTop) {
@@ -50,7 +55,7 @@ TEST_F(QueueTest, TimerWaitsForTheTop) {
     };
     push(make(0, 0));
     EXPECT_EQ(armed_delay(), 1u) << "due already";
-    free_ipc_queue_msg(ipc_queue_pop(&q_));
+    free_ipc_queue_msg(ipc_queue_pop(q_));
     push(make(5000, 1));
     EXPECT_EQ(armed_delay(), 5000u) << "the timer was armed for a record that is gone";
     push(make(7000, 2));
@@ -72,22 +77,27 @@ TEST_F(QueueTest, TimerWaitsForTheTop) {
 
 TEST_F(QueueTest, ConsumeCallbackMayDestroyTheQueue) {
     data_freed = 0;
-    for (bool nested : {false, true}) {
+    enum { kAtOnce, kInNestedPass, kAfterNestedPass };
+    for (int when : {kAtOnce, kInNestedPass, kAfterNestedPass}) {
         restart(2);
         int consumed = 0;
         on_consume = [&](ipc_queue_msg_st *msg) {
             free_ipc_queue_msg(msg);
-            if (++consumed == 2 || !nested) return destroy_ipc_queue(&q_);
+            ++consumed;
+            if (when == kAtOnce || (when == kInNestedPass && consumed == 2)) return stop();
+            if (consumed > 1) return;
             push(make(0, 9));
-            w.event.advance(10); // a nested run of the loop: the pass in it destroys the queue
+            w.event.advance(10); // a nested run of the loop
+            if (when == kAfterNestedPass) stop();
         };
         for (int i = 0; i < 3; ++i) push(make(0, 0));
         w.event.advance(100);
-        EXPECT_EQ(consumed, nested ? 2 : 1);
+        EXPECT_EQ(consumed, when == kAtOnce ? 1 : when == kInNestedPass ? 2 : 4);
     }
-    EXPECT_EQ(data_freed, 7) << "queued records are released too";
+    EXPECT_EQ(data_freed, 3 + 4 + 4) << "queued records are released too";
+    ipc_queue_st zero{};
     ipc_queue_msg_st *msg = make(0, 0);
-    EXPECT_EQ(ipc_queue_push(&q_, &msg, 0), -1);
+    EXPECT_EQ(ipc_queue_push(&zero, &msg, 0), -1);
     free_ipc_queue_msg(msg); // still the caller's
 }
 
@@ -95,7 +105,7 @@ TEST_F(QueueTest, RandomOperationsMatchAModel) {
     std::mt19937 rng(20240607);
     const auto below = [&](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
     std::vector<ipc_queue_msg_st *> model;
-    mod_info_st *const mods[] = {q_.default_mod, ipc_queue_find_mod(&q_, "a"), ipc_queue_find_mod(&q_, "b")};
+    mod_info_st *const mods[] = {q_->default_mod, ipc_queue_find_mod(q_, "a"), ipc_queue_find_mod(q_, "b")};
     const auto rank = [](const ipc_queue_msg_st *msg) {
         return std::tuple(msg->retry_later / 1000, -int64_t{msg->priority ? msg->priority : 4});
     };
@@ -116,21 +126,21 @@ TEST_F(QueueTest, RandomOperationsMatchAModel) {
         } else if (action >= 8) {
             w.event.advance(below(1500));
         } else if (!model.empty()) {
-            take(ipc_queue_pop(&q_));
+            take(ipc_queue_pop(q_));
         }
         uint32_t queued = 0, bytes = 0;
         for (const auto *msg : model)
             if (msg->mod == (which ? mods[which] : nullptr)) ++queued, bytes += msg->size;
         ASSERT_EQ(std::tuple(mods[which]->queued, mods[which]->queued_bytes), std::tuple(queued, bytes));
-        ASSERT_EQ(ipc_queue_len(&q_), model.size());
+        ASSERT_EQ(ipc_queue_len(q_), model.size());
     }
     w.event.advance(5000);
     EXPECT_TRUE(model.empty()) << "nothing stalls";
     ipc_queue_msg_st *grown = make(0, 0, 100);
     push(grown);
     grown->size = 101;
-    free_ipc_queue_msg(ipc_queue_pop(&q_));
-    EXPECT_EQ(q_.default_mod->queued_bytes, 0u) << "counts stop at 0";
+    free_ipc_queue_msg(ipc_queue_pop(q_));
+    EXPECT_EQ(q_->default_mod->queued_bytes, 0u) << "counts stop at 0";
 }
 
 TEST_F(QueueTest, RandomDelayGrowsInACycleOfFive) {
@@ -146,13 +156,14 @@ TEST_F(QueueTest, PoolSocketsAreSharedRoundRobin) {
     for (uint32_t slots : {32, 8}) {
         restart(slots == 8 ? 1 : 2);
         w.event.fail_create = 3;
-        EXPECT_EQ(ipc_queue_find_mod(&q_, "x"), nullptr);
+        EXPECT_EQ(ipc_queue_find_mod(q_, "x"), nullptr);
         w.event.fail_create = 2;
         w.random.draws = {1, 2, 10'003};
         std::vector<cl_dunix_t> used;
         for (uint32_t i = 0; i <= slots; ++i)
-            used.push_back(ipc_queue_find_mod(&q_, std::to_string(i).c_str())->sock);
+            used.push_back(ipc_queue_find_mod(q_, std::to_string(i).c_str())->sock);
         EXPECT_EQ(used[slots], used[0]);
+        EXPECT_EQ(q_->fd_pool[0], used[0]) << "a slot is not passed over for a failure";
         EXPECT_EQ(w.event.socket_at("/var/zon_ipc7/ipc" + std::to_string(getpid()) + "_3"), used[0]);
         EXPECT_EQ(w.event.sockets.size(), slots + 1) << "with the endpoint's own";
     }
@@ -160,19 +171,19 @@ TEST_F(QueueTest, PoolSocketsAreSharedRoundRobin) {
 }
 
 TEST_F(QueueTest, SweepReleasesIdleModulesAfterMoreThanAnHour) {
-    EXPECT_EQ(ipc_queue_find_mod(&q_, "123456789012"), nullptr) << "too long";
-    ipc_queue_find_mod(&q_, "12345678901");
-    ipc_queue_find_mod(&q_, "queued")->queued = 1;
-    ipc_queue_find_mod(&q_, "sending")->sending = 1;
-    mod_info_st *used = ipc_queue_find_mod(&q_, "");
+    EXPECT_EQ(ipc_queue_find_mod(q_, "123456789012"), nullptr) << "too long";
+    ipc_queue_find_mod(q_, "12345678901");
+    ipc_queue_find_mod(q_, "queued")->queued = 1;
+    ipc_queue_find_mod(q_, "sending")->sending = 1;
+    mod_info_st *used = ipc_queue_find_mod(q_, "");
     for (int64_t count : {4, 3}) { // after an hour exactly, then one millisecond later
         w.event.advance(count == 4 ? 3'600'000 : 1);
-        EXPECT_EQ(ipc_queue_find_mod(&q_, ""), used);
-        free_mod_info_hash(&q_);
-        EXPECT_EQ(q_.mod_count, count);
+        EXPECT_EQ(ipc_queue_find_mod(q_, ""), used);
+        free_mod_info_hash(q_);
+        EXPECT_EQ(q_->mod_count, count);
     }
-    free_mod_info(q_.default_mod, &q_);
-    EXPECT_EQ(xhash_count(q_.mods), 3u);
+    free_mod_info(q_->default_mod, q_);
+    EXPECT_EQ(xhash_count(q_->mods), 3u);
 }
 
 TEST_F(QueueTest, SocketPaths) {
