@@ -1,5 +1,6 @@
 // Endpoints: creation step by step and what a failed one leaves, options, locality, host id, the thread-use
 // guard, destruction.
+#include <latch>
 #include <thread>
 
 #include <dlfcn.h>
@@ -212,7 +213,9 @@ TEST_F(EndpointTest, GuardReportsASecondThreadAndNothingElse) {
 TEST_F(EndpointTest, TwoThreadsDoNotUnbalanceTheGuard) {
     tav_ipc_st *ipc = open();
     w.log.threshold = 0;
-    const auto hammer = [ipc] {
+    std::latch start(2);
+    const auto hammer = [&] {
+        start.arrive_and_wait();
         for (int i = 0; i < 300'000; ++i) UseGuard guard(ipc, "x");
     };
     std::thread other(hammer);
