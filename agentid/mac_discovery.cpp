@@ -6,8 +6,9 @@
 #include <cstring>
 #include <ifaddrs.h>
 #include <netinet/in.h>
-#include <poll.h>
+
 #include <sys/ioctl.h>
+#include <sys/poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
