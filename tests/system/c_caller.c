@@ -45,8 +45,15 @@ static void addresses_and_header(void) {
     CHECK(tav_ipc_hdr_magic(&header) == 0xBD7EBA4Fu);
 }
 
+static int keep_code(int32_t code, void *kept) {
+    *(int32_t *)kept = code;
+    return 0;
+}
+
 static void endpoints_and_results(void) {
     tav_addr_st nobody;
+    int32_t code = 0;
+    void (*const volatile emit_file)(tav_ipc_st *, const char *) = tav_ipc_emit_file;
     memset(&nobody, 0, sizeof nobody);
     CHECK(tav_ipc_create("c") == NULL); /* there is no allow-list beside this executable */
     CHECK(c_get_process() == -1);
@@ -55,6 +62,10 @@ static void endpoints_and_results(void) {
     CHECK(strcmp(tav_ipc_strerror(1), "Unkown error") == 0);
     CHECK(load_ipc_proxy_conf("/nonexistent") == 0 && get_ipc_proxy_conf()->eagain_max_retry_times == 10);
     CHECK(ipc_rand_by_time() >= 0);
+    CHECK(emit_file != NULL);
+    tav_ipc_probe(NULL, &nobody, keep_code, &code);
+    CHECK(cl_event_loop_run() == 0 && code == IPC_ERR_SENDTO);
+    CHECK(tav_ipc_get_random_file_id(1) >= 0);
 }
 
 static void queue_and_requests(void) {
