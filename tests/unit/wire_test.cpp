@@ -4,6 +4,7 @@
 #include "ipc/out_of_memory.h"
 
 using namespace tavipc;
+using Wire = FakeWorld;
 
 static tav_ipc_hdr_st make_header(std::string_view src, std::string_view dest, uint32_t reqid, uint32_t cmd,
                                   uint32_t size) {
@@ -13,7 +14,7 @@ static tav_ipc_hdr_st make_header(std::string_view src, std::string_view dest, u
     return header;
 }
 
-TEST(Wire, CheckValueCoversTheNamesReqidCmdAndSizeAlone) {
+TEST_F(Wire, CheckValueCoversTheNamesReqidCmdAndSizeAlone) {
     const std::pair<tav_ipc_hdr_st, uint32_t> known[] = {
         {make_header("alpha", {"beta\0x", 6}, 1, 2, 3), 0xBD7EBA4F},
         {make_header("", "", 0, 0, 0), 0x19D699A5},
@@ -30,7 +31,7 @@ TEST(Wire, CheckValueCoversTheNamesReqidCmdAndSizeAlone) {
     }
 }
 
-TEST(Wire, FragmentWordBytes) {
+TEST_F(Wire, FragmentWordBytes) {
     const uint16_t cases[][3] = {{0, 0, 0x0001},   {127, 0, 0x00FF},  {128, 0, 0x0101},
                                  {511, 0, 0x03FF}, {1022, 0, 0x07FD}, {300, 0xF8, 0xFA59}};
     for (const auto &[sequence, byte53, word] : cases) {
@@ -42,7 +43,7 @@ TEST(Wire, FragmentWordBytes) {
     }
 }
 
-TEST(Wire, Addresses) {
+TEST_F(Wire, Addresses) {
     tav_addr_st *made = tav_addr_create2("123456789", 7, 5, ADDR_FLAG_TEMP);
     const tav_addr_st bytes{5, "123456789", 7, ADDR_FLAG_TEMP};
     EXPECT_EQ(memcmp(made, &bytes, sizeof bytes), 0);
@@ -53,7 +54,7 @@ TEST(Wire, Addresses) {
     tav_addr_destroy(made);
 }
 
-TEST(Wire, ShortMemoryEndsTheProcessInGoodOrder) {
+TEST_F(Wire, ShortMemoryEndsTheProcessInGoodOrder) {
     const auto show_log = [] { fputs(fake::world().log.lines.at(0).text.c_str(), stderr); };
     EXPECT_EXIT((std::atexit(show_log), out_of_memory("tav_ipc", 1)), testing::ExitedWithCode(0),
                 "^Out of memory\n$");
