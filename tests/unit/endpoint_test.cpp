@@ -1,18 +1,13 @@
 // Endpoints: creation step by step and what a failed one leaves, options, locality, host id, the thread-use
 // guard, destruction.
+#include <dlfcn.h>
 #include <latch>
 #include <thread>
-
-#include <dlfcn.h>
 
 #include "endpoint_world.h"
 #include "ipc/receive.h"
 
-namespace {
-
-int fail_table = 0; // the so-manieth table from now cannot be made: 1 the queue's, 2 the requests'
-
-} // namespace
+static int fail_table = 0; // which table from now cannot be made: 1 the queue's, 2 the requests'
 
 extern "C" xhash_t *xhash_create(void (*release)(void *), uint32_t reserved) noexcept {
     if (fail_table > 0 && --fail_table == 0) return nullptr;
@@ -24,11 +19,7 @@ namespace {
 
 using tavipc::EndpointPin;
 using tavipc::UseGuard;
-
-class EndpointTest : public EndpointWorld {
-  protected:
-    EndpointTest() { fail_table = 0; }
-};
+using EndpointTest = EndpointWorld;
 
 TEST_F(EndpointTest, VariantsDifferInThreeChoices) {
     w.deployment.location = 0x102;
@@ -43,79 +34,51 @@ TEST_F(EndpointTest, VariantsDifferInThreeChoices) {
                  {tav_ipc_create_non_recv_temp("d", 5), ADDR_FLAG_TEMP, 5, false}};
     for (const auto &c : cases) {
         ASSERT_TRUE(adopt(c.ipc));
-        const tav_addr_st *own = tav_ipc_get_local_addr(c.ipc);
-        EXPECT_EQ(static_cast<const void *>(own), c.ipc);
-        EXPECT_EQ(own->flags, c.flags);
-        EXPECT_EQ(own->hostid, 4711u);
-        EXPECT_EQ(own->loc, 2); // the low byte; paths and locality use all of it
-        EXPECT_EQ(c.ipc->location, 0x102);
+        const tav_addr_st own = address(c.ipc->my_addr.name, 2, c.flags); // the low byte of the location
+        EXPECT_EQ(std::memcmp(c.ipc, &own, sizeof own), 0);
+        EXPECT_EQ(tav_ipc_get_local_addr(c.ipc), &c.ipc->my_addr);
         EXPECT_EQ(c.ipc->accept_files, c.accept_files);
-        const cl_dunix_t socket = w.event.socket_at(std::string("/var/zon_ipc258/") + own->name);
+        const cl_dunix_t socket = w.event.socket_at(std::string("/var/zon_ipc258/") + own.name);
         ASSERT_TRUE(socket);
         EXPECT_EQ(w.event.sockets[socket].recv != nullptr, c.receives);
     }
-    EXPECT_EQ(w.log.count("", 1) + w.log.count("", 2), 0);
-}
-
-TEST_F(EndpointTest, ReceptionStartsLaterAndItsFailureDestroys) {
-    tav_ipc_st *ipc = adopt(tav_ipc_create_non_recv("late", 0));
-    EXPECT_EQ(tav_ipc_recv_start(ipc, tavipc::ipc_on_recv), ipc);
-    EXPECT_EQ(tav_ipc_recv_start(ipc, tavipc::ipc_on_recv), ipc); // again: replaces the handler
-    listen(ipc);
-    receive(ipc, Datagram{});
-    EXPECT_EQ(calls_.size(), 1u);
-    w.event.fail_recv = 1;
-    EXPECT_FALSE(tav_ipc_recv_start(ipc, tavipc::ipc_on_recv));
-    std::erase(open_, ipc);
-    EXPECT_FALSE(tav_ipc_recv_start(tav_ipc_create_non_recv("none", 0), nullptr));
+    EXPECT_EQ(tav_ipc_recv_start(cases[2].ipc, tavipc::ipc_on_recv), cases[2].ipc);
+    EXPECT_EQ(tav_ipc_recv_start(cases[2].ipc, tavipc::ipc_on_recv), cases[2].ipc); // replaces the handler
+    EXPECT_FALSE(tav_ipc_recv_start(tav_ipc_create_non_recv("none", 0), nullptr));  // destroys
     EXPECT_FALSE(tav_ipc_recv_start(nullptr, tavipc::ipc_on_recv));
+    EXPECT_EQ(w.log.count("", 1) + w.log.count("", 2), 0);
 }
 
 TEST_F(EndpointTest, FailedCreationReleasesEverythingAndSaysWhy) {
     const struct {
-        const char *step;
         std::function<void()> prepare;
-        const char *name;
-        std::vector<std::pair<int, std::string>> lines; // of level 1 and 2
+        const char *name, *lines; // of levels 1 and 2
         size_t sockets_closed;
     } cases[] = {
-        {"gate",
-         [] { fake::identity().process_result = -1; },
-         "much_too_long",
-         {{1, "process is not valid"}},
-         0},
-        {"name", [] { setenv("IPC_TEST", "1", 1); }, "ten_chars_", {}, 0},
-        {"null name", [] {}, nullptr, {}, 0},
-        {"host id",
-         [] { fake::identity().agent_id = 0; },
-         "alpha",
-         {{2, "calculate agentid failed\n"}, {2, "failed to get hostid, ipc create failed"}},
-         0},
-        {"socket",
-         [this] { w.event.fail_create = 1; },
-         "alpha",
-         {{2, "fail to create ipc retry socket: /var/zon_ipc2/alpha"}},
-         0},
-        {"queue", [] { fail_table = 1; }, "alpha", {{1, "init ipc msg queue failed."}}, 1},
-        {"requests", [] { fail_table = 2; }, "alpha", {}, 1},
-        {"reception", [this] { w.event.fail_recv = 1; }, "alpha", {}, 1},
+        {[] { fake::identity().process_result = -1; }, "much_too_long", "1process is not valid", 0},
+        {[] { setenv("IPC_TEST", "1", 1); }, "ten_chars_", "", 0},
+        {[] { setenv("IPC_TEST", "1", 1); }, nullptr, "", 0},
+        {[] { fake::identity().agent_id = 0; }, "alpha",
+         "2calculate agentid failed\n2failed to get hostid, ipc create failed", 0},
+        {[] { fake::world().event.fail_create = 1; }, "alpha",
+         "2fail to create ipc retry socket: /var/zon_ipc2/alpha", 0},
+        {[] { fail_table = 1; }, "alpha", "1init ipc msg queue failed.", 1},
+        {[] { fail_table = 2; }, "alpha", "", 1},
+        {[] { fake::world().event.fail_recv = 1; }, "alpha", "", 1},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.step);
         w.log.lines.clear();
         w.event.closed.clear();
         fake::identity() = {};
         tavipc::process_state() = {};
-        w.clock.ticks_ms += 10'000;
         c.prepare();
         EXPECT_FALSE(adopt(tav_ipc_create(c.name)));
-        std::vector<std::pair<int, std::string>> lines;
+        std::string lines;
         for (const auto &line : w.log.lines)
-            if (line.level <= 2) lines.emplace_back(line.level, line.text);
+            if (line.level <= 2) lines += std::to_string(line.level) + line.text;
         EXPECT_EQ(lines, c.lines);
         EXPECT_EQ(w.event.closed.size(), c.sockets_closed);
-        EXPECT_TRUE(w.event.sockets.empty());
-        EXPECT_TRUE(w.event.timers.empty());
+        EXPECT_TRUE(w.event.sockets.empty() && w.event.timers.empty());
         EXPECT_EQ(tavipc::process_state().trace_flag, 0); // a refused name never reads the environment
         unsetenv("IPC_TEST");
     }
@@ -146,67 +109,64 @@ TEST_F(EndpointTest, CallbacksAreNeverUnset) {
     EXPECT_EQ(tav_ipc_on_request(ipc, nullptr, ipc), -1);
     EXPECT_EQ(tav_ipc_file_recv(ipc, nullptr, ipc), -1);
     EXPECT_EQ(tav_ipc_msg_recv(nullptr, ipc->msg_recv, nullptr), -1);
-    EXPECT_EQ(ipc->msg_recv_arg, this);
-    EXPECT_EQ(ipc->on_request_arg, this);
+    EXPECT_TRUE(ipc->msg_recv_arg == this && ipc->on_request_arg == this && !ipc->file_recv_arg);
 }
 
 TEST_F(EndpointTest, Locality) {
+    w.deployment.location = 0x102; // compared whole
+    tav_ipc_st *wide = open("wide");
+    w.deployment.location = 2;
     tav_ipc_st *ipc = open();
     const struct {
+        tav_ipc_st *ipc;
         uint8_t loc;
         uint32_t hostid;
-        int local;
-        int lines;
-    } cases[] = {{0, 99, 1, 0}, {3, 4711, 0, 0}, {3, 0, 0, 0}, {2, 0, 1, 0}, {2, 4711, 1, 0}, {2, 99, 0, 1}};
+        int local, lines;
+    } cases[] = {{ipc, 0, 99, 1, 0},   {ipc, 3, 4711, 0, 0}, {ipc, 3, 0, 0, 0},    {ipc, 2, 0, 1, 0},
+                 {ipc, 2, 4711, 1, 0}, {ipc, 2, 99, 0, 1},   {wide, 2, 4711, 0, 0}};
     for (const auto &c : cases) {
         w.log.lines.clear();
         const tav_addr_st there = address("x", c.loc, 0, c.hostid);
-        EXPECT_EQ(tav_ipc_is_local(ipc, &there), c.local) << int{c.loc} << "/" << c.hostid;
+        EXPECT_EQ(tav_ipc_is_local(c.ipc, &there), c.local) << int{c.loc} << "/" << c.hostid;
         EXPECT_EQ(w.log.count("addr->hostid: 99, ipc->my_addr.hostid: 4711", 4), c.lines);
     }
 }
 
 TEST_F(EndpointTest, HostIdIsCachedUnlessThePlatformHasOne) {
+    w.deployment.hostid = 8; // means nothing without a CNAPP agent
     EXPECT_EQ(tav_get_hostid(), 4711u);
     EXPECT_EQ(tav_get_hostid(), 4711u);
     EXPECT_EQ(fake::identity().agent_id_calls, 1);
-    w.deployment.hostid = 8; // means nothing without a CNAPP agent
-    EXPECT_EQ(tav_calculate_hostid(), 4711u);
     w.deployment.cnapp = true;
     EXPECT_EQ(tav_get_hostid(), 8u);
+    EXPECT_EQ(tav_calculate_hostid(), 8u);
     w.deployment.hostid = 0;
     fake::identity().agent_id = 12;
     EXPECT_EQ(tav_get_hostid(), 12u);
     w.deployment.hostid = 9;
     EXPECT_EQ(tav_get_hostid(), 9u);
-    EXPECT_EQ(tav_calculate_hostid(), 9u);
 }
 
 TEST_F(EndpointTest, GuardReportsASecondThreadAndNothingElse) {
     tav_ipc_st *ipc = open();
     listen(ipc);
     const tav_addr_st beta = address("beta");
-    then_ = [&](tav_ipc_st *) { tav_ipc_send(ipc, &beta, 0, "x", 1); }; // nested: the common case
+    const auto send_x = [&] { EXPECT_EQ(tav_ipc_send(ipc, &beta, 0, "x", 1), 0); };
+    then_ = [&](tav_ipc_st *) { send_x(); }; // nested on one thread: the common case
     receive(ipc, Datagram{});
     EXPECT_EQ(w.log.count("", 1), 0);
 
-    long other = 0;
-    then_ = [&](tav_ipc_st *) {
-        std::thread([&] {
-            other = static_cast<long>(pthread_self());
-            EXPECT_EQ(tav_ipc_send(ipc, &beta, 0, "x", 1), 0);
-        }).join();
-        EXPECT_EQ(ipc->owner_thread, pthread_self());
-    };
+    const auto id = [] { return std::to_string(static_cast<long>(pthread_self())); };
+    std::string other;
+    then_ = [&](tav_ipc_st *) { std::thread([&] { other = id(), send_x(); }).join(); };
     receive(ipc, Datagram{});
     EXPECT_EQ(w.log.count("[ipc_thread_safe: tav_ipc_send]concurrent access ipc handler: 2, ipc_name: alpha, "
                           "curr_thread_id: " +
-                              std::to_string(other) +
-                              ", conflict_thread_id: " + std::to_string(static_cast<long>(pthread_self())),
+                              other + ", conflict_thread_id: " + id(),
                           1),
               1);
-    EXPECT_EQ(ipc->use_count, 0);
-    EXPECT_EQ(ipc->owner_thread, 0u);
+    EXPECT_EQ(w.log.count("", 1), 1);
+    EXPECT_TRUE(ipc->use_count == 0 && ipc->owner_thread == 0);
     w.event.complete_all();
 }
 
@@ -227,20 +187,16 @@ TEST_F(EndpointTest, TwoThreadsDoNotUnbalanceTheGuard) {
 
 TEST_F(EndpointTest, ClosedRecordLivesUntilTheLastPinIsGone) {
     tav_ipc_st *ipc = open();
-    const tav_addr_st beta = address("beta");
+    EndpointPin outer(ipc);
     {
-        EndpointPin outer(ipc);
-        {
-            UseGuard guard(ipc, "x");
-            close(ipc);
-            tav_ipc_destroy(ipc);
-            EXPECT_EQ(w.log.count("[ipc_thread_safe: tav_ipc_destroy]destroy ipc handler in using: 1", 1), 1);
-            EXPECT_TRUE(w.event.sockets.empty());
-        }
-        EXPECT_EQ(tav_ipc_send(ipc, &beta, 0, "x", 1), IPC_ERR_SENDTO);
-        EXPECT_FALSE(tav_ipc_recv_start(ipc, tavipc::ipc_on_recv));
-        EXPECT_STREQ(tav_ipc_get_local_addr(ipc)->name, "alpha");
+        UseGuard guard(ipc, "x");
+        close(ipc);
+        tav_ipc_destroy(ipc);
+        EXPECT_EQ(w.log.count("[ipc_thread_safe: tav_ipc_destroy]destroy ipc handler in using: 1", 1), 1);
+        EXPECT_TRUE(w.event.sockets.empty());
     }
+    EXPECT_EQ(send(ipc, "x"), IPC_ERR_SENDTO);
+    EXPECT_FALSE(tav_ipc_recv_start(ipc, tavipc::ipc_on_recv));
     tav_ipc_destroy(nullptr);
 }
 
