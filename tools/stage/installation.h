@@ -1,6 +1,7 @@
 // An installation of the agent in directories of its own: bin/ with module executables, config/ with the
 // signed allow-list and the INI files, and a socket directory below /var/tmp, so that no root is needed and
-// no two installations meet. Everything is removed with the object, also when the program crashes.
+// no two installations meet. Everything is removed with the object, also when the program crashes. A program
+// has one at a time.
 #pragma once
 
 #include <filesystem>
