@@ -67,7 +67,8 @@ typedef struct ipc_queue_st {
 
 TAVIPC_BEGIN_DECLS
 
-/* A new record with room for extra bytes of inline_data; its fields are not set. Null when memory is short. */
+/* A new record with room for extra bytes of inline_data; its fields are not set. Null when memory is short.
+ */
 TAVIPC_API ipc_queue_msg_st *create_ipc_queue_msg(uint32_t extra) TAVIPC_NOEXCEPT;
 /* Calls data_free(data, size) when it is set, then releases the record; null is ignored. */
 TAVIPC_API void free_ipc_queue_msg(ipc_queue_msg_st *msg) TAVIPC_NOEXCEPT;
@@ -77,7 +78,8 @@ TAVIPC_API int32_t get_real_priority(int32_t priority) TAVIPC_NOEXCEPT;
 /* Order of the queue: negative when a goes before b, 0 when equal, positive when after. */
 TAVIPC_API int32_t compare_ipc_queue_msg_priority(const ipc_queue_msg_st *a,
                                                   const ipc_queue_msg_st *b) TAVIPC_NOEXCEPT;
-/* Makes the record due at now_ms + delay_ms, or at now_ms + a delay of 0 to 49 ms that grows with try_times. */
+/* Makes the record due at now_ms + delay_ms, or at now_ms + a delay of 0 to 49 ms that grows with try_times.
+ */
 TAVIPC_API void ipc_queue_msg_set_retry_later(ipc_queue_msg_st *msg, uint64_t now_ms,
                                               uint64_t delay_ms) TAVIPC_NOEXCEPT;
 TAVIPC_API void ipc_queue_msg_set_retry_later_random(ipc_queue_msg_st *msg, uint64_t now_ms) TAVIPC_NOEXCEPT;

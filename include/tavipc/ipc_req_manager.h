@@ -49,7 +49,8 @@ TAVIPC_API int ipc_req_manager_find(const ipc_req_manager_st *manager, uint32_t 
                                     void **record) TAVIPC_NOEXCEPT;
 /* Removes and releases; an unknown id is ignored. */
 TAVIPC_API void ipc_req_manager_remove(ipc_req_manager_st *manager, uint32_t reqid) TAVIPC_NOEXCEPT;
-/* The next request that expired before now_ms: 0 and both outs; it stays in the table. 1 when there is none. */
+/* The next request that expired before now_ms: 0 and both outs; it stays in the table. 1 when there is none.
+ */
 TAVIPC_API int ipc_req_manager_pop_timeout(ipc_req_manager_st *manager, int64_t now_ms, uint32_t *reqid,
                                            void **record) TAVIPC_NOEXCEPT;
 /* Visits every request; a non-zero result of the visitor ends the walk. The visitor may insert and remove. */

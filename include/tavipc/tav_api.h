@@ -14,7 +14,7 @@
 #define TAVIPC_TAV_API_H
 
 #define TAVIPC_API __attribute__((visibility("default")))
-#define TAVIPC_PRINTF(format_index, first_argument) \
+#define TAVIPC_PRINTF(format_index, first_argument)                                                          \
     __attribute__((format(printf, format_index, first_argument)))
 
 #ifdef __cplusplus

@@ -46,13 +46,16 @@ TAVIPC_API int32_t tav_uncompress2(const void *src, uint32_t src_len, void **out
  * has 20 + its own body length bytes behind the reserve. 9002 when msg or out is null or the method is not
  * 0 (compress) or 4 (uncompress). */
 TAVIPC_API int32_t tav_msg_compress(const void *msg, void **out, int flags) TAVIPC_NOEXCEPT;
-TAVIPC_API int32_t tav_msg_compress2(const void *msg, void **out, uint32_t reserve, int flags) TAVIPC_NOEXCEPT;
+TAVIPC_API int32_t tav_msg_compress2(const void *msg, void **out, uint32_t reserve,
+                                     int flags) TAVIPC_NOEXCEPT;
 TAVIPC_API int32_t tav_msg_uncompress(const void *msg, void **out, int unused) TAVIPC_NOEXCEPT;
-TAVIPC_API int32_t tav_msg_uncompress2(const void *msg, void **out, uint32_t reserve, int unused) TAVIPC_NOEXCEPT;
+TAVIPC_API int32_t tav_msg_uncompress2(const void *msg, void **out, uint32_t reserve,
+                                       int unused) TAVIPC_NOEXCEPT;
 
 /* zlib's compress, uncompress and compressBound with 32-bit lengths. *dest_len is the room in dest and then
  * the length written. zlib's code; a bound that does not fit 32 bits is reported as 2^32 - 1. */
-TAVIPC_API int _zlib_compress(void *dest, uint32_t *dest_len, const void *src, uint32_t src_len) TAVIPC_NOEXCEPT;
+TAVIPC_API int _zlib_compress(void *dest, uint32_t *dest_len, const void *src,
+                              uint32_t src_len) TAVIPC_NOEXCEPT;
 TAVIPC_API int _zlib_uncompress(void *dest, uint32_t *dest_len, const void *src,
                                 uint32_t src_len) TAVIPC_NOEXCEPT;
 TAVIPC_API uint32_t _zlib_compressBound(uint32_t src_len) TAVIPC_NOEXCEPT;

@@ -39,17 +39,18 @@ typedef struct tav_addr_st {
 
 /* Message header, 60 bytes in front of every datagram's payload. docs/wire.md has worked examples. */
 typedef struct tav_ipc_hdr_st {
-    tav_addr_st dest;     /* final destination, also when a proxy endpoint gets the datagram */
-    tav_addr_st src;      /* the sending endpoint */
-    uint32_t reqid;       /* message or request id, never 0 from this library */
-    uint16_t flags;       /* IPC_FLAG_*; other bits are carried unchanged */
-    uint16_t rflags;      /* 0, carried unchanged */
-    uint32_t cmd;         /* command code chosen by the sender */
-    uint32_t size;        /* payload bytes behind this header */
-    uint32_t frag_orig;   /* in a fragment: payload bytes of the whole message; else 0 */
-    uint8_t frag_word[2]; /* bit 0 of byte 0: is a fragment; then 10 bits of sequence number, low bits first */
-    uint16_t frag_id;     /* the same in all fragments of a message; else 0 */
-    uint32_t magic;       /* check value, tav_ipc_hdr_magic */
+    tav_addr_st dest;   /* final destination, also when a proxy endpoint gets the datagram */
+    tav_addr_st src;    /* the sending endpoint */
+    uint32_t reqid;     /* message or request id, never 0 from this library */
+    uint16_t flags;     /* IPC_FLAG_*; other bits are carried unchanged */
+    uint16_t rflags;    /* 0, carried unchanged */
+    uint32_t cmd;       /* command code chosen by the sender */
+    uint32_t size;      /* payload bytes behind this header */
+    uint32_t frag_orig; /* in a fragment: payload bytes of the whole message; else 0 */
+    uint8_t
+        frag_word[2]; /* bit 0 of byte 0: is a fragment; then 10 bits of sequence number, low bits first */
+    uint16_t frag_id; /* the same in all fragments of a message; else 0 */
+    uint32_t magic;   /* check value, tav_ipc_hdr_magic */
 } tav_ipc_hdr_st;
 
 #define IPC_FLAG_ACK 0x0001        /* acknowledges reqid; payload is a signed 32-bit status */

@@ -35,8 +35,8 @@ TAVBASE_API int error_output_check(int level) TAVBASE_NOEXCEPT;
 
 /* Writes one line: level, source name, source line and the formatted text (a missing line end is added).
  * Does not test the level. Keeps errno. */
-TAVBASE_API void error_output(int level, const char *source, int line, const char *format, ...)
-    TAVBASE_NOEXCEPT TAVBASE_PRINTF(4, 5);
+TAVBASE_API void error_output(int level, const char *source, int line, const char *format,
+                              ...) TAVBASE_NOEXCEPT TAVBASE_PRINTF(4, 5);
 
 /* Sets the threshold for the process. */
 TAVBASE_API void error_output_set_level(int level) TAVBASE_NOEXCEPT;
@@ -50,10 +50,10 @@ TAVBASE_API void error_output_set_sink(error_output_sink sink, void *context) TA
 
 /* As snprintf, but returns the number of characters stored (without the NUL): at most size - 1, and 0
  * when size is 0 or the format fails. */
-TAVBASE_API int str_snprintf(char *buffer, size_t size, const char *format, ...)
-    TAVBASE_NOEXCEPT TAVBASE_PRINTF(3, 4);
-TAVBASE_API int str_magic_vsprintf(char *buffer, size_t size, const char *format, va_list arguments)
-    TAVBASE_NOEXCEPT TAVBASE_PRINTF(3, 0);
+TAVBASE_API int str_snprintf(char *buffer, size_t size, const char *format, ...) TAVBASE_NOEXCEPT
+    TAVBASE_PRINTF(3, 4);
+TAVBASE_API int str_magic_vsprintf(char *buffer, size_t size, const char *format,
+                                   va_list arguments) TAVBASE_NOEXCEPT TAVBASE_PRINTF(3, 0);
 
 /* Copies at most size - 1 characters and a NUL; returns the length of source. */
 TAVBASE_API size_t str_strlcpy(char *destination, const char *source, size_t size) TAVBASE_NOEXCEPT;
@@ -152,7 +152,8 @@ TAVBASE_API int Base64_Decode(const char *in, int in_len, unsigned char *out, in
 
 /* Writes 2 * in_len lower-case hexadecimal characters without a NUL. Returns their number, or -1 when
  * they do not fit into out_max. */
-TAVBASE_API int Hex_Encode_Lower(const unsigned char *in, int in_len, char *out, int out_max) TAVBASE_NOEXCEPT;
+TAVBASE_API int Hex_Encode_Lower(const unsigned char *in, int in_len, char *out,
+                                 int out_max) TAVBASE_NOEXCEPT;
 
 /* --- paths, shell, resolver ------------------------------------------------------------------- */
 

@@ -105,19 +105,17 @@ CL_EV_API cl_dunix_t cl_dunix_create(const cl_sockaddr_t *address, void *reserve
 /* Closes the socket and removes its file, if that file is still the one it made. Every send that is
  * still pending completes with CL_EV_CANCELLED from inside this call, and none afterwards; no data
  * pointer is read after it. The two further arguments are reserved, pass 0. */
-CL_EV_API void cl_dunix_close(cl_dunix_t socket, void (*reserved1)(void *),
-                              void *reserved2) CL_EV_NOEXCEPT;
+CL_EV_API void cl_dunix_close(cl_dunix_t socket, void (*reserved1)(void *), void *reserved2) CL_EV_NOEXCEPT;
 
 /* A received datagram: data holds len bytes, valid and aligned to 16 until the callback returns (an empty
  * datagram has len 0 and data not null). from is the sender's address (len 0 when it has no name), valid
  * as long. status is 0, or an error with data null. context is the one given to cl_dunix_recv_start. */
-typedef void (*cl_dunix_recv_cb)(cl_dunix_t socket, const void *data, uint32_t len,
-                                 const cl_sockaddr_t *from, int status, void *context);
+typedef void (*cl_dunix_recv_cb)(cl_dunix_t socket, const void *data, uint32_t len, const cl_sockaddr_t *from,
+                                 int status, void *context);
 
 /* Starts reception, or replaces the callback and context of one already started. At most 64 datagrams
  * are delivered per turn of the loop, so that timers and other sockets get theirs. Returns 0, or -1. */
-CL_EV_API int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback,
-                                  void *context) CL_EV_NOEXCEPT;
+CL_EV_API int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *context) CL_EV_NOEXCEPT;
 
 /* Completion of one accepted send; status is one of enum cl_ev_status. */
 typedef void (*cl_dunix_send_cb)(cl_dunix_t socket, int status, void *context);
