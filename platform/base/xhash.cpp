@@ -3,8 +3,9 @@
 // While a walk is under way (walks > 0) no entry changes its place: growth waits for the end of the last
 // walk, and a deleted entry leaves its chain but keeps its link and its memory (dead, on the list of the
 // buried) until then. So a walk is a plain pass over the chains that skips the dead, and a visitor may
-// delete and insert at will. Buckets only ever double, so that a cookie (a bucket number) stays a valid
-// starting point; from any starting point the promised number of calls passes all buckets.
+// delete and insert at will. Buckets only ever double, so that a cookie (the sum of its portions,
+// a bucket number modulo their count) goes on from where it was; from any starting point the promised number
+// of calls passes all buckets.
 #include "tavbase.h"
 
 #include <algorithm>
@@ -110,7 +111,7 @@ struct xhash {
             }
     }
 
-    // Visits number buckets from first on, around the end.
+    // Visits number buckets from first on, around the end; first may lie beyond it.
     int walk(size_t first, size_t number, void *context, xhash_visitor visit) {
         ++walks;
         int result = 0;
@@ -196,7 +197,6 @@ int xhash_walk_partial(xhash_t *table, xhash_cookie_t *cookie, void *context, xh
     if (!table || !cookie || !visit) return -1;
     const size_t buckets = table->bucket_count;
     const auto portion = static_cast<size_t>(std::ceil(static_cast<double>(buckets) * cookie->fraction));
-    const size_t first = cookie->bucket & (buckets - 1); // it may come from a larger table
-    cookie->bucket = first + portion;
+    const size_t first = std::exchange(cookie->bucket, cookie->bucket + portion);
     return table->walk(first, portion, context, visit);
 }

@@ -45,10 +45,8 @@ TEST_F(LogTest, ThresholdComesFromTheEnvironmentOrIsOne) {
 }
 
 TEST_F(LogTest, TextIsOneLineCutOnACharacter) {
-    errno = 33;
     error_output(4, "x", 1, "end\n");
     error_output(1, "x", 1, "a\nb\x1B[m\tc");
-    EXPECT_EQ(errno, 33);
     std::string umlauts;
     while (umlauts.size() < 10'000) umlauts += "\xC3\xA4";
     for (const char *shift : {"", "."}) error_output(1, "x", 1, "%s%s", shift, umlauts.c_str());
@@ -86,7 +84,12 @@ TEST(LogStderr, LineIsOneWriteThatAPipeTakesWhole) {
     const int kept = dup(STDERR_FILENO);
     dup2(ends[1], STDERR_FILENO);
     error_output(2, "ipc_queue", 12, "%s\n", std::string(5000, 'a').c_str());
+    close(STDERR_FILENO);
+    errno = 33;
+    error_output(2, "x", 1, "nowhere to go");
+    const int error = errno;
     dup2(kept, STDERR_FILENO);
+    EXPECT_EQ(error, 33);
     char line[PIPE_BUF + 1];
     const ssize_t length = read(ends[0], line, sizeof line);
     for (const int fd : {ends[0], ends[1], kept}) close(fd);
