@@ -98,9 +98,11 @@ void Loop::before_poll() noexcept {
     if (!idling_) wake_for_timers();
 }
 
+// Idle goes off here and not only before the next poll: libuv looks at it at the very start of a turn.
 void Loop::after_poll() noexcept {
     fire_timers();
     report_finished();
+    set_idle(!finished_.empty());
 }
 
 void Loop::wake_for_timers() noexcept {
