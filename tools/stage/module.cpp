@@ -2,13 +2,19 @@
 // under many names. Every command is answered by a line, and every message and log line is reported:
 //
 //   open NAME                                      opened HOSTID | refused
+//   accept NAME                                    the same, for an endpoint that accepts files
 //   close                                          closed
 //   send DEST LOC KIND SIZE COUNT FLAGS ADDRFLAGS  sent ACCEPTED US DIGEST      (cmd counts from 0)
 //   ping DEST SIZE COUNT                           pong MEDIAN_US FASTEST_US
+//   request DEST CMD SIZE TIMEOUT                  requested DIGEST, answered CODE CMD SIZE DIGEST
+//   confirm DEST SIZE TIMEOUT                      confirmed CODE
+//   probe DEST                                     probed CODE
+//   file DEST PATH TIMEOUT                         sending SIZE DIGEST, file RESULT
 //   echo                                           echoing       (messages go back, and are not reported)
 //   pause MS                                       pausing       (and then it does nothing for so long)
 //   wait MS | conf FILE | level N                  done          (send wait, IPC configuration, log level)
 //   (a message)                                    msg SOURCE CMD SIZE US DIGEST
+//   (a file)                                       got SIZE DIGEST
 //   (a log line)                                   log LEVEL SOURCE TEXT
 //
 // US is the monotonic clock in microseconds, the same in all processes; DIGEST is SHA-256 of the payload.
@@ -25,7 +31,10 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <openssl/sha.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <uv.h>
 
@@ -137,6 +146,40 @@ int on_message(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t cmd, const void
     return 0;
 }
 
+// A request is answered with the next command code and its own payload.
+int on_request(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, uint32_t cmd, const void *data,
+               uint32_t size, void *) {
+    tav_ipc_response(ipc, src, reqid, cmd + 1, data, size);
+    return 0;
+}
+
+int on_answer(int32_t code, uint32_t cmd, const void *data, uint32_t len, void *) {
+    std::printf("answered %d %u %u %s\n", code, cmd, len, digest(data, len).c_str());
+    return 0;
+}
+
+int on_result(int32_t code, void *event) {
+    std::printf("%s %d\n", static_cast<const char *>(event), code);
+    return 0;
+}
+
+// Size and digest of a file; of a pipe there is nothing to tell before it has been read.
+void report_file(const char *event, const char *path) {
+    struct stat status {};
+    if (stat(path, &status) != 0 || !S_ISREG(status.st_mode)) return;
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    const auto size = static_cast<size_t>(status.st_size);
+    void *content = size > 0 ? mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0) : nullptr;
+    std::printf("%s %zu %s\n", event, size, digest(content, size).c_str());
+    if (content) munmap(content, size);
+    close(fd);
+}
+
+int on_file(tav_ipc_st *, const char *path, void *) {
+    report_file("got", path);
+    return 0;
+}
+
 void report_log(int level, const char *source, int, const char *text, void *) {
     std::printf("log %d %s %s\n", level, source, text);
 }
@@ -149,11 +192,13 @@ void close_endpoint(const Words & = {}) {
     std::puts("closed");
 }
 
-void open_endpoint(const Words &w) {
-    module.ipc = tav_ipc_create(w[1].c_str());
-    tav_ipc_msg_recv(module.ipc, on_message, nullptr);
-    if (module.ipc)
-        std::printf("opened %u\n", tav_addr_get_hostid(tav_ipc_get_local_addr(module.ipc)));
+void open_endpoint(tav_ipc_st *ipc) {
+    module.ipc = ipc;
+    tav_ipc_msg_recv(ipc, on_message, nullptr);
+    tav_ipc_on_request(ipc, on_request, nullptr);
+    tav_ipc_file_recv(ipc, on_file, nullptr);
+    if (ipc)
+        std::printf("opened %u\n", tav_addr_get_hostid(tav_ipc_get_local_addr(ipc)));
     else
         std::puts("refused");
 }
@@ -175,6 +220,35 @@ void send(const Words &w) {
                 digest(payload.data(), payload.size()).c_str());
 }
 
+void *event(const char *name) { return const_cast<char *>(name); }
+
+void request(const Words &w) {
+    const tav_addr_st dest = address(w[1], 0, 0);
+    const std::string payload = random_bytes(std::stoul(w[3]), 0);
+    const auto size = static_cast<uint32_t>(payload.size());
+    std::printf("requested %s\n", digest(payload.data(), size).c_str());
+    tav_ipc_make_request(module.ipc, &dest, static_cast<uint32_t>(std::stoul(w[2])), payload.data(), size,
+                         on_answer, nullptr, std::stoi(w[4]));
+}
+
+void confirm(const Words &w) {
+    const tav_addr_st dest = address(w[1], 0, 0);
+    const std::string payload = random_bytes(std::stoul(w[2]), 0);
+    tav_ipc_send2(module.ipc, &dest, 0, payload.data(), static_cast<uint32_t>(payload.size()), on_result,
+                  event("confirmed"), std::stoi(w[3]));
+}
+
+void probe(const Words &w) {
+    const tav_addr_st dest = address(w[1], 0, 0);
+    tav_ipc_probe(module.ipc, &dest, on_result, event("probed"));
+}
+
+void send_file(const Words &w) {
+    const tav_addr_st dest = address(w[1], 0, 0);
+    report_file("sending", w[2].c_str());
+    tav_ipc_send_file(module.ipc, &dest, w[2].c_str(), on_result, event("file"), std::stoi(w[3]));
+}
+
 void start_ping(const Words &w) {
     module.ping = {address(w[1], 0, 0), random_bytes(std::stoul(w[2]), 0), std::stoul(w[3]), 0, {}};
     send_ping();
@@ -190,9 +264,14 @@ struct Command {
     void (*run)(const Words &);
 };
 const std::map<std::string, Command> kCommands = {
-    {"open", {2, open_endpoint}},
+    {"open", {2, [](const Words &w) { open_endpoint(tav_ipc_create(w[1].c_str())); }}},
+    {"accept", {2, [](const Words &w) { open_endpoint(tav_ipc_create_temp(w[1].c_str(), 1)); }}},
     {"close", {1, close_endpoint}},
     {"send", {8, send}},
+    {"request", {5, request}},
+    {"confirm", {4, confirm}},
+    {"probe", {2, probe}},
+    {"file", {4, send_file}},
     {"ping", {4, start_ping}},
     {"echo", {1, [](const Words &) { module.echo = true, std::puts("echoing"); }}},
     {"pause", {2, pause}},

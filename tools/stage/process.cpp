@@ -40,7 +40,8 @@ std::vector<char *> child_environment(const std::vector<std::string> &extra) {
 
 } // namespace
 
-Process::Process(const std::filesystem::path &program, const std::vector<std::string> &environment)
+Process::Process(const std::filesystem::path &program, const std::vector<std::string> &environment,
+                 const std::vector<std::string> &arguments)
     : name_(program.filename()) {
     // A socket, because a write to a child that has gone must not raise a signal.
     int in[2], out[2];
@@ -51,9 +52,11 @@ Process::Process(const std::filesystem::path &program, const std::vector<std::st
     posix_spawn_file_actions_adddup2(&actions, in[1], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     std::string path = program;
-    char *arguments[] = {path.data(), nullptr};
-    const int error =
-        posix_spawn(&pid_, path.c_str(), &actions, nullptr, arguments, child_environment(environment).data());
+    std::vector<char *> words{path.data()};
+    for (const auto &argument : arguments) words.push_back(const_cast<char *>(argument.c_str()));
+    words.push_back(nullptr);
+    const int error = posix_spawn(&pid_, path.c_str(), &actions, nullptr, words.data(),
+                                  child_environment(environment).data());
     posix_spawn_file_actions_destroy(&actions);
     close(in[1]);
     close(out[1]);
@@ -149,9 +152,11 @@ int Process::finish() {
 }
 
 int Process::kill() {
-    ::kill(pid_, SIGKILL);
+    signal(SIGKILL);
     return finish();
 }
+
+void Process::signal(int number) { ::kill(pid_, number); }
 
 std::vector<std::string> words(std::string_view text) {
     std::istringstream stream{std::string(text)};

@@ -22,7 +22,8 @@ using namespace std::chrono_literals;
 class Process {
   public:
     // environment: "NAME=value" entries on top of this process's own.
-    Process(const std::filesystem::path &program, const std::vector<std::string> &environment = {});
+    Process(const std::filesystem::path &program, const std::vector<std::string> &environment = {},
+            const std::vector<std::string> &arguments = {});
     ~Process();
     Process(const Process &) = delete;
 
@@ -36,6 +37,7 @@ class Process {
     int finish();
     // The same after a SIGKILL.
     int kill();
+    void signal(int number);
     // Whether an event that nobody took holds the text.
     bool heard(std::string_view text) const;
 
