@@ -1,76 +1,99 @@
-// One end of a two-process connection over some system, as the benchmarks drive it.
+// One end of a connection between processes over some system, as the benchmarks drive it.
 //
-// A work (works.cpp) is written once, against this interface; each system (system_*.cpp) fills it the way an
-// author of a module would use that system from an event loop.
+// A work (works.cpp) is written once, against this interface; each system (system_*.cpp) fills it the way the
+// author of a module would use that system from an event loop. A handler may send, but not serve the loop.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
 
 namespace bench {
 
+// What an end is made for. The server exists before its clients are made.
+struct Ends {
+    std::string dir; // for socket files
+    bool server;
+    int client;  // number of this client
+    int clients; // how many there are
+    size_t size; // bytes of the largest message
+    bool files;  // the server receives files
+};
+
 class Link {
   public:
-    using Handler = std::function<void(const char *data, size_t size)>;
-
-    virtual ~Link() = default;
     Link() = default;
+    virtual ~Link() = default;
     Link(const Link &) = delete;
-    Link &operator=(const Link &) = delete;
 
-    // Sends one message; waits, serving the loop, while the system takes no more.
+    // Sends one message, from the server to the client whose message is being handled. Waits, serving the
+    // loop, while the system takes no more; inside a handler it keeps what is not taken.
     virtual void send(const void *data, size_t size) = 0;
-    // Returns when everything accepted has left this process.
-    virtual void flush() {}
-    // Serves the loop until stop() is called from a handler.
-    virtual void run() = 0;
-    void stop() { stopped_ = true; }
-
-    // Sends a request; on_reply runs when its answer came. The other end answers with the same bytes.
+    // Sends a request, which the server answers with the same bytes; on_reply runs when they came.
     virtual void request(const void *data, size_t size) = 0;
-    virtual void serve_requests() = 0;
+    // Sends a file; on_reply runs when the other end has it.
+    virtual void send_file(const char *path) = 0;
+    // The server's part of the two.
+    virtual void answer_requests() = 0;
+    virtual void receive_file(const std::string &path, size_t size) = 0;
 
-    Handler on_message;
+    // Serves the loop once, waiting at most so long (-1: as long as it takes) for something to do.
+    virtual void turn(int timeout_ms) = 0;
+    // Serves it until stop() is called from a handler.
+    virtual void run() {
+        for (stopped_ = false; !stopped_;) turn(-1);
+    }
+    virtual void stop() { stopped_ = true; }
+
+    std::function<void(const char *data, size_t size)> on_message;
     std::function<void()> on_reply;
+    std::function<void(const std::string &path)> on_file;
 
-  protected:
+  private:
     bool stopped_ = false;
 };
 
-// The server end exists before the client end is made. dir is a directory for socket files.
-using Maker = std::unique_ptr<Link> (*)(const std::string &dir, bool server);
-
-struct System {
-    const char *name;
-    Maker make;
-};
-
-std::unique_ptr<Link> make_tavipc(const std::string &dir, bool server);
-std::unique_ptr<Link> make_raw(const std::string &dir, bool server);
-std::unique_ptr<Link> make_mmsg(const std::string &dir, bool server);
-std::unique_ptr<Link> make_zeromq(const std::string &dir, bool server);
-std::unique_ptr<Link> make_nng(const std::string &dir, bool server);
-std::unique_ptr<Link> make_sdbus(const std::string &dir, bool server);
-
-// Base for systems that know messages only: a request is a message with a serial number in front.
+// Base for systems that know messages only. A request is a message with a serial number in front; a file goes
+// in chunks of 64,000 bytes, each answered before the next.
 class MessageLink : public Link {
   public:
+    void send(const void *data, size_t size) override;
     void request(const void *data, size_t size) override;
-    void serve_requests() override;
+    void send_file(const char *path) override;
+    void answer_requests() override;
+    void receive_file(const std::string &path, size_t size) override;
 
   protected:
-    // Systems call this for each message that came.
-    void deliver(const char *data, size_t size);
+    // False when the system takes no more now. It is tried again with the same message.
+    virtual bool try_send(const void *data, size_t size) = 0;
+    // Systems call these: for each message, and when there may be room again.
+    void handle(const char *data, size_t size);
+    void writable();
+    bool blocked() const { return blocked_; } // whether to wait for room too
+    void block() { blocked_ = true; }
 
   private:
-    uint32_t next_serial_ = 0;
+    void send_chunk(int fd);
+
+    std::deque<std::string> backlog_; // what handlers sent and the system did not take
+    bool blocked_ = false;
+    bool handling_ = false;
+    uint32_t serial_ = 0;
     std::string buffer_;
-    bool serving_ = false;
-    bool requesting_ = false;
 };
+
+std::unique_ptr<Link> make_tavipc(const Ends &ends);
+std::unique_ptr<Link> make_raw_pair(const Ends &ends); // two datagram sockets, connected to one another
+std::unique_ptr<Link> make_raw_open(const Ends &ends); // sockets that receive from everybody
+std::unique_ptr<Link> make_mmsg(const Ends &ends);     // as the pair, many datagrams a system call
+std::unique_ptr<Link> make_zeromq(const Ends &ends);
+std::unique_ptr<Link> make_nng(const Ends &ends);
+std::unique_ptr<Link> make_sdbus(const Ends &ends);
+
+inline constexpr size_t kChunk = 64000; // bytes of a datagram when a message or file goes in parts
 
 [[noreturn]] void fail(const char *what);
 inline void check(bool ok, const char *what) {
