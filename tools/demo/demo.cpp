@@ -36,7 +36,7 @@ std::string grouped(uint64_t number) {
 }
 
 std::string open(Process &module, const std::string &name) {
-    const std::string id = module.ask("open " + name, "opened ");
+    std::string id = module.ask("open " + name, "opened ");
     require(id != "0", name + " has no host id");
     return id;
 }
