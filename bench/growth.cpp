@@ -178,10 +178,10 @@ void uncompress(State &state) {
 }
 
 void table_sizes(benchmark::internal::Benchmark *b) {
-    b->RangeMultiplier(10)->Range(100, 1'000'000)->Complexity();
+    b->RangeMultiplier(10)->Range(100, 1'000'000)->Complexity(benchmark::oLogN);
 }
 void byte_sizes(benchmark::internal::Benchmark *b) {
-    b->RangeMultiplier(8)->Range(1 << 10, 16 << 20)->Complexity();
+    b->RangeMultiplier(8)->Range(1 << 10, 16 << 20)->Complexity(benchmark::oN);
 }
 
 BENCHMARK(requests)->Apply(table_sizes);
@@ -189,7 +189,7 @@ BENCHMARK(queued_records)->Apply(table_sizes);
 BENCHMARK(module_infos)->Apply(table_sizes);
 BENCHMARK(timers)->Apply(table_sizes);
 // Each holds two pages at least: a million would be 8 GB.
-BENCHMARK(reassembly_sets)->RangeMultiplier(10)->Range(100, 100'000)->Complexity();
+BENCHMARK(reassembly_sets)->RangeMultiplier(10)->Range(100, 100'000)->Complexity(benchmark::oLogN);
 BENCHMARK(compress)->Apply(byte_sizes);
 BENCHMARK(uncompress)->Apply(byte_sizes);
 

@@ -166,12 +166,16 @@ void serve(Link &link, const Work &work, const Ends &ends, Shared &shared) {
 
 void make_trips(Link &link, const std::string &message, unsigned trips, Shared &shared) {
     unsigned left = trips;
+    const bool in_handler =
+        message.size() <= kChunk; // a large one might have to be kept, at the cost of a copy
     link.on_message = [&](const char *, size_t) {
         count(shared);
-        --left > 0 ? link.send(message.data(), message.size()) : link.stop();
+        --left > 0 && in_handler ? link.send(message.data(), message.size()) : link.stop();
     };
-    link.send(message.data(), message.size());
-    link.run();
+    do {
+        link.send(message.data(), message.size());
+        link.run();
+    } while (left > 0);
 }
 
 void make_requests(Link &link, const Work &work, const std::string &message, Shared &shared) {
