@@ -20,4 +20,4 @@ printf '[agent]\nlocation = 2\ndeploy_type = tmp/%s\ncnapp = 1\nhostid = 7\n' "$
     >"$place/config/agent.ini"
 said=$("$place/bin/hello")
 echo "$said"
-[ "$said" = "alpha sent 7: hello" ]
+[ "$said" = "Success, 8: hello" ]
