@@ -1,9 +1,12 @@
 // tavipc-demo - what the library does, shown with real processes, real sockets and a list signed on the spot.
 // Everything that it claims it has checked; the first thing that is not as it should be ends it with
 // status 1.
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
@@ -102,6 +105,72 @@ void show_trace(Process &gamma, Process &beta) {
     show("trace", "[MSG TRACE] [gamma@" + trace);
 }
 
+void show_exchanges(Process &alpha, Process &beta) {
+    const std::string sent = alpha.ask("request beta 7 100000 10", "requested ");
+    require(alpha.expect("answered ") == "0 8 100000 " + sent,
+            "the request was not answered as it should be");
+    show("request", "100,000 bytes with command 7, answered by beta with command 8 and the same bytes");
+    require(alpha.ask("confirm beta 160 10", "confirmed ") == "0", "the message was not confirmed");
+    beta.expect("msg alpha 0 160");
+    show("confirmed", "a message, with code 0");
+    require(alpha.ask("probe beta", "probed ") == "0", "beta does not answer a probe");
+}
+
+// Waits for the beginning of a second of the wall clock: an id of a file depends on the second.
+void await_full_second() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    usleep(static_cast<useconds_t>((1'000'000'000 - now.tv_nsec) / 1000 + 1000));
+}
+
+std::string make_file(const std::filesystem::path &path, size_t size) {
+    std::string block(1 << 20, '\0');
+    uint64_t state = 0x9E3779B97F4A7C15u;
+    std::ofstream file(path, std::ios::binary);
+    for (size_t at = 0; at < size; at += block.size()) {
+        for (size_t i = 0; i + sizeof state <= block.size(); i += sizeof state) {
+            state ^= state << 13, state ^= state >> 7, state ^= state << 17;
+            block.replace(i, sizeof state, reinterpret_cast<const char *>(&state), sizeof state);
+        }
+        file.write(block.data(), static_cast<std::streamsize>(std::min(block.size(), size - at)));
+    }
+    require(static_cast<bool>(file.flush()), "cannot write " + path.string());
+    return path.string();
+}
+
+void show_files(const Installation &place, Process &alpha, Process &beta, Process &other, Process &filer) {
+    const size_t size = 300'000'000;
+    filer.ask("accept filer", "opened ");
+    const std::string large = make_file(place.config() / "large", size),
+                      small = make_file(place.config() / "small", 1);
+    alpha.ask("seed 7", "seeded");
+    other.ask("seed 7", "seeded");
+    await_full_second();
+    const auto begun = std::chrono::steady_clock::now();
+    const std::string sent = alpha.ask("file filer " + large + " 10", "sending ");
+    const std::string second = other.ask("file filer " + small + " 10", "file ");
+    require(std::stoi(alpha.expect("file ")) >= 0, "the file was not sent");
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
+    require(filer.expect("got ") == sent, "the file arrived changed");
+    char line[160];
+    std::snprintf(line, sizeof line,
+                  "%s bytes from alpha to filer in %.1f s, digests on both sides included: equal",
+                  grouped(size).c_str(), took.count());
+    show("file", line);
+    require(second == "-106", "a second sender with the same file id got " + second);
+    show("", "a second sender with the same file id meanwhile: -106, " + std::string(tav_ipc_strerror(-106)));
+    const std::string unsupported = alpha.ask("file beta " + small + " 10", "file ");
+    require(unsupported == "-109", "an endpoint that accepts no files answered " + unsupported);
+    show("", "to beta, which accepts no files: -109, " + std::string(tav_ipc_strerror(-109)));
+}
+
+// The probe of an endpoint that is not there was started long before: it takes its five seconds.
+void show_probes(Process &echo) {
+    require(echo.expect("probed ") == "-102", "the probe of nobody did not run out of time");
+    show("probe", "of beta: 0, " + std::string(tav_ipc_strerror(0)) +
+                      "; of an endpoint that is not there: -102, " + tav_ipc_strerror(-102));
+}
+
 void show_refusal(Process &intruder) {
     intruder.say("open intruder");
     intruder.expect("refused", std::chrono::seconds(10));
@@ -112,22 +181,26 @@ void show_refusal(Process &intruder) {
 void run() {
     const auto root = std::filesystem::path(TAVIPC_DEMO_DIRECTORY) / std::to_string(getpid());
     const Installation place({root, 2, true});
-    place.allow({"alpha", "beta", "gamma", "echo"});
+    place.allow({"alpha", "beta", "gamma", "echo", "filer"});
     std::cout << "tavipc demo: every module is a process of its own\n";
     show("executables", (root / "bin").string());
     show("sockets", place.sockets().string());
 
     Process alpha = place.start("alpha"), beta = place.start("beta"), echo = place.start("echo");
     Process gamma = place.start("gamma", {"IPC_TEST=1", "TAV_LOG_LEVEL=4"});
-    Process intruder = place.start("intruder");
+    Process filer = place.start("filer"), intruder = place.start("intruder");
     show_identity(place, alpha, beta);
     show_echo(alpha, echo);
+    echo.say("probe nobody");
     show_large(alpha, beta);
     open(gamma, "gamma");
     show_compression(gamma, beta);
     show_trace(gamma, beta);
+    show_exchanges(alpha, beta);
+    show_files(place, alpha, beta, gamma, filer);
+    show_probes(echo);
     show_refusal(intruder);
-    for (Process *module : {&alpha, &beta, &echo, &gamma, &intruder})
+    for (Process *module : {&alpha, &beta, &echo, &gamma, &filer, &intruder})
         require(module->finish() == 0, "a module ended with a failure");
     std::cout << "all as it should be" << std::endl;
 }

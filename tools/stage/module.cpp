@@ -10,6 +10,7 @@
 //   confirm DEST SIZE TIMEOUT                      confirmed CODE
 //   probe DEST                                     probed CODE
 //   file DEST PATH TIMEOUT                         sending SIZE DIGEST, file RESULT
+//   seed N                                         seeded        (the ids of files are drawn from there on)
 //   echo                                           echoing       (messages go back, and are not reported)
 //   pause MS                                       pausing       (and then it does nothing for so long)
 //   wait MS | conf FILE | level N                  done          (send wait, IPC configuration, log level)
@@ -93,8 +94,7 @@ std::string application_message(size_t size) {
     std::string message("3200", 4);
     message.resize(std::max<size_t>(size, TAV_APP_HEADER_SIZE));
     const size_t body = message.size() - TAV_APP_HEADER_SIZE;
-    for (int i = 0; i < 4; ++i)
-        message[static_cast<size_t>(16 + i)] = static_cast<char>(body >> (24 - 8 * i));
+    for (size_t i = 0; i < 4; ++i) message[16 + i] = static_cast<char>(body >> (24 - 8 * i));
     for (size_t at = TAV_APP_HEADER_SIZE, line = 0; at < message.size(); ++line) {
         const std::string text = "event " + std::to_string(line) + ": file opened, nothing found\n";
         at += text.copy(&message[at], message.size() - at);
@@ -177,6 +177,7 @@ void report_file(const char *event, const char *path) {
 
 int on_file(tav_ipc_st *, const char *path, void *) {
     report_file("got", path);
+    unlink(path); // or the library does, in some minutes
     return 0;
 }
 
@@ -249,6 +250,12 @@ void send_file(const Words &w) {
     tav_ipc_send_file(module.ipc, &dest, w[2].c_str(), on_result, event("file"), std::stoi(w[3]));
 }
 
+void seed(const Words &w) {
+    tav_ipc_get_random_file_id(0); // the first one seeds by itself
+    std::srand(static_cast<unsigned>(std::stoul(w[1])));
+    std::puts("seeded");
+}
+
 void start_ping(const Words &w) {
     module.ping = {address(w[1], 0, 0), random_bytes(std::stoul(w[2]), 0), std::stoul(w[3]), 0, {}};
     send_ping();
@@ -272,6 +279,7 @@ const std::map<std::string, Command> kCommands = {
     {"confirm", {4, confirm}},
     {"probe", {2, probe}},
     {"file", {4, send_file}},
+    {"seed", {2, seed}},
     {"ping", {4, start_ping}},
     {"echo", {1, [](const Words &) { module.echo = true, std::puts("echoing"); }}},
     {"pause", {2, pause}},
