@@ -138,7 +138,7 @@ std::string make_file(const std::filesystem::path &path, size_t size) {
     return path.string();
 }
 
-void show_files(const Installation &place, Process &alpha, Process &beta, Process &other, Process &filer) {
+void show_files(const Installation &place, Process &alpha, Process &other, Process &filer) {
     const size_t size = 300'000'000;
     filer.ask("accept filer", "opened ");
     const std::string large = make_file(place.config() / "large", size),
@@ -197,7 +197,7 @@ void run() {
     show_compression(gamma, beta);
     show_trace(gamma, beta);
     show_exchanges(alpha, beta);
-    show_files(place, alpha, beta, gamma, filer);
+    show_files(place, alpha, gamma, filer);
     show_probes(echo);
     show_refusal(intruder);
     for (Process *module : {&alpha, &beta, &echo, &gamma, &filer, &intruder})
