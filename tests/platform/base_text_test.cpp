@@ -31,7 +31,7 @@ TEST(Strings, Find) {
     EXPECT_EQ(str_find("b", 1, "abab", 4, 2), 3);
     EXPECT_EQ(str_find("\0b", 2, "a\0b", 3, 0), 1);
     EXPECT_EQ(str_find("", 0, "ab", 2, 2), 2);
-    EXPECT_EQ(str_find("b", 1, "ab", 1, 0), -1);
+    EXPECT_EQ(str_find("c", 1, "abc", 2, 1), -1);
     EXPECT_EQ(str_find("a", 1, "ab", 2, 3), -1);
     EXPECT_EQ(str_find("a", 1, "ab", 2, -1), -1);
     EXPECT_EQ(str_find("a", -1, "ab", 2, 0), -1);
@@ -87,7 +87,7 @@ TEST(Ini, KeepsValuesAndSkipsWholeWhatIsNone) {
     dir.write("a", "\xEF\xBB\xBF# head\r\ntop=0\r\n[ipc]\r\n; remark\r\n  addr \t=  a b;c # d \t\r\n"
                    "\tport = 7 ; why\r\nempty =\r\nADDR = upper\r\naddr = again\r\n[IPC]\r\naddr = other\r\n"
                    "[ipc]\r\naddr = late\r\nno separator\n" +
-                       big + "k = 1\nz\0k = 2\n"s + "k = 3\nlong = " + value + "\n[" + big + "]\nbig = 1\n[" +
+                       big + "k = 1\nk = 2\0z\n"s + "k = 3\nlong = " + value + "\n[" + big + "]\nbig = 1\n[" +
                        name + "]\nname = 1\n[a]\nend = 1");
     EXPECT_EQ(read(dir / "a",
                    {"/top", "ipc/addr", "ipc/port", "ipc/empty", "ipc/ADDR", "IPC/addr", "IPC/k", "ipca/ddr",
