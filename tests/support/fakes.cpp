@@ -1,9 +1,9 @@
 #include "fakes.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -17,10 +17,9 @@ World &world() {
 }
 
 int Log::count(std::string_view part, int level) const {
-    int n = 0;
-    for (const LogLine &line : lines)
-        if ((level < 0 || line.level == level) && line.text.find(part) != std::string::npos) ++n;
-    return n;
+    return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const LogLine &line) {
+        return (level < 0 || line.level == level) && line.text.find(part) != std::string::npos;
+    }));
 }
 
 size_t Event::pending() const {
@@ -42,25 +41,22 @@ void Event::complete_all(int status) {
 }
 
 void Event::advance(uint64_t ms) {
-    const uint64_t end = world().clock.loop_ms + ms;
+    uint64_t &now = world().clock.loop_ms;
+    const uint64_t end = now + ms;
+    const auto sooner = [](const auto &a, const auto &b) { return a.second.due_ms < b.second.due_ms; };
     for (;;) {
-        auto first = timers.end();
-        for (auto it = timers.begin(); it != timers.end(); ++it)
-            if (it->second.due_ms <= end &&
-                (first == timers.end() || it->second.due_ms < first->second.due_ms))
-                first = it;
-        if (first == timers.end()) break;
+        const auto first = std::min_element(timers.begin(), timers.end(), sooner);
+        if (first == timers.end() || first->second.due_ms > end) break;
         const Timer timer = first->second;
         timers.erase(first);
-        if (timer.due_ms > world().clock.loop_ms) world().clock.loop_ms = timer.due_ms;
+        now = std::max(now, timer.due_ms);
         timer.callback(timer.argument);
     }
-    world().clock.loop_ms = end;
+    now = std::max(now, end); // a callback may have run the loop further
 }
 
 void Event::deliver(cl_dunix_t socket, std::string_view datagram, int status) {
     const Socket target = sockets.at(socket);
-    if (!target.recv) throw std::logic_error("the socket does not receive");
     const auto size = static_cast<uint32_t>(datagram.size());
     const std::unique_ptr<char[]> copy(new char[size]); // of this very size: an over-read shows under ASan
     memcpy(copy.get(), datagram.data(), size);
@@ -77,6 +73,7 @@ cl_dunix_t Event::socket_at(std::string_view path) const {
 } // namespace fake
 
 using fake::world;
+static fake::Event &event = world().event;
 
 extern "C" {
 
@@ -92,18 +89,17 @@ void error_output(int level, const char *source, int, const char *format, ...) n
 }
 
 uint64_t cl_event_loop_now() noexcept { return world().clock.loop_ms; }
-uint64_t timer_get_ticks() noexcept { return world().clock.ticks_ms * 1000; }
-uint64_t timer_ticks2ms(uint64_t ticks) noexcept { return ticks / 1000; }
+uint64_t timer_get_ticks() noexcept { return world().clock.ticks_ms * 1'000'000; }
 
 time_t time(time_t *out) noexcept {
     if (out) *out = world().clock.wall_s;
     return world().clock.wall_s;
 }
 int rand() noexcept {
-    auto &random = world().random;
-    if (random.draws.empty()) return ++random.counter;
-    const int draw = random.draws.front();
-    random.draws.pop_front();
+    auto &[draws, seeds, counter] = world().random;
+    if (draws.empty()) return ++counter;
+    const int draw = draws.front();
+    draws.pop_front();
     return draw;
 }
 void srand(unsigned seed) noexcept { world().random.seeds.push_back(seed); }
@@ -113,40 +109,24 @@ int clock_gettime(clockid_t clock, timespec *out) noexcept {
 }
 
 cl_timer_t cl_timer_start(uint64_t delay_ms, void (*callback)(void *), void *argument) noexcept {
-    auto &event = world().event;
     if (event.fail_timers > 0) return --event.fail_timers, 0;
-    const cl_timer_t id = event.next_id++;
-    event.timers[id] = {world().clock.loop_ms + delay_ms, delay_ms, callback, argument};
-    return id;
+    event.timers[++event.last_id] = {world().clock.loop_ms + delay_ms, delay_ms, callback, argument};
+    return event.last_id;
 }
-void cl_timer_stop(cl_timer_t timer) noexcept { world().event.timers.erase(timer); }
+void cl_timer_stop(cl_timer_t timer) noexcept { event.timers.erase(timer); }
 
-int cl_sockaddr_un_init(cl_sockaddr_t *address, const char *path) noexcept {
-    *address = {};
-    const size_t length = path ? strlen(path) : 0;
-    if (length == 0 || length > 107) return -1;
-    address->addr.sun_family = AF_UNIX;
-    memcpy(address->addr.sun_path, path, length);
-    address->len = static_cast<uint16_t>(offsetof(sockaddr_un, sun_path) + length + 1);
-    return 0;
-}
 cl_dunix_t cl_dunix_create(const cl_sockaddr_t *address, void *, void *) noexcept {
-    auto &event = world().event;
     if (event.fail_create > 0) return --event.fail_create, 0;
     if (event.socket_at(address->addr.sun_path)) return 0; // a live name is never taken
-    const cl_dunix_t id = event.next_id++;
-    event.sockets[id] = {address->addr.sun_path};
-    return id;
+    event.sockets[++event.last_id] = {address->addr.sun_path};
+    return event.last_id;
 }
 void cl_dunix_close(cl_dunix_t socket, void (*)(void *), void *) noexcept {
-    auto &event = world().event;
-    if (!event.sockets.erase(socket)) throw std::logic_error("closed twice, or never made");
-    event.closed.push_back(socket);
+    if (!event.sockets.erase(socket)) std::abort(); // closed twice, or never made
     for (size_t i = 0, n = event.sends.size(); i < n; ++i)
         if (event.sends[i].socket == socket && !event.sends[i].done) event.complete(i, CL_EV_CANCELLED);
 }
 int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *context) noexcept {
-    auto &event = world().event;
     if (event.fail_recv > 0) return --event.fail_recv, -1;
     event.sockets.at(socket).recv = callback;
     event.sockets.at(socket).recv_context = context;
@@ -154,11 +134,10 @@ int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *cont
 }
 int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void *data, uint32_t len,
                      cl_dunix_send_cb callback, void *context) noexcept {
-    auto &event = world().event;
-    if (event.fail_send > 0) return --event.fail_send, event.send_error;
+    if (event.fail_send > 0) return --event.fail_send, -1;
     if (!event.sockets.count(socket)) return -1;
     event.sends.push_back({socket, address->addr.sun_path, std::string(static_cast<const char *>(data), len),
-                           data, callback, context});
+                           callback, context});
     return 0;
 }
 
@@ -167,31 +146,18 @@ const char *tav_location_name(int location) noexcept {
     static std::map<int, std::string> names;
     return names.try_emplace(location, "loc" + std::to_string(location)).first->second.c_str();
 }
-const char *GetDeployTypeStr() noexcept {
-    const auto &type = world().deployment.deploy_type;
-    return type.empty() ? nullptr : type.c_str();
-}
+const char *GetDeployTypeStr() noexcept { return world().deployment.deploy_type; }
 int IsCNAPPAgent() noexcept { return world().deployment.cnapp; }
 uint32_t get_hostid() noexcept { return world().deployment.hostid; }
 int GetAgentType(char *buffer, int size) noexcept {
     const auto &type = world().deployment.agent_type;
     if (type.empty() || size <= static_cast<int>(type.size())) return -1;
-    memcpy(buffer, type.c_str(), type.size() + 1);
-    return static_cast<int>(type.size());
+    return snprintf(buffer, static_cast<size_t>(size), "%s", type.c_str());
 }
 int dirutils_path_transform(const char *path_template, char *out, int size) noexcept {
     std::string text = path_template;
-    if (!text.empty() && text[0] == '@') {
-        std::string base = world().deployment.base;
-        if (base.empty()) {
-            char exe[4096] = {};
-            if (readlink("/proc/self/exe", exe, sizeof exe - 1) > 0) base = exe;
-            base.resize(base.rfind('/') == std::string::npos ? 0 : base.rfind('/'));
-        }
-        text = base + text.substr(1);
-    }
-    snprintf(out, static_cast<size_t>(size), "%s", text.c_str());
-    return static_cast<int>(text.size()) < size ? 0 : -1;
+    if (text.starts_with('@')) text.replace(0, 1, world().deployment.base);
+    return snprintf(out, static_cast<size_t>(size), "%s", text.c_str()) < size ? 0 : -1;
 }
 
 } // extern "C"

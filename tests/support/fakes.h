@@ -2,14 +2,11 @@
 // time, timers, datagrams and log by hand; nothing sleeps and no socket is opened.
 #pragma once
 
-#include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <deque>
 #include <functional>
 #include <map>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -22,8 +19,7 @@ namespace fake {
 // --- log: error_output, error_output_check
 struct LogLine {
     int level;
-    std::string source;
-    std::string text;
+    std::string source, text;
 };
 struct Log {
     int threshold = 4;
@@ -33,10 +29,10 @@ struct Log {
 
 // --- libc: time, rand, srand, clock_gettime; ticks and loop clock
 struct Clock {
-    uint64_t loop_ms = 1'000'000;                      // cl_event_loop_now
-    uint64_t ticks_ms = 1'000'000;                     // timer_get_ticks, timer_ticks2ms
-    time_t wall_s = 1'700'000'000;                     // time
-    std::function<int(clockid_t, timespec *)> gettime; // clock_gettime, the real one when empty
+    uint64_t loop_ms = 1'000'000;
+    uint64_t ticks_ms = 1'000'000;
+    time_t wall_s = 1'700'000'000;
+    std::function<int(clockid_t, timespec *)> gettime; // the real clock_gettime when empty
 };
 struct Random {
     std::deque<int> draws;       // next results of rand; a counter follows when they run out
@@ -46,8 +42,7 @@ struct Random {
 
 // --- timers: cl_timer_start, cl_timer_stop
 struct Timer {
-    uint64_t due_ms;
-    uint64_t delay_ms;
+    uint64_t due_ms, delay_ms;
     void (*callback)(void *);
     void *argument;
 };
@@ -62,7 +57,6 @@ struct Send {
     cl_dunix_t socket;
     std::string path;
     std::string bytes; // the datagram as it was when it was handed over
-    const void *data;
     cl_dunix_send_cb callback;
     void *context;
     bool done = false;
@@ -71,13 +65,8 @@ struct Event {
     std::map<cl_timer_t, Timer> timers;
     std::map<cl_dunix_t, Socket> sockets;
     std::deque<Send> sends; // every accepted send, in order
-    uint64_t next_id = 1;
-    int fail_timers = 0; // so many cl_timer_start return 0
-    int fail_create = 0; // so many cl_dunix_create return 0
-    int fail_recv = 0;   // so many cl_dunix_recv_start return -1
-    int fail_send = 0;   // so many cl_dunix_sendto2 return send_error
-    int send_error = -1;
-    std::vector<cl_dunix_t> closed;
+    uint64_t last_id = 0;
+    int fail_timers = 0, fail_create = 0, fail_recv = 0, fail_send = 0; // so many calls fail from now on
 
     size_t pending() const;                  // sends not completed
     void complete(size_t index, int status); // completes sends[index]
@@ -90,11 +79,18 @@ struct Event {
 // --- deployment facts and executable directory (libtavaux, dirutils_path_transform)
 struct Deployment {
     int location = 2;
-    std::string deploy_type; // empty: none
+    const char *deploy_type = nullptr;
     bool cnapp = false;
     uint32_t hostid = 0;
-    std::string agent_type = "linux"; // empty: GetAgentType fails
-    std::string base;                 // what "@" stands for; the real executable's directory when empty
+    std::string agent_type = "linux";  // empty: GetAgentType fails
+    std::string base = "/nonexistent"; // what "@" stands for
+};
+
+// --- who a process is: c_get_process, CreateAgentId (identity_fakes.cpp)
+struct Identity {
+    int32_t process_result = 0;
+    unsigned agent_id = 4711;
+    int agent_id_calls = 0;
 };
 
 struct World {
@@ -103,6 +99,7 @@ struct World {
     Random random;
     Event event;
     Deployment deployment;
+    Identity identity;
 };
 World &world();
 

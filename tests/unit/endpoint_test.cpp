@@ -53,23 +53,21 @@ TEST_F(EndpointTest, FailedCreationReleasesEverythingAndSaysWhy) {
     const struct {
         std::function<void()> prepare;
         const char *name, *lines; // of levels 1 and 2
-        size_t sockets_closed;
     } cases[] = {
-        {[] { fake::identity().process_result = -1; }, "much_too_long", "1process is not valid", 0},
-        {[] { setenv("IPC_TEST", "1", 1); }, "ten_chars_", "", 0},
-        {[] { setenv("IPC_TEST", "1", 1); }, nullptr, "", 0},
-        {[] { fake::identity().agent_id = 0; }, "alpha",
-         "2calculate agentid failed\n2failed to get hostid, ipc create failed", 0},
+        {[] { fake::world().identity.process_result = -1; }, "much_too_long", "1process is not valid"},
+        {[] { setenv("IPC_TEST", "1", 1); }, "ten_chars_", ""},
+        {[] { setenv("IPC_TEST", "1", 1); }, nullptr, ""},
+        {[] { fake::world().identity.agent_id = 0; }, "alpha",
+         "2calculate agentid failed\n2failed to get hostid, ipc create failed"},
         {[] { fake::world().event.fail_create = 1; }, "alpha",
-         "2fail to create ipc retry socket: /var/zon_ipc2/alpha", 0},
-        {[] { fail_table = 1; }, "alpha", "1init ipc msg queue failed.", 1},
-        {[] { fail_table = 2; }, "alpha", "", 1},
-        {[] { fake::world().event.fail_recv = 1; }, "alpha", "", 1},
+         "2fail to create ipc retry socket: /var/zon_ipc2/alpha"},
+        {[] { fail_table = 1; }, "alpha", "1init ipc msg queue failed."},
+        {[] { fail_table = 2; }, "alpha", ""},
+        {[] { fake::world().event.fail_recv = 1; }, "alpha", ""},
     };
     for (const auto &c : cases) {
         w.log.lines.clear();
-        w.event.closed.clear();
-        fake::identity() = {};
+        fake::world().identity = {};
         tavipc::process_state() = {};
         c.prepare();
         EXPECT_FALSE(adopt(tav_ipc_create(c.name)));
@@ -77,7 +75,6 @@ TEST_F(EndpointTest, FailedCreationReleasesEverythingAndSaysWhy) {
         for (const auto &line : w.log.lines)
             if (line.level <= 2) lines += std::to_string(line.level) + line.text;
         EXPECT_EQ(lines, c.lines);
-        EXPECT_EQ(w.event.closed.size(), c.sockets_closed);
         EXPECT_TRUE(w.event.sockets.empty() && w.event.timers.empty());
         EXPECT_EQ(tavipc::process_state().trace_flag, 0); // a refused name never reads the environment
         unsetenv("IPC_TEST");
@@ -136,12 +133,12 @@ TEST_F(EndpointTest, HostIdIsCachedUnlessThePlatformHasOne) {
     w.deployment.hostid = 8; // means nothing without a CNAPP agent
     EXPECT_EQ(tav_get_hostid(), 4711u);
     EXPECT_EQ(tav_get_hostid(), 4711u);
-    EXPECT_EQ(fake::identity().agent_id_calls, 1);
+    EXPECT_EQ(fake::world().identity.agent_id_calls, 1);
     w.deployment.cnapp = true;
     EXPECT_EQ(tav_get_hostid(), 8u);
     EXPECT_EQ(tav_calculate_hostid(), 8u);
     w.deployment.hostid = 0;
-    fake::identity().agent_id = 12;
+    fake::world().identity.agent_id = 12;
     EXPECT_EQ(tav_get_hostid(), 12u);
     w.deployment.hostid = 9;
     EXPECT_EQ(tav_get_hostid(), 9u);

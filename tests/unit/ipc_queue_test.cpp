@@ -189,11 +189,11 @@ TEST_F(QueueTest, SweepReleasesIdleModulesAfterMoreThanAnHour) {
 
 TEST_F(QueueTest, SocketPaths) {
     const std::tuple<const char *, const char *, const char *, bool> cases[] = {
-        {"", "12345678901234", "/var/zon_ipc-3/12345678901234", true},
-        {"", "123456789012345", "/var/zon_ipc-3/12345678901234", false}, // cut
+        {nullptr, "12345678901234", "/var/zon_ipc-3/12345678901234", true},
+        {nullptr, "123456789012345", "/var/zon_ipc-3/12345678901234", false}, // cut
         {"tmp/x", "mod", "/var/tmp/x/zon_ipc-3/mod", true},
-        {"", "../mod", "/var/zon_ipc-3/../mod", false},
-        {"", nullptr, "/var/zon_ipc-3/", false}};
+        {nullptr, "../mod", "/var/zon_ipc-3/../mod", false},
+        {nullptr, nullptr, "/var/zon_ipc-3/", false}};
     for (const auto &[type, name, expected, usable] : cases) {
         char path[30];
         w.deployment.deploy_type = type;
