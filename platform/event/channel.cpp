@@ -19,7 +19,7 @@ constexpr unsigned kMaxBatchesPerTurn = 4;
 constexpr uint64_t kLongestTick = 125;
 constexpr uint64_t kRetryByPath = 5;
 constexpr uint64_t kFileCheckInterval = 1000;
-constexpr int64_t kDatagramsInLoweredBuffer = 12;
+constexpr int64_t kDatagramsInLoweredBuffer = 20;
 
 // About what the kernel charges to the send buffer for a datagram: its own record, and the bytes in blocks of
 // powers of two, beyond 16 KiB in pages.

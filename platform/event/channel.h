@@ -8,10 +8,10 @@
 //   stalled   the destination was full: datagrams wait in waiting_, in order, until the connected socket is
 //             writable; then as many leave as there is room for
 //
-// While stalled, the send buffer is lowered to about a dozen datagrams of the size at hand. The kernel
-// reports a socket writable only when three quarters of its buffer are free, so the sender is woken once for
-// about nine datagrams, not for each one that is read. Before a datagram that needs more the buffer is
-// raised.
+// While stalled, the send buffer is lowered to twenty datagrams of the size at hand. The kernel reports a
+// socket writable only when three quarters of its buffer are free: the sender is woken when five of eleven
+// are left and fills up, not once for each datagram that is read; and a quick reader is not kept waiting
+// until its last is gone. The buffer stays lowered after the stall, until a larger datagram needs more.
 //
 // A stalled channel looks every now and then (tick) whether the destination still reads: by our datagrams
 // that left its queue, or by the room that a wake-up proved. When it has not for the send-wait time, all that
