@@ -35,14 +35,6 @@ struct Endpoint {
     Phase phase = kOpen;
 };
 
-// What a completion shows: code, command and payload (status callbacks: the code alone).
-struct Result {
-    int32_t code;
-    uint32_t cmd = 0;
-    std::string payload;
-    auto operator<=>(const Result &) const = default;
-};
-
 // The model of one exchange: what may come of it, and what came.
 struct Exchange {
     Kind kind;
@@ -54,7 +46,7 @@ struct Exchange {
     bool inside_call = true;
     int32_t file_id = -1;
     int completions = 0;
-    std::set<Result> answers{};     // that the peer gave it
+    std::set<int32_t> answers{};    // codes that the peer gave it
     std::set<uint32_t> confirmed{}; // message ids of a file's chunks that the peer confirmed
 };
 
@@ -98,8 +90,7 @@ class RandomRun : public EndpointWorld {
         if (what < 70) return deliver_late_answer();
         if (what < 80) return pass_time(0, pick(60));
         if (what < 85) return pass_time(1, 1000);
-        if (what < 90) return deliver_message();
-        if (what < 95) return void(w.event.fail_send = static_cast<int>(pick(4)));
+        if (what < 90) return void(w.event.fail_send = static_cast<int>(pick(4)));
         act();
     }
 
@@ -133,11 +124,8 @@ class RandomRun : public EndpointWorld {
 
     void create_endpoint() {
         const std::string name = any_name();
-        tav_ipc_st *ipc = draining_ ? nullptr : tav_ipc_create(name.c_str());
-        if (!ipc) return; // the name is in use
-        endpoints_.push_back(std::make_unique<Endpoint>(Endpoint{ipc, name}));
-        tav_ipc_msg_recv(ipc, on_message, nullptr);
-        tav_ipc_on_request(ipc, on_request, nullptr);
+        tav_ipc_st *ipc = draining_ ? nullptr : tav_ipc_create(name.c_str()); // null: the name is in use
+        if (ipc) endpoints_.push_back(std::make_unique<Endpoint>(Endpoint{ipc, name}));
     }
 
     void destroy_endpoint(Endpoint *endpoint) {
@@ -187,38 +175,27 @@ class RandomRun : public EndpointWorld {
         by_file_[static_cast<uint32_t>(e.file_id)] = &e;
     }
 
-    bool possible(const Exchange &e, const Result &result, bool response) const {
-        if (e.inside_call || e.no_file) return e.inside_call && e.no_file && result.code == IPC_ERR_OPEN_FILE;
-        if (e.on_closing) return result.code == IPC_ERR_CLOSED;
-        if (e.bad_dest) return result.code == IPC_ERR_SENDTO;
-        if (result.code == IPC_ERR_CLOSED) return e.endpoint->phase != kOpen;
-        if (result.code == IPC_ERR_TIMEOUT) return w.clock.wall_s > e.begun + e.timeout_s;
-        if (e.kind == kFile && result.code == e.file_id) return e.confirmed.size() == chunks_;
-        return std::any_of(e.answers.begin(), e.answers.end(), [&](const Result &answer) {
-            return response ? answer == result : answer.code == result.code;
-        });
+    bool possible(const Exchange &e, int32_t code) const {
+        if (e.inside_call || e.no_file) return e.inside_call && e.no_file && code == IPC_ERR_OPEN_FILE;
+        if (e.on_closing) return code == IPC_ERR_CLOSED;
+        if (e.bad_dest) return code == IPC_ERR_SENDTO;
+        if (code == IPC_ERR_CLOSED) return e.endpoint->phase != kOpen;
+        if (code == IPC_ERR_TIMEOUT) return w.clock.wall_s > e.begun + e.timeout_s;
+        if (e.kind == kFile && code == e.file_id) return e.confirmed.size() == chunks_;
+        return e.answers.count(code) > 0;
     }
 
-    int complete(void *user, const Result &result, bool response) {
+    static int on_status(int32_t code, void *user) {
         auto &e = *static_cast<Exchange *>(user);
         EXPECT_EQ(++e.completions, 1);
-        EXPECT_TRUE(possible(e, result, response))
-            << "kind " << e.kind << " code " << result.code << " in call " << e.inside_call;
-        act();
+        EXPECT_TRUE(current->possible(e, code))
+            << "kind " << e.kind << " code " << code << " in call " << e.inside_call;
+        current->act();
         return 0;
     }
-    static int on_status(int32_t code, void *user) { return current->complete(user, {code, 0, ""}, false); }
     static int on_response(int32_t code, uint32_t cmd, const void *data, uint32_t len, void *user) {
         EXPECT_TRUE(code == 0 || (!data && cmd == 0 && len == 0)) << code;
-        return current->complete(user, {code, cmd, {static_cast<const char *>(data), len}}, true);
-    }
-    static int on_message(tav_ipc_st *, const tav_addr_st *, uint32_t, const void *, uint32_t, void *) {
-        return current->act(), 0;
-    }
-    static int on_request(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, uint32_t, const void *data,
-                          uint32_t size, void *) {
-        if (current->chance(50)) tav_ipc_response(ipc, src, reqid, 3, data, size);
-        return current->act(), 0;
+        return on_status(code, user);
     }
 
     // --- what the peer and time do
@@ -275,14 +252,6 @@ class RandomRun : public EndpointWorld {
         deliver(datagram, chance(95) ? name : any_name());
     }
 
-    void deliver_message() {
-        Datagram message;
-        message.header.flags = chance(50) ? IPC_FLAG_REQUEST : IPC_FLAG_NEED_ACK;
-        message.header.src = address("peer1");
-        message.header.reqid = 1 + pick(1u << 30);
-        deliver(message, any_name());
-    }
-
     // A datagram reaches the endpoint of that name; the model learns what an answer allows.
     void deliver(const Datagram &datagram, const std::string &name) {
         const cl_dunix_t socket = w.event.socket_at("/var/zon_ipc2/" + name);
@@ -291,18 +260,16 @@ class RandomRun : public EndpointWorld {
         const auto found = by_message_.find(header.reqid);
         if (found != by_message_.end() && found->second->endpoint->name == name &&
             (header.flags & (IPC_FLAG_ACK | IPC_FLAG_RESPONSE))) {
-            Result result{0, header.cmd, datagram.payload};
-            if (header.flags & IPC_FLAG_ACK) {
-                result = {0, 0, ""};
-                if (datagram.payload.size() == 4) std::memcpy(&result.code, datagram.payload.data(), 4);
-            }
+            int32_t code = 0;
+            if ((header.flags & IPC_FLAG_ACK) && datagram.payload.size() == sizeof code)
+                std::memcpy(&code, datagram.payload.data(), sizeof code);
             Exchange &e = *found->second;
             e.completes_later |=
                 e.kind == kFile && e.endpoint->phase == kClosing; // its next chunk is refused
-            if (e.kind == kFile && result.code == 0)
+            if (e.kind == kFile && code == 0)
                 e.confirmed.insert(header.reqid);
             else
-                e.answers.insert(result);
+                e.answers.insert(code);
         }
         w.event.deliver(socket, datagram.bytes());
     }

@@ -69,30 +69,26 @@ class Files : public EndpointWorld {
         return temporary.directory + name;
     }
 
-    static std::string code_bytes(int32_t code) { return {reinterpret_cast<char *>(&code), sizeof code}; }
-
     // --- sending
     std::string write(const std::string &bytes) {
         const std::string path = temporary.directory + "/source";
         std::ofstream(path, std::ios::binary) << bytes;
         return path;
     }
-    void send_file(tav_ipc_st *ipc, const std::string &path, const char *dest = "beta",
-                   int32_t timeout_s = 3) {
+    void send_file(tav_ipc_st *ipc, const std::string &path, const char *dest = "beta") {
         const tav_addr_st to = address(dest);
-        tav_ipc_send_file(ipc, &to, path.c_str(), on_done, this, timeout_s);
+        tav_ipc_send_file(ipc, &to, path.c_str(), on_done, this, 3);
     }
     void acknowledge(tav_ipc_st *ipc, int32_t code) {
-        Datagram reply{"", {}, code_bytes(code)};
+        Datagram reply{"", {}, bytes_of(code)};
         reply.header.flags = IPC_FLAG_ACK;
         reply.header.reqid = sent(w.event.sends.size() - 1).header.reqid;
         receive(ipc, reply);
     }
 
     // --- receiving
-    int32_t save(const char *source, uint32_t file_id, const std::string &bytes, tav_ipc_st *ipc = nullptr,
-                 uint8_t flags = 0) {
-        const tav_addr_st src = address(source, 2, flags);
+    int32_t save(const char *source, uint32_t file_id, const std::string &bytes, tav_ipc_st *ipc = nullptr) {
+        const tav_addr_st src = address(source, 2, ++address_flags_); // which no two chunks need share
         return tav_ipc_save_file(ipc, &src, file_id, bytes.data(), static_cast<uint32_t>(bytes.size()));
     }
     static int on_file(tav_ipc_st *ipc, const char *path, void *user) {
@@ -116,52 +112,43 @@ class Files : public EndpointWorld {
     std::vector<int32_t> done_;
     std::vector<std::string> received_;
     size_t sent_before_ = 0;
+    uint8_t address_flags_ = 0;
     const size_t descriptors_ = descriptors();
 };
 
 TEST_F(Files, IdsAreKnown) {
-    const struct {
-        uint32_t hostid;
-        int first, second;
-        int32_t id;
-    } cases[] = {{77, 7, 42, 1584681145},
-                 {4'000'000'000, 7, 42, 1231181790},
-                 {77, 144375, 2993, 0},
-                 {77, 927410, 7086, INT32_MAX}}; // its CRC has no positive counterpart
-    for (const auto &c : cases) {
-        w.random.draws = {c.first, c.second};
-        EXPECT_EQ(tav_ipc_get_random_file_id(c.hostid), c.id);
-    }
+    w.random.draws = {7, 42, 7, 42, 144375, 2993, 927410, 7086};
+    EXPECT_EQ(tav_ipc_get_random_file_id(77), 1584681145);
+    EXPECT_EQ(tav_ipc_get_random_file_id(4'000'000'000), 1231181790);
+    EXPECT_EQ(tav_ipc_get_random_file_id(77), 0);
+    EXPECT_EQ(tav_ipc_get_random_file_id(77), INT32_MAX); // this CRC has no positive counterpart
     const auto seed = static_cast<unsigned>(getpid()) ^ 1'700'000'000u ^ static_cast<unsigned>(getppid());
     EXPECT_THAT(w.random.seeds, ElementsAre(seed)); // once
 }
 
 TEST_F(Files, TravelInConfirmedChunks) {
-    const struct {
-        size_t size;
-        std::vector<size_t> chunks;
-    } cases[] = {
+    const std::pair<size_t, std::vector<size_t>> cases[] = {
         {130'000, {64'000, 64'000, 2'000, 0}}, {64'000, {64'000, 0}}, {64'001, {64'000, 1, 0}}, {0, {0}}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.size);
+    for (const auto &[size, chunks] : cases) {
+        SCOPED_TRACE(size);
         tav_ipc_st *ipc = open();
-        const std::string bytes = pattern(c.size);
+        const std::string bytes = pattern(size);
         const size_t first = w.event.sends.size();
         done_.clear();
-        send_file(ipc, c.size ? write(bytes) : temporary.directory); // a directory reads as an empty file
+        send_file(ipc, size ? write(bytes) : temporary.directory); // a directory reads as an empty file
         const uint32_t id = sent(first).header.cmd;
         std::string arrived;
-        for (size_t i = 0; i < c.chunks.size(); ++i) {
+        for (size_t i = 0; i < chunks.size(); ++i) {
             ASSERT_EQ(w.event.sends.size(), first + i + 1); // one at a time
             EXPECT_THAT(done_, IsEmpty());
             const Datagram chunk = sent(first + i);
-            EXPECT_EQ(chunk.payload.size(), c.chunks[i]);
+            EXPECT_EQ(chunk.payload.size(), chunks[i]);
             EXPECT_EQ(chunk.header.flags, IPC_FLAG_FILE | IPC_FLAG_NEED_ACK);
             EXPECT_EQ(chunk.header.cmd, id);
             arrived += chunk.payload;
             acknowledge(ipc, 0);
         }
-        EXPECT_EQ(w.event.sends.size(), first + c.chunks.size());
+        EXPECT_EQ(w.event.sends.size(), first + chunks.size());
         EXPECT_EQ(arrived, bytes);
         EXPECT_THAT(done_, ElementsAre(static_cast<int32_t>(id)));
         EXPECT_EQ(descriptors(), descriptors_);
@@ -170,10 +157,7 @@ TEST_F(Files, TravelInConfirmedChunks) {
 }
 
 TEST_F(Files, FirstOtherCodeEndsATransfer) {
-    const struct {
-        int32_t result;
-        std::function<void(tav_ipc_st *)> end;
-    } cases[] = {
+    const std::pair<int32_t, std::function<void(tav_ipc_st *)>> cases[] = {
         {-106, [&](tav_ipc_st *ipc) { acknowledge(ipc, -106); }},
         {1005, [&](tav_ipc_st *ipc) { acknowledge(ipc, 1005); }}, // the peer's own
         {-102, [&](tav_ipc_st *) { w.clock.wall_s += 4, w.event.advance(1000); }},
@@ -181,15 +165,15 @@ TEST_F(Files, FirstOtherCodeEndsATransfer) {
     };
     const std::string path = write(pattern(130'000));
     for (const int chunk : {0, 2, 3}) // 3: the end marker
-        for (const auto &c : cases) {
-            SCOPED_TRACE(c.result);
+        for (const auto &[result, end] : cases) {
+            SCOPED_TRACE(result);
             done_.clear();
             tav_ipc_st *ipc = open();
             send_file(ipc, path);
             for (int i = 0; i < chunk; ++i) acknowledge(ipc, 0);
             const size_t before = w.event.sends.size();
-            c.end(ipc);
-            EXPECT_THAT(done_, ElementsAre(c.result));
+            end(ipc);
+            EXPECT_THAT(done_, ElementsAre(result));
             EXPECT_EQ(descriptors(), descriptors_);
             if (!open_.empty()) acknowledge(ipc, 0); // too late
             w.event.advance(5000);
@@ -226,32 +210,26 @@ TEST_F(Files, ChunksBecomeAFile) {
     tav_ipc_st *ipc = open();
     EXPECT_EQ(tav_ipc_get_file_path(ipc, 1), nullptr); // nothing was received yet
     tav_ipc_file_recv(ipc, on_file, this);
-    const struct {
+    struct Step {
         const char *source;
         uint32_t id;
         const char *bytes;
-        uint8_t flags;
         int32_t result;
         bool complete;
-    } steps[] = {{"gamma", 1, "abc", 0, 0, false},
-                 {"delta", 1, "x", 0, -106, false},
-                 {"gamma", 1, "def", 0x80, 0, false},
-                 {"gamma", 2, "ghi", 0, 0, false},
-                 {"delta", 1, "", 0, -106, false},
-                 {"gamma", 1, "", 0, 0, true},
-                 {"gamma", 1, "x", 0, -108, true},
-                 {"gamma", 1, "", 0, -108, true},
-                 {"delta", 1, "", 0, -106, true},
-                 {"gamma", 2, "j", 0, 0, false},
-                 {"gamma", 2, "", 0, 0, true},
-                 {"gamma", 0x80000000, "", 0, 0, true},
-                 {"gamma", 0x80000000, "", 0, -108, true}};
-    for (const auto &step : steps) {
+    };
+    const uint32_t high = 0x80000000;
+    const Step steps[] = {
+        {"gamma", 1, "abc", 0, false},  {"delta", 1, "x", -106, false}, {"gamma", 2, "ghi", 0, false},
+        {"gamma", 1, "def", 0, false},  {"delta", 1, "", -106, false},  {"gamma", 1, "", 0, true},
+        {"gamma", 1, "x", -108, true},  {"gamma", 1, "", -108, true},   {"delta", 1, "", -106, true},
+        {"gamma", 2, "j", 0, false},    {"gamma", 2, "", 0, true},      {"gamma", high, "", 0, true},
+        {"gamma", high, "", -108, true}};
+    for (const Step &step : steps) {
         SCOPED_TRACE(std::string(step.source) + std::to_string(step.id) + step.bytes);
-        EXPECT_EQ(save(step.source, step.id, step.bytes, ipc, step.flags), step.result);
+        EXPECT_EQ(save(step.source, step.id, step.bytes, ipc), step.result);
         const char *path = tav_ipc_get_file_path(nullptr, step.id);
         EXPECT_EQ(path ? path : "",
-                  step.complete ? made_file(step.id > 2 ? 3 : static_cast<int>(step.id)) : "");
+                  step.complete ? made_file(step.id == high ? 3 : static_cast<int>(step.id)) : "");
     }
     EXPECT_THAT(received_, ElementsAre("abcdef", "ghij", ""));
     EXPECT_THAT(temporary.templates, testing::Each("/tmp/ipc_file.XXXXXX"));
@@ -329,8 +307,8 @@ TEST_F(Files, FileCallbackComesBeforeTheReplyAndMayEndIt) {
         ASSERT_EQ(w.event.sends.size(), before + !destroy);
         if (destroy) continue;
         receive(ipc, chunk); // once more: it is complete
-        EXPECT_EQ(sent(before).payload, code_bytes(0));
-        EXPECT_EQ(sent(before + 1).payload, code_bytes(-108));
+        EXPECT_EQ(sent(before).payload, bytes_of(0));
+        EXPECT_EQ(sent(before + 1).payload, bytes_of(-108));
         close(ipc);
     }
     EXPECT_EQ(received_.size(), 2u);
