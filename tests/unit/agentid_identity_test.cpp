@@ -1,7 +1,6 @@
 // Identity files, lock, VM id and agent id in a directory of the test's own. Stand-ins take the places of the
 // network room, the guest tool, the UUID, sleep, and the semaphore's name and wait; `stage` drives them.
 #include <csignal>
-#include <cstdarg>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
@@ -17,10 +16,8 @@
 using namespace std::string_literals;
 namespace fs = std::filesystem;
 
-namespace {
-
-struct Stage {
-    std::string tool_output; // of the guest tool; empty: it fails
+static struct Stage {
+    std::string vmid = R"({"vmid":"123"})"; // that the guest tool reports; empty: it fails
     int mac_by_ip_failures = 0, sem_open_error = 0;
     bool no_mac = false; // else kHead, kOther
     int semaphore = 1;
@@ -28,52 +25,52 @@ struct Stage {
     std::string events{}; // what was done and released, in order
 } stage;
 
-const std::string kHead = "\x02\0\0\0\0\x0A"s, kOther = "\x02\0\0\0\0\x0B"s, kRouted = "\x02\0\0\0\0\x0F"s;
-const char *const kStored = "open post close unlink ";
+static const std::string kHead = "\x02\0\0\0\0\x0A"s, kOther = "\x02\0\0\0\0\x0B"s,
+                         kRouted = "\x02\0\0\0\0\x0F"s;
+static const std::string kOpen = "/tav_agentid_mutexlock ", kStored = kOpen + "post close unlink ";
 
-} // namespace
+static int record(const std::string &event) { return stage.events += event + " ", 0; }
 
 extern "C" {
 
 int shell_execute(const char *command, char *out, int size) noexcept {
     EXPECT_STREQ(command, "\"/usr/local/Velkaro/G2HProxy\" -getvmid 2>/dev/null | grep vmid");
-    stage.events += "tool ";
-    str_strlcpy(out, stage.tool_output.c_str(), static_cast<size_t>(size));
-    return stage.tool_output.empty() ? -1 : 0;
+    record("tool");
+    return str_strlcpy(out, stage.vmid.c_str(), static_cast<size_t>(size)) > 0 ? 0 : -1;
 }
 void uuid_generate(uuid_t uuid) noexcept { memcpy(uuid, "0123456789abcdef", 16); }
-unsigned int sleep(unsigned int seconds) { return stage.events += std::to_string(seconds) + "s ", 0; }
+unsigned int sleep(unsigned int seconds) { return record(std::to_string(seconds) + "s"), 0; }
 void ini_file_free(ini_file_t *file) noexcept {
-    stage.events += "ini ";
-    reinterpret_cast<void (*)(ini_file_t *)>(dlsym(RTLD_NEXT, __func__))(file);
+    record("ini");
+    reinterpret_cast<decltype(&::ini_file_free)>(dlsym(RTLD_NEXT, __func__))(file);
 }
 sem_t *sem_open(const char *name, int flags, ...) noexcept {
     static sem_t semaphore;
-    EXPECT_TRUE(name == "/tav_agentid_mutexlock"s && flags == O_CREAT);
-    stage.events += "open ";
-    return stage.sem_open_error ? (errno = stage.sem_open_error, SEM_FAILED) : &semaphore;
+    record(flags == O_CREAT ? name : "");
+    return (errno = stage.sem_open_error) != 0 ? SEM_FAILED : &semaphore;
 }
 int sem_timedwait(sem_t *, const timespec *deadline) { // at its end at once
     stage.deadline = *deadline;
     return stage.semaphore == 1 ? stage.semaphore-- - 1 : (errno = ETIMEDOUT, -1);
 }
-int sem_post(sem_t *) noexcept { return stage.events += "post ", ++stage.semaphore, 0; }
-int sem_close(sem_t *) noexcept { return stage.events += "close ", 0; }
-int sem_unlink(const char *) noexcept { return stage.events += "unlink ", stage.semaphore = 1, 0; }
+int sem_post(sem_t *) noexcept { return ++stage.semaphore, record("post"); }
+int sem_close(sem_t *) noexcept { return record("close"); }
+int sem_unlink(const char *) noexcept { return stage.semaphore = 1, record("unlink"); }
 
 } // extern "C"
 
 void FreeMacList(_Mac_Node *head) noexcept {
-    stage.events += "list ";
+    record("list");
     while (head) free(std::exchange(head, head->next));
 }
 
 namespace tavipc {
 
 MacList GetLocalMacList() noexcept {
-    if (stage.no_mac) return nullptr;
-    auto *second = new (malloc(sizeof(_Mac_Node))) _Mac_Node{{2, 0, 0, 0, 0, 0xB}, nullptr};
-    return MacList(new (malloc(sizeof(_Mac_Node))) _Mac_Node{{2, 0, 0, 0, 0, 0xA}, second});
+    _Mac_Node *list = nullptr;
+    for (const unsigned char last : {0xB, 0xA})
+        if (!stage.no_mac) list = new (malloc(sizeof *list)) _Mac_Node{{2, 0, 0, 0, 0, last}, list};
+    return MacList(list);
 }
 int GetLocalIpToMgr(const char *mgr_ip, unsigned short port, char *out, int) noexcept {
     EXPECT_TRUE(mgr_ip == "192.0.2.7"s && port == 8099);
@@ -93,27 +90,24 @@ std::string id_bytes(uint32_t id) { return {reinterpret_cast<const char *>(&id),
 
 class AgentIdentity : public FakeWorld {
   protected:
-    void SetUp() override {
-        char name[] = "/tmp/agentid.XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        dir = name;
-        w.deployment.base = dir / "bin";
+    AgentIdentity() {
         for (const char *sub : {"config", "bin", "root/config"}) fs::create_directories(dir / sub);
+        w.deployment.base = dir / "bin";
         unsetenv("TAV_INSTALL_ROOT");
         stage = Stage{};
         g_vmid = 0;
     }
-    void TearDown() override { fs::remove_all(dir); }
-    // A file of the configuration directory; empty text: none.
-    void put(const char *name, const std::string &bytes) const {
+    ~AgentIdentity() override { fs::remove_all(dir); }
+    void put(const char *name, const std::string &bytes) const { // empty: no file
         fs::remove(dir / "config" / name);
         if (!bytes.empty()) std::ofstream(dir / "config" / name) << bytes;
     }
     std::string machineid() const {
-        std::ifstream in(dir / "config/machineid", std::ios::binary);
+        std::ifstream in(path, std::ios::binary);
         return {std::istreambuf_iterator<char>(in), {}};
     }
-    fs::path dir;
+    const fs::path dir = fs::temp_directory_path() / ("agentid." + std::to_string(getpid()));
+    const std::string path = dir / "config/machineid";
 };
 
 TEST_F(AgentIdentity, ConfigurationDirectoryIsTheFirstThatExists) {
@@ -140,8 +134,8 @@ TEST_F(AgentIdentity, ManagerAddressAndPort) {
         char ip[] = "########";
         unsigned short port = 7;
         const int result = GetMgrAddr(ip, 5, &port);
-        const bool failed_line = w.log.count("error code: " + std::to_string(result) + "\n", 2) > 0;
-        return (failed_line ? "errno" : std::to_string(result)) + " " + std::to_string(port) + " " + ip;
+        const bool logged = w.log.count("error code: " + std::to_string(result) + "\n", 2) > 0;
+        return (logged ? "errno" : std::to_string(result)) + " " + std::to_string(port) + " " + ip;
     };
     const char *server = "[config]\naddr = 192.0.2.7\n", *server_port = "[port]\nipc = 65537\n";
     EXPECT_EQ(ask(server, server_port), "0 1 192.");
@@ -154,7 +148,6 @@ TEST_F(AgentIdentity, ManagerAddressAndPort) {
 }
 
 TEST_F(AgentIdentity, MachineidIsWrittenAndReadAsLaidOut) {
-    const std::string path = dir / "config/machineid";
     const tavipc::MacList list = tavipc::GetLocalMacList();
     const auto *mgr_mac = reinterpret_cast<const unsigned char *>(kRouted.data());
     tavipc::SaveAgentId(path.c_str(), 0x01020304, mgr_mac, 6, list.get());
@@ -172,44 +165,35 @@ TEST_F(AgentIdentity, LockIsHeldAroundAStoreAndRemoved) {
     EXPECT_TRUE(stage.deadline.tv_sec == 1006 && stage.deadline.tv_nsec == 7);
     w.clock.gettime = [](clockid_t, timespec *) { return -1; };
     EXPECT_TRUE(StoreAgentIdByRuvo(8) == 8 && stage.deadline.tv_sec == 6); // it is free at once
-    stage.semaphore = 0;                                                   // left by one that died holding it
-    stage.events.clear();
-    EXPECT_EQ(StoreAgentIdByRuvo(9), 0u);
-    EXPECT_EQ(stage.events, "open close unlink ");
+    stage = {.semaphore = 0};                                              // left by one that died holding it
+    EXPECT_TRUE(StoreAgentIdByRuvo(9) == 0 && stage.events == kOpen + "close unlink ");
     EXPECT_EQ(w.log.lines.back().text, "waiting lock semphore failed with error: 110\n");
     EXPECT_EQ(StoreAgentIdByRuvo(10), 10u);
-}
-
-TEST_F(AgentIdentity, MarkerOfACloneIsRemovedWithoutAnId) {
-    put("machineid", id_bytes(5));
-    EXPECT_TRUE(GetAgentIdFromFileWhileClone() == 0 && stage.events.empty());
+    stage.events.clear();
+    EXPECT_TRUE(GetAgentIdFromFileWhileClone() == 0 && stage.events == "");
     put("clone_mac", "x");
-    EXPECT_TRUE(GetAgentIdFromFileWhileClone() == 5 && stage.events == kStored);
+    EXPECT_TRUE(GetAgentIdFromFileWhileClone() == 10 && stage.events == kStored);
     EXPECT_TRUE(fs::exists(dir / "config/clone_mac"));
     put("machineid", id_bytes(0));
-    EXPECT_EQ(GetAgentIdFromFileWhileClone(), 0u);
-    EXPECT_FALSE(fs::exists(dir / "config/clone_mac"));
+    EXPECT_TRUE(GetAgentIdFromFileWhileClone() == 0 && !fs::exists(dir / "config/clone_mac"));
 }
 
-TEST_F(AgentIdentity, VmIdOfTheGuestTool) {
-    const auto reported = [](const char *output) { return stage.tool_output = output, GetVMID(false); };
-    EXPECT_EQ(reported(R"({"vmid":"9007199254740993"})"), 9007199254740992u);
-    EXPECT_EQ(reported(R"({"vmid":"1e30"})"), UINT64_MAX);
-    for (const char *bad :
-         {R"({"vmid":"-5"})", R"({"vmid":"nan"})", R"({"vmid":123})", R"(["vmid"])", "vmid", ""})
-        EXPECT_EQ(reported(bad), 0u) << bad;
-    EXPECT_TRUE(reported(R"({"vmid":"123"})") == 123 && g_vmid == 0);
+TEST_F(AgentIdentity, VmIdOfTheGuestToolAndItsAgentId) {
+    const auto reported = [](const std::string &value) {
+        return stage.vmid = "{\"vmid\":" + value + "}", GetVMID(false);
+    };
+    EXPECT_EQ(reported(R"("9007199254740993")"), 9007199254740992u);
+    EXPECT_EQ(reported(R"("1e30")"), UINT64_MAX);
+    for (const char *bad : {R"("-5")", R"("nan")", "123", ""}) EXPECT_EQ(reported(bad), 0u) << bad;
+    EXPECT_TRUE(reported(R"("123")") == 123 && g_vmid == 0);
     stage.events.clear();
     EXPECT_TRUE(tav_get_vmidid() == 123 && tav_get_vmidid() == 123 && stage.events == "tool ");
-    stage.tool_output = R"({"vmid":"124"})";
-    EXPECT_TRUE(tav_get_vmidid_from_G2HProxy() == 124 && g_vmid == 123);
-}
-
-TEST_F(AgentIdentity, AgentIdOfAVmId) {
+    stage.vmid = R"(["vmid"])";
+    EXPECT_TRUE(tav_get_vmidid_from_G2HProxy() == 0 && g_vmid == 123);
     const auto id_of = [&](uint64_t vmid, const std::string &stored) {
         g_vmid = vmid;
         put("machineid", stored);
-        const unsigned int id = CreateAgentIdByVMID((dir / "config/machineid").c_str());
+        const unsigned int id = CreateAgentIdByVMID(path.c_str());
         return std::pair(id, machineid());
     };
     EXPECT_EQ(id_of(123, ""), std::pair(2286445522u, id_bytes(2286445522)));
@@ -220,69 +204,66 @@ TEST_F(AgentIdentity, AgentIdOfAVmId) {
 }
 
 TEST_F(AgentIdentity, AgentIdComesFromTheFirstSourceThatHasOne) {
+    const auto expect = [&](const std::string &server, const std::string &stored, const Stage &setting,
+                            uint32_t id, const std::string &macs, const std::string &events) {
+        put("server.ini", server);
+        put("machineid", stored);
+        const auto run = [&] { // in a process of its own, which keeps the id
+            stage = setting;
+            EXPECT_EQ(CreateAgentId(), id);
+            EXPECT_EQ(stage.events, events);
+            EXPECT_EQ(machineid(), id == 0 ? "" : id_bytes(id) + macs);
+            if (server.find("192") != server.npos) put("machineid", "");
+            EXPECT_EQ(CreateAgentId(), id);
+            exit(HasFailure());
+        };
+        EXPECT_EXIT(run(), testing::ExitedWithCode(0), "") << events;
+    };
     const auto crc = [](const std::string &text) {
         return orlask_crc32(text.data(), static_cast<uint32_t>(text.size()));
     };
     const std::string remote = "[config]\naddr = 192.0.2.7\n", local = "[config]\naddr = 127.0.0.1\n";
-    const std::string zero(6, '\0'), type = "linux" + std::string(28, '\0'), five = id_bytes(5);
-    const std::string all = kHead + kOther;
-    const uint32_t by_head = crc(kHead + type), by_route = crc(kRouted + type);
-    const uint32_t by_uuid = crc("30313233-3435-3637-3839-616263646566" + kHead);
-    const std::string kept = "open ini post close unlink ", listed = "open list ini post close unlink ";
-    const std::string probe = "open ini ini ", end = "list ini post close unlink ", vm = R"({"vmid":"123"})";
-    const struct {
-        std::string server, stored; // files before
-        int location;
-        const char *agent_type;
-        Stage stage;
-        uint32_t id;
-        std::string macs, events; // macs: of machineid afterwards
-    } cases[] = {
-        {"", five, 2, "linux", {vm}, 5, "", kStored},
-        {"[config]\n", five, 2, "linux", {vm}, 5, "", "ini 1s ini 1s ini 1s "s + kStored},
-        {local, five, 2, "linux", {vm}, 2286445522, "", "open tool ini post close unlink "},
-        {local, five + zero, 2, "linux", {vm}, 5, zero, listed},
-        {remote, five, 1, "linux", {vm, 0, 0, true}, 5, "", kept},
-        {remote, "", 1, "linux", {vm, 0, 0, true}, 0, "", kept},
-        {remote, "", 2, "linux", {vm}, by_head, zero + all, listed},
-        {remote, id_bytes(0), 1, "linux", {vm, 2}, by_route, kRouted + all, probe + "1s 1s " + end},
-        {remote, "", 1, "linux", {vm, 3}, by_head, kRouted + all, probe + "1s 1s 1s " + end},
-        {remote, "", 2, "", {vm}, by_uuid, kHead + all, listed},
-        {remote, "", 2, "linux", {vm, 0, EACCES}, 0, "", "open ini "},
-    };
+    const std::string zero(6, '\0'), type = "linux" + std::string(28, '\0'), five = id_bytes(5),
+                                     all = kHead + kOther;
+    const std::string end = "ini post close unlink ";
     put("server_port.ini", "[port]\nipc = 8099\n");
-    for (const auto &c : cases) {
-        put("server.ini", c.server);
-        put("machineid", c.stored);
-        const auto run = [&] { // in a process of its own, which keeps the id
-            stage = c.stage;
-            w.deployment.location = c.location;
-            w.deployment.agent_type = c.agent_type;
-            EXPECT_EQ(CreateAgentId(), c.id);
-            EXPECT_EQ(stage.events, c.events);
-            EXPECT_EQ(machineid(), c.id == 0 ? "" : id_bytes(c.id) + c.macs);
-            if (c.server == remote) put("machineid", "");
-            EXPECT_EQ(CreateAgentId(), c.id);
-            exit(HasFailure() ? 3 : 0);
-        };
-        EXPECT_EXIT(run(), testing::ExitedWithCode(0), "") << "case " << &c - cases;
-    }
+    expect("", five, {}, 5, "", kStored);
+    expect("[config]\n", five, {}, 5, "", "ini 1s ini 1s ini 1s " + kStored);
+    expect(local, five, {}, 2286445522, "", kOpen + "tool " + end);
+    expect(local, five + zero, {}, 5, zero, kOpen + "list " + end);
+    expect(remote, "", {}, crc(kHead + type), zero + all, kOpen + "list " + end);
+    expect(remote, "", {.sem_open_error = EACCES}, 0, "", kOpen + "ini ");
+    w.deployment.location = 1;
+    expect(remote, five, {.no_mac = true}, 5, "", kOpen + end);
+    expect(remote, "", {.no_mac = true}, 0, "", kOpen + end);
+    expect(remote, id_bytes(0), {.mac_by_ip_failures = 2}, crc(kRouted + type), kRouted + all,
+           kOpen + "ini ini 1s 1s list " + end);
+    expect(remote, "", {.mac_by_ip_failures = 3}, crc(kHead + type), kRouted + all,
+           kOpen + "ini ini 1s 1s 1s list " + end);
+    w.deployment.location = 2;
+    w.deployment.agent_type = "";
+    expect(remote, "", {}, crc("30313233-3435-3637-3839-616263646566" + kHead), kHead + all,
+           kOpen + "list " + end);
 }
 
 TEST_F(AgentIdentity, ProcessEndsWithoutIdentityAfterCleaningUp) {
-    static const auto tell = [] { std::cerr << fake::world().log.lines.back().text << " " << stage.events; };
-    const auto run = [] {
+    const auto run = [&](const char *server, const char *stored) {
+        static const auto tell = [] {
+            std::cerr << fake::world().log.lines.back().text << " " << stage.events;
+        };
+        put("server.ini", server);
+        put("machineid", stored);
+        stage.vmid.clear();
         std::atexit(tell);
         std::signal(SIGABRT, [](int) { tell(); });
         CreateAgentId();
     };
     const auto exits = testing::ExitedWithCode(1);
-    EXPECT_EXIT(run(), exits, "^not exist file machineid open post close unlink $");
-    put("machineid", "xyz");
-    put("server.ini", "[config]\naddr =\n");
-    EXPECT_EXIT(run(), exits, "^read agent id from machineid failed open ini post close unlink $");
-    put("server.ini", "[config]\naddr = 127.0.0.1\n");
-    EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT), "^get current vmid .*, abort process open tool $");
+    EXPECT_EXIT(run("", ""), exits, "^not exist file machineid .* post close unlink $");
+    EXPECT_EXIT(run("[config]\naddr =\n", "xyz"), exits,
+                "^read agent id from machineid failed .* ini post close unlink $");
+    EXPECT_EXIT(run("[config]\naddr = 127.0.0.1\n", "xyz"), testing::KilledBySignal(SIGABRT),
+                "^get current vmid .*, abort process .* tool $");
 }
 
 } // namespace
