@@ -1,76 +1,61 @@
-// MAC discovery over a network of our own making: the system calls below answer from `net`. Closing and
-// freeing spoil errno, so that a result taken too late shows.
+// MAC discovery over a network of our own making: the system calls below answer from `net` and `interfaces`.
+// Closing and freeing spoil errno, so that a result taken too late shows.
 #include <arpa/inet.h>
 #include <cstdarg>
 #include <ifaddrs.h>
+#include <sstream>
 #include <sys/ioctl.h>
 #include <sys/poll.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include "agentid/mac_discovery.h"
 #include "fakes.h"
 
 using namespace std::string_literals;
 
-namespace {
-
-struct Interface {
-    std::string name;
-    const char *ip;
-    std::string mac; // empty: none
-};
-struct Net {
+static struct Net {
     int connect_error = 0, wait_result = 1, sockname_error = 0, fd = 900;
     int open = 0; // sockets and interface lists not released
 } net;
-std::vector<Interface> interfaces;
-ifaddrs entries[8];
-sockaddr addresses[8];
+struct Interface {
+    std::string name, ip, mac; // no mac: it has none
+    ifaddrs entry{};
+    sockaddr address{};
+};
+static std::vector<Interface> interfaces;
 
-int fail(int error) { return error == 0 ? 0 : (errno = error, -1); }
-
-void set_address(sockaddr &to, const char *ip) {
-    const sockaddr_in address{AF_INET, 0, {inet_addr(ip)}, {}};
+static int fail(int error) { return error == 0 ? 0 : (errno = error, -1); }
+static void set_address(sockaddr &to, const std::string &ip) {
+    const sockaddr_in address{AF_INET, 0, {inet_addr(ip.c_str())}, {}};
     memcpy(&to, &address, sizeof address);
 }
-
-int list_interfaces(ifconf &records) {
-    records.ifc_len = static_cast<int>(interfaces.size() * sizeof(ifreq) + 24); // and a part of one more
-    for (ifreq *record = records.ifc_req; const Interface &interface : interfaces)
-        strncpy((record++)->ifr_name, interface.name.c_str(), IFNAMSIZ);
-    return 0;
-}
-
-int query(unsigned long request, ifreq &record) {
-    for (const Interface &interface : interfaces) {
-        if (interface.name != record.ifr_name) continue;
-        if (request == SIOCGIFHWADDR && interface.mac.empty()) break;
-        set_address(record.ifr_addr, interface.ip);
-        if (request == SIOCGIFHWADDR) memcpy(record.ifr_hwaddr.sa_data, interface.mac.data(), 6);
-        if (request == SIOCGIFFLAGS) record.ifr_flags = interface.name == "lo" ? IFF_LOOPBACK : IFF_UP;
-        return 0;
-    }
-    return fail(ENODEV);
-}
-
-} // namespace
 
 extern "C" {
 
 int socket(int, int, int) noexcept { return ++net.open, net.fd; }
-int close(int fd) {
-    return fd == net.fd ? (--net.open, errno = EIO, 0) : static_cast<int>(syscall(SYS_close, fd));
-}
+int close(int) { return --net.open, errno = EIO, 0; }
 int ioctl(int fd, unsigned long request, ...) noexcept {
     va_list arguments;
     va_start(arguments, request);
-    void *argument = va_arg(arguments, void *);
+    auto *record = va_arg(arguments, ifreq *);
     va_end(arguments);
-    if (fd != net.fd) return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
-    if (request == FIONBIO) return 0;
-    if (request == SIOCGIFCONF) return list_interfaces(*static_cast<ifconf *>(argument));
-    return query(request, *static_cast<ifreq *>(argument));
+    if (fd != net.fd || request == FIONBIO) return fd == net.fd ? 0 : fail(EBADF);
+    if (request == SIOCGIFCONF) {
+        auto *all = reinterpret_cast<ifconf *>(record);
+        all->ifc_len = static_cast<int>(interfaces.size() * sizeof(ifreq) + 24); // and a part of one more
+        record = all->ifc_req;
+        for (const Interface &interface : interfaces)
+            strncpy((record++)->ifr_name, interface.name.c_str(), IFNAMSIZ);
+        return 0;
+    }
+    for (const Interface &interface : interfaces) {
+        if (interface.name != record->ifr_name || (request == SIOCGIFHWADDR && interface.mac.empty()))
+            continue;
+        set_address(record->ifr_addr, interface.ip);
+        if (request == SIOCGIFHWADDR) memcpy(record->ifr_hwaddr.sa_data, interface.mac.data(), 6);
+        if (request == SIOCGIFFLAGS) record->ifr_flags = interface.name == "lo" ? IFF_LOOPBACK : IFF_UP;
+        return 0;
+    }
+    return fail(ENODEV);
 }
 int connect(int, const sockaddr *to, socklen_t) {
     EXPECT_EQ(memcmp(to->sa_data, "\x1f\x93\xc6\x33\x64\x09", 6), 0); // port 8083, 198.51.100.9
@@ -89,10 +74,10 @@ int getsockname(int, sockaddr *address, socklen_t *) noexcept {
     return fail(net.sockname_error);
 }
 int getifaddrs(ifaddrs **list) noexcept {
-    for (size_t i = interfaces.size(); i-- > 0; *list = &entries[i]) {
-        set_address(addresses[i], interfaces[i].ip);
-        ifaddrs *after = i + 1 < interfaces.size() ? &entries[i + 1] : nullptr;
-        entries[i] = {after, interfaces[i].name.data(), 0, &addresses[i], nullptr, {}, nullptr};
+    for (Interface &interface : interfaces) {
+        set_address(interface.address, interface.ip);
+        interface.entry = {*list, interface.name.data(), 0, &interface.address, nullptr, {}, nullptr};
+        *list = &interface.entry;
     }
     return ++net.open, 0;
 }
@@ -102,24 +87,32 @@ void freeifaddrs(ifaddrs *) noexcept { --net.open, errno = EIO; }
 
 namespace {
 
-std::string local_macs() {
-    std::string macs;
-    const tavipc::MacList list = tavipc::GetLocalMacList();
-    for (const _Mac_Node *node = list.get(); node; node = node->next)
-        macs.append(reinterpret_cast<const char *>(node->mac), 6);
-    return net.open == 0 ? macs : "a socket is open";
+void have(std::initializer_list<std::string> lines) { // "name address hardware-address"
+    interfaces.clear();
+    for (const std::string &line : lines) {
+        Interface &interface = interfaces.emplace_back();
+        std::istringstream(line) >> interface.name >> interface.ip >> interface.mac;
+    }
 }
 
+// The outcome, unless something stays open.
+std::string told(const std::string &outcome) { return net.open == 0 ? outcome : "left open"; }
+
 TEST(AgentIdNetwork, HardwareAddressesElseInterfaceAddresses) {
+    const auto macs = [] {
+        std::string all;
+        const tavipc::MacList list = tavipc::GetLocalMacList();
+        for (auto *node = list.get(); node; node = node->next) all.append(node->mac, node->mac + 6);
+        return told(all);
+    };
     const std::string zero(6, '\0');
-    interfaces = {{"lo", "0.0.0.0", "local."}, {"tun", "0.0.0.0", ""}};
-    for (const std::string &mac : {"AAAAAA"s, zero, "CCCCCC"s, "DDDDDD"s})
-        interfaces.push_back({std::to_string(interfaces.size()) + "xactly-15-long", "0.0.0.0", mac});
-    EXPECT_EQ(local_macs(), "AAAAAADDDDDDCCCCCC" + zero);
-    interfaces = {{"lo", "127.0.0.1", ""}, {"tun0", "49.50.51.52", ""}, {"tun1", "53.54.55.56", ""}};
-    EXPECT_EQ(local_macs(), zero.substr(4) + "1234" + zero.substr(4) + "5678");
-    interfaces.resize(1);
-    EXPECT_EQ(local_macs(), "");
+    have({"lo 0.0.0.0 local.", "tun 0.0.0.0", "exactly-15-long 0.0.0.0 AAAAAA", "2 0.0.0.0 " + zero,
+          "3 0.0.0.0 CCCCCC", "4 0.0.0.0 DDDDDD"});
+    EXPECT_EQ(macs(), "AAAAAADDDDDDCCCCCC" + zero);
+    have({"lo 127.0.0.1", "tun0 49.50.51.52", "tun1 53.54.55.56"});
+    EXPECT_EQ(macs(), zero.substr(4) + "1234" + zero.substr(4) + "5678");
+    have({"lo 127.0.0.1"});
+    EXPECT_EQ(macs(), "");
 }
 
 TEST(AgentIdNetwork, LocalAddressOfTheRouteToTheManager) {
@@ -127,7 +120,7 @@ TEST(AgentIdNetwork, LocalAddressOfTheRouteToTheManager) {
         net = setting;
         char out[64] = "";
         const int result = tavipc::GetLocalIpToMgr("198.51.100.9", 8083, out, sizeof out);
-        return net.open == 0 ? std::to_string(result) + " " + out : "a socket is open";
+        return told(std::to_string(result) + " " + out);
     };
     EXPECT_EQ(route({}), "0 192.0.2.44");
     EXPECT_EQ(route({EINPROGRESS, 1}), "0 192.0.2.44");
@@ -139,16 +132,13 @@ TEST(AgentIdNetwork, LocalAddressOfTheRouteToTheManager) {
 }
 
 TEST(AgentIdNetwork, MacOfTheInterfaceThatCarriesAnAddress) {
-    interfaces = {{"lo", "10.0.0.9", "local."},
-                  {"alias", "127.0.0.1", "alias."},
-                  {"eth0", "10.0.0.9", "AAAAAA"},
-                  {"eth1", "10.0.0.9", "BBBBBB"},
-                  {"tun", "49.50.51.52", ""}};
+    have({"eth1 10.0.0.9 BBBBBB", "eth0 10.0.0.9 AAAAAA", "lo 10.0.0.9 local.", "a 127.0.0.1 alias.",
+          "tun 49.50.51.52"});
     const auto mac_of = [](const char *ip, int size) {
         net = Net{};
         char mac[] = "......";
         const int result = tavipc::GetMacByIp(ip, reinterpret_cast<unsigned char *>(mac), size);
-        return net.open == 0 ? std::to_string(result) + " " + std::string(mac, 6) : "something is open";
+        return told(std::to_string(result) + " " + std::string(mac, 6));
     };
     EXPECT_EQ(mac_of("10.0.0.9", 6), "0 AAAAAA");
     EXPECT_EQ(mac_of("10.0.0.9", 5), "-1 ......");
