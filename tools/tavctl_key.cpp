@@ -62,11 +62,12 @@ int key_new(const Arguments &arguments) {
     arguments.no_plain();
     const std::string private_path = arguments.required("--private");
     const std::string public_path = arguments.required("--public");
-    if (arguments.flag("--if-missing")) {
-        if (exists(private_path) && exists(public_path)) return kSuccess;
-    } else if (exists(private_path)) {
-        throw Error(private_path +
-                    " exists and is left alone: lists signed with a lost key cannot be renewed");
+    if (exists(private_path)) {
+        if (!arguments.flag("--if-missing"))
+            throw Error(private_path +
+                        " exists and is left alone: lists signed with a lost key cannot be renewed");
+        if (!exists(public_path)) write_file(public_path, public_pem(load_private_key(private_path).get()));
+        return kSuccess;
     }
     const Key key(EVP_RSA_gen(kKeyBits));
     if (!key) throw_crypto_error("cannot generate a key");
@@ -116,7 +117,7 @@ std::span<const Command> key_commands() {
                 "new",
                 "--private FILE --public FILE [--if-missing]",
                 "      Makes an RSA pair of 2048 bits. An existing private key is never replaced; with\n"
-                "      --if-missing a pair that exists is kept and counts as success.",
+                "      --if-missing it is kept, a missing public half made from it, and that is success.",
                 {"--private", "--public"},
                 {"--if-missing"},
                 key_new},
