@@ -1,6 +1,7 @@
 // Shell, paths and resolver.
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -36,6 +37,7 @@ std::string run(const std::string &command, size_t size = 64) {
 
 TEST(Shell, ResultAndOutput) {
     std::signal(SIGPIPE, SIG_IGN);
+    ASSERT_NE(std::freopen("/dev/zero", "r", stdin), nullptr);
     EXPECT_EQ(run("kill -PIPE $$; echo survived"), "-1 "); // though it is ignored here
     EXPECT_EQ(run("echo yes; exit 3"), "-1 yes\n");
     EXPECT_EQ(run("echo yes; kill -9 $$"), "-1 yes\n");

@@ -141,7 +141,8 @@ TEST(Heap, GivesEntriesInOrderAndOnlyDestroy2Releases) {
     heap_destroy2(heap);
     EXPECT_EQ(released, static_cast<int>(model.size()));
     heap = heap_create(by_number);
-    EXPECT_EQ(heap_push(heap, numbers.data()), 0);
+    for (int &number : numbers) EXPECT_EQ(heap_push(heap, &number), 0);
+    EXPECT_EQ(heap_pop(heap, nullptr), 0);
     heap_destroy(heap);
 }
 

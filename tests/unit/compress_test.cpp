@@ -90,7 +90,7 @@ TEST(AppMessage, RoundTripsAndPassesFailuresOn) {
     EXPECT_EQ(run<tav_msg_uncompress>(run<tav_msg_compress>(plain, 0), 0), plain);
     EXPECT_EQ(run<tav_msg_compress2>(packed, 0, 0), "9002");
     EXPECT_EQ(run<tav_msg_uncompress2>(plain, 0, 0), "9002");
-    EXPECT_EQ(run<tav_msg_uncompress2>(message("\4\0"s, kZeros), 0, 0), "9002");
+    EXPECT_EQ(run<tav_msg_uncompress2>(message("\1\4"s, compress(kZeros)), 0, 0), "9002");
     EXPECT_EQ(run<tav_msg_compress2>(message("\0\0"s, noise(100)), 0, 0), "9000");
     EXPECT_EQ(run<tav_msg_uncompress2>(message("\0\4"s, "\0\0"s), 0, 0), "9001");
     EXPECT_EQ(run<tav_msg_compress2>(plain, UINT32_MAX - 19, 0), "9003"); // no room for the header
@@ -106,7 +106,7 @@ TEST(Zlib, WrappersCarry32BitLengths) {
     ASSERT_EQ(_zlib_compress(stream.data(), lengths, kZeros.data(), 1000), Z_OK);
     const uint32_t packed = std::exchange(lengths[0], 1000);
     ASSERT_EQ(_zlib_uncompress(data.data(), lengths, stream.data(), packed), Z_OK);
-    EXPECT_TRUE(data == kZeros && lengths[1] == 0xA5A5A5A5);
+    EXPECT_TRUE(packed < 100 && data == kZeros && lengths[1] == 0xA5A5A5A5);
 }
 
 } // namespace
