@@ -1,7 +1,6 @@
 #define OPENSSL_SUPPRESS_DEPRECATED
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <unistd.h>
@@ -80,26 +79,37 @@ class Gate : public FakeWorld {
                   256);
         return base64({out, out + 256});
     }
-    // Lines of a level, "~" in the places of the directory and of the signature.
+    // Lines of a level, with LIST, SIGN and ~ for the paths of the files and for the signature.
     std::string logged(int level) {
         std::string text;
         for (const auto &line : w.log.lines)
             if (line.level == level && line.source == "ipc_crypt") text += line.text + "\n";
-        for (const std::string &name : {(root / "bin/../config/").string(), slurp(signature_file)})
-            for (size_t at; !name.empty() && (at = text.find(name)) != text.npos;)
-                text.replace(at, name.size(), "~");
+        const std::string at = root / "bin/../config/linux", signature = slurp(signature_file);
+        for (const auto &[name, mark] :
+             {std::pair(at + ".json", "LIST"), {at + "_sign.json", "SIGN"}, {signature, "~"}})
+            for (size_t i; !name.empty() && (i = text.find(name)) != text.npos;)
+                text.replace(i, name.size(), mark);
         return text;
     }
-    // What a refusal tells: these lines and so many of the usual ones.
-    void expect_refusal(std::string lines, size_t usual) {
+    // A refusal tells these lines and so many of the usual ones.
+    void refuses(std::string lines, size_t usual) {
         const std::string last[] = {"process [the_name] is not white process\n",
-                                    "file ~linux.json verify failed, sign file is ~linux_sign.json\n",
-                                    "file ~linux.json verify failed, sign is: ~\n"};
+                                    "file LIST verify failed, sign file is SIGN\n",
+                                    "file LIST verify failed, sign is: ~\n"};
         while (usual > 0) lines += last[--usual];
         w.log.lines.clear();
+        ERR_raise(ERR_LIB_USER, 77); // libcrypto's queue is the application's
         EXPECT_EQ(c_get_process(), -1);
         EXPECT_EQ(logged(1), lines);
-        EXPECT_EQ(ERR_peek_error(), 0u) << "libcrypto's queue is the application's";
+        EXPECT_TRUE(ERR_GET_REASON(ERR_get_error()) == 77 && ERR_get_error() == 0);
+    }
+    void refuses_list(const std::string &list, const std::string &lines) {
+        install(list, signature_of(sha256(list)));
+        refuses(lines, 1);
+    }
+    void refuses_signature(const std::string &signature, const std::string &lines, size_t usual = 3) {
+        install(kList, signature);
+        refuses(lines, usual);
     }
 
     const fs::path root = fs::temp_directory_path() / ("ipc_crypt." + std::to_string(getpid()));
@@ -115,69 +125,54 @@ TEST_F(Gate, AllowsANameOfTheSignedList) {
         EXPECT_EQ(c_get_process(), 0);
     }
     unsetenv("TAV_INSTALL_ROOT");
-    EXPECT_EQ(
-        logged(4),
-        "process name is the_name\nname the_name sha256 " + kName +
-            "\nfile ~linux_sign.json size is 344\nsign is ~, length is 344\nfile ~linux.json sha256 is " +
-            kDigest + "\nfile ~linux.json size is " + std::to_string(kList.size()) + "\n");
+    EXPECT_EQ(logged(4), "process name is the_name\nname the_name sha256 " + kName +
+                             "\nfile SIGN size is 344\nsign is ~, length is 344\nfile LIST sha256 is " +
+                             kDigest + "\nfile LIST size is " + std::to_string(kList.size()) + "\n");
 }
 
 TEST_F(Gate, RefusesByTheSignedList) {
-    const auto refuses = [&](const std::string &list, const std::string &lines) {
-        install(list, signature_of(sha256(list)));
-        expect_refusal(lines, 1);
-    };
     std::string upper = kName;
     for (char &c : upper) c = static_cast<char>(toupper(c));
-    for (const std::string &entry : {upper, kName + "0"})
-        refuses(list_of(entry), "process [the_name] is not allowed to use ipc\n");
-    refuses("{\"linux\": \"" + kName + "\"}", "process [the_name] is not allowed to use ipc\n");
-    refuses("{\"linux\": []}", "process [the_name] is not allowed to use ipc\n");
-    refuses("{}", "parse object linux json failed, content is {}\n");
-    refuses("no json", "parse json failed, content is no json\n");
-    refuses(std::string(10'485'761, ' '),
-            "get file size ~linux.json faild size is 10485761\nread file ~linux.json failed\n");
+    for (const std::string &list :
+         {list_of(upper), list_of(kName + "0"), "{\"linux\": \"" + kName + "\"}", "{\"linux\": []}"s})
+        refuses_list(list, "process [the_name] is not allowed to use ipc\n");
+    refuses_list("{}", "parse object linux json failed, content is {}\n");
+    refuses_list("no json", "parse json failed, content is no json\n");
+    refuses_list(std::string(10'485'761, ' '),
+                 "get file size LIST faild size is 10485761\nread file LIST failed\n");
 }
 
 TEST_F(Gate, RefusesWithoutAValidSignature) {
-    const auto refuses = [&](const std::string &signature, const std::string &lines, size_t usual = 3) {
-        install(kList, signature);
-        expect_refusal(lines, usual);
-    };
     for (const std::string &text : {sha256("x"), kDigest + "0", kDigest.substr(1), ""s})
-        refuses(signature_of(text),
-                "file ~linux.json verify failed, sha256 " + kDigest + ", decrypt_txt is " + text + "\n");
+        refuses_signature(signature_of(text),
+                          "file LIST verify failed, sha256 " + kDigest + ", decrypt_txt is " + text + "\n");
     for (const std::string &text : {"!"s, base64(std::string(257, 'x'))})
-        refuses(text, "base64 decode failed, sign is ~\n");
-    refuses(base64(std::string(256, '\1')),
-            "ret is -1, file ~linux.json decrypt failed, sign is: ~, sign len is 344, decrypt_txt is \n");
-    refuses("\0x"s, "param wrong\nfile ~linux.json verify failed, sign is: \n", 2);
-    refuses("", "get file size ~linux_sign.json faild size is 0\nread file ~linux_sign.json failed\n", 2);
+        refuses_signature(text, "base64 decode failed, sign is ~\n");
+    refuses_signature(base64(std::string(256, '\1')),
+                      "ret is -1, file LIST decrypt failed, sign is: ~, sign len is 344, decrypt_txt is \n");
+    refuses_signature("\0x"s, "param wrong\nfile LIST verify failed, sign is: \n", 2);
+    refuses_signature("", "get file size SIGN faild size is 0\nread file SIGN failed\n", 2);
     fs::remove(signature_file);
-    expect_refusal("open file ~linux_sign.json faild\nread file ~linux_sign.json failed\n", 2);
+    refuses("open file SIGN faild\nread file SIGN failed\n", 2);
 }
 
 TEST_F(Gate, RefusesAListThatChangesOrIsMissing) {
-    install(kList, signature_of(kDigest));
     before_decode = [&] { std::ofstream(list_file, std::ios::app) << " "; };
-    expect_refusal("file ~linux.json verify failed, sign file is ~linux_sign.json\n", 1);
-    install(kList, signature_of(kDigest));
+    refuses_list(kList, "file LIST verify failed, sign file is SIGN\n");
     before_decode = [&] { fs::remove(list_file); };
-    expect_refusal("open file ~linux.json faild\nread file ~linux.json failed\n", 1);
-    expect_refusal(
-        "fopen ~linux.json failed\ncal file ~linux.json sha256 failed\ncal file ~linux.json base64 failed\n",
-        3);
+    refuses_list(kList, "open file LIST faild\nread file LIST failed\n");
+    refuses("fopen LIST failed\ncal file LIST sha256 failed\ncal file LIST base64 failed\n", 3);
 }
 
 TEST_F(Gate, RefusesAProcessWithoutAName) {
     exe_link = "";
-    expect_refusal("get process path failed, ret -1\nget process name failed\n", 0);
+    refuses("get process path failed, ret -1\nget process name failed\n", 0);
     exe_link = "no_slash";
-    expect_refusal("get process name failed\nget process name failed\n", 0);
+    refuses("get process name failed\nget process name failed\n", 0);
     install(kList, signature_of(kDigest));
     exe_link = "/" + std::string(4095, 'n'); // the longest there can be
     const std::string process = "process [" + exe_link.substr(1) + "] ";
-    expect_refusal(process + "is not allowed to use ipc\n" + process + "is not white process\n", 0);
+    refuses(process + "is not allowed to use ipc\n" + process + "is not white process\n", 0);
 }
 
 TEST_F(Gate, WholeFileRefusesWrongParameters) {
