@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <dlfcn.h>
 #include <memory>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -139,6 +140,15 @@ int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void
     event.sends.push_back({socket, address->addr.sun_path, std::string(static_cast<const char *>(data), len),
                            callback, context});
     return 0;
+}
+
+xhash_t *xhash_create(void (*release)(void *), uint32_t reserved) noexcept {
+    static const auto real = reinterpret_cast<decltype(&xhash_create)>(dlsym(RTLD_NEXT, "xhash_create"));
+    return --world().memory.fail_table == 0 ? nullptr : real(release, reserved);
+}
+int heap_push(heap_t *heap, void *entry) noexcept {
+    static const auto real = reinterpret_cast<decltype(&heap_push)>(dlsym(RTLD_NEXT, "heap_push"));
+    return --world().memory.fail_push == 0 ? -1 : real(heap, entry);
 }
 
 int tav_get_location() noexcept { return world().deployment.location; }

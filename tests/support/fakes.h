@@ -76,6 +76,11 @@ struct Event {
     cl_dunix_t socket_at(std::string_view path) const; // 0 when there is none
 };
 
+// --- tables that cannot grow: xhash_create, heap_push
+struct Memory {
+    int fail_table = 0, fail_push = 0; // the call from now that fails, 1 is the next
+};
+
 // --- deployment facts and executable directory (libtavaux, dirutils_path_transform)
 struct Deployment {
     int location = 2;
@@ -98,6 +103,7 @@ struct World {
     Clock clock;
     Random random;
     Event event;
+    Memory memory;
     Deployment deployment;
     Identity identity;
 };

@@ -1,3 +1,4 @@
+#include <array>
 #include <fstream>
 #include <unistd.h>
 
@@ -5,36 +6,27 @@
 #include "ipc/ipc_process.h"
 
 using ConfTest = FakeWorld;
-using Words = std::vector<uint32_t>;
-
-static Words words() {
-    const auto *first = reinterpret_cast<const uint32_t *>(get_ipc_proxy_conf());
-    return {first, first + 13};
-}
 
 TEST_F(ConfTest, LoadsWhatTheFileSaysAndDefaults) {
-    EXPECT_EQ(words(), Words(13));
-    const struct {
-        const char *disable, *interval, *times;
-        uint32_t options, interval_ms, retry_times;
-    } cases[] = {{"3", "200", "0", 7, 200, 0},
-                 {"2", "-1", "-2", 6, 1000, 10},
-                 {"-1", "abc", "12x", 6, 0, 12},
-                 {"1", "99999999999", "2147483648", 7, INT32_MAX, INT32_MAX}};
+    using Words = std::array<uint32_t, 13>;
+    const auto &words = reinterpret_cast<const Words &>(*get_ipc_proxy_conf());
+    EXPECT_EQ(words, Words{});
+    const std::tuple<std::string, uint32_t, uint32_t, uint32_t> cases[] = {
+        {"3\n[transfer]\neagain_retry_interval_ms=200\neagain_max_retry_times=0\n", 7, 200, 0},
+        {"2\n[transfer]\neagain_retry_interval_ms=-1\neagain_max_retry_times=-2\n", 6, 1000, 10},
+        {"-1\n[transfer]\neagain_retry_interval_ms=abc\neagain_max_retry_times=12x\n", 6, 0, 12},
+        {"1\n[transfer]\neagain_retry_interval_ms=99999999999\neagain_max_retry_times=2147483648\n", 7,
+         INT32_MAX, INT32_MAX},
+        {"", 6, 1000, 10}};
     const std::string path = testing::TempDir() + "ipc_conf_test." + std::to_string(getpid());
-    for (const auto &[disable, interval, times, options, interval_ms, retry_times] : cases) {
-        std::ofstream(path) << "[ipc_proxy]\ndisable_offline_cache=" << disable
-                            << "\n[transfer]\neagain_retry_interval_ms=" << interval
-                            << "\neagain_max_retry_times=" << times << "\n";
+    for (const auto &[text, options, interval_ms, retry_times] : cases) {
+        tavipc::process_state().conf_loaded = false;
+        std::ofstream(path) << "[ipc_proxy]\ndisable_offline_cache=" << text;
+        if (text.empty()) unlink(path.c_str());
         EXPECT_EQ(load_ipc_proxy_conf(path.c_str()), 0);
-        EXPECT_EQ(words(),
-                  (Words{options, 1, 200000, 0, 0, interval_ms, retry_times, 10000, 60, 0, 0, 0, 0}));
+        EXPECT_TRUE(tavipc::process_state().conf_loaded);
+        EXPECT_EQ(words, (Words{options, 1, 200000, 0, 0, interval_ms, retry_times, 10000, 60}));
     }
-    unlink(path.c_str());
-    tavipc::process_state().conf_loaded = false;
-    EXPECT_EQ(load_ipc_proxy_conf(path.c_str()), 0);
-    EXPECT_TRUE(tavipc::process_state().conf_loaded);
-    EXPECT_EQ(words(), (Words{6, 1, 200000, 0, 0, 1000, 10, 10000, 60, 0, 0, 0, 0}));
     EXPECT_EQ(w.log.count("config not found, set default: " + path, 2), 1);
 }
 

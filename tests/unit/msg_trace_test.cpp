@@ -19,44 +19,44 @@ extern "C" int open(const char *path, int flags, ...) {
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, 0600));
 }
 
-class TraceTest : public FakeWorld {
-  protected:
-    TraceTest() { w.clock.loop_ms = 5000; }
-    // What tracing writes.
-    std::string trace(const tav_ipc_hdr_st *header, const std::string &text = "x") {
-        w.log.lines.clear();
-        TAV_TRACE(header, "<%s>", text.c_str());
-        return w.log.lines.empty() ? "" : w.log.lines.at(0).source + ": " + w.log.lines.at(0).text;
-    }
-};
+// What tracing writes.
+static std::string trace(const tav_ipc_hdr_st &header, const std::string &text = "x") {
+    auto &lines = fake::world().log.lines;
+    lines.assign(1, {});
+    TAV_TRACE(&header, "<%s>", text.c_str());
+    return lines.back().source + lines.back().text;
+}
+
+using TraceTest = FakeWorld;
 
 TEST_F(TraceTest, LineDescribesTheHeader) {
-    const tav_addr_st dest{4000000000u, "beta", 3, ADDR_FLAG_COMPRESS_OK}, src{17, {}, 2, ADDR_FLAG_TEMP};
+    w.clock.loop_ms = 5000;
+    const tav_addr_st dest{4000000000u, "beta", 3, ADDR_FLAG_COMPRESS_OK},
+        src{17, "012345678", 2, ADDR_FLAG_TEMP};
     tav_ipc_hdr_st header{dest, src, 21, 0x241, 0xF, 42, 100, 64100, {}, 77, 0};
-    memcpy(header.src.name, "0123456789", 10);
+    header.src.name[9] = '9';
     tavipc::set_fragment(header, 5);
     const std::string line =
-        "tav_ipc: [MSG TRACE] [0123456789@17:loc2:80]->[beta@4000000000:loc3:8], reqid:21, flags:0x241, "
+        "tav_ipc[MSG TRACE] [0123456789@17:loc2:80]->[beta@4000000000:loc3:8], reqid:21, flags:0x241, "
         "rflags: 0xf, frag:1:77:5, cmd: 42, size: 100(64100), <x>\n";
-    EXPECT_EQ(trace(&header), line) << "not stamped yet";
+    EXPECT_EQ(trace(header), line) << "not stamped yet";
     header.magic = tav_ipc_hdr_magic(&header);
-    EXPECT_EQ(trace(&header), line) << "stamped";
-    EXPECT_EQ(trace(&header, std::string(5000, 'x')).size(), strlen("tav_ipc: [MSG TRACE] ") + 1023 + 1);
+    EXPECT_EQ(trace(header), line) << "stamped";
+    EXPECT_EQ(trace(header, std::string(5000, 'x')).size(), strlen("tav_ipc[MSG TRACE] ") + 1023 + 1);
     ++header.magic;
-    EXPECT_EQ(trace(&header), "tav_ipc: [MSG TRACE] [Invalid message header] <x>\n");
+    EXPECT_EQ(trace(header), "tav_ipc[MSG TRACE] [Invalid message header] <x>\n");
     w.log.threshold = 3;
-    EXPECT_EQ(trace(&header), "");
+    EXPECT_EQ(trace(header), "");
 }
 
 TEST_F(TraceTest, SwitchFileIsLookedForAfterTenSeconds) {
     // Loop clock, does the file exist, looks so far, is a plain message traced. Once the clock goes back.
     const int steps[][4] = {{10'000, 1, 0, 0}, {10'001, 1, 1, 1}, {20'001, 0, 1, 1}, {20'002, 0, 2, 0},
                             {30'003, 1, 3, 1}, {15'000, 0, 3, 1}, {25'000, 0, 3, 1}, {25'001, 0, 4, 0}};
-    const tav_ipc_hdr_st header{};
     for (const auto &[now, exists, looked, traced] : steps) {
         w.clock.loop_ms = static_cast<uint64_t>(now);
         switch_exists = exists;
-        EXPECT_EQ(!trace(&header).empty(), traced) << now;
+        EXPECT_EQ(!trace({}).empty(), traced) << now;
         EXPECT_EQ(looks, looked) << now;
     }
 }
