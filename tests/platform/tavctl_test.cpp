@@ -51,8 +51,8 @@ TEST_F(Tavctl, VerifiesWhatItSignsAndNoticesEveryChange) {
     EXPECT_EQ(run("key new --private foreign.pem --public foreign.pub"), 0);
     EXPECT_EQ(run("allowlist verify --key foreign.pub --dir out"), 1);
     for (const char *file : {"out/linux.json", "out/linux_sign.json"}) {
-        const std::string good = read(file), other = good[5] == 'A' ? "B" : "A";
-        dir.write(file, good.substr(0, 5) + other + good.substr(6));
+        const std::string good = read(file), other = good[10] == '2' ? "3" : "2";
+        dir.write(file, good.substr(0, 10) + other + good.substr(11)); // still a list
         EXPECT_EQ(run("allowlist verify --key my.pub --dir out"), 1) << file;
         dir.write(file, good);
         EXPECT_EQ(run("allowlist verify --key my.pub --dir out"), 0) << file;
@@ -60,11 +60,11 @@ TEST_F(Tavctl, VerifiesWhatItSignsAndNoticesEveryChange) {
 }
 
 TEST_F(Tavctl, TellsWrongUsageFromFailure) {
-    for (const char *wrong :
-         {"", "allowlist", "allowlist forge", "allowlist sign --key my.pem",
-          "allowlist sign --key my.pem --list my.pub alpha", "allowlist sign --key my.pem bin/alpha",
-          "allowlist sign alpha --key", "allowlist verify --key my.pub --dir . --force",
-          "key check --public my.pub --public my.pub"})
+    for (const char *wrong : {"", "allowlist", "allowlist forge", "allowlist sign --key my.pem",
+                              "allowlist sign --key my.pem --list my.pub alpha",
+                              "allowlist sign --key my.pem bin/alpha", "allowlist sign alpha --key",
+                              "allowlist sign alpha --key=", "allowlist verify --key my.pub --dir . --force",
+                              "key check --public my.pub --public my.pub"})
         EXPECT_TRUE(run(wrong) == 2 && read("output") != "") << wrong;
     for (const char *failing :
          {"allowlist sign --key my.pub alpha", "allowlist verify --key my.pub --dir missing"})
