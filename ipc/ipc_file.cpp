@@ -137,6 +137,7 @@ void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *pat
     if (!ipc || !dest) return refuse(IPC_ERR_SENDTO);
     FILE *stream = path ? std::fopen(path, "rbe") : nullptr;
     if (!stream) return refuse(IPC_ERR_OPEN_FILE);
+    std::setvbuf(stream, nullptr, _IONBF, 0); // chunks are read whole, a buffer in between would cut them
     auto *transfer = static_cast<FileSend *>(std::calloc(1, sizeof(FileSend)));
     if (!transfer) {
         std::fclose(stream);

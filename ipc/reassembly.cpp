@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <sys/mman.h>
 
 #include "ipc/log.h"
 #include "ipc/msg_trace.h"
@@ -15,6 +16,7 @@ constexpr uint64_t kSweepPeriodMs = 1000;
 constexpr time_t kIdleSeconds = 10;
 constexpr uint32_t kPlaceable = 1024 * kFragmentPayload; // what 10 bits of sequence number can address
 constexpr uint32_t kLargestClaim = UINT32_MAX - kHeaderSize;
+constexpr uint64_t kHugePage = 2u << 20;
 
 struct FragmentKey {
     uint32_t src_hostid;
@@ -115,6 +117,17 @@ bool fits(const FragmentSet &set, const tav_ipc_hdr_st &header) {
     return true;
 }
 
+// From its second 2 MiB on a large buffer is filled in huge pages, which saves most of the page faults. Not
+// before: a set of which one fragment came shall cost no more than that fragment.
+void use_huge_pages(const FragmentSet &set, uint32_t added) {
+    if (set.received < kHugePage || set.received - added >= kHugePage) return;
+    const auto begin = reinterpret_cast<uintptr_t>(set.buf);
+    const uint64_t capacity = set.expected < kPlaceable ? set.expected : kPlaceable;
+    const uintptr_t first = (begin + kHugePage - 1) & ~uintptr_t{kHugePage - 1};
+    const uintptr_t end = (begin + kHeaderSize + capacity) & ~uintptr_t{kHugePage - 1};
+    if (first < end) madvise(reinterpret_cast<void *>(first), end - first, MADV_HUGEPAGE); // a hint
+}
+
 } // namespace
 
 MallocPtr<unsigned char> add_fragment(tav_ipc_st *ipc, const tav_ipc_hdr_st &header,
@@ -134,6 +147,7 @@ MallocPtr<unsigned char> add_fragment(tav_ipc_st *ipc, const tav_ipc_hdr_st &hea
     const size_t offset = size_t{fragment_sequence(header)} * kFragmentPayload;
     std::memcpy(set->buf + kHeaderSize + offset, payload, header.size);
     set->received += header.size;
+    use_huge_pages(*set, header.size);
     // A set that claims more than can be placed stays incomplete however often its pieces are repeated.
     if (set->received < set->expected || set->expected > kPlaceable) {
         set->last_seen = time(nullptr);

@@ -19,6 +19,7 @@ constexpr unsigned kMaxBatchesPerTurn = 4;
 constexpr uint64_t kLongestTick = 125;
 constexpr uint64_t kRetryByPath = 5;
 constexpr uint64_t kFileCheckInterval = 1000;
+constexpr uint32_t kTryAgainBytes = 256 * 1024;
 constexpr int64_t kDatagramsInLoweredBuffer = 20;
 
 // About what the kernel charges to the send buffer for a datagram: its own record, and the bytes in blocks of
@@ -51,7 +52,15 @@ Channel::~Channel() {
 void Channel::send(Send *send) noexcept {
     const uint64_t now = clock_ms();
     last_used_ms_ = now;
-    if (stalled()) return waiting_.push(send);
+    if (stalled()) {
+        waiting_.push(send);
+        // A sender that goes on filling the list without letting the loop run would leave a quick reader
+        // idle.
+        pushed_bytes_ += send->len;
+        if (pushed_bytes_ < kTryAgainBytes) return;
+        pushed_bytes_ = 0;
+        return flush();
+    }
     const int error = try_send(*send, now);
     if (error == EAGAIN && loop_.send_wait_ms() > 0) return stall(send, now);
     loop_.finish(send, status_of(error));
