@@ -2,8 +2,8 @@
 
 #include <cstring>
 #include <ctime>
-#include <sys/mman.h>
 
+#include "ipc/huge_pages.h"
 #include "ipc/log.h"
 #include "ipc/msg_trace.h"
 #include "ipc/out_of_memory.h"
@@ -16,7 +16,6 @@ constexpr uint64_t kSweepPeriodMs = 1000;
 constexpr time_t kIdleSeconds = 10;
 constexpr uint32_t kPlaceable = 1024 * kFragmentPayload; // what 10 bits of sequence number can address
 constexpr uint32_t kLargestClaim = UINT32_MAX - kHeaderSize;
-constexpr uint64_t kHugePage = 2u << 20;
 
 struct FragmentKey {
     uint32_t src_hostid;
@@ -121,11 +120,7 @@ bool fits(const FragmentSet &set, const tav_ipc_hdr_st &header) {
 // before: a set of which one fragment came shall cost no more than that fragment.
 void use_huge_pages(const FragmentSet &set, uint32_t added) {
     if (set.received < kHugePage || set.received - added >= kHugePage) return;
-    const auto begin = reinterpret_cast<uintptr_t>(set.buf);
-    const uint64_t capacity = set.expected < kPlaceable ? set.expected : kPlaceable;
-    const uintptr_t first = (begin + kHugePage - 1) & ~uintptr_t{kHugePage - 1};
-    const uintptr_t end = (begin + kHeaderSize + capacity) & ~uintptr_t{kHugePage - 1};
-    if (first < end) madvise(reinterpret_cast<void *>(first), end - first, MADV_HUGEPAGE); // a hint
+    prefer_huge_pages(set.buf, kHeaderSize + (set.expected < kPlaceable ? set.expected : kPlaceable));
 }
 
 } // namespace

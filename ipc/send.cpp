@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "ipc/endpoint.h"
+#include "ipc/fragment_block.h"
 #include "ipc/ipc_process.h"
 #include "ipc/log.h"
 #include "ipc/msg_trace.h"
@@ -27,21 +28,23 @@ int send_fragments(const Route &route, const tav_ipc_hdr_st &message, const void
     tav_ipc_hdr_st header = message;
     header.frag_orig = message.size;
     header.frag_id = static_cast<uint16_t>(ipc_rand_by_time() & 0xFFFF);
-    uint16_t sequence = 0;
-    for (uint32_t offset = 0; offset < message.size; offset += kFragmentPayload, ++sequence) {
+    const uint32_t count = (message.size + kFragmentPayload - 1) / kFragmentPayload;
+    FragmentBlock *block = FragmentBlock::create(count);
+    if (!block) out_of_memory("tav_ipc", __LINE__);
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t offset = i * kFragmentPayload;
         const uint32_t rest = message.size - offset;
         header.size = rest < kFragmentPayload ? rest : kFragmentPayload;
-        set_fragment(header, sequence);
-        MallocPtr<unsigned char> datagram(
-            static_cast<unsigned char *>(std::malloc(kHeaderSize + header.size)));
-        if (!datagram) out_of_memory("tav_ipc", __LINE__);
+        set_fragment(header, static_cast<uint16_t>(i));
+        unsigned char *datagram = block->slot(i);
         if (payload)
-            std::memcpy(datagram.get() + kHeaderSize, static_cast<const char *>(payload) + offset,
-                        header.size);
+            std::memcpy(datagram + kHeaderSize, static_cast<const char *>(payload) + offset, header.size);
         else
-            std::memset(datagram.get() + kHeaderSize, 0, header.size);
-        if (submit_buffer(route, header, datagram.get()) != IPC_OK) return IPC_ERR_SENDTO;
-        datagram.release();
+            std::memset(datagram + kHeaderSize, 0, header.size);
+        if (submit_buffer(route, header, datagram, FragmentBlock::release_slot) != IPC_OK) {
+            block->release_slots(count - i);
+            return IPC_ERR_SENDTO;
+        }
     }
     return IPC_OK;
 }

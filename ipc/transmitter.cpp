@@ -221,14 +221,15 @@ int submit_copy(const Route &route, const tav_ipc_hdr_st &plain, const void *pay
     return IPC_OK;
 }
 
-int submit_buffer(const Route &route, const tav_ipc_hdr_st &plain, void *datagram) {
+int submit_buffer(const Route &route, const tav_ipc_hdr_st &plain, void *datagram,
+                  void (*release)(void *datagram, uint32_t size)) {
     const uint64_t now_ms = cl_event_loop_now();
     const tav_ipc_hdr_st header = stamped(plain);
     ipc_queue_msg_st *msg = create_ipc_queue_msg(0);
     if (!msg) return IPC_ERR_SENDTO;
     fill_record(*msg, route, header, now_ms);
     msg->data = datagram;
-    msg->data_free = [](void *data, uint32_t) { std::free(data); };
+    msg->data_free = release;
     std::memcpy(datagram, &header, kHeaderSize);
     send_or_queue(msg, header);
     return IPC_OK;

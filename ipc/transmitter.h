@@ -32,10 +32,11 @@ struct Route {
 
 // Stamps the check value and sends the datagram, or queues it behind waiting traffic. submit_copy copies
 // header and header.size payload bytes (payload null: zeros) into a record; submit_buffer takes over a
-// malloc'ed datagram whose payload stands ready behind room for the header. 0: sent, queued, or dropped
-// with a log line; -101: no record could be made, and the buffer stays the caller's.
+// datagram whose payload stands ready behind room for the header, and which release gives up. 0: sent,
+// queued, or dropped with a log line; -101: no record could be made, and the buffer stays the caller's.
 [[nodiscard]] int submit_copy(const Route &route, const tav_ipc_hdr_st &header, const void *payload);
-[[nodiscard]] int submit_buffer(const Route &route, const tav_ipc_hdr_st &header, void *datagram);
+[[nodiscard]] int submit_buffer(const Route &route, const tav_ipc_hdr_st &header, void *datagram,
+                                void (*release)(void *datagram, uint32_t size));
 
 // The queue's consume callback: sends a record whose time has come.
 int consume_queued(uint64_t now_ms, ipc_queue_msg_st *msg);
