@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <new>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 namespace tavcl_ev {
 
@@ -29,21 +31,21 @@ bool Loop::open(uv_loop_t *foreign) noexcept {
     uv_prepare_init(uv_, &prepare_);
     uv_check_init(uv_, &check_);
     uv_idle_init(uv_, &idle_);
-    uv_timer_init(uv_, &wake_up_);
-    for (uv_handle_t *handle :
-         {as_handle(&prepare_), as_handle(&check_), as_handle(&idle_), as_handle(&wake_up_)}) {
+    for (uv_handle_t *handle : {as_handle(&prepare_), as_handle(&check_), as_handle(&idle_)}) {
         handle->data = this;
         adopt(handle);
     }
     uv_prepare_start(&prepare_, [](uv_prepare_t *handle) { loop_of(handle).before_poll(); });
     uv_check_start(&check_, [](uv_check_t *handle) { loop_of(handle).after_poll(); });
-    return true;
+    wake_fd_ = UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    const auto rings = [](void *self) { static_cast<Loop *>(self)->woken(); };
+    return wake_fd_ && wake_watch_.open(*this, wake_fd_.get(), rings, this) && wake_watch_.start_reading();
 }
 
 Loop::~Loop() {
     if (!uv_) return;
-    for (uv_handle_t *handle :
-         {as_handle(&prepare_), as_handle(&check_), as_handle(&idle_), as_handle(&wake_up_)})
+    wake_watch_.close();
+    for (uv_handle_t *handle : {as_handle(&prepare_), as_handle(&check_), as_handle(&idle_)})
         uv_close(handle, [](uv_handle_t *closed) { loop_of(closed).disown(); });
     while (handles_ > 0) uv_run(uv_, UV_RUN_NOWAIT);
     if (uv_ == &own_uv_) uv_loop_close(uv_);
@@ -107,23 +109,18 @@ void Loop::after_poll() noexcept {
 
 void Loop::wake_for_timers() noexcept {
     const uint64_t due = timers_.next_due_ms();
-    if (due == wake_up_ms_ && (due == kNever || uv_is_active(as_handle(&wake_up_)))) return;
-    wake_up_ms_ = due;
-    if (due == kNever) {
-        uv_timer_stop(&wake_up_);
-        return;
-    }
-    const uint64_t now = clock_ms();
-    if (due <= now) {
-        wake_up_ms_ = kNever;
-        uv_timer_stop(&wake_up_);
-        nudge();
-        return;
-    }
-    // From libuv's idea of now, which may lag: it wakes us too early then, never too late, and we set it
-    // again.
-    uv_timer_start(
-        &wake_up_, [](uv_timer_t *) {}, std::min(due - now, kLongestWait), 0);
+    if (due >= wake_up_ms_) return;
+    if (due <= clock_ms()) return nudge();
+    itimerspec at{};
+    const uint64_t wait_until = std::min(due, clock_ms() + kLongestWait);
+    at.it_value.tv_sec = static_cast<time_t>(wait_until / 1000);
+    at.it_value.tv_nsec = static_cast<long>(wait_until % 1000 * 1'000'000);
+    if (timerfd_settime(wake_fd_.get(), TFD_TIMER_ABSTIME, &at, nullptr) == 0) wake_up_ms_ = wait_until;
+}
+
+void Loop::woken() noexcept {
+    uint64_t times;
+    if (read(wake_fd_.get(), &times, sizeof times) > 0) wake_up_ms_ = kNever;
 }
 
 void Loop::fire_timers() noexcept {

@@ -4,7 +4,7 @@
 //   prepare   callbacks of finished sends; then the wake-up for the first timer is set
 //   poll      waits; sockets become readable (datagrams delivered) or writable (waiting sends leave)
 //   check     timers that are due; then callbacks of finished sends
-// The libuv timer only ends the wait: whether a timer is due is decided by our own clock, in the check phase.
+// The wake-up only ends the wait: whether a timer is due is decided by our own clock, in the check phase.
 // An idle handle is on only while there is something to do without waiting, which makes the poll return at
 // once (nudge). Each phase works off what was there when it began: what its callbacks add comes in a later
 // one. All callbacks may run the loop again, so every phase takes an item out before it calls back.
@@ -17,8 +17,10 @@
 #include <memory>
 #include <uv.h>
 
+#include "fd_watch.h"
 #include "send_queue.h"
 #include "timers.h"
+#include "unique_fd.h"
 
 namespace tavcl_ev {
 
@@ -90,6 +92,7 @@ class Loop {
     void report_finished() noexcept;
     void fire_timers() noexcept;
     void wake_for_timers() noexcept;
+    void woken() noexcept;
     void nudge() noexcept { set_idle(true); }
     void set_idle(bool on) noexcept;
 
@@ -98,12 +101,13 @@ class Loop {
     uv_prepare_t prepare_{};
     uv_check_t check_{};
     uv_idle_t idle_{};
-    uv_timer_t wake_up_{};
+    UniqueFd wake_fd_; // a timer of the kernel's: a turn that only waits does not set one anew
+    FdWatch wake_watch_;
     unsigned handles_ = 0;
     bool idling_ = false;
 
     TimerHeap timers_;
-    uint64_t wake_up_ms_ = kNever; // for which wake_up_ is set
+    uint64_t wake_up_ms_ = kNever; // for which wake_fd_ is set; it may ring too early, never too late
 
     SendPool sends_;
     SendQueue finished_;
