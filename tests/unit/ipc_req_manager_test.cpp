@@ -1,31 +1,21 @@
 #include "tavipc/ipc_req_manager.h"
 
-#include <dlfcn.h>
-
 #include "fakes.h"
-
-static heap_t *spared_heap; // when set, every other heap refuses
-static int pushes_left;     // after so many pushes
-
-extern "C" int heap_push(heap_t *heap, void *entry) noexcept {
-    static const auto real = reinterpret_cast<int (*)(heap_t *, void *)>(dlsym(RTLD_NEXT, "heap_push"));
-    return spared_heap && heap != spared_heap && --pushes_left < 0 ? -1 : real(heap, entry);
-}
 
 using Ids = std::vector<uint32_t>;
 static Ids released;
 
 class ReqManagerTest : public FakeWorld {
   protected:
-    ReqManagerTest() {
-        released.clear();
-        start();
-    }
+    ReqManagerTest() { restart(); }
     ~ReqManagerTest() override {
         stop();
         EXPECT_TRUE(w.event.timers.empty());
     }
-    void start() {
+    void restart() {
+        stop();
+        released.clear();
+        const auto release = [](void *record) { released.push_back(id_of(record)); };
         m_ = new ipc_req_manager_st;
         ASSERT_EQ(ipc_req_manager_init(m_, release, on_timeout, this), 0);
     }
@@ -33,22 +23,16 @@ class ReqManagerTest : public FakeWorld {
         ipc_req_manager_uninit(m_);
         delete std::exchange(m_, nullptr);
     }
-    static void release(void *record) {
-        released.push_back(*static_cast<uint32_t *>(record));
-        delete static_cast<uint32_t *>(record);
-    }
+    static uint32_t id_of(void *record) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(record)); }
     static void on_timeout(uint32_t reqid, void *record, void *user) {
         auto *self = static_cast<ReqManagerTest *>(user);
-        EXPECT_EQ(*static_cast<uint32_t *>(record), reqid);
+        EXPECT_EQ(id_of(record), reqid);
         self->expired_.push_back(reqid);
         self->react_(reqid);
     }
     int insert(uint32_t reqid, uint32_t in_ms) {
-        auto *record = new uint32_t(reqid);
         const auto expire = static_cast<int64_t>(w.clock.loop_ms + in_ms);
-        if (ipc_req_manager_insert(m_, reqid, record, expire) == 0) return 0;
-        delete record;
-        return -1;
+        return ipc_req_manager_insert(m_, reqid, reinterpret_cast<void *>(reqid + (++serial_ << 32)), expire);
     }
     // Fills the heap with total entries, of which the lowest ids are live, and inserts one more.
     void fill(uint32_t total, uint32_t live) {
@@ -58,6 +42,7 @@ class ReqManagerTest : public FakeWorld {
     }
 
     ipc_req_manager_st *m_ = nullptr;
+    uintptr_t serial_ = 0; // tells records of one id apart
     Ids expired_;
     std::function<void(uint32_t)> react_ = [this](uint32_t id) { ipc_req_manager_remove(m_, id); };
 };
@@ -80,23 +65,22 @@ TEST_F(ReqManagerTest, ExpiresStrictlyAfterItsTimeInOrder) {
 }
 
 TEST_F(ReqManagerTest, CallbackMayInsertAndTearDownTheManager) {
-    for (bool nested : {false, true}) {
-        if (!m_) start();
+    for (const size_t stop_after : {1, 2}) {
+        restart();
         expired_.clear();
         for (uint32_t id : {1, 2, 3}) insert(id, 0);
         react_ = [&](uint32_t id) {
-            if (!nested || expired_.size() == 2) return stop();
+            if (expired_.size() == stop_after) return stop();
             insert(id, 0); // replaces the record, and arms the timer, whose tick finds the other two as well
             w.event.advance(1000);
         };
         w.event.advance(1000);
-        EXPECT_EQ(expired_.size(), nested ? 2u : 1u);
-        EXPECT_TRUE(w.event.timers.empty());
+        EXPECT_TRUE(expired_.size() == stop_after && w.event.timers.empty());
+        EXPECT_EQ(released.size(), 2 + stop_after);
     }
-    EXPECT_EQ(released.size(), 7u);
 }
 
-TEST_F(ReqManagerTest, CompactionLimits) {
+TEST_F(ReqManagerTest, HeapIsRebuiltWhenTooMuchOfItIsStale) {
     const uint32_t cases[][3] = {{87'380, 0, 87'381},         {87'381, 0, 1},
                                  {99'999, 49'998, 49'999},    {99'999, 49'999, 100'000},
                                  {873'814, 436'907, 873'815}, {936'907, 499'999, 500'000}};
@@ -104,20 +88,15 @@ TEST_F(ReqManagerTest, CompactionLimits) {
         fill(total, live);
         EXPECT_EQ(heap_count(m_->expiry_heap), left) << total << " " << live;
         EXPECT_EQ(ipc_req_manager_count(m_), live + 1);
-        stop();
-        start();
+        restart();
     }
-}
-
-TEST_F(ReqManagerTest, ShortMemoryLosesNothing) {
-    spared_heap = m_->expiry_heap;
-    pushes_left = 5; // the rebuilt heap refuses the sixth
+    const heap_t *heap = m_->expiry_heap;
+    w.memory.fail_push = 100'001 + 6; // the rebuilt heap refuses its sixth entry: nothing is lost
     fill(100'000, 10);
-    EXPECT_EQ(heap_count(spared_heap), 11u);
-    spared_heap = reinterpret_cast<heap_t *>(this);
+    EXPECT_TRUE(m_->expiry_heap == heap && heap_count(heap) == 11);
+    w.memory.fail_push = 1;
     EXPECT_EQ(insert(11, 0), -1);
     EXPECT_EQ(ipc_req_manager_count(m_), 11u);
-    spared_heap = nullptr;
     w.event.advance(1'002'000);
     EXPECT_EQ(expired_, (Ids{10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 100'001}));
 }
