@@ -79,8 +79,9 @@ class EndpointWorld : public FakeWorld {
         std::erase(open_, ipc);
         tav_ipc_destroy(ipc);
     }
-    // Forgets what was sent, received and logged.
+    // Completes what is pending, and forgets what was sent, received and logged.
     void forget() {
+        w.event.complete_all();
         w.event.sends.clear();
         calls_.clear();
         w.log.lines.clear();
