@@ -37,12 +37,13 @@ TEST_F(EndpointTest, VariantsDifferInThreeChoices) {
 TEST_F(EndpointTest, FailedCreationReleasesEverythingAndSaysWhy) {
     auto &event = w.event;
     const std::tuple<std::function<void()>, const char *, std::string> cases[] = {
-        {[&] { w.identity.process_result = -1; }, "much_too_long", "1process is not valid"},
+        {[&] { w.identity.process_result = -1; }, "ten_chars_", "1process is not valid"},
         {[] {}, "ten_chars_", ""},
         {[] {}, nullptr, ""},
         {[&] { w.identity.agent_id = 0; }, "alpha",
          "2calculate agentid failed\n2failed to get hostid, ipc create failed"},
         {[&] { event.fail_create = 1; }, "alpha", "2fail to create ipc retry socket: /var/zon_ipc2/alpha"},
+        {[] {}, "a/b", ""}, // the same line, limited
         {[&] { w.memory.fail_table = 1; }, "alpha", "1init ipc msg queue failed."},
         {[&] { w.memory.fail_table = 2; }, "alpha", ""},
         {[&] { event.fail_recv = 1; }, "alpha", ""}};
@@ -58,7 +59,7 @@ TEST_F(EndpointTest, FailedCreationReleasesEverythingAndSaysWhy) {
         for (const auto &line : w.log.lines) lines += std::to_string(line.level) + line.text;
         EXPECT_EQ(lines, expected);
         EXPECT_TRUE(event.sockets.empty() && event.timers.empty());
-        EXPECT_EQ(tavipc::process_state().trace_flag != 0, name && !strcmp(name, "alpha"));
+        EXPECT_EQ(tavipc::process_state().trace_flag != 0, name && strcmp(name, "ten_chars_"));
     }
 }
 
