@@ -203,9 +203,10 @@ TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
  * to dest. Messages above 64,000 bytes travel in fragments. An application message of at least 148 bytes
  * to an address with ADDR_FLAG_COMPRESS_OK is compressed.
  * Returns 0 when the message was sent or queued; -101 when it was refused: null handle or destination,
- * destination name with "/", more than 65,471,999 bytes (after compression), more than 32 MiB in flight to
- * the destination (64 MiB for control traffic and priorities of 7 and more), or short memory. A queued
- * message that its destination keeps refusing is dropped later, with a log line (level 2). */
+ * destination name that is empty or holds a "/", more than 65,471,999 bytes (after compression), more than 32
+ * MiB in flight to the destination (64 MiB for control traffic and priorities of 7 and more), or short
+ * memory. A queued message that its destination keeps refusing is dropped later, with a log line (level 2).
+ */
 TAVIPC_API int tav_ipc_send(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,
                             uint32_t size) TAVIPC_NOEXCEPT;
 
