@@ -1,5 +1,5 @@
 // Transmission: what is tried at once and what waits, how refusals are retried and for how long, the
-// in-flight counters, and completions that outlive their endpoint.
+// in-flight counters. (exactly_once_test has the completions that outlive their endpoint.)
 #include <optional>
 
 #include "endpoint_world.h"
@@ -158,22 +158,6 @@ TEST_F(TransmitterTest, IdleModulesGoWhenThereAreVeryMany) {
         w.event.complete_all();
     }
     EXPECT_EQ(xhash_count(ipc_->queue->mods), 0u);
-}
-
-TEST_F(TransmitterTest, CompletionsOfADestroyedEndpointTouchNothing) {
-    for (const bool late : {false, true}) { // late: a platform that reports after the sockets are gone
-        forget();
-        tav_ipc_st *ipc = open("gone");
-        send(ipc, pattern(200'000));
-        w.event.complete(1, 4); // back into the queue
-        w.event.complete(0, 0);
-        for (auto &each : w.event.sends) each.done |= late;
-        w.log.lines.clear();
-        close(ipc);
-        for (const size_t i : {2, 3})
-            if (late) w.event.sends[i].callback(0, i == 2 ? 4 : 0, w.event.sends[i].context);
-        EXPECT_TRUE(w.log.lines.empty());
-    }
 }
 
 } // namespace
