@@ -83,7 +83,10 @@ class RandomRun : public EndpointWorld {
     void TestBody() override {}
 
     void step() {
-        if (!any_endpoint()) create_endpoint();
+        if (!any_endpoint()) {
+            create_endpoint();
+            ASSERT_TRUE(any_endpoint()) << "every name is free, and still none can be opened";
+        }
         const unsigned what = pick(100);
         if (what < 30) return begin_exchange();
         if (what < 60) return handle_datagram();
