@@ -19,6 +19,7 @@ constexpr unsigned kMaxBatchesPerTurn = 4;
 constexpr uint64_t kLongestTick = 125;
 constexpr uint64_t kRetryByPath = 5;
 constexpr uint64_t kFileCheckInterval = 1000;
+constexpr uint32_t kTryAgainPushes = 8;
 constexpr uint32_t kTryAgainBytes = 256 * 1024;
 constexpr int64_t kDatagramsInLoweredBuffer = 20;
 
@@ -50,19 +51,19 @@ Channel::~Channel() {
 }
 
 void Channel::send(Send *send) noexcept {
-    const uint64_t now = clock_ms();
+    const uint64_t now = coarse_clock_ms();
     last_used_ms_ = now;
     if (stalled()) {
         waiting_.push(send);
         // A sender that goes on filling the list without letting the loop run would leave a quick reader
         // idle.
         pushed_bytes_ += send->len;
-        if (pushed_bytes_ < kTryAgainBytes) return;
-        pushed_bytes_ = 0;
+        if (++pushed_ < kTryAgainPushes && pushed_bytes_ < kTryAgainBytes) return;
+        pushed_bytes_ = pushed_ = 0;
         return flush();
     }
     const int error = try_send(*send, now);
-    if (error == EAGAIN && loop_.send_wait_ms() > 0) return stall(send, now);
+    if (error == EAGAIN && loop_.send_wait_ms() > 0) return stall(send, clock_ms());
     loop_.finish(send, status_of(error));
 }
 
@@ -115,7 +116,7 @@ int Channel::connect_afresh(uint64_t now) noexcept {
 
 // A connected socket goes on talking to a peer whose path has another owner by now, or none.
 void Channel::notice_new_owner(uint64_t now) noexcept {
-    if (!connected_ || now - file_seen_ms_ < kFileCheckInterval) return;
+    if (!connected_ || now < file_seen_ms_ + kFileCheckInterval) return;
     file_seen_ms_ = now;
     if (identify_socket(destination_.addr.sun_path, true) != file_) connected_ = false;
 }

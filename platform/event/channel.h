@@ -87,7 +87,8 @@ class Channel {
     uint64_t last_used_ms_ = 0;
     uint64_t last_progress_ms_ = 0;
     int last_unread_ = 0;
-    uint32_t pushed_bytes_ = 0; // onto waiting_, since send last tried to flush
+    uint32_t pushed_ = 0; // onto waiting_, since send last tried to flush
+    uint32_t pushed_bytes_ = 0;
 };
 
 } // namespace tavcl_ev

@@ -15,6 +15,13 @@ inline uint64_t clock_ms() noexcept {
     return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
 }
 
+// The same clock as of the last tick of the kernel's timer, a few milliseconds ago at most: reads no counter.
+inline uint64_t coarse_clock_ms() noexcept {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
 inline uint64_t later(uint64_t time_ms, uint64_t delay_ms) noexcept {
     return delay_ms < kNever - time_ms ? time_ms + delay_ms : kNever;
 }
