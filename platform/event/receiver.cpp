@@ -1,6 +1,5 @@
 #include "receiver.h"
 
-#include <algorithm>
 #include <cerrno>
 
 #include "loop.h"
@@ -10,6 +9,7 @@ namespace tavcl_ev {
 namespace {
 
 constexpr unsigned kMaxPerTurn = 64;
+constexpr unsigned kLookForMore = 8;
 
 // Returns the batch to its pool at the end of a drain.
 struct BatchLoan {
@@ -44,30 +44,33 @@ void Receiver::close() noexcept {
 
 void Receiver::drain() noexcept {
     BatchLoan own{batches_, nullptr};
-    bool more = true;
-    for (unsigned left = kMaxPerTurn; callback_ && left > 0; --left) {
+    const unsigned most = one_by_one_ && ++drains_ % kLookForMore != 0 ? 1 : kMaxPerTurn;
+    unsigned fetched = 0;
+    for (unsigned left = most; callback_ && left > 0; --left) {
         if (!fetched_ || fetched_->empty()) {
-            if (!more || (!own.batch && !(own.batch = batches_.take()))) break;
-            more = fetch(*own.batch, left);
-            if (own.batch->empty()) break;
+            if (fetched == 1 || (!own.batch && !(own.batch = batches_.take()))) break;
+            const unsigned count = fetch(*own.batch, left);
+            if (count == 0) break;
+            fetched += count;
             fetched_ = own.batch.get();
         }
         deliver(fetched_->take(), CL_EV_OK);
     }
     if (fetched_ == own.batch.get()) fetched_ = nullptr;
+    one_by_one_ = fetched <= 1;
 }
 
-// True when all room was used, so that more may be there.
-bool Receiver::fetch(RecvBatch &batch, unsigned most) noexcept {
+// Returns the number of datagrams that the batch holds.
+unsigned Receiver::fetch(RecvBatch &batch, unsigned most) noexcept {
     const int fetched = batch.fetch(fd_, most);
-    if (fetched >= 0) return static_cast<unsigned>(fetched) == std::min(most, RecvBatch::kSlots);
+    if (fetched >= 0) return static_cast<unsigned>(fetched);
     const int error = errno;
     // A refused connection is the echo of an earlier send, reported on the wrong side.
     if (error != EAGAIN && error != EINTR && error != ECONNREFUSED && error != ECONNRESET) {
         const cl_sockaddr_t nobody{};
         deliver({nullptr, 0, &nobody}, CL_EV_IO);
     }
-    return false;
+    return 0;
 }
 
 void Receiver::deliver(const RecvBatch::Datagram &datagram, int status) noexcept {
