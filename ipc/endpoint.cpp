@@ -14,7 +14,7 @@ std::atomic_ref<pthread_t> owner(tav_ipc_st *ipc) { return std::atomic_ref(ipc->
 
 } // namespace
 
-UseGuard::UseGuard(tav_ipc_st *ipc, const char *label) : pin_(ipc), ipc_(ipc) {
+UseGuard::UseGuard(tav_ipc_st *ipc, const char *label) : ipc_(ipc) {
     if (!ipc_) return;
     const int users = atomic_add_and_fetch(&ipc_->use_count, 1);
     const pthread_t self = pthread_self();
@@ -34,8 +34,9 @@ UseGuard::UseGuard(tav_ipc_st *ipc, const char *label) : pin_(ipc), ipc_(ipc) {
 }
 
 UseGuard::~UseGuard() {
-    if (ipc_ && atomic_add_and_fetch(&ipc_->use_count, -1) == 0)
-        owner(ipc_).store(0, std::memory_order_relaxed);
+    if (!ipc_ || atomic_add_and_fetch(&ipc_->use_count, -1) != 0) return;
+    owner(ipc_).store(0, std::memory_order_relaxed);
+    if (ipc_->closed && std::atomic_ref(ipc_->pins).load() == 0) std::free(ipc_);
 }
 
 } // namespace tavipc

@@ -2,8 +2,9 @@
 //
 // States: open -> closed (tav_ipc_destroy has begun; `queue` is null once the sockets are gone) -> released.
 // A callback may destroy the endpoint that calls it, so every frame that can reach user code, or that
-// touches the handle afterwards, holds a pin: the record is released when it is closed and the last pin is
-// gone. A frame that returns from a callback looks at `closed` before it uses anything but the record.
+// touches the handle afterwards, is inside the guard or holds a pin: the record is released when it is closed
+// and the last of both is gone. A frame that returns from a callback looks at `closed` before it uses
+// anything but the record.
 #pragma once
 
 #include <pthread.h>
@@ -44,6 +45,11 @@ struct tav_ipc_st {
     bool closed;
     uint32_t pins;                  // atomic as use_count is: a reported second thread must not unbalance it
     tavipc::SendContext *in_flight; // sends whose completion has not come, newest first
+    struct {
+        char pipe[16]; // empty: none yet
+        const char *deploy_type;
+        cl_sockaddr_t address;
+    } last_sent; // the pipe that was sent to last, and where that is
 };
 static_assert(std::is_standard_layout_v<tav_ipc_st> && std::is_trivial_v<tav_ipc_st>);
 static_assert(offsetof(tav_ipc_st, my_addr) == 0);
@@ -62,7 +68,8 @@ class EndpointPin {
         if (ipc_) std::atomic_ref(ipc_->pins).fetch_add(1);
     }
     ~EndpointPin() {
-        if (ipc_ && std::atomic_ref(ipc_->pins).fetch_sub(1) == 1 && ipc_->closed) std::free(ipc_);
+        if (ipc_ && std::atomic_ref(ipc_->pins).fetch_sub(1) == 1 && ipc_->closed && ipc_->use_count == 0)
+            std::free(ipc_);
     }
     EndpointPin(const EndpointPin &) = delete;
     EndpointPin &operator=(const EndpointPin &) = delete;
@@ -71,7 +78,7 @@ class EndpointPin {
     tav_ipc_st *ipc_;
 };
 
-// A guarded operation on an endpoint (null allowed): holds a pin, and reports in the log when another
+// A guarded operation on an endpoint (null allowed): keeps the record, and reports in the log when another
 // thread is inside one at the same time. It never blocks or fails; nesting on one thread is normal.
 class UseGuard {
   public:
@@ -81,7 +88,6 @@ class UseGuard {
     UseGuard &operator=(const UseGuard &) = delete;
 
   private:
-    EndpointPin pin_;
     tav_ipc_st *ipc_;
 };
 

@@ -71,7 +71,7 @@ bool make_tables(ipc_queue_st &queue) {
     if (!queue.mods) return false;
     queue.heap = heap_create(compare_entries);
     if (!queue.heap) return false;
-    queue.default_mod = new_module_info(0);
+    queue.default_mod = new_module_info(0, cl_event_loop_now());
     if (!queue.default_mod) return false;
     queue.fd_pool_count = tav_get_location() == 1 ? kPoolSizeLocation1 : kPoolSize;
     TAV_LOG(4, "ipc_queue", "ipc queue unix fd pool real count: %u", queue.fd_pool_count);
@@ -139,6 +139,7 @@ void destroy_ipc_queue(ipc_queue_st *queue) noexcept {
     while (ipc_queue_msg_st *msg = ipc_queue_pop(queue)) free_ipc_queue_msg(msg);
     heap_destroy(std::exchange(queue->heap, nullptr));
     if (queue->default_mod) destroy_unix_socket(std::exchange(queue->default_mod->sock, 0));
+    queue->last_found = nullptr;
     xhash_destroy(std::exchange(queue->mods, nullptr));
     queue->mod_count = 0;
     std::free(std::exchange(queue->default_mod, nullptr));

@@ -29,8 +29,8 @@ cl_dunix_t take_pool_socket(ipc_queue_st &queue) {
     return slot;
 }
 
-mod_info_st *add_module_info(ipc_queue_st &queue, const char *name, uint32_t length) {
-    mod_info_st *mod = new_module_info(0);
+mod_info_st *add_module_info(ipc_queue_st &queue, const char *name, uint32_t length, uint64_t now) {
+    mod_info_st *mod = new_module_info(0, now);
     if (!mod) return nullptr;
     mod->sock = take_pool_socket(queue);
     if (!mod->sock || xhash_insert(queue.mods, name, length, mod) != 0) {
@@ -41,6 +41,14 @@ mod_info_st *add_module_info(ipc_queue_st &queue, const char *name, uint32_t len
     mod->name_len = length;
     std::memcpy(mod->name, name, length + 1);
     return mod;
+}
+
+mod_info_st *find_entry(ipc_queue_st &queue, const char *name, uint32_t length) {
+    mod_info_st *last = queue.last_found;
+    if (last && last->name_len == length && std::memcmp(last->name, name, length) == 0) return last;
+    void *found = nullptr;
+    if (xhash_search(queue.mods, name, length, &found) != 0) return nullptr;
+    return queue.last_found = static_cast<mod_info_st *>(found);
 }
 
 struct Sweep {
@@ -57,11 +65,20 @@ int sweep_visit(const void *, uint32_t, void *value, void *context) {
 
 } // namespace
 
-mod_info_st *new_module_info(cl_dunix_t sock) {
+mod_info_st *find_module(ipc_queue_st &queue, const char *name, uint64_t now) {
+    const size_t length = strnlen(name, sizeof(mod_info_st::name));
+    if (length >= sizeof(mod_info_st::name)) return nullptr;
+    mod_info_st *mod = find_entry(queue, name, static_cast<uint32_t>(length));
+    if (!mod) return add_module_info(queue, name, static_cast<uint32_t>(length), now);
+    mod->last_used = now;
+    return mod;
+}
+
+mod_info_st *new_module_info(cl_dunix_t sock, uint64_t now) {
     auto *mod = static_cast<mod_info_st *>(std::calloc(1, sizeof(mod_info_st)));
     if (!mod) return nullptr;
     mod->sock = sock;
-    mod->last_used = cl_event_loop_now();
+    mod->last_used = now;
     return mod;
 }
 
@@ -71,21 +88,14 @@ extern "C" {
 
 mod_info_st *ipc_queue_find_mod(ipc_queue_st *queue, const char *name) noexcept {
     if (!queue || !queue->mods || !name) return nullptr;
-    const size_t length = strnlen(name, sizeof(mod_info_st::name));
-    if (length >= sizeof(mod_info_st::name)) return nullptr;
-    void *found = nullptr;
-    if (xhash_search(queue->mods, name, static_cast<uint32_t>(length), &found) == 0) {
-        auto *mod = static_cast<mod_info_st *>(found);
-        mod->last_used = cl_event_loop_now();
-        return mod;
-    }
-    return tavipc::add_module_info(*queue, name, static_cast<uint32_t>(length));
+    return tavipc::find_module(*queue, name, cl_event_loop_now());
 }
 
 void free_mod_info(mod_info_st *mod, ipc_queue_st *queue) noexcept {
     if (!mod || !queue || !queue->mods || mod == queue->default_mod) return;
     if (mod->queued != 0 || mod->sending != 0) return;
     --queue->mod_count;
+    if (queue->last_found == mod) queue->last_found = nullptr;
     xhash_delete(queue->mods, mod->name, mod->name_len);
 }
 

@@ -7,7 +7,9 @@ namespace tavipc {
 
 // A zeroed module info, used now, that sends through sock. Null when memory is short. From malloc: the
 // queue's table releases it with free, its sockets are never its own.
-mod_info_st *new_module_info(cl_dunix_t sock);
+mod_info_st *new_module_info(cl_dunix_t sock, uint64_t now);
+// What ipc_queue_find_mod does, at loop time now.
+mod_info_st *find_module(ipc_queue_st &queue, const char *name, uint64_t now);
 
 inline void add_record(mod_info_st &mod, uint32_t size) {
     ++mod.queued;

@@ -10,11 +10,13 @@
 #include "ipc/fragment_block.h"
 #include "ipc/ipc_process.h"
 #include "ipc/log.h"
+#include "ipc/module_info.h"
 #include "ipc/msg_trace.h"
 #include "ipc/out_of_memory.h"
 #include "ipc/transmitter.h"
 #include "ipc/unix_socket.h"
 #include "ipc/wire.h"
+#include "tavaux.h"
 #include "tavipc/tav_compress.h"
 
 namespace tavipc {
@@ -60,20 +62,35 @@ bool over_budget(const tav_ipc_st *ipc, const mod_info_st *mod, const tav_ipc_hd
     return true;
 }
 
+// The socket address of a pipe, remembered for the next message; null when it cannot be.
+const cl_sockaddr_t *pipe_address(tav_ipc_st *ipc, const char *dpipe, cl_sockaddr_t &room) {
+    auto &last = ipc->last_sent;
+    const char *deploy_type = GetDeployTypeStr();
+    if (*dpipe && last.deploy_type == deploy_type && std::strncmp(last.pipe, dpipe, sizeof last.pipe) == 0)
+        return &last.address;
+    char path[4096];
+    if (!socket_path(path, sizeof path, ipc->location, dpipe) || cl_sockaddr_un_init(&room, path) != 0)
+        return nullptr;
+    if (std::strlen(dpipe) >= sizeof last.pipe) return &room;
+    std::strcpy(last.pipe, dpipe);
+    last.deploy_type = deploy_type;
+    return &(last.address = room);
+}
+
 // Sends one message (header without magic, header.size payload bytes, payload null: zeros) to one pipe.
 int send_to_pipe(tav_ipc_st *ipc, const char *dpipe, const tav_ipc_hdr_st &header, const void *payload) {
     if (header.size > kMaxMessage) {
         TAV_TRACE(&header, "too huge, dropped: %u", header.size);
         return IPC_ERR_SENDTO;
     }
-    char path[4096];
-    cl_sockaddr_t address;
-    if (!socket_path(path, sizeof path, ipc->location, dpipe)) return IPC_ERR_SENDTO;
-    if (cl_sockaddr_un_init(&address, path) != 0) return IPC_ERR_SENDTO;
-    TAV_TRACE(&header, "send via dunix:%s", path);
+    cl_sockaddr_t room;
+    const cl_sockaddr_t *address = pipe_address(ipc, dpipe, room);
+    if (!address) return IPC_ERR_SENDTO;
+    TAV_TRACE(&header, "send via dunix:%s", address->addr.sun_path);
 
+    const uint64_t now_ms = cl_event_loop_now();
     const NameText name = name_text(header.dest);
-    mod_info_st *mod = ipc_queue_find_mod(ipc->queue, name);
+    mod_info_st *mod = find_module(*ipc->queue, name, now_ms);
     if (!mod) {
         TAV_LOG_LIMITED(2, "tav_ipc", "cannot find module info, mod_name: %s", name.text);
         mod = ipc->queue->default_mod;
@@ -81,7 +98,7 @@ int send_to_pipe(tav_ipc_st *ipc, const char *dpipe, const tav_ipc_hdr_st &heade
     const uint32_t priority = message_priority(header.flags, payload, header.size);
     if (over_budget(ipc, mod, header, priority)) return IPC_ERR_SENDTO;
 
-    const Route route{ipc, mod, &address, priority};
+    const Route route{ipc, mod, address, priority, now_ms};
     if (header.size <= kFragmentPayload) return submit_copy(route, header, payload);
     return send_fragments(route, header, payload);
 }

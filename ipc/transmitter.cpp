@@ -16,7 +16,8 @@
 
 namespace tavipc {
 
-// One transmission attempt, from cl_dunix_sendto2 to its completion.
+// One transmission attempt, from cl_dunix_sendto2 to its completion. It lies in its record's allocation,
+// behind the inline datagram: a record is in one attempt at a time.
 struct SendContext {
     mod_info_st *mod;
     ipc_queue_msg_st *msg;
@@ -31,6 +32,21 @@ namespace {
 constexpr uint32_t kWouldBlockTries = 11;
 constexpr uint32_t kOtherTries = 5;
 constexpr int64_t kManyModules = 5000;
+
+uint32_t context_offset(uint32_t inline_size) {
+    constexpr uint32_t kMask = alignof(SendContext) - 1;
+    return (static_cast<uint32_t>(offsetof(ipc_queue_msg_st, inline_data)) + inline_size + kMask) & ~kMask;
+}
+
+ipc_queue_msg_st *create_record(uint32_t inline_size) {
+    const size_t end = context_offset(inline_size) + sizeof(SendContext);
+    return create_ipc_queue_msg(static_cast<uint32_t>(end - sizeof(ipc_queue_msg_st)));
+}
+
+void *context_place(ipc_queue_msg_st *msg) {
+    const uint32_t inline_size = msg->data == msg->inline_data ? msg->size : 0;
+    return reinterpret_cast<unsigned char *>(msg) + context_offset(inline_size);
+}
 
 void link_context(SendContext *context) {
     SendContext *&head = context->ipc->in_flight;
@@ -70,10 +86,9 @@ bool attempt(ipc_queue_msg_st *msg) {
     mod_info_st *mod = msg->mod ? msg->mod : msg->ipc->queue->default_mod;
     const uint32_t limit = in_flight_class(msg->flags & IPC_QUEUE_MSG_CONTROL, msg->priority);
     if (uint64_t{msg->size} + mod->sending_bytes >= limit) return false;
-    auto *context = new (std::nothrow) SendContext{mod, msg, msg->size, msg->ipc, nullptr, nullptr};
-    if (!context) return false;
+    auto *context = new (context_place(msg)) SendContext{mod, msg, msg->size, msg->ipc, nullptr, nullptr};
 
-    // Counted and linked first: the context is not ours any more once the event library has it.
+    // Counted and linked first: the record is not ours any more once the event library has it.
     raise_in_flight(*mod, msg->size);
     link_context(context);
     const int result =
@@ -82,7 +97,6 @@ bool attempt(ipc_queue_msg_st *msg) {
     log_refused(*msg, result);
     unlink_context(context);
     lower_in_flight(*mod, msg->size);
-    delete context;
     return false;
 }
 
@@ -99,7 +113,8 @@ RetryRule retry_rule(int status) {
     return {true, conf.eagain_retry_interval_ms, uint64_t{conf.eagain_max_retry_times} + 1};
 }
 
-void put_back_or_drop(ipc_queue_msg_st *msg, int status, uint64_t now_ms) {
+void put_back_or_drop(ipc_queue_msg_st *msg, int status) {
+    const uint64_t now_ms = cl_event_loop_now();
     const RetryRule rule = retry_rule(status);
     if (rule.fixed_delay)
         ipc_queue_msg_set_retry_later(msg, now_ms, rule.delay_ms);
@@ -132,9 +147,8 @@ void put_back_or_drop(ipc_queue_msg_st *msg, int status, uint64_t now_ms) {
 }
 
 void ipc_msg_send_done_set_retry(ipc_queue_msg_st *msg, int status) {
-    const uint64_t now_ms = cl_event_loop_now();
     UseGuard guard(msg->ipc, "ipc_msg_send_done_set_retry");
-    if (status != CL_EV_OK) return put_back_or_drop(msg, status, now_ms);
+    if (status != CL_EV_OK) return put_back_or_drop(msg, status);
     if ((msg->flags & IPC_QUEUE_MSG_RETRIED) && error_output_check(4)) {
         const tav_ipc_hdr_st header = read_header(msg->data);
         error_output(4, "tav_ipc", __LINE__, "msg retry success|try_times=%u|" DATAGRAM_FORMAT,
@@ -146,23 +160,13 @@ void ipc_msg_send_done_set_retry(ipc_queue_msg_st *msg, int status) {
 void ipc_msg_send_done(cl_dunix_t, int status, void *argument) {
     auto *context = static_cast<SendContext *>(argument);
     tav_ipc_st *ipc = context->ipc;
-    if (!ipc) {
-        free_ipc_queue_msg(context->msg);
-        delete context;
-        return;
-    }
-    unlink_context(context);
     mod_info_st *mod = context->mod;
+    if (!ipc) return free_ipc_queue_msg(context->msg);
+    unlink_context(context);
     lower_in_flight(*mod, context->size);
-    if (context->msg) {
-        ipc_msg_send_done_set_retry(context->msg, status);
-        UseGuard guard(ipc, "ipc_msg_send_done");
-        if (ipc->queue->mod_count > kManyModules) free_mod_info(mod, ipc->queue);
-    } else {
-        TAV_LOG(2, "tav_ipc", "msg send failed but cannot retry|last_err=%d(%s)", status,
-                cl_ev_strerror(status));
-    }
-    delete context;
+    ipc_msg_send_done_set_retry(context->msg, status);
+    UseGuard guard(ipc, "ipc_msg_send_done");
+    if (ipc->queue->mod_count > kManyModules) free_mod_info(mod, ipc->queue);
 }
 
 void queue_or_drop(ipc_queue_msg_st *msg, const tav_ipc_hdr_st &header, uint64_t now_ms) {
@@ -185,11 +189,11 @@ void send_or_queue(ipc_queue_msg_st *msg, const tav_ipc_hdr_st &header) {
     queue_or_drop(msg, header, now_ms);
 }
 
-void fill_record(ipc_queue_msg_st &msg, const Route &route, const tav_ipc_hdr_st &header, uint64_t now_ms) {
+void fill_record(ipc_queue_msg_st &msg, const Route &route, const tav_ipc_hdr_st &header) {
     msg.ipc = route.ipc;
     msg.mod = route.mod;
     msg.dest = *route.dest;
-    msg.retry_later = now_ms;
+    msg.retry_later = route.now_ms;
     msg.priority = route.priority;
     msg.try_times = 0;
     msg.flags = header.flags & IPC_FLAGS_CONTROL ? IPC_QUEUE_MSG_CONTROL : 0;
@@ -205,11 +209,10 @@ tav_ipc_hdr_st stamped(const tav_ipc_hdr_st &header) {
 } // namespace
 
 int submit_copy(const Route &route, const tav_ipc_hdr_st &plain, const void *payload) {
-    const uint64_t now_ms = cl_event_loop_now();
     const tav_ipc_hdr_st header = stamped(plain);
-    ipc_queue_msg_st *msg = create_ipc_queue_msg(kHeaderSize + header.size);
+    ipc_queue_msg_st *msg = create_record(kHeaderSize + header.size);
     if (!msg) return IPC_ERR_SENDTO;
-    fill_record(*msg, route, header, now_ms);
+    fill_record(*msg, route, header);
     msg->data = msg->inline_data;
     msg->data_free = nullptr;
     std::memcpy(msg->inline_data, &header, kHeaderSize);
@@ -223,11 +226,10 @@ int submit_copy(const Route &route, const tav_ipc_hdr_st &plain, const void *pay
 
 int submit_buffer(const Route &route, const tav_ipc_hdr_st &plain, void *datagram,
                   void (*release)(void *datagram, uint32_t size)) {
-    const uint64_t now_ms = cl_event_loop_now();
     const tav_ipc_hdr_st header = stamped(plain);
-    ipc_queue_msg_st *msg = create_ipc_queue_msg(0);
+    ipc_queue_msg_st *msg = create_record(0);
     if (!msg) return IPC_ERR_SENDTO;
-    fill_record(*msg, route, header, now_ms);
+    fill_record(*msg, route, header);
     msg->data = datagram;
     msg->data_free = release;
     std::memcpy(datagram, &header, kHeaderSize);

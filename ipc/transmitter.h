@@ -1,9 +1,9 @@
 // Hands datagrams to the event library, settles what it reports, and retries what a peer refused.
 //
 // A queue record (ipc_queue_msg_st) is owned by exactly one of: the frame that works on it; the queue,
-// while it waits; a SendContext, while the event library has it. A completion releases it or puts it back,
-// up to a limit of attempts. A context is linked into its endpoint: destruction cuts the links, and the late
-// completion of such an orphan just releases the record.
+// while it waits; the event library, during an attempt (SendContext). A completion releases it or puts it
+// back, up to a limit of attempts. A context is linked into its endpoint: destruction cuts the links, and the
+// late completion of such an orphan just releases the record.
 #pragma once
 
 #include <cstdint>
@@ -28,6 +28,7 @@ struct Route {
     mod_info_st *mod;
     const cl_sockaddr_t *dest;
     uint32_t priority;
+    uint64_t now_ms; // loop clock
 };
 
 // Stamps the check value and sends the datagram, or queues it behind waiting traffic. submit_copy copies

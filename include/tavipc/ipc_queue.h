@@ -62,7 +62,8 @@ typedef struct ipc_queue_st {
     cl_dunix_t *fd_pool;      /* fd_pool_count sockets, 0 = not made yet */
     uint32_t fd_pool_next;
     uint32_t fd_pool_count;
-    int *destroyed; /* private: tells a running consume pass that the queue is gone */
+    int *destroyed;          /* private: tells a running consume pass that the queue is gone */
+    mod_info_st *last_found; /* private: the module info that was asked for last, or null */
 } ipc_queue_st;
 
 TAVIPC_BEGIN_DECLS
