@@ -2,7 +2,6 @@
 // and reassembled with every log level on. No line may hold more than its buffer or be made of old memory.
 #include "endpoint_world.h"
 #include "input.h"
-#include "ipc/reassembly.h"
 
 namespace {
 
@@ -68,13 +67,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     w.event.complete_all(statuses / 6 % 6);
     check_sent(w, header);
 
-    if (tavipc::is_fragment(header) && length <= tavipc::kFragmentPayload) {
-        const auto message =
-            tavipc::add_fragment(ipc, header, reinterpret_cast<unsigned char *>(datagram.get()) + 60);
-        if (message) FUZZ_CHECK(tavipc::read_header(message.get()).size == header.frag_orig);
+    if (header.frag_orig < 1u << 20) { // larger sets cost time, and the datagram target makes them
+        header.magic = tav_ipc_hdr_magic(&header);
+        std::memcpy(datagram.get(), &header, sizeof header);
+        w.event.deliver(ipc->queue->default_mod->sock, {datagram.get(), sizeof header + length});
         w.clock.wall_s += 11;
         w.event.advance(60'000);
-        FUZZ_CHECK(xhash_count(ipc->frag_table) == 0);
+        FUZZ_CHECK(!ipc->frag_table || xhash_count(ipc->frag_table) == 0);
     }
     tav_ipc_destroy(ipc);
     check_lines(w);
