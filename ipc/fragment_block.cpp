@@ -25,23 +25,32 @@ FragmentBlock *FragmentBlock::create(uint32_t count) {
     return new (memory) FragmentBlock(count);
 }
 
-// Each slot begins with a pointer to its block, by which its record finds back.
-unsigned char *FragmentBlock::slot(uint32_t index) {
-    unsigned char *begin = reinterpret_cast<unsigned char *>(this) + kLine + index * kSlot;
+// In front of each datagram stands a pointer to its block, by which its record finds back.
+unsigned char *FragmentBlock::take_slot() {
+    unsigned char *datagram = free_;
+    if (datagram) {
+        std::memcpy(&free_, datagram, sizeof free_);
+        return datagram;
+    }
+    unsigned char *begin = reinterpret_cast<unsigned char *>(this) + kLine + fresh_++ * kSlot;
     FragmentBlock *self = this;
     std::memcpy(begin, &self, kBack);
     return begin + kBack;
 }
 
-void FragmentBlock::release_slots(uint32_t count) {
-    left_ -= count;
-    if (left_ == 0) std::free(this);
-}
-
 void FragmentBlock::release_slot(void *datagram, uint32_t) {
     FragmentBlock *block;
     std::memcpy(&block, static_cast<unsigned char *>(datagram) - kBack, kBack);
-    block->release_slots(1);
+    block->release(static_cast<unsigned char *>(datagram), 1);
+}
+
+void FragmentBlock::give_up(unsigned char *datagram, uint32_t count) { release(datagram, count); }
+
+void FragmentBlock::release(unsigned char *datagram, uint32_t count) {
+    left_ -= count;
+    if (left_ == 0) return std::free(this);
+    std::memcpy(datagram, &free_, sizeof free_);
+    free_ = datagram;
 }
 
 } // namespace tavipc

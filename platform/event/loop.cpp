@@ -164,6 +164,7 @@ void Loop::finish(Send *send, int status) noexcept {
     send->order = ++last_finished_;
     if (finished_.empty()) nudge();
     finished_.push(send);
+    finished_bytes_ += send->len;
 }
 
 void Loop::report_finished() noexcept {
@@ -172,6 +173,7 @@ void Loop::report_finished() noexcept {
     const uint64_t until = last_finished_;
     while (!finished_.empty() && finished_.front()->order <= until) {
         Send *send = finished_.pop();
+        finished_bytes_ -= send->len;
         report(send, send->status);
     }
 }
@@ -188,7 +190,9 @@ SendQueue Loop::take_finished(cl_dunix_t socket) noexcept {
     SendQueue taken, others;
     while (!finished_.empty()) {
         Send *send = finished_.pop();
-        (send->socket == socket ? taken : others).push(send);
+        const bool ours = send->socket == socket;
+        if (ours) finished_bytes_ -= send->len;
+        (ours ? taken : others).push(send);
     }
     finished_.append(std::move(others));
     return taken;

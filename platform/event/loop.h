@@ -59,6 +59,10 @@ class Loop {
     Send *begin_send() noexcept;
     // Hands over a record whose outcome is known: its callback runs in a later phase.
     void finish(Send *send, int status) noexcept;
+    // Reports what is finished now, if it is so many bytes or more.
+    void settle(size_t bytes) noexcept {
+        if (finished_bytes_ >= bytes) report_finished();
+    }
     // Takes back the finished sends of a socket that is closing; each goes through report() then.
     SendQueue take_finished(cl_dunix_t socket) noexcept;
     // Calls the callback and frees the record.
@@ -112,6 +116,7 @@ class Loop {
     SendPool sends_;
     SendQueue finished_;
     uint64_t last_finished_ = 0;
+    size_t finished_bytes_ = 0; // of finished_
     uint64_t send_wait_ms_ = 1000;
 
     size_t held_ = 0;

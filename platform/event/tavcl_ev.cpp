@@ -90,6 +90,10 @@ int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void
     return found && found->send(*address, data, len, callback, context) ? 0 : -1;
 }
 
+void cl_dunix_settle(size_t bytes) noexcept {
+    if (ThreadEvents *events = ThreadEvents::existing()) events->loop().settle(bytes);
+}
+
 void cl_dunix_set_send_wait(uint64_t wait_ms) noexcept {
     if (ThreadEvents *events = ThreadEvents::get()) events->loop().set_send_wait_ms(wait_ms);
 }

@@ -160,6 +160,20 @@ TEST_F(SendTest, ClosingReportsEverythingOnce) {
     EXPECT_EQ(reported(), 40);
 }
 
+TEST_F(SendTest, WhatHasLeftIsReportedOnDemand) {
+    const RawPeer peer(path("peer"));
+    send_numbered("peer", 0, 5);
+    cl_dunix_settle(46); // five datagrams of nine bytes
+    EXPECT_EQ(reported(), 0);
+    cl_dunix_settle(45);
+    EXPECT_EQ(reported(), 5);
+    cl_dunix_settle(1);
+    send_numbered("peer", 5, 30); // what waits for room is not touched
+    cl_dunix_settle(0);
+    EXPECT_GT(reported(), 5);
+    expect_in_order(peer, 30);
+}
+
 TEST_F(SendTest, ACompletionMayCloseItsSocketAndRunTheLoop) {
     const RawPeer peer(path("peer"));
     send_numbered("peer", 0, 40);
