@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <type_traits>
 
@@ -45,6 +46,11 @@ struct tav_ipc_st {
     bool closed;
     uint32_t pins;                  // atomic as use_count is: a reported second thread must not unbalance it
     tavipc::SendContext *in_flight; // sends whose completion has not come, newest first
+    struct {
+        unsigned char *buffer; // null: none
+        size_t size;
+        time_t since;
+    } spare; // a large buffer that a message was rebuilt in, for the next one
     struct {
         char pipe[16]; // empty: none yet
         const char *deploy_type;

@@ -1,7 +1,11 @@
 #include "ipc/reassembly.h"
 
+#include <algorithm>
+#include <bitset>
 #include <cstring>
 #include <ctime>
+#include <new>
+#include <utility>
 
 #include "ipc/huge_pages.h"
 #include "ipc/log.h"
@@ -16,6 +20,7 @@ constexpr uint64_t kSweepPeriodMs = 1000;
 constexpr time_t kIdleSeconds = 10;
 constexpr uint32_t kPlaceable = 1024 * kFragmentPayload; // what 10 bits of sequence number can address
 constexpr uint32_t kLargestClaim = UINT32_MAX - kHeaderSize;
+constexpr size_t kWorthKeeping = 1u << 20;
 
 struct FragmentKey {
     uint32_t src_hostid;
@@ -30,12 +35,37 @@ struct FragmentSet {
     uint32_t frag_id;
     uint32_t expected; // payload bytes of the whole message
     uint64_t received; // payload bytes accepted, duplicates included
+    size_t size;       // of buf
+    std::bitset<1024> seen;
 };
+
+uint32_t placeable(const FragmentSet &set) { return set.expected < kPlaceable ? set.expected : kPlaceable; }
 
 void release_set(void *value) {
     auto *set = static_cast<FragmentSet *>(value);
     std::free(set->buf);
-    std::free(set);
+    delete set;
+}
+
+// --- the spare buffer: its pages are there already, which is most of what a fresh one costs
+
+unsigned char *take_buffer(tav_ipc_st *ipc, size_t wanted, size_t *size) {
+    auto &spare = ipc->spare;
+    if (wanted < kWorthKeeping || wanted > spare.size) {
+        *size = wanted;
+        return static_cast<unsigned char *>(std::malloc(wanted));
+    }
+    *size = std::exchange(spare.size, 0);
+    return std::exchange(spare.buffer, nullptr);
+}
+
+void drop_spare(tav_ipc_st *ipc) {
+    std::free(std::exchange(ipc->spare.buffer, nullptr));
+    ipc->spare.size = 0;
+}
+
+void drop_old_spare(tav_ipc_st *ipc, time_t now) {
+    if (ipc->spare.buffer && now - ipc->spare.since > kIdleSeconds) drop_spare(ipc);
 }
 
 struct Sweep {
@@ -59,6 +89,7 @@ void frag_expire_tick(void *argument) {
     auto *ipc = static_cast<tav_ipc_st *>(argument);
     Sweep sweep{ipc, time(nullptr)};
     xhash_walk_partial(ipc->frag_table, ipc->frag_cookie, &sweep, expire_set);
+    drop_old_spare(ipc, sweep.now);
     ipc->frag_timer = cl_timer_start(kSweepPeriodMs, frag_expire_tick, ipc);
 }
 
@@ -85,15 +116,14 @@ FragmentSet *create_set(tav_ipc_st *ipc, const FragmentKey &key, const tav_ipc_h
         TAV_TRACE(&header, "have integer overflow, frag orig(%d)", static_cast<int>(header.frag_orig));
         return nullptr;
     }
-    const uint32_t capacity = header.frag_orig < kPlaceable ? header.frag_orig : kPlaceable;
-    auto *set = static_cast<FragmentSet *>(std::calloc(1, sizeof(FragmentSet)));
+    auto *set = new (std::nothrow) FragmentSet{};
     if (!set) out_of_memory("tav_ipc", __LINE__);
-    set->buf = static_cast<unsigned char *>(std::calloc(1, size_t{kHeaderSize} + capacity));
+    set->frag_id = header.frag_id;
+    set->expected = header.frag_orig;
+    set->buf = take_buffer(ipc, size_t{kHeaderSize} + placeable(*set), &set->size);
     if (!set->buf) out_of_memory("tav_ipc", __LINE__);
     const tav_ipc_hdr_st whole = rebuilt_header(header);
     std::memcpy(set->buf, &whole, kHeaderSize);
-    set->frag_id = header.frag_id;
-    set->expected = header.frag_orig;
     set->last_seen = time(nullptr);
     if (xhash_insert(ipc->frag_table, &key, sizeof key, set) != 0) out_of_memory("tav_ipc", __LINE__);
     return set;
@@ -120,14 +150,24 @@ bool fits(const FragmentSet &set, const tav_ipc_hdr_st &header) {
 // before: a set of which one fragment came shall cost no more than that fragment.
 void use_huge_pages(const FragmentSet &set, uint32_t added) {
     if (set.received < kHugePage || set.received - added >= kHugePage) return;
-    prefer_huge_pages(set.buf, kHeaderSize + (set.expected < kPlaceable ? set.expected : kPlaceable));
+    prefer_huge_pages(set.buf, kHeaderSize + placeable(set));
+}
+
+// Repeated fragments count as received: what never came reads as zeros, not as what the buffer held before.
+void clear_gaps(FragmentSet &set) {
+    const uint32_t count = (set.expected + kFragmentPayload - 1) / kFragmentPayload;
+    if (set.seen.count() == count) return;
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t offset = i * kFragmentPayload;
+        const uint32_t length = std::min(kFragmentPayload, set.expected - offset);
+        if (!set.seen[i]) std::memset(set.buf + kHeaderSize + offset, 0, length);
+    }
 }
 
 } // namespace
 
-MallocPtr<unsigned char> add_fragment(tav_ipc_st *ipc, const tav_ipc_hdr_st &header,
-                                      const unsigned char *payload) {
-    if (!ensure_table(ipc)) return nullptr;
+Rebuilt add_fragment(tav_ipc_st *ipc, const tav_ipc_hdr_st &header, const unsigned char *payload) {
+    if (!ensure_table(ipc)) return {};
     const FragmentKey key{header.src.hostid, header.dest.hostid, header.frag_id};
     void *found = nullptr;
     FragmentSet *set = xhash_search(ipc->frag_table, &key, sizeof key, &found) == 0
@@ -135,26 +175,34 @@ MallocPtr<unsigned char> add_fragment(tav_ipc_st *ipc, const tav_ipc_hdr_st &hea
                            : create_set(ipc, key, header);
     if (!set) {
         TAV_TRACE(&header, "frag_node_create fail");
-        return nullptr;
+        return {};
     }
-    if (!fits(*set, header)) return nullptr;
+    if (!fits(*set, header)) return {};
 
     const size_t offset = size_t{fragment_sequence(header)} * kFragmentPayload;
     std::memcpy(set->buf + kHeaderSize + offset, payload, header.size);
     set->received += header.size;
+    set->seen.set(fragment_sequence(header));
     use_huge_pages(*set, header.size);
     // A set that claims more than can be placed stays incomplete however often its pieces are repeated.
     if (set->received < set->expected || set->expected > kPlaceable) {
         set->last_seen = time(nullptr);
-        return nullptr;
+        return {};
     }
-    MallocPtr<unsigned char> message(set->buf);
-    set->buf = nullptr;
+    clear_gaps(*set);
+    Rebuilt message{MallocPtr<unsigned char>(std::exchange(set->buf, nullptr)), set->size};
     xhash_delete(ipc->frag_table, &key, sizeof key);
     return message;
 }
 
+void keep_spare(tav_ipc_st *ipc, Rebuilt used) {
+    if (ipc->closed || used.size < kWorthKeeping || used.size < ipc->spare.size) return;
+    drop_spare(ipc);
+    ipc->spare = {used.buffer.release(), used.size, time(nullptr)};
+}
+
 void release_fragments(tav_ipc_st *ipc) {
+    drop_spare(ipc);
     xhash_destroy(ipc->frag_table);
     ipc->frag_table = nullptr;
     xhash_cookie_destroy(ipc->frag_cookie);

@@ -18,17 +18,17 @@ namespace {
 constexpr uint32_t kMaxRestored = 256u << 20;
 constexpr uint32_t kEnvelopeHeader = 4;
 
-// A message under dispatch: its header, and its payload in the datagram or in an owned buffer.
+// A message under dispatch: its header, and its payload in the datagram, in the buffer that it was rebuilt
+// in, or in an owned one that it was restored into.
 struct Incoming {
     tav_ipc_hdr_st header;
     const unsigned char *payload;
     MallocPtr<unsigned char> owned;
 
-    // Takes over a buffer that holds a header and its payload.
-    void replace(MallocPtr<unsigned char> buffer) {
-        header = read_header(buffer.get());
-        payload = buffer.get() + kHeaderSize;
-        owned = std::move(buffer);
+    // Goes on with a buffer that holds a header and its payload.
+    void refer_to(const unsigned char *buffer) {
+        header = read_header(buffer);
+        payload = buffer + kHeaderSize;
     }
 };
 
@@ -64,7 +64,8 @@ bool ipc_uncompress_msg(Incoming &in) {
     std::memcpy(restored.get(), &header, kHeaderSize);
     TAV_LOG(4, "tav_ipc", "uncompress msg success, curr_size=%u, uncompress_size=%u", in.header.size,
             header.size);
-    in.replace(std::move(restored));
+    in.refer_to(restored.get());
+    in.owned = std::move(restored);
     return true;
 }
 
@@ -103,6 +104,12 @@ void dispatch(tav_ipc_st *ipc, const Incoming &in) {
         ipc->msg_recv(ipc, &header.src, header.cmd, in.payload, header.size, ipc->msg_recv_arg);
 }
 
+void restore_and_dispatch(tav_ipc_st *ipc, Incoming &in) {
+    if ((in.header.flags & IPC_FLAG_COMPRESSED) && !ipc_uncompress_msg(in)) return;
+    TAV_TRACE(&in.header, "recv from dunix");
+    dispatch(ipc, in);
+}
+
 } // namespace
 
 void ipc_on_recv(cl_dunix_t, const void *data, uint32_t len, const cl_sockaddr_t *, int status,
@@ -113,13 +120,14 @@ void ipc_on_recv(cl_dunix_t, const void *data, uint32_t len, const cl_sockaddr_t
     UseGuard guard(ipc, "ipc_on_recv");
     if (!validate(data, len, status, in)) return;
     if (is_fragment(in.header)) {
-        MallocPtr<unsigned char> message = add_fragment(ipc, in.header, in.payload);
-        if (!message) return;
-        in.replace(std::move(message));
+        Rebuilt message = add_fragment(ipc, in.header, in.payload);
+        if (!message.buffer) return;
+        in.refer_to(message.buffer.get());
+        restore_and_dispatch(ipc, in);
+        keep_spare(ipc, std::move(message));
+    } else {
+        restore_and_dispatch(ipc, in);
     }
-    if ((in.header.flags & IPC_FLAG_COMPRESSED) && !ipc_uncompress_msg(in)) return;
-    TAV_TRACE(&in.header, "recv from dunix");
-    dispatch(ipc, in);
 }
 
 } // namespace tavipc

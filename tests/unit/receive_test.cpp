@@ -166,6 +166,35 @@ TEST_F(ReceiveTest, IdleSetsExpireAfterTenSeconds) {
     EXPECT_EQ(sets(), 0u);
 }
 
+TEST_F(ReceiveTest, ALargeBufferServesAgainWithoutWhatItHeld) {
+    constexpr uint32_t kTotal = 17 * 64'000 + 12'000;
+    const auto piece = [](int seq, char fill, uint16_t id) {
+        Datagram result = fragment(seq, kTotal, id);
+        result.payload.assign(seq < 17 ? 64'000 : 12'000, fill);
+        return result;
+    };
+    const auto fill = [&](char with, uint16_t id, int step) { // all pieces, or the first again and again
+        for (int i = 0; i < 17; ++i) feed(piece(i * step, with, id));
+        return feed(piece(17, with, id));
+    };
+    EXPECT_EQ(fill('a', 1, 1), Calls{got(std::string(kTotal, 'a'))});
+    const unsigned char *served = ipc_->spare.buffer;
+    ASSERT_NE(served, nullptr);
+    std::string sparse(kTotal, '\0');
+    std::fill_n(sparse.begin(), 64'000, 'b');
+    std::fill_n(sparse.rbegin(), 12'000, 'b');
+    EXPECT_EQ(fill('b', 2, 0), Calls{got(sparse)});
+    EXPECT_EQ(ipc_->spare.buffer, served);
+    feed(piece(0, 'c', 3));
+    EXPECT_EQ(ipc_->spare.buffer, nullptr); // in use; a second message gets its own
+    EXPECT_EQ(fill('d', 4, 1), Calls{got(std::string(kTotal, 'd'))});
+    EXPECT_NE(ipc_->spare.buffer, served);
+    pass(11);
+    EXPECT_TRUE(!ipc_->spare.buffer && sets() == 0);
+    then_ = [this](tav_ipc_st *ipc) { close(ipc); };
+    fill('e', 5, 1); // what is kept goes with its endpoint
+}
+
 TEST_F(ReceiveTest, CompressedMessagesAreRestored) {
     const std::string plain = app_message(100'000, 9);
     void *out = nullptr;
