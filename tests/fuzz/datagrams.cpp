@@ -79,7 +79,7 @@ class Life {
     void run() {
         for (unsigned i = 0; i < kMaxSteps && !in_.empty(); ++i) step();
         in_ = fuzz::Input(nullptr, 0);
-        w_.event.fail_timers = 0;
+        w_.event.fail_timers = w_.memory.fail_push = 0;
         for (tav_ipc_st *&slot : slots_) destroy(slot);
         w_.event.advance(1); // exchanges that could not be sent
         for (const auto &e : exchanges_) FUZZ_CHECK(e->completions == 1);
@@ -96,7 +96,7 @@ class Life {
     // --- what an input says
 
     void step() {
-        w_.event.fail_timers = 0; // exchanges end the process when no timer can be had
+        w_.event.fail_timers = w_.memory.fail_push = 0; // exchanges end the process when they fail
         switch (in_.u8() % 16) {
         case 0:
             return;
@@ -164,7 +164,7 @@ class Life {
     // --- what endpoints get
 
     void composed_datagram() {
-        tav_ipc_st *to = any_endpoint();
+        tav_ipc_st *&to = slots_[in_.u8() % kSlots]; // callbacks may replace it
         Datagram d{"", {address("e0"), any_address(), 0, in_.u16(), 0, 0, 0, 0, {}, 0, 0}, ""};
         const uint8_t id = in_.u8();
         d.header.reqid = id < 128 ? tavipc::process_state().last_reqid - id : id;
@@ -183,26 +183,37 @@ class Life {
         const bool packed = d.payload != plain;
         if (packed) d.header.flags |= IPC_FLAG_COMPRESSED;
         if (shape & 4) make_fragment(d);
+        const int burst = shape & 4 && shape & 16 ? 40 : 1; // so many fragments in a row
         const bool sound = flaw < 192 && !(shape & 4) && packed == !!(d.header.flags & IPC_FLAG_COMPRESSED);
-        deliver(to, flaw < 192 ? d.bytes() : spoilt(d, flaw), sound ? &plain : nullptr,
-                flaw == 255 ? in_.u8() % 6 : 0);
+        const int status = flaw == 255 ? in_.u8() % 6 : 0;
+        deliver(to, flaw < 192 ? d.bytes() : spoilt(d, flaw), sound ? &plain : nullptr, status);
+        for (int i = 1; i < burst; ++i) {
+            place(d, tavipc::fragment_sequence(d.header) + 1);
+            deliver(to, d.bytes());
+        }
     }
 
     // Gives the datagram a place in a larger message, and the length that belongs there.
     void make_fragment(Datagram &d) {
-        constexpr uint32_t kWhole[] = {0,          1,           64'000,        64'001,
-                                       128'000,    150'000,     65'471'999,    65'536'000,
-                                       65'536'001, 200'000'000, 4'294'967'235, 4'294'967'236};
+        constexpr uint32_t kWhole[] = {
+            0,          1,          64'000,      64'001,        128'000,       150'000,  65'471'999,
+            65'536'000, 65'536'001, 200'000'000, 4'294'967'235, 4'294'967'236, 2'500'000};
         const uint8_t which = in_.u8();
         const uint16_t sequence = which & 16 ? in_.u16() & 0x3FF : in_.u8() & 3;
         d.header.frag_id = in_.u8() & 3;
         d.header.frag_orig = which & 32   ? static_cast<uint32_t>(d.payload.size())
                              : which & 64 ? in_.u32()
                                           : kWhole[(which & 15) % std::size(kWhole)];
-        tavipc::set_fragment(d.header, which & 32 ? 0 : sequence);
+        if (which & 32)
+            tavipc::set_fragment(d.header, 0);
+        else
+            place(d, sequence);
+    }
+    static void place(Datagram &d, int sequence) {
+        tavipc::set_fragment(d.header, static_cast<uint16_t>(sequence));
         const uint64_t offset = uint64_t{tavipc::fragment_sequence(d.header)} * 64'000;
         const uint64_t left = d.header.frag_orig > offset ? d.header.frag_orig - offset : 0;
-        if (!(which & 32)) d.payload.resize(static_cast<size_t>(std::min<uint64_t>(left, 64'000)), 'f');
+        d.payload.resize(static_cast<size_t>(std::min<uint64_t>(left, 64'000)), 'f');
     }
 
     std::string spoilt(Datagram &d, uint8_t flaw) {
@@ -307,10 +318,12 @@ class Life {
         std::string payload = body();
         if (reqid & 1) payload = application(payload);
         const bool zeros = reqid & 2;
+        w_.memory.fail_push = reqid & 4 ? 1 : 0; // it cannot be queued
         const int result = tav_ipc_send_with_flags(ipc, &dest, in_.u8(), zeros ? nullptr : payload.data(),
                                                    static_cast<uint32_t>(payload.size()), flags, &reqid);
         FUZZ_CHECK(result == IPC_OK || result == IPC_ERR_SENDTO);
         FUZZ_CHECK(ipc || result != IPC_OK);
+        w_.memory.fail_push = 0;
     }
     void respond() {
         const std::string payload = body();
@@ -340,10 +353,19 @@ class Life {
     void complete() {
         const uint8_t nth = in_.u8(), status = in_.u8();
         w_.event.fail_timers = nth >> 6;
+        if (status >= 248) return refuse_all(status % 6);
+        w_.memory.fail_push = status >= 240 ? 1 : 0; // it cannot be put back
         size_t left = nth & 63;
         for (size_t i = 0; i < w_.event.sends.size(); ++i)
             if (!w_.event.sends[i].done && left-- == 0)
                 return w_.event.complete(i, status < 100 ? CL_EV_OK : status % 6);
+    }
+    // Until they are dropped.
+    void refuse_all(int status) {
+        for (int i = 0; i < 12; ++i) {
+            w_.event.complete_all(status);
+            w_.event.advance(1000);
+        }
     }
     void pass_time() {
         constexpr uint32_t kMs[] = {1, 49, 1000, 1001, 11'000, 60'000, 301'000, 7'200'000};
@@ -394,6 +416,8 @@ class Life {
     }
     static int on_file(tav_ipc_st *, const char *path, void *) {
         FUZZ_CHECK(files.live.count(path));
+        for (uint32_t id = 0; id < 8; ++id)
+            if (const char *known = tav_ipc_get_file_path(nullptr, id)) FUZZ_CHECK(files.live.count(known));
         return current->act(), 0;
     }
     static int on_status(int32_t, void *user) {

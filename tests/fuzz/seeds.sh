@@ -42,6 +42,8 @@ for whole in 0 1 2 3 9 a b; do
     seed datagrams '\x00' "$(to 0 00 00 00 00 0 "$(fragment $whole 0)")" "$(to 0 00 00 00 00 0 "$(fragment $whole 1)")"
 done
 seed datagrams '\x01' "$(to 0 00 00 00 00 0 '\x07\x00\x05\x09world\x07\x20\x01\x01')" # compressed, in one fragment
+seed datagrams '\x01' "$(to 0 00 00 00 00 0 '\x14\x00\x01\x00f\x0c\x00\x01')" # in 40 fragments
+seed datagrams '\x01' '\x0b\x00\x00\x00\x08\x00\x03\x00abc\x07' '\x09\x00\xfa' '\x0b\x00\x00\x00\x08\x00\x03\x00abc\x07' '\x09\x00\xf4'
 seed datagrams '\x01' "$(to 1 00 06 00 81 5 "$hello")" "$(to 1 00 06 00 82 5 "$hello")" \
     "$(to 1 01 06 00 82 5 "$hello")" "$(to 1 00 06 00 83 5 '\x00\x00\x00\x00')" '\x0d\x01' \
     "$(to 1 00 06 00 84 5 "$hello")" '\x08\x06\x08\x05'
