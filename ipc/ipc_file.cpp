@@ -1,8 +1,8 @@
 // Whole files: stop-and-wait sending, and receiving into temporary files.
 //
-// A sender holds one FileSend: it reads a chunk, sends it with confirmation and goes on from that chunk's
-// completion; an empty chunk ends the file. Whatever code is not 0 ends the transfer, and then the endpoint
-// may be gone: only a step with code 0 uses it.
+// A sender holds one FileSend: it sends a chunk with confirmation, reads the next one while the receiver is
+// at work, and goes on from the confirmation; an empty chunk ends the file. Whatever code is not 0 ends the
+// transfer, and then the endpoint may be gone: only a step with code 0 uses it.
 //
 // A receiver holds one ReceivedFile per file id in a process-wide table: open while it grows, complete once
 // the empty chunk came (descriptor -1), removed with its temporary file by a sweep 300 seconds after its
@@ -35,6 +35,8 @@ struct FileSend {
     void *user;
     int32_t timeout_s;
     int32_t file_id;
+    bool ended;      // the empty chunk was sent
+    uint32_t length; // of what was read ahead
     unsigned char chunk[kFragmentPayload];
 };
 
@@ -53,20 +55,26 @@ void end_transfer(FileSend *transfer, int32_t result) {
     std::free(transfer);
 }
 
+// Reads the next chunk, an empty one at the end of the file.
+void read_ahead(FileSend *transfer) {
+    transfer->length =
+        static_cast<uint32_t>(std::fread(transfer->chunk, 1, sizeof transfer->chunk, transfer->stream));
+    if (transfer->length > 0) return;
+    std::fclose(transfer->stream);
+    transfer->stream = nullptr;
+}
+
 // Completion of every chunk, and the first step.
 int ipc_file_send_step(int32_t code, void *argument) {
     auto *transfer = static_cast<FileSend *>(argument);
     if (code != IPC_OK) return end_transfer(transfer, code), 0;
-    if (!transfer->stream) return end_transfer(transfer, transfer->file_id), 0;
-    const size_t length = std::fread(transfer->chunk, 1, sizeof transfer->chunk, transfer->stream);
-    if (length == 0) {
-        std::fclose(transfer->stream);
-        transfer->stream = nullptr;
-    }
+    if (transfer->ended) return end_transfer(transfer, transfer->file_id), 0;
+    transfer->ended = transfer->length == 0;
     ipc_send_with_ack(transfer->ipc,
                       {transfer->dest, static_cast<uint32_t>(transfer->file_id), transfer->chunk,
-                       static_cast<uint32_t>(length), IPC_FLAG_FILE, transfer->timeout_s},
+                       transfer->length, IPC_FLAG_FILE, transfer->timeout_s},
                       ipc_file_send_step, transfer);
+    if (!transfer->ended) read_ahead(transfer); // its completion comes later, whatever becomes of the chunk
     return 0;
 }
 
@@ -150,6 +158,7 @@ void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *pat
     transfer->user = user;
     transfer->timeout_s = timeout_s;
     transfer->file_id = tav_ipc_get_random_file_id(dest->hostid);
+    read_ahead(transfer);
     ipc_file_send_step(IPC_OK, transfer);
 }
 
