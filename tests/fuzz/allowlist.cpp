@@ -35,12 +35,15 @@ void ignore_line(int, const char *, int, const char *text, void *) { FUZZ_CHECK(
 
 extern "C" {
 
+// An empty file is none.
 FILE *fopen(const char *path, const char *mode) {
     const std::string_view name(path);
-    if (name.ends_with("/config/linux_sign.json")) return fdopen(fuzz::memory_file(files.signature), mode);
+    const auto open = [mode](const std::string &text) {
+        return text.empty() ? nullptr : fdopen(fuzz::memory_file(text), mode);
+    };
+    if (name.ends_with("/config/linux_sign.json")) return open(files.signature);
     if (name.ends_with("/config/linux.json"))
-        return fdopen(fuzz::memory_file(files.readings++ && files.exchange ? files.exchanged : files.list),
-                      mode);
+        return open(files.readings++ && files.exchange ? files.exchanged : files.list);
     static const auto real = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
     return real(path, mode);
 }
@@ -67,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     files = {};
     files.exchange = mode >= 248;
     files.signature = mode & 1 ? in.text(in.u16()) : std::string(344, 'A');
-    const bool right = mode < 224;
+    const bool right = mode < 224 || files.exchange;
     if (!right) files.decrypted = in.text(in.u8());
     if (files.exchange) files.exchanged = in.text(in.u8());
     files.list = in.rest();

@@ -91,7 +91,8 @@ seed allowlist '\x01\x58\x01' "$(repeat 344 A)" "$list"
 seed allowlist '\x01\x58\x01' "$(repeat 342 A)" '==' "$list"
 seed allowlist '\x01\x02\x00' '!!' "$list"
 seed allowlist '\xe0\x40' "$entry" "$list"
-seed allowlist '\xf8\x00\x05other' "$list"
+seed allowlist '\xf8\x05other' "$list"
+seed allowlist '\xf8\x00' "$list"
 dictionary allowlist '\"linux\"' "\\\"$entry\\\"" '{' '}' '[' ']' ':' ',' 'null' 'true' 'false' '1e308' '-0' '\\u0000' \
     '\\ud83d' '\"' '\xEF\xBB\xBF' '==' '\x0D\x0A' '/*'
 
