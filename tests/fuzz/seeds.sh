@@ -72,12 +72,12 @@ dictionary header '/' '..' '_proxy_' '%n' '3200' '\x00\xFA\x00\x00' '\xFF\xFF\xF
 # --- envelope: switches (what, FORCE, reserve), text
 stream='x\x9c\xcbH\xcd\xc9\xc9\x07\x00\x06,\x02\x15' # hello
 seed envelope '\x00' "$(be32 5)" "$stream"
-for claim in 0 4 6 1048576 268435457 4294967235 4294967295; do seed envelope '\x41' "$(be32 $claim)" "$stream"; done
+for claim in 0 4 6 1048576 268435457 4294967235 4294967295; do seed envelope '\x50' "$(be32 $claim)" "$stream"; done
 seed envelope '\x01' "$(repeat 200 a)"
-seed envelope '\x20'
+seed envelope '\x24'
 seed envelope '\x02' 3200 "$(repeat 16 '\x00')" "$(repeat 200 b)"
-seed envelope '\x43' 3200 "$(repeat 16 '\x00')" "$(be32 5)" "$stream"
-seed envelope '\x84\x10\x00\x00\x00' "$stream"
+seed envelope '\x0d' 3200 "$(repeat 16 '\x00')" "$(be32 5)" "$stream"
+seed envelope '\x86\x10\x00\x00\x00' "$stream"
 dictionary envelope '3200' 'x\x9c' 'x\x01' 'x\xDA' '\x00\x00\x00\x05' '\xFF\xFF\xFF\xFF' '\x10\x00\x00\x00' '\x00\x04'
 
 # --- allowlist: switches, (signature), (decrypted), (second list), list
