@@ -22,7 +22,8 @@
 
 namespace tavipc {
 struct SendContext;
-}
+struct FragmentSet;
+} // namespace tavipc
 
 struct tav_ipc_st {
     tav_addr_st my_addr; // first: a pointer to the handle is a pointer to its address
@@ -46,6 +47,10 @@ struct tav_ipc_st {
     bool closed;
     uint32_t pins;                  // atomic as use_count is: a reported second thread must not unbalance it
     tavipc::SendContext *in_flight; // sends whose completion has not come, newest first
+    struct {
+        tavipc::FragmentSet *oldest, *newest; // by their last fragment
+        size_t held;                          // about the bytes of memory that all of them take
+    } frag_sets;                              // of frag_table
     struct {
         unsigned char *buffer; // null: none
         size_t size;

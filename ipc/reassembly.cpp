@@ -22,6 +22,15 @@ constexpr uint32_t kPlaceable = 1024 * kFragmentPayload; // what 10 bits of sequ
 constexpr uint32_t kLargestClaim = UINT32_MAX - kHeaderSize;
 constexpr size_t kWorthKeeping = 1u << 20;
 
+// What unfinished messages may hold; beyond it those that waited longest for a fragment are dropped. What one
+// costs is counted in touched memory: a set and the ends of its buffer, or its own mapping when the allocator
+// makes one; every fragment with the page that it shares.
+constexpr size_t kMostHeld = 512u << 20;
+constexpr size_t kSetCost = 8u << 10;
+constexpr size_t kMappedSetCost = 128u << 10;
+constexpr size_t kMapped = 128u << 10; // buffers from here on are mappings, of which a process may have few
+constexpr size_t kPage = 4096;
+
 struct FragmentKey {
     uint32_t src_hostid;
     uint32_t dest_hostid;
@@ -29,22 +38,78 @@ struct FragmentKey {
 };
 static_assert(sizeof(FragmentKey) == 12);
 
+} // namespace
+
 struct FragmentSet {
-    unsigned char *buf; // 60 + payload bytes; null once the message was taken out
+    FragmentKey key;
+    FragmentSet *older, *newer;
+    size_t held;
+    unsigned char
+        *buf; // header and payload, or just the header of what can never be whole; null once taken out
     time_t last_seen;
-    uint32_t frag_id;
     uint32_t expected; // payload bytes of the whole message
     uint64_t received; // payload bytes accepted, duplicates included
     size_t size;       // of buf
     std::bitset<1024> seen;
 };
 
-uint32_t placeable(const FragmentSet &set) { return set.expected < kPlaceable ? set.expected : kPlaceable; }
+namespace {
+
+bool can_be_whole(const FragmentSet &set) { return set.expected <= kPlaceable; }
 
 void release_set(void *value) {
     auto *set = static_cast<FragmentSet *>(value);
     std::free(set->buf);
     delete set;
+}
+
+// --- what is held, and by whom
+
+void hold(tav_ipc_st *ipc, FragmentSet &set, size_t bytes) {
+    set.held += bytes;
+    ipc->frag_sets.held += bytes;
+}
+
+void append(tav_ipc_st *ipc, FragmentSet &set) {
+    auto &sets = ipc->frag_sets;
+    set.older = std::exchange(sets.newest, &set);
+    set.newer = nullptr;
+    (set.older ? set.older->newer : sets.oldest) = &set;
+}
+
+void take_out(tav_ipc_st *ipc, FragmentSet &set) {
+    auto &sets = ipc->frag_sets;
+    (set.older ? set.older->newer : sets.oldest) = set.newer;
+    (set.newer ? set.newer->older : sets.newest) = set.older;
+}
+
+void drop_set(tav_ipc_st *ipc, FragmentSet &set) {
+    take_out(ipc, set);
+    ipc->frag_sets.held -= set.held;
+    const FragmentKey key = set.key;
+    xhash_delete(ipc->frag_table, &key, sizeof key);
+}
+
+void trace_incomplete(const FragmentSet &set) {
+    if (!error_output_check(4)) return;
+    const tav_ipc_hdr_st header = read_header(set.buf);
+    TAV_TRACE(&header, "Fragment(%d) not complete, dropped", static_cast<int>(set.key.frag_id));
+}
+
+// Drops the set that has waited longest, unless it is the one to keep. False when there is none.
+bool drop_oldest(tav_ipc_st *ipc, const FragmentSet *keep) {
+    FragmentSet *oldest = ipc->frag_sets.oldest;
+    if (!oldest || oldest == keep) return false;
+    TAV_LOG_LIMITED(2, "tav_ipc", "too many fragments wait, the oldest are dropped, %zu bytes held",
+                    ipc->frag_sets.held);
+    trace_incomplete(*oldest);
+    drop_set(ipc, *oldest);
+    return true;
+}
+
+void keep_within_bounds(tav_ipc_st *ipc, const FragmentSet &newest) {
+    while (ipc->frag_sets.held > kMostHeld && drop_oldest(ipc, &newest))
+        ;
 }
 
 // --- the spare buffer: its pages are there already, which is most of what a fresh one costs
@@ -53,7 +118,10 @@ unsigned char *take_buffer(tav_ipc_st *ipc, size_t wanted, size_t *size) {
     auto &spare = ipc->spare;
     if (wanted < kWorthKeeping || wanted > spare.size) {
         *size = wanted;
-        return static_cast<unsigned char *>(std::malloc(wanted));
+        void *buffer = nullptr;
+        do buffer = std::malloc(wanted);
+        while (!buffer && drop_oldest(ipc, nullptr));
+        return static_cast<unsigned char *>(buffer);
     }
     *size = std::exchange(spare.size, 0);
     return std::exchange(spare.buffer, nullptr);
@@ -73,15 +141,12 @@ struct Sweep {
     time_t now;
 };
 
-int expire_set(const void *key, uint32_t key_len, void *value, void *context) {
-    const auto *set = static_cast<FragmentSet *>(value);
+int expire_set(const void *, uint32_t, void *value, void *context) {
+    auto *set = static_cast<FragmentSet *>(value);
     const auto *sweep = static_cast<Sweep *>(context);
     if (sweep->now - set->last_seen <= kIdleSeconds) return 0;
-    if (set->buf && error_output_check(4)) {
-        const tav_ipc_hdr_st header = read_header(set->buf);
-        TAV_TRACE(&header, "Fragment(%d) not complete, dropped", static_cast<int>(header.frag_id));
-    }
-    xhash_delete(sweep->ipc->frag_table, key, key_len);
+    trace_incomplete(*set);
+    drop_set(sweep->ipc, *set);
     return 0;
 }
 
@@ -118,14 +183,18 @@ FragmentSet *create_set(tav_ipc_st *ipc, const FragmentKey &key, const tav_ipc_h
     }
     auto *set = new (std::nothrow) FragmentSet{};
     if (!set) out_of_memory("tav_ipc", __LINE__);
-    set->frag_id = header.frag_id;
+    set->key = key;
     set->expected = header.frag_orig;
-    set->buf = take_buffer(ipc, size_t{kHeaderSize} + placeable(*set), &set->size);
+    const uint32_t payload = can_be_whole(*set) ? set->expected : 0;
+    set->buf = take_buffer(ipc, size_t{kHeaderSize} + payload, &set->size);
     if (!set->buf) out_of_memory("tav_ipc", __LINE__);
     const tav_ipc_hdr_st whole = rebuilt_header(header);
     std::memcpy(set->buf, &whole, kHeaderSize);
     set->last_seen = time(nullptr);
     if (xhash_insert(ipc->frag_table, &key, sizeof key, set) != 0) out_of_memory("tav_ipc", __LINE__);
+    append(ipc, *set);
+    hold(ipc, *set, set->size < kMapped ? kSetCost : kMappedSetCost);
+    keep_within_bounds(ipc, *set);
     return set;
 }
 
@@ -148,9 +217,18 @@ bool fits(const FragmentSet &set, const tav_ipc_hdr_st &header) {
 
 // From its second 2 MiB on a large buffer is filled in huge pages, which saves most of the page faults. Not
 // before: a set of which one fragment came shall cost no more than that fragment.
-void use_huge_pages(const FragmentSet &set, uint32_t added) {
+void use_huge_pages(tav_ipc_st *ipc, FragmentSet &set, uint32_t added) {
     if (set.received < kHugePage || set.received - added >= kHugePage) return;
-    prefer_huge_pages(set.buf, kHeaderSize + placeable(set));
+    prefer_huge_pages(set.buf, set.size);
+    if (set.held < set.size) hold(ipc, set, set.size - set.held);
+}
+
+void place(tav_ipc_st *ipc, FragmentSet &set, const tav_ipc_hdr_st &header, const unsigned char *payload) {
+    const size_t sequence = fragment_sequence(header);
+    std::memcpy(set.buf + kHeaderSize + sequence * kFragmentPayload, payload, header.size);
+    if (!set.seen[sequence] && set.held < set.size) hold(ipc, set, header.size + kPage);
+    set.seen.set(sequence);
+    use_huge_pages(ipc, set, header.size);
 }
 
 // Repeated fragments count as received: what never came reads as zeros, not as what the buffer held before.
@@ -179,19 +257,19 @@ Rebuilt add_fragment(tav_ipc_st *ipc, const tav_ipc_hdr_st &header, const unsign
     }
     if (!fits(*set, header)) return {};
 
-    const size_t offset = size_t{fragment_sequence(header)} * kFragmentPayload;
-    std::memcpy(set->buf + kHeaderSize + offset, payload, header.size);
     set->received += header.size;
-    set->seen.set(fragment_sequence(header));
-    use_huge_pages(*set, header.size);
-    // A set that claims more than can be placed stays incomplete however often its pieces are repeated.
-    if (set->received < set->expected || set->expected > kPlaceable) {
+    if (can_be_whole(*set)) place(ipc, *set, header, payload);
+    // What claims more than can be placed stays incomplete however often its pieces are repeated.
+    if (set->received < set->expected || !can_be_whole(*set)) {
         set->last_seen = time(nullptr);
+        take_out(ipc, *set);
+        append(ipc, *set);
+        keep_within_bounds(ipc, *set);
         return {};
     }
     clear_gaps(*set);
     Rebuilt message{MallocPtr<unsigned char>(std::exchange(set->buf, nullptr)), set->size};
-    xhash_delete(ipc->frag_table, &key, sizeof key);
+    drop_set(ipc, *set);
     return message;
 }
 
@@ -205,6 +283,7 @@ void release_fragments(tav_ipc_st *ipc) {
     drop_spare(ipc);
     xhash_destroy(ipc->frag_table);
     ipc->frag_table = nullptr;
+    ipc->frag_sets = {};
     xhash_cookie_destroy(ipc->frag_cookie);
     ipc->frag_cookie = nullptr;
     cl_timer_stop(ipc->frag_timer);

@@ -6,9 +6,10 @@
 // then reads as zeros. A set that no fragment has been added to for more than 10 seconds is dropped by a
 // sweep that visits a sixtieth of the table each second.
 //
-// A peer may claim any size: the buffer is never larger than the 1,024 fragments that can be placed, and
-// comes from untouched pages, so that a claim costs nothing until it is filled. One large buffer that has
-// served is kept for ten seconds for the next message, since most of the cost of a fresh one is its page
+// A peer may claim any size: the buffer comes from untouched pages, so that a claim costs nothing until it is
+// filled, and what claims more than its 1,024 fragments can fill gets none. All unfinished messages of an
+// endpoint hold 512 MiB at most; those that waited longest for a fragment make room. One large buffer that
+// has served is kept for ten seconds for the next message, since most of the cost of a fresh one is its page
 // faults.
 #pragma once
 

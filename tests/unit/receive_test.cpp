@@ -166,6 +166,35 @@ TEST_F(ReceiveTest, IdleSetsExpireAfterTenSeconds) {
     EXPECT_EQ(sets(), 0u);
 }
 
+TEST_F(ReceiveTest, UnfinishedMessagesAreBoundedAndTheOldestGoFirst) {
+    w.log.threshold = 2;
+    const auto claim = [](uint32_t host, const Datagram &like) {
+        Datagram result = like;
+        result.header.src.hostid = host;
+        return result;
+    };
+    const Datagram lie = message("x"), refused = [&] {
+        Datagram result = lie;
+        tavipc::set_fragment(result.header, 7);
+        result.header.frag_orig = 4'294'967'235;
+        return result;
+    }();
+    feed(fragment(0));
+    for (uint32_t host = 1000; host < 41'000; ++host) feed(claim(host, refused));
+    feed(fragment(1)); // is as young as the last of them now
+    for (uint32_t host = 41'000; host < 81'000; ++host) feed(claim(host, refused));
+    EXPECT_TRUE(sets() > 60'000 && sets() < 70'000) << sets();
+    EXPECT_EQ(w.log.count("too many fragments wait, the oldest are dropped, ", 2), 1);
+    EXPECT_EQ(feed(fragment(2)), Calls{got(pattern(130'000))});
+    const uint32_t before = sets();
+    feed(claim(80'999, refused)); // is still there
+    EXPECT_EQ(sets(), before);
+    feed(claim(1000, refused)); // was dropped
+    EXPECT_EQ(sets(), before + 1);
+    pass(11);
+    EXPECT_TRUE(sets() == 0 && ipc_->frag_sets.held == 0 && !ipc_->frag_sets.oldest);
+}
+
 TEST_F(ReceiveTest, ALargeBufferServesAgainWithoutWhatItHeld) {
     constexpr uint32_t kTotal = 17 * 64'000 + 12'000;
     const auto piece = [](int seq, char fill, uint16_t id) {
