@@ -47,7 +47,7 @@ Channel::Channel(Loop &loop, int bound_fd, const cl_sockaddr_t &destination, boo
 Channel::~Channel() {
     loop_.stop_timer(retry_timer_);
     loop_.stop_timer(tick_timer_);
-    watch_.close(); // before the descriptor
+    close_descriptor();
 }
 
 void Channel::send(Send *send) noexcept {
@@ -64,6 +64,7 @@ void Channel::send(Send *send) noexcept {
     }
     const int error = try_send(*send, now);
     if (error == EAGAIN && loop_.send_wait_ms() > 0) return stall(send, clock_ms());
+    if (!connected_) close_descriptor();
     loop_.finish(send, status_of(error));
 }
 
@@ -96,13 +97,23 @@ int Channel::send_by_path(const Send &send) noexcept {
 }
 
 bool Channel::open_descriptor() noexcept {
-    if (!may_connect_) return false;
+    if (!may_connect_ || !loop_.may_open_channel()) return false;
     fd_ = make_datagram_socket();
     if (!fd_) return false;
+    loop_.channel_opened();
     socklen_t size = sizeof full_buffer_;
     getsockopt(fd_.get(), SOL_SOCKET, SO_SNDBUF, &full_buffer_, &size);
     buffer_ = full_buffer_;
     return true;
+}
+
+// Where nobody is there is nothing to connect to: names that peers make up hold no descriptors.
+void Channel::close_descriptor() noexcept {
+    if (!fd_) return;
+    watch_.close(); // before the descriptor
+    fd_.reset();
+    connected_ = false;
+    loop_.channel_closed();
 }
 
 // Returns 0 or the errno. The file is looked at before connecting: if it is replaced in between, the next
@@ -165,10 +176,9 @@ void Channel::flush() noexcept {
         finish_front(error);
     }
     last_used_ms_ = now;
-    if (stalled())
-        size_buffer_for(waiting_.front()->len);
-    else
-        end_stall();
+    if (stalled()) return size_buffer_for(waiting_.front()->len);
+    end_stall();
+    if (!connected_) close_descriptor();
 }
 
 // Sends up to a batch of what waits. Returns how many left; none also when the front needs a closer look.

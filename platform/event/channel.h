@@ -52,6 +52,7 @@ class Channel {
     int send_connected(const Send &send) noexcept;
     int send_by_path(const Send &send) noexcept;
     bool open_descriptor() noexcept;
+    void close_descriptor() noexcept;
     int connect_afresh(uint64_t now) noexcept;
     void notice_new_owner(uint64_t now) noexcept;
 

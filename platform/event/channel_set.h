@@ -1,6 +1,7 @@
 // The channels of one socket, by destination. Their number is bounded: beyond 64 the one that was used
 // longest ago makes way, and one that is idle for ten seconds is closed. A stalled channel stays; when all
-// are stalled, further destinations get channels without a descriptor.
+// are stalled, further destinations get channels without a descriptor. (The descriptors of all sockets
+// together are bounded by the loop.)
 #pragma once
 
 #include <memory>

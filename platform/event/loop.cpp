@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <sys/resource.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -10,6 +11,13 @@ namespace tavcl_ev {
 namespace {
 
 constexpr uint64_t kLongestWait = 24 * 60 * 60 * 1000;
+constexpr rlim_t kMostChannels = 256;
+
+unsigned channels_allowed() {
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) != 0) return kMostChannels;
+    return static_cast<unsigned>(std::min(kMostChannels, files.rlim_cur / 4));
+}
 
 template <class Handle> uv_handle_t *as_handle(Handle *handle) {
     return reinterpret_cast<uv_handle_t *>(handle);
@@ -28,6 +36,7 @@ std::unique_ptr<Loop> Loop::make(uv_loop_t *foreign) noexcept {
 bool Loop::open(uv_loop_t *foreign) noexcept {
     if (!foreign && uv_loop_init(&own_uv_) != 0) return false;
     uv_ = foreign ? foreign : &own_uv_;
+    most_channels_ = channels_allowed();
     uv_prepare_init(uv_, &prepare_);
     uv_check_init(uv_, &check_);
     uv_idle_init(uv_, &idle_);

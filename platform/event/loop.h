@@ -75,6 +75,12 @@ class Loop {
     uint64_t send_wait_ms() const noexcept { return send_wait_ms_; }
     void set_send_wait_ms(uint64_t wait_ms) noexcept { send_wait_ms_ = wait_ms; }
 
+    // The channels with a descriptor of all sockets: at most a quarter of what the process may have open, and
+    // 256.
+    bool may_open_channel() const noexcept { return channels_ < most_channels_; }
+    void channel_opened() noexcept { ++channels_; }
+    void channel_closed() noexcept { --channels_; }
+
     uv_loop_t *uv() noexcept { return uv_; }
     // Every libuv handle on this loop, from its making to the end of its closing; none keeps it alive.
     void adopt(uv_handle_t *handle) noexcept;
@@ -118,6 +124,9 @@ class Loop {
     uint64_t last_finished_ = 0;
     size_t finished_bytes_ = 0; // of finished_
     uint64_t send_wait_ms_ = 1000;
+
+    unsigned channels_ = 0;
+    unsigned most_channels_ = 0;
 
     size_t held_ = 0;
     uint64_t callbacks_run_ = 0;

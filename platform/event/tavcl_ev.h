@@ -125,9 +125,9 @@ typedef void (*cl_dunix_send_cb)(cl_dunix_t socket, int status, void *context);
  * destination is full they wait, at no cost of CPU time and without holding up other destinations, until
  * it reads; when it has read nothing for the send-wait time, all that wait complete with
  * CL_EV_WOULD_BLOCK. Returns 0 when the datagram was accepted: callback (may be null) then runs exactly
- * once, on a later turn of the loop, from cl_dunix_settle or from cl_dunix_close. Returns non-zero, and never calls the
- * callback, when the socket is not valid, address or data is null, or memory is short. Errors of the
- * system call are reported to the callback. */
+ * once, on a later turn of the loop, from cl_dunix_settle or from cl_dunix_close. Returns non-zero, and never
+ * calls the callback, when the socket is not valid, address or data is null, or memory is short. Errors of
+ * the system call are reported to the callback. */
 CL_EV_API int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void *data,
                                uint32_t len, cl_dunix_send_cb callback, void *context) CL_EV_NOEXCEPT;
 

@@ -190,6 +190,10 @@ TEST_F(SendTest, ACompletionMayCloseItsSocketAndRunTheLoop) {
 TEST_F(SendTest, ManyDestinationsUseFewDescriptorsAndGiveThemBack) {
     cl_dunix_set_send_wait(60'000);
     const size_t before = open_descriptors();
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(send(socket_, "nobody" + std::to_string(i), numbered(i)), 0);
+    run_until([&] { return reported() == 100; });
+    EXPECT_EQ(open_descriptors(), before);
+    statuses_.clear();
     std::vector<RawPeer> peers;
     for (int i = 0; i < 200; ++i) peers.emplace_back(path("peer" + std::to_string(i)));
     for (int round = 0; round < 12; ++round) // the last rounds find all of them full
