@@ -8,11 +8,13 @@
 // the empty chunk came (descriptor -1), removed with its temporary file by a sweep 300 seconds after its
 // last data.
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "ipc/exchanges.h"
 #include "ipc/ipc_process.h"
@@ -25,6 +27,7 @@ namespace {
 
 constexpr uint64_t kSweepPeriodMs = 60'000;
 constexpr time_t kKeepSeconds = 300;
+constexpr uint32_t kMostReceived = 65'536;
 constexpr char kTemplate[] = "/tmp/ipc_file.XXXXXX";
 
 struct FileSend {
@@ -78,9 +81,15 @@ int ipc_file_send_step(int32_t code, void *argument) {
     return 0;
 }
 
+void close_received(ReceivedFile *file) {
+    if (file->fd < 0) return;
+    ::close(std::exchange(file->fd, -1));
+    --process_state().files_open;
+}
+
 void release_received(void *value) {
     auto *file = static_cast<ReceivedFile *>(value);
-    if (file->fd >= 0) ::close(file->fd);
+    close_received(file);
     ::unlink(file->path);
     std::free(file->path);
     std::free(file);
@@ -114,14 +123,29 @@ ReceivedFile *find_received(xhash_t *files, uint32_t file_id) {
                                                                       : nullptr;
 }
 
+// Peers choose the ids: a number of entries, and half of the descriptors that the process may have, is
+// theirs.
+bool may_receive_one_more(const xhash_t *files) {
+    rlimit descriptors{};
+    const bool known = ::getrlimit(RLIMIT_NOFILE, &descriptors) == 0;
+    if (xhash_count(files) < kMostReceived &&
+        (!known || process_state().files_open < descriptors.rlim_cur / 2))
+        return true;
+    TAV_LOG_LIMITED(2, "ipc_file", "too many files are being received, another one is refused, %u open",
+                    process_state().files_open);
+    return false;
+}
+
 // A new entry with its temporary file; null when that cannot be made.
 ReceivedFile *create_received(xhash_t *files, uint32_t file_id, const tav_addr_st &src) {
+    if (!may_receive_one_more(files)) return nullptr;
     MallocPtr<ReceivedFile> file(static_cast<ReceivedFile *>(std::calloc(1, sizeof(ReceivedFile))));
     if (!file) out_of_memory("ipc_file", __LINE__);
     char path[sizeof kTemplate];
     std::memcpy(path, kTemplate, sizeof path);
     file->fd = ::mkstemp(path);
     if (file->fd < 0) return nullptr;
+    ++process_state().files_open;
     ::fcntl(file->fd, F_SETFD, FD_CLOEXEC);
     file->path = ::strdup(path);
     if (!file->path) out_of_memory("ipc_file", __LINE__);
@@ -193,8 +217,7 @@ int32_t tav_ipc_save_file(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t file
         file->last_seen = time(nullptr);
         return ::write(file->fd, data, len) == static_cast<ssize_t>(len) ? IPC_OK : IPC_ERR_IO;
     }
-    ::close(file->fd);
-    file->fd = -1;
+    close_received(file);
     tav_ipc_emit_file(ipc, file->path);
     return IPC_OK;
 }

@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -259,6 +260,22 @@ TEST_F(Files, WhatCannotBeWrittenIsRefused) {
     ::close(reader);
     sweep(w.clock.wall_s + 301);
     EXPECT_FALSE(fs::exists(made_file(2)));
+}
+
+TEST_F(Files, PeersGetHalfOfTheDescriptors) {
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit few{80, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    for (uint32_t id = 0; id < 100; ++id) EXPECT_EQ(save("gamma", id, "x"), id < 40 ? 0 : -107) << id;
+    EXPECT_EQ(save("gamma", 3, ""), 0); // whole: its place is free
+    EXPECT_EQ(save("gamma", 100, "x"), 0);
+    EXPECT_EQ(save("gamma", 101, "x"), -107);
+    sweep(w.clock.wall_s + 301);
+    EXPECT_EQ(save("gamma", 102, "x"), 0);
+    EXPECT_EQ(tavipc::process_state().files_open, 1u);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(w.log.count("too many files are being received, another one is refused, 40 open", 2), 1);
 }
 
 TEST_F(Files, SweepRemovesWhatIsOlderThan300Seconds) {
