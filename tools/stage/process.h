@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <sys/types.h>
@@ -40,9 +41,13 @@ class Process {
     void signal(int number);
     // Whether an event that nobody took holds the text.
     bool heard(std::string_view text) const;
+    // Takes all events that nobody took.
+    std::deque<std::string> take() { return std::exchange(events_, {}); }
+    // Reads what the children wrote, waiting for it up to the limit. False when nothing came.
+    static bool read_all(std::chrono::milliseconds limit);
+    pid_t pid() const { return pid_; }
 
   private:
-    static bool read_all(std::chrono::milliseconds limit);
     void read_some();
 
     std::string name_;
