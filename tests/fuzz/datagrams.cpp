@@ -18,6 +18,7 @@
 namespace {
 
 constexpr int kSlots = 4;
+constexpr size_t kOwn = 1000; // bytes of the input in a fragment
 constexpr unsigned kMaxSteps = 300, kMaxDepth = 4;
 
 struct Files {
@@ -86,6 +87,7 @@ class Life {
         FUZZ_CHECK(w_.event.sockets.empty() && w_.event.pending() == 0);
         expire_files();
         FUZZ_CHECK(w_.event.timers.empty());
+        w_ = fake::World{}; // what an input leaves would be looked through for leaks after each
     }
 
   private:
@@ -182,7 +184,9 @@ class Life {
         }
         const bool packed = d.payload != plain;
         if (packed) d.header.flags |= IPC_FLAG_COMPRESSED;
+        fill_ = '\0';
         if (shape & 4) make_fragment(d);
+        mixed_ |= shape & 4 && (flaw >= 192 || d.header.flags & IPC_FLAG_COMPRESSED);
         const int burst = shape & 4 && shape & 16 ? 40 : 1; // so many fragments in a row
         const bool sound = flaw < 192 && !(shape & 4) && packed == !!(d.header.flags & IPC_FLAG_COMPRESSED);
         const int status = flaw == 255 ? in_.u8() % 6 : 0;
@@ -209,11 +213,14 @@ class Life {
         else
             place(d, sequence);
     }
-    static void place(Datagram &d, int sequence) {
+    // Fragments of a message end with its letter.
+    void place(Datagram &d, int sequence) {
         tavipc::set_fragment(d.header, static_cast<uint16_t>(sequence));
         const uint64_t offset = uint64_t{tavipc::fragment_sequence(d.header)} * 64'000;
         const uint64_t left = d.header.frag_orig > offset ? d.header.frag_orig - offset : 0;
-        d.payload.resize(static_cast<size_t>(std::min<uint64_t>(left, 64'000)), 'f');
+        fill_ = static_cast<char>('a' + d.header.frag_id + (d.header.src.hostid == 55 ? 0 : 4));
+        d.payload.resize(std::min(d.payload.size(), kOwn));
+        d.payload.resize(static_cast<size_t>(std::min<uint64_t>(left, 64'000)), fill_);
     }
 
     std::string spoilt(Datagram &d, uint8_t flaw) {
@@ -253,6 +260,8 @@ class Life {
         std::string bytes = in_.text(60u + size);
         if (bytes.size() >= 60 && size != 255)
             bytes = stamped(bytes, static_cast<uint32_t>(bytes.size()) - 60);
+        fill_ = '\0';
+        mixed_ |= bytes.size() >= 60 && tavipc::is_fragment(tavipc::read_header(bytes.data()));
         deliver(to, bytes);
     }
 
@@ -261,6 +270,8 @@ class Life {
         if (w_.event.sends.empty()) return;
         const size_t index = w_.event.sends.size() - 1 - in_.u8() % w_.event.sends.size();
         const fake::Send sent = w_.event.sends[index];
+        mixed_ |= tavipc::is_fragment(tavipc::read_header(sent.bytes.data()));
+        fill_ = '\0';
         for (tav_ipc_st *slot : slots_)
             if (slot && sent.path.ends_with("/" + std::string(slot->my_addr.name))) deliver(slot, sent.bytes);
     }
@@ -398,11 +409,21 @@ class Life {
         FUZZ_CHECK(data);
         if (const std::string *plain = std::exchange(expected_, nullptr))
             FUZZ_CHECK(plain->size() == size && std::memcmp(plain->data(), data, size) == 0);
+        check_fill(static_cast<const char *>(data), size);
         const std::string name = tavipc::name_text(*src).text;
         const uint32_t some = std::min(size, 200'000u);
         const uint32_t before = orlask_crc32(data, some);
         act();
         FUZZ_CHECK(orlask_crc32(data, some) == before && name == tavipc::name_text(*src).text);
+    }
+    // A rebuilt message holds what its own fragments brought, and zeros.
+    void check_fill(const char *data, size_t size) {
+        if (!fill_ || mixed_) return;
+        for (size_t begin = 0; begin < size; begin += 64'000) {
+            const size_t end = std::min<size_t>(begin + 64'000, size);
+            const char last = data[end - 1];
+            FUZZ_CHECK(end - begin <= kOwn || last == '\0' || last == fill_);
+        }
     }
     static int on_message(tav_ipc_st *, const tav_addr_st *src, uint32_t, const void *data, uint32_t size,
                           void *) {
@@ -435,6 +456,8 @@ class Life {
     tav_ipc_st *slots_[kSlots] = {};
     std::vector<std::unique_ptr<Exchange>> exchanges_;
     const std::string *expected_ = nullptr; // what the next message must hold
+    char fill_ = '\0';                      // what the fragments on their way end with
+    bool mixed_ = false;                    // fragments of other make have been among them
     tav_addr_st asker_ = address("p0");
     uint32_t asked_ = 1;
     time_t latest_ = 0;
