@@ -398,8 +398,8 @@ class Life {
         FUZZ_CHECK(!swept || (xhash_count(process.received_files) == 0 && files.live.empty()));
         xhash_destroy(process.received_files);
         cl_timer_stop(process.file_sweep_timer);
+        FUZZ_CHECK(files.live.empty() && process.files_open == 0);
         process = {};
-        FUZZ_CHECK(files.live.empty());
     }
 
     // --- callbacks
