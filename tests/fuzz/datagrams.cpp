@@ -3,12 +3,13 @@
 // input.
 //
 // Most datagrams get the length and check value that they should have, so that the input reaches what lies
-// behind those tests. Temporary files live in memory.
+// behind those tests. Temporary files live in memory; a process may have ten descriptors.
 #include <algorithm>
 #include <memory>
 #include <set>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 
 #include "endpoint_world.h"
@@ -38,6 +39,10 @@ extern "C" {
 __attribute__((visibility("default"))) ssize_t getrandom(void *buffer, size_t size, unsigned) {
     std::memset(buffer, 7, size);
     return static_cast<ssize_t>(size);
+}
+int getrlimit(__rlimit_resource_t resource, rlimit *limit) noexcept {
+    if (resource == RLIMIT_NOFILE) return *limit = {10, 10}, 0;
+    return static_cast<int>(syscall(SYS_getrlimit, resource, limit));
 }
 int mkstemp(char *path) {
     const int fd = memfd_create("received", MFD_CLOEXEC);
@@ -123,7 +128,10 @@ class Life {
         case 14:
             return respond();
         case 15:
-            w_.event.fail_send = in_.u8() % 4;
+            if (const uint8_t how = in_.u8(); how < 250)
+                w_.event.fail_send = how % 4;
+            else
+                return flood();
             w_.event.fail_create = in_.u8() % 8;
             return;
         }
@@ -252,6 +260,14 @@ class Life {
         header.size = size;
         header.magic = tav_ipc_hdr_magic(&header);
         return bytes.replace(0, sizeof header, bytes_of(header));
+    }
+
+    // Begins more messages than an endpoint keeps.
+    void flood() {
+        const uint8_t slot = in_.u8() % kSlots;
+        Datagram d{"", {address("e0"), address("p0", 2, 0, 99), 1, 0, 0, 0, 0, 150'000, {1}, 0, 0}, "x"};
+        for (int i = flooded_ ? 4300 : 0; i < 4300; ++i, ++d.header.frag_id) deliver(slots_[slot], d.bytes());
+        flooded_ = true;
     }
 
     void raw_datagram() {
@@ -457,7 +473,8 @@ class Life {
     std::vector<std::unique_ptr<Exchange>> exchanges_;
     const std::string *expected_ = nullptr; // what the next message must hold
     char fill_ = '\0';                      // what the fragments on their way end with
-    bool mixed_ = false;                    // fragments of other make have been among them
+    bool flooded_ = false;
+    bool mixed_ = false; // fragments of other make have been among them
     tav_addr_st asker_ = address("p0");
     uint32_t asked_ = 1;
     time_t latest_ = 0;
