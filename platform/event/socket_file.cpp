@@ -114,7 +114,12 @@ BoundSocket BoundSocket::make(const cl_sockaddr_t &address) noexcept {
     UniqueFd fd = make_datagram_socket();
     if (!fd || !bind_or_replace(fd.get(), made.address_)) return made;
     made.file_ = identify_socket(made.address_.addr.sun_path, false);
-    if (made.file_ != FileIdentity{}) made.fd_ = std::move(fd);
+    if (made.file_ != FileIdentity{}) {
+        made.fd_ = std::move(fd);
+    } else if (const int error = errno; error != ENOTSOCK) { // by now another's
+        unlink(made.address_.addr.sun_path);
+        errno = error;
+    }
     return made;
 }
 
