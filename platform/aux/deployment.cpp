@@ -1,13 +1,17 @@
 // Deployment facts. The file is loaded on the first question and kept, parsed, for the life of the process:
 // texts that are handed out point into it. It is never released, so that threads may still ask while the
-// process ends.
+// process ends. When the process lacks the memory or descriptors to read it, the defaults are told, and the
+// next question tries again.
 #include "tavaux.h"
 
+#include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <climits>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -41,13 +45,23 @@ bool valid_deploy_type(std::string_view text) {
            text.find("..") == text.npos;
 }
 
-Facts load() {
-    Facts facts;
+bool may_pass(int error) {
+    return error == ENOMEM || error == EMFILE || error == ENFILE || error == EINTR || error == EIO;
+}
+
+// Null, with errno set, when there is no such file or it cannot be read.
+const ini_file_t *load_file() {
     char path[PATH_MAX];
-    if (dirutils_path_transform("@/../config/agent.ini", path, sizeof path) != 0) return facts;
-    facts.file = ini_file_load(path);
-    if (!facts.file) return facts;
-    const auto get = [&](const char *key) { return ini_file_get(facts.file, "agent", key); };
+    errno = 0;
+    return dirutils_path_transform("@/../config/agent.ini", path, sizeof path) == 0 ? ini_file_load(path)
+                                                                                    : nullptr;
+}
+
+Facts read_facts(const ini_file_t *file) {
+    Facts facts;
+    facts.file = file;
+    if (!file) return facts;
+    const auto get = [&](const char *key) { return ini_file_get(file, "agent", key); };
     facts.location = number_or(get("location"), facts.location);
     if (const char *text = get("deploy_type"); text && valid_deploy_type(text)) facts.deploy_type = text;
     if (const char *text = get("agent_type")) facts.agent_type = text;
@@ -56,9 +70,23 @@ Facts load() {
     return facts;
 }
 
+const Facts &load_facts(std::atomic<const Facts *> &known) {
+    static const Facts defaults;
+    static std::mutex mutex;
+    static constinit std::optional<Facts> kept;
+    const std::lock_guard lock(mutex);
+    if (!kept) {
+        const ini_file_t *file = load_file();
+        if (!file && may_pass(errno)) return defaults;
+        known = &kept.emplace(read_facts(file));
+    }
+    return *kept;
+}
+
 const Facts &facts() {
-    static const Facts instance = load();
-    return instance;
+    static constinit std::atomic<const Facts *> known{nullptr};
+    const Facts *found = known.load(std::memory_order_acquire);
+    return found ? *found : load_facts(known);
 }
 
 // Numbers as texts that stay where they are; made when a location without a name is first asked for.

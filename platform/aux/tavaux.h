@@ -3,7 +3,8 @@
  * This header is the contract that any replacement of libtavaux must meet.
  *
  * The facts come from one INI file, read once per process on first use (any thread): "@/../config/agent.ini"
- * ("@" is the directory of the running executable). When it is absent, or a key is, the defaults hold:
+ * ("@" is the directory of the running executable). When it is absent, or a key is, the defaults hold; also,
+ * but only for that question, when memory or descriptors are too short to read it:
  *
  *   [agent]      location = 1         deploy_type =        agent_type = linux
  *                cnapp = 0            hostid = 0

@@ -8,20 +8,36 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <utility>
 
 #include <fcntl.h>
 #include <ini.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace {
+
+// Section and key; texts for a search, which needs no memory.
+template <typename Text> using Name = std::pair<Text, Text>;
+
+struct Before {
+    using is_transparent = void;
+    template <typename A, typename B> bool operator()(const Name<A> &a, const Name<B> &b) const {
+        const int sections = std::string_view(a.first).compare(b.first);
+        return sections != 0 ? sections < 0 : std::string_view(a.second) < std::string_view(b.second);
+    }
+};
+
+} // namespace
+
 struct ini_file {
-    std::unordered_map<std::string, std::string> values; // section NUL key -> value
+    std::map<Name<std::string>, std::string, Before> values;
 };
 
 namespace {
@@ -30,12 +46,6 @@ constexpr size_t kMaxFile = 1 << 20;
 constexpr int kLineBuffer = 4096;
 constexpr size_t kMaxSectionHead = 49 + 2; // libinih keeps 49 characters of a section name
 constexpr std::string_view kUnreachableSection = "[\x01]";
-
-std::string join(std::string_view section, std::string_view key) {
-    std::string joined;
-    joined.reserve(section.size() + 1 + key.size());
-    return joined.append(section).append(1, '\0').append(key);
-}
 
 class FileDescriptor {
   public:
@@ -125,7 +135,7 @@ struct Loading {
         auto *loading = static_cast<Loading *>(self);
         if (!name || !value) return 1;
         try {
-            loading->file->values.try_emplace(join(section, name), value); // the first of duplicates stays
+            loading->file->values.try_emplace({section, name}, value); // the first of duplicates stays
         } catch (const std::exception &) {
             loading->out_of_memory = true; // not through the C frames of the parser
         }
@@ -165,15 +175,8 @@ ini_file_t *ini_file_load(const char *path) noexcept {
 
 const char *ini_file_get(const ini_file_t *file, const char *section, const char *key) noexcept {
     if (!file || !section || !key) return nullptr;
-    const int saved_errno = errno;
-    const char *value = nullptr;
-    try {
-        const auto found = file->values.find(join(section, key));
-        if (found != file->values.end()) value = found->second.c_str();
-    } catch (const std::exception &) {
-    }
-    errno = saved_errno;
-    return value;
+    const auto found = file->values.find(Name<std::string_view>(section, key));
+    return found != file->values.end() ? found->second.c_str() : nullptr;
 }
 
 void ini_file_free(ini_file_t *file) noexcept { delete file; }
