@@ -10,6 +10,10 @@
  *     it. After tav_ipc_destroy the handle must not be used, also not by the rest of that callback.
  *  3. Data and addresses passed to a callback are valid until it returns.
  *  4. Data passed to a sending function is copied before the function returns.
+ *  5. Short memory for a record that the library cannot work without ends the process in good order: exit
+ *     status 0, after "Out of memory" or "memory not enough" in the log (level 0). These are addresses,
+ *     endpoint handles, outstanding exchanges, the fragments of a large message that is sent, a message
+ *     that is put together and a file that is received. Everything else fails as its comment says.
  */
 #ifndef TAVIPC_TAV_IPC_H
 #define TAVIPC_TAV_IPC_H
@@ -205,8 +209,8 @@ TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
  * Returns 0 when the message was sent or queued; -101 when it was refused: null handle or destination,
  * destination name that is empty or holds a "/", more than 65,471,999 bytes (after compression), more than 32
  * MiB in flight to the destination (64 MiB for control traffic and priorities of 7 and more), or short
- * memory. A queued message that its destination keeps refusing is dropped later, with a log line (level 2).
- */
+ * memory (of fragments: rule 5). A queued message that its destination keeps refusing is dropped later, with
+ * a log line (level 2). */
 TAVIPC_API int tav_ipc_send(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,
                             uint32_t size) TAVIPC_NOEXCEPT;
 
@@ -255,11 +259,11 @@ TAVIPC_API void tav_ipc_probe(tav_ipc_st *ipc, const tav_addr_st *dest, tav_ipc_
  * under /tmp at the receiver, whose file callback then gets its path. Received files are kept per process:
  * one thread of a process drives all endpoints that receive files. */
 
-/* Sends the file at path. callback runs exactly once: with the transfer's id (0 or positive) when the peer
- * has it all; else with a negative code: IPC_ERR_OPEN_FILE, IPC_ERR_NOMEM and, for a null endpoint or
- * destination, IPC_ERR_SENDTO from inside this call; later IPC_ERR_TIMEOUT (no confirmation of a chunk within
- * timeout_s seconds), IPC_ERR_CLOSED, IPC_ERR_SENDTO, or the peer's IPC_ERR_FILE_ID, IPC_ERR_IO,
- * IPC_ERR_FILE_CLOSED, IPC_ERR_NOT_SUPPORTED. */
+/* Sends the file at path, up to its end or to where it cannot be read. callback runs exactly once: with the
+ * transfer's id (0 or positive) when the peer has it all; else with a negative code: IPC_ERR_OPEN_FILE,
+ * IPC_ERR_NOMEM and, for a null endpoint or destination, IPC_ERR_SENDTO from inside this call; later
+ * IPC_ERR_TIMEOUT (no confirmation of a chunk within timeout_s seconds), IPC_ERR_CLOSED, IPC_ERR_SENDTO, or
+ * the peer's IPC_ERR_FILE_ID, IPC_ERR_IO, IPC_ERR_FILE_CLOSED, IPC_ERR_NOT_SUPPORTED. */
 TAVIPC_API void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *path,
                                   tav_ipc_status_cb callback, void *user, int32_t timeout_s) TAVIPC_NOEXCEPT;
 
