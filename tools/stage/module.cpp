@@ -10,11 +10,18 @@
 //   confirm DEST SIZE TIMEOUT                      confirmed CODE
 //   probe DEST                                     probed CODE
 //   file DEST PATH TIMEOUT                         sending SIZE DIGEST, file RESULT
+//   post DEST KIND SIZE COUNT ID PRIORITY ADDRFLAGS  posted ID RESULT REQID US US DIGEST  (cmd is ID, and
+//   counts on;
+//                                                  US before and after; priorities are those of KIND "app")
+//   exchange WHAT DEST ID SIZE TIMEOUT             exchanging ID DIGEST, exchanged ID CODE DIGEST
+//                                                  (WHAT: request, confirm or probe; cmd is ID)
+//   descriptors N                                  done          (it may have so many from there on)
 //   seed N                                         seeded        (the ids of files are drawn from there on)
 //   echo                                           echoing       (messages go back, and are not reported)
 //   pause MS                                       pausing       (and then it does nothing for so long)
 //   wait MS | conf FILE | level N                  done          (send wait, IPC configuration, log level)
 //   (a message)                                    msg SOURCE CMD SIZE US DIGEST
+//   (a request)                                    asked SOURCE CMD SIZE DIGEST
 //   (a file)                                       got SIZE DIGEST
 //   (a log line)                                   log LEVEL SOURCE TEXT
 //
@@ -35,6 +42,7 @@
 #include <fcntl.h>
 #include <openssl/sha.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <uv.h>
@@ -90,9 +98,10 @@ std::string random_bytes(size_t size, uint64_t number) {
 }
 
 // An application message of size bytes in all, method 0, whose body is text.
-std::string application_message(size_t size) {
+std::string application_message(size_t size, char priority = 0) {
     std::string message("3200", 4);
     message.resize(std::max<size_t>(size, TAV_APP_HEADER_SIZE));
+    message[15] = priority;
     const size_t body = message.size() - TAV_APP_HEADER_SIZE;
     for (size_t i = 0; i < 4; ++i) message[16 + i] = static_cast<char>(body >> (24 - 8 * i));
     for (size_t at = TAV_APP_HEADER_SIZE, line = 0; at < message.size(); ++line) {
@@ -149,6 +158,7 @@ int on_message(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t cmd, const void
 // A request is answered with the next command code and its own payload.
 int on_request(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, uint32_t cmd, const void *data,
                uint32_t size, void *) {
+    std::printf("asked %.10s %u %u %s\n", src->name, cmd, size, digest(data, size).c_str());
     tav_ipc_response(ipc, src, reqid, cmd + 1, data, size);
     return 0;
 }
@@ -160,6 +170,18 @@ int on_answer(int32_t code, uint32_t cmd, const void *data, uint32_t len, void *
 
 int on_result(int32_t code, void *event) {
     std::printf("%s %d\n", static_cast<const char *>(event), code);
+    return 0;
+}
+
+uint32_t number_of(void *user) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(user)); }
+
+int on_exchanged(int32_t code, void *user) {
+    std::printf("exchanged %u %d -\n", number_of(user), code);
+    return 0;
+}
+
+int on_exchanged_answer(int32_t code, uint32_t, const void *data, uint32_t len, void *user) {
+    std::printf("exchanged %u %d %s\n", number_of(user), code, digest(data, len).c_str());
     return 0;
 }
 
@@ -221,6 +243,48 @@ void send(const Words &w) {
                 digest(payload.data(), payload.size()).c_str());
 }
 
+void post(const Words &w) {
+    const tav_addr_st dest = address(w[1], 0, std::stoul(w[7], nullptr, 0));
+    const size_t size = std::stoul(w[3]), first = std::stoul(w[5]), count = std::stoul(w[4]);
+    for (size_t id = first; id < first + count; ++id) {
+        const std::string payload = w[2] == "app"
+                                        ? application_message(size, static_cast<char>(std::stoi(w[6])))
+                                        : random_bytes(size, id);
+        uint32_t reqid = 0;
+        const uint64_t begun_us = now_us();
+        const int result =
+            tav_ipc_send_with_flags(module.ipc, &dest, static_cast<uint32_t>(id), payload.data(),
+                                    static_cast<uint32_t>(payload.size()), 0, &reqid);
+        const uint64_t ended_us = now_us();
+        std::printf("posted %zu %d %u %llu %llu %s\n", id, result, reqid,
+                    static_cast<unsigned long long>(begun_us), static_cast<unsigned long long>(ended_us),
+                    digest(payload.data(), payload.size()).c_str());
+    }
+}
+
+void exchange(const Words &w) {
+    const tav_addr_st dest = address(w[2], 0, 0);
+    const auto id = static_cast<uint32_t>(std::stoul(w[3]));
+    const std::string payload = random_bytes(std::stoul(w[4]), id);
+    const auto size = static_cast<uint32_t>(payload.size());
+    void *user = reinterpret_cast<void *>(uintptr_t{id});
+    std::printf("exchanging %u %s\n", id, digest(payload.data(), size).c_str());
+    if (w[1] == "request")
+        tav_ipc_make_request(module.ipc, &dest, id, payload.data(), size, on_exchanged_answer, user,
+                             std::stoi(w[5]));
+    else if (w[1] == "confirm")
+        tav_ipc_send2(module.ipc, &dest, id, payload.data(), size, on_exchanged, user, std::stoi(w[5]));
+    else
+        tav_ipc_probe(module.ipc, &dest, on_exchanged, user);
+}
+
+void limit_descriptors(const Words &w) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::stoul(w[1]);
+    std::puts(setrlimit(RLIMIT_NOFILE, &limit) == 0 ? "done" : "refused");
+}
+
 void *event(const char *name) { return const_cast<char *>(name); }
 
 void request(const Words &w) {
@@ -279,6 +343,9 @@ const std::map<std::string, Command> kCommands = {
     {"confirm", {4, confirm}},
     {"probe", {2, probe}},
     {"file", {4, send_file}},
+    {"post", {8, post}},
+    {"exchange", {6, exchange}},
+    {"descriptors", {2, limit_descriptors}},
     {"seed", {2, seed}},
     {"ping", {4, start_ping}},
     {"echo", {1, [](const Words &) { module.echo = true, std::puts("echoing"); }}},

@@ -114,7 +114,6 @@ bool Process::heard(std::string_view text) const {
                        [&](const std::string &event) { return event.find(text) != std::string::npos; });
 }
 
-// Reads what the children wrote, waiting for it up to the limit. False when nothing came.
 bool Process::read_all(std::chrono::milliseconds limit) {
     std::vector<pollfd> waiting;
     for (const Process *process : all_processes()) waiting.push_back({process->from_child_, POLLIN, 0});
