@@ -9,6 +9,7 @@
 
 #include "agentid/conf_dir.h"
 #include "ipc/log.h"
+#include "ipc/regular_file.h"
 
 namespace tavipc {
 namespace {
@@ -30,7 +31,7 @@ bool write_block(FILE *file, const void *block, size_t size) noexcept {
 
 void SaveAgentId(const char *path, unsigned int id, const unsigned char *mac, int mac_len,
                  const _Mac_Node *list) noexcept {
-    const File file(fopen(path, "wb"));
+    const File file(fopen(path, "wbe"));
     if (!file) {
         TAV_LOG(2, "tav_agentid", "Failed to open %s for save hostid\n", path);
         return;
@@ -98,7 +99,7 @@ unsigned int ReadAgentid(const char *path) noexcept {
     }
     uint32_t id = 0;
     size_t got = 0;
-    const File file(fopen(path, "rb"));
+    const File file(open_regular(path));
     for (int i = 0; file && i < kIoTries && got < sizeof id && !feof(file.get()); ++i)
         got += fread(reinterpret_cast<unsigned char *>(&id) + got, 1, sizeof id - got, file.get());
     if (got < sizeof id) {

@@ -7,6 +7,7 @@
 
 #include "agentid/id_file.h"
 #include "ipc/log.h"
+#include "ipc/regular_file.h"
 
 uint64_t g_vmid = 0;
 
@@ -86,7 +87,7 @@ unsigned int CreateAgentIdByVMID(const char *machineid_path) noexcept {
         TAV_LOG(2, "tav_agentid", "null path parameter inputed");
         return 0;
     }
-    File file(fopen(machineid_path, "rb"));
+    File file(open_regular(machineid_path));
     if (holds_mac_based_id(file.get())) {
         TAV_LOG(3, "tav_agentid", "agent id already calculated by MAC");
         return 0;

@@ -23,6 +23,7 @@
 
 #include "allowlist_key.h"
 #include "ipc/log.h"
+#include "ipc/regular_file.h"
 #include "ipc/whole_file.h"
 #include "tavipc/tav_agentid.h"
 
@@ -153,7 +154,7 @@ RsaKey load_public_key() {
 }
 
 bool hash_file(const char *path, unsigned char *digest) {
-    const File file(std::fopen(path, "rb"));
+    const File file(open_regular(path));
     if (!file) {
         LOG_REFUSAL("fopen %s failed", path);
         return false;

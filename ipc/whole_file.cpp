@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "ipc/log.h"
+#include "ipc/regular_file.h"
 
 namespace tavipc {
 namespace {
@@ -34,7 +35,7 @@ WholeFile read_whole_file(const char *path, long max_size) noexcept {
         TAV_LOG(1, "ipc_crypt", "param wrong");
         return {};
     }
-    const std::unique_ptr<FILE, CloseFile> file(std::fopen(path, "r"));
+    const std::unique_ptr<FILE, CloseFile> file(open_regular(path));
     if (!file) {
         TAV_LOG(1, "ipc_crypt", "open file %s faild", path);
         return {};
