@@ -71,11 +71,9 @@ void compact(ipc_req_manager_st &manager) {
 
 void tick(void *argument);
 
-// False when the timer is needed and cannot be had.
-bool arm_timer(ipc_req_manager_st &manager) {
+void arm_timer(ipc_req_manager_st &manager) {
     if (manager.timer == 0 && heap_count(manager.expiry_heap) > 0)
         manager.timer = cl_timer_start(kTick_ms, tick, &manager);
-    return manager.timer != 0 || heap_count(manager.expiry_heap) == 0;
 }
 
 void tick(void *argument) {
@@ -154,10 +152,10 @@ int ipc_req_manager_insert(ipc_req_manager_st *manager, uint32_t reqid, void *re
         std::free(entry);
         return -1;
     }
-    // Entry and timer first: without a record they are harmless, a record without them would never expire.
-    if (!tavipc::arm_timer(*manager)) return -1;
+    // The entry first: without a record it is stale and harmless, a record without it would never expire.
     const int result = xhash_insert(manager->reqs, &reqid, sizeof reqid, record) == 0 ? 0 : -1;
     tavipc::compact(*manager);
+    tavipc::arm_timer(*manager);
     return result;
 }
 
