@@ -64,6 +64,7 @@ TEST_F(ReqManagerTest, ExpiresStrictlyAfterItsTimeInOrder) {
     w.event.advance(1000);
     EXPECT_EQ(ipc_req_manager_count(m_), 0u) << "removed without a callback";
 
+    w.event.advance(5000);
     w.event.fail_timers = 1;
     EXPECT_EQ(insert(7, 0), 0);
     w.event.advance(5000);
