@@ -121,6 +121,11 @@ int posix_memalign(void **out, size_t alignment, size_t size) noexcept {
     if (no_memory("posix_memalign", CALLER)) return ENOMEM;
     return (*out = count(SYSTEM(memalign)(alignment, size))) ? 0 : ENOMEM;
 }
+char *strdup(const char *text) noexcept { // the sanitizers' own would take memory past us
+    const size_t size = strlen(text) + 1;
+    void *copy = allocate("strdup", size, CALLER);
+    return static_cast<char *>(copy ? memcpy(copy, text, size) : nullptr);
+}
 void free(void *memory) noexcept {
     live -= memory != nullptr;
     SYSTEM(free)(memory);
