@@ -20,8 +20,9 @@ struct ProcessState {
     uint64_t trace_looked = 0; // loop clock, ms, of the last look for it
     bool file_ids_seeded = false;
     xhash_t *received_files = nullptr; // file id -> received file; lives as long as the process
-    uint32_t files_open = 0; // of received_files
+    uint32_t files_open = 0;           // of received_files
     cl_timer_t file_sweep_timer = 0;
+    bool pool_files_swept = false;
 };
 
 inline ProcessState &process_state() {

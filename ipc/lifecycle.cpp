@@ -7,6 +7,7 @@
 #include "ipc/ipc_process.h"
 #include "ipc/log.h"
 #include "ipc/out_of_memory.h"
+#include "ipc/pool_files.h"
 #include "ipc/reassembly.h"
 #include "ipc/receive.h"
 #include "ipc/transmitter.h"
@@ -41,6 +42,7 @@ bool open_queue(tav_ipc_st *ipc) {
         return false;
     }
     ipc->queue = queue.release();
+    remove_stale_pool_files(ipc->location);
     return true;
 }
 

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "ipc/pool_files.h"
+
 namespace tavipc {
 namespace {
 
@@ -22,7 +24,7 @@ cl_dunix_t take_pool_socket(ipc_queue_st &queue) {
     cl_dunix_t &slot = queue.fd_pool[queue.fd_pool_next];
     for (int attempt = 0; !slot && attempt < kSocketAttempts; ++attempt) {
         char name[64];
-        str_snprintf(name, sizeof name, "ipc%d_%d", static_cast<int>(getpid()), rand() % 10000);
+        pool_socket_name(name, sizeof name, getpid(), rand() % 10000);
         slot = create_unix_socket(queue.location, name);
     }
     if (slot) queue.fd_pool_next = (queue.fd_pool_next + 1) % queue.fd_pool_count;

@@ -1,4 +1,5 @@
 // Who may open an endpoint, under which name, and with which host id.
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <fstream>
@@ -52,6 +53,33 @@ TEST(Endpoints, LiveNameIsRefusedAndStaleFileReplaced) {
     second.ask("open name", "opened");
     sender.ask("send name 0 bytes 11 1 0 0", "sent 1"); // and the sender finds the new owner
     second.expect("msg sender 0 11");
+}
+
+TEST(Endpoints, SendingSocketsOfTheDeadAreRemoved) {
+    const Installation place{{}};
+    place.allow({"dead", "alive", "next"});
+    Process dead = place.start("dead"), alive = place.start("alive"), next = place.start("next");
+    for (const auto &[process, other] : {std::pair{&dead, "alive"}, {&alive, "dead"}}) {
+        process->ask(process == &dead ? "open dead" : "open alive", "opened");
+        process->ask("send " + std::string(other) + " 0 bytes 10 1 0 0", "sent 1");
+    }
+    const std::string pid = std::to_string(dead.pid()), living = "ipc" + std::to_string(alive.pid()) + '_';
+    EXPECT_EQ(dead.kill(), -SIGKILL);
+    const auto files_of = [&](const std::string &beginning) {
+        return std::count_if(fs::directory_iterator(place.sockets()), {}, [&](const auto &file) {
+            return file.path().filename().string().rfind(beginning, 0) == 0;
+        });
+    };
+    const std::string others[] = {"ipc" + pid + "_10001", "ipc" + pid + "_", "ipc" + pid + "_007",
+                                  "xipc" + pid + "_1"};
+    for (const auto &name : others)
+        std::ofstream(place.sockets() / name) << "not a socket, or not one's name";
+    ASSERT_EQ(files_of("ipc" + pid + '_'), 4);
+    ASSERT_EQ(files_of(living), 1);
+    next.ask("open next", "opened");
+    EXPECT_EQ(files_of("ipc" + pid + '_'), 3);
+    EXPECT_EQ(files_of(living), 1);
+    for (const auto &name : others) EXPECT_TRUE(fs::exists(place.sockets() / name)) << name;
 }
 
 TEST(Endpoints, BadNamesAreRefused) {
