@@ -1,17 +1,24 @@
 // What is different in the altered module program: the clocks that files are kept by, the draws that make
-// file ids, and how large its files may become. It also tells where it keeps received files ("temporary
-// PATH").
+// file ids, how large its files may become, and who runs it. It also tells where it keeps received files
+// ("temporary PATH").
 //
 //   TAVIPC_CLOCK_SPEED=N   time and timers of a minute or more run N times as fast; 0: time stands still
 //   TAVIPC_DRAW=N          every draw is N
 //   TAVIPC_FILE_LIMIT=N    a file ends at N bytes, as on a full disk
+//   TAVIPC_DISK=N          its /tmp is a disk of its own with N bytes (for root alone)
+//   TAVIPC_USER=N          it runs as that user (for root alone)
+//   SIGUSR1, SIGUSR2       the wall clock goes an hour forwards, back
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 
 #include <dlfcn.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include "tavcl_ev.h"
 
@@ -36,6 +43,23 @@ template <typename Function> Function *original(const char *name) {
     std::signal(SIGXFSZ, SIG_IGN); // a write then fails
 }
 
+[[gnu::constructor]] void change_place() {
+    const std::string size = "size=" + std::to_string(setting("TAVIPC_DISK", 0));
+    if (std::getenv("TAVIPC_DISK") &&
+        (unshare(CLONE_NEWNS) || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
+         mount("tmpfs", "/tmp", "tmpfs", 0, size.c_str())))
+        _exit(EXIT_FAILURE);
+    const auto user = static_cast<uid_t>(setting("TAVIPC_USER", 0));
+    if (user && (setgid(user) || setuid(user))) _exit(EXIT_FAILURE);
+}
+
+volatile std::sig_atomic_t clock_offset = 0;
+
+[[gnu::constructor]] void move_clock_on_signals() {
+    std::signal(SIGUSR1, [](int) { clock_offset = clock_offset + 3600; });
+    std::signal(SIGUSR2, [](int) { clock_offset = clock_offset - 3600; });
+}
+
 } // namespace
 
 #pragma GCC visibility push(default)
@@ -47,7 +71,8 @@ time_t time(time_t *out) noexcept {
     clock_gettime(CLOCK_REALTIME, &now);
     static const timespec begin = now;
     const long elapsed_ms = (now.tv_sec - begin.tv_sec) * 1000 + (now.tv_nsec - begin.tv_nsec) / 1'000'000;
-    const time_t result = speed == 0 ? kStandstill : begin.tv_sec + elapsed_ms * speed / 1000;
+    const time_t result =
+        (speed == 0 ? kStandstill : begin.tv_sec + elapsed_ms * speed / 1000) + clock_offset;
     if (out) *out = result;
     return result;
 }
