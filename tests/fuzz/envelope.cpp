@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 
+#include "checked_zlib.h"
 #include "compress/big_endian.h"
 #include "input.h"
 #include "tavipc/tav_compress.h"

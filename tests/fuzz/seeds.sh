@@ -43,6 +43,10 @@ for whole in 0 1 2 3 9 a b; do
 done
 seed datagrams '\x01' "$(to 0 00 00 00 00 0 '\x07\x00\x05\x09world\x07\x20\x01\x01')" # compressed, in one fragment
 seed datagrams '\x01' "$(to 0 00 00 00 00 0 '\x14\x00\x01\x00f\x0c\x00\x01')" # in 40 fragments
+burst() { # id, number
+    to 0 00 00 00 00 0 "\\x14\\x00\\x01\\x00f\\x0c\\x0$2\\x0$1"
+}
+seed datagrams '\x01' "$(burst 1 0)" "$(burst 2 1)" "$(to 0 00 00 00 00 0 '\x04\x00\x01\x00f\x0c\x01\x02')" # with a gap
 seed datagrams '\x01' '\x0b\x00\x00\x00\x08\x00\x03\x00abc\x07' '\x09\x00\xfa' '\x0b\x00\x00\x00\x08\x00\x03\x00abc\x07' '\x09\x00\xf4'
 seed datagrams '\x01' "$(to 1 00 06 00 81 5 "$hello")" "$(to 1 00 06 00 82 5 "$hello")" \
     "$(to 1 01 06 00 82 5 "$hello")" "$(to 1 00 06 00 83 5 '\x00\x00\x00\x00')" '\x0d\x01' \
@@ -53,7 +57,7 @@ seed datagrams '\x10' '\x0a\x00\x01\x02\x01\x03\x00abc' '\x09\x00\x65' '\x08\x02
 seed datagrams '\x01' '\x0b\x13\x00\x00\x01\x00\x08\xf1abcdefgh' '\x0c\x00' '\x0c\x01' '\x09\x00\x00'
 seed datagrams '\x0d' '\x0b\x18\x00\x00\x03\x00\x40\x03' "$(repeat 64 z)" '\x09\x01\x68' '\x08\x01' '\x09\x00\x70' '\x08\x02'
 seed datagrams '\x01' '\x0a\x00\x0b\x03\x05' '\x0c\x00\x0c\x00\x0c\x00\x0c\x00\x0c\x00\x0c\x00\x0c\x00\x0c\x00'
-seed datagrams '\x01' '\x0f\xff\x00' "$(to 0 00 00 00 00 0 "$(fragment 5 0)")" '\x08\x04'
+seed datagrams '\xff' '\x0f\xff\x00' "$(to 0 00 00 00 00 0 "$(fragment 5 0)")" '\x08\x04'
 seed datagrams '\x01' '\x0f\x02\x03' '\x0a\x00\x02\x05\x05' '\x08\x00\x08\x02\x08\x03' '\x0d\x02\x02' '\x0d\x03\x01'
 for flaw in c0 c1 c2 c3 c4 c5 ff; do
     seed datagrams '\x01' "$(to 0 00 00 00 00 0 "\\x03\\x${flaw}\\x05\\x09world\\x07\\x0a\\x00\\x10")"
@@ -70,6 +74,7 @@ dictionary datagrams '3200' '\x01\x00' '\x0a\x00' '\x00\xFA\x00\x00' '\xFF\xFF\x
 seed header '\x06\x00\x05' "$header" hello
 seed header '\x07\x25\xff\xff' "$header" '%%s%%n'
 seed header '\x0e\x1c\x10' "$(repeat 60 '\xff')" "$(repeat 64 x)"
+seed header '\x06\x00\x05' "$header" "$(repeat 1100 x)"
 seed header '\x16\x00\x00' "$(repeat 48 '\x01')" '\xe8\xfd\x00\x00\x01\x00\x07\x00' '\x00\x00\x00\x00' '../x'
 dictionary header '/' '..' '_proxy_' '%n' '3200' '\x00\xFA\x00\x00' '\xFF\xFF\xFF\xFF' '\xFE\x03'
 
@@ -108,6 +113,7 @@ seed ini '\xdf\x00' '[config]\naddr = example.invalid\n[port]\nipc = 8099\n'
 seed ini '\xff\x00' '[ipc_proxy]\ndisable_offline_cache=1\n[transfer]\neagain_retry_interval_ms=-5\n' \
     'eagain_max_retry_times=99999999999999999999\n'
 seed ini '\xff\x00' '[' "$(repeat 60 s)" ']\nkey=' "$(repeat 4100 v)" '\nnext=1'
+for size in 4092 4093 4094 4095; do seed ini '\xff\x00k=' "$(repeat $size v)" '\nnext=1'; done
 for form in 00 3f c0 ff; do seed ini "\\x01\\x04abcdef\\x02keys\\x05values\\x$form"; done
 dictionary ini '[agent]' '[locations]' '[config]' '[port]' '[ipc_proxy]' '[transfer]' 'location=' 'deploy_type=' \
     'agent_type=' 'cnapp=' 'hostid=' 'addr=' 'ipc=' 'disable_offline_cache=' 'eagain_retry_interval_ms=' \
