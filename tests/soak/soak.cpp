@@ -279,8 +279,11 @@ void Soak::finish() {
     for (const Module &module : modules_)
         std::printf("    %s: %d, %d, %d, %d\n", module.name.c_str(), module.life, module.kills, module.stops,
                     module.closes);
+    start(0);
+    good_ &= modules_[0].process->finish() == 0;
     const auto left = std::distance(fs::directory_iterator(place_.sockets()), fs::directory_iterator());
-    std::printf("socket files left: %ld\n", left);
+    std::printf("socket files left: %td, temporary files: %zu\n", left, temporaries_.size());
+    good_ &= left == 0;
 }
 
 bool Soak::run() {
