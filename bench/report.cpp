@@ -146,7 +146,7 @@ void write_json(const std::string &path, const std::vector<WorkResults> &all, un
 
 // For each work a bar a system, from the line 1 (as fast) to the ratio, on a logarithmic axis.
 void write_svg(const std::string &path, const std::vector<WorkResults> &all) {
-    constexpr int kLeft = 330, kWidth = 520, kBar = 7;
+    constexpr int kLeft = 360, kWidth = 520, kBar = 7;
     constexpr double kFrom = -2, kTo = 4; // powers of two
     const auto at = [&](double times) {
         return kLeft + (std::clamp(std::log2(times), kFrom, kTo) - kFrom) / (kTo - kFrom) * kWidth;
@@ -181,11 +181,12 @@ void write_svg(const std::string &path, const std::vector<WorkResults> &all) {
                   "' text-anchor='middle'>" + number(std::exp2(power)) + " x</text>\n";
     }
     std::ofstream out(path);
-    out << "<svg xmlns='http://www.w3.org/2000/svg' width='880' height='" << y + 24
+    out << "<svg xmlns='http://www.w3.org/2000/svg' width='910' height='" << y + 44
         << "' font-family='sans-serif' font-size='12'>\n<title>How many times as fast as others tavipc "
            "is</title>\n"
         << "<rect width='100%' height='100%' fill='#fff'/>\n"
-        << legend << rows << "</svg>\n";
+        << legend << rows << "<text x='" << at(1) << "' y='" << y + 34
+        << "' text-anchor='middle'>how many times as fast tavipc is</text>\n</svg>\n";
     check(static_cast<bool>(out.flush()), path.c_str());
 }
 
