@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -88,16 +89,14 @@ void Ledger::note_delivery(size_t index, const std::vector<std::string> &w) {
 
 void Ledger::note_file_began(uint32_t id, const std::string &digest) { learn(entries.at(id), digest); }
 
-// The size, which is unlike those of all others, tells which file it is.
-void Ledger::note_file_got(size_t index, const std::string &size, const std::string &digest) {
-    for (Entry &entry : entries)
-        if (entry.kind == kFile && std::to_string(entry.size) == size) {
-            learn(entry, digest);
-            ++entry.delivered;
-            entry.changed |= entry.to != index;
-            return;
-        }
-    ++other_lines_["a file without its beginning: its receiver was started anew in time for the rest"];
+void Ledger::note_file_got(size_t index, uint32_t size, const std::string &digest) {
+    const auto found = files.find(size);
+    if (found == files.end())
+        return void(++other_lines_["a file without its beginning: its receiver was started anew meanwhile"]);
+    Entry &entry = entries[found->second];
+    learn(entry, digest);
+    ++entry.delivered;
+    entry.changed |= entry.to != index;
 }
 
 void Ledger::note_completion(Entry &entry, int32_t code, const std::string &answer) {
@@ -255,13 +254,13 @@ bool Ledger::report(double begun) {
                             kKindNames[entry.kind], id, entry.size, entry.from, entry.life, entry.to,
                             entry.begun - begun);
         }
-    std::printf("%zu entries, %.1f GB delivered, slowest delivery %.1f s, %lu unknown messages\n",
+    std::printf("%zu entries, %.1f GB delivered, slowest delivery %.1f s, %" PRIu64 " unknown messages\n",
                 entries.size() - 1, static_cast<double>(bytes_) / 1e9, slowest_, unknown_);
     for (const auto &[title, counts] : {std::pair{"", &verdicts},
                                         {"log lines of drops, one for each datagram:\n", &reasons_},
                                         {"other log lines and notes:\n", &other_lines_}}) {
         std::fputs(title, stdout);
-        for (const auto &[what, count] : *counts) std::printf("%10lu  %s\n", count, what.c_str());
+        for (const auto &[what, count] : *counts) std::printf("%10" PRIu64 "  %s\n", count, what.c_str());
     }
     return faults == 0;
 }

@@ -47,13 +47,14 @@ struct Gap {
 
 class Ledger {
   public:
-    std::vector<Entry> entries{1}; // by id; none has the id 0
+    std::vector<Entry> entries{1};      // by id; none has the id 0
+    std::map<uint32_t, uint32_t> files; // size to id
     std::vector<Gap> gaps[kModules];
 
     // Takes a line of a module other than those about files: its index and the number of its life.
     void note(size_t index, int life, const std::string &event);
     void note_file_began(uint32_t id, const std::string &digest);
-    void note_file_got(size_t index, const std::string &size, const std::string &digest);
+    void note_file_got(size_t index, uint32_t size, const std::string &digest);
     void note_completion(Entry &entry, int32_t code, const std::string &answer);
     // Prints the verdicts. Whether everything is accounted for.
     bool report(double begun);

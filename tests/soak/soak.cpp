@@ -183,12 +183,13 @@ void Soak::exchange(Module &module, Entry entry) {
     module.process->say(command.str());
 }
 
-// One at a time for each module. The size tells which file it is.
+// One at a time for each module. The size, unlike that of all others, tells which file it is.
 void Soak::send_file(Module &module, Entry entry) {
     if (module.file) return;
     module.file = static_cast<uint32_t>(ledger_.entries.size());
     entry.kind = kFile;
-    entry.size = draw(40) * 65'536 + module.file % 65'536;
+    entry.size = draw(40) * 65'536 + static_cast<uint32_t>(ledger_.files.size() + 1);
+    ledger_.files.emplace(entry.size, module.file);
     entry.patience = 1e6;
     const fs::path path = root_ / (module.name + ".file");
     std::string bytes(entry.size, '\0');
@@ -223,7 +224,7 @@ void Soak::note(size_t index, const std::string &event) {
         ledger_.note_completion(ledger_.entries.at(module.file), std::stoi(w.at(1)), "");
         module.file = 0;
     } else if (w[0] == "got") {
-        ledger_.note_file_got(index, w.at(1), w.at(2));
+        ledger_.note_file_got(index, static_cast<uint32_t>(std::stoul(w.at(1))), w.at(2));
     } else if (w[0] == "temporary") {
         temporaries_.push_back(w.at(1));
     } else {
