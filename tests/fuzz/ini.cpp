@@ -3,7 +3,9 @@
 #include <cstring>
 #include <memory>
 
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <ini.h>
 #include <sys/syscall.h>
 
 #include "agentid/conf_dir.h"
@@ -74,6 +76,21 @@ extern "C" {
 __attribute__((visibility("default"))) int open(const char *path, int flags, ...) {
     if (std::string_view(path).ends_with(".ini")) return fuzz::memory_file(ini_text);
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, 0600));
+}
+// AddressSanitizer does not know libinih's line buffer: the reader fills one of its own.
+__attribute__((visibility("default"))) int ini_parse_stream(ini_reader reader, void *stream,
+                                                            ini_handler handler, void *user) {
+    static const auto real = reinterpret_cast<decltype(&ini_parse_stream)>(dlsym(RTLD_NEXT, __func__));
+    struct Source {
+        ini_reader reader;
+        void *stream;
+    } source{reader, stream};
+    const auto read = [](char *buffer, int size, void *from) -> char * {
+        const auto *inner = static_cast<const Source *>(from);
+        const std::unique_ptr<char[]> own(new char[static_cast<size_t>(size)]);
+        return inner->reader(own.get(), size, inner->stream) ? strcpy(buffer, own.get()) : nullptr;
+    };
+    return real(read, &source, handler, user);
 }
 int get_ipaddr_by_host(const char *host, char *ip) noexcept {
     if (*host == '!') return 0;

@@ -46,7 +46,7 @@ seed datagrams '\x01' "$(to 0 00 00 00 00 0 '\x14\x00\x01\x00f\x0c\x00\x01')" # 
 burst() { # id, number
     to 0 00 00 00 00 0 "\\x14\\x00\\x01\\x00f\\x0c\\x0$2\\x0$1"
 }
-seed datagrams '\x01' "$(burst 1 0)" "$(burst 2 1)" "$(to 0 00 00 00 00 0 '\x04\x00\x01\x00f\x0c\x01\x02')" # with a gap
+seed datagrams '\x01' "$(burst 1 0)" '\x00' "$(burst 2 1)" "$(to 0 00 00 00 00 0 '\x04\x00\x01\x00f\x0c\x01\x02')" # with a gap
 seed datagrams '\x01' '\x0b\x00\x00\x00\x08\x00\x03\x00abc\x07' '\x09\x00\xfa' '\x0b\x00\x00\x00\x08\x00\x03\x00abc\x07' '\x09\x00\xf4'
 seed datagrams '\x01' "$(to 1 00 06 00 81 5 "$hello")" "$(to 1 00 06 00 82 5 "$hello")" \
     "$(to 1 01 06 00 82 5 "$hello")" "$(to 1 00 06 00 83 5 '\x00\x00\x00\x00')" '\x0d\x01' \
