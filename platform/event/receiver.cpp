@@ -9,7 +9,7 @@ namespace tavcl_ev {
 namespace {
 
 constexpr unsigned kMaxPerTurn = 64;
-constexpr unsigned kLookForMore = 8;
+constexpr unsigned kSingles = 4;
 
 // Returns the batch to its pool at the end of a drain.
 struct BatchLoan {
@@ -44,7 +44,7 @@ void Receiver::close() noexcept {
 
 void Receiver::drain() noexcept {
     BatchLoan own{batches_, nullptr};
-    const unsigned most = one_by_one_ && ++drains_ % kLookForMore != 0 ? 1 : kMaxPerTurn;
+    const unsigned most = singles_ >= kSingles && singles_ % kSingles != 0 ? 1 : kMaxPerTurn;
     unsigned fetched = 0;
     for (unsigned left = most; callback_ && left > 0; --left) {
         if (!fetched_ || fetched_->empty()) {
@@ -57,7 +57,7 @@ void Receiver::drain() noexcept {
         deliver(fetched_->take(), CL_EV_OK);
     }
     if (fetched_ == own.batch.get()) fetched_ = nullptr;
-    one_by_one_ = fetched <= 1;
+    singles_ = fetched <= 1 ? singles_ + 1 : 0;
 }
 
 // Returns the number of datagrams that the batch holds.

@@ -6,7 +6,7 @@
 // returns, unless the socket was closed.
 //
 // Where datagrams come one by one, asking for more than one is a wasted look into the socket (a third of a
-// microsecond): then a drain asks for one, and only every eighth for more. Where they come in numbers, it
+// microsecond): then a drain asks for one, and only every fourth for more. Where they come in numbers, it
 // asks until there are none: with a quick sender the next is there before the loop has gone round, and
 // neither side goes to sleep.
 #pragma once
@@ -42,8 +42,7 @@ class Receiver {
     cl_dunix_recv_cb callback_ = nullptr; // null: not started, or closed
     void *context_ = nullptr;
     RecvBatch *fetched_ = nullptr;
-    bool one_by_one_ = false;
-    unsigned drains_ = 0;
+    unsigned singles_ = 0; // drains in a row that found no more than one datagram
 };
 
 } // namespace tavcl_ev
