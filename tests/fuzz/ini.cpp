@@ -27,7 +27,7 @@ void check_value(const char *value) {
 }
 
 void ask_facts() {
-    const Facts facts = load();
+    const Facts facts = read_facts(load_file());
     const IniFile owner(const_cast<ini_file_t *>(facts.file));
     FUZZ_CHECK(!facts.deploy_type || (strlen(facts.deploy_type) <= 64 && *facts.deploy_type != '/' &&
                                       !strstr(facts.deploy_type, "..")));
