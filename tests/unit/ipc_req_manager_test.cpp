@@ -1,5 +1,7 @@
 #include "tavipc/ipc_req_manager.h"
 
+#include <deque>
+
 #include "fakes.h"
 
 using Ids = std::vector<uint32_t>;
@@ -23,7 +25,7 @@ class ReqManagerTest : public FakeWorld {
         ipc_req_manager_uninit(m_);
         delete std::exchange(m_, nullptr);
     }
-    static uint32_t id_of(void *record) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(record)); }
+    static uint32_t id_of(void *record) { return *static_cast<uint32_t *>(record); }
     static void on_timeout(uint32_t reqid, void *record, void *user) {
         auto *self = static_cast<ReqManagerTest *>(user);
         EXPECT_EQ(id_of(record), reqid);
@@ -32,7 +34,7 @@ class ReqManagerTest : public FakeWorld {
     }
     int insert(uint32_t reqid, uint32_t in_ms) {
         const auto expire = static_cast<int64_t>(w.clock.loop_ms + in_ms);
-        return ipc_req_manager_insert(m_, reqid, reinterpret_cast<void *>(reqid + (++serial_ << 32)), expire);
+        return ipc_req_manager_insert(m_, reqid, &records_.emplace_back(reqid), expire);
     }
     // Fills the heap with total entries, of which the lowest ids are live, and inserts one more.
     void fill(uint32_t total, uint32_t live) {
@@ -42,7 +44,7 @@ class ReqManagerTest : public FakeWorld {
     }
 
     ipc_req_manager_st *m_ = nullptr;
-    uintptr_t serial_ = 0; // tells records of one id apart
+    std::deque<uint32_t> records_; // one id may have several
     Ids expired_;
 };
 
