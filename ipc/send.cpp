@@ -35,8 +35,21 @@ void settle_sent() {
     if (cl_dunix_settle) cl_dunix_settle(kHeldBytes);
 }
 
+// Keeps a module info, which may be released when nothing of it is under way: settling can end what was.
+class InUse {
+  public:
+    explicit InUse(mod_info_st &mod) : mod_(mod) { ++mod_.sending; }
+    ~InUse() { --mod_.sending; }
+    InUse(const InUse &) = delete;
+    InUse &operator=(const InUse &) = delete;
+
+  private:
+    mod_info_st &mod_;
+};
+
 int send_fragments(const Route &route, const tav_ipc_hdr_st &message, const void *payload) {
     tav_ipc_hdr_st header = message;
+    const InUse keep(*route.mod);
     header.frag_orig = message.size;
     header.frag_id = static_cast<uint16_t>(ipc_rand_by_time() & 0xFFFF);
     const uint32_t count = (message.size + kFragmentPayload - 1) / kFragmentPayload;

@@ -66,6 +66,7 @@ struct Event {
     std::map<cl_dunix_t, Socket> sockets;
     std::deque<Send> sends; // every accepted send, in order
     uint64_t last_id = 0;
+    bool settles = false; // cl_dunix_settle completes what is pending
     int fail_timers = 0, fail_create = 0, fail_recv = 0, fail_send = 0; // so many calls fail from now on
 
     size_t pending() const;                  // sends not completed
