@@ -1,5 +1,6 @@
 #include "agentid/vm_id.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <jansson.h>
@@ -9,7 +10,7 @@
 #include "ipc/log.h"
 #include "ipc/regular_file.h"
 
-uint64_t g_vmid = 0;
+alignas(std::atomic_ref<uint64_t>::required_alignment) uint64_t g_vmid = 0;
 
 namespace tavipc {
 namespace {
@@ -19,6 +20,9 @@ constexpr char kGuestToolOption[] = "-getvmid";
 constexpr char kVmIdKey[] = "vmid";
 constexpr size_t kShellSize = 1024;
 constexpr long kIdOnlySize = 4; // length of a machineid without MAC addresses
+
+// Threads may determine the id at once; who reads the variable itself does so later.
+std::atomic_ref<uint64_t> known_id() noexcept { return std::atomic_ref(g_vmid); }
 
 struct JsonDecref {
     void operator()(json_t *value) const noexcept { json_decref(value); }
@@ -72,9 +76,9 @@ using namespace tavipc;
 
 uint64_t GetVMID(bool use_global) noexcept {
     TAV_LOG(4, "tav_agentid", "GetVMID, use global vmid: %d", static_cast<int>(use_global));
-    if (use_global && g_vmid != 0) return g_vmid;
+    if (const uint64_t known = known_id(); use_global && known != 0) return known;
     const uint64_t id = run_guest_tool();
-    if (use_global && id != 0) g_vmid = id;
+    if (use_global && id != 0) known_id() = id;
     return id;
 }
 
@@ -92,13 +96,14 @@ unsigned int CreateAgentIdByVMID(const char *machineid_path) noexcept {
         TAV_LOG(3, "tav_agentid", "agent id already calculated by MAC");
         return 0;
     }
-    if (g_vmid == 0) g_vmid = GetVMID(true);
-    if (g_vmid == 0) {
+    uint64_t vm_id = known_id();
+    if (vm_id == 0) vm_id = GetVMID(true);
+    if (vm_id == 0) {
         file.reset();
         TAV_LOG(1, "tav_agentid", "get current vmid failed, get vmid failed, abort process");
         abort();
     }
-    const auto low_word = static_cast<uint32_t>(g_vmid);
+    const auto low_word = static_cast<uint32_t>(vm_id);
     char text[20];
     str_snprintf(text, sizeof text, "%u", static_cast<unsigned int>(low_word));
     const unsigned int id = orlask_crc32(text, static_cast<uint32_t>(strlen(text)));

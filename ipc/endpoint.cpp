@@ -87,8 +87,9 @@ uint32_t tav_calculate_hostid() noexcept {
 }
 
 uint32_t tav_get_hostid() noexcept {
-    uint32_t &cached = process_state().hostid;
-    if (IsCNAPPAgent()) cached = get_hostid();
-    if (cached == 0) cached = tav_calculate_hostid();
-    return cached;
+    uint32_t hostid = process_state().hostid;
+    if (IsCNAPPAgent()) hostid = get_hostid();
+    if (hostid == 0) hostid = tav_calculate_hostid();
+    process_state().hostid = hostid;
+    return hostid;
 }

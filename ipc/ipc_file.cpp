@@ -187,7 +187,7 @@ void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *pat
 }
 
 int32_t tav_ipc_get_random_file_id(uint32_t hostid) noexcept {
-    bool &seeded = process_state().file_ids_seeded;
+    Relaxed<bool> &seeded = process_state().file_ids_seeded;
     if (!seeded) {
         seeded = true;
         srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(time(nullptr)) ^

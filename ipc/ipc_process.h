@@ -1,9 +1,12 @@
-// Every process-wide variable of the IPC core, in one place. None is synchronised: one thread of a process
-// drives its endpoints. (The log's rate limits stand at their call sites, the agent id in agentid/.)
+// Every process-wide variable of the IPC core, in one place. Threads that each drive endpoints of their own
+// share the relaxed ones; the configuration is there before they start, and what is about received files
+// belongs to the one thread that receives them. (The log's rate limits stand at their call sites, the agent
+// id in agentid/.)
 #pragma once
 
 #include <cstdint>
 
+#include "ipc/relaxed.h"
 #include "tavbase.h"
 #include "tavcl_ev.h"
 #include "tavipc/tav_ipc.h"
@@ -11,18 +14,18 @@
 namespace tavipc {
 
 struct ProcessState {
-    uint32_t hostid = 0;       // cached host id, 0 = not known
-    uint16_t trace_flag = 0;   // IPC_FLAG_TRACE after IPC_TEST, ORed into every header
-    uint32_t last_reqid = 0;   // last message id drawn
-    bool conf_loaded = false;  // load_ipc_proxy_conf has run
-    ipc_proxy_conf_st conf{};  // its record
-    bool trace_all = false;    // mirrors whether /tmp/ipc_debug exists
-    uint64_t trace_looked = 0; // loop clock, ms, of the last look for it
-    bool file_ids_seeded = false;
+    Relaxed<uint32_t> hostid = 0;       // cached host id, 0 = not known
+    Relaxed<uint16_t> trace_flag = 0;   // IPC_FLAG_TRACE after IPC_TEST, ORed into every header
+    Relaxed<uint32_t> last_reqid = 0;   // last message id drawn
+    bool conf_loaded = false;           // load_ipc_proxy_conf has run
+    ipc_proxy_conf_st conf{};           // its record
+    Relaxed<bool> trace_all = false;    // mirrors whether /tmp/ipc_debug exists
+    Relaxed<uint64_t> trace_looked = 0; // loop clock, ms, of the last look for it
+    Relaxed<bool> file_ids_seeded = false;
     xhash_t *received_files = nullptr; // file id -> received file; lives as long as the process
     uint32_t files_open = 0;           // of received_files
     cl_timer_t file_sweep_timer = 0;
-    bool pool_files_swept = false;
+    Relaxed<bool> pool_files_swept = false;
 };
 
 inline ProcessState &process_state() {
@@ -30,11 +33,10 @@ inline ProcessState &process_state() {
     return state;
 }
 
-// A new message id: counts from 1 and skips 0.
+// A new message id, no other thread has it: counts from 1 and skips 0.
 inline uint32_t next_reqid() {
-    uint32_t &last = process_state().last_reqid;
-    if (++last == 0) last = 1;
-    return last;
+    const uint32_t id = ++process_state().last_reqid;
+    return id != 0 ? id : next_reqid();
 }
 
 } // namespace tavipc

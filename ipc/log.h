@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "ipc/relaxed.h"
 #include "tavbase.h"
 
 // One line at a level, if that level is on.
@@ -24,7 +25,8 @@ namespace tavipc {
 
 class RateLimit {
   public:
-    // True when more than 5,000 ms of the tick clock have passed since it last was.
+    // True when more than 5,000 ms of the tick clock have passed since it last was; in threads that ask at
+    // the same moment, perhaps in each.
     bool pass() {
         const auto now_ms = static_cast<uint32_t>(timer_ticks2ms(timer_get_ticks()));
         if (static_cast<uint32_t>(now_ms - last_ms_) <= 5000) return false;
@@ -33,7 +35,7 @@ class RateLimit {
     }
 
   private:
-    uint32_t last_ms_ = 0;
+    Relaxed<uint32_t> last_ms_ = 0;
 };
 
 } // namespace tavipc

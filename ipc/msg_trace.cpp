@@ -27,9 +27,10 @@ bool can_open(const char *path) {
 bool trace_everything() {
     ProcessState &state = process_state();
     const uint64_t now = cl_event_loop_now();
-    if (now < state.trace_looked) {
+    const uint64_t looked = state.trace_looked; // by a thread whose loop's clock may be ahead
+    if (now < looked) {
         state.trace_looked = now;
-    } else if (now - state.trace_looked > kLookInterval_ms) {
+    } else if (now - looked > kLookInterval_ms) {
         state.trace_all = can_open(kSwitchFile);
         state.trace_looked = now;
     }

@@ -53,7 +53,7 @@ void pool_socket_name(char *out, size_t size, pid_t pid, int number) {
 }
 
 void remove_stale_pool_files(int32_t location) noexcept {
-    bool &done = process_state().pool_files_swept;
+    Relaxed<bool> &done = process_state().pool_files_swept;
     if (done) return;
     done = true;
     char directory[sizeof(sockaddr_un)];

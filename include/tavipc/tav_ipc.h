@@ -14,6 +14,12 @@
  *     status 0, after "Out of memory" or "memory not enough" in the log (level 0). These are addresses,
  *     endpoint handles, outstanding exchanges, the fragments of a large message that is sent, a message
  *     that is put together and a file that is received. Everything else fails as its comment says.
+ *
+ * Threads: each thread of a process may have endpoints of its own, on its own loop; message ids are unique in
+ * the process. Functions without an endpoint (addresses, texts, host ids, traces) may be called on any
+ * thread. Not so these two: all endpoints that accept files belong to one thread, also for tav_ipc_save_file
+ * and tav_ipc_get_file_path; and load_ipc_proxy_conf is called before the first endpoint of any thread is
+ * made.
  */
 #ifndef TAVIPC_TAV_IPC_H
 #define TAVIPC_TAV_IPC_H
