@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <set>
 
 #include "process.h"
 
@@ -52,7 +51,7 @@ double now() {
 
 // --- what the modules say
 
-void Ledger::note(size_t index, int life, const std::string &event) {
+void Ledger::note(size_t index, const std::string &event) {
     const auto w = stage::words(event);
     if (w.empty()) return;
     if (w[0] == "posted")
@@ -64,14 +63,13 @@ void Ledger::note(size_t index, int life, const std::string &event) {
     else if (w[0] == "exchanged")
         note_completion(entries.at(std::stoul(w.at(1))), std::stoi(w.at(2)), w.at(3));
     else if (w[0] == "log")
-        note_log(index, life, event);
+        note_log(index, event);
 }
 
 void Ledger::note_posted(const std::vector<std::string> &w) {
     Entry &entry = entries.at(std::stoul(w.at(1)));
     learn(entry, w.at(6));
     entry.code = std::stoi(w.at(2));
-    entry.reqid = static_cast<uint32_t>(std::stoul(w.at(3)));
     entry.begun = std::stod(w.at(4)) / 1e6;
     entry.ended = std::stod(w.at(5)) / 1e6;
 }
@@ -84,7 +82,7 @@ void Ledger::note_delivery(size_t index, const std::vector<std::string> &w) {
     ++entry.delivered;
     entry.changed |= entry.to != index || w.at(1) != "m" + std::to_string(entry.from);
     bytes_ += entry.size;
-    if (w[0] == "msg") slowest_ = std::max(slowest_, std::stod(w.at(4)) / 1e6 - entry.begun);
+    entry.took = static_cast<float>((w[0] == "msg" ? std::stod(w.at(4)) / 1e6 : now()) - entry.begun);
 }
 
 void Ledger::note_file_began(uint32_t id, const std::string &digest) { learn(entries.at(id), digest); }
@@ -107,7 +105,7 @@ void Ledger::note_completion(Entry &entry, int32_t code, const std::string &answ
 }
 
 // "... drop it|...|src=[4242:m1:2]|dest=[0:m2:0]|reqid=7|frag_seq=0|frag_id=0|size=100|frag_orig=0"
-void Ledger::note_log(size_t index, int life, const std::string &event) {
+void Ledger::note_log(size_t index, const std::string &event) {
     const auto number = [&](const char *name) {
         return static_cast<uint32_t>(std::stoul(event.substr(event.find(name) + strlen(name))));
     };
@@ -116,9 +114,12 @@ void Ledger::note_log(size_t index, int life, const std::string &event) {
     if (event.find("drop it|") == std::string::npos || dest == std::string::npos)
         return void(++other_lines_[why.substr(0, why.find_first_of(":,[%"))]);
     const auto to = static_cast<uint8_t>(event[event.find(":m", dest) + 2] - '0');
-    const uint32_t whole = number("|frag_orig="), reqid = number("|reqid=");
-    drops_.insert(
-        {reqid, {static_cast<uint8_t>(index), to, life, whole ? whole : number("|size="), reqid, false}});
+    constexpr uint32_t kOurs = 0x80000000; // reqids of messages; the library drew the others
+    const uint32_t reqid = number("|reqid=");
+    if (reqid >= kOurs)
+        dropped_.insert(reqid - kOurs);
+    else
+        drops_.push_back({static_cast<uint8_t>(index), to, number("|size="), now(), false});
     ++reasons_[why + ", " + event.substr(error, event.find(')', error) + 1 - error)];
 }
 
@@ -173,28 +174,21 @@ bool Ledger::shares_id(uint32_t id) {
     return false;
 }
 
+// A line about a question or its answer, whose ids are not known: by size and time.
 bool Ledger::find_drop(const Entry &entry) {
-    bool found = false;
-    const auto [begin, end] = drops_.equal_range(entry.reqid);
-    for (auto at = begin; at != end; ++at) {
-        Drop &drop = at->second;
-        if (drop.from == entry.from && drop.to == entry.to && drop.life == entry.life &&
-            (entry.compressed || drop.size == entry.size))
-            found = drop.used = true;
-    }
-    return found;
-}
-
-// A line about a question or its answer, whose ids are not known.
-bool Ledger::find_other_drop(const Entry &entry) {
-    const bool any_size = entry.kind == kProbe || entry.kind == kFile;
-    for (auto &[reqid, drop] : drops_) {
-        const bool there =
-            drop.from == entry.from && drop.to == entry.to && (any_size || drop.size == entry.size);
-        const bool back =
-            drop.from == entry.to && drop.to == entry.from && (drop.size == 4 || drop.size == entry.size);
-        if (!drop.used && (there || back)) return drop.used = true;
-    }
+    const auto asked = [&](uint32_t size) {
+        if (entry.kind == kFile)
+            return size == kLargestDatagram || size == entry.size % kLargestDatagram || size == 0;
+        return size == (entry.kind == kProbe ? 0 : entry.size);
+    };
+    const uint32_t answer = entry.kind == kRequest ? entry.size : 4;
+    for (const bool back : {false, true})
+        for (Drop &drop : drops_) {
+            if (drop.used || drop.at < entry.begun || drop.at > entry.begun + 60) continue;
+            if (drop.from == (back ? entry.to : entry.from) && drop.to == (back ? entry.from : entry.to) &&
+                (back ? drop.size == answer : asked(drop.size)))
+                return drop.used = true;
+        }
     return false;
 }
 
@@ -203,7 +197,7 @@ std::string Ledger::judge_message(uint32_t id) {
     const bool fragmented = entry.size > kLargestDatagram;
     if (!entry.posted) return cut_off(entry).empty() ? "FAULT: no result" : "not sent: its sender was killed";
     if (entry.code != 0) return entry.delivered ? "FAULT: refused and delivered" : "refused";
-    const bool dropped = find_drop(entry);
+    const bool dropped = dropped_.count(id) > 0;
     if (entry.delivered == 1 && !entry.changed) return dropped ? "FAULT: delivered and dropped" : "delivered";
     if (dropped && entry.delivered == 0) return "dropped";
     if (fragmented && shares_id(id))
@@ -231,9 +225,8 @@ std::string Ledger::judge_exchange(uint32_t id) {
         return outcome;
     }
     const bool explained =
-        entry.code == -102
-            ? !cut_off(entry).empty() || ran_too_little(entry, entry.kind == kProbe ? 4 : 7.5) ||
-                  find_other_drop(entry)
+        entry.code == -102 ? !cut_off(entry).empty() ||
+                                 ran_too_little(entry, entry.kind == kProbe ? 4 : 7.5) || find_drop(entry)
         : entry.code == -103
             ? sender_ended(entry, Gap::kClosed)
             : entry.code == -101 || (file && entry.code == -106); // two drew the same file id
@@ -243,24 +236,32 @@ std::string Ledger::judge_exchange(uint32_t id) {
 bool Ledger::report(double begun) {
     std::map<std::string, uint64_t> verdicts;
     uint64_t faults = unknown_;
-    for (const bool exchanges : {false, true}) // messages take the log lines that name them first
-        for (uint32_t id = 1; id < entries.size(); ++id) {
-            const Entry &entry = entries[id];
-            if ((entry.kind != kMessage) != exchanges) continue;
-            const std::string verdict = exchanges ? judge_exchange(id) : judge_message(id);
-            ++verdicts[(exchanges ? "exchange: " : "message: ") + verdict];
-            if (verdict.compare(0, 5, "FAULT") == 0 && ++faults <= 20)
-                std::printf("%s: %s %u of %u bytes, m%u (life %d) to m%u at %.3f s\n", verdict.c_str(),
-                            kKindNames[entry.kind], id, entry.size, entry.from, entry.life, entry.to,
-                            entry.begun - begun);
-        }
-    std::printf("%zu entries, %.1f GB delivered, slowest delivery %.1f s, %" PRIu64 " unknown messages\n",
-                entries.size() - 1, static_cast<double>(bytes_) / 1e9, slowest_, unknown_);
+    const auto show = [&](const std::string &what, uint32_t id) {
+        const Entry &entry = entries[id];
+        std::printf(
+            "%s: %s %u of %u bytes, m%u (life %d) to m%u at %.3f s, delivered %u times, %.1f s later\n",
+            what.c_str(), kKindNames[entry.kind], id, entry.size, entry.from, entry.life, entry.to,
+            entry.begun - begun, entry.delivered, entry.took);
+    };
+    uint32_t slowest = 0;
+    double longest = 0;
+    for (uint32_t id = 1; id < entries.size(); ++id) {
+        const Entry &entry = entries[id];
+        const bool message = entry.kind == kMessage;
+        const std::string verdict = message ? judge_message(id) : judge_exchange(id);
+        ++verdicts[(message ? "message: " : "exchange: ") + verdict];
+        if (verdict.compare(0, 5, "FAULT") == 0 && ++faults <= 20) show(verdict, id);
+        const double took = entry.took - away(entry, entry.begun + entry.took);
+        if (took > longest) longest = took, slowest = id;
+    }
+    std::printf("%zu entries, %.1f GB delivered, %lu unknown messages\n", entries.size() - 1,
+                static_cast<double>(bytes_) / 1e9, unknown_);
+    show("slowest, standing still aside", slowest);
     for (const auto &[title, counts] : {std::pair{"", &verdicts},
                                         {"log lines of drops, one for each datagram:\n", &reasons_},
                                         {"other log lines and notes:\n", &other_lines_}}) {
         std::fputs(title, stdout);
-        for (const auto &[what, count] : *counts) std::printf("%10" PRIu64 "  %s\n", count, what.c_str());
+        for (const auto &[what, count] : *counts) std::printf("%10lu  %s\n", count, what.c_str());
     }
     return faults == 0;
 }

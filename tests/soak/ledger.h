@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -33,9 +34,9 @@ struct Entry {
     uint16_t delivered = 0, completed = 0;
     int life = 0;     // of the sender
     int32_t code = 0; // of the callback, or what sending returned
-    uint32_t size = 0, reqid = 0;
-    float patience = 0;          // its time-out, seconds
-    double begun = 0, ended = 0; // the call
+    uint32_t size = 0;
+    float patience = 0, took = 0; // its time-out, and the time until it was delivered, in seconds
+    double begun = 0, ended = 0;  // the call
     uint64_t digest = 0, answer = 0;
 };
 
@@ -51,8 +52,8 @@ class Ledger {
     std::map<uint32_t, uint32_t> files; // size to id
     std::vector<Gap> gaps[kModules];
 
-    // Takes a line of a module other than those about files: its index and the number of its life.
-    void note(size_t index, int life, const std::string &event);
+    // Takes a line of a module, other than those about files.
+    void note(size_t index, const std::string &event);
     void note_file_began(uint32_t id, const std::string &digest);
     void note_file_got(size_t index, uint32_t size, const std::string &digest);
     void note_completion(Entry &entry, int32_t code, const std::string &answer);
@@ -62,14 +63,14 @@ class Ledger {
   private:
     struct Drop {
         uint8_t from, to;
-        int life;
-        uint32_t size, reqid;
+        uint32_t size;
+        double at; // when it was read
         bool used;
     };
 
     void note_posted(const std::vector<std::string> &w);
     void note_delivery(size_t index, const std::vector<std::string> &w);
-    void note_log(size_t index, int life, const std::string &event);
+    void note_log(size_t index, const std::string &event);
 
     bool ran_too_little(const Entry &entry, double limit) const;
     double away(const Entry &entry, double until) const;
@@ -77,14 +78,13 @@ class Ledger {
     bool sender_ended(const Entry &entry, Gap::What what) const;
     bool shares_id(uint32_t id);
     bool find_drop(const Entry &entry);
-    bool find_other_drop(const Entry &entry);
     std::string judge_message(uint32_t id);
     std::string judge_exchange(uint32_t id);
 
-    std::multimap<uint32_t, Drop> drops_; // by reqid
+    std::set<uint32_t> dropped_; // messages
+    std::vector<Drop> drops_;    // of anything else
     std::map<std::string, uint64_t> reasons_, other_lines_;
     std::map<std::pair<uint8_t, int>, std::vector<uint32_t>> by_fragment_id_; // receiver and number
-    double slowest_ = 0;
     uint64_t bytes_ = 0, unknown_ = 0;
 };
 

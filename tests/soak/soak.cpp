@@ -228,7 +228,7 @@ void Soak::note(size_t index, const std::string &event) {
     } else if (w[0] == "temporary") {
         temporaries_.push_back(w.at(1));
     } else {
-        ledger_.note(index, module.life, event);
+        ledger_.note(index, event);
     }
 }
 

@@ -250,7 +250,7 @@ void post(const Words &w) {
         const std::string payload = w[2] == "app"
                                         ? application_message(size, static_cast<char>(std::stoi(w[6])))
                                         : random_bytes(size, id);
-        uint32_t reqid = 0;
+        uint32_t reqid = 0x80000000u + static_cast<uint32_t>(id); // for log lines; the library counts from 1
         const uint64_t begun_us = now_us();
         const int result =
             tav_ipc_send_with_flags(module.ipc, &dest, static_cast<uint32_t>(id), payload.data(),
