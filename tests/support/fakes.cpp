@@ -106,7 +106,11 @@ int rand() noexcept {
 void srand(unsigned seed) noexcept { world().random.seeds.push_back(seed); }
 int clock_gettime(clockid_t clock, timespec *out) noexcept {
     if (world().clock.gettime) return world().clock.gettime(clock, out);
+#ifdef SYS_clock_gettime64 // timespec is of 64 bits in 32 bits, too
+    return static_cast<int>(syscall(SYS_clock_gettime64, clock, out));
+#else
     return static_cast<int>(syscall(SYS_clock_gettime, clock, out));
+#endif
 }
 
 cl_timer_t cl_timer_start(uint64_t delay_ms, void (*callback)(void *), void *argument) noexcept {

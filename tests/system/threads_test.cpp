@@ -162,7 +162,7 @@ TEST(Threads, EachWithItsOwnEndpoint) {
     const Installation place{{}};
     const fs::path root = place.config().parent_path(), file = root / "file";
     place.allow({"threads"});
-    fs::copy_file("/proc/self/exe", root / "bin/threads");
+    fs::copy_file(fs::read_symlink("/proc/self/exe"), root / "bin/threads");
     std::ofstream(file) << std::string(kLong, 'f');
     Process module(root / "bin/threads", {"IPC_TEST=1", "TAV_LOG_LEVEL=4"}, {file});
     module.expect("all good", 90s);
