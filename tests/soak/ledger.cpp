@@ -261,7 +261,7 @@ bool Ledger::report(double begun) {
                                         {"log lines of drops, one for each datagram:\n", &reasons_},
                                         {"other log lines and notes:\n", &other_lines_}}) {
         std::fputs(title, stdout);
-        for (const auto &[what, count] : *counts) std::printf("%10lu  %s\n", count, what.c_str());
+        for (const auto &[what, count] : *counts) std::printf("%10" PRIu64 "  %s\n", count, what.c_str());
     }
     return faults == 0;
 }
