@@ -254,7 +254,7 @@ bool Ledger::report(double begun) {
         const double took = entry.took - away(entry, entry.begun + entry.took);
         if (took > longest) longest = took, slowest = id;
     }
-    std::printf("%zu entries, %.1f GB delivered, %lu unknown messages\n", entries.size() - 1,
+    std::printf("%zu entries, %.1f GB delivered, %" PRIu64 " unknown messages\n", entries.size() - 1,
                 static_cast<double>(bytes_) / 1e9, unknown_);
     show("slowest, standing still aside", slowest);
     for (const auto &[title, counts] : {std::pair{"", &verdicts},
