@@ -15,9 +15,15 @@
 
 static int haste = 1; // of the monotonic clock
 
-extern "C" [[gnu::visibility("default")]] int clock_gettime(clockid_t clock, timespec *now) noexcept {
+// As the C++ library calls it, with a long for the seconds, also where time_t has 64 bits.
+struct ShortTime {
+    long seconds, nanoseconds;
+};
+extern "C" [[gnu::visibility("default")]] int hasty_clock(clockid_t clock, ShortTime *now) noexcept
+    __asm__("clock_gettime");
+int hasty_clock(clockid_t clock, ShortTime *now) noexcept {
     const long result = syscall(SYS_clock_gettime, clock, now);
-    if (clock == CLOCK_MONOTONIC) now->tv_sec *= haste;
+    if (clock == CLOCK_MONOTONIC) now->seconds *= haste;
     return static_cast<int>(result);
 }
 
