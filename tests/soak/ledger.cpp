@@ -101,7 +101,7 @@ void Ledger::note_completion(Entry &entry, int32_t code, const std::string &answ
     entry.code = code;
     entry.answer = short_digest(answer);
     ++entry.completed;
-    if (entry.kind == kFile && code < 0) entry.begun = std::max(entry.begun, now() - 9.5); // its last chunk
+    if (entry.kind == kFile && code < 0) entry.begun = std::max(entry.begun, now() - 12); // its last chunk
 }
 
 // "... drop it|...|src=[4242:m1:2]|dest=[0:m2:0]|reqid=7|frag_seq=0|frag_id=0|size=100|frag_orig=0"
@@ -158,6 +158,14 @@ bool Ledger::sender_ended(const Entry &entry, Gap::What what) const {
     });
 }
 
+// Whether its sender was started after a kill not long ago: its ids count from 1 again, and an answer to the
+// one before may come late.
+bool Ledger::follows_killed(const Entry &entry) const {
+    return std::any_of(gaps[entry.from].begin(), gaps[entry.from].end(), [&](const Gap &gap) {
+        return gap.what == Gap::kKilled && gap.end <= entry.begun && gap.end > entry.begun - 30;
+    });
+}
+
 bool Ledger::shares_id(uint32_t id) {
     if (by_fragment_id_.empty())
         for (uint32_t other = 1; other < entries.size(); ++other)
@@ -184,7 +192,7 @@ bool Ledger::find_drop(const Entry &entry) {
     const uint32_t answer = entry.kind == kRequest ? entry.size : 4;
     for (const bool back : {false, true})
         for (Drop &drop : drops_) {
-            if (drop.used || drop.at < entry.begun || drop.at > entry.begun + 60) continue;
+            if (drop.used || drop.at < entry.begun || drop.at > entry.begun + 30) continue;
             if (drop.from == (back ? entry.to : entry.from) && drop.to == (back ? entry.from : entry.to) &&
                 (back ? drop.size == answer : asked(drop.size)))
                 return drop.used = true;
@@ -219,9 +227,11 @@ std::string Ledger::judge_exchange(uint32_t id) {
     if (entry.delivered > 1 || entry.changed) return fault + " delivered twice or changed";
     const std::string outcome = kind + ' ' + (success ? "0" : std::to_string(entry.code));
     if (success) {
-        if (entry.kind == kRequest && entry.answer != entry.digest) return fault + ", wrong answer";
-        if (entry.kind != kProbe && entry.delivered != 1 && cut_off(entry).empty())
-            return fault + " not delivered";
+        const bool wrong = entry.kind == kRequest && entry.answer != entry.digest;
+        const bool missing = entry.kind != kProbe && entry.delivered != 1 && cut_off(entry).empty();
+        if ((wrong || missing) && follows_killed(entry)) return outcome + ", the answer to its predecessor";
+        if (wrong) return fault + ", wrong answer";
+        if (missing) return fault + " not delivered";
         return outcome;
     }
     const bool explained =
@@ -245,7 +255,11 @@ bool Ledger::report(double begun) {
     };
     uint32_t slowest = 0;
     double longest = 0;
-    for (uint32_t id = 1; id < entries.size(); ++id) {
+    std::vector<uint32_t> order; // those whose log lines have a size of their own choose first
+    for (const Kind kind : {kMessage, kRequest, kConfirm, kProbe, kFile})
+        for (uint32_t id = 1; id < entries.size(); ++id)
+            if (entries[id].kind == kind) order.push_back(id);
+    for (const uint32_t id : order) {
         const Entry &entry = entries[id];
         const bool message = entry.kind == kMessage;
         const std::string verdict = message ? judge_message(id) : judge_exchange(id);
