@@ -9,6 +9,8 @@
 //   expired     it was in fragments, and a side stood still for about the 10 s after which they are dropped
 // An exchange runs its callback once, with 0 when the peer got it; a time-out needs one of the first two, or
 // a side that did not run.
+// A module that was started anew draws its ids from 1 again: a late answer to the one before may complete its
+// exchange of the same id.
 #pragma once
 
 #include <cstdint>
@@ -76,6 +78,7 @@ class Ledger {
     double away(const Entry &entry, double until) const;
     std::string cut_off(const Entry &entry) const;
     bool sender_ended(const Entry &entry, Gap::What what) const;
+    bool follows_killed(const Entry &entry) const;
     bool shares_id(uint32_t id);
     bool find_drop(const Entry &entry);
     std::string judge_message(uint32_t id);
