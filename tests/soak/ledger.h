@@ -1,16 +1,16 @@
 // The account of a soak run: what modules were asked to send, what they reported, when they did not run.
 //
 // A message that was accepted is delivered once and unchanged, or one of these explains it:
-//   dropped     a log line of its sender names it
-//   cut off     its sender or receiver was killed or closed before both had run kUnderWay together since it
-//   left shared id   its fragments may have met those of another under the same number: it is drawn from the
-//   clock
-//               in milliseconds, and the receiver does not look at who sent them
-//   expired     it was in fragments, and a side stood still for about the 10 s after which they are dropped
+//
+// - dropped: a log line of its sender names it;
+// - cut off: a side was killed or closed before both had run for kUnderWay together since it left;
+// - shared id: its fragments may have met those of another under the same number, which is drawn from the
+//   clock in milliseconds, and the receiver does not look at who sent them;
+// - expired: it was in fragments, and a side stood still for about the 10 s after which they are dropped.
+//
 // An exchange runs its callback once, with 0 when the peer got it; a time-out needs one of the first two, or
-// a side that did not run.
-// A module that was started anew draws its ids from 1 again: a late answer to the one before may complete its
-// exchange of the same id.
+// a side that did not run. A module that was started anew draws its ids from 1 again: a late answer to the
+// one before may complete its exchange of the same id.
 #pragma once
 
 #include <cstdint>
