@@ -270,7 +270,8 @@ bool Ledger::report(double begun) {
     }
     std::printf("%zu entries, %.1f GB delivered, %" PRIu64 " unknown messages\n", entries.size() - 1,
                 static_cast<double>(bytes_) / 1e9, unknown_);
-    show("slowest, standing still aside", slowest);
+    std::printf("slowest delivery: %.1f s, standing still aside; ", longest);
+    show("it was", slowest);
     for (const auto &[title, counts] : {std::pair{"", &verdicts},
                                         {"log lines of drops, one for each datagram:\n", &reasons_},
                                         {"other log lines and notes:\n", &other_lines_}}) {
