@@ -44,8 +44,8 @@ struct FragmentSet {
     FragmentKey key;
     FragmentSet *older, *newer;
     size_t held;
-    unsigned char
-        *buf; // header and payload, or just the header of what can never be whole; null once taken out
+    // Header and payload, or just the header of what can never be whole; null once taken out.
+    unsigned char *buf;
     time_t last_seen;
     uint32_t expected; // payload bytes of the whole message
     uint64_t received; // payload bytes accepted, duplicates included
