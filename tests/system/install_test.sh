@@ -13,8 +13,8 @@ export PKG_CONFIG_PATH
 cc -std=c11 -pedantic -Wall -Wextra -Werror "$place/hello.c" -o "$place/bin/hello" \
     $(pkg-config --cflags --libs tavipc) -Wl,-rpath,"$(pkg-config --variable=libdir tavipc)"
 
-"$place/usr/bin/tavctl" allowlist sign --key "${TAVIPC_SIGNING_KEY:-$1/devkey/private.pem}" \
-    --out "$place/config" hello >/dev/null
+"$place/usr/bin/tavctl" allowlist add --key "${TAVIPC_SIGNING_KEY:-$1/devkey/private.pem}" \
+    --dir "$place/config" hello >/dev/null
 # A host id from the platform: the identity lock of the machine is not this test's business.
 printf '[agent]\nlocation = 2\ndeploy_type = tmp/%s\ncnapp = 1\nhostid = 7\n' "${place##*/}" \
     >"$place/config/agent.ini"

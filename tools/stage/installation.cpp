@@ -109,8 +109,9 @@ void Installation::allow(const std::vector<std::string> &names) const {
     if (!fs::exists(key))
         throw std::runtime_error("no private key to sign the list with: this build has a key of its own in "
                                  "TAVIPC_ALLOWLIST_KEY, set TAVIPC_SIGNING_KEY to its private half");
-    std::vector<std::string> command = {TAVIPC_TAVCTL, "allowlist", "sign"};
-    command.insert(command.end(), {"--key", key, "--out", config()});
+    fs::remove(config() / "linux.json"); // the list holds these names and no others
+    std::vector<std::string> command = {TAVIPC_TAVCTL, "allowlist", "add"};
+    command.insert(command.end(), {"--key", key, "--dir", config()});
     command.insert(command.end(), names.begin(), names.end());
     run(command);
 }

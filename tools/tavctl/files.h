@@ -1,0 +1,37 @@
+// Small files, read and replaced whole.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <unistd.h>
+
+namespace tavctl {
+
+inline constexpr size_t kMaxFileSize = 10'485'760; // what the library reads of a list or a signature
+
+class Descriptor {
+  public:
+    explicit Descriptor(int fd = -1) : fd_(fd) {}
+    Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    ~Descriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int close() { return ::close(std::exchange(fd_, -1)); }
+
+  private:
+    int fd_;
+};
+
+// Both throw Problem. limit: a longer file is refused.
+std::string read_file(const std::string &path, size_t limit = kMaxFileSize);
+std::string read_descriptor(int fd, const std::string &name, size_t limit);
+// All or nothing: a reader sees the old file or the whole new one. The process's umask applies to mode.
+void write_file(const std::string &path, std::string_view content, unsigned mode = 0644);
+
+} // namespace tavctl

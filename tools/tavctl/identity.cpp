@@ -1,0 +1,150 @@
+// tavctl id: who this agent is, as far as its files tell. Only --create lets the library determine an id and
+// store it.
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include "commands.h"
+#include "files.h"
+#include "problem.h"
+#include "tavaux.h"
+#include "tavbase.h"
+#include "tavipc/tav_agentid.h"
+
+namespace fs = std::filesystem;
+
+namespace tavctl {
+namespace {
+
+constexpr size_t kMac = 6;
+
+std::string mac_text(std::string_view bytes) {
+    std::string text;
+    for (size_t i = 0; i < bytes.size(); ++i) text += (i ? ":" : "") + hex_of(bytes.substr(i, 1));
+    return text;
+}
+
+std::string configuration_directory() {
+    char directory[1024] = "";
+    GetTAVConfPath(directory, sizeof directory);
+    return directory;
+}
+
+std::string how_found(const std::string &directory) {
+    const char *root = std::getenv("TAV_INSTALL_ROOT");
+    if (root && directory == std::string(root) + "/config") return "from TAV_INSTALL_ROOT";
+    char beside[1024] = "";
+    dirutils_path_transform("@/../config", beside, sizeof beside);
+    if (directory == beside)
+        return access(beside, F_OK) == 0 ? "beside the directory of this executable"
+                                         : "expected beside the directory of this executable, and MISSING";
+    return "beside the first \"bin\" in the path of this executable";
+}
+
+// What the file machineid holds.
+struct Stored {
+    bool present = false;
+    unsigned id = 0;
+    std::string manager_mac;
+    std::vector<std::string> macs;
+    std::string text;
+
+    explicit Stored(const std::string &path) {
+        if (access(path.c_str(), F_OK) != 0) {
+            text = "there is none";
+            return;
+        }
+        present = true;
+        std::string bytes;
+        try {
+            bytes = read_file(path, 65536);
+        } catch (const Problem &problem) {
+            text = problem.what();
+            return;
+        }
+        id = ReadAgentid(path.c_str());
+        if (bytes.size() < sizeof id)
+            text = "too short: " + std::to_string(bytes.size()) + " bytes";
+        else if (bytes.size() == sizeof id)
+            text = std::to_string(id) + ", without addresses: made from a VM id, or stored by a program";
+        else
+            read_addresses(std::string_view(bytes).substr(sizeof id));
+    }
+
+  private:
+    void read_addresses(std::string_view bytes) {
+        manager_mac = mac_text(bytes.substr(0, kMac));
+        for (size_t at = kMac; at + kMac <= bytes.size(); at += kMac)
+            macs.push_back(mac_text(bytes.substr(at, kMac)));
+        text = std::to_string(id) + ", made from MAC addresses: " + manager_mac +
+               " towards the manager; of this host";
+        for (const std::string &mac : macs) text += " " + mac;
+        if (macs.empty()) text += " none";
+    }
+};
+
+struct Manager {
+    std::string address, text;
+    unsigned short port = 0;
+    Manager() {
+        std::array<char, 64> ip{};
+        errno = 0;
+        const int error = GetMgrAddr(ip.data(), static_cast<int>(ip.size()), &port);
+        if (error == 0 && ip[0] != '\0') {
+            address = ip.data();
+            text = address + ", port " + std::to_string(port);
+        } else {
+            text = "none: " + (error == 14
+                                   ? std::string("the address in server.ini cannot be resolved")
+                                   : "server.ini [config] addr or server_port.ini [port] ipc cannot be read" +
+                                         (error ? std::string(" (") + strerror(error) + ")" : std::string()));
+        }
+    }
+};
+
+std::string deployment_text() {
+    const char *type = GetDeployTypeStr();
+    return "location " + std::to_string(tav_get_location()) + " (" + tav_location_name(tav_get_location()) +
+           "), deployment type " + (type ? type : "none");
+}
+
+} // namespace
+
+int show_identity(Console &out, const IdentityOptions &options) {
+    const std::string directory = configuration_directory(), path = directory + "/machineid";
+    if (options.create && !IsCNAPPAgent() && CreateAgentId() == 0)
+        throw Problem("no agent id could be determined",
+                      "tavctl --verbose id --create shows the library's log");
+    const Stored stored(path);
+    const Manager manager;
+    const bool platform = IsCNAPPAgent() != 0;
+    const unsigned id = platform ? get_hostid() : stored.id;
+    Record record;
+    record.add("agent_id", id).add("source", platform ? "platform" : stored.id ? "machineid" : "none");
+    record.add("machineid", path)
+        .add("stored", stored.id)
+        .add("manager_mac", stored.manager_mac)
+        .add("macs", stored.macs);
+    record.add("config", directory).add("found", how_found(directory));
+    record.add("manager", manager.address).add("manager_port", manager.port);
+    record.add("location", tav_get_location())
+        .add("deploy_type", GetDeployTypeStr() ? GetDeployTypeStr() : "");
+    const std::string source = platform    ? ", from the platform (agent.ini: cnapp, hostid)"
+                               : stored.id ? ", stored in machineid"
+                                           : "";
+    out.say(record, "agent id       " + (id ? std::to_string(id) : "none") + source + "\nmachineid      " +
+                        path + ": " + stored.text + "\nconfiguration  " + directory + ", " +
+                        how_found(directory) + "\nmanager        " + manager.text + "\nsockets        " +
+                        deployment_text());
+    if (id == 0) {
+        out.tell("  what to do: start a module of the agent, or make an id: tavctl id --create");
+        return kFailure;
+    }
+    return kSuccess;
+}
+
+} // namespace tavctl
