@@ -11,7 +11,6 @@
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -54,19 +53,12 @@ pid_t start_janitor(int pipe_end, int other_end, const fs::path &root, const fs:
     _exit(0);
 }
 
-void run(std::vector<std::string> command) {
-    std::vector<char *> arguments;
-    for (auto &word : command) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t quiet;
-    posix_spawn_file_actions_init(&quiet);
-    posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    int status = -1;
-    const bool ended = posix_spawn(&pid, arguments[0], &quiet, nullptr, arguments.data(), environ) == 0 &&
-                       waitpid(pid, &status, 0) == pid;
-    posix_spawn_file_actions_destroy(&quiet);
-    if (!ended || status != 0) throw std::runtime_error(command[0] + " " + command[1] + " failed");
+// The gate looks at the name of the executable, so each module needs a file, not a link that resolves.
+void put_executable(const char *from, const fs::path &to) {
+    std::error_code error;
+    if (fs::exists(to)) return;
+    fs::create_hard_link(from, to, error);
+    if (error) fs::copy_file(from, to);
 }
 
 std::string agent_ini(const Installation::Setup &setup, const std::string &deploy_type) {
@@ -113,18 +105,18 @@ void Installation::allow(const std::vector<std::string> &names) const {
     std::vector<std::string> command = {TAVIPC_TAVCTL, "allowlist", "add"};
     command.insert(command.end(), {"--key", key, "--dir", config()});
     command.insert(command.end(), names.begin(), names.end());
-    run(command);
+    if (const Outcome outcome = run(command); outcome.status != 0)
+        throw std::runtime_error("tavctl allowlist add: " + outcome.errors);
+}
+
+std::string Installation::tool() const {
+    put_executable(TAVIPC_TAVCTL, root_ / "bin" / "tavctl");
+    return root_ / "bin" / "tavctl";
 }
 
 Process Installation::start(const std::string &name, const std::vector<std::string> &environment) const {
     const fs::path program = root_ / "bin" / name;
-    std::error_code error;
-    if (!fs::exists(program)) {
-        // The gate looks at the name of the executable, so each module needs a file, not a link that
-        // resolves.
-        fs::create_hard_link(TAVIPC_MODULE, program, error);
-        if (error) fs::copy_file(TAVIPC_MODULE, program);
-    }
+    put_executable(TAVIPC_MODULE, program);
     return Process(program, environment);
 }
 

@@ -28,6 +28,9 @@ class Installation {
     // Starts the module program under a name, as a process of its own.
     Process start(const std::string &name, const std::vector<std::string> &environment = {}) const;
 
+    // The command-line tool as this agent's own: bin/tavctl, put there when it is asked for.
+    std::string tool() const;
+
     std::filesystem::path config() const { return root_ / "config"; }
     std::filesystem::path sockets() const; // directory of the socket files
 

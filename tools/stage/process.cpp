@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,6 +38,34 @@ std::vector<char *> child_environment(const std::vector<std::string> &extra) {
     result.push_back(nullptr);
     return result;
 }
+
+int wait_for(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+class MemoryFile {
+  public:
+    explicit MemoryFile(std::string_view content = {}) : fd_(memfd_create("stage", MFD_CLOEXEC)) {
+        if (fd_ < 0 || pwrite(fd_, content.data(), content.size(), 0) != static_cast<ssize_t>(content.size()))
+            throw std::system_error(errno, std::generic_category(), "cannot make a file in memory");
+    }
+    ~MemoryFile() { close(fd_); }
+    MemoryFile(const MemoryFile &) = delete;
+    int fd() const { return fd_; }
+    std::string content() const {
+        std::string text;
+        char chunk[65536];
+        for (ssize_t got; (got = pread(fd_, chunk, sizeof chunk, static_cast<off_t>(text.size()))) > 0;)
+            text.append(chunk, static_cast<size_t>(got));
+        return text;
+    }
+
+  private:
+    int fd_;
+};
 
 } // namespace
 
@@ -143,11 +172,26 @@ int Process::finish() {
     while (from_child_ >= 0 && read_all(60s)) {
     }
     ::kill(pid_, SIGKILL); // no effect on one whose output has ended with it: only one that hangs is left
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    return wait_for(std::exchange(pid_, -1));
+}
+
+Outcome run(const std::vector<std::string> &command, std::string_view input,
+            const std::vector<std::string> &environment) {
+    const MemoryFile in(input), out, err;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in.fd(), STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out.fd(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err.fd(), STDERR_FILENO);
+    std::vector<char *> words;
+    for (const auto &word : command) words.push_back(const_cast<char *>(word.c_str()));
+    words.push_back(nullptr);
+    pid_t pid = -1;
+    const int error =
+        posix_spawn(&pid, words[0], &actions, nullptr, words.data(), child_environment(environment).data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (error) throw std::system_error(error, std::generic_category(), "cannot start " + command[0]);
+    return {wait_for(pid), out.content(), err.content()};
 }
 
 int Process::kill() {

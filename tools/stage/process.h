@@ -58,6 +58,14 @@ class Process {
     std::deque<std::string> events_;
 };
 
+// A program run to its end: exit status (minus the number of the signal that ended it) and all that it wrote.
+struct Outcome {
+    int status = -1;
+    std::string output, errors;
+};
+Outcome run(const std::vector<std::string> &command, std::string_view input = {},
+            const std::vector<std::string> &environment = {});
+
 // The blank-separated words of an event.
 std::vector<std::string> words(std::string_view text);
 

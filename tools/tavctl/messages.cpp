@@ -33,22 +33,29 @@ double send_confirmed(const Module &module, const tav_addr_st &destination, cons
     return now_seconds() - begin;
 }
 
-// Sends one message of which the receiving library tells nothing; throws when it was dropped here.
-double send_plain(const Module &module, const tav_addr_st &destination, const std::string &payload,
-                  const SendOptions &options) {
-    const double begin = now_seconds();
-    if (tav_ipc_send(module, &destination, options.command, payload.data(),
-                     static_cast<uint32_t>(payload.size())) != 0)
-        throw not_sent(destination);
-    // The endpoint does not receive: when nothing is left to wait for, all has left or was dropped.
-    if (run_until([] { return false; }) == Wait::kInterrupted)
-        throw Problem("interrupted before the message had left");
-    const auto lines = take_log();
-    if (!lines.empty()) {
-        const Problem why = silence(destination);
-        throw Problem("dropped: " + lines.back(), why.remedy());
-    }
-    return now_seconds() - begin;
+// Lets messages leave of which nobody will tell that they arrived. The library speaks only when it tries one
+// again or drops it: while it is silent for longer than an attempt and the pause before the next take, all
+// have left.
+void let_leave(const tav_addr_st &destination) {
+    constexpr double kAttempt_s = 1.2, kAttemptAndPause_s = 2.5;
+    uint64_t tried_again = retries_logged();
+    const uint64_t before = tried_again;
+    double since = now_seconds();
+    const auto quiet = [&] {
+        if (const uint64_t now = retries_logged(); now != tried_again) {
+            tried_again = now;
+            since = now_seconds();
+        }
+        return now_seconds() - since > (tried_again == before ? kAttempt_s : kAttemptAndPause_s);
+    };
+    std::vector<std::string> dropped;
+    const auto ended = [&] {
+        for (const std::string &line : take_log())
+            if (line.find("drop it") != std::string::npos) dropped.push_back(line);
+        return !dropped.empty() || quiet();
+    };
+    if (run_until(ended) == Wait::kInterrupted) throw Problem("interrupted before the message had left");
+    if (!dropped.empty()) throw Problem("dropped: " + dropped.front(), silence(destination).remedy());
 }
 
 struct Listener {
@@ -83,24 +90,28 @@ int on_message(tav_ipc_st *, const tav_addr_st *src, uint32_t cmd, const void *d
 int send(Console &out, const SendOptions &options) {
     const tav_addr_st destination = parse_address(options.destination, address_flags(options.payload));
     const std::string payload = make_payload(options.payload), who = address_text(destination);
+    const std::string packed = options.payload.compress ? compression_text(payload) : "";
     catch_interrupts();
     Confirmation state; // before the endpoint: its end completes what is outstanding
-    const Module module(options.confirm ? Module::kReceiving : Module::kSendingOnly);
-    const std::string packed = options.payload.compress ? compression_text(payload) : "";
+    const Module module(Module::kReceiving);
     for (uint64_t i = 0; i < options.count && !interrupted(); ++i) {
-        if (i > 0 && options.interval_s > 0) {
-            const double until = now_seconds() + options.interval_s;
-            run_until([&] { return now_seconds() >= until; },
-                      Milliseconds(static_cast<int64_t>(options.interval_s * 1000)));
-        }
-        const double took = options.confirm ? send_confirmed(module, destination, payload, options, state)
-                                            : send_plain(module, destination, payload, options);
+        if (i > 0) pause(options.interval_s);
         Record record;
         record.add("type", "sent").add("to", who).add("cmd", options.command).add("size", payload.size());
-        record.add("confirmed", options.confirm).add("us", took * 1e6);
-        out.say(record, who + ": " + grouped(payload.size()) + " bytes" + packed +
-                            (options.confirm ? ", delivered in " : ", left in ") + time_text(took));
+        record.add("confirmed", options.confirm);
+        const std::string text = who + ": " + grouped(payload.size()) + " bytes" + packed;
+        if (options.confirm) {
+            const double took = send_confirmed(module, destination, payload, options, state);
+            out.say(record.add("us", took * 1e6), text + ", delivered in " + time_text(took));
+        } else {
+            watch_retries();
+            if (tav_ipc_send(module, &destination, options.command, payload.data(),
+                             static_cast<uint32_t>(payload.size())) != 0)
+                throw not_sent(destination);
+            out.say(record, text + ", on its way");
+        }
     }
+    if (!options.confirm) let_leave(destination);
     return interrupted() ? kFailure : kSuccess;
 }
 
@@ -109,7 +120,9 @@ int listen(Console &out, const ListenOptions &options) {
     Listener listener{out, options};
     const Module module(Module::kReceiving, options.name);
     tav_ipc_msg_recv(module, on_message, &listener);
-    if (!options.raw) out.tell("listening as " + module.text() + "; Ctrl-C ends it");
+    if (!options.raw)
+        out.say(Record().add("type", "ready").add("as", module.text()),
+                "listening as " + module.text() + "; Ctrl-C ends it");
     run_until([&] { return options.count > 0 && listener.seen >= options.count; });
     if (!options.raw)
         out.say(Record().add("type", "end").add("messages", listener.seen),

@@ -26,6 +26,7 @@ constexpr size_t kKeptLines = 256;
 struct Log {
     std::deque<std::string> lines;
     bool verbose = false;
+    uint64_t retries = 0;
 };
 Log &log_lines() {
     static Log log;
@@ -37,6 +38,7 @@ void keep_line(int level, const char *source, int, const char *text, void *) {
     std::string line(text);
     while (line.ends_with('\n')) line.pop_back();
     if (log.verbose) std::cerr << "[" << level << " " << source << "] " << harmless(line) << std::endl;
+    log.retries += line.find("retry later") != std::string::npos;
     if (level > 2) return;
     log.lines.push_back(line);
     if (log.lines.size() > kKeptLines) log.lines.pop_front();
@@ -71,17 +73,6 @@ std::string own_name() {
     char digits[16];
     const auto end = std::to_chars(digits, digits + sizeof digits, getpid(), 36).ptr;
     return name + std::string(digits, end);
-}
-
-tav_ipc_st *create(Module::Kind kind, const std::string &name) {
-    switch (kind) {
-    case Module::kReceiving:
-        return tav_ipc_create_temp(name.c_str(), 0);
-    case Module::kReceivingFiles:
-        return tav_ipc_create_temp(name.c_str(), 1);
-    default:
-        return tav_ipc_create_non_recv_temp(name.c_str(), 0);
-    }
 }
 
 Problem refusal(const std::string &name) {
@@ -148,6 +139,9 @@ std::vector<std::string> take_log() {
     return taken;
 }
 
+void watch_retries() { error_output_set_level(4); }
+uint64_t retries_logged() { return log_lines().retries; }
+
 Module::Module(Kind kind, const std::string &name) {
     const std::string used = name.empty() ? own_name() : name;
     parse_address(used); // refuses what is no name
@@ -160,7 +154,7 @@ Module::Module(Kind kind, const std::string &name) {
     static_cast<void>(registered);
     const auto before = std::signal(SIGABRT, on_abort);
     opening = true;
-    ipc_ = create(kind, used);
+    ipc_ = tav_ipc_create_temp(used.c_str(), kind == kReceivingFiles);
     opening = false;
     std::signal(SIGABRT, before);
     if (!ipc_) throw refusal(used);
@@ -189,6 +183,10 @@ Wait run_until(const std::function<bool()> &done, std::optional<Milliseconds> li
         if (cl_event_loop_run_once(static_cast<int>(slice)) <= 0)
             return done() ? Wait::kDone : Wait::kNothingLeft;
     }
+}
+
+void pause(double seconds) {
+    if (seconds > 0) run_until([] { return false; }, Milliseconds(static_cast<int64_t>(seconds * 1000)));
 }
 
 Problem silence(const tav_addr_st &address) {

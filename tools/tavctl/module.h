@@ -25,12 +25,15 @@ std::string address_text(const tav_addr_st &address);
 // is also written to standard error, at the level of TAV_LOG_LEVEL (4 when that is not set).
 void keep_log(bool verbose);
 std::vector<std::string> take_log(); // the lines since the last call, oldest first
+// From watch_retries on counts the attempts to send that failed and are to be repeated.
+void watch_retries();
+uint64_t retries_logged();
 
 // An endpoint of the tool, with a name of its own unless one is given. Throws Problem with the reason and the
 // remedy when the library refuses it.
 class Module {
   public:
-    enum Kind { kReceiving, kReceivingFiles, kSendingOnly };
+    enum Kind { kReceiving, kReceivingFiles };
     explicit Module(Kind kind, const std::string &name = {});
     ~Module() { tav_ipc_destroy(ipc_); }
     Module(const Module &) = delete;
@@ -49,6 +52,9 @@ bool interrupted();
 enum class Wait { kDone, kTimeout, kInterrupted, kNothingLeft };
 // Runs the loop until done() or for so long; done is asked after each turn.
 Wait run_until(const std::function<bool()> &done, std::optional<Milliseconds> limit = {});
+
+// Runs the loop for so long, unless interrupted.
+void pause(double seconds);
 
 // Why nobody answers at the address, as far as its socket file tells, and what to do: a Problem with
 // kNoAnswer.

@@ -82,9 +82,7 @@ int probe(Console &out, const ProbeOptions &options) {
                     why.what() + std::string("\n  what to do: ") + why.remedy());
         }
         if (options.count == 0 || statistics.sent < options.count)
-            run_until([] { return false; },
-                      Milliseconds(static_cast<int64_t>(
-                          std::max(0.0, options.interval_s - (now_seconds() - begin)) * 1000)));
+            pause(options.interval_s - (now_seconds() - begin));
     }
     statistics.tell(out, who);
     return statistics.times.empty() ? kNoAnswer : kSuccess;

@@ -89,7 +89,8 @@ int reply(Console &out, const ReplyOptions &options) {
     catch_interrupts();
     const Module module(Module::kReceiving, options.name);
     tav_ipc_on_request(module, on_request, &server);
-    out.tell("answering as " + module.text() + "; Ctrl-C ends it");
+    out.say(Record().add("type", "ready").add("as", module.text()),
+            "answering as " + module.text() + "; Ctrl-C ends it");
     run_until([&] { return options.count > 0 && server.answered >= options.count; });
     if (options.count > 0) run_until([] { return false; }, 50ms); // the last answer leaves
     out.say(Record().add("type", "end").add("answered", server.answered),
