@@ -117,6 +117,15 @@ class CommandLine {
 };
 
 void CommandLine::add_looking() {
+    const auto list =
+        add(app_, "list", "Endpoint sockets: live or stale, their process and user", list_sockets);
+    list->add_option("--deploy-type", list.options->deploy_types,
+                     "Look below /var/TYPE too (may be repeated)")
+        ->type_name("TYPE");
+    list->add_flag("--clean", list.options->clean, "Remove stale files, never a live one");
+    list->add_flag("--pool", list.options->pool, "Show each sending socket instead of their number");
+    list->add_flag("--names", list.options->names, "The names of live endpoints alone");
+
     const auto probing =
         add(app_, "probe", "Asks whether an endpoint receives, and tells the round-trip times", probe);
     destination(probing.app, probing.options->destination);

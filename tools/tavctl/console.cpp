@@ -126,7 +126,7 @@ void Console::finish() {
 std::string grouped(uint64_t number) {
     std::string text = std::to_string(number);
     for (auto at = static_cast<int>(text.size()) - 3; at > 0; at -= 3)
-        text.insert(static_cast<size_t>(at), ",");
+        text.insert(static_cast<size_t>(at), 1, ',');
     return text;
 }
 
@@ -186,6 +186,13 @@ std::string harmless(std::string_view text) {
         text.remove_prefix(std::max<size_t>(length, 1));
     }
     return result;
+}
+
+std::string one_line(std::string_view text) {
+    std::string line = harmless(text);
+    for (char &c : line)
+        if (c == '\t' || c == '\n') c = '?';
+    return line;
 }
 
 std::string hex_of(std::string_view bytes) {

@@ -80,5 +80,6 @@ std::string hex_of(std::string_view bytes);
 std::string hex_dump(std::string_view bytes, size_t limit, const std::string &indent);
 // The text with what a terminal would obey replaced by "?".
 std::string harmless(std::string_view text);
+std::string one_line(std::string_view text); // and tabs and line ends as well
 
 } // namespace tavctl
