@@ -55,7 +55,7 @@ TEST_F(Tavctl, ListensAndSends) {
         const Outcome sent = tavctl(words, "from\ninput");
         EXPECT_ENDS(0, sent);
         if (words.size() == 6) {
-            EXPECT_THAT(sent.output, HasSubstr("ear@0: 1,020 bytes, compressed to "));
+            EXPECT_THAT(sent.output, HasSubstr("ear: 1,020 bytes, compressed to "));
         }
     }
     std::string heard;

@@ -8,6 +8,7 @@
 
 #include "commands.h"
 #include "completion.h"
+#include "help.h"
 #include "module.h"
 
 namespace tavctl {
@@ -22,7 +23,9 @@ class CommandLine {
   public:
     CommandLine() {
         app_.require_subcommand(1);
-        app_.footer(kFooter);
+        app_.formatter(std::make_shared<HelpFormat>());
+        app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
+        app_.get_formatter()->label("Subcommands", "Commands");
         app_.set_version_flag("--version", TAVIPC_VERSION);
         app_.add_flag("--json", json_, "One JSON object a line, for programs");
         app_.add_flag("-v,--verbose", verbose_, "The library's log on standard error");
@@ -33,6 +36,7 @@ class CommandLine {
         add_talking();
         add_allowlist();
         add_machine();
+        app_.footer(kFooter); // now, so that the commands have none
     }
 
     int run(int argc, char **argv) {

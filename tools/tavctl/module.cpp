@@ -119,7 +119,7 @@ tav_addr_st parse_address(const std::string &text, uint8_t flags) {
 
 std::string address_text(const tav_addr_st &address) {
     const std::string name(address.name, strnlen(address.name, sizeof address.name));
-    return harmless(name) + "@" + std::to_string(address.loc);
+    return harmless(name) + (address.loc != 0 ? "@" + std::to_string(address.loc) : "");
 }
 
 void keep_log(bool verbose) {

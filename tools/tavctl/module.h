@@ -18,7 +18,7 @@ using Milliseconds = std::chrono::milliseconds;
 
 // NAME or NAME@LOCATION; throws misuse. Location 0: this machine's own.
 tav_addr_st parse_address(const std::string &text, uint8_t flags = 0);
-// "name@location", as it is given on the command line; bytes that no name should have are shown as "?".
+// As it is given on the command line; bytes that no name should have are shown as "?".
 std::string address_text(const tav_addr_st &address);
 
 // --- the library's log: kept instead of written, so that a command can say what it means. verbose: each line

@@ -33,6 +33,17 @@ std::string app_message(const std::string &body, unsigned priority) {
     return message + body;
 }
 
+// The text, each line behind an indent.
+std::string text_lines(std::string_view text, size_t limit) {
+    const std::string_view part = text.substr(0, limit);
+    std::string lines = "  " + harmless(part);
+    while (lines.ends_with('\n')) lines.pop_back();
+    for (size_t at = 0; (at = lines.find('\n', at)) != std::string::npos; at += 3)
+        lines.replace(at, 1, "\n  ");
+    if (part.size() < text.size()) lines += "\n  ... " + grouped(text.size() - part.size()) + " bytes more";
+    return lines;
+}
+
 std::string given_bytes(const PayloadOptions &options) {
     if (options.data) return *options.data;
     const bool from_input = !options.file || *options.file == "-";
@@ -71,30 +82,26 @@ std::string compression_text(const std::string &payload) {
 
 std::string describe_payload(Record &record, std::string_view payload, const Shown &shown) {
     record.add("size", payload.size());
-    std::string text;
-    if (payload.size() >= TAV_APP_HEADER_SIZE && payload.substr(0, 4) == kAppMark) {
+    std::string head;
+    const bool app = payload.size() >= TAV_APP_HEADER_SIZE && payload.substr(0, 4) == kAppMark;
+    record.add("app", app);
+    if (app) {
         const unsigned priority = static_cast<unsigned char>(payload[kPriorityAt]);
         const uint32_t length = be32(payload.data() + kLengthAt);
-        record.add("app", true).add("priority", priority).add("body_size", length);
-        text = "  application message, priority " + std::to_string(priority) + ", body of " +
-               grouped(length) + " bytes\n";
+        record.add("priority", priority).add("body_size", length);
+        head = "  application message, priority " + std::to_string(priority) + ", body of " +
+               grouped(length) + " bytes";
         payload.remove_prefix(TAV_APP_HEADER_SIZE);
-    } else {
-        record.add("app", false);
     }
-    const std::string_view part = payload.substr(0, shown.max_bytes);
-    if (is_text(payload)) // of the whole: a cut must not fall into a character
+    const bool text = is_text(payload); // of the whole: a cut must not fall into a character
+    if (text)
         record.add("text", payload);
     else
         record.add("hex", hex_of(payload));
-    if (payload.empty()) return text.empty() ? text : text.substr(0, text.size() - 1);
-    if (shown.hex || !is_text(payload)) return text + hex_dump(payload, shown.max_bytes, "  ");
-    text += "  " + std::string(part);
-    while (text.ends_with('\n') || text.ends_with('\r')) text.pop_back();
-    for (size_t at = 0; (at = text.find('\n', at)) != std::string::npos; at += 3) text.replace(at, 1, "\n  ");
-    if (part.size() < payload.size())
-        text += "\n  ... " + grouped(payload.size() - part.size()) + " bytes more";
-    return harmless(text);
+    if (payload.empty()) return head;
+    if (!head.empty()) head += '\n';
+    if (shown.hex || !text) return head + hex_dump(payload, shown.max_bytes, "  ");
+    return head + text_lines(payload, shown.max_bytes);
 }
 
 void write_raw(std::string_view payload) {

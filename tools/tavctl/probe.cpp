@@ -78,8 +78,9 @@ int probe(Console &out, const ProbeOptions &options) {
                     who + ": number " + grouped(statistics.sent) + ", " + time_text(took));
         } else {
             const Problem why = failed_exchange(destination, state.code);
+            const bool first = statistics.sent == statistics.times.size() + 1;
             out.say(record.add("error", why.what()),
-                    why.what() + std::string("\n  what to do: ") + why.remedy());
+                    why.what() + (first ? "\n  what to do: " + why.remedy() : std::string()));
         }
         if (options.count == 0 || statistics.sent < options.count)
             pause(options.interval_s - (now_seconds() - begin));

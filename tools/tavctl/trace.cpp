@@ -18,17 +18,28 @@ namespace {
 
 constexpr char kSwitch[] = "/tmp/ipc_debug";
 
-constexpr char kLegend[] =
-    R"(A module writes a line at log level 4 (TAV_LOG_LEVEL=4 in its environment) for each message that it sends or gets:
+constexpr char kLegend[] = R"(
+With TAV_LOG_LEVEL=4 in its environment a module writes a line for each message
+that it sends or gets:
 
-  [MSG TRACE] [alpha@42:2:80]->[beta@42:2:0], reqid:7, flags:0x202, rflags: 0x0, frag:1:300:4, cmd: 9, size: 64000(200000), ...
-               |     |  | |                          |             |                    | |   |          |     |
-               name  |  | address flags (hex)        message id    see "tavctl explain" | |   fragment   |     of the whole
-                     |  location                                            is a fragment |   number     |     message
-                     host id                                                   fragment set's id         bytes in this datagram
+  [MSG TRACE] [alpha@42:2:80]->[beta@42:2:0], reqid:7, flags:0x200, rflags: 0x0,
+  frag:1:300:4, cmd: 9, size: 64000(200000), send via dunix: beta
 
-While the switch file exists every message is traced; without it those that carry the flag 0x40 (a sender whose
-environment has IPC_TEST=1 sets it). Modules look for the file once in ten seconds.)";
+  [alpha@42:2:80]       source: name, host id, location, address flags (hex)
+  ->[beta@42:2:0]       destination, likewise
+  reqid:7               id of the message, or of the request that it answers
+  flags:0x200           1 ACK, 2 NEED_ACK, 4 FILE, 8 PROBE, 10 REQUEST, 20 RESPONSE,
+                        40 TRACE, 100 COMPRESSED, 200 APP_MSG
+  frag:1:300:4          is a fragment, of set 300, number 4
+  cmd: 9                command code
+  size: 64000(200000)   payload bytes here, and in a fragment of the whole message
+  send via dunix: beta  what happens to it: here it leaves for the socket beta
+
+"[Invalid message header]" stands for a header whose check value is wrong.
+
+While the switch file exists every message is traced; without it those that
+carry TRACE, which a sender with IPC_TEST=1 in its environment sets. Modules look
+for the file once in ten seconds.)";
 
 int show(Console &out) {
     struct stat file {};
@@ -44,7 +55,7 @@ int show(Console &out) {
         text += std::string(" since ") + since + ", made by user " + std::to_string(file.st_uid);
     }
     out.say(record, text);
-    out.tell(std::string("\n") + kLegend);
+    out.tell(kLegend);
     return kSuccess;
 }
 
