@@ -15,6 +15,7 @@
 #ifndef TAVIPC_TAVCL_EV_H
 #define TAVIPC_TAVCL_EV_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/un.h>
 
