@@ -197,8 +197,8 @@ TAVIPC_API int tav_ipc_on_request(tav_ipc_st *ipc, tav_ipc_request_cb callback, 
 /* The endpoint's own address, valid as long as the handle; null for null. */
 TAVIPC_API const tav_addr_st *tav_ipc_get_local_addr(const tav_ipc_st *ipc) TAVIPC_NOEXCEPT;
 
-/* 1 when the address lies on this endpoint's machine and location (0 in either field of the address counts
- * as here), else 0; 0 for null. */
+/* 1 when the address lies on this endpoint's location and machine, else 0; 0 for null. Location 0 counts as
+ * here, whatever the host id, and so does host id 0 at this location. */
 TAVIPC_API int tav_ipc_is_local(const tav_ipc_st *ipc, const tav_addr_st *address) TAVIPC_NOEXCEPT;
 
 /* The host id that endpoints carry: the platform's on a CNAPP agent, else the agent id; 0 when none can
@@ -213,10 +213,10 @@ TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
  * to dest. Messages above 64,000 bytes travel in fragments. An application message of at least 148 bytes
  * to an address with ADDR_FLAG_COMPRESS_OK is compressed.
  * Returns 0 when the message was sent or queued; -101 when it was refused: null handle or destination,
- * destination name that is empty or holds a "/", more than 65,471,999 bytes (after compression), more than 32
- * MiB in flight to the destination (64 MiB for control traffic and priorities of 7 and more), or short
- * memory (of fragments: rule 5). A queued message that its destination keeps refusing is dropped later, with
- * a log line (level 2). */
+ * destination name that is empty or holds a "/", more than 65,471,999 bytes (after compression), 32 MiB or
+ * more in flight to the destination with this message (64 MiB for control traffic and priorities of 7 and
+ * more: larger messages go as these alone), or short memory (of fragments: rule 5). A queued message that its
+ * destination keeps refusing is dropped later, with a log line (level 2). */
 TAVIPC_API int tav_ipc_send(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,
                             uint32_t size) TAVIPC_NOEXCEPT;
 
