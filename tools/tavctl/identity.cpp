@@ -10,6 +10,8 @@
 
 #include "commands.h"
 #include "files.h"
+#include "identity.h"
+#include "module.h"
 #include "problem.h"
 #include "tavaux.h"
 #include "tavbase.h"
@@ -26,23 +28,6 @@ std::string mac_text(std::string_view bytes) {
     std::string text;
     for (size_t i = 0; i < bytes.size(); ++i) text += (i ? ":" : "") + hex_of(bytes.substr(i, 1));
     return text;
-}
-
-std::string configuration_directory() {
-    char directory[1024] = "";
-    GetTAVConfPath(directory, sizeof directory);
-    return directory;
-}
-
-std::string how_found(const std::string &directory) {
-    const char *root = std::getenv("TAV_INSTALL_ROOT");
-    if (root && directory == std::string(root) + "/config") return "from TAV_INSTALL_ROOT";
-    char beside[1024] = "";
-    dirutils_path_transform("@/../config", beside, sizeof beside);
-    if (directory == beside)
-        return access(beside, F_OK) == 0 ? "beside the directory of this executable"
-                                         : "expected beside the directory of this executable, and MISSING";
-    return "beside the first \"bin\" in the path of this executable";
 }
 
 // What the file machineid holds.
@@ -112,13 +97,37 @@ std::string deployment_text() {
            "), deployment type " + (type ? type : "none");
 }
 
+void make_identity() {
+    if (IsCNAPPAgent()) return;
+    const MayEndProcess explained;
+    if (CreateAgentId() != 0) return;
+    const auto lines = take_log();
+    throw Problem("no agent id could be determined" + (lines.empty() ? std::string() : ": " + lines.back()),
+                  "tavctl doctor; a lock that a dead process held is free at the next try");
+}
+
 } // namespace
+
+std::string configuration_directory() {
+    char directory[1024] = "";
+    GetTAVConfPath(directory, sizeof directory);
+    return directory;
+}
+
+std::string how_found(const std::string &directory) {
+    const char *root = std::getenv("TAV_INSTALL_ROOT");
+    if (root && directory == std::string(root) + "/config") return "from TAV_INSTALL_ROOT";
+    char beside[1024] = "";
+    dirutils_path_transform("@/../config", beside, sizeof beside);
+    if (directory == beside)
+        return access(beside, F_OK) == 0 ? "beside the directory of this executable"
+                                         : "expected beside the directory of this executable, and MISSING";
+    return "beside the first \"bin\" in the path of this executable";
+}
 
 int show_identity(Console &out, const IdentityOptions &options) {
     const std::string directory = configuration_directory(), path = directory + "/machineid";
-    if (options.create && !IsCNAPPAgent() && CreateAgentId() == 0)
-        throw Problem("no agent id could be determined",
-                      "tavctl --verbose id --create shows the library's log");
+    if (options.create) make_identity();
     const Stored stored(path);
     const Manager manager;
     const bool platform = IsCNAPPAgent() != 0;

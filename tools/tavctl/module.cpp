@@ -44,10 +44,9 @@ void keep_line(int level, const char *source, int, const char *text, void *) {
     if (log.lines.size() > kKeptLines) log.lines.pop_front();
 }
 
-// The library may end the process while it determines the identity; whoever waits for the tool is told why.
-bool opening = false;
+bool may_end = false;
 void tell_last_line() {
-    if (!opening) return;
+    if (!may_end) return;
     const auto &lines = log_lines().lines;
     std::cerr << "tavctl: the library ended the process while it determined the agent id"
               << (lines.empty() ? "" : ": " + lines.back()) << "\n  what to do: tavctl doctor" << std::endl;
@@ -142,6 +141,16 @@ std::vector<std::string> take_log() {
 void watch_retries() { error_output_set_level(4); }
 uint64_t retries_logged() { return log_lines().retries; }
 
+MayEndProcess::MayEndProcess() : before_(std::signal(SIGABRT, on_abort)) {
+    static const int registered = std::atexit(tell_last_line);
+    static_cast<void>(registered);
+    may_end = true;
+}
+MayEndProcess::~MayEndProcess() {
+    may_end = false;
+    std::signal(SIGABRT, before_);
+}
+
 Module::Module(Kind kind, const std::string &name) {
     const std::string used = name.empty() ? own_name() : name;
     parse_address(used); // refuses what is no name
@@ -150,13 +159,8 @@ Module::Module(Kind kind, const std::string &name) {
     if (c_get_process() != 0) throw refusal(used);
     need_identity();
     take_log();
-    static const int registered = std::atexit(tell_last_line);
-    static_cast<void>(registered);
-    const auto before = std::signal(SIGABRT, on_abort);
-    opening = true;
+    const MayEndProcess explained;
     ipc_ = tav_ipc_create_temp(used.c_str(), kind == kReceivingFiles);
-    opening = false;
-    std::signal(SIGABRT, before);
     if (!ipc_) throw refusal(used);
 }
 

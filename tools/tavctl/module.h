@@ -29,6 +29,18 @@ std::vector<std::string> take_log(); // the lines since the last call, oldest fi
 void watch_retries();
 uint64_t retries_logged();
 
+// The library ends the process when it must have an agent id and cannot: while an object of this lives,
+// whoever waits for the tool is told why.
+class MayEndProcess {
+  public:
+    MayEndProcess();
+    ~MayEndProcess();
+    MayEndProcess(const MayEndProcess &) = delete;
+
+  private:
+    void (*before_)(int);
+};
+
 // An endpoint of the tool, with a name of its own unless one is given. Throws Problem with the reason and the
 // remedy when the library refuses it.
 class Module {
