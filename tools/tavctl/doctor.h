@@ -1,0 +1,47 @@
+// What tavctl doctor is made of: findings, and the checks in two files.
+#pragma once
+
+#include <array>
+#include <string>
+
+#include "console.h"
+
+namespace tavctl {
+
+// Each finding is told at once; an end counts them.
+class Findings {
+  public:
+    explicit Findings(Console &out) : out_(out) {}
+    void ok(const char *check, const std::string &seen) { add(kOk, check, seen, {}); }
+    // remedy: commands, one a line, or a sentence
+    void warn(const char *check, const std::string &seen, const std::string &remedy) {
+        add(kWarn, check, seen, remedy);
+    }
+    void fail(const char *check, const std::string &seen, const std::string &remedy) {
+        add(kFail, check, seen, remedy);
+    }
+    void skip(const char *check, const std::string &why) { add(kSkipped, check, why, {}); }
+    bool tell_summary(); // false when something failed
+
+  private:
+    enum Verdict { kOk, kWarn, kFail, kSkipped, kVerdicts };
+    void add(Verdict verdict, const char *check, const std::string &seen, const std::string &remedy);
+    Console &out_;
+    std::array<size_t, kVerdicts> counts_{};
+};
+
+std::string quoted(const std::string &path); // as a shell takes it
+std::string mode_text(unsigned mode);        // "mode 0755"
+
+// doctor_agent.cpp
+struct AgentState {
+    bool allowed = false;   // by the list, says the library
+    bool has_id = false;    // from the platform or stored
+    bool directory = false; // there, and this user may make sockets in it
+};
+AgentState check_agent(Findings &findings);
+
+// doctor_machine.cpp
+void check_machine(Findings &findings);
+
+} // namespace tavctl
