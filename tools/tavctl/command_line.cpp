@@ -34,6 +34,7 @@ class CommandLine {
         app_.fallthrough();
         add_looking();
         add_talking();
+        add_files();
         add_allowlist();
         add_machine();
         app_.footer(kFooter); // now, so that the commands have none
@@ -108,6 +109,7 @@ class CommandLine {
 
     void add_looking();
     void add_talking();
+    void add_files();
     void add_allowlist();
     void add_machine();
     [[noreturn]] void become_other(int argc, char **argv) const;
@@ -191,6 +193,24 @@ void CommandLine::add_talking() {
     replying->add_flag("-q,--quiet", replying.options->quiet, "Do not print the requests");
 }
 
+void CommandLine::add_files() {
+    const auto sending = add(app_, "sendfile", "Sends a whole file", send_file);
+    destination(sending.app, sending.options->destination);
+    sending->add_option("FILE", sending.options->path, "The file")->required();
+    sending
+        ->add_option("-t,--timeout", sending.options->timeout_s, "Wait so long for each chunk's confirmation")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+
+    const auto receiving =
+        add(app_, "recvfile", "Receives files into a directory and prints their digests", receive_files);
+    receiving->add_option("DIR", receiving.options->directory, "The directory")->required();
+    receiving->add_option("--as", receiving.options->name, "The endpoint's name (default: one of its own)")
+        ->type_name("NAME");
+    count(receiving.app, receiving.options->count, "End after so many; 0: when interrupted");
+}
+
 void CommandLine::add_allowlist() {
     CLI::App &group =
         *app_.add_subcommand("allowlist", "The signed list of executables that may open endpoints");
@@ -236,7 +256,6 @@ void CommandLine::add_machine() {
     const auto id =
         add(app_, "id", "The agent id, where it comes from, and the configuration", show_identity);
     id->add_flag("--create", id.options->create, "Determine an id and store it when there is none");
-    add(app_, "doctor", "Examines this machine and agent; tells what to mend", doctor);
     CLI::App *completion = app_.add_subcommand("completion", "Prints the completion script for bash");
     completion->callback([this] { command_ = [this](Console &) { return print_bash_completion(app_); }; });
 }

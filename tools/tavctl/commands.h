@@ -91,12 +91,14 @@ struct ReplyOptions {
 };
 int reply(Console &out, const ReplyOptions &options);
 
-// --- files_commands.cpp
+// --- send_file.cpp
 struct SendFileOptions {
     std::string destination, path;
     int timeout_s = 10;
 };
 int send_file(Console &out, const SendFileOptions &options);
+
+// --- receive_files.cpp
 struct ReceiveFilesOptions {
     std::string directory;
     std::string name;   // of the endpoint; empty: one of its own
