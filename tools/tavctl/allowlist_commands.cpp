@@ -30,7 +30,14 @@ void check_names(const std::vector<std::string> &names) {
                          "give it without its directory");
 }
 
-void write_signed(const Paths &paths, const std::string &list, EVP_PKEY *key) {
+std::string present_list(const Paths &paths) {
+    return fs::exists(paths.list) ? read_file(paths.list) : std::string();
+}
+
+std::string count_text(size_t count) { return grouped(count) + (count == 1 ? " name" : " names"); }
+
+// Writes the list and its signature, and says so.
+int store(Console &out, const Paths &paths, const std::string &list, EVP_PKEY *key) {
     const std::string signature = sign(key, list);
     if (!signature_matches(built_in_key().get(), list, signature))
         std::cerr << "tavctl: warning: the library on this machine was built with another key and refuses "
@@ -42,18 +49,10 @@ void write_signed(const Paths &paths, const std::string &list, EVP_PKEY *key) {
                       "run it as the owner, or as root");
     write_file(paths.list, list);
     write_file(paths.signature, signature);
-}
-
-std::string present_list(const Paths &paths) {
-    return fs::exists(paths.list) ? read_file(paths.list) : std::string();
-}
-
-std::string count_text(size_t count) { return grouped(count) + (count == 1 ? " name" : " names"); }
-
-void tell_signed(Console &out, const Paths &paths, const std::string &list) {
     const size_t count = entries_of(list, paths.list).size();
     out.say(Record().add("list", paths.list).add("names", count).add("signed", true),
             paths.list + ": signed, " + count_text(count));
+    return kSuccess;
 }
 
 // The executable that is meant: a path, a process id, or a module in the directory of the tool.
@@ -92,10 +91,7 @@ int allowlist_add(Console &out, const ListOptions &options) {
     for (const std::string &name : options.names)
         if (const std::string digest = sha256_hex(name); std::ranges::count(entries, digest) == 0)
             entries.push_back(digest);
-    const std::string list = with_entries(before, paths.list, entries);
-    write_signed(paths, list, key.get());
-    tell_signed(out, paths, list);
-    return kSuccess;
+    return store(out, paths, with_entries(before, paths.list, entries), key.get());
 }
 
 int allowlist_remove(Console &out, const ListOptions &options) {
@@ -108,10 +104,7 @@ int allowlist_remove(Console &out, const ListOptions &options) {
         if (std::erase(entries, sha256_hex(name)) == 0)
             throw Problem("\"" + name + "\" is not in " + paths.list,
                           "tavctl allowlist verify NAME tells who is in it");
-    const std::string list = with_entries(before, paths.list, entries);
-    write_signed(paths, list, key.get());
-    tell_signed(out, paths, list);
-    return kSuccess;
+    return store(out, paths, with_entries(before, paths.list, entries), key.get());
 }
 
 int allowlist_sign(Console &out, const ListOptions &options) {
@@ -119,9 +112,7 @@ int allowlist_sign(Console &out, const ListOptions &options) {
     const Key key = load_private_key(options.key);
     const std::string list = read_file(paths.list);
     entries_of(list, paths.list); // refuses what the library could not use
-    write_signed(paths, list, key.get());
-    tell_signed(out, paths, list);
-    return kSuccess;
+    return store(out, paths, list, key.get());
 }
 
 int allowlist_verify(Console &out, const ListOptions &options) {
