@@ -256,6 +256,7 @@ void CommandLine::add_machine() {
     const auto id =
         add(app_, "id", "The agent id, where it comes from, and the configuration", show_identity);
     id->add_flag("--create", id.options->create, "Determine an id and store it when there is none");
+    add(app_, "doctor", "Examines this machine and agent; tells what to mend", doctor);
     CLI::App *completion = app_.add_subcommand("completion", "Prints the completion script for bash");
     completion->callback([this] { command_ = [this](Console &) { return print_bash_completion(app_); }; });
 }
