@@ -3,11 +3,19 @@
 #include "doctor.h"
 
 #include <algorithm>
+#include <cctype>
+#include <filesystem>
 #include <sstream>
 
+#include <unistd.h>
+
 #include "commands.h"
+#include "identity.h"
 #include "module.h"
 #include "problem.h"
+#include "processes.h"
+
+namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {
@@ -107,10 +115,15 @@ std::string quoted(const std::string &path) {
     return text + "'";
 }
 
-std::string mode_text(unsigned mode) {
-    char text[16];
-    snprintf(text, sizeof text, "mode %04o", mode & 07777);
-    return text;
+std::string as_root(const std::string &command) { return (geteuid() == 0 ? "" : "sudo ") + command; }
+
+std::string this_user() { return user_name(geteuid()); }
+std::string executable() { return fs::read_symlink("/proc/self/exe"); }
+std::string config_directory() {
+    const std::string found = configuration_directory();
+    std::error_code error;
+    const fs::path plain = fs::weakly_canonical(found, error); // without "bin/.."
+    return error ? found : plain.string();
 }
 
 int doctor(Console &out, const DoctorOptions &) {

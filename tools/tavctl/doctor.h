@@ -1,4 +1,4 @@
-// What tavctl doctor is made of: findings, and the checks in two files.
+// What tavctl doctor is made of: findings, and the checks in three files.
 #pragma once
 
 #include <array>
@@ -30,8 +30,11 @@ class Findings {
     std::array<size_t, kVerdicts> counts_{};
 };
 
-std::string quoted(const std::string &path); // as a shell takes it
-std::string mode_text(unsigned mode);        // "mode 0755"
+std::string quoted(const std::string &path);     // as a shell takes it
+std::string as_root(const std::string &command); // with sudo where this user is another
+std::string this_user();
+std::string executable();       // of the tool
+std::string config_directory(); // as the library finds it
 
 // doctor_agent.cpp
 struct AgentState {
@@ -40,6 +43,9 @@ struct AgentState {
     bool directory = false; // there, and this user may make sockets in it
 };
 AgentState check_agent(Findings &findings);
+
+// doctor_identity.cpp: true when an endpoint would have an id without making one
+bool check_identity(Findings &findings);
 
 // doctor_machine.cpp
 void check_machine(Findings &findings);

@@ -1,13 +1,10 @@
-// What the agent's own files tell: configuration, sockets, allow-list, identity.
+// What the agent's own files tell: configuration, sockets, allow-list.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <memory>
 
-#include <fcntl.h>
-#include <semaphore.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,17 +26,15 @@ namespace tavctl {
 namespace {
 
 constexpr size_t kLongestPath = 107;
-constexpr time_t kLongHeld_s = 30; // an id may take its maker 14 seconds
 
-std::string this_user() { return user_name(geteuid()); }
 std::string owner_text(const struct stat &file) {
-    return "owner " + user_name(file.st_uid) + ", " + mode_text(file.st_mode);
+    char mode[16];
+    snprintf(mode, sizeof mode, "%04o", file.st_mode & 07777);
+    return "owner " + user_name(file.st_uid) + ", mode " + mode;
 }
-std::string executable() { return fs::read_symlink("/proc/self/exe"); }
 
 void check_configuration(Findings &findings) {
-    const std::string found = configuration_directory(), how = how_found(found);
-    const std::string path = fs::weakly_canonical(found);
+    const std::string path = config_directory(), how = how_found(configuration_directory());
     struct stat directory {};
     if (stat(path.c_str(), &directory) != 0)
         return findings.fail("configuration", path + ", " + how + ": " + std::strerror(errno),
@@ -56,9 +51,10 @@ void check_configuration(Findings &findings) {
     }
     if (directory.st_mode & S_IWOTH) open_files += " " + quoted(path);
     if (!open_files.empty())
-        findings.fail("configuration", seen + "; everybody may write" + open_files, "chmod o-w" + open_files);
+        findings.fail("configuration", seen + "; everybody may write" + open_files,
+                      as_root("chmod o-w" + open_files));
     else if ((directory.st_mode & S_IWGRP) && directory.st_gid != 0)
-        findings.warn("configuration", seen + ": its group may write", "chmod g-w " + quoted(path));
+        findings.warn("configuration", seen + ": its group may write", as_root("chmod g-w " + quoted(path)));
     else
         findings.ok("configuration", seen);
 }
@@ -101,16 +97,15 @@ bool may_make(const std::string &path) {
 // True when an endpoint could be opened there.
 bool check_socket_directory(Findings &findings) {
     const std::string path = socket_directory(tav_get_location());
-    const std::string make = "sudo install -d -o " + this_user() + " " + quoted(path);
+    const std::string make = as_root("install -d -o " + this_user() + " " + quoted(path));
     struct stat directory {};
     if (stat(path.c_str(), &directory) != 0) {
+        const std::string reason = std::strerror(errno);
         if (errno == ENOENT && may_make(path))
             findings.warn("socket directory", path + " is not there; the first endpoint makes it", make);
         else
             findings.fail("socket directory",
-                          path + ": " + std::strerror(errno) + ", and the user " + this_user() +
-                              " cannot make it",
-                          make);
+                          path + ": " + reason + ", and the user " + this_user() + " cannot make it", make);
         return false;
     }
     const std::string longest = path + "/ipc" + std::to_string(INT32_MAX) + "_99999";
@@ -122,7 +117,7 @@ bool check_socket_directory(Findings &findings) {
     if (access(path.c_str(), W_OK | X_OK) != 0)
         return findings.fail("socket directory",
                              seen + ": the user " + this_user() + " cannot make sockets in it",
-                             "sudo chown " + this_user() + " " + quoted(path)),
+                             as_root("chown " + this_user() + " " + quoted(path))),
                false;
     if (longest.size() > kLongestPath)
         return findings.fail("socket directory",
@@ -132,7 +127,7 @@ bool check_socket_directory(Findings &findings) {
                false;
     if ((directory.st_mode & S_IWOTH) && !(directory.st_mode & S_ISVTX))
         findings.warn("socket directory", seen + ": everybody may replace its sockets",
-                      "chmod o-w " + quoted(path));
+                      as_root("chmod o-w " + quoted(path)));
     else
         findings.ok("socket directory", seen);
     return true;
@@ -141,17 +136,19 @@ bool check_socket_directory(Findings &findings) {
 void check_sockets(Findings &findings) {
     size_t live = 0, stale = 0, forbidden = 0;
     std::string strange;
-    for (const SocketDirectory &directory : scan_everything({}).directories) {
+    for (const SocketDirectory &directory : scan_known({}).directories) {
+        if (!directory.own) continue;
         live += directory.count(SocketState::kLive);
         stale += directory.count(SocketState::kStale);
         forbidden += directory.count(SocketState::kForbidden);
-        if (directory.own && directory.strange > 0) strange += " " + quoted(directory.path);
+        if (directory.strange > 0) strange += " " + quoted(directory.path);
     }
     const std::string seen =
         grouped(live) + " live, " + grouped(stale) + " stale" +
         (forbidden ? ", " + grouped(forbidden) + " that this user cannot tell" : std::string());
     if (stale > 0)
-        findings.warn("sockets", seen + ": files of processes that were killed", "tavctl list --clean");
+        findings.warn("sockets", seen + ": files of processes that were killed",
+                      as_root("tavctl list --clean"));
     else
         findings.ok("sockets", seen);
     if (!strange.empty())
@@ -214,74 +211,6 @@ bool check_allow_list(Findings &findings) {
     return allowed;
 }
 
-void check_manager(Findings &findings, bool has_id) {
-    char address[64] = "";
-    unsigned short port = 0;
-    errno = 0;
-    const int error = GetMgrAddr(address, sizeof address, &port);
-    const std::string directory = configuration_directory();
-    if (error == 0 && address[0] != '\0')
-        return findings.ok("manager", std::string(address) + ", port " + std::to_string(port));
-    const std::string seen =
-        error == 14 ? "the address in " + directory + "/server.ini cannot be resolved"
-                    : "server.ini [config] addr or server_port.ini [port] ipc cannot be read in " + directory;
-    const std::string remedy = "printf '[config]\\naddr = ADDRESS\\n' > " +
-                               quoted(directory + "/server.ini") + "\nprintf '[port]\\nipc = 8083\\n' > " +
-                               quoted(directory + "/server_port.ini");
-    if (has_id)
-        findings.warn("manager", seen + "; the stored agent id holds without it", remedy);
-    else
-        findings.fail("manager", seen + ": a module without an agent id ends with exit status 1", remedy);
-}
-
-// True when an endpoint would have an id without making one.
-bool check_identity(Findings &findings) {
-    if (IsCNAPPAgent()) {
-        if (get_hostid() != 0)
-            return findings.ok("agent id", std::to_string(get_hostid()) + ", from the platform"), true;
-        findings.fail("agent id", "agent.ini says that the platform gives it (cnapp = 1), but has no hostid",
-                      "set hostid in " + quoted(config_beside(executable()) + "/agent.ini"));
-        return false;
-    }
-    const std::string directory = configuration_directory(), path = directory + "/machineid";
-    const unsigned id = ReadAgentid(path.c_str());
-    const bool clone = access((directory + "/clone_mac").c_str(), F_OK) == 0;
-    const std::string mark = clone ? "; marked as a clone, which keeps its id (clone_mac)" : "";
-    if (id != 0)
-        findings.ok("agent id", std::to_string(id) + ", stored in " + path + mark);
-    else if (access(path.c_str(), F_OK) == 0 && access(path.c_str(), R_OK) != 0)
-        findings.fail("agent id", path + " may not be read by the user " + this_user(),
-                      "sudo chmod a+r " + quoted(path));
-    else
-        findings.warn("agent id", "none in " + path + mark + "; the first module makes one",
-                      "tavctl id --create");
-    check_manager(findings, id != 0);
-    return id != 0;
-}
-
-// The name of the lock is removed after every use: who finds it old finds it left behind.
-void check_identity_lock(Findings &findings) {
-    constexpr const char *kFile = "/dev/shm/sem.tav_agentid_mutexlock";
-    struct stat file {};
-    if (lstat(kFile, &file) != 0) return findings.ok("identity lock", "free");
-    const time_t age = time(nullptr) - file.st_mtime;
-    const std::string since = ", since " + time_text(static_cast<double>(std::max<time_t>(age, 0)));
-    int value = -1; // not known
-    if (S_ISREG(file.st_mode) && static_cast<size_t>(file.st_size) >= sizeof(sem_t))
-        if (sem_t *semaphore = sem_open("/tav_agentid_mutexlock", 0); semaphore != SEM_FAILED) {
-            sem_getvalue(semaphore, &value);
-            sem_close(semaphore);
-        }
-    if (value > 0) return findings.ok("identity lock", "free, its file was left behind" + since);
-    if (age < kLongHeld_s) return findings.ok("identity lock", "held" + since);
-    findings.warn(
-        "identity lock",
-        (value == 0 ? "held" : "there, and not for this user to look into") + since +
-            ": a process that was killed has left it; the next one waits 6 seconds, then does without "
-            "an id",
-        std::string("rm ") + kFile);
-}
-
 } // namespace
 
 AgentState check_agent(Findings &findings) {
@@ -292,7 +221,6 @@ AgentState check_agent(Findings &findings) {
     check_sockets(findings);
     agent.allowed = check_allow_list(findings);
     agent.has_id = check_identity(findings);
-    check_identity_lock(findings);
     return agent;
 }
 

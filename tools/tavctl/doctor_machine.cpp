@@ -41,7 +41,8 @@ std::optional<long> setting(const char *path) {
 
 // For now, and for the next start.
 std::string sysctl_remedy(const std::string &assignment) {
-    return "sysctl -w " + assignment + "\necho " + assignment + " >> /etc/sysctl.d/60-tavipc.conf";
+    return as_root("sysctl -w " + assignment) + "\necho " + assignment + " | " +
+           as_root("tee -a /etc/sysctl.d/60-tavipc.conf");
 }
 
 void check_queue(Findings &findings) {
@@ -49,10 +50,11 @@ void check_queue(Findings &findings) {
     if (!length) return findings.skip("datagram queue", "net.unix.max_dgram_qlen cannot be read");
     const std::string seen = "net.unix.max_dgram_qlen is " + std::to_string(*length);
     if (*length >= kFewDatagrams) return findings.ok("datagram queue", seen);
-    findings.warn("datagram queue",
-                  seen + ": the datagrams that wait for a busy receiver; more wait in their senders",
-                  sysctl_remedy("net.unix.max_dgram_qlen=512") +
-                      "\n# then start the modules again: a socket keeps what it was made with");
+    findings.warn(
+        "datagram queue",
+        seen + ": so few datagrams wait for a busy receiver; more wait in their senders, which takes time",
+        sysctl_remedy("net.unix.max_dgram_qlen=512") +
+            "\n# then start the modules again: a socket keeps what it was made with");
 }
 
 void check_buffers(Findings &findings) {
@@ -85,7 +87,7 @@ void check_room(Findings &findings) {
     struct statvfs disk {};
     if (access("/tmp", W_OK | X_OK) != 0 || statvfs("/tmp", &disk) != 0)
         return findings.fail("/tmp", std::string("this user cannot write to it: ") + std::strerror(errno),
-                             "chmod 1777 /tmp");
+                             as_root("chmod 1777 /tmp"));
     const double room = static_cast<double>(disk.f_bavail) * static_cast<double>(disk.f_frsize);
     const std::string seen = bytes_text(room) + " free for files that are received";
     const char *look = "du -xsh /tmp/* | sort -h | tail";
@@ -116,7 +118,7 @@ void check_received_files(Findings &findings) {
     findings.warn("received files",
                   grouped(count) + " left in /tmp by processes that are gone, " +
                       bytes_text(static_cast<double>(bytes)),
-                  "find /tmp -maxdepth 1 -type f -name 'ipc_file.*' -mmin +10 -delete");
+                  as_root("find /tmp -maxdepth 1 -type f -name 'ipc_file.*' -mmin +10 -delete"));
 }
 
 void check_clock(Findings &findings) {
@@ -128,13 +130,13 @@ void check_clock(Findings &findings) {
     strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &date);
     if (date.tm_year + 1900 < kEarliestYear)
         return findings.fail("clock", std::string("it shows ") + text,
-                             "timedatectl set-time 'YYYY-MM-DD HH:MM:SS'");
+                             as_root("timedatectl set-time 'YYYY-MM-DD HH:MM:SS'"));
     timex state{};
     if (adjtimex(&state) == TIME_ERROR || (state.status & STA_UNSYNC))
         return findings.warn("clock",
                              std::string(text) +
                                  ", not kept by a time service; time-outs go by it, and a step hits them",
-                             "timedatectl set-ntp true");
+                             as_root("timedatectl set-ntp true"));
     findings.ok("clock", std::string(text) + ", kept by a time service");
 }
 

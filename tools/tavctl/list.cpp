@@ -180,9 +180,14 @@ bool clean_one(Console &out, const std::string &directory, const SocketFile &fil
     }
 }
 
+// Others that merely have an open socket are another agent's to clean.
 int clean(Console &out, const Scan &scan) {
-    size_t stale = 0, failed = 0, forbidden = 0;
+    size_t stale = 0, failed = 0, forbidden = 0, others = 0;
     for (const SocketDirectory &directory : scan.directories) {
+        if (!directory.named) {
+            others += directory.count(SocketState::kStale);
+            continue;
+        }
         forbidden += directory.count(SocketState::kForbidden);
         for (const SocketFile &file : directory.sockets) {
             if (file.state != SocketState::kStale) continue;
@@ -190,11 +195,14 @@ int clean(Console &out, const Scan &scan) {
             failed += !clean_one(out, directory.path, file);
         }
     }
+    if (stale + forbidden == 0) out.tell("There is no stale socket file.");
     if (forbidden > 0)
         out.tell(grouped(forbidden) +
                  " sockets are forbidden to this user: whether they are stale, root sees.");
-    else if (stale == 0)
-        out.tell("There is no stale socket file.");
+    if (others > 0)
+        out.tell(grouped(others) +
+                 " stale in directories of other deployment types: --deploy-type TYPE cleans "
+                 "those of one, or its own tavctl.");
     if (failed > 0) out.tell("  what to do: run it as the owner of the directory, or as root");
     return failed > 0 ? kFailure : kSuccess;
 }

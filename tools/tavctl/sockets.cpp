@@ -46,7 +46,7 @@ pid_t sender_of(const std::string &name) {
 // Directories "zon_ipcN" in one place, each once.
 class Finder {
   public:
-    void add(const std::string &path, int location, bool own) {
+    void add(const std::string &path, int location, bool own = false, bool named = false) {
         std::error_code error;
         const fs::path real = fs::canonical(path, error);
         if (!seen_.insert(error ? fs::path(path) : real).second) return;
@@ -54,16 +54,17 @@ class Finder {
         directory.path = path;
         directory.location = location;
         directory.own = own;
+        directory.named = named;
         directories.push_back(std::move(directory));
     }
 
-    void add_below(const std::string &base, bool own) {
+    void add_below(const std::string &base, bool own, bool named) {
         std::error_code error;
         for (auto entry = fs::directory_iterator(base, error); !error && entry != fs::directory_iterator();
              entry.increment(error)) {
             const std::string name = entry->path().filename();
             if (const long location = location_of(name); location >= 0 && entry->is_directory(error))
-                add(base + "/" + name, static_cast<int>(location), own);
+                add(base + "/" + name, static_cast<int>(location), own, named);
             error.clear();
         }
     }
@@ -75,7 +76,7 @@ class Finder {
             const long location = location_of(directory.filename().native());
             std::error_code error;
             if (location >= 0 && path.starts_with("/var/") && fs::canonical(directory, error) == directory)
-                add(directory, static_cast<int>(location), false);
+                add(directory, static_cast<int>(location));
         }
     }
 
@@ -88,12 +89,12 @@ class Finder {
 Finder find_known(const std::vector<std::string> &deploy_types) {
     Finder finder;
     const char *type = GetDeployTypeStr();
-    finder.add_below(type ? std::string("/var/") + type : "/var", true);
-    finder.add_below("/var", false);
+    finder.add_below(type ? std::string("/var/") + type : "/var", true, true);
+    finder.add_below("/var", false, false);
     for (const std::string &given : deploy_types) {
         if (given.empty() || given.front() == '/' || given.find("..") != given.npos)
             throw misuse("\"" + given + "\" is no deployment type", "it is a path relative to /var");
-        finder.add_below("/var/" + given, false);
+        finder.add_below("/var/" + given, false, true);
     }
     return finder;
 }

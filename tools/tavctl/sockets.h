@@ -35,6 +35,7 @@ struct SocketDirectory {
     std::string path;
     int location = 0;
     bool own = false;   // of the tool's own deployment type: the tool reaches its endpoints
+    bool named = false; // own, or of a deployment type that was given
     std::string error;  // why it could not be read
     size_t strange = 0; // files that are no sockets
     std::vector<SocketFile> sockets;
