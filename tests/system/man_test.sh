@@ -4,6 +4,7 @@
 set -eu
 place=$(mktemp -d /var/tmp/tavipc-XXXXXX)
 trap 'rm -rf "$place"' EXIT
+trap 'exit 1' HUP INT PIPE TERM
 cd "$1"
 failed=0
 mkdir "$place/tavipc"
