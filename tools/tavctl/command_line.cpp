@@ -257,6 +257,11 @@ void CommandLine::add_machine() {
         add(app_, "id", "The agent id, where it comes from, and the configuration", show_identity);
     id->add_flag("--create", id.options->create, "Determine an id and store it when there is none");
     add(app_, "doctor", "Examines this machine and agent; tells what to mend", doctor);
+    const auto measuring = add(app_, "bench", "Measures this machine, beside a plain socket", bench);
+    measuring->add_option("--seconds", measuring.options->seconds, "Time for each work")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.05, 60.0))
+        ->capture_default_str();
     CLI::App *completion = app_.add_subcommand("completion", "Prints the completion script for bash");
     completion->callback([this] { command_ = [this](Console &) { return print_bash_completion(app_); }; });
 }
