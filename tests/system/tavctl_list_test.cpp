@@ -23,11 +23,14 @@ namespace fs = std::filesystem;
 // A datagram socket bound to its file, which stays when the socket goes.
 class Bound {
   public:
-    explicit Bound(const std::string &path) : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    explicit Bound(const std::string &path, bool to_itself = false)
+        : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
         EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << path;
+        if (!to_itself) return;
+        EXPECT_EQ(connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     }
     ~Bound() { close(fd_); }
     Bound(const Bound &) = delete;
@@ -78,6 +81,8 @@ TEST_F(Looking, ListsLiveAndStaleAndCleansTheStaleAlone) {
                 HasSubstr("\"state\":\"live\",\"sending\":true," + process));
     EXPECT_EQ(tavctl({"list", "--names"}).output, "alpha\nbeta\n");
 
+    const Bound connected(at + "/busy", true); // takes nothing from others, a connection included
+    EXPECT_THAT(listed("busy"), HasSubstr("\"state\":\"live\""));
     EXPECT_EQ(beta.kill(), -9);
     EXPECT_THAT(listed("beta"), HasSubstr("\"state\":\"stale\",\"sending\":false,\"process\":null"));
     EXPECT_THAT(finding("sockets"), AllOf(HasSubstr("\"warn\""), HasSubstr("list --clean")));
@@ -85,7 +90,7 @@ TEST_F(Looking, ListsLiveAndStaleAndCleansTheStaleAlone) {
     EXPECT_EQ(cleaned.status, 0) << cleaned.output << cleaned.errors;
     EXPECT_THAT(cleaned.output, HasSubstr("removed " + at + "/beta\n"));
     EXPECT_FALSE(fs::exists(at + "/beta"));
-    EXPECT_EQ(tavctl({"list", "--names"}).output, "alpha\n");
+    EXPECT_EQ(tavctl({"list", "--names"}).output, "alpha\nbusy\n");
     EXPECT_EQ(tavctl({"probe", "alpha", "-c", "1"}).status, 0);
     EXPECT_THAT(tavctl({"list", "--clean"}).output, HasSubstr("no stale socket file"));
     EXPECT_THAT(finding("sockets"), AllOf(HasSubstr("\"ok\""), HasSubstr(" live, 0 stale")));
