@@ -1,0 +1,10 @@
+# Run by cpack on the packages: takes away the scripts that it writes to call ldconfig, which the package's trigger does.
+foreach(package IN LISTS CPACK_PACKAGE_FILES)
+  if(package MATCHES "/libtavipc[0-9]+_")
+    set(tree ${CPACK_TEMPORARY_DIRECTORY}/finish)
+    file(REMOVE_RECURSE ${tree})
+    execute_process(COMMAND dpkg-deb -R ${package} ${tree} COMMAND_ERROR_IS_FATAL ANY)
+    file(REMOVE ${tree}/DEBIAN/postinst ${tree}/DEBIAN/postrm)
+    execute_process(COMMAND dpkg-deb --root-owner-group -Zxz -b ${tree} ${package} OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
+  endif()
+endforeach()

@@ -1,0 +1,34 @@
+# Run by cpack on the files of all packages before they are packed: what Debian wants beyond a plain installation. Each
+# package has its copyright and changelogs, documents go by the package's name, manual pages and changelogs are compressed
+# and a page that stands for another one is a link to it.
+string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+  set(usr ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/${component}/usr)
+  string(TOUPPER ${component} upper)
+  set(doc ${usr}/share/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
+  file(MAKE_DIRECTORY ${usr}/share/doc)
+  if(EXISTS ${usr}/share/doc/tavipc)
+    file(RENAME ${usr}/share/doc/tavipc ${doc})
+  endif()
+  file(COPY ${CPACK_TAVIPC_SOURCE}/packaging/debian/copyright DESTINATION ${doc})
+  file(COPY_FILE ${CPACK_TAVIPC_SOURCE}/CHANGELOG.md ${doc}/changelog)
+  file(WRITE ${doc}/changelog.Debian
+    "tavipc (${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}) unstable; urgency=medium\n\n"
+    "  * Built from its source; changelog.gz tells what is new.\n\n"
+    " -- ${CPACK_PACKAGE_CONTACT}  ${date}\n")
+  file(GLOB_RECURSE pages ${usr}/share/man/*.[1357])
+  set(plain ${doc}/changelog ${doc}/changelog.Debian)
+  foreach(page IN LISTS pages)
+    file(READ ${page} start LIMIT 200)
+    if(start MATCHES "^\\.so man[1357]/([^\n]+)\n")
+      file(REMOVE ${page})
+      file(CREATE_LINK ${CMAKE_MATCH_1}.gz ${page}.gz SYMBOLIC)
+    else()
+      list(APPEND plain ${page})
+    endif()
+  endforeach()
+  execute_process(COMMAND gzip -9nf ${plain} COMMAND_ERROR_IS_FATAL ANY)
+  # whatever the umask is of who builds
+  execute_process(COMMAND chmod -R u=rwX,go=rX ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/${component}
+    COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
