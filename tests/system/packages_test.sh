@@ -1,0 +1,170 @@
+#!/bin/bash
+# packages_test.sh PACKAGES RELEASE KEY: what the Debian packages in the directory PACKAGES hold serves its users, seen in a
+# directory that they are unpacked in; so does what is installed from the build RELEASE the way README.md says. KEY signs
+# for both. One line for each check, "ok: ..." or "FAILED: ...".
+set -u
+source=$(cd "$(dirname "$0")/../.." && pwd)
+packages=$(realpath "$1") release=$(realpath "$2") key=$(realpath "$3")
+place=$(mktemp -d /var/tmp/tavipc-XXXXXX)
+trap 'rm -rf "$place"' EXIT
+root=$place/root
+agent=$root/usr/lib/tavipc
+cd "$place" || exit 1
+umask 022
+failed=0
+
+check() { # title, function
+    local start=$SECONDS
+    if (set -eu; "$2") >"$place/log" 2>&1 </dev/null; then
+        echo "ok: $1, $((SECONDS - start)) s"
+    else
+        failed=1
+        echo "FAILED: $1"
+        tail -n 30 "$place/log"
+    fi
+}
+# A subshell in the condition of an "if" goes on after errors: what must hold says so itself.
+must() { "$@" || { echo "not so: $*" >&2; exit 1; }; }
+must_not() { ! "$@" || { echo "should not be so: $*" >&2; exit 1; }; }
+
+field() { dpkg-deb -f "$packages/$1"_*.deb "$2"; }
+
+unpacked() {
+    local package
+    must test "$(find "$packages" -maxdepth 1 -name '*.deb' | wc -l)" = 3
+    for package in libtavipc0 libtavipc-dev tavipc-tools; do
+        must dpkg-deb -x "$packages/$package"_*.deb "$root"
+        must dpkg-deb -e "$packages/$package"_*.deb "$place/$package"
+        dpkg-deb -c "$packages/$package"_*.deb | awk '{print $1, $2, $6}' | tee "$place/$package.list" | grep -v '^d' |
+            awk '{print $3}' >>"$place/files"
+    done
+    must_not grep -E '^[-d].{4}w|^[-d].{7}w' "$place"/*.list # others' writing
+    must_not grep -v ' root/root ' "$place"/*.list
+    must test -z "$(sort "$place/files" | uniq -d)"
+    (cd "$root" && must md5sum --quiet -c "$place"/*/md5sums)
+    must grep -q 'activate-noawait ldconfig' "$place/libtavipc0/triggers"
+    must test "$(field libtavipc-dev Depends)" = "libtavipc0 (= $(field libtavipc0 Version))"
+    must grep -q "libtavipc0 (= $(field libtavipc0 Version))" <<<"$(field tavipc-tools Depends)"
+    must grep -q 'libuv1 (' <<<"$(field libtavipc0 Depends)"
+}
+
+lean() { # stripped, nothing of where it was built
+    local file
+    for file in "$agent/bin/tavctl" "$libraries"/lib{tavipc,tavbase,tavaux,tavcl_ev}.so.0; do
+        must test -r "$file"
+        must_not grep -E 'RPATH|RUNPATH' <<<"$(readelf -d "$file")"
+        must_not grep debug_info <<<"$(readelf -S "$file")"
+    done
+    must_not grep -rlF "$source" "$root"
+}
+
+headers() {
+    local header
+    for header in "$root"/usr/include/tavipc/*.h; do
+        printf '#include <tavipc/%s>\nextern int one;\n' "${header##*/}" | tee one.c >one.cpp
+        must cc -std=c11 -pedantic -Wall -Wextra -Werror -I"$root/usr/include" -fsyntax-only one.c
+        must c++ -std=c++20 -pedantic -Wall -Wextra -Werror -I"$root/usr/include" -fsyntax-only one.cpp
+    done
+}
+
+# The README's program, as C and as C++, by pkg-config and by CMake.
+consumers() {
+    local flags
+    export PKG_CONFIG_PATH=$libraries/pkgconfig
+    must test "$(pkg-config --modversion tavipc)" = "$(field libtavipc0 Version | cut -d- -f1)"
+    flags=$(pkg-config --cflags --libs tavipc)
+    # shellcheck disable=SC2086 # the flags are words
+    must cc -std=c11 -pedantic -Wall -Wextra -Werror hello.c -o "$agent/bin/by_pc" $flags
+    # shellcheck disable=SC2086
+    must c++ -std=c++20 -pedantic -Wall -Wextra -Werror hello.cpp -o "$agent/bin/by_pc_cpp" $flags
+    cat >CMakeLists.txt <<'TEXT'
+cmake_minimum_required(VERSION 3.25)
+project(consumer C CXX)
+set(CMAKE_CXX_STANDARD 20)
+find_package(tavipc 0.1 REQUIRED)
+find_package(tavipc 0.2 QUIET)
+if(tavipc_FOUND)
+  message(FATAL_ERROR "another minor version satisfies")
+endif()
+find_package(tavipc 0.1 REQUIRED)
+add_executable(by_cmake hello.c)
+add_executable(by_cmake_cpp hello.cpp)
+add_executable(by_parts hello.c)
+target_link_libraries(by_cmake tavipc::tavipc)
+target_link_libraries(by_cmake_cpp tavipc::tavipc)
+target_link_libraries(by_parts tavipc::tavipc tavipc::tavcl_ev tavipc::tavaux tavipc::tavbase)
+TEXT
+    must cmake -S . -B built -DCMAKE_PREFIX_PATH="$root/usr" -DCMAKE_RUNTIME_OUTPUT_DIRECTORY="$agent/bin"
+    must cmake --build built -j2
+}
+
+run() { LD_LIBRARY_PATH=$libraries timeout 60 "$@"; }
+
+programs() {
+    local name said
+    for name in by_pc by_pc_cpp by_cmake by_cmake_cpp by_parts; do
+        must run "$root/usr/bin/tavctl" allowlist add --key "$key" --dir "$root/etc/tavipc" "$name"
+        said=$(run "$agent/bin/$name")
+        must test "$said" = "Success, 8: hello"
+    done
+}
+
+# /usr/bin/tavctl finds the list in /etc/tavipc over its links; it may open endpoints when it stands in the list.
+tool() {
+    local status=0 tavctl=$root/usr/bin/tavctl tries=100
+    must grep -qF "$(field libtavipc0 Version | cut -d- -f1)" <<<"$(run "$tavctl" --version)"
+    must test "$(readlink "$agent/config.installed")" = /etc/tavipc
+    run "$tavctl" probe nobody || status=$?
+    must test $status = 4
+    must run "$tavctl" allowlist add --key "$key" --dir "$root/etc/tavipc" tavctl
+    run "$tavctl" reply --echo --count 1 echo &
+    while [[ ! -S zon_ipc1/echo ]] && ((tries-- > 0)); do sleep 0.1; done
+    must test "$(run "$tavctl" request --raw echo hello)" = hello
+    must wait $!
+    must bash -n "$root/usr/share/bash-completion/completions/tavctl"
+}
+
+# Each exported function has a page that tells of it.
+pages() {
+    local name page man=$root/usr/share/man
+    must test "$(find "$man/man3" -name '*.gz' | wc -l)" -gt 100
+    for name in $(grep -v '^#' "$source/packaging/exports.txt" | c++filt | sed 's/(.*//'); do
+        page=$man/man3/$name.3.gz
+        must test -r "$page"
+        must grep -qw "$name" <<<"$(mandoc -Tascii "$page" | sed "s/.\x08//g")"
+    done
+    for page in $(find "$man" -type f -name '*.gz'); do
+        gunzip -c "$page" | must mandoc -Tlint -W error
+    done
+}
+
+# The README's commands from the installation on, with directories of this test's own; no identity is determined.
+readme() {
+    local commands said
+    commands=$(sed -n '/^An executable lives in/,/^`deploy_type/p' "$source/README.md" | sed -n 's/^    //p' | sed \
+        -e "s#^\./dev install \(.*\)#cmake --install '$release' --prefix \1 >install.log#" \
+        -e "s#build/release/devkey/private.pem#'$key'#; s#/tmp/tavipc#$place/prefix#g; s#/tmp/agent#$place/readme#g" \
+        -e "s#deploy_type = tmp/agent#deploy_type = tmp/${place##*/}#")
+    must test "$(wc -l <<<"$commands")" -gt 5
+    said=$(bash -euc "$(sed '$d' <<<"$commands")
+        printf 'cnapp = 1\nhostid = 7\n' >>'$place/readme/config/agent.ini'
+        $(tail -n 1 <<<"$commands")" | tail -n 1)
+    must test "$said" = "Success, 8: hello"
+}
+
+check "packages, owners, dependencies" unpacked
+test -x "$root/usr/bin/tavctl" || exit 1
+libraries=$(dirname "$(find "$root" -name libtavipc.so.0)")
+sed -n '/^```c$/,/^```$/p' "$source/README.md" | sed '/^```/d' | tee hello.c >hello.cpp
+mv "$agent/config" "$agent/config.installed" # it leads to the machine's /etc
+ln -s "$root/etc/tavipc" "$agent/config"
+sed -e "s#^;deploy_type.*#deploy_type = tmp/${place##*/}#; s/^;cnapp.*/cnapp = 1/; s/^;hostid.*/hostid = 7/" \
+    -e 's/^;\([a-z0-9_]* = \)/\1/' "$root/usr/share/doc/tavipc-tools/examples/agent.ini" >"$root/etc/tavipc/agent.ini"
+check "stripped, no paths of the build" lean
+check "each header alone, C and C++" headers
+check "programs built by pkg-config and by CMake" consumers
+check "the programs run" programs
+check "/usr/bin/tavctl" tool
+check "manual pages" pages
+check "the README's program, installed as it says" readme
+exit $failed
