@@ -76,6 +76,9 @@ std::string Record::json() const {
 }
 
 Console::Console() : terminal_(isatty(STDOUT_FILENO) != 0) {}
+Console::~Console() {
+    if (progress_shown_) std::cout << "\r\033[K" << std::flush;
+}
 
 void Console::write(const std::string &line) {
     if (progress_shown_) std::cout << "\r\033[K";

@@ -42,6 +42,8 @@ class Record {
 class Console {
   public:
     Console();
+    ~Console(); // a problem is told on a line of its own
+    Console(const Console &) = delete;
     void use_json() { json_ = true; }
     bool json() const { return json_; }
 

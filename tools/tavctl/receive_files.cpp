@@ -76,15 +76,11 @@ class Copy {
     }
     Copy(const Copy &) = delete;
     bool fill(int from) {
-        std::vector<char> buffer(1u << 20);
-        for (off_t at = 0;;) {
-            const ssize_t got = pread(from, buffer.data(), buffer.size(), at);
-            if (got <= 0) return got == 0 && fsync(file_.get()) == 0;
-            for (ssize_t put = 0, some; put < got; put += some, at += some) {
-                some = write(file_.get(), &buffer[static_cast<size_t>(put)], static_cast<size_t>(got - put));
-                if (some < 0) return false;
-            }
-        }
+        if (copy(from) && fsync(file_.get()) == 0) return true;
+        const int error = errno;
+        static_cast<void>(ftruncate(file_.get(), 0)); // so that what is told of free room does not count it
+        errno = error;
+        return false;
     }
     std::string name(const std::string &wanted) {
         std::string path;
@@ -94,6 +90,17 @@ class Copy {
     }
 
   private:
+    bool copy(int from) {
+        std::vector<char> buffer(1u << 20);
+        for (off_t at = 0;;) {
+            const ssize_t got = pread(from, buffer.data(), buffer.size(), at);
+            if (got <= 0) return got == 0;
+            for (ssize_t put = 0, some; put < got; put += some, at += some) {
+                some = write(file_.get(), &buffer[static_cast<size_t>(put)], static_cast<size_t>(got - put));
+                if (some < 0) return false;
+            }
+        }
+    }
     std::string path_;
     Descriptor file_;
     bool named_ = false;
@@ -240,15 +247,15 @@ std::string usable_directory(const std::string &given) {
     if (stat(given.c_str(), &info) != 0)
         throw system_problem("there is no directory " + name, "make it: mkdir -p " + name);
     if (!S_ISDIR(info.st_mode)) throw Problem(name + " is no directory");
-    if (access(given.c_str(), W_OK | X_OK) != 0)
-        throw system_problem("cannot write to " + name, "give a directory that this user may write to");
-    for (const std::string &directory : {given, std::string("/tmp")}) {
+    for (const std::string &directory : {given, std::string("/tmp")}) { // the library receives in /tmp
+        std::string path = directory + "/.recvfile-XXXXXX";
+        const Descriptor trial(mkostemp(path.data(), O_CLOEXEC));
+        if (!trial) throw cannot_move("cannot write", directory);
+        unlink(path.c_str());
         struct statvfs space {};
-        if (statvfs(directory.c_str(), &space) == 0 && space.f_blocks > 0 && space.f_bavail == 0)
+        if (fstatvfs(trial.get(), &space) == 0 && space.f_blocks > 0 && space.f_bavail == 0)
             throw Problem("no space is left in " + harmless(directory), "make room there");
     }
-    if (access("/tmp", W_OK | X_OK) != 0)
-        throw system_problem("cannot write to /tmp, where the library receives files");
     return given.size() > 1 && given.ends_with('/') ? given.substr(0, given.size() - 1) : given;
 }
 

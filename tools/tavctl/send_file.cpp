@@ -116,6 +116,10 @@ class Reader {
     const struct stat info_;
 };
 
+std::string whole_seconds(double seconds) {
+    return seconds < 99.5 ? std::to_string(std::lround(seconds)) + " s" : time_text(seconds);
+}
+
 std::string bar_text(unsigned width, uint64_t done, uint64_t size, const std::string &tail) {
     const double part = size > 0 ? std::min(1.0, static_cast<double>(done) / static_cast<double>(size)) : 0;
     const std::string percent = size > 0 ? std::to_string(static_cast<int>(part * 100)) + " %" : "";
@@ -157,10 +161,11 @@ class Progress {
 
   private:
     std::string tail() const {
-        if (looked_ - moved_ > 2) return ", no confirmation for " + time_text(std::floor(looked_ - moved_));
+        if (looked_ - moved_ > 2)
+            return ", no confirmation for " + whole_seconds(std::floor(looked_ - moved_));
         const double left = static_cast<double>(size_ - std::min(size_, done_));
         return ", " + bytes_text(rate_) + "/s" +
-               (rate_ >= 1 && size_ > 0 ? ", " + time_text(std::ceil(left / rate_)) + " left" : "");
+               (rate_ >= 1 && size_ > 0 ? ", " + whole_seconds(std::ceil(left / rate_)) + " left" : "");
     }
     Console &out_;
     const uint64_t size_;
