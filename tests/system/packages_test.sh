@@ -41,6 +41,7 @@ unpacked() {
     must_not grep -E '^[-d].{4}w|^[-d].{7}w' "$place"/*.list # others' writing
     must_not grep -v ' root/root ' "$place"/*.list
     must test -z "$(sort "$place/files" | uniq -d)"
+    must_not grep -vE '(/|/lib[a-z_]*\.so\.[0-9.]+|/copyright|/changelog(\.Debian)?\.gz)$' "$place/libtavipc0.list"
     (cd "$root" && must md5sum --quiet -c "$place"/*/md5sums)
     must grep -q 'activate-noawait ldconfig' "$place/libtavipc0/triggers"
     must test "$(field libtavipc-dev Depends)" = "libtavipc0 (= $(field libtavipc0 Version))"
