@@ -263,14 +263,17 @@ int send_file(Console &out, const SendFileOptions &options) {
     const double rate = static_cast<double>(hasher.size()) / took;
     Record record;
     record.add("type", "file").add("to", address_text(destination)).add("path", harmless(options.path));
-    record.add("bytes", hasher.size()).add("seconds", took).add("rate", rate).add("file_id", transfer.code);
-    record.add("changed", changed);
+    record.add("seconds", took).add("rate", rate).add("file_id", transfer.code).add("changed", changed);
     const std::string hex = hasher.hex();
-    changed ? record.add_null("sha256") : record.add("sha256", hex);
-    out.say(record, address_text(destination) + ": " + grouped(hasher.size()) + " bytes delivered in " +
-                        time_text(took) + ", " + bytes_text(rate) + "/s, file id " +
+    if (changed) // what was read for the digest is not what the library read
+        record.add_null("bytes").add_null("sha256");
+    else
+        record.add("bytes", hasher.size()).add("sha256", hex);
+    out.say(record, address_text(destination) + (changed ? ": about " : ": ") + grouped(hasher.size()) +
+                        " bytes delivered in " + time_text(took) + ", " + bytes_text(rate) + "/s, file id " +
                         std::to_string(transfer.code) +
-                        (changed ? "\n  the file changed meanwhile: what arrived may be of neither state"
+                        (changed ? "\n  the file changed meanwhile: what arrived may be of neither state; "
+                                   "the receiver knows its size"
                                  : "\n  sha256 " + hex));
     return kSuccess;
 }
