@@ -107,14 +107,17 @@ int bench(Console &out, const BenchOptions &options) {
             continue;
         }
         const unsigned runs = !file ? kRuns : options.seconds < 1 ? 1 : kFileRuns;
-        const Run run{work.kind, false, work.size, options.seconds / (2 * runs)};
+        const auto measure = [&](bool over_sockets) {
+            const Run run{work.kind, over_sockets, work.size, options.seconds / (2 * runs)};
+            return over_sockets ? run_raw(raw, peer.channel(), run, source.get())
+                                : runner.run(module, peer, run, source.get());
+        };
         std::vector<double> tavipc, plain;
         for (unsigned i = 0; i < runs; ++i) {
             out.progress(padded(work.title, kTitleWidth) + std::to_string(i + 1) + " of " +
                          std::to_string(runs));
-            plain.push_back(
-                run_raw(raw, peer.channel(), {run.kind, true, run.size, run.seconds}, source.get()));
-            tavipc.push_back(runner.run(module, peer, run, source.get()));
+            plain.push_back(measure(true));
+            tavipc.push_back(measure(false));
         }
         say_work(out, work, median(tavipc), median(plain));
     }

@@ -217,6 +217,35 @@ Problem failed_transfer(const tav_addr_st &destination, int32_t code, uint64_t d
     }
 }
 
+// What the destination has, with the digest.
+void say_delivered(Console &out, const SendFileOptions &options, int32_t file_id, const Descriptor &file,
+                   const struct stat &info, Hasher &hasher, double took) {
+    const std::string who = address_text(parse_address(options.destination));
+    hasher.finish();
+    if (hasher.error() != 0)
+        throw Problem("cannot read " + harmless(options.path) + " beyond " + grouped(hasher.size()) +
+                      " bytes: " + strerror(hasher.error()) + "; what arrived ends there or before");
+    struct stat after {};
+    const bool changed = fstat(file.get(), &after) != 0 || after.st_size != info.st_size ||
+                         after.st_mtim.tv_sec != info.st_mtim.tv_sec ||
+                         after.st_mtim.tv_nsec != info.st_mtim.tv_nsec ||
+                         (info.st_size > 0 && hasher.size() != static_cast<uint64_t>(info.st_size));
+    const double rate = static_cast<double>(hasher.size()) / took;
+    Record record;
+    record.add("type", "file").add("to", who).add("path", harmless(options.path));
+    record.add("seconds", took).add("rate", rate).add("file_id", file_id).add("changed", changed);
+    const std::string hex = hasher.hex();
+    if (changed) // what was read for the digest is not what the library read
+        record.add_null("bytes").add_null("sha256");
+    else
+        record.add("bytes", hasher.size()).add("sha256", hex);
+    out.say(record, who + (changed ? ": about " : ": ") + grouped(hasher.size()) + " bytes delivered in " +
+                        time_text(took) + ", " + bytes_text(rate) + "/s, file id " + std::to_string(file_id) +
+                        (changed ? "\n  the file changed meanwhile: what arrived may be of neither state; "
+                                   "the receiver knows its size"
+                                 : "\n  sha256 " + hex));
+}
+
 } // namespace
 
 int send_file(Console &out, const SendFileOptions &options) {
@@ -251,30 +280,7 @@ int send_file(Console &out, const SendFileOptions &options) {
     if (!transfer.ended) throw Problem("the event loop ended before the transfer did");
     if (transfer.code < 0) throw failed_transfer(destination, transfer.code, progress.done());
 
-    hasher.finish();
-    if (hasher.error() != 0)
-        throw Problem("cannot read " + harmless(options.path) + " beyond " + grouped(hasher.size()) +
-                      " bytes: " + strerror(hasher.error()) + "; what arrived ends there or before");
-    struct stat after {};
-    const bool changed = fstat(file.get(), &after) != 0 || after.st_size != info.st_size ||
-                         after.st_mtim.tv_sec != info.st_mtim.tv_sec ||
-                         after.st_mtim.tv_nsec != info.st_mtim.tv_nsec ||
-                         (info.st_size > 0 && hasher.size() != static_cast<uint64_t>(info.st_size));
-    const double rate = static_cast<double>(hasher.size()) / took;
-    Record record;
-    record.add("type", "file").add("to", address_text(destination)).add("path", harmless(options.path));
-    record.add("seconds", took).add("rate", rate).add("file_id", transfer.code).add("changed", changed);
-    const std::string hex = hasher.hex();
-    if (changed) // what was read for the digest is not what the library read
-        record.add_null("bytes").add_null("sha256");
-    else
-        record.add("bytes", hasher.size()).add("sha256", hex);
-    out.say(record, address_text(destination) + (changed ? ": about " : ": ") + grouped(hasher.size()) +
-                        " bytes delivered in " + time_text(took) + ", " + bytes_text(rate) + "/s, file id " +
-                        std::to_string(transfer.code) +
-                        (changed ? "\n  the file changed meanwhile: what arrived may be of neither state; "
-                                   "the receiver knows its size"
-                                 : "\n  sha256 " + hex));
+    say_delivered(out, options, transfer.code, file, info, hasher, took);
     return kSuccess;
 }
 
