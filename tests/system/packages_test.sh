@@ -142,9 +142,9 @@ pages() {
 # The README's commands from the installation on, with directories of this test's own; no identity is determined.
 readme() {
     local commands said
-    commands=$(sed -n '/^An executable lives in/,/^`deploy_type/p' "$source/README.md" | sed -n 's/^    //p' | sed \
+    commands=$(sed -n '/^An agent is a directory/,/^`deploy_type/p' "$source/README.md" | sed -n 's/^    //p' | sed \
         -e "s#^\./dev install \(.*\)#cmake --install '$release' --prefix \1 >install.log#" \
-        -e "s#build/release/devkey/private.pem#'$key'#; s#/tmp/tavipc#$place/prefix#g; s#/tmp/agent#$place/readme#g" \
+        -e "s#build/release/devkey/private.pem#'$key'#; s#/tmp/agent#$place/readme#g" \
         -e "s#deploy_type = tmp/agent#deploy_type = tmp/${place##*/}#")
     must test "$(wc -l <<<"$commands")" -gt 5
     said=$(bash -euc "$(sed '$d' <<<"$commands")
