@@ -10,6 +10,7 @@
 
 #include "allowlist.h"
 #include "doctor.h"
+#include "identity.h"
 #include "tavaux.h"
 #include "tavipc/tav_agentid.h"
 
@@ -19,21 +20,21 @@ namespace {
 constexpr time_t kLongHeld_s = 30; // an id may take its maker 14 seconds
 
 void check_manager(Findings &findings, bool has_id) {
-    char address[64] = "";
-    unsigned short port = 0;
-    errno = 0;
-    const int error = GetMgrAddr(address, sizeof address, &port);
+    const Manager manager;
+    if (!manager.address.empty()) return findings.ok("manager", manager.text);
     const std::string directory = config_directory();
-    if (error == 0 && address[0] != '\0')
-        return findings.ok("manager", std::string(address) + ", port " + std::to_string(port));
-    const std::string seen =
-        error == 14 ? "the address in " + directory + "/server.ini cannot be resolved"
-                    : "server.ini [config] addr or server_port.ini [port] ipc cannot be read in " + directory;
-    const std::string remedy = "printf '[config]\\naddr = ADDRESS\\n' > " +
-                               quoted(directory + "/server.ini") + "\nprintf '[port]\\nipc = 8083\\n' > " +
-                               quoted(directory + "/server_port.ini");
+    std::string remedy;
+    if (!manager.named)
+        remedy = "printf '[config]\\naddr = ADDRESS\\n' > " + quoted(directory + "/server.ini");
+    if (!manager.port_given)
+        remedy += (remedy.empty() ? "" : "\n") +
+                  ("printf '[port]\\nipc = 8083\\n' > " + quoted(directory + "/server_port.ini"));
+    if (remedy.empty()) remedy = "getent hosts ADDRESS tells whether this machine knows the name";
+    const std::string seen = manager.text + ", in " + directory;
     if (has_id)
         findings.warn("manager", seen + "; the stored agent id holds without it", remedy);
+    else if (manager.named)
+        findings.warn("manager", seen + "; an agent id is made without the route to it", remedy);
     else
         findings.fail("manager", seen + ": a module without an agent id ends with exit status 1", remedy);
 }

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 
 #include <arpa/inet.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include "commands.h"
 #include "files.h"
 #include "identity.h"
+#include "keys.h"
 #include "module.h"
 #include "problem.h"
 #include "tavaux.h"
@@ -72,24 +74,11 @@ struct Stored {
     }
 };
 
-struct Manager {
-    std::string address, text;
-    unsigned short port = 0;
-    Manager() {
-        std::array<char, 64> ip{};
-        errno = 0;
-        const int error = GetMgrAddr(ip.data(), static_cast<int>(ip.size()), &port);
-        if (error == 0 && ip[0] != '\0') {
-            address = ip.data();
-            text = address + ", port " + std::to_string(port);
-        } else {
-            text = "none: " + (error == 14
-                                   ? std::string("the address in server.ini cannot be resolved")
-                                   : "server.ini [config] addr or server_port.ini [port] ipc cannot be read" +
-                                         (error ? std::string(" (") + strerror(error) + ")" : std::string()));
-        }
-    }
-};
+bool has_value(const std::string &path, const char *section, const char *key) {
+    const std::unique_ptr<ini_file_t, Releaser<ini_file_free>> file(ini_file_load(path.c_str()));
+    const char *value = file ? ini_file_get(file.get(), section, key) : nullptr;
+    return value && *value;
+}
 
 std::string deployment_text() {
     const char *type = GetDeployTypeStr();
@@ -123,6 +112,22 @@ std::string how_found(const std::string &directory) {
         return access(beside, F_OK) == 0 ? "beside the directory of this executable"
                                          : "expected beside the directory of this executable, and MISSING";
     return "beside the first \"bin\" in the path of this executable";
+}
+
+Manager::Manager() {
+    const std::string directory = configuration_directory();
+    named = has_value(directory + "/server.ini", "config", "addr");
+    port_given = has_value(directory + "/server_port.ini", "port", "ipc");
+    std::array<char, 64> ip{};
+    const int error = GetMgrAddr(ip.data(), static_cast<int>(ip.size()), &port);
+    if (error == 0 && named && port_given) {
+        address = ip.data();
+        text = address + ", port " + std::to_string(port);
+        return;
+    }
+    std::string missing = named ? "" : "server.ini has no [config] addr";
+    if (!port_given) missing += std::string(named ? "" : ", ") + "server_port.ini has no [port] ipc";
+    text = "none: " + (missing.empty() ? "the address in server.ini cannot be resolved" : missing);
 }
 
 int show_identity(Console &out, const IdentityOptions &options) {

@@ -1,4 +1,4 @@
-// Where the configuration lies.
+// Where the configuration lies, and the manager that it names.
 #pragma once
 
 #include <string>
@@ -7,5 +7,15 @@ namespace tavctl {
 
 std::string configuration_directory();               // as the library finds it
 std::string how_found(const std::string &directory); // "beside the directory of this executable"
+
+// What GetMgrAddr says, and what is wrong where it does not say all.
+struct Manager {
+    Manager();
+    std::string address; // empty: none
+    unsigned short port = 0;
+    bool named = false;      // server.ini has [config] addr
+    bool port_given = false; // server_port.ini has [port] ipc
+    std::string text;        // "192.0.2.1, port 8083", or "none: ..."
+};
 
 } // namespace tavctl
