@@ -1,5 +1,5 @@
 #!/bin/sh
-# man_test.sh SOURCE: the pages of section 3 name every exported function and every function of the platform's
+# man_test.sh SOURCE TAVCTL: the pages of section 3 name every exported function and every function of the platform's
 # headers once each, with the headers' prototypes; the programs in them compile; mandoc has nothing to say.
 set -eu
 place=$(mktemp -d /var/tmp/tavipc-XXXXXX)
@@ -45,6 +45,14 @@ for page in packaging/man/*.3; do
     [ ! -s "$place/example.c" ] || cc -std=c11 -pedantic -Wall -Wextra -Werror -fsyntax-only -I"$place" \
         "$place/example.c" || { echo "$page: the example does not compile" >&2; failed=1; }
 done
+
+# The tool's commands and options, as they stand in mdoc.
+"$2" completion | sed -n "s/^ *'[a-z-]*') words='\([^']*\)'.*/\1/p" | tr ' ' '\n' | LC_ALL=C sort -u >"$place/words"
+[ "$(wc -l <"$place/words")" -gt 40 ] || { echo "the tool tells no options" >&2; failed=1; }
+while read -r word; do
+    macro=$(echo "$word" | sed 's/^--/Fl Fl /; s/^-/Fl /')
+    grep -qE -- "(^|[ .])$macro( |,|\$)" packaging/man/tavctl.1 || { echo "tavctl.1 lacks $word" >&2; failed=1; }
+done <"$place/words"
 
 if command -v mandoc >/dev/null; then
     mandoc -Tlint -W warning packaging/man/*.[1-8] || failed=1
