@@ -154,6 +154,7 @@ TEST_F(Tavctl, KeepsTheSignedList) {
     EXPECT_ENDS(1, tavctl({"allowlist", "verify", "--dir", dir})) << "the library's own key";
     std::ofstream(dir + "/linux.json") << "{\"linux\":[1],  \"other\":{}}";
     EXPECT_ENDS(1, verify({}));
+    EXPECT_ENDS(1, list({"add", "delta"})) << "what nobody signed is not signed along";
     EXPECT_ENDS(0, list({"sign"}));
     EXPECT_ENDS(0, verify({}));
     EXPECT_ENDS(0, list({"add", "alpha"}));
@@ -168,6 +169,9 @@ TEST_F(Tavctl, TellsWrongUsageFromFailure) {
                                {"probe"},
                                {"probe", "far too long"},
                                {"probe", "alpha@256"},
+                               {"probe", ".."},
+                               {"probe", "alpha", "-c", "-1"},
+                               {"--agent", "", "id"},
                                {"send", "alpha", "x", "--file", "y"},
                                {"trace", "maybe"},
                                {"allowlist", "add", "--key", "k", "bin/alpha"},

@@ -63,9 +63,13 @@ using Json = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>;
 
 Json parse_list(const std::string &text, const std::string &path) {
     Json root(cJSON_Parse(text.c_str()));
-    if (!root) throw Problem(path + " is not JSON", "make the list anew: tavctl allowlist add");
+    if (!root)
+        throw Problem(path + " is not JSON", "make the list anew: mv " + quoted(path) + " " +
+                                                 quoted(path + ".bad") + "; tavctl allowlist add ...");
     if (!cJSON_IsArray(cJSON_GetObjectItem(root.get(), "linux")))
-        throw Problem(path + " has no array \"linux\"", "make the list anew: tavctl allowlist add");
+        throw Problem(path + " has no array \"linux\"", "make the list anew: mv " + quoted(path) + " " +
+                                                            quoted(path + ".bad") +
+                                                            "; tavctl allowlist add ...");
     return root;
 }
 
@@ -74,7 +78,7 @@ Verdict refused(std::string reason, std::string remedy) {
 }
 
 std::string sign_command(const std::string &directory) {
-    return "tavctl allowlist sign --key PRIVATE.pem --dir " + directory;
+    return "tavctl allowlist sign --key PRIVATE.pem --dir " + quoted(directory);
 }
 
 } // namespace
@@ -134,16 +138,17 @@ Verdict judge_executable(const std::string &path) {
         return refused(executable.string() + " is no executable file", "chmod +x it, or give another path");
     const std::string name = executable.filename(), directory = config_beside(executable);
     const std::string list_path = directory + "/linux.json", signature_path = directory + "/linux_sign.json";
-    const std::string add = "tavctl allowlist add --key PRIVATE.pem --dir " + directory + " " + name;
+    const std::string add = "tavctl allowlist add --key PRIVATE.pem --dir " + quoted(directory) +
+                            (name.starts_with('-') ? " -- " : " ") + quoted(name);
     std::string list, signature;
     try {
-        list = read_file(list_path);
+        list = read_regular_file(list_path);
     } catch (const Problem &problem) {
         return refused(std::string(problem.what()) + " (the list lies beside the executable's directory)",
                        add);
     }
     try {
-        signature = read_file(signature_path);
+        signature = read_regular_file(signature_path);
     } catch (const Problem &problem) {
         return refused(problem.what(), sign_command(directory));
     }

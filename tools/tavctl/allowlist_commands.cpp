@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <iostream>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include "allowlist.h"
@@ -30,8 +32,30 @@ void check_names(const std::vector<std::string> &names) {
                          "give it without its directory");
 }
 
-std::string present_list(const Paths &paths) {
-    return fs::exists(paths.list) ? read_file(paths.list) : std::string();
+// Only one at a time changes a list.
+Descriptor lock(const Paths &paths) {
+    std::error_code error;
+    fs::create_directories(paths.directory, error);
+    if (error)
+        throw Problem("cannot make " + paths.directory + ": " + error.message(),
+                      "run it as the owner, or as root");
+    Descriptor directory(open(paths.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory || flock(directory.get(), LOCK_EX) != 0)
+        throw system_problem("cannot lock " + paths.directory);
+    return directory;
+}
+
+// The list as it is; empty when there is none. Its entries are about to be signed again: nobody may have
+// added to it without the key.
+std::string trusted_list(const Paths &paths, EVP_PKEY *key) {
+    if (!fs::exists(paths.list)) return {};
+    const std::string list = read_regular_file(paths.list);
+    const std::string signature = fs::exists(paths.signature) ? read_regular_file(paths.signature) : "";
+    if (!signature_matches(key, list, signature))
+        throw Problem(paths.list + " is not signed by this key: somebody changed it, or it is another key's",
+                      "look at it, then sign it as it is: tavctl allowlist sign --key PRIVATE.pem --dir " +
+                          quoted(paths.directory));
+    return list;
 }
 
 std::string count_text(size_t count) { return grouped(count) + (count == 1 ? " name" : " names"); }
@@ -39,19 +63,17 @@ std::string count_text(size_t count) { return grouped(count) + (count == 1 ? " n
 // Writes the list and its signature, and says so.
 int store(Console &out, const Paths &paths, const std::string &list, EVP_PKEY *key) {
     const std::string signature = sign(key, list);
-    if (!signature_matches(built_in_key().get(), list, signature))
+    const bool accepted = signature_matches(built_in_key().get(), list, signature);
+    if (!accepted)
         std::cerr << "tavctl: warning: the library on this machine was built with another key and refuses "
                      "this list\n";
-    std::error_code error;
-    fs::create_directories(paths.directory, error);
-    if (error)
-        throw Problem("cannot make " + paths.directory + ": " + error.message(),
-                      "run it as the owner, or as root");
-    write_file(paths.list, list);
-    write_file(paths.signature, signature);
+    NewFile list_file(paths.list, list), signature_file(paths.signature, signature);
+    list_file.put();
+    signature_file.put();
     const size_t count = entries_of(list, paths.list).size();
-    out.say(Record().add("list", paths.list).add("names", count).add("signed", true),
-            paths.list + ": signed, " + count_text(count));
+    out.say(
+        Record().add("list", paths.list).add("names", count).add("signed", true).add("accepted", accepted),
+        paths.list + ": signed, " + count_text(count));
     return kSuccess;
 }
 
@@ -86,7 +108,8 @@ int allowlist_add(Console &out, const ListOptions &options) {
     check_names(options.names);
     const Paths paths(options.directory);
     const Key key = load_private_key(options.key);
-    const std::string before = present_list(paths);
+    const Descriptor locked = lock(paths);
+    const std::string before = trusted_list(paths, key.get());
     auto entries = before.empty() ? std::vector<std::string>() : entries_of(before, paths.list);
     for (const std::string &name : options.names)
         if (const std::string digest = sha256_hex(name); std::ranges::count(entries, digest) == 0)
@@ -98,7 +121,9 @@ int allowlist_remove(Console &out, const ListOptions &options) {
     check_names(options.names);
     const Paths paths(options.directory);
     const Key key = load_private_key(options.key);
-    const std::string before = read_file(paths.list);
+    const Descriptor locked = lock(paths);
+    const std::string before = trusted_list(paths, key.get());
+    if (before.empty()) throw Problem("there is no list " + paths.list);
     auto entries = entries_of(before, paths.list);
     for (const std::string &name : options.names)
         if (std::erase(entries, sha256_hex(name)) == 0)
@@ -110,7 +135,8 @@ int allowlist_remove(Console &out, const ListOptions &options) {
 int allowlist_sign(Console &out, const ListOptions &options) {
     const Paths paths(options.directory);
     const Key key = load_private_key(options.key);
-    const std::string list = read_file(paths.list);
+    const Descriptor locked = lock(paths);
+    const std::string list = read_regular_file(paths.list);
     entries_of(list, paths.list); // refuses what the library could not use
     return store(out, paths, list, key.get());
 }
@@ -119,10 +145,10 @@ int allowlist_verify(Console &out, const ListOptions &options) {
     check_names(options.names);
     const Paths paths(options.directory);
     const Key key = options.key.empty() ? built_in_key() : load_public_key(options.key);
-    const std::string list = read_file(paths.list);
-    if (!signature_matches(key.get(), list, read_file(paths.signature)))
+    const std::string list = read_regular_file(paths.list);
+    if (!signature_matches(key.get(), list, read_regular_file(paths.signature)))
         throw Problem(paths.signature + " is not this key's signature of " + paths.list,
-                      "sign it: tavctl allowlist sign --key PRIVATE.pem --dir " + paths.directory);
+                      "sign it: tavctl allowlist sign --key PRIVATE.pem --dir " + quoted(paths.directory));
     const auto entries = entries_of(list, paths.list);
     out.say(Record().add("list", paths.list).add("names", entries.size()).add("valid", true),
             paths.list + ": the signature is valid, " + count_text(entries.size()));

@@ -19,6 +19,22 @@ constexpr const char *kFooter = "\nAn endpoint is given as NAME or NAME@LOCATION
                                 "the tool itself may not open an\n"
                                 "endpoint. tavctl COMMAND --help tells more, tavctl(1) all.";
 
+// "-1" would be read as a very large number, "010" as 8, and no comparison holds for "nan".
+const CLI::Validator kDecimal(
+    [](std::string &text) {
+        const bool fine = !text.empty() && text.size() < 19 &&
+                          text.find_first_not_of("0123456789") == text.npos &&
+                          (text == "0" || text[0] != '0');
+        return fine ? std::string() : "\"" + text + "\" is no number";
+    },
+    "");
+const CLI::Validator kFinite(
+    [](std::string &text) {
+        const bool fine = !text.empty() && text.find_first_not_of("0123456789.") == text.npos;
+        return fine ? std::string() : "\"" + text + "\" is no time in seconds";
+    },
+    "");
+
 class CommandLine {
   public:
     CommandLine() {
@@ -46,7 +62,7 @@ class CommandLine {
         } catch (const CLI::ParseError &error) {
             return app_.exit(error) == 0 ? kSuccess : kMisuse;
         }
-        if (!agent_.empty()) become_other(argc, argv);
+        if (app_.get_option("--agent")->count() > 0) become_other(argc, argv);
         Console out;
         if (json_) out.use_json();
         keep_log(verbose_);
@@ -72,7 +88,7 @@ class CommandLine {
         return entry;
     }
     static void count(CLI::App *app, uint64_t &value, const char *help) {
-        app->add_option("-c,--count", value, help)->type_name("N")->capture_default_str();
+        app->add_option("-c,--count", value, help)->type_name("N")->check(kDecimal)->capture_default_str();
     }
     static void destination(CLI::App *app, std::string &value) {
         app->add_option("NAME", value, "The endpoint: NAME or NAME@LOCATION")->required();
@@ -138,6 +154,7 @@ void CommandLine::add_looking() {
     count(probing.app, probing.options->count, "Probes; 0: until interrupted");
     probing->add_option("-i,--interval", probing.options->interval_s, "Time between two")
         ->type_name("SECONDS")
+        ->check(kFinite)
         ->check(CLI::Range(0.0, 86400.0))
         ->capture_default_str();
 
@@ -167,6 +184,7 @@ void CommandLine::add_talking() {
     count(sending.app, sending.options->count, "Send it so often");
     sending->add_option("-i,--interval", sending.options->interval_s, "Time between two")
         ->type_name("SECONDS")
+        ->check(kFinite)
         ->check(CLI::Range(0.0, 86400.0));
 
     const auto listening = add(app_, "listen", "Opens an endpoint and prints the messages that come", listen);
@@ -260,6 +278,7 @@ void CommandLine::add_machine() {
     const auto measuring = add(app_, "bench", "Measures this machine, beside a plain socket", bench);
     measuring->add_option("--seconds", measuring.options->seconds, "Time for each work")
         ->type_name("SECONDS")
+        ->check(kFinite)
         ->check(CLI::Range(0.05, 60.0))
         ->capture_default_str();
     CLI::App *completion = app_.add_subcommand("completion", "Prints the completion script for bash");
@@ -270,11 +289,14 @@ void CommandLine::add_machine() {
 void CommandLine::become_other(int argc, char **argv) const {
     const std::string tool = agent_ + "/bin/tavctl";
     std::vector<char *> words{argv[0]};
+    if (agent_.empty()) throw misuse("--agent names no directory");
+    bool plain = false; // behind "--"
     for (int i = 1; i < argc; ++i) {
         const std::string_view word = argv[i];
-        if (word == "--agent")
+        plain = plain || word == "--";
+        if (!plain && word == "--agent")
             ++i;
-        else if (!word.starts_with("--agent="))
+        else if (plain || !word.starts_with("--agent="))
             words.push_back(argv[i]);
     }
     words.push_back(nullptr);
@@ -283,7 +305,7 @@ void CommandLine::become_other(int argc, char **argv) const {
         "cannot run " + tool,
         "an agent has its own tavctl, because the allow-list goes by the executable: copy this one there "
         "and add it, tavctl allowlist add --key PRIVATE.pem --dir " +
-            agent_ + "/config tavctl");
+            quoted(agent_ + "/config") + " tavctl");
 }
 
 } // namespace

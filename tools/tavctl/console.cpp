@@ -47,7 +47,8 @@ bool is_control(std::string_view bytes, size_t length) {
 } // namespace
 
 Record &Record::add(const char *name, std::string_view text) {
-    cJSON_AddStringToObject(object_.get(), name, std::string(text).c_str());
+    cJSON_AddStringToObject(object_.get(), name,
+                            (is_text(text) ? std::string(text) : harmless(text)).c_str());
     return *this;
 }
 
@@ -196,6 +197,17 @@ std::string one_line(std::string_view text) {
     for (char &c : line)
         if (c == '\t' || c == '\n') c = '?';
     return line;
+}
+
+std::string quoted(const std::string &path) {
+    if (!path.empty() && std::ranges::all_of(path, [](unsigned char c) {
+            return std::isalnum(c) || c >= 0x80 ||
+                   std::string_view("/._+-=@%,:").find(static_cast<char>(c)) != std::string_view::npos;
+        }))
+        return path;
+    std::string text = "'";
+    for (const char c : path) text += c == '\'' ? "'\\''" : std::string(1, c);
+    return text + "'";
 }
 
 std::string hex_of(std::string_view bytes) {

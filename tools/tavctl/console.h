@@ -76,6 +76,7 @@ std::string padded(std::string text, size_t width); // blanks behind it
 std::string clock_text();                           // wall clock, "12:34:56.789"
 // Whether the bytes are UTF-8 without control characters other than tab and line end.
 bool is_text(std::string_view bytes);
+std::string quoted(const std::string &path); // as a shell takes it
 std::string hex_of(std::string_view bytes);
 // Rows of 16 bytes with offset, hexadecimal and characters, each with the indent in front; at most so many
 // bytes.

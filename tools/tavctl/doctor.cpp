@@ -104,17 +104,6 @@ bool Findings::tell_summary() {
     return counts_[kFail] == 0;
 }
 
-std::string quoted(const std::string &path) {
-    if (!path.empty() && std::ranges::all_of(path, [](unsigned char c) {
-            return std::isalnum(c) || c >= 0x80 ||
-                   std::string_view("/._+-=@%,:").find(static_cast<char>(c)) != std::string_view::npos;
-        }))
-        return path;
-    std::string text = "'";
-    for (const char c : path) text += c == '\'' ? "'\\''" : std::string(1, c);
-    return text + "'";
-}
-
 std::string as_root(const std::string &command) { return (geteuid() == 0 ? "" : "sudo ") + command; }
 
 std::string this_user() { return user_name(geteuid()); }

@@ -30,7 +30,6 @@ class Findings {
     std::array<size_t, kVerdicts> counts_{};
 };
 
-std::string quoted(const std::string &path);     // as a shell takes it
 std::string as_root(const std::string &command); // with sudo where this user is another
 std::string this_user();
 std::string executable();       // of the tool

@@ -97,7 +97,7 @@ bool may_make(const std::string &path) {
 // True when an endpoint could be opened there.
 bool check_socket_directory(Findings &findings) {
     const std::string path = socket_directory(tav_get_location());
-    const std::string make = as_root("install -d -o " + this_user() + " " + quoted(path));
+    const std::string make = "start a module of the agent, or as its user: install -d " + quoted(path);
     struct stat directory {};
     if (stat(path.c_str(), &directory) != 0) {
         const std::string reason = std::strerror(errno);
@@ -115,9 +115,9 @@ bool check_socket_directory(Findings &findings) {
                              "mv " + quoted(path) + " " + quoted(path + ".old")),
                false;
     if (access(path.c_str(), W_OK | X_OK) != 0)
-        return findings.fail("socket directory",
-                             seen + ": the user " + this_user() + " cannot make sockets in it",
-                             as_root("chown " + this_user() + " " + quoted(path))),
+        return findings.fail(
+                   "socket directory", seen + ": the user " + this_user() + " cannot make sockets in it",
+                   "run it as the agent's user: sudo -u " + user_name(directory.st_uid) + " tavctl doctor"),
                false;
     if (longest.size() > kLongestPath)
         return findings.fail("socket directory",

@@ -1,7 +1,10 @@
 #include "files.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
 
 #include "problem.h"
 
@@ -15,6 +18,12 @@ void write_all(int fd, std::string_view content, const std::string &path) {
         if (n < 0) throw system_problem("cannot write " + path);
         content.remove_prefix(static_cast<size_t>(n));
     }
+}
+
+// Where the file lies that is to be replaced: a link stays, what it leads to is replaced.
+std::string real_path(const std::string &path) {
+    const std::unique_ptr<char, void (*)(void *)> real(::realpath(path.c_str(), nullptr), std::free);
+    return real ? real.get() : path;
 }
 
 } // namespace
@@ -39,19 +48,47 @@ std::string read_file(const std::string &path, size_t limit) {
     return read_descriptor(file.get(), path, limit);
 }
 
-void write_file(const std::string &path, std::string_view content, unsigned mode) {
-    const std::string temporary = path + ".tmp" + std::to_string(::getpid());
-    ::unlink(temporary.c_str()); // a leftover of a killed run
-    Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
-    if (!file) throw system_problem("cannot create " + temporary);
+std::string read_regular_file(const std::string &path, size_t limit) {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file) throw system_problem("cannot open " + path);
+    struct stat info {};
+    if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))
+        throw Problem(path + " is no regular file", "move it away");
+    return read_descriptor(file.get(), path, limit);
+}
+
+NewFile::NewFile(const std::string &path, std::string_view content, unsigned mode)
+    : path_(real_path(path)), temporary_(path_ + ".tmp" + std::to_string(::getpid())) {
+    ::unlink(temporary_.c_str()); // a leftover of a killed run
+    Descriptor file(::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file) throw system_problem("cannot create " + temporary_, "may this user write there?");
     try {
-        write_all(file.get(), content, temporary);
-        if (::fsync(file.get()) != 0 || file.close() != 0) throw system_problem("cannot write " + temporary);
-        if (::rename(temporary.c_str(), path.c_str()) != 0) throw system_problem("cannot replace " + path);
+        struct stat before {};
+        if (::stat(path_.c_str(), &before) == 0) {
+            if (!S_ISREG(before.st_mode)) throw Problem(path_ + " is no regular file", "move it away");
+            mode = before.st_mode & 0777;
+            if (::fchown(file.get(), before.st_uid, before.st_gid) != 0) errno = 0; // its own user's, then
+        }
+        if (::fchmod(file.get(), mode) != 0) throw system_problem("cannot set the mode of " + temporary_);
+        write_all(file.get(), content, temporary_);
+        if (::fsync(file.get()) != 0 || file.close() != 0) throw system_problem("cannot write " + temporary_);
     } catch (...) {
-        ::unlink(temporary.c_str());
+        ::unlink(temporary_.c_str());
         throw;
     }
+}
+
+NewFile::~NewFile() {
+    if (!temporary_.empty()) ::unlink(temporary_.c_str());
+}
+
+void NewFile::put() {
+    if (::rename(temporary_.c_str(), path_.c_str()) != 0) throw system_problem("cannot replace " + path_);
+    temporary_.clear();
+}
+
+void write_file(const std::string &path, std::string_view content, unsigned mode) {
+    NewFile(path, content, mode).put();
 }
 
 } // namespace tavctl

@@ -35,7 +35,20 @@ class Descriptor {
 // Both throw Problem. limit: a longer file is refused.
 std::string read_file(const std::string &path, size_t limit = kMaxFileSize);
 std::string read_descriptor(int fd, const std::string &name, size_t limit);
-// All or nothing: a reader sees the old file or the whole new one. The process's umask applies to mode.
+// The same, but a pipe or device in the place of a configuration file is refused instead of waited for.
+std::string read_regular_file(const std::string &path, size_t limit = kMaxFileSize);
+// A file that is complete beside its place, and put there in one step: a reader sees the old file or the
+// whole new one. What it replaces gives it mode and owner; mode is that of a new file.
+class NewFile {
+  public:
+    NewFile(const std::string &path, std::string_view content, unsigned mode = 0644);
+    ~NewFile();
+    NewFile(const NewFile &) = delete;
+    void put();
+
+  private:
+    std::string path_, temporary_;
+};
 void write_file(const std::string &path, std::string_view content, unsigned mode = 0644);
 
 } // namespace tavctl

@@ -48,7 +48,7 @@ struct Stored {
         present = true;
         std::string bytes;
         try {
-            bytes = read_file(path, 65536);
+            bytes = read_regular_file(path, 65536);
         } catch (const Problem &problem) {
             text = problem.what();
             return;

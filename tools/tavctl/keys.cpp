@@ -80,10 +80,14 @@ bool make_key_pair(const std::string &private_path, const std::string &public_pa
         if (!exists(public_path)) write_file(public_path, public_pem(load_private_key(private_path).get()));
         return false;
     }
+    if (!if_missing && (exists(public_path) || public_path == private_path))
+        throw Problem(public_path +
+                          (exists(public_path) ? " exists and is left alone" : " would be both halves"),
+                      "give another name for the public half");
     const Key key(EVP_RSA_gen(kKeyBits));
     if (!key) throw_crypto_problem("cannot generate a key");
+    write_file(public_path, public_pem(key.get())); // first: a private half without it would stand in the way
     write_file(private_path, private_pem(key.get()), 0600);
-    write_file(public_path, public_pem(key.get()));
     return true;
 }
 

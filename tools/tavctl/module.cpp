@@ -102,7 +102,8 @@ tav_addr_st parse_address(const std::string &text, uint8_t flags) {
     const size_t at = text.find('@');
     const std::string name = text.substr(0, at);
     tav_addr_st address{};
-    if (name.empty() || name.size() > TAV_IPC_NAME_MAX || name.find('/') != std::string::npos)
+    if (name.empty() || name.size() > TAV_IPC_NAME_MAX || name.find('/') != std::string::npos ||
+        name == "." || name == "..")
         throw misuse("\"" + text + "\" is no endpoint: a name has 1 to 9 characters and no \"/\"",
                      "tavctl list shows the endpoints that there are");
     std::memcpy(address.name, name.data(), name.size());
@@ -177,6 +178,7 @@ Wait run_until(const std::function<bool()> &done, std::optional<Milliseconds> li
     const double end = limit ? now_seconds() + std::chrono::duration<double>(*limit).count() : 0;
     for (;;) {
         if (done()) return Wait::kDone;
+        if (!std::cout) return Wait::kInterrupted; // nobody reads: what came would be lost
         if (interrupted()) return Wait::kInterrupted;
         int64_t slice = kSlice_ms;
         if (limit) {
@@ -214,7 +216,8 @@ Problem silence(const tav_addr_st &address) {
         return Problem("no answer from " + who + ": " + path + " may not be written by this user",
                        "run tavctl as the user of the module, or as root", kNoAnswer);
     case SocketState::kNoSocket:
-        return Problem("no answer from " + who + ": " + path + " is no socket", "remove it", kNoAnswer);
+        return Problem("no answer from " + who + ": " + path + " is no socket",
+                       "see whose it is, and move it away", kNoAnswer);
     case SocketState::kLive:
         break;
     }

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "console.h"
@@ -50,6 +51,8 @@ class Module {
     ~Module() { tav_ipc_destroy(ipc_); }
     Module(const Module &) = delete;
     Module &operator=(const Module &) = delete;
+    // Closes the endpoint before its time, from a callback too.
+    void close() { tav_ipc_destroy(std::exchange(ipc_, nullptr)); }
     operator tav_ipc_st *() const { return ipc_; }
     std::string text() const { return address_text(*tav_ipc_get_local_addr(ipc_)); }
 

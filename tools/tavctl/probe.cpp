@@ -33,7 +33,7 @@ struct Statistics {
         if (!times.empty()) {
             std::vector<double> sorted = times;
             std::ranges::sort(sorted);
-            const double median = sorted[sorted.size() / 2];
+            const double median = (sorted[(sorted.size() - 1) / 2] + sorted[sorted.size() / 2]) / 2;
             double sum = 0, squares = 0;
             for (const double t : sorted) sum += t;
             const double mean = sum / static_cast<double>(sorted.size());
@@ -86,6 +86,7 @@ int probe(Console &out, const ProbeOptions &options) {
             pause(options.interval_s - (now_seconds() - begin));
     }
     statistics.tell(out, who);
+    if (statistics.sent == 0) return kFailure; // interrupted before one could be answered
     return statistics.times.empty() ? kNoAnswer : kSuccess;
 }
 

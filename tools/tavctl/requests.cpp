@@ -26,6 +26,8 @@ struct Server {
 
     void answer(tav_ipc_st *ipc, const tav_addr_st &src, uint32_t reqid, uint32_t cmd,
                 std::string_view request) {
+        if (options.count > 0 && answered >= options.count)
+            return; // of those that came together with the last
         const std::string_view bytes = options.echo ? request : std::string_view(payload);
         tav_addr_st destination = src;
         destination.flags |= flags;

@@ -229,7 +229,7 @@ void say_delivered(Console &out, const SendFileOptions &options, int32_t file_id
     const bool changed = fstat(file.get(), &after) != 0 || after.st_size != info.st_size ||
                          after.st_mtim.tv_sec != info.st_mtim.tv_sec ||
                          after.st_mtim.tv_nsec != info.st_mtim.tv_nsec ||
-                         (info.st_size > 0 && hasher.size() != static_cast<uint64_t>(info.st_size));
+                         hasher.size() != static_cast<uint64_t>(info.st_size);
     const double rate = static_cast<double>(hasher.size()) / took;
     Record record;
     record.add("type", "file").add("to", who).add("path", harmless(options.path));

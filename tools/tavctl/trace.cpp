@@ -1,4 +1,5 @@
 // tavctl trace and explain: what happens on the road.
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <span>
@@ -122,12 +123,20 @@ std::string datagram_bytes(const ExplainOptions &options) {
 }
 
 // What a receiver would say of the length and the check value; empty when it would accept the datagram.
-std::string objection(const tav_ipc_hdr_st &header, size_t payload, uint32_t expected) {
+std::string objection(const tav_ipc_hdr_st &header, size_t payload, uint32_t expected, unsigned sequence) {
     if (header.magic != expected)
         return "the check value is wrong: a receiver drops this datagram without a word";
     if (header.size > payload)
         return "only " + grouped(payload) + " of " + grouped(header.size) +
                " payload bytes are here: a receiver drops a datagram like this without a word";
+    if (header.frag_word[0] & 1) {
+        const uint64_t at = uint64_t{sequence} * TAV_IPC_FRAGMENT_PAYLOAD;
+        const uint64_t rest = header.frag_orig > at ? header.frag_orig - at : 0;
+        if (header.frag_orig > TAV_IPC_MESSAGE_MAX ||
+            header.size != std::min<uint64_t>(rest, TAV_IPC_FRAGMENT_PAYLOAD))
+            return "this fragment has not the length that belongs to its number and its message: a receiver "
+                   "drops it";
+    }
     return {};
 }
 
@@ -144,7 +153,7 @@ std::string parse_hex(std::string_view text) {
     int high = -1;
     if (text.starts_with("0x") || text.starts_with("0X")) text.remove_prefix(2);
     for (const char c : text) {
-        if (std::strchr(" \t\r\n:,", c)) continue;
+        if (c != '\0' && std::strchr(" \t\r\n:,", c)) continue;
         const char *digits = "0123456789abcdef";
         const char *found = std::strchr(digits, c >= 'A' && c <= 'F' ? c + 32 : c);
         if (!found || c == '\0')
@@ -178,7 +187,7 @@ int explain(Console &out, const ExplainOptions &options) {
     const size_t payload = bytes.size() - sizeof header;
     const bool fragment = header.frag_word[0] & 1;
     const unsigned sequence = header.frag_word[0] >> 1 | (header.frag_word[1] & 7u) << 7;
-    const std::string complaint = objection(header, payload, expected);
+    const std::string complaint = objection(header, payload, expected, sequence);
 
     Record record;
     add_address(record, "dest", header.dest);
