@@ -139,6 +139,8 @@ TEST_F(Tavctl, KeepsTheSignedList) {
     EXPECT_ENDS(1, tavctl({"allowlist", "keygen", "--private", key, "--public", open + "2"}))
         << "never replaced";
     EXPECT_ENDS(0, list({"add", "alpha", "beta"}));
+    EXPECT_ENDS(1, tavctl({"allowlist", "sign", "--key", key})) << "the library would refuse its own list";
+    EXPECT_ENDS(0, tavctl({"allowlist", "verify"}));
     EXPECT_ENDS(0, list({"add", "beta", "gamma"}));
     EXPECT_ENDS(0, list({"remove", "alpha"}));
     EXPECT_ENDS(1, list({"remove", "alpha"}));

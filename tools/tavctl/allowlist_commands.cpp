@@ -138,6 +138,13 @@ int allowlist_sign(Console &out, const ListOptions &options) {
     const Descriptor locked = lock(paths);
     const std::string list = read_regular_file(paths.list);
     entries_of(list, paths.list); // refuses what the library could not use
+    const Key library_key = built_in_key();
+    if (EVP_PKEY_eq(key.get(), library_key.get()) != 1 && fs::exists(paths.signature) &&
+        signature_matches(library_key.get(), list, read_regular_file(paths.signature)))
+        throw Problem(paths.list + " is signed by the library's key; with " + options.key +
+                          " the library would refuse every module",
+                      "if the modules get a library with that key: rm " + quoted(paths.signature) +
+                          ", then sign");
     return store(out, paths, list, key.get());
 }
 

@@ -41,7 +41,6 @@ class CommandLine {
         app_.require_subcommand(1);
         app_.formatter(std::make_shared<HelpFormat>());
         app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
-        app_.get_formatter()->label("Subcommands", "Commands");
         app_.set_version_flag("--version", TAVIPC_VERSION);
         app_.add_flag("--json", json_, "One JSON object a line, for programs");
         app_.add_flag("-v,--verbose", verbose_, "The library's log on standard error");
@@ -78,10 +77,13 @@ class CommandLine {
         std::shared_ptr<Options> options;
         CLI::App *operator->() const { return app; }
     };
+    static CLI::App *add_command(CLI::App &parent, const char *name, const char *help) {
+        return parent.add_subcommand(name, help)->group("Commands");
+    }
     template <class Options>
     Entry<Options> add(CLI::App &parent, const char *name, const char *help,
                        int (*function)(Console &, const Options &)) {
-        const Entry<Options> entry{parent.add_subcommand(name, help), std::make_shared<Options>()};
+        const Entry<Options> entry{add_command(parent, name, help), std::make_shared<Options>()};
         entry->callback([this, function, options = entry.options] {
             command_ = [function, options](Console &out) { return function(out, *options); };
         });
@@ -231,7 +233,7 @@ void CommandLine::add_files() {
 
 void CommandLine::add_allowlist() {
     CLI::App &group =
-        *app_.add_subcommand("allowlist", "The signed list of executables that may open endpoints");
+        *add_command(app_, "allowlist", "The signed list of executables that may open endpoints");
     group.require_subcommand(1);
     const auto keygen =
         add(group, "keygen", "Makes a key pair; never replaces a private key", allowlist_keygen);
@@ -281,7 +283,7 @@ void CommandLine::add_machine() {
         ->check(kFinite)
         ->check(CLI::Range(0.05, 60.0))
         ->capture_default_str();
-    CLI::App *completion = app_.add_subcommand("completion", "Prints the completion script for bash");
+    CLI::App *completion = add_command(app_, "completion", "Prints the completion script for bash");
     completion->callback([this] { command_ = [this](Console &) { return print_bash_completion(app_); }; });
 }
 

@@ -51,7 +51,11 @@ bool check_stored_id(Findings &findings) {
     const unsigned id = ReadAgentid(path.c_str());
     const bool clone = access((directory + "/clone_mac").c_str(), F_OK) == 0;
     const std::string mark = clone ? "; marked as a clone, which keeps its id (clone_mac)" : "";
-    if (id != 0)
+    struct stat file {};
+    if (stat(path.c_str(), &file) == 0 && !S_ISREG(file.st_mode))
+        findings.fail("agent id", path + " is no regular file: no id can be stored there",
+                      "mv " + quoted(path) + " " + quoted(path + ".bad") + "\ntavctl id --create");
+    else if (id != 0)
         findings.ok("agent id", std::to_string(id) + ", stored in " + path + mark);
     else if (access(path.c_str(), F_OK) == 0 && access(path.c_str(), R_OK) != 0)
         findings.fail("agent id", path + " may not be read by the user " + this_user(),

@@ -245,7 +245,7 @@ std::string usable_directory(const std::string &given) {
     const std::string name = harmless(given);
     struct stat info {};
     if (stat(given.c_str(), &info) != 0)
-        throw system_problem("there is no directory " + name, "make it: mkdir -p " + name);
+        throw system_problem("there is no directory " + name, "make it: mkdir -p " + quoted(name));
     if (!S_ISDIR(info.st_mode)) throw Problem(name + " is no directory");
     for (const std::string &directory : {given, std::string("/tmp")}) { // the library receives in /tmp
         std::string path = directory + "/.recvfile-XXXXXX";

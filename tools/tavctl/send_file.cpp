@@ -34,7 +34,7 @@ Descriptor open_source(const std::string &path, struct stat &info) {
     const auto refuse_other_kinds = [&] {
         if (S_ISREG(info.st_mode)) return;
         throw Problem(name + " is no regular file but " + kind_text(info.st_mode),
-                      S_ISDIR(info.st_mode) ? "pack it into one file first: tar -cf FILE " + name
+                      S_ISDIR(info.st_mode) ? "pack it into one file first: tar -cf FILE " + quoted(name)
                                             : "write what it gives into a file first");
     };
     if (stat(path.c_str(), &info) != 0) throw system_problem("cannot find the file " + name);
