@@ -11,7 +11,7 @@ namespace tavipc {
 namespace {
 
 constexpr size_t kLine = 64; // of the cache: slots share none
-constexpr size_t kBack = sizeof(FragmentBlock *);
+constexpr size_t kBack = sizeof(void *);
 constexpr size_t kSlot = (kBack + kHeaderSize + kFragmentPayload + kLine - 1) / kLine * kLine;
 static_assert(sizeof(FragmentBlock) <= kLine);
 

@@ -37,7 +37,7 @@ constexpr size_t kPathSize = 1024;
 constexpr size_t kExePathSize = 4096;
 constexpr size_t kNameSize = 4096;
 constexpr size_t kChunkSize = 4096;
-constexpr size_t kHexSize = 2 * SHA256_DIGEST_LENGTH;
+constexpr size_t kHexSize = size_t{2} * SHA256_DIGEST_LENGTH;
 constexpr char kListMember[] = "linux";
 
 template <auto release> struct Releaser {

@@ -1,5 +1,6 @@
 // Creates and destroys endpoints: plugs the queue, the transmitter, the request manager and reception
 // together.
+#include <algorithm>
 #include <cstring>
 
 #include "ipc/endpoint.h"
@@ -86,7 +87,7 @@ tav_ipc_st *create_endpoint(const char *name, const Options &options) {
     if (test && test[0] == '1') process_state().trace_flag = IPC_FLAG_TRACE;
     MallocPtr<tav_ipc_st> ipc(static_cast<tav_ipc_st *>(std::calloc(1, sizeof(tav_ipc_st))));
     if (!ipc) out_of_memory("tav_ipc", __LINE__);
-    std::memcpy(ipc->my_addr.name, name, std::strlen(name));
+    std::copy_n(name, std::strlen(name), ipc->my_addr.name);
     return open_endpoint(ipc.get(), options) ? ipc.release() : nullptr;
 }
 

@@ -31,7 +31,7 @@ constexpr int kHubPipes = 8;
 // Completions that wait hold records: those of a sender that does not let the loop run are settled here, so
 // that the memory which it fills next is still in the cache.
 void settle_sent() {
-    constexpr size_t kHeldBytes = 256 * 1024;
+    constexpr size_t kHeldBytes = size_t{256} * 1024;
     if (cl_dunix_settle) cl_dunix_settle(kHeldBytes);
 }
 

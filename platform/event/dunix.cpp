@@ -8,7 +8,7 @@ namespace tavcl_ev {
 
 bool Dunix::start_receiving(cl_dunix_recv_cb callback, void *context) noexcept {
     const auto ready = [](void *self) {
-        const auto alive = static_cast<Dunix *>(self)->shared_from_this(); // a callback may close it
+        const auto alive = static_cast<Dunix *>(self)->weak_from_this().lock(); // a callback may close it
         alive->receiver_.drain();
     };
     return receiver_.start(bound_.fd(), id_, callback, context, ready, this);

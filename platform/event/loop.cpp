@@ -10,7 +10,7 @@ namespace tavcl_ev {
 
 namespace {
 
-constexpr uint64_t kLongestWait = 24 * 60 * 60 * 1000;
+constexpr uint64_t kLongestWait = 24ull * 60 * 60 * 1000;
 constexpr rlim_t kMostChannels = 256;
 
 unsigned channels_allowed() {

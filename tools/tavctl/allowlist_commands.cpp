@@ -49,7 +49,7 @@ Descriptor lock(const Paths &paths) {
 // added to it without the key.
 std::string trusted_list(const Paths &paths, EVP_PKEY *key) {
     if (!fs::exists(paths.list)) return {};
-    const std::string list = read_regular_file(paths.list);
+    std::string list = read_regular_file(paths.list);
     const std::string signature = fs::exists(paths.signature) ? read_regular_file(paths.signature) : "";
     if (!signature_matches(key, list, signature))
         throw Problem(paths.list + " is not signed by this key: somebody changed it, or it is another key's",

@@ -83,7 +83,7 @@ class CommandLine {
     template <class Options>
     Entry<Options> add(CLI::App &parent, const char *name, const char *help,
                        int (*function)(Console &, const Options &)) {
-        const Entry<Options> entry{add_command(parent, name, help), std::make_shared<Options>()};
+        Entry<Options> entry{add_command(parent, name, help), std::make_shared<Options>()};
         entry->callback([this, function, options = entry.options] {
             command_ = [function, options](Console &out) { return function(out, *options); };
         });
@@ -246,7 +246,7 @@ void CommandLine::add_allowlist() {
 
     const auto list = [&](const char *name, const char *help, int (*function)(Console &, const ListOptions &),
                           bool signs) {
-        const auto entry = add(group, name, help, function);
+        auto entry = add(group, name, help, function);
         const char *which = signs ? "The private key that signs" : "The public key (default: the library's)";
         auto *key = entry->add_option("--key", entry.options->key, which)->type_name("PEM");
         if (signs) key->required();

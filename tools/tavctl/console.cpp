@@ -145,7 +145,7 @@ std::string time_text(double seconds) {
     if (seconds < 0.9995e-3) return formatted("%.0f %s", seconds * 1e6, "us");
     if (seconds < 0.9995) return formatted("%.1f %s", seconds * 1e3, "ms");
     if (seconds < 99.5) return formatted("%.1f %s", seconds, "s");
-    const auto whole = static_cast<uint64_t>(seconds + 0.5);
+    const auto whole = static_cast<uint64_t>(std::llround(seconds));
     return std::to_string(whole / 60) + " min " + std::to_string(whole % 60) + " s";
 }
 

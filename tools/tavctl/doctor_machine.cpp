@@ -64,11 +64,12 @@ void check_buffers(Findings &findings) {
         setsockopt(probe.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
     socklen_t length = sizeof size;
     getsockopt(probe.get(), SOL_SOCKET, SO_SNDBUF, &size, &length);
+    size /= 2; // the kernel tells twice what was asked for
     const auto most = setting("/proc/sys/net/core/wmem_max");
     const std::string bound =
         most ? ", net.core.wmem_max is " + grouped(static_cast<uint64_t>(*most)) : std::string();
-    const std::string seen = "a socket of this user gets a send buffer of " + bytes_text(size / 2);
-    if (size / 2 >= kSendBuffer) return findings.ok("send buffer", seen + bound);
+    const std::string seen = "a socket of this user gets a send buffer of " + bytes_text(size);
+    if (size >= kSendBuffer) return findings.ok("send buffer", seen + bound);
     findings.warn("send buffer", seen + " instead of " + bytes_text(kSendBuffer) + bound,
                   sysctl_remedy("net.core.wmem_max=" + std::to_string(kSendBuffer)));
 }

@@ -3,7 +3,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 
 #include <arpa/inet.h>
@@ -18,8 +17,6 @@
 #include "tavaux.h"
 #include "tavbase.h"
 #include "tavipc/tav_agentid.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {

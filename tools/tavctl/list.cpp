@@ -42,7 +42,7 @@ std::string age_text(time_t since) {
     if (age < 0) return "-"; // the clock was set
     if (age < 60) return std::to_string(age) + " s";
     if (age < 3600) return std::to_string(age / 60) + " min";
-    if (age < 2 * 86400) return std::to_string(age / 3600) + " h";
+    if (age < 2L * 86400) return std::to_string(age / 3600) + " h";
     return std::to_string(age / 86400) + " d";
 }
 
