@@ -2,8 +2,9 @@
  * check of the calling process against the signed allow-list.
  *
  * The agent id is an unsigned 32-bit number, 0 = none, kept in the file machineid of the configuration
- * directory. Operations that determine, store or re-read it hold a lock that all processes of the host
- * share (named semaphore /tav_agentid_mutexlock), for which they wait at most 6 seconds.
+ * directory. CreateAgentId, GetAgentIdFromFileWhileClone and StoreAgentIdByRuvo hold a lock that all
+ * processes of the host share (named semaphore /tav_agentid_mutexlock), for which they wait at most 6
+ * seconds; the other functions take none.
  */
 #ifndef TAVIPC_TAV_AGENTID_H
 #define TAVIPC_TAV_AGENTID_H
@@ -35,9 +36,9 @@ TAVIPC_API int IsExcludeAdapter(unsigned char *mac) TAVIPC_NOEXCEPT TAVIPC_ENCOD
 TAVIPC_API void FreeMacList(_Mac_Node *head) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z11FreeMacListP9_Mac_Node");
 
 /* Determines, stores and returns the agent id; 0 when there is none. May sleep and probe the route to the
- * manager (up to about 14 seconds). Ends the process: with exit status 1 when no manager address is
- * configured and no id is stored; by abort() when the manager is on the loopback address and the VM id
- * cannot be had. Both write a level-1 log line first. */
+ * manager (up to about 18 seconds, and as long as the resolver takes). Ends the process: with exit status 1
+ * when no manager address is configured and no id is stored; by abort() when the manager is on the loopback
+ * address and the VM id cannot be had. Both write a level-1 log line first. */
 TAVIPC_API unsigned int CreateAgentId(void) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z13CreateAgentIdv");
 
 /* The VM id that the guest tool reports, 0 on failure. use_global: return g_vmid when it is known, and keep

@@ -17,7 +17,7 @@
 namespace tavctl {
 namespace {
 
-constexpr time_t kLongHeld_s = 30; // an id may take its maker 14 seconds
+constexpr time_t kLongHeld_s = 30; // an id may take its maker 18 seconds
 
 void check_manager(Findings &findings, bool has_id) {
     const Manager manager;
