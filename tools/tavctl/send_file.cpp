@@ -124,7 +124,7 @@ std::string bar_text(unsigned width, uint64_t done, uint64_t size, const std::st
     const double part = size > 0 ? std::min(1.0, static_cast<double>(done) / static_cast<double>(size)) : 0;
     const std::string percent = size > 0 ? std::to_string(static_cast<int>(part * 100)) + " %" : "";
     std::string text = std::string(5 - std::min<size_t>(5, percent.size()), ' ') + percent + "  " +
-                             bytes_text(static_cast<double>(done)) + tail;
+                       bytes_text(static_cast<double>(done)) + tail;
     const size_t used = text.size() + 4; // its brackets, a blank, and the last column stays empty
     if (size == 0 || width < used + 8) return text;
     const size_t room = std::min<size_t>(50, width - used), full = static_cast<size_t>(part * double(room));
