@@ -232,9 +232,9 @@ void place(tav_ipc_st *ipc, FragmentSet &set, const tav_ipc_hdr_st &header, cons
 }
 
 // Repeated fragments count as received: what never came reads as zeros, not as what the buffer held before.
+// The number of pieces seen does not tell: an empty one may lie behind the message's end.
 void clear_gaps(FragmentSet &set) {
     const uint32_t count = (set.expected + kFragmentPayload - 1) / kFragmentPayload;
-    if (set.seen.count() == count) return;
     for (uint32_t i = 0; i < count; ++i) {
         const uint32_t offset = i * kFragmentPayload;
         const uint32_t length = std::min(kFragmentPayload, set.expected - offset);

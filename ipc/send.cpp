@@ -47,7 +47,7 @@ class InUse {
     mod_info_st &mod_;
 };
 
-int send_fragments(const Route &route, const tav_ipc_hdr_st &message, const void *payload) {
+int send_fragments(Route route, const tav_ipc_hdr_st &message, const void *payload) {
     tav_ipc_hdr_st header = message;
     const InUse keep(*route.mod);
     header.frag_orig = message.size;
@@ -61,6 +61,7 @@ int send_fragments(const Route &route, const tav_ipc_hdr_st &message, const void
         header.size = rest < kFragmentPayload ? rest : kFragmentPayload;
         set_fragment(header, static_cast<uint16_t>(i));
         settle_sent();
+        route.now_ms = cl_event_loop_now();
         unsigned char *datagram = block->take_slot();
         if (payload)
             std::memcpy(datagram + kHeaderSize, static_cast<const char *>(payload) + offset, header.size);
