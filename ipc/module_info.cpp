@@ -25,24 +25,14 @@ cl_dunix_t take_pool_socket(ipc_queue_st &queue) {
     for (int attempt = 0; !slot && attempt < kSocketAttempts; ++attempt) {
         char name[64];
         pool_socket_name(name, sizeof name, getpid(), rand() % 10000);
-        slot = create_unix_socket(queue.location, name);
+        const cl_dunix_t made = create_unix_socket(queue.location, name);
+        if (slot)
+            destroy_unix_socket(made); // a send from its log line was quicker
+        else
+            slot = made;
     }
     if (slot) queue.fd_pool_next = (queue.fd_pool_next + 1) % queue.fd_pool_count;
     return slot;
-}
-
-mod_info_st *add_module_info(ipc_queue_st &queue, const char *name, uint32_t length, uint64_t now) {
-    mod_info_st *mod = new_module_info(0, now);
-    if (!mod) return nullptr;
-    mod->sock = take_pool_socket(queue);
-    if (!mod->sock || xhash_insert(queue.mods, name, length, mod) != 0) {
-        std::free(mod);
-        return nullptr;
-    }
-    ++queue.mod_count;
-    mod->name_len = length;
-    std::memcpy(mod->name, name, length + 1);
-    return mod;
 }
 
 mod_info_st *find_entry(ipc_queue_st &queue, const char *name, uint32_t length) {
@@ -51,6 +41,24 @@ mod_info_st *find_entry(ipc_queue_st &queue, const char *name, uint32_t length) 
     void *found = nullptr;
     if (xhash_search(queue.mods, name, length, &found) != 0) return nullptr;
     return queue.last_found = static_cast<mod_info_st *>(found);
+}
+
+mod_info_st *add_module_info(ipc_queue_st &queue, const char *name, uint32_t length, uint64_t now) {
+    mod_info_st *mod = new_module_info(0, now);
+    if (!mod) return nullptr;
+    mod->sock = take_pool_socket(queue);
+    if (mod_info_st *there = find_entry(queue, name, length)) { // made by a send from a log line
+        std::free(mod);
+        return there;
+    }
+    if (!mod->sock || xhash_insert(queue.mods, name, length, mod) != 0) {
+        std::free(mod);
+        return nullptr;
+    }
+    ++queue.mod_count;
+    mod->name_len = length;
+    std::memcpy(mod->name, name, length + 1);
+    return mod;
 }
 
 struct Sweep {

@@ -19,21 +19,12 @@
 #include "tavaux.h"
 #include "tavipc/tav_compress.h"
 
-#pragma weak cl_dunix_settle // another event library may lack it
-
 namespace tavipc {
 namespace {
 
 constexpr uint32_t kCompressMinimum = 148;
 constexpr uint8_t kHubLocation = 4; // the location whose endpoints reach others through "_prx%d" pipes
 constexpr int kHubPipes = 8;
-
-// Completions that wait hold records: those of a sender that does not let the loop run are settled here, so
-// that the memory which it fills next is still in the cache.
-void settle_sent() {
-    constexpr size_t kHeldBytes = size_t{256} * 1024;
-    if (cl_dunix_settle) cl_dunix_settle(kHeldBytes);
-}
 
 // Keeps a module info, which may be released when nothing of it is under way: settling can end what was.
 class InUse {
@@ -86,19 +77,23 @@ bool over_budget(const tav_ipc_st *ipc, const mod_info_st *mod, const tav_ipc_hd
     return true;
 }
 
-// The socket address of a pipe, remembered for the next message; null when it cannot be.
-const cl_sockaddr_t *pipe_address(tav_ipc_st *ipc, const char *dpipe, cl_sockaddr_t &room) {
+// The socket address of a pipe, remembered for the next message; false when it cannot be. It is copied: a
+// sink of log lines may send, too.
+bool find_address(tav_ipc_st *ipc, const char *dpipe, cl_sockaddr_t &address) {
     auto &last = ipc->last_sent;
     const char *deploy_type = GetDeployTypeStr();
-    if (*dpipe && last.deploy_type == deploy_type && std::strncmp(last.pipe, dpipe, sizeof last.pipe) == 0)
-        return &last.address;
+    if (*dpipe && last.deploy_type == deploy_type && std::strncmp(last.pipe, dpipe, sizeof last.pipe) == 0) {
+        address = last.address;
+        return true;
+    }
     char path[4096];
-    if (!socket_path(path, sizeof path, ipc->location, dpipe) || cl_sockaddr_un_init(&room, path) != 0)
-        return nullptr;
-    if (std::strlen(dpipe) >= sizeof last.pipe) return &room;
+    if (!socket_path(path, sizeof path, ipc->location, dpipe) || cl_sockaddr_un_init(&address, path) != 0)
+        return false;
+    if (std::strlen(dpipe) >= sizeof last.pipe) return true;
     std::strcpy(last.pipe, dpipe);
     last.deploy_type = deploy_type;
-    return &(last.address = room);
+    last.address = address;
+    return true;
 }
 
 // Sends one message (header without magic, header.size payload bytes, payload null: zeros) to one pipe.
@@ -107,10 +102,9 @@ int send_to_pipe(tav_ipc_st *ipc, const char *dpipe, const tav_ipc_hdr_st &heade
         TAV_TRACE(&header, "too huge, dropped: %u", header.size);
         return IPC_ERR_SENDTO;
     }
-    cl_sockaddr_t room;
-    const cl_sockaddr_t *address = pipe_address(ipc, dpipe, room);
-    if (!address) return IPC_ERR_SENDTO;
-    TAV_TRACE(&header, "send via dunix:%s", address->addr.sun_path);
+    cl_sockaddr_t address;
+    if (!find_address(ipc, dpipe, address)) return IPC_ERR_SENDTO;
+    TAV_TRACE(&header, "send via dunix:%s", address.addr.sun_path);
 
     settle_sent();
     const uint64_t now_ms = cl_event_loop_now();
@@ -123,7 +117,7 @@ int send_to_pipe(tav_ipc_st *ipc, const char *dpipe, const tav_ipc_hdr_st &heade
     const uint32_t priority = message_priority(header.flags, payload, header.size);
     if (over_budget(ipc, mod, header, priority)) return IPC_ERR_SENDTO;
 
-    const Route route{ipc, mod, address, priority, now_ms};
+    const Route route{ipc, mod, &address, priority, now_ms};
     if (header.size <= kFragmentPayload) return submit_copy(route, header, payload);
     return send_fragments(route, header, payload);
 }

@@ -14,6 +14,8 @@
     (h).src.hostid, name_text((h).src).text, (h).src.loc, (h).dest.hostid, name_text((h).dest).text,         \
         (h).dest.loc, (h).reqid, fragment_sequence(h), (h).frag_id, (h).size, (h).frag_orig
 
+#pragma weak cl_dunix_settle // another event library may lack it
+
 namespace tavipc {
 
 // One transmission attempt, from cl_dunix_sendto2 to its completion. It lies in its record's allocation,
@@ -241,6 +243,11 @@ int consume_queued(uint64_t, ipc_queue_msg_st *msg) {
     if (attempt(msg)) return IPC_OK;
     free_ipc_queue_msg(msg);
     return IPC_ERR_SENDTO;
+}
+
+void settle_sent() {
+    constexpr size_t kHeldBytes = size_t{256} * 1024;
+    if (cl_dunix_settle) cl_dunix_settle(kHeldBytes, ipc_msg_send_done);
 }
 
 void orphan_in_flight(tav_ipc_st *ipc) {

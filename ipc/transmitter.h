@@ -42,6 +42,10 @@ struct Route {
 // The queue's consume callback: sends a record whose time has come.
 int consume_queued(uint64_t now_ms, ipc_queue_msg_st *msg);
 
+// Completions that wait hold records: those of a sender that does not let the loop run are settled here, so
+// that the memory which it fills next is still in the cache.
+void settle_sent();
+
 // Cuts every pending completion of the endpoint loose from it.
 void orphan_in_flight(tav_ipc_st *ipc);
 

@@ -211,7 +211,7 @@ TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
 
 /* Sends a message of size payload bytes (data may be null: the payload is then zeros) with command code cmd
  * to dest. Messages above 64,000 bytes travel in fragments. An application message of at least 148 bytes
- * to an address with ADDR_FLAG_COMPRESS_OK is compressed.
+ * whose length field is right is compressed on its way to an address with ADDR_FLAG_COMPRESS_OK.
  * Returns 0 when the message was sent or queued; -101 when it was refused: null handle or destination,
  * destination name that is empty or holds a "/", more than 65,471,999 bytes (after compression), 32 MiB or
  * more in flight to the destination with this message (64 MiB for control traffic and priorities of 7 and

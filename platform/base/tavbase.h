@@ -42,7 +42,8 @@ TAVBASE_API void error_output(int level, const char *source, int line, const cha
 TAVBASE_API void error_output_set_level(int level) TAVBASE_NOEXCEPT;
 
 /* Replaces the place where lines go; null restores standard error. text is the formatted line without a
- * line end, valid during the call; calls may come from any thread, one at a time. */
+ * line end, valid during the call; calls may come from any thread, one at a time. A sink may send messages,
+ * but not destroy an endpoint: the line may come out of the midst of its work. */
 typedef void (*error_output_sink)(int level, const char *source, int line, const char *text, void *context);
 TAVBASE_API void error_output_set_sink(error_output_sink sink, void *context) TAVBASE_NOEXCEPT;
 

@@ -176,11 +176,12 @@ void Loop::finish(Send *send, int status) noexcept {
     finished_bytes_ += send->len;
 }
 
-void Loop::report_finished() noexcept {
+void Loop::report_finished(cl_dunix_send_cb only) noexcept {
     if (finished_.empty()) return;
     const Callbacks guard(*this);
     const uint64_t until = last_finished_;
     while (!finished_.empty() && finished_.front()->order <= until) {
+        if (only && finished_.front()->callback != only) return;
         Send *send = finished_.pop();
         finished_bytes_ -= send->len;
         report(send, send->status);

@@ -59,9 +59,9 @@ class Loop {
     Send *begin_send() noexcept;
     // Hands over a record whose outcome is known: its callback runs in a later phase.
     void finish(Send *send, int status) noexcept;
-    // Reports what is finished now, if it is so many bytes or more.
-    void settle(size_t bytes) noexcept {
-        if (finished_bytes_ >= bytes) report_finished();
+    // Reports what is finished now, if it is so many bytes or more, up to the first with another callback.
+    void settle(size_t bytes, cl_dunix_send_cb callback) noexcept {
+        if (finished_bytes_ >= bytes) report_finished(callback);
     }
     // Takes back the finished sends of a socket that is closing; each goes through report() then.
     SendQueue take_finished(cl_dunix_t socket) noexcept;
@@ -99,7 +99,7 @@ class Loop {
     bool open(uv_loop_t *foreign) noexcept;
     void before_poll() noexcept;
     void after_poll() noexcept;
-    void report_finished() noexcept;
+    void report_finished(cl_dunix_send_cb only = nullptr) noexcept;
     void fire_timers() noexcept;
     void wake_for_timers() noexcept;
     void woken() noexcept;

@@ -90,8 +90,8 @@ int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void
     return found && found->send(*address, data, len, callback, context) ? 0 : -1;
 }
 
-void cl_dunix_settle(size_t bytes) noexcept {
-    if (ThreadEvents *events = ThreadEvents::existing()) events->loop().settle(bytes);
+void cl_dunix_settle(size_t bytes, cl_dunix_send_cb callback) noexcept {
+    if (ThreadEvents *events = ThreadEvents::existing()) events->loop().settle(bytes, callback);
 }
 
 void cl_dunix_set_send_wait(uint64_t wait_ms) noexcept {

@@ -132,10 +132,11 @@ typedef void (*cl_dunix_send_cb)(cl_dunix_t socket, int status, void *context);
 CL_EV_API int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void *data,
                                uint32_t len, cl_dunix_send_cb callback, void *context) CL_EV_NOEXCEPT;
 
-/* Runs the callbacks of this thread's sends whose outcome is known, if their data amount to so many bytes or
- * more; else does nothing, at the cost of a comparison. For who sends much without letting the loop run, so
- * that few buffers serve for many datagrams. A library in place of this one may lack it. */
-CL_EV_API void cl_dunix_settle(size_t bytes) CL_EV_NOEXCEPT;
+/* If the data of this thread's sends whose outcome is known amount to so many bytes or more, completes them
+ * in order, up to the first whose callback is another than this one: so nobody else's code runs. Else does
+ * nothing, at the cost of a comparison. For who sends much without letting the loop run, so that few buffers
+ * serve for many datagrams. A library in place of this one may lack it. */
+CL_EV_API void cl_dunix_settle(size_t bytes, cl_dunix_send_cb callback) CL_EV_NOEXCEPT;
 
 /* Sets, for this thread's loop, the time in milliseconds without progress at a destination after which
  * waiting sends complete with CL_EV_WOULD_BLOCK. The default is 1000; 0 reports a full destination on

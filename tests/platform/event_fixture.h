@@ -68,12 +68,12 @@ class EventTest : public testing::Test {
     // Sends data, which must live on, and counts the outcome in statuses_.
     int send(cl_dunix_t from, const std::string &to, const std::string &data) {
         const cl_sockaddr_t address = address_of(path(to));
-        const auto done = [](cl_dunix_t, int status, void *self) {
-            auto *test = static_cast<EventTest *>(self);
-            ++test->statuses_[status];
-            if (test->on_sent_) test->on_sent_(status);
-        };
         return cl_dunix_sendto2(from, &address, data.data(), static_cast<uint32_t>(data.size()), done, this);
+    }
+    static void done(cl_dunix_t, int status, void *self) {
+        auto *test = static_cast<EventTest *>(self);
+        ++test->statuses_[status];
+        if (test->on_sent_) test->on_sent_(status);
     }
     // Runs the loop until the condition holds; a failure after ten seconds.
     static void run_until(const std::function<bool()> &condition) {

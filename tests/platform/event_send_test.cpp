@@ -163,13 +163,15 @@ TEST_F(SendTest, ClosingReportsEverythingOnce) {
 TEST_F(SendTest, WhatHasLeftIsReportedOnDemand) {
     const RawPeer peer(path("peer"));
     send_numbered("peer", 0, 5);
-    cl_dunix_settle(46); // five datagrams of nine bytes
+    cl_dunix_settle(46, done); // five datagrams of nine bytes
     EXPECT_EQ(reported(), 0);
-    cl_dunix_settle(45);
+    cl_dunix_settle(45, done);
     EXPECT_EQ(reported(), 5);
-    cl_dunix_settle(1);
+    cl_dunix_settle(1, done);
     send_numbered("peer", 5, 30); // what waits for room is not touched
-    cl_dunix_settle(0);
+    cl_dunix_settle(0, [](cl_dunix_t, int, void *) {});
+    EXPECT_EQ(reported(), 5) << "of others";
+    cl_dunix_settle(0, done);
     EXPECT_GT(reported(), 5);
     expect_in_order(peer, 30);
 }

@@ -86,7 +86,12 @@ void error_output(int level, const char *source, int, const char *format, ...) n
     va_start(arguments, format);
     vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    world().log.lines.push_back({level, source, text});
+    fake::Log &log = world().log;
+    log.lines.push_back({level, source, text});
+    if (const auto on_line = std::exchange(log.on_line, nullptr)) {
+        on_line();
+        log.on_line = on_line;
+    }
 }
 
 uint64_t cl_event_loop_now() noexcept { return world().clock.loop_ms; }
@@ -146,7 +151,7 @@ int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void
     return 0;
 }
 
-void cl_dunix_settle(size_t) noexcept {
+void cl_dunix_settle(size_t, cl_dunix_send_cb) noexcept {
     if (event.settles) event.complete_all();
 }
 

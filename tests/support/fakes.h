@@ -24,6 +24,7 @@ struct LogLine {
 struct Log {
     int threshold = 4;
     std::vector<LogLine> lines;
+    std::function<void()> on_line;                          // runs at each line, but those of its own
     int count(std::string_view part, int level = -1) const; // lines that contain part (at that level)
 };
 

@@ -186,6 +186,47 @@ TEST_F(SendTest, BudgetRefusesBeforeAnythingIsSent) {
     EXPECT_EQ(ipc_->queue->default_mod->sending, 0u);
 }
 
+// The application's sink of log lines, say: at each line in turn, to the same destination and to another.
+TEST_F(SendTest, EachLineOfTheLogMaySendToo) {
+    setenv("IPC_TEST", "1", 1);
+    w.event.settles = true;
+    size_t lines = 0;
+    const auto send_at_line = [&](size_t at, const std::string &to, int refused) {
+        close(ipc_);
+        ipc_ = open();
+        forget();
+        size_t line = 0;
+        w.log.on_line = [&] {
+            if (++line == at) {
+                EXPECT_EQ(send(ipc_, "x", address(to)), 0);
+            }
+        };
+        w.event.fail_send = refused;
+        EXPECT_EQ(send(ipc_, pattern(200'000)), 0);
+        w.log.on_line = nullptr;
+        w.event.fail_send = 0;
+        w.event.advance(50);
+        w.event.complete_all();
+        std::map<std::string, int> arrived;
+        for (size_t i = 0; i < w.event.sends.size(); ++i) {
+            const Datagram each = sent(i);
+            ++arrived[each.path.substr(each.path.rfind('/') + 1) + " " +
+                      tavipc::name_text(each.header.dest).text + (each.header.frag_orig ? " piece" : "")];
+        }
+        std::map<std::string, int> expected{{"beta beta piece", 4}};
+        if (line >= at) expected[to + " " + to] = 1;
+        EXPECT_EQ(arrived, expected) << "line " << at << ", refused: " << refused;
+        EXPECT_EQ(xhash_count(ipc_->queue->mods), line >= at && to == "other" ? 2u : 1u);
+        EXPECT_EQ(module(ipc_)->sending, 0u);
+        lines += line;
+        return line >= at;
+    };
+    for (const int refused : {0, 1})
+        for (const std::string to : {"beta", "other"})
+            for (size_t at = 1; send_at_line(at, to, refused);) ++at;
+    EXPECT_GT(lines, 40u);
+}
+
 TEST_F(SendTest, NamesAndArgumentsFromAnywhere) {
     EXPECT_EQ(send(ipc_, "x", address("ten_chars_")), 0);
     EXPECT_EQ(sends(), "ten_chars_:1 ");
