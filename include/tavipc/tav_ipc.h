@@ -189,7 +189,8 @@ TAVIPC_API tav_ipc_st *tav_ipc_recv_start(tav_ipc_st *ipc, cl_dunix_recv_cb hand
  * inside this call; messages that have not left are dropped. May be called from any callback. */
 TAVIPC_API void tav_ipc_destroy(tav_ipc_st *ipc) TAVIPC_NOEXCEPT;
 
-/* Set a callback and its user pointer. 0; -1 when the handle or the callback is null (nothing changes). */
+/* Set a callback and its user pointer. 0; -1 when the handle or the callback is null (nothing changes). The
+ * callback for files runs at an endpoint that was made to accept them. */
 TAVIPC_API int tav_ipc_msg_recv(tav_ipc_st *ipc, tav_ipc_msg_cb callback, void *user) TAVIPC_NOEXCEPT;
 TAVIPC_API int tav_ipc_file_recv(tav_ipc_st *ipc, tav_ipc_file_cb callback, void *user) TAVIPC_NOEXCEPT;
 TAVIPC_API int tav_ipc_on_request(tav_ipc_st *ipc, tav_ipc_request_cb callback, void *user) TAVIPC_NOEXCEPT;
