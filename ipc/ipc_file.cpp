@@ -33,7 +33,7 @@ constexpr char kTemplate[] = "/tmp/ipc_file.XXXXXX";
 struct FileSend {
     tav_ipc_st *ipc;
     tav_addr_st *dest;
-    FILE *stream; // null once the end was read
+    FILE *stream; // null once the end was reached
     tav_ipc_status_cb done;
     void *user;
     int32_t timeout_s;
@@ -58,11 +58,24 @@ void end_transfer(FileSend *transfer, int32_t result) {
     std::free(transfer);
 }
 
-// Reads the next chunk, an empty one at the end of the file.
+// Reads what the chunk lacks.
+void read_on(FileSend *transfer) {
+    transfer->length += static_cast<uint32_t>(std::fread(
+        transfer->chunk + transfer->length, 1, sizeof transfer->chunk - transfer->length, transfer->stream));
+}
+
+// Reads the next chunk, an empty one behind the end of the file.
 void read_ahead(FileSend *transfer) {
-    transfer->length =
-        static_cast<uint32_t>(std::fread(transfer->chunk, 1, sizeof transfer->chunk, transfer->stream));
-    if (transfer->length > 0) return;
+    transfer->length = 0;
+    if (transfer->stream) read_on(transfer);
+}
+
+// The chunk is sent now: a short one gets what was appended since it was read, and is the last.
+void complete_chunk(FileSend *transfer) {
+    if (!transfer->stream || transfer->length == sizeof transfer->chunk) return;
+    std::clearerr(transfer->stream);
+    read_on(transfer);
+    if (transfer->length == sizeof transfer->chunk) return;
     std::fclose(transfer->stream);
     transfer->stream = nullptr;
 }
@@ -72,6 +85,7 @@ int ipc_file_send_step(int32_t code, void *argument) {
     auto *transfer = static_cast<FileSend *>(argument);
     if (code != IPC_OK) return end_transfer(transfer, code), 0;
     if (transfer->ended) return end_transfer(transfer, transfer->file_id), 0;
+    complete_chunk(transfer);
     transfer->ended = transfer->length == 0;
     ipc_send_with_ack(transfer->ipc,
                       {transfer->dest, static_cast<uint32_t>(transfer->file_id), transfer->chunk,

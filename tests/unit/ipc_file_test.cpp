@@ -157,6 +157,23 @@ TEST_F(Files, TravelInConfirmedChunks) {
     }
 }
 
+TEST_F(Files, GrowUntilTheirEndIsSent) {
+    tav_ipc_st *ipc = open();
+    const std::string path = write(pattern(64'000));
+    const auto append = [&](size_t size) { std::ofstream(path, std::ios::app) << std::string(size, '+'); };
+    send_file(ipc, path);
+    append(64'000); // before the end was reached, whatever was read ahead
+    acknowledge(ipc, 0);
+    append(34);
+    acknowledge(ipc, 0);
+    append(1); // behind the end
+    acknowledge(ipc, 0);
+    std::vector<size_t> sizes;
+    for (size_t i = 0; i < w.event.sends.size(); ++i) sizes.push_back(sent(i).payload.size());
+    EXPECT_THAT(sizes, ElementsAre(64'000, 64'000, 34, 0));
+    EXPECT_EQ(sent(1).payload, std::string(64'000, '+'));
+}
+
 TEST_F(Files, FirstOtherCodeEndsATransfer) {
     const std::pair<int32_t, std::function<void(tav_ipc_st *)>> cases[] = {
         {-106, [&](tav_ipc_st *ipc) { acknowledge(ipc, -106); }},
