@@ -15,6 +15,9 @@ namespace tavipc::soak {
 namespace {
 
 constexpr double kUnderWay = 3, kFragmentIdle = 9;
+// A chunk's time-out of 8 s is told this long after it was sent: counted in whole seconds, looked at once a
+// second.
+constexpr double kChunkTimeOut = 10.2, kChunkTimeOutSpread = 2.2;
 
 uint64_t short_digest(const std::string &text) {
     return text.size() < 16 ? 0 : std::stoull(text.substr(0, 16), nullptr, 16);
@@ -101,7 +104,7 @@ void Ledger::note_completion(Entry &entry, int32_t code, const std::string &answ
     entry.code = code;
     entry.answer = short_digest(answer);
     ++entry.completed;
-    if (entry.kind == kFile && code < 0) entry.begun = std::max(entry.begun, now() - 12); // its last chunk
+    if (entry.kind == kFile && code < 0) entry.begun = std::max(entry.begun, now() - kChunkTimeOut);
 }
 
 // "... drop it|...|src=[4242:m1:2]|dest=[0:m2:0]|reqid=7|frag_seq=0|frag_id=0|size=100|frag_orig=0"
@@ -139,11 +142,12 @@ bool Ledger::ran_too_little(const Entry &entry, double limit) const {
 
 // Which end cut the entry off; empty when none.
 std::string Ledger::cut_off(const Entry &entry) const {
+    const double under_way = kUnderWay + (entry.kind == kFile && entry.code < 0 ? kChunkTimeOutSpread : 0);
     for (const uint8_t side : {entry.from, entry.to})
         for (const Gap &gap : gaps[side]) {
             if (gap.what == Gap::kStopped || gap.gone < entry.begun) continue;
             const double reached = std::max(gap.begin, entry.begun);
-            if (reached - entry.begun - away(entry, reached) < kUnderWay)
+            if (reached - entry.begun - away(entry, reached) < under_way)
                 return std::string(side == entry.from ? "its sender was " : "its receiver was ") +
                        (gap.what == Gap::kKilled ? "killed" : "closed");
         }
@@ -243,6 +247,18 @@ std::string Ledger::judge_exchange(uint32_t id) {
     return explained ? outcome : "FAULT: " + outcome;
 }
 
+// When its sides did not run, around that time.
+void Ledger::show_gaps(const Entry &entry, double begun) const {
+    for (const uint8_t side : {entry.from, entry.to})
+        for (const Gap &gap : gaps[side])
+            if (gap.end > entry.begun - 15 && gap.begin < entry.begun + 30)
+                std::printf("    m%u was %s from %.3f s to %.3f s\n", side,
+                            gap.what == Gap::kStopped  ? "stopped"
+                            : gap.what == Gap::kKilled ? "killed"
+                                                       : "closed",
+                            gap.begin - begun, gap.end - begun);
+}
+
 bool Ledger::report(double begun) {
     std::map<std::string, uint64_t> verdicts;
     uint64_t faults = unknown_;
@@ -264,7 +280,10 @@ bool Ledger::report(double begun) {
         const bool message = entry.kind == kMessage;
         const std::string verdict = message ? judge_message(id) : judge_exchange(id);
         ++verdicts[(message ? "message: " : "exchange: ") + verdict];
-        if (verdict.compare(0, 5, "FAULT") == 0 && ++faults <= 20) show(verdict, id);
+        if (verdict.compare(0, 5, "FAULT") == 0 && ++faults <= 20) {
+            show(verdict, id);
+            show_gaps(entry, begun);
+        }
         const double took = entry.took - away(entry, entry.begun + entry.took);
         if (took > longest) longest = took, slowest = id;
     }

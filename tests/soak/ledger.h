@@ -81,6 +81,7 @@ class Ledger {
     bool follows_killed(const Entry &entry) const;
     bool shares_id(uint32_t id);
     bool find_drop(const Entry &entry);
+    void show_gaps(const Entry &entry, double begun) const;
     std::string judge_message(uint32_t id);
     std::string judge_exchange(uint32_t id);
 
