@@ -116,18 +116,35 @@ int expire_received(const void *key, uint32_t key_len, void *value, void *contex
     return 0;
 }
 
+void start_sweep();
+
 void ipc_file_sweep(void *) {
     time_t now = time(nullptr);
     xhash_walk(process_state().received_files, &now, expire_received);
-    process_state().file_sweep_timer = cl_timer_start(kSweepPeriodMs, ipc_file_sweep, nullptr);
+    start_sweep();
+}
+
+void start_sweep() {
+    ProcessState &process = process_state();
+    process.file_sweep_timer = cl_timer_start(kSweepPeriodMs, ipc_file_sweep, nullptr);
+    process.file_sweep_due = cl_event_loop_now() + kSweepPeriodMs;
+    process.file_sweep_thread = pthread_self();
+}
+
+// The loop that the sweep's timer was on may be gone: that of who receives now takes over.
+void keep_sweeping() {
+    ProcessState &process = process_state();
+    if (process.file_sweep_timer && cl_event_loop_now() <= process.file_sweep_due + kSweepPeriodMs) return;
+    // It may be late on this thread. Another thread's means nothing here.
+    if (pthread_equal(process.file_sweep_thread, pthread_self())) cl_timer_stop(process.file_sweep_timer);
+    start_sweep();
 }
 
 xhash_t *received_files() {
     ProcessState &process = process_state();
     if (!process.received_files) process.received_files = xhash_create(release_received, 0);
     if (!process.received_files) out_of_memory("ipc_file", __LINE__);
-    if (!process.file_sweep_timer)
-        process.file_sweep_timer = cl_timer_start(kSweepPeriodMs, ipc_file_sweep, nullptr);
+    keep_sweeping();
     return process.received_files;
 }
 
@@ -232,7 +249,9 @@ int32_t tav_ipc_save_file(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t file
         return ::write(file->fd, data, len) == static_cast<ssize_t>(len) ? IPC_OK : IPC_ERR_IO;
     }
     close_received(file);
-    tav_ipc_emit_file(ipc, file->path);
+    char path[sizeof kTemplate]; // the callback may run the loop, and the sweep come by
+    str_strlcpy(path, file->path, sizeof path);
+    tav_ipc_emit_file(ipc, path);
     return IPC_OK;
 }
 

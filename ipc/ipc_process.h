@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include <pthread.h>
+
 #include "ipc/relaxed.h"
 #include "tavbase.h"
 #include "tavcl_ev.h"
@@ -25,6 +27,8 @@ struct ProcessState {
     xhash_t *received_files = nullptr; // file id -> received file; lives as long as the process
     uint32_t files_open = 0;           // of received_files
     cl_timer_t file_sweep_timer = 0;
+    uint64_t file_sweep_due = 0; // on the loop's clock
+    pthread_t file_sweep_thread{};
     Relaxed<bool> pool_files_swept = false;
 };
 

@@ -3,7 +3,7 @@
 // The heap's top is the record of the earliest due second and, within that second, of the highest priority;
 // a top that is due later in its second holds back lower priorities that are due already. The timer is
 // armed whenever records wait: push arms it (or brings it forward), the consume pass that it starts arms it
-// again for what it leaves. A consume callback may push, pop, run the loop and destroy the queue.
+// again for what it leaves. A consume callback may push, pop and destroy the queue.
 #include "tavipc/ipc_queue.h"
 
 #include <cstdlib>
@@ -137,6 +137,7 @@ void destroy_ipc_queue(ipc_queue_st *queue) noexcept {
     tavipc::mark_torn_down(queue->destroyed);
     tavipc::stop_timer(*queue);
     while (ipc_queue_msg_st *msg = ipc_queue_pop(queue)) free_ipc_queue_msg(msg);
+    tavipc::stop_timer(*queue); // what a record's data_free pushed has started it again
     heap_destroy(std::exchange(queue->heap, nullptr));
     if (queue->default_mod) destroy_unix_socket(std::exchange(queue->default_mod->sock, 0));
     queue->last_found = nullptr;

@@ -84,6 +84,7 @@ void tick(void *argument) {
     uint32_t reqid = 0;
     void *record = nullptr;
     while (ipc_req_manager_pop_timeout(&manager, now_ms, &reqid, &record) == 0) {
+        arm_timer(manager); // the others' time-outs go on if the callback runs the loop
         if (manager.on_timeout)
             manager.on_timeout(reqid, record, manager.user);
         else
@@ -92,6 +93,7 @@ void tick(void *argument) {
     }
     compact(manager);
     arm_timer(manager);
+    if (manager.timer && heap_count(manager.expiry_heap) == 0) cl_timer_stop(std::exchange(manager.timer, 0));
 }
 
 struct Walk {

@@ -11,6 +11,18 @@ mod_info_st *new_module_info(cl_dunix_t sock, uint64_t now);
 // What ipc_queue_find_mod does, at loop time now.
 mod_info_st *find_module(ipc_queue_st &queue, const char *name, uint64_t now);
 
+// Keeps a module info, which may be released when nothing of it is under way.
+class InUse {
+  public:
+    explicit InUse(mod_info_st &mod) : mod_(mod) { ++mod_.sending; }
+    ~InUse() { --mod_.sending; }
+    InUse(const InUse &) = delete;
+    InUse &operator=(const InUse &) = delete;
+
+  private:
+    mod_info_st &mod_;
+};
+
 inline void add_record(mod_info_st &mod, uint32_t size) {
     ++mod.queued;
     mod.queued_bytes = mod.queued_bytes > UINT32_MAX - size ? UINT32_MAX : mod.queued_bytes + size;

@@ -26,18 +26,6 @@ constexpr uint32_t kCompressMinimum = 148;
 constexpr uint8_t kHubLocation = 4; // the location whose endpoints reach others through "_prx%d" pipes
 constexpr int kHubPipes = 8;
 
-// Keeps a module info, which may be released when nothing of it is under way: settling can end what was.
-class InUse {
-  public:
-    explicit InUse(mod_info_st &mod) : mod_(mod) { ++mod_.sending; }
-    ~InUse() { --mod_.sending; }
-    InUse(const InUse &) = delete;
-    InUse &operator=(const InUse &) = delete;
-
-  private:
-    mod_info_st &mod_;
-};
-
 int send_fragments(Route route, const tav_ipc_hdr_st &message, const void *payload) {
     tav_ipc_hdr_st header = message;
     const InUse keep(*route.mod);

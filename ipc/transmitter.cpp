@@ -6,6 +6,7 @@
 
 #include "ipc/ipc_process.h"
 #include "ipc/log.h"
+#include "ipc/module_info.h"
 #include "ipc/wire.h"
 
 // What every line about a datagram ends with, and its arguments.
@@ -166,7 +167,10 @@ void ipc_msg_send_done(cl_dunix_t, int status, void *argument) {
     if (!ipc) return free_ipc_queue_msg(context->msg);
     unlink_context(context);
     lower_in_flight(*mod, context->size);
-    ipc_msg_send_done_set_retry(context->msg, status);
+    {
+        const InUse keep(*mod); // a sink of log lines may send, and settle others
+        ipc_msg_send_done_set_retry(context->msg, status);
+    }
     UseGuard guard(ipc, "ipc_msg_send_done");
     if (ipc->queue->mod_count > kManyModules) free_mod_info(mod, ipc->queue);
 }

@@ -239,7 +239,9 @@ TAVIPC_API int tav_ipc_send_raw(tav_ipc_st *ipc, const char *dpipe, const void *
  * with IPC_ERR_CLOSED when the endpoint is destroyed, from inside tav_ipc_destroy; or with the send path's
  * IPC_ERR_SENDTO (null arguments too) from the loop, 1 ms later. On an endpoint that is being destroyed
  * nothing is sent and the exchange completes 1 ms later with IPC_ERR_CLOSED. The callback never runs from
- * inside the starting call, and may do anything. Short memory ends the process with exit status 0. */
+ * inside the starting call, and may do anything. Short memory ends the process with exit status 0.
+ * That 1 ms is the thread's loop's: what is not told when the loop is released, or its thread ends, is never
+ * told, and destructors of static and thread_local objects, which come later still, must start none. */
 
 /* Sends a request; the peer's application answers it with tav_ipc_response. */
 TAVIPC_API void tav_ipc_make_request(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,

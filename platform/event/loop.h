@@ -48,7 +48,7 @@ class Loop {
     int run() noexcept;
     int run_once(int timeout_ms) noexcept;
     void stop() noexcept;
-    bool in_callback() const noexcept { return callback_depth_ > 0; }
+    bool in_use() const noexcept { return callback_depth_ > 0 || frame_; }
 
     // due_ms on clock_ms(). Returns 0 when memory is short.
     uint64_t start_timer(uint64_t due_ms, void (*callback)(void *), void *argument,

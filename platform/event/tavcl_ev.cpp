@@ -43,7 +43,7 @@ int cl_event_loop_attach(uv_loop_s *uv_loop) noexcept { return ThreadEvents::att
 
 void cl_event_loop_release() noexcept {
     ThreadEvents *events = ThreadEvents::existing();
-    if (events && !events->loop().in_callback()) ThreadEvents::release();
+    if (events && !events->loop().in_use()) ThreadEvents::release();
 }
 
 cl_timer_t cl_timer_start(uint64_t delay_ms, void (*callback)(void *), void *argument) noexcept {

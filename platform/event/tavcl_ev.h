@@ -69,14 +69,16 @@ CL_EV_API int cl_event_loop_run_once(int timeout_ms) CL_EV_NOEXCEPT;
 CL_EV_API void cl_event_loop_stop(void) CL_EV_NOEXCEPT;
 
 /* Lets this thread's sockets and timers live on the caller's own libuv loop, which the caller runs with
- * uv_run. Must come before anything else of this header is used on the thread, and the loop must outlive
- * all of it: call cl_event_loop_release before uv_loop_close. Returns 0, or -1 when the thread already
- * has a loop, or uv_loop is null, or memory is short. */
+ * uv_run (a nested run in a callback forgets a uv_stop of the same turn). Must come before anything else of
+ * this header is used on the thread, and the loop must outlive all of it: call cl_event_loop_release before
+ * uv_loop_close. Returns 0, or -1 when the thread already has a loop, or uv_loop is null, or memory is
+ * short. */
 struct uv_loop_s;
 CL_EV_API int cl_event_loop_attach(struct uv_loop_s *uv_loop) CL_EV_NOEXCEPT;
 
 /* Closes everything that this thread's loop still holds (pending sends are cancelled, timers dropped)
- * and forgets the loop. Runs by itself when the thread ends. Must not be called from a callback. */
+ * and forgets the loop. Runs by itself when the thread ends. Does nothing when it is called from a callback
+ * or while the loop runs. */
 CL_EV_API void cl_event_loop_release(void) CL_EV_NOEXCEPT;
 
 /* --- timers ---------------------------------------------------------------------------------- */

@@ -326,6 +326,30 @@ TEST_F(Files, SweepRemovesWhatIsOlderThan300Seconds) {
     EXPECT_EQ(w.event.timers.size(), 1u);
 }
 
+TEST_F(Files, SweepOutlivesItsLoop) {
+    save("gamma", 1, "x");
+    w.event.timers.clear(); // with the loop that it was on
+    w.clock.loop_ms += 120'001;
+    save("gamma", 2, "x");
+    ASSERT_EQ(w.event.timers.size(), 1u);
+    sweep(w.clock.wall_s + 301);
+    EXPECT_FALSE(fs::exists(made_file(1)) || fs::exists(made_file(2)));
+}
+
+TEST_F(Files, PathLastsAsLongAsItsCallback) {
+    tav_ipc_st *ipc = open();
+    static std::function<void()> sweeps;
+    sweeps = [&] { sweep(w.clock.wall_s + 301); };
+    const auto on_path = [](tav_ipc_st *, const char *path, void *) {
+        sweeps();
+        EXPECT_EQ(path, made_file(1));
+        return 0;
+    };
+    tav_ipc_file_recv(ipc, on_path, nullptr);
+    EXPECT_EQ(save("gamma", 1, "", ipc), 0);
+    EXPECT_FALSE(fs::exists(made_file(1)));
+}
+
 TEST_F(Files, FileCallbackComesBeforeTheReplyAndMayEndIt) {
     for (const bool destroy : {false, true}) {
         tav_ipc_st *ipc = adopt(tav_ipc_create_temp("alpha", 1));

@@ -100,6 +100,18 @@ TEST_F(QueueTest, ConsumeCallbackMayDestroyTheQueue) {
     free_ipc_queue_msg(msg); // still the caller's
 }
 
+TEST_F(QueueTest, RecordsMayPushWhenTheyAreFreed) {
+    static std::function<int()> push_one;
+    push_one = [&] { return push(make(5, 0)); };
+    ipc_queue_msg_st *msg = make(5, 0);
+    msg->data_free = [](void *, uint32_t) { EXPECT_EQ(push_one(), 0); };
+    push(msg);
+    data_freed = 0;
+    stop();
+    EXPECT_EQ(data_freed, 1);
+    EXPECT_TRUE(w.event.timers.empty());
+}
+
 TEST_F(QueueTest, RandomOperationsMatchAModel) {
     std::mt19937 rng(20240607);
     const auto below = [&](uint32_t n) { return static_cast<uint32_t>(rng() % n); };

@@ -31,6 +31,7 @@ class ReqManagerTest : public FakeWorld {
         EXPECT_EQ(id_of(record), reqid);
         self->expired_.push_back(reqid);
         ipc_req_manager_remove(self->m_, reqid);
+        if (const auto then = std::exchange(self->then_, nullptr)) then();
     }
     int insert(uint32_t reqid, uint32_t in_ms) {
         const auto expire = static_cast<int64_t>(w.clock.loop_ms + in_ms);
@@ -46,6 +47,7 @@ class ReqManagerTest : public FakeWorld {
     ipc_req_manager_st *m_ = nullptr;
     std::deque<uint32_t> records_; // one id may have several
     Ids expired_;
+    std::function<void()> then_; // runs inside the first time-out
 };
 
 TEST_F(ReqManagerTest, ExpiresStrictlyAfterItsTimeInOrder) {
@@ -59,6 +61,12 @@ TEST_F(ReqManagerTest, ExpiresStrictlyAfterItsTimeInOrder) {
     }
     EXPECT_TRUE(w.event.timers.empty());
     EXPECT_EQ(released, (Ids{5, 4, 2, 3, 1}));
+    for (const uint32_t id : {8, 9}) insert(id, 1000 * (id - 7) - 1);
+    then_ = [&] { // it runs the loop: the others go on
+        w.event.advance(1000);
+        EXPECT_EQ(expired_.back(), 9u);
+    };
+    w.event.advance(1000);
     m_->on_timeout = nullptr;
     insert(6, 5000);
     insert(6, 0); // replaces the record

@@ -159,7 +159,22 @@ TEST_F(TransmitterTest, IdleModulesGoWhenThereAreVeryMany) {
     }
     EXPECT_EQ(xhash_count(ipc_->queue->mods), 0u);
 
+    tavipc::process_state().conf_loaded = true; // and the first would-block is the last
+    forget();
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(send(ipc_, "hello"), 0);
+    w.random.draws = {77}; // a pool socket of its own
+    ASSERT_TRUE(module(ipc_, "gamma"));
     w.event.settles = true;
+    ipc_->queue->mod_count = 5001;
+    w.log.on_line = [&] { EXPECT_EQ(send(ipc_, "x", address("gamma")), 0); }; // settles the second
+    w.event.complete(0, CL_EV_WOULD_BLOCK);
+    w.log.on_line = nullptr;
+    EXPECT_EQ(ipc_->queue->mod_count, 5000) << "beta, once";
+    ipc_->queue->mod_count = 5001;
+    w.event.complete_all();
+    EXPECT_EQ(xhash_count(ipc_->queue->mods), 0u);
+    tavipc::process_state().conf_loaded = false;
+
     ipc_->queue->mod_count = 5001;
     ASSERT_EQ(send(ipc_, pattern(200'000)), 0);
     EXPECT_EQ(xhash_count(ipc_->queue->mods), 1u) << "it is in use while its fragments are sent";
