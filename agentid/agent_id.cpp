@@ -13,7 +13,7 @@
 #include "agentid/id_file.h"
 #include "agentid/mac_discovery.h"
 #include "agentid/vm_id.h"
-#include "ipc/log.h"
+#include "common/log.h"
 #include "tavaux.h"
 
 namespace tavipc {

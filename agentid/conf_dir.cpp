@@ -5,7 +5,7 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "ipc/log.h"
+#include "common/log.h"
 
 namespace tavipc {
 namespace {

@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include "agentid/conf_dir.h"
-#include "ipc/log.h"
-#include "ipc/regular_file.h"
+#include "common/log.h"
+#include "common/regular_file.h"
 
 namespace tavipc {
 namespace {
@@ -31,7 +31,7 @@ bool write_block(FILE *file, const void *block, size_t size) noexcept {
 
 void SaveAgentId(const char *path, unsigned int id, const unsigned char *mac, int mac_len,
                  const _Mac_Node *list) noexcept {
-    const File file(fopen(path, "wbe"));
+    const FilePtr file = open_regular_stream(path, O_WRONLY | O_CREAT | O_TRUNC, "wb");
     if (!file) {
         TAV_LOG(2, "tav_agentid", "Failed to open %s for save hostid\n", path);
         return;
@@ -99,7 +99,7 @@ unsigned int ReadAgentid(const char *path) noexcept {
     }
     uint32_t id = 0;
     size_t got = 0;
-    const File file(open_regular(path));
+    const FilePtr file = open_regular_to_read(path);
     for (int i = 0; file && i < kIoTries && got < sizeof id && !feof(file.get()); ++i)
         got += fread(reinterpret_cast<unsigned char *>(&id) + got, 1, sizeof id - got, file.get());
     if (got < sizeof id) {

@@ -16,11 +16,6 @@
 
 namespace tavipc {
 
-struct FileClose {
-    void operator()(FILE *file) const noexcept { fclose(file); }
-};
-using File = std::unique_ptr<FILE, FileClose>;
-
 // Writes id, then the mac_len bytes of mac and as many of each node of list; a 4-byte file when mac is null
 // or mac_len 0. Failures are told to the log only and leave a shorter file.
 void SaveAgentId(const char *path, unsigned int id, const unsigned char *mac, int mac_len,

@@ -13,7 +13,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "ipc/log.h"
+#include "common/log.h"
+#include "common/unique_fd.h"
 
 namespace tavipc {
 namespace {
@@ -21,20 +22,6 @@ namespace {
 constexpr int kBadArgument = 10;
 constexpr int kConnectWaitSeconds = 5;
 constexpr size_t kRecordBytes = 4096; // interface records that are examined
-
-class Socket {
-  public:
-    Socket(int type, int protocol) noexcept : fd_(::socket(AF_INET, type, protocol)) {}
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-    ~Socket() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    [[nodiscard]] int fd() const noexcept { return fd_; }
-
-  private:
-    int fd_;
-};
 
 struct IfAddrsFree {
     void operator()(ifaddrs *list) const noexcept { freeifaddrs(list); }
@@ -161,20 +148,20 @@ const ifaddrs *find_interface(const ifaddrs *list, const char *ip) noexcept {
 }
 
 int mac_of_interface(const char *name, unsigned char *mac) noexcept {
-    const Socket sock(SOCK_STREAM, 0);
-    if (sock.fd() < 0) {
+    const UniqueFd sock(::socket(AF_INET, SOCK_STREAM, 0));
+    if (sock.get() < 0) {
         const int error = errno;
         TAV_LOG(2, "tav_agentid", "socket fail: %s\n", strerror(error));
         return error;
     }
     ifreq request = request_for(name);
-    if (ioctl(sock.fd(), SIOCGIFHWADDR, &request) == 0) {
+    if (ioctl(sock.get(), SIOCGIFHWADDR, &request) == 0) {
         copy_address(request, mac);
         return 0;
     }
     int error = errno;
     TAV_LOG(2, "tav_agentid", "ioctl<SIOCGIFHWADDR> fail with error:%s\n", strerror(error));
-    if (ioctl(sock.fd(), SIOCGIFADDR, &request) == 0) {
+    if (ioctl(sock.get(), SIOCGIFADDR, &request) == 0) {
         copy_address(request, mac); // the caller still learns that this is no hardware address
     } else {
         error = errno;
@@ -205,8 +192,8 @@ int GetMacList(int sock, const ifconf &records, unsigned long request, _Mac_Node
 }
 
 MacList GetLocalMacList() noexcept {
-    const Socket sock(SOCK_DGRAM, 0);
-    if (sock.fd() < 0) {
+    const UniqueFd sock(::socket(AF_INET, SOCK_DGRAM, 0));
+    if (sock.get() < 0) {
         const int error = errno;
         TAV_LOG(2, "tav_agentid", "create socket failed with error: %d, errmsg: %s\n", error,
                 strerror(error));
@@ -216,7 +203,7 @@ MacList GetLocalMacList() noexcept {
     ifconf records{};
     records.ifc_len = sizeof buffer;
     records.ifc_buf = buffer;
-    if (ioctl(sock.fd(), SIOCGIFCONF, &records) != 0) {
+    if (ioctl(sock.get(), SIOCGIFCONF, &records) != 0) {
         const int error = errno;
         TAV_LOG(2, "tav_agentid", "get all socket io failed with error: %d, errmsg: %s\n", error,
                 strerror(error));
@@ -224,13 +211,13 @@ MacList GetLocalMacList() noexcept {
     }
     _Mac_Node *head = nullptr;
     TAV_LOG(3, "tav_agentid", "Get Mac address through pyhisic interfaces\n");
-    if (GetMacList(sock.fd(), records, SIOCGIFHWADDR, &head) > 0) {
+    if (GetMacList(sock.get(), records, SIOCGIFHWADDR, &head) > 0) {
         TAV_LOG(3, "tav_agentid", "Succeed to get mac list by pyhisic interfaces\n");
         return MacList(head);
     }
     TAV_LOG(3, "tav_agentid", "Failed to query MAC address through pyhsic interfaces\n");
     TAV_LOG(3, "tav_agentid", "Get Mac address through software interfaces\n");
-    if (GetMacList(sock.fd(), records, SIOCGIFADDR, &head) > 0)
+    if (GetMacList(sock.get(), records, SIOCGIFADDR, &head) > 0)
         TAV_LOG(3, "tav_agentid", "Succeed to get mac list by software interfaces\n");
     else
         TAV_LOG(2, "tav_agentid", "Failed to query MAC address through software interfaces\n");
@@ -242,21 +229,21 @@ int GetLocalIpToMgr(const char *mgr_ip, unsigned short port, char *out, int size
         TAV_LOG(2, "tav_agentid", "input params invalid");
         return kBadArgument;
     }
-    const Socket sock(SOCK_STREAM, IPPROTO_TCP);
-    if (sock.fd() < 0) {
+    const UniqueFd sock(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+    if (sock.get() < 0) {
         const int error = errno;
         TAV_LOG(2, "tav_agentid", "open socket failed with error code: %d\n", error);
         return error;
     }
     int on = 1;
-    if (ioctl(sock.fd(), FIONBIO, &on) != 0) {
+    if (ioctl(sock.get(), FIONBIO, &on) != 0) {
         const int error = errno;
         TAV_LOG(2, "tav_agentid", "modify socket block property failed with error code: %d\n", error);
         return error;
     }
     int result = 0;
-    if (!connect_to_manager(sock.fd(), mgr_ip, port, result)) return result;
-    const int error = local_address(sock.fd(), out, size);
+    if (!connect_to_manager(sock.get(), mgr_ip, port, result)) return result;
+    const int error = local_address(sock.get(), out, size);
     return error != 0 ? error : result;
 }
 

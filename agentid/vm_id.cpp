@@ -7,8 +7,8 @@
 #include <memory>
 
 #include "agentid/id_file.h"
-#include "ipc/log.h"
-#include "ipc/regular_file.h"
+#include "common/log.h"
+#include "common/regular_file.h"
 
 alignas(std::atomic_ref<uint64_t>::required_alignment) uint64_t g_vmid = 0;
 
@@ -91,7 +91,7 @@ unsigned int CreateAgentIdByVMID(const char *machineid_path) noexcept {
         TAV_LOG(2, "tav_agentid", "null path parameter inputed");
         return 0;
     }
-    File file(open_regular(machineid_path));
+    FilePtr file = open_regular_to_read(machineid_path);
     if (holds_mac_based_id(file.get())) {
         TAV_LOG(3, "tav_agentid", "agent id already calculated by MAC");
         return 0;

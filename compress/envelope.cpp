@@ -10,6 +10,7 @@
 
 #include <zlib.h>
 
+#include "common/owned.h"
 #include "compress/big_endian.h"
 #include "tavipc/tav_compress.h"
 
@@ -21,10 +22,7 @@ using tavipc::compress::store32;
 constexpr uint32_t kLengthSize = 4;
 constexpr uint64_t kMaxLength = std::numeric_limits<uint32_t>::max();
 
-struct Free {
-    void operator()(void *memory) const { std::free(memory); }
-};
-using Buffer = std::unique_ptr<uint8_t, Free>;
+using Buffer = tavipc::MallocPtr<uint8_t>;
 
 // Null when memory is short; one byte for size 0, so that null means nothing else.
 Buffer allocate(uint64_t size) {

@@ -1,7 +1,7 @@
 #include "ipc/endpoint.h"
 
+#include "common/log.h"
 #include "ipc/ipc_process.h"
-#include "ipc/log.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
 #include "tavipc/tav_agentid.h"

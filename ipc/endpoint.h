@@ -16,6 +16,7 @@
 #include <memory>
 #include <type_traits>
 
+#include "common/owned.h"
 #include "tavipc/ipc_queue.h"
 #include "tavipc/ipc_req_manager.h"
 #include "tavipc/tav_ipc.h"
@@ -66,11 +67,6 @@ static_assert(std::is_standard_layout_v<tav_ipc_st> && std::is_trivial_v<tav_ipc
 static_assert(offsetof(tav_ipc_st, my_addr) == 0);
 
 namespace tavipc {
-
-struct Free {
-    void operator()(void *memory) const { std::free(memory); }
-};
-template <typename T> using MallocPtr = std::unique_ptr<T, Free>;
 
 // Keeps the record of an endpoint (null allowed) until the frame is left.
 class EndpointPin {

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "ipc/log.h"
-#include "ipc/out_of_memory.h"
+#include "common/log.h"
+#include "common/out_of_memory.h"
 
 namespace tavipc {
 namespace {

@@ -5,8 +5,8 @@
 #include <memory>
 #include <optional>
 
+#include "common/log.h"
 #include "ipc/ipc_process.h"
-#include "ipc/log.h"
 
 namespace tavipc {
 namespace {

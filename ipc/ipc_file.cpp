@@ -16,10 +16,10 @@
 #include <ctime>
 #include <utility>
 
+#include "common/log.h"
+#include "common/out_of_memory.h"
 #include "ipc/exchanges.h"
 #include "ipc/ipc_process.h"
-#include "ipc/log.h"
-#include "ipc/out_of_memory.h"
 #include "ipc/wire.h"
 
 namespace tavipc {

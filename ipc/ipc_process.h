@@ -8,7 +8,7 @@
 
 #include <pthread.h>
 
-#include "ipc/relaxed.h"
+#include "common/relaxed.h"
 #include "tavbase.h"
 #include "tavcl_ev.h"
 #include "tavipc/tav_ipc.h"

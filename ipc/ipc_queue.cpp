@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "ipc/log.h"
+#include "common/log.h"
 #include "ipc/module_info.h"
 #include "ipc/teardown_watch.h"
 #include "tavaux.h"

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/log.h"
+#include "common/out_of_memory.h"
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
 #include "ipc/ipc_process.h"
-#include "ipc/log.h"
-#include "ipc/out_of_memory.h"
 #include "ipc/pool_files.h"
 #include "ipc/reassembly.h"
 #include "ipc/receive.h"

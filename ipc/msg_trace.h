@@ -1,7 +1,7 @@
 // One trace line about a message, from inside the library.
 #pragma once
 
-#include "ipc/log.h"
+#include "common/log.h"
 #include "tavipc/tav_ipc.h"
 
 // Traces *header_ptr with a text of the caller. The arguments are evaluated only when level 4 is on.

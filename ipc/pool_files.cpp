@@ -14,8 +14,8 @@
 
 #include <dirent.h>
 
+#include "common/log.h"
 #include "ipc/ipc_process.h"
-#include "ipc/log.h"
 #include "ipc/unix_socket.h"
 
 namespace tavipc {

@@ -7,10 +7,10 @@
 #include <new>
 #include <utility>
 
+#include "common/log.h"
+#include "common/out_of_memory.h"
 #include "ipc/huge_pages.h"
-#include "ipc/log.h"
 #include "ipc/msg_trace.h"
-#include "ipc/out_of_memory.h"
 #include "ipc/wire.h"
 
 namespace tavipc {

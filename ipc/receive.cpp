@@ -2,9 +2,9 @@
 
 #include <cstring>
 
+#include "common/log.h"
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
-#include "ipc/log.h"
 #include "ipc/msg_trace.h"
 #include "ipc/reassembly.h"
 #include "ipc/wire.h"

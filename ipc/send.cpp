@@ -6,13 +6,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/log.h"
+#include "common/out_of_memory.h"
 #include "ipc/endpoint.h"
 #include "ipc/fragment_block.h"
 #include "ipc/ipc_process.h"
-#include "ipc/log.h"
 #include "ipc/module_info.h"
 #include "ipc/msg_trace.h"
-#include "ipc/out_of_memory.h"
 #include "ipc/transmitter.h"
 #include "ipc/unix_socket.h"
 #include "ipc/wire.h"

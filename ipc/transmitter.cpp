@@ -4,8 +4,8 @@
 #include <cstring>
 #include <new>
 
+#include "common/log.h"
 #include "ipc/ipc_process.h"
-#include "ipc/log.h"
 #include "ipc/module_info.h"
 #include "ipc/wire.h"
 

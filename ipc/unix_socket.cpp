@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "ipc/log.h"
+#include "common/log.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
 #include "tavipc/ipc_queue.h"

@@ -3,7 +3,7 @@
 
 #include <cstdlib>
 
-#include "ipc/out_of_memory.h"
+#include "common/out_of_memory.h"
 
 namespace tavipc {
 namespace {

@@ -21,6 +21,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/regular_file.h"
+
 namespace {
 
 // Section and key; texts for a search, which needs no memory.
@@ -47,29 +49,12 @@ constexpr int kLineBuffer = 4096;
 constexpr size_t kMaxSectionHead = 49 + 2; // libinih keeps 49 characters of a section name
 constexpr std::string_view kUnreachableSection = "[\x01]";
 
-class FileDescriptor {
-  public:
-    // Non-blocking: opening a FIFO must not wait for its writer.
-    explicit FileDescriptor(const char *path) : fd_(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
-    FileDescriptor(const FileDescriptor &) = delete;
-    FileDescriptor &operator=(const FileDescriptor &) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
 // The text of a regular file. 0 or an errno value.
 int read_file(const char *path, std::string &text) {
-    const FileDescriptor file(path);
-    if (file.get() < 0) return errno;
+    const tavipc::UniqueFd file = tavipc::open_regular(path, O_RDONLY);
+    if (!file) return errno;
     struct stat status;
     if (fstat(file.get(), &status) != 0) return errno;
-    if (S_ISDIR(status.st_mode)) return EISDIR;
-    if (!S_ISREG(status.st_mode)) return EINVAL;
     if (status.st_size > static_cast<off_t>(kMaxFile)) return EFBIG;
     char block[16384];
     for (;;) { // to its end, not to its size: files of /proc say 0, and a file may be growing

@@ -14,33 +14,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "common/unique_fd.h"
+
 extern char **environ;
 
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+using tavipc::UniqueFd;
 
 constexpr milliseconds kLimit{10'000};
 constexpr int kPollMs = 20;        // how soon the end of a shell is seen whose output stays open
 constexpr int kPollMsAfterEof = 1; // and of one that has closed it
-
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    ~Descriptor() { reset(); }
-
-    int get() const { return fd_; }
-    void reset() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
-    }
-
-  private:
-    int fd_;
-};
 
 struct SpawnSettings {
     posix_spawn_file_actions_t actions;
@@ -108,7 +94,7 @@ class Capture {
 };
 
 // Reads what is there now (the pipe is non-blocking); closes it at its end.
-void drain(Descriptor &pipe, Capture &capture) {
+void drain(UniqueFd &pipe, Capture &capture) {
     char buffer[4096];
     for (int turns = 0; pipe.get() >= 0 && turns < 16; ++turns) { // bounded: a flood must not hide the limit
         const ssize_t got = read(pipe.get(), buffer, sizeof buffer);
@@ -134,7 +120,7 @@ bool has_ended(pid_t pid, int options, int &status) {
 }
 
 // True when the shell ended by itself within the limit.
-bool supervise(pid_t pid, Descriptor &pipe, Capture &capture, int &status) {
+bool supervise(pid_t pid, UniqueFd &pipe, Capture &capture, int &status) {
     const auto deadline = steady_clock::now() + kLimit;
     while (steady_clock::now() < deadline) {
         pollfd wait_for{pipe.get(), POLLIN, 0}; // a negative descriptor only sleeps
@@ -158,7 +144,7 @@ int shell_execute(const char *command, char *out, int size) noexcept {
     if (!command) return -1;
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return -1;
-    Descriptor reader(ends[0]), writer(ends[1]);
+    UniqueFd reader(ends[0]), writer(ends[1]);
     if (fcntl(reader.get(), F_SETFL, O_NONBLOCK) != 0) return -1; // this end alone
     const pid_t pid = spawn_shell(command, writer.get());
     writer.reset();

@@ -23,11 +23,11 @@
 
 #include <cstdint>
 
+#include "common/unique_fd.h"
 #include "fd_watch.h"
 #include "send_queue.h"
 #include "socket_file.h"
 #include "tavcl_ev.h"
-#include "unique_fd.h"
 
 namespace tavcl_ev {
 

@@ -46,7 +46,7 @@ bool Loop::open(uv_loop_t *foreign) noexcept {
     }
     uv_prepare_start(&prepare_, [](uv_prepare_t *handle) { loop_of(handle).before_poll(); });
     uv_check_start(&check_, [](uv_check_t *handle) { loop_of(handle).after_poll(); });
-    wake_fd_ = UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    wake_fd_ = tavipc::UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     const auto rings = [](void *self) { static_cast<Loop *>(self)->woken(); };
     return wake_fd_ && wake_watch_.open(*this, wake_fd_.get(), rings, this) && wake_watch_.start_reading();
 }

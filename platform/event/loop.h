@@ -17,10 +17,10 @@
 #include <memory>
 #include <uv.h>
 
+#include "common/unique_fd.h"
 #include "fd_watch.h"
 #include "send_queue.h"
 #include "timers.h"
-#include "unique_fd.h"
 
 namespace tavcl_ev {
 
@@ -111,7 +111,7 @@ class Loop {
     uv_prepare_t prepare_{};
     uv_check_t check_{};
     uv_idle_t idle_{};
-    UniqueFd wake_fd_; // a timer of the kernel's: a turn that only waits does not set one anew
+    tavipc::UniqueFd wake_fd_; // a timer of the kernel's: a turn that only waits does not set one anew
     FdWatch wake_watch_;
     unsigned handles_ = 0;
     bool idling_ = false;

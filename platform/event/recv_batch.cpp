@@ -6,8 +6,6 @@
 
 namespace tavcl_ev {
 
-void RecvBatch::Free::operator()(void *memory) const noexcept { free(memory); }
-
 RecvBatch::RecvBatch() : buffers_(static_cast<char *>(aligned_alloc(64, kSlots * kStride))) {
     if (!buffers_) throw std::bad_alloc();
     for (unsigned i = 0; i < kSlots; ++i) {

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <vector>
 
+#include "common/owned.h"
 #include "tavcl_ev.h"
 
 namespace tavcl_ev {
@@ -39,11 +40,7 @@ class RecvBatch {
   private:
     // Not a multiple of the page size: datagrams at equal places of their pages would share few cache lines.
     static constexpr size_t kStride = kSlotSize + 64;
-    struct Free {
-        void operator()(void *memory) const noexcept;
-    };
-
-    std::unique_ptr<char, Free> buffers_;
+    tavipc::MallocPtr<char> buffers_;
     cl_sockaddr_t names_[kSlots];
     iovec places_[kSlots];
     mmsghdr headers_[kSlots];

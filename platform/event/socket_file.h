@@ -3,10 +3,12 @@
 
 #include <sys/types.h>
 
+#include "common/unique_fd.h"
 #include "tavcl_ev.h"
-#include "unique_fd.h"
 
 namespace tavcl_ev {
+
+using tavipc::UniqueFd;
 
 // Which file a path leads to; the default is none.
 struct FileIdentity {

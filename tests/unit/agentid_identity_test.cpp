@@ -156,7 +156,7 @@ TEST_F(AgentIdentity, MachineidIsWrittenAndReadAsLaidOut) {
     put("machineid", "\4\3\2");
     EXPECT_TRUE(ReadAgentid(path.c_str()) == 0 && ReadAgentid(nullptr) == 0);
     tavipc::SaveAgentId("/dev/full", 1, mgr_mac, 6, list.get());
-    EXPECT_EQ(w.log.lines.back().text, "Failed to save bak machineid\n");
+    EXPECT_EQ(w.log.lines.back().text, "Failed to open /dev/full for save hostid\n") << "not a regular file";
 }
 
 TEST_F(AgentIdentity, LockIsHeldAroundAStoreAndRemoved) {

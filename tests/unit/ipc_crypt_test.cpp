@@ -12,8 +12,8 @@
 #include <openssl/rsa.h>
 #include <openssl/sha.h>
 
+#include "agentid/whole_file.h"
 #include "fakes.h"
-#include "ipc/whole_file.h"
 #include "tavipc/tav_agentid.h"
 
 static std::string exe_link;                // what the executable's link holds; empty: it cannot be read

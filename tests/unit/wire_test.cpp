@@ -1,7 +1,7 @@
 #include "ipc/wire.h"
 
+#include "common/out_of_memory.h"
 #include "fakes.h"
-#include "ipc/out_of_memory.h"
 
 using namespace tavipc;
 using Wire = FakeWorld;

@@ -1,16 +1,12 @@
-#include "ipc/whole_file.h"
+#include "agentid/whole_file.h"
 
 #include <cstdio>
 
-#include "ipc/log.h"
-#include "ipc/regular_file.h"
+#include "common/log.h"
+#include "common/regular_file.h"
 
 namespace tavipc {
 namespace {
-
-struct CloseFile {
-    void operator()(FILE *file) const { std::fclose(file); }
-};
 
 // The size of a file whose position is at its start, negative when it has none.
 long size_of(FILE *file) {
@@ -35,7 +31,7 @@ WholeFile read_whole_file(const char *path, long max_size) noexcept {
         TAV_LOG(1, "ipc_crypt", "param wrong");
         return {};
     }
-    const std::unique_ptr<FILE, CloseFile> file(open_regular(path));
+    const FilePtr file = open_regular_to_read(path);
     if (!file) {
         TAV_LOG(1, "ipc_crypt", "open file %s faild", path);
         return {};

@@ -1,10 +1,11 @@
+// An owned file descriptor.
 #pragma once
 
 #include <cerrno>
 #include <unistd.h>
 #include <utility>
 
-namespace tavcl_ev {
+namespace tavipc {
 
 // An owned descriptor. Closing leaves errno as it was.
 class UniqueFd {
@@ -25,9 +26,11 @@ class UniqueFd {
         close(std::exchange(fd_, -1));
         errno = saved;
     }
+    // Gives the descriptor to the caller.
+    int release() noexcept { return std::exchange(fd_, -1); }
 
   private:
     int fd_;
 };
 
-} // namespace tavcl_ev
+} // namespace tavipc

@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "ipc/log.h"
+#include "common/log.h"
 
 namespace tavipc {
 

@@ -21,10 +21,10 @@
 #include <openssl/rsa.h>
 #include <openssl/sha.h>
 
+#include "agentid/whole_file.h"
 #include "allowlist_key.h"
-#include "ipc/log.h"
-#include "ipc/regular_file.h"
-#include "ipc/whole_file.h"
+#include "common/log.h"
+#include "common/regular_file.h"
 #include "tavipc/tav_agentid.h"
 
 #define LOG_REFUSAL(...) TAV_LOG(1, "ipc_crypt", __VA_ARGS__)
@@ -43,11 +43,10 @@ constexpr char kListMember[] = "linux";
 template <auto release> struct Releaser {
     template <class T> void operator()(T *object) const { release(object); }
 };
-using File = std::unique_ptr<FILE, Releaser<std::fclose>>;
 using Bio = std::unique_ptr<BIO, Releaser<BIO_free_all>>;
 using RsaKey = std::unique_ptr<RSA, Releaser<RSA_free>>;
 using Json = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>;
-using Bytes = std::unique_ptr<unsigned char, FreeMemory>;
+using Bytes = MallocPtr<unsigned char>;
 
 // Takes back what libcrypto adds to the thread's error queue, which belongs to the application.
 class ErrorQueueGuard {
@@ -154,7 +153,7 @@ RsaKey load_public_key() {
 }
 
 bool hash_file(const char *path, unsigned char *digest) {
-    const File file(open_regular(path));
+    const FilePtr file = open_regular_to_read(path);
     if (!file) {
         LOG_REFUSAL("fopen %s failed", path);
         return false;

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "ipc/relaxed.h"
+#include "common/relaxed.h"
 #include "tavbase.h"
 
 // One line at a level, if that level is on.

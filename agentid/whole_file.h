@@ -2,20 +2,16 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdlib>
-#include <memory>
+
+#include "common/owned.h"
 
 namespace tavipc {
 
 inline constexpr long kMaxWholeFile = 10'485'760;
 
-struct FreeMemory {
-    void operator()(void *memory) const { std::free(memory); }
-};
-
 // A file's bytes and a NUL behind them; null bytes when it could not be read.
 struct WholeFile {
-    std::unique_ptr<char, FreeMemory> bytes;
+    MallocPtr<char> bytes;
     size_t size = 0;
 
     explicit operator bool() const { return bytes != nullptr; }
