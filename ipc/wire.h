@@ -10,6 +10,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "common/big_endian.h"
 #include "tavipc/tav_ipc.h"
 
 namespace tavipc {
@@ -64,17 +65,6 @@ inline NameText name_text(const tav_addr_st &address) {
 }
 // A name becomes the last component of a socket path: one with a "/" would leave the directory.
 inline bool is_path_safe(const char *name) { return std::strchr(name, '/') == nullptr; }
-
-// --- big-endian fields
-
-inline uint16_t load_be16(const void *bytes) {
-    const auto *b = static_cast<const uint8_t *>(bytes);
-    return static_cast<uint16_t>((b[0] << 8) | b[1]);
-}
-inline uint32_t load_be32(const void *bytes) {
-    const auto *b = static_cast<const uint8_t *>(bytes);
-    return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
-}
 
 // --- application messages: a 20-byte header of their own in front of the body
 

@@ -164,7 +164,8 @@ TAVBASE_API int Hex_Encode_Lower(const unsigned char *in, int in_len, char *out,
 TAVBASE_API int dirutils_path_transform(const char *path_template, char *out, int size) TAVBASE_NOEXCEPT;
 
 /* Runs command by /bin/sh and captures up to size - 1 bytes of its standard output. Returns 0 when the
- * command ended with status 0 and wrote something; else -1, and out holds what came. A command that runs
+ * command ended with status 0 and wrote something; else -1, and out holds what came. The status counts as 0
+ * if it is lost because the process ignores SIGCHLD or collects its children itself. A command that runs
  * longer than 10 seconds is ended. */
 TAVBASE_API int shell_execute(const char *command, char *out, int size) TAVBASE_NOEXCEPT;
 
