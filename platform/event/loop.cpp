@@ -52,7 +52,6 @@ bool Loop::open(uv_loop_t *foreign) noexcept {
 }
 
 Loop::~Loop() {
-    assert(!in_use());
     assert(finished_.empty());
     assert(channels_ == 0);
     wake_watch_.close();
