@@ -1,6 +1,6 @@
 #!/bin/sh
-# man_test.sh SOURCE TAVCTL: the pages of section 3 name each exported function and each function of the platform's
-# headers once, with the prototypes of the headers; their example programs compile; mandoc finds no fault.
+# man_test.sh SOURCE TAVCTL: the pages of section 3 name every exported function and every function of the platform's
+# headers once each, with the headers' prototypes; the programs in them compile; mandoc has nothing to say.
 set -eu
 place=$(mktemp -d /var/tmp/tavipc-XXXXXX)
 trap 'rm -rf "$place"' EXIT
@@ -10,15 +10,15 @@ failed=0
 mkdir "$place/tavipc"
 cp include/tavipc/*.h platform/base/tavbase.h platform/aux/tavaux.h platform/event/tavcl_ev.h "$place/tavipc"
 
-# The names. A type-encoded one, _Z<length>name..., becomes its name in C.
-cat packaging/exports*.txt | grep -v '^#' | grep . |
+# Names: a type-encoded one, _Z<length>name..., stands as C has it.
+grep -v '^#' packaging/exports.txt | grep . |
     awk 'match($0, /^_Z[0-9]+/) { $0 = substr($0, RLENGTH + 1, substr($0, 3, RLENGTH - 2)) } { print }' >"$place/names"
 (cd "$place/tavipc" && sed -n 's/^[A-Z_]*_API [^(]*[ *]\([A-Za-z_0-9]*\)(.*/\1/p' tavbase.h tavaux.h tavcl_ev.h) \
     >>"$place/names"
 LC_ALL=C sort -o "$place/names" "$place/names"
 awk '/^\.Sh/ { inside = $2 == "NAME" } inside && $1 == ".Nm" && $2 != "tavipc" { print $2 }' packaging/man/*.3 |
     LC_ALL=C sort | diff "$place/names" - || {
-    echo "< has no page, > is not a function or is in two pages" >&2
+    echo "< has no page, > is no function, or a page has it already" >&2
     failed=1
 }
 
@@ -48,7 +48,7 @@ done
 
 # The tool's commands and options, as they stand in mdoc.
 "$2" completion | sed -n "s/^ *'[a-z-]*') words='\([^']*\)'.*/\1/p" | tr ' ' '\n' | LC_ALL=C sort -u >"$place/words"
-[ "$(wc -l <"$place/words")" -gt 40 ] || { echo "the tool lists no options" >&2; failed=1; }
+[ "$(wc -l <"$place/words")" -gt 40 ] || { echo "the tool tells no options" >&2; failed=1; }
 while read -r word; do
     macro=$(echo "$word" | sed 's/^--/Fl Fl /; s/^-/Fl /')
     grep -qE -- "(^|[ .])$macro( |,|\$)" packaging/man/tavctl.1 || { echo "tavctl.1 lacks $word" >&2; failed=1; }
