@@ -70,7 +70,8 @@ resolve() { # file, name; sets target to a path, or to the name if it is not a f
         places+=("$directory/")
         directory=${directory%/*}
     done
-    places+=("$directory/" '' include/ platform/base/ platform/aux/ platform/event/ tests/support/ tests/stage/)
+    places+=("$directory/" '' include/ platform/base/ platform/aux/ platform/event/ tests/support/ tests/stage/
+        tools/tavctl/ bench/)
     for place in "${places[@]}"; do
         target=$place$2
         [[ -n ${exists[$target]:-} ]] && return

@@ -17,8 +17,6 @@ using namespace tavipc::stage;
 
 namespace {
 
-constexpr size_t kFileSize = 100'000'000;
-
 void require(bool condition, const std::string &what) {
     if (!condition) throw std::runtime_error(what);
 }
@@ -48,7 +46,7 @@ void show_messages(Process &alpha, Process &beta) {
     show("messages", "1,000 of 160 bytes, one by one: median ", times_ms[500] * 1000,
          " us from send to callback");
     const double ms = transfer(alpha, beta, "app", TAV_IPC_MESSAGE_MAX, "7 0");
-    show("large", TAV_IPC_MESSAGE_MAX, " bytes in 1,023 fragments, unchanged: ", ms, " ms");
+    show("large", "65,471,999 bytes in 1,023 fragments, unchanged: ", ms, " ms");
     transfer(alpha, beta, "app", 100'020, "0 0x8");
     const std::string sizes = alpha.expect("log 4 tav_ipc compress msg success, old_size=100020, new_size=");
     show("compressed", "an application message of 100,020 bytes travels as ",
@@ -61,19 +59,18 @@ void show_exchanges(Process &alpha) {
     show("request", "100,000 bytes, answered with the same bytes");
     require(alpha.ask("exchange confirm beta 8 160 60", "exchanged 8 ") == "0 -", "no confirmation");
     show("confirmed", "160 bytes, acknowledged by the receiving library");
-    require(alpha.ask("exchange probe beta 9 0 5", "exchanged 9 ") == "0 -", "beta does not answer a probe");
     require(alpha.ask("exchange confirm nobody 10 160 1", "exchanged 10 ") == "-102 -", "nobody confirmed");
     show("nobody", "a message to an endpoint that does not exist: -102, ", tav_ipc_strerror(-102));
 }
 
 void show_files(const Installation &place, Process &alpha, Process &filer) {
     const std::string path = place.config() / "file";
-    std::ofstream(path, std::ios::binary) << std::string(kFileSize, 'f') << std::flush;
+    std::ofstream(path, std::ios::binary) << std::string(100'000'000, 'f') << std::flush;
     const auto begun = std::chrono::steady_clock::now();
     const std::string sent = alpha.ask("file filer " + path + " 60", "sending ");
     require(std::stoi(alpha.expect("file ")) >= 0 && filer.expect("got ") == sent, "the file was not sent");
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
-    show("file", kFileSize, " bytes, unchanged: ", took.count(), " s, with a digest on both sides");
+    show("file", "100,000,000 bytes, unchanged: ", took.count(), " s, with a digest on both sides");
     require(alpha.ask("file beta " + path + " 60", "file ") == "-109", "beta accepted a file");
     show("", "to beta, which accepts no files: -109, ", tav_ipc_strerror(-109));
 }
@@ -83,8 +80,7 @@ void run() {
     const Installation place({root, 2, true});
     place.allow({"alpha", "beta", "filer"});
     std::cout << "tavipc demo: every module is a process of its own\n";
-    show("programs", (root / "bin").string());
-    show("sockets", place.sockets().string());
+    show("programs", (root / "bin").string(), ", sockets in ", place.sockets().string());
     Process alpha = place.start("alpha", {"TAV_LOG_LEVEL=4"}), beta = place.start("beta");
     Process filer = place.start("filer"), intruder = place.start("intruder");
     const std::string id = alpha.ask("open alpha", "opened ");

@@ -1,12 +1,7 @@
 // An installation of the agent in directories of its own: bin/ with module programs, config/ with the signed
-// allow-list and the INI files, and a socket directory below /var/tmp. It needs no root, and two
-// installations do not meet. A child process removes the directories, even after a crash. A program has one
-// installation at a time.
+// allow-list and the INI files, and a socket directory below /var/tmp, so it needs no root. A child process
+// removes the directories, even after a crash.
 #pragma once
-
-#include <filesystem>
-#include <string>
-#include <vector>
 
 #include "process.h"
 
@@ -30,9 +25,7 @@ class Installation {
     // Starts the program bin/NAME; without one, the module program under that name.
     Process start(const std::string &name, const std::vector<std::string> &environment = {},
                   const std::vector<std::string> &arguments = {}) const;
-    // The command-line tool as the agent's own.
-    std::string tool() const;
-
+    std::string tool() const; // the command-line tool as the agent's own
     std::filesystem::path config() const { return root_ / "config"; }
     std::filesystem::path sockets() const; // the directory of the socket files
 

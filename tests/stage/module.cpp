@@ -12,7 +12,7 @@
 //   (a line of the log)                              log LEVEL SOURCE TEXT
 //
 // KIND is "bytes" or "app", an application message whose body compresses; WHAT is request, confirm or probe.
-// The command code is ID, which counts up. US is the monotonic clock in microseconds, DIGEST a hash of the
+// The command code is ID and counts up. US is the monotonic clock in microseconds, DIGEST a hash of the
 // payload.
 #include <cinttypes>
 #include <filesystem>

@@ -42,8 +42,7 @@ pid_t spawn(const std::vector<std::string> &command, const std::vector<std::stri
 
 int wait_for(pid_t pid) {
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
@@ -88,12 +87,11 @@ std::string Process::expect(std::string_view beginning, std::chrono::millisecond
             events_.erase(events_.begin() + static_cast<std::ptrdiff_t>(next));
             return rest;
         }
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = (deadline - std::chrono::steady_clock::now()) / 1ms * 1ms;
         if (from_child_ && left > 0ms && read_all(left)) continue;
-        throw std::runtime_error(name_ + (from_child_ ? " did not write \"" : " ended without writing \"") +
+        throw std::runtime_error(name_ + (from_child_ ? " did not write: " : " ended without writing: ") +
                                  std::string(beginning) +
-                                 "\"; its last event: " + (events_.empty() ? "none" : events_.back()));
+                                 "\nits last event: " + (events_.empty() ? "none" : events_.back()));
     }
 }
 
@@ -124,24 +122,23 @@ void Process::read_some() {
 
 int Process::finish() {
     shutdown(to_child_.get(), SHUT_WR);
-    while (from_child_ && read_all(60s)) {
-    }
-    ::kill(pid_, SIGKILL); // reaches only a child that hangs: the exit status of another one is already set
+    while (from_child_ && read_all(60s)) continue;
+    signal(SIGKILL); // reaches only a child that hangs: the exit status of another one is already set
     return wait_for(std::exchange(pid_, -1));
 }
 
 Outcome run(const std::vector<std::string> &command, std::string_view input,
             const std::vector<std::string> &environment) {
-    const UniqueFd in(memfd_create("in", MFD_CLOEXEC)), out(memfd_create("out", MFD_CLOEXEC)),
-        errors(memfd_create("errors", MFD_CLOEXEC));
+    const UniqueFd in(memfd_create("", MFD_CLOEXEC)), out(memfd_create("", MFD_CLOEXEC)),
+        errors(memfd_create("", MFD_CLOEXEC));
     if (pwrite(in.get(), input.data(), input.size(), 0) != static_cast<ssize_t>(input.size()))
         throw std::system_error(errno, std::generic_category(), "cannot make a file in memory");
     const int status = wait_for(spawn(command, environment, {in.get(), out.get(), errors.get()}));
     return {status, content(out.get()), content(errors.get())};
 }
 
-std::vector<std::string> words(const std::string &text) {
-    std::istringstream stream(text);
+std::vector<std::string> words(const std::string &event) {
+    std::istringstream stream(event);
     return {std::istream_iterator<std::string>(stream), {}};
 }
 

@@ -68,6 +68,7 @@ TEST_F(Files, DeadReceiverEndsTheTransfer) {
     Module alpha(place, "alpha"), beta(place, "beta", {"TAVIPC_STOP_AT_FILE=1"});
     send_to_stopping_beta(alpha, beta);
     EXPECT_EQ(beta.kill(), -SIGKILL);
+    alpha.ask("descriptors 1024", "done"); // it waits for the confirmation
     alpha.signal(SIGUSR1);
     EXPECT_EQ(alpha.expect("file "), "-102");
 }
