@@ -150,7 +150,8 @@ void Channel::wait_for_room() noexcept {
         channel->last_progress_ms_ = clock_ms(); // that there was room shows that something was read
         channel->flush();
     };
-    if (fd_ && (watch_.opened() || watch_.open(loop_.uv(), fd_.get(), by_watch, this)) && watch_.start_writing())
+    if (fd_ && (watch_.opened() || watch_.open(loop_.uv(), fd_.get(), by_watch, this)) &&
+        watch_.start_writing())
         return;
     const auto by_timer = [](void *self) {
         auto *channel = static_cast<Channel *>(self);

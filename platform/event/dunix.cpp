@@ -29,8 +29,9 @@ bool Dunix::send(const cl_sockaddr_t &address, const void *data, uint32_t len, c
     return false;
 }
 
-// Reports what has left already as sent, and the rest as cancelled. Everything is closed before the first callback.
-// In a child that abandons the loop, report() only frees the records; a fork in a callback from here is such a case.
+// Reports what has left already as sent, and the rest as cancelled. Everything is closed before the first
+// callback. In a child that abandons the loop, report() only frees the records; a fork in a callback from
+// here is such a case.
 void Dunix::close() noexcept {
     receiver_.close();
     SendQueue unreported = loop_.take_finished(id_);

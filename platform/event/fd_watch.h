@@ -1,5 +1,5 @@
-// Watches one descriptor on the loop. The libuv handle lives on by itself until libuv has let go of it, so the
-// owner and the descriptor may go at any time, even inside the handler.
+// Watches one descriptor on the loop. The libuv handle lives on by itself until libuv has let go of it, so
+// the owner and the descriptor may go at any time, even inside the handler.
 #pragma once
 
 struct uv_poll_s;

@@ -13,8 +13,8 @@ namespace {
 
 // A wait for a far timer is cut into days, so that no time overflows the kernel's types.
 constexpr uint64_t kLongestWait_ms = 24ull * 60 * 60 * 1000;
-// Channels with a descriptor. Enough that a hub's destinations each keep theirs; a quarter of what the process may
-// open leaves the rest to the program.
+// Channels with a descriptor. Enough that a hub's destinations each keep theirs; a quarter of what the
+// process may open leaves the rest to the program.
 constexpr rlim_t kMostChannels = 256;
 
 unsigned channels_allowed() {
@@ -66,10 +66,11 @@ void Loop::enter_child() noexcept {
     uv_.enter_child();
 }
 
-// Stopping the handles only changes memory, also on the caller's loop. They stay in that loop's lists, so this
-// object stays as well (see ThreadEvents).
+// Stopping the handles only changes memory, also on the caller's loop. They stay in that loop's lists, so
+// this object stays as well (see ThreadEvents).
 void Loop::abandon() noexcept {
-    for (SendQueue finished = std::move(finished_); !finished.empty();) report(finished.pop(), CL_EV_CANCELLED);
+    for (SendQueue finished = std::move(finished_); !finished.empty();)
+        report(finished.pop(), CL_EV_CANCELLED);
     finished_bytes_ = 0;
     timers_.clear();
     wake_watch_.close();
@@ -117,8 +118,8 @@ int Loop::run_once(int timeout_ms) noexcept {
     return held_ > 0 ? 1 : 0;
 }
 
-// The frame keeps the stop: uv_stop would end the innermost uv_run, which may be one inside the run that is meant,
-// or the caller's own.
+// The frame keeps the stop: uv_stop would end the innermost uv_run, which may be one inside the run that is
+// meant, or the caller's own.
 void Loop::stop() noexcept {
     Frame *frame = frame_;
     while (frame && frame->once) frame = frame->outer;

@@ -5,15 +5,15 @@
 //   poll      waits; sockets become readable (datagrams are delivered) or writable (waiting sends leave)
 //   check     timers that are due; then callbacks of finished sends
 // The wake-up only ends the wait. Our own clock decides in the check phase whether a timer is due.
-// The idle handle is active only while there is work that needs no wait; the poll then returns at once (nudge).
-// Each phase handles what was there when it began; what its callbacks add comes in a later phase. A callback may
-// run the loop again, so every phase takes an item out of its list before it calls back.
+// The idle handle is active only while there is work that needs no wait; the poll then returns at once
+// (nudge). Each phase handles what was there when it began; what its callbacks add comes in a later phase. A
+// callback may run the loop again, so every phase takes an item out of its list before it calls back.
 //
-// The loop is alive (the prepare handle is referenced) while held_ is not 0: one for each timer of a user, each
-// receiving socket and each send that is not yet reported. All other handles are unreferenced.
+// The loop is alive (the prepare handle is referenced) while held_ is not 0: one for each timer of a user,
+// each receiving socket and each send that is not yet reported. All other handles are unreferenced.
 //
-// A forked child abandons the loop that it inherits. Nothing is left in it then, so every phase, and every frame
-// of run that is still on the stack, finds nothing to do and returns.
+// A forked child abandons the loop that it inherits. Nothing is left in it then, so every phase, and every
+// frame of run that is still on the stack, finds nothing to do and returns.
 #pragma once
 
 #include <cstdint>

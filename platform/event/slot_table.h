@@ -1,9 +1,9 @@
 // Values behind 64-bit ids that are never reused.
 //
 // An id is a slot number (low 24 bits) and that slot's generation (upper 40 bits, from 1 on, so no id is 0).
-// Taking a value out raises the generation, which makes every copy of the old id stale. A slot whose generations
-// are used up is retired. A new table starts above all generations of the tables that were cleared before, so the
-// ids of a thread's former loop are stale in its next one.
+// Taking a value out raises the generation, which makes every copy of the old id stale. A slot whose
+// generations are used up is retired. A new table starts above all generations of the tables that were
+// cleared before, so the ids of a thread's former loop are stale in its next one.
 #pragma once
 
 #include <algorithm>

@@ -1,6 +1,6 @@
-// A stale file is replaced in three steps: probe, remove, bind. When two processes do so at once, the slower one
-// must not remove the file that the faster one has bound. Both therefore lock the directory meanwhile. Binding a
-// free path needs no lock, because bind refuses a path that is taken.
+// A stale file is replaced in three steps: probe, remove, bind. When two processes do so at once, the slower
+// one must not remove the file that the faster one has bound. Both therefore lock the directory meanwhile.
+// Binding a free path needs no lock, because bind refuses a path that is taken.
 #include "socket_file.h"
 
 #include <cerrno>
@@ -19,7 +19,8 @@ namespace {
 using tavipc::UniqueFd;
 
 constexpr size_t kLongestPath = sizeof sockaddr_un::sun_path - 1; // bytes, without the terminator
-constexpr int kLockTries = 200; // a holder needs microseconds; one that was stopped must not hold up the others
+constexpr int kLockTries =
+    200; // a holder needs microseconds; one that was stopped must not hold up the others
 constexpr unsigned kLockDelay_us = 1000; // between two tries
 
 const sockaddr *generic(const cl_sockaddr_t &address) {
@@ -50,8 +51,8 @@ PrivateFd lock_directory(const char *path) {
     return fd;
 }
 
-// Only a refused connection proves that no process has the socket open. A live socket whose queue is full accepts
-// the connection.
+// Only a refused connection proves that no process has the socket open. A live socket whose queue is full
+// accepts the connection.
 bool is_stale(const cl_sockaddr_t &address) {
     const UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     return probe && connect(probe.get(), generic(address), address.len) != 0 && errno == ECONNREFUSED;

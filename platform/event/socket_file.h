@@ -1,4 +1,5 @@
-// The file of a bound socket: created with its directories, replaced when it is stale, removed if it is still ours.
+// The file of a bound socket: created with its directories, replaced when it is stale, removed if it is still
+// ours.
 #pragma once
 
 #include <sys/types.h>
@@ -21,8 +22,8 @@ FileIdentity identify_socket(const char *path, bool follow_links) noexcept;
 // Fills an address record. False when the path is empty or too long.
 bool fill_address(cl_sockaddr_t *address, const char *path) noexcept;
 
-// A non-blocking datagram socket whose send buffer is as large as the system allows. Empty, with errno set, on
-// failure.
+// A non-blocking datagram socket whose send buffer is as large as the system allows. Empty, with errno set,
+// on failure.
 PrivateFd make_datagram_socket() noexcept;
 // Bytes. Sixty datagrams of 64,000 bytes: more than a receiver's queue holds, so the queue is the limit.
 inline constexpr int kSendBuffer = 4 << 20;
@@ -33,7 +34,8 @@ void set_send_buffer(int fd, int bytes) noexcept;
 class BoundSocket {
   public:
     BoundSocket() = default;
-    // Empty, with errno set, on failure. EADDRINUSE: the path leads to a live socket, or to another kind of file.
+    // Empty, with errno set, on failure. EADDRINUSE: the path leads to a live socket, or to another kind of
+    // file.
     static BoundSocket make(const cl_sockaddr_t &address) noexcept;
     BoundSocket(BoundSocket &&) = default;
     BoundSocket &operator=(BoundSocket &&) = delete;

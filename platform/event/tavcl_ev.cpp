@@ -1,5 +1,5 @@
-// The exported functions check their arguments, find the thread's objects, and call them. Nothing inside the library
-// calls an exported function.
+// The exported functions check their arguments, find the thread's objects, and call them. Nothing inside the
+// library calls an exported function.
 #include "tavcl_ev.h"
 
 #include <cerrno>

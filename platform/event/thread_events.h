@@ -1,10 +1,11 @@
 // What one thread has of this library: its loop, its sockets, its receive buffers.
 //
-// fork: the child has only the forking thread. There, before fork returns, that thread's ThreadEvents is abandoned:
-// sockets are closed without a callback and without a change to files or to the parent's epoll set, and the next
-// use makes a new one. Frames of the abandoned loop may still be on the stack, when a callback forked. The object is
-// deleted when the last of them has returned; on the caller's libuv loop, which keeps our handles, never. What other
-// threads had stays in the child's memory, but their descriptors are closed (private_fd.h).
+// fork: the child has only the forking thread. There, before fork returns, that thread's ThreadEvents is
+// abandoned: sockets are closed without a callback and without a change to files or to the parent's epoll
+// set, and the next use makes a new one. Frames of the abandoned loop may still be on the stack, when a
+// callback forked. The object is deleted when the last of them has returned; on the caller's libuv loop,
+// which keeps our handles, never. What other threads had stays in the child's memory, but their descriptors
+// are closed (private_fd.h).
 #pragma once
 
 #include <memory>
@@ -18,8 +19,8 @@ namespace tavcl_ev {
 
 class ThreadEvents {
   public:
-    // The calling thread's. get() makes it on first use; it returns null on failure, while it is being released,
-    // and after the thread's end. existing() makes none.
+    // The calling thread's. get() makes it on first use; it returns null on failure, while it is being
+    // released, and after the thread's end. existing() makes none.
     static ThreadEvents *get() noexcept;
     static ThreadEvents *existing() noexcept;
     static bool attach(uv_loop_t *foreign) noexcept;

@@ -1,7 +1,7 @@
 // The timers of one loop: a binary heap ordered by due time, then by order of start.
 //
-// The heap holds small entries. The callback and the entry's place are in a slot table, so a timer is found by its
-// id and can be taken out of the middle. Time is passed in; nothing here waits or calls back.
+// The heap holds small entries. The callback and the entry's place are in a slot table, so a timer is found
+// by its id and can be taken out of the middle. Time is passed in; nothing here waits or calls back.
 #pragma once
 
 #include <cstdint>
@@ -36,8 +36,8 @@ class TimerHeap {
     uint64_t next_due_ms() const noexcept { return heap_.empty() ? kNever : heap_.front().due_ms; }
     // Timers that are started from now on have a higher order of start than this.
     uint64_t last_started() const noexcept { return last_started_; }
-    // Takes out the first timer, if it is due and its order of start is at most started_until. A timer that is
-    // started meanwhile cannot hide an older one, because it is due no earlier than now_ms.
+    // Takes out the first timer, if it is due and its order of start is at most started_until. A timer that
+    // is started meanwhile cannot hide an older one, because it is due no earlier than now_ms.
     bool take_due(uint64_t now_ms, uint64_t started_until, Timer *due) noexcept;
 
   private:

@@ -33,8 +33,8 @@ void UvLoop::disown() noexcept {
     --handles_;
 }
 
-// uv_loop_fork closes the child's copy of the epoll set without a change to the set, and makes another. When it
-// fails the loop has none, and must not run again.
+// uv_loop_fork closes the child's copy of the epoll set without a change to the set, and makes another. When
+// it fails the loop has none, and must not run again.
 void UvLoop::enter_child() noexcept { forgotten_ = foreign() || uv_loop_fork(&own_) != 0; }
 
 } // namespace tavcl_ev

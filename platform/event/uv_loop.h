@@ -1,9 +1,9 @@
-// The libuv loop under a Loop: one of our own, or the caller's. It counts our libuv handles, so that closing can
-// wait for libuv to let go of each.
+// The libuv loop under a Loop: one of our own, or the caller's. It counts our libuv handles, so that closing
+// can wait for libuv to let go of each.
 //
 // States: live; then, in a forked child only, either private (our own loop, which has an epoll set of the
-// child's by then and is closed as usual) or forgotten (the caller's loop, whose epoll set is still the parent's:
-// no libuv call that could reach that set is made any more).
+// child's by then and is closed as usual) or forgotten (the caller's loop, whose epoll set is still the
+// parent's: no libuv call that could reach that set is made any more).
 #pragma once
 
 #include <uv.h>
