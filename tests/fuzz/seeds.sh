@@ -24,15 +24,17 @@ repeat() {
 be32() { printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($1 >> 24)) $(($1 >> 16 & 255)) $(($1 >> 8 & 255)) $(($1 & 255)); }
 
 # --- datagrams: the number of a step, then what the step reads (datagrams.cpp)
-message() { printf %s "\\x00\\x0$1\\x02\\x$2\\x00\\x$3\\x$4\\x07\\x05"; } # endpoint, flags, shape, id
-fragment() { printf %s "\\x01\\x00\\x$1\\x02\\x00\\x0$2"; }               # shape, number
-seed datagrams '\x01' "$(message 0 00 00 01)" "$(message 1 00 01 01)" "$(message 0 00 03 01)" "$(message 0 02 03 81)" '\x05\x00\x00'
-seed datagrams '\x01' "$(fragment 43 0)" "$(fragment 43 2)" "$(fragment 43 1)"
-seed datagrams '\x01' "$(fragment 57 0)" '\x04\x03' "$(fragment 44 0)" "$(fragment 46 0)" '\x04\x04\x04\x05'
-for shape in 40 41 42 45 46; do seed datagrams '\x00' "$(fragment $shape 0)" "$(fragment $shape 1)"; done
-for kind in 0 1 2 3; do seed datagrams '\x01' "\\x06\\x00\\x0$kind\\x01\\x05\\x05" '\x03\x00\x03\x00\x05\x00\x00\x03\x00\x03\x00' '\x04\x05'; done
-for id in 0 1 2 3; do seed datagrams '\x01' "$(message 1 02 00 8$id)" "$(message 1 06 00 8$id)" '\x08\x01' "$(message 0 06 00 8$id)"; done
-seed datagrams '\x01' '\x07\x00\x01\x04\x00\x00\x03\x00\x00\x00\x00' '\x05\xff\x04' '\x04\x03' '\x05\xff\x00' '\x09\x03'
+message() { printf %s "\\x00\\x0$1\\x02\\x$2\\x$3\\x00\\x00\\x$4\\x07\\x05"; } # endpoint, message id, flags, size, priority
+fragment() { printf %s "\\x01\\x00\\x$1\\x00\\x02\\x0$2"; }                       # shape, number
+exchange() { printf %s "\\x06\\x00\\x0$1\\x01\\x05\\x00\\x08\\x05"; }             # kind
+seed datagrams '\x01' "$(message 0 01 00 08)" "$(message 1 02 00 09)" "$(message 0 03 02 08)" '\x05\x00\x00'
+seed datagrams '\x01' "$(fragment 3 0)" "$(fragment 3 2)" "$(fragment 3 1)" "$(fragment 17 0)" '\x04\x03'
+for shape in 0 1 2 4 5 6; do seed datagrams '\x00' "$(fragment $shape 0)" "$(fragment $shape 1)" '\x04\x04\x04\x05'; done
+for kind in 0 1 2 3; do
+    seed datagrams '\x01' "$(exchange $kind)" '\x03\x00\x03\x00\x05\x00\x00\x03\x00\x03\x00' "$(message 0 81 06 00)" '\x00\x01' '\x04\x05'
+    seed datagrams '\x01' "$(message 1 1$kind 06 08)" "$(message 1 1$kind 06 08)" '\x08\x01' "$(message 0 1$kind 06 08)"
+done
+seed datagrams '\x01' '\x07\x00\x09\x01\x00\x80\x05\x00\x00\x00' '\x03\x00\x03\x01\x03\x02\x05\xff\x04' '\x04\x03' '\x05\xff\x00' '\x09\x03'
 header=$(repeat 4 '\x67')"e0$(repeat 10 '\x00')$(repeat 4 '\x37')p0$(repeat 10 '\x00')$(repeat 28 '\x00')"
 seed datagrams '\x01\x02\x00\x05' "$header" hello
 dictionary datagrams '3200' '\x01\x00' '\x00\xFA\x00\x00' '\xFF\xFF\xFF\xFF' '\x10\x00\x00\x00' '\x03\x00' '\x04\x05'
