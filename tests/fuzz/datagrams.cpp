@@ -71,7 +71,7 @@ class Life {
         current = this;
         w_ = fake::World{};
         latest_ = w_.clock.wall_s;
-        tavipc::process_state() = {};
+        tavipc::reset_process_state();
         static uint64_t days = 0; // rate limits outlive an input
         w_.clock.ticks_ms += ++days * 86'400'000;
         const uint8_t mode = in_.u8();
@@ -179,7 +179,7 @@ class Life {
         tav_ipc_st *&to = slots_[in_.u8() % kSlots]; // callbacks may replace it
         Datagram d{"", {address("e0"), any_address(), 0, in_.u16(), 0, 0, 0, 0, {}, 0, 0}, ""};
         const uint8_t id = in_.u8();
-        d.header.reqid = id < 128 ? tavipc::process_state().last_reqid - id : id;
+        d.header.reqid = id < 128 ? tavipc::last_reqid() - id : id;
         d.header.cmd = in_.u8() & 7;
         std::string plain;
         const uint8_t shape = in_.u8(), flaw = in_.u8();

@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz::Input in(data, size);
     fake::World &w = fake::world();
     w = fake::World{};
-    tavipc::process_state() = {};
+    tavipc::reset_process_state();
     static uint64_t days = 0; // rate limits outlive an input
     w.clock.ticks_ms += ++days * 86'400'000;
     const uint8_t mode = in.u8(), statuses = in.u8();

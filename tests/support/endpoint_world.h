@@ -7,6 +7,7 @@
 #include "fakes.h"
 #include "ipc/endpoint.h"
 #include "ipc/ipc_process.h"
+#include "ipc/send.h"
 #include "ipc/wire.h"
 
 template <typename T> std::string bytes_of(const T &value) {
@@ -57,7 +58,7 @@ class EndpointWorld : public FakeWorld {
     };
 
     EndpointWorld() {
-        tavipc::process_state() = {};
+        tavipc::reset_process_state();
         unsetenv("IPC_TEST");
         static uint64_t days = 0; // rate limits outlive a test: each begins long after the one before
         w.clock.ticks_ms += ++days * 86'400'000;

@@ -52,7 +52,7 @@ TEST_F(EndpointTest, FailedCreationReleasesEverythingAndSaysWhy) {
     for (const auto &[prepare, name, expected] : cases) {
         w.log.lines.clear();
         w.identity = {};
-        tavipc::process_state() = {};
+        tavipc::reset_process_state();
         prepare();
         EXPECT_FALSE(adopt(tav_ipc_create(name)));
         std::string lines;
@@ -100,7 +100,7 @@ TEST_F(EndpointTest, LocalityAndHostIds) {
                                                                   {true, 8, 5, 8},
                                                                   {true, 0, 12, 12},
                                                                   {true, 9, 12, 9}};
-    tavipc::process_state().hostid = 0;
+    tavipc::reset_host_id();
     for (const auto &[cnapp, platform, agent, expected] : ids) {
         std::tie(w.deployment.cnapp, w.deployment.hostid, w.identity.agent_id) =
             std::tuple(cnapp, platform, agent);

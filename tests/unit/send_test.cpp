@@ -49,7 +49,7 @@ TEST_F(SendTest, MessageIsBuiltFieldByField) {
     ASSERT_EQ(send(ipc_, "", beta_, 0, &reqid), 0);
     EXPECT_TRUE(reqid == 77 && sent(1).header.reqid == 77);
     EXPECT_EQ(sent(1).path, "/var/tmp/x/zon_ipc2/beta");
-    tavipc::process_state().last_reqid = UINT32_MAX;
+    tavipc::reset_sending(UINT32_MAX);
     ASSERT_EQ(tav_ipc_send(ipc_, &beta_, 0, nullptr, 3), 0);
     EXPECT_EQ(sent(2).header.reqid, 1u); // never 0
     EXPECT_EQ(sent(2).payload, std::string(3, '\0'));
@@ -67,7 +67,7 @@ TEST_F(SendTest, SizesDecideAboutFragments) {
         {65'472'000, IPC_FLAG_REQUEST, 0},
         {UINT32_MAX, IPC_FLAG_REQUEST, 0}};
     const std::string data = pattern(65'472'000);
-    tavipc::process_state().trace_flag = IPC_FLAG_TRACE;
+    tavipc::trace_sent_messages();
     for (const auto &[size, flags, datagrams] : cases) {
         SCOPED_TRACE(size);
         const int result = tav_ipc_send_with_flags(ipc_, &beta_, 7, data.data(), size, flags, nullptr);
@@ -102,7 +102,7 @@ TEST_F(SendTest, LocationDecidesAboutThePipe) {
     for (const auto &[here, there, expected] : cases) {
         reopen(here);
         forget();
-        tavipc::process_state().last_reqid = 0;
+        tavipc::reset_sending();
         EXPECT_EQ(send(ipc_, "x", address("beta", there)), 0);
         EXPECT_EQ(sends(), expected) << here << " to " << int{there};
         EXPECT_EQ(sent(0).path.find("/var/zon_ipc" + std::to_string(here) + "/"), 0u);

@@ -18,7 +18,7 @@ class TransmitterTest : public EndpointWorld {
     }
     void send_hello(int refused_with = 0) {
         forget();
-        tavipc::process_state().last_reqid = 0;
+        tavipc::reset_sending();
         ASSERT_EQ(send(ipc_, "hello"), 0);
         if (refused_with) w.event.complete_all(refused_with);
     }
