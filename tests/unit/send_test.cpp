@@ -1,4 +1,7 @@
 // The send path: where a message goes, how it is built, marked, compressed and cut, and what is refused.
+#include <fstream>
+#include <sys/resource.h>
+
 #include "endpoint_world.h"
 #include "ipc/transmitter.h"
 #include "tavipc/tav_compress.h"
@@ -47,7 +50,8 @@ TEST_F(SendTest, MessageIsBuiltFieldByField) {
     reqid = 77;
     w.deployment.deploy_type = "tmp/x";
     ASSERT_EQ(send(ipc_, "", beta_, 0, &reqid), 0);
-    EXPECT_TRUE(reqid == 77 && sent(1).header.reqid == 77);
+    EXPECT_EQ(reqid, 77u);
+    EXPECT_EQ(sent(1).header.reqid, 77u);
     EXPECT_EQ(sent(1).path, "/var/tmp/x/zon_ipc2/beta");
     tavipc::reset_sending(UINT32_MAX);
     ASSERT_EQ(tav_ipc_send(ipc_, &beta_, 0, nullptr, 3), 0);
@@ -91,6 +95,8 @@ TEST_F(SendTest, SizesDecideAboutFragments) {
     }
     for (const char *size : {"65472000", "4294967295"})
         EXPECT_EQ(w.log.count(std::string("(0), too huge, dropped: ") + size, 4), 1);
+    tav_ipc_response(ipc_, &beta_, 9, 7, data.data(), 65'472'000); // nobody sees its result
+    EXPECT_EQ(w.log.count("response is too large, drop it|reqid=9|dest=[4711:beta:2]|size=65472000", 2), 1);
 }
 
 TEST_F(SendTest, LocationDecidesAboutThePipe) {
@@ -186,59 +192,84 @@ TEST_F(SendTest, BudgetRefusesBeforeAnythingIsSent) {
     EXPECT_EQ(ipc_->queue->default_mod->sending, 0u);
 }
 
-// The application's sink of log lines, say: at each line in turn, to the same destination and to another.
-TEST_F(SendTest, EachLineOfTheLogMaySendToo) {
-    setenv("IPC_TEST", "1", 1);
+// The sink of log lines may be a module's: it sends, too, and completes finished sends by that.
+TEST_F(SendTest, EachLineMaySend) {
     w.event.settles = true;
-    size_t lines = 0;
-    const auto send_at_line = [&](size_t at, const std::string &to, int refused) {
-        close(ipc_);
-        ipc_ = open();
-        forget();
-        size_t line = 0;
-        w.log.on_line = [&] {
-            if (++line == at) {
-                EXPECT_EQ(send(ipc_, "x", address(to)), 0);
+    tavipc::trace_sent_messages();
+    const std::tuple<tav_addr_st, const char *, int> cases[] = {// nested to, arrives at, hand-overs refused
+                                                                {beta_, "beta beta", 0},
+                                                                {beta_, "beta beta", 1},
+                                                                {address("beta", 9), "_proxy_ beta", 0},
+                                                                {address("other"), "other other", 1}};
+    for (const auto &[to, arrives, refused] : cases) {
+        const auto scenario = [&] {
+            w.event.fail_send = refused;
+            EXPECT_EQ(send(ipc_, pattern(200'000)), 0);
+            w.event.fail_send = 0;
+            w.event.advance(50);
+            w.event.complete_all();
+            std::map<std::string, int> arrived;
+            const bool at_a_line = w.event.sends.size() > 4;
+            for (size_t i = 0; i < w.event.sends.size(); ++i) {
+                const Datagram each = sent(i);
+                ++arrived[each.path.substr(each.path.rfind('/') + 1) + " " +
+                          tavipc::name_text(each.header.dest).text + (each.header.frag_orig ? " piece" : "")];
             }
+            EXPECT_EQ(arrived["beta beta piece"], 4);
+            EXPECT_EQ(arrived[arrives], at_a_line);
+            EXPECT_EQ(module(ipc_)->sending, 0u);
         };
-        w.event.fail_send = refused;
-        EXPECT_EQ(send(ipc_, pattern(200'000)), 0);
-        w.log.on_line = nullptr;
-        w.event.fail_send = 0;
-        w.event.advance(50);
-        w.event.complete_all();
-        std::map<std::string, int> arrived;
-        for (size_t i = 0; i < w.event.sends.size(); ++i) {
-            const Datagram each = sent(i);
-            ++arrived[each.path.substr(each.path.rfind('/') + 1) + " " +
-                      tavipc::name_text(each.header.dest).text + (each.header.frag_orig ? " piece" : "")];
-        }
-        std::map<std::string, int> expected{{"beta beta piece", 4}};
-        if (line >= at) expected[to + " " + to] = 1;
-        EXPECT_EQ(arrived, expected) << "line " << at << ", refused: " << refused;
-        EXPECT_EQ(xhash_count(ipc_->queue->mods), line >= at && to == "other" ? 2u : 1u);
-        EXPECT_EQ(module(ipc_)->sending, 0u);
-        lines += line;
-        return line >= at;
-    };
-    for (const int refused : {0, 1})
-        for (const std::string to : {"beta", "other"})
-            for (size_t at = 1; send_at_line(at, to, refused);) ++at;
-    EXPECT_GT(lines, 40u);
+        EXPECT_GE(at_each_line(ipc_, scenario, [&, &dest = to] { EXPECT_EQ(send(ipc_, "x", dest), 0); }), 3u);
+    }
 }
+
+TEST_F(SendTest, EachLineMayDestroyTheEndpoint) {
+    w.event.settles = true;
+    tavipc::trace_sent_messages();
+    const std::string message = app_message(200'000);
+    const auto scenario = [&] {
+        w.event.fail_create = 1;
+        w.event.fail_send = 2;
+        for (const char *name : {"beta", "gamma"}) {
+            (void)send(ipc_, message, address(name, 2, ADDR_FLAG_COMPRESS_OK));
+            (void)send(ipc_, pattern(130'000), address(name));
+            w.event.complete_all(CL_EV_IO);
+        }
+        w.event.fail_create = w.event.fail_send = 0;
+    };
+    EXPECT_GE(at_each_line(ipc_, scenario, [&] { close(std::exchange(ipc_, nullptr)); }), 15u);
+}
+
+#ifndef __SANITIZE_ADDRESS__ // its allocator ends the process instead
+TEST_F(SendTest, ShortMemoryRefusesALargeMessageWhole) {
+    const std::string message = pattern(60'000'000);
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
+    long pages = 0;
+    ASSERT_TRUE(std::ifstream("/proc/self/statm") >> pages);
+    const rlimit tight{static_cast<rlim_t>(pages) * 4096 + 40'000'000, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
+    const int result = send(ipc_, message, beta_, IPC_FLAG_REQUEST);
+    setrlimit(RLIMIT_AS, &before);
+    EXPECT_EQ(result, IPC_ERR_SENDTO);
+    EXPECT_EQ(w.event.sends.size(), 0u);
+    EXPECT_EQ(w.log.count("", 2) + w.log.count("", 0), 0);
+}
+#endif
 
 TEST_F(SendTest, NamesAndArgumentsFromAnywhere) {
     EXPECT_EQ(send(ipc_, "x", address("ten_chars_")), 0);
     EXPECT_EQ(sends(), "ten_chars_:1 ");
     const std::string raw = sent(0).bytes();
-    for (const char *name : {"../../x", "/", "a/b"})
+    for (const char *name : {"../../x", "/", "a/b", ".", "..", ""})
         EXPECT_EQ(send(ipc_, "x", address(name)), IPC_ERR_SENDTO);
     EXPECT_EQ(send(nullptr, "x"), IPC_ERR_SENDTO);
     EXPECT_EQ(tav_ipc_send(ipc_, nullptr, 0, "x", 1), IPC_ERR_SENDTO);
     EXPECT_EQ(tav_ipc_send_raw(nullptr, "x", raw.data()), IPC_ERR_SENDTO);
     EXPECT_EQ(tav_ipc_send_raw(ipc_, "x", nullptr), IPC_ERR_SENDTO);
     const std::string longer(94, 'p'), longest(5000, 'p'); // than an address and than a path can be
-    for (const char *name : {"", "a/b", longer.c_str(), longest.c_str(), static_cast<const char *>(nullptr)})
+    for (const char *name :
+         {"", "a/b", "..", longer.c_str(), longest.c_str(), static_cast<const char *>(nullptr)})
         EXPECT_EQ(tav_ipc_send_raw(ipc_, name, raw.data()), IPC_ERR_SENDTO);
     EXPECT_EQ(w.event.sends.size(), 1u);
 }
@@ -258,10 +289,11 @@ TEST_F(SendTest, RawDatagramsOfAnyAlignmentStayTheCallers) {
         EXPECT_EQ(first.path, "/var/zon_ipc2/gamma");
         EXPECT_EQ(first.payload + (size > 64'000 ? last.payload : ""), raw.payload);
         EXPECT_EQ(bytes_of(first.header.src), bytes_of(raw.header.src));
-        EXPECT_TRUE(first.header.rflags == 0x1234 && first.header.magic == tav_ipc_hdr_magic(&first.header));
+        EXPECT_EQ(first.header.rflags, 0x1234);
+        EXPECT_EQ(first.header.magic, tav_ipc_hdr_magic(&first.header));
         EXPECT_EQ(last.header.frag_word[1] & 0xF8, 0xF8);
     }
-    EXPECT_TRUE(module(ipc_, "final") && xhash_count(ipc_->queue->mods) == 1);
+    EXPECT_EQ(xhash_count(ipc_->queue->mods), 1u) << "the final destination";
 }
 
 TEST_F(SendTest, RandomNumberIsSeededWithMonotonicMilliseconds) {
