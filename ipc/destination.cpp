@@ -1,7 +1,7 @@
 // Destinations and the socket pool.
 //
-// The pool is a fixed array of slots that new destinations take in turn. A slot's socket is made when the slot
-// is first taken, stays until the queue is destroyed and serves all destinations that took the slot.
+// The pool is a fixed array of slots that new destinations take in turn. A slot's socket is made when the
+// slot is first taken, stays until the queue is destroyed and serves all destinations that took the slot.
 #include "ipc/destination.h"
 
 #include <cstdlib>
@@ -16,12 +16,12 @@
 namespace tavipc {
 namespace {
 
-constexpr int kSocketAttempts = 3;           // each with another number in the socket's name
-constexpr int kSocketNumbers = 10'000;       // the numbers are drawn below this
+constexpr int kSocketAttempts = 3;            // each with another number in the socket's name
+constexpr int kSocketNumbers = 10'000;        // the numbers are drawn below this
 constexpr uint64_t kIdleLimit_ms = 3'600'000; // an hour without a look-up
 
-// The socket of the next slot, and on to the slot after it. 0 when none can be made, or when the sink of a log
-// line destroyed the queue.
+// The socket of the next slot, and on to the slot after it. 0 when none can be made, or when the sink of a
+// log line destroyed the queue.
 cl_dunix_t take_pool_socket(ipc_queue_st &queue, const TeardownWatch &watch) {
     if (!queue.fd_pool || queue.fd_pool_count == 0) return 0;
     const uint32_t index = queue.fd_pool_next;

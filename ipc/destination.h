@@ -42,7 +42,8 @@ class DestinationPin {
     explicit DestinationPin(Destination *destination = nullptr) : destination_(destination) {
         if (destination_) ++destination_->pins;
     }
-    DestinationPin(DestinationPin &&other) noexcept : destination_(std::exchange(other.destination_, nullptr)) {}
+    DestinationPin(DestinationPin &&other) noexcept
+        : destination_(std::exchange(other.destination_, nullptr)) {}
     DestinationPin &operator=(DestinationPin &&other) noexcept {
         std::swap(destination_, other.destination_);
         return *this;

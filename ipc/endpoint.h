@@ -3,8 +3,8 @@
 // States: open -> closed (tav_ipc_destroy has begun; `queue` is null from the moment the queue is being
 // destroyed) -> released. A callback may destroy the endpoint that calls it, and so may the sink of a log
 // line. Every frame that touches the handle after a call that can reach user code holds a pin. The record is
-// released when it is closed and its last pin goes. After such a call a frame looks at `queue` before it sends,
-// and at `closed` before it uses anything else of the record but the address.
+// released when it is closed and its last pin goes. After such a call a frame looks at `queue` before it
+// sends, and at `closed` before it uses anything else of the record but the address.
 #pragma once
 
 #include <pthread.h>
@@ -46,8 +46,8 @@ struct tav_ipc_st {
     pthread_t owner_thread; // who entered the guard first; 0 when idle
     // Not part of the record's documented layout:
     bool closed;
-    uint32_t pins;                  // decides alone when a closed record is released
-    tavipc::SendContext *in_flight; // sends whose completion has not come, newest first
+    uint32_t pins;                       // decides alone when a closed record is released
+    tavipc::SendContext *in_flight;      // sends whose completion has not come, newest first
     tavipc::SendContext *spare_contexts; // of completed sends, for the next ones
     uint32_t spare_context_count;
     struct {

@@ -66,9 +66,9 @@ int load_ipc_proxy_conf(const char *path) noexcept {
     if (read_number(file.get(), "ipc_proxy", "disable_offline_cache").value_or(0) & 1)
         record.options |= kDisableOfflineCache;
     record.eagain_retry_interval_ms = read_number(file.get(), "transfer", "eagain_retry_interval_ms")
-                                        .value_or(kDefaults.eagain_retry_interval_ms);
+                                          .value_or(kDefaults.eagain_retry_interval_ms);
     record.eagain_max_retry_times = read_number(file.get(), "transfer", "eagain_max_retry_times")
-                                      .value_or(kDefaults.eagain_max_retry_times);
+                                        .value_or(kDefaults.eagain_max_retry_times);
     return 0;
 }
 

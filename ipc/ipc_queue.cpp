@@ -99,7 +99,9 @@ void free_ipc_queue_msg(ipc_queue_msg_st *msg) noexcept {
     std::free(msg);
 }
 
-int32_t get_real_priority(int32_t priority) noexcept { return priority != 0 ? priority : tavipc::kDefaultPriority; }
+int32_t get_real_priority(int32_t priority) noexcept {
+    return priority != 0 ? priority : tavipc::kDefaultPriority;
+}
 
 int32_t compare_ipc_queue_msg_priority(const ipc_queue_msg_st *a, const ipc_queue_msg_st *b) noexcept {
     const uint64_t a_second = a->retry_later / 1000;

@@ -78,7 +78,8 @@ int open_endpoint(tav_ipc_st *ipc, const Options &options) {
 
 void log_failure(const char *name, int error) {
     char text[128];
-    TAV_LOG(2, "tav_ipc", "ipc create failed, name: %s, reason: %s", name, strerror_r(error, text, sizeof text));
+    TAV_LOG(2, "tav_ipc", "ipc create failed, name: %s, reason: %s", name,
+            strerror_r(error, text, sizeof text));
 }
 
 tav_ipc_st *create_endpoint(const char *name, const Options &options) {

@@ -18,8 +18,8 @@ constexpr char kSwitchFile[] = "/tmp/ipc_debug";
 constexpr uint64_t kLookInterval_ms = 10'000;
 
 // Written by every thread that traces. Another thread's clock may be ahead of this one's.
-constinit Relaxed<bool> trace_all = false;      // mirrors whether the switch file exists
-constinit Relaxed<uint64_t> last_look_ms = 0;   // loop clock
+constinit Relaxed<bool> trace_all = false;    // mirrors whether the switch file exists
+constinit Relaxed<uint64_t> last_look_ms = 0; // loop clock
 
 // Anyone may put anything at that path: opening a FIFO must not block, and a terminal must not become the
 // controlling one.

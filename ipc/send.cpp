@@ -1,5 +1,5 @@
-// The payload is copied exactly once: from the caller's buffer into the record or fragment slot that the event
-// library sends from.
+// The payload is copied exactly once: from the caller's buffer into the record or fragment slot that the
+// event library sends from.
 //
 // Every log line can reach user code, and so can settle_sent. The frames here hold an EndpointPin and a
 // DestinationPin, and look at ipc->queue after such a call: null means that the endpoint was destroyed.
@@ -48,8 +48,8 @@ struct Target {
     const char *deploy_type;
 };
 
-// Finds the address of the pipe: the destination's own when that is the one, else composed. Returns false when
-// there is no such pipe. Reaches no user code.
+// Finds the address of the pipe: the destination's own when that is the one, else composed. Returns false
+// when there is no such pipe. Reaches no user code.
 bool find_target(tav_ipc_st *ipc, const char *pipe, const char *name, Target &target) {
     target.to = DestinationPin(find_destination(*ipc->queue, name));
     if (target.to && target.to->leads_to(pipe)) {

@@ -3,8 +3,8 @@
 // A killed process leaves its socket files behind. The next endpoint of the same name replaces an endpoint's
 // file. The names of sending sockets hold the process id, so nobody would ever replace theirs. Such a stale
 // file is removed by binding a new socket at its path and closing it: the event library replaces only a file
-// whose owner is gone, under the directory's lock, so a live socket is never removed, whatever happens between
-// the look and the removal.
+// whose owner is gone, under the directory's lock, so a live socket is never removed, whatever happens
+// between the look and the removal.
 #include "ipc/socket_directory.h"
 
 #include <algorithm>
@@ -27,7 +27,7 @@
 namespace tavipc {
 namespace {
 
-constexpr size_t kPathSize = 4096;      // bytes of a path in a log line; an address holds 107 of them
+constexpr size_t kPathSize = 4096;       // bytes of a path in a log line; an address holds 107 of them
 constexpr uint64_t kLongestSweep_ms = 5; // of a start-up that removes stale files
 
 constinit Relaxed<bool> stale_files_removed = false;

@@ -241,15 +241,16 @@ int submit(const Route &route, const tav_ipc_hdr_st &plain, const void *payload)
     return IPC_OK;
 }
 
-// A record that cannot be sent now has waited already, so it is dropped. Other code may have queued it, without
-// an endpoint even.
+// A record that cannot be sent now has waited already, so it is dropped. Other code may have queued it,
+// without an endpoint even.
 int consume_queued(uint64_t, ipc_queue_msg_st *msg) {
     const Attempt result = msg->ipc && msg->ipc->queue ? attempt(*msg) : Attempt::kRefused;
     if (result == Attempt::kTaken) return IPC_OK;
     if (result == Attempt::kNoCapacity) {
         const tav_ipc_hdr_st header = header_of(*msg);
         if (header.flags & IPC_FLAG_RESPONSE) // the requester waits for it
-            TAV_LOG_LIMITED(2, "tav_ipc", "too much is in flight, drop response|try_times=%u|" DATAGRAM_FORMAT,
+            TAV_LOG_LIMITED(2, "tav_ipc",
+                            "too much is in flight, drop response|try_times=%u|" DATAGRAM_FORMAT,
                             msg->try_times, DATAGRAM_ARGUMENTS(header));
     }
     free_ipc_queue_msg(msg);

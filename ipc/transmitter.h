@@ -45,11 +45,11 @@ struct Route {
 // The queue's consume callback: sends a record that is due.
 int consume_queued(uint64_t now_ms, ipc_queue_msg_st *msg);
 
-// Settles this thread's finished sends when they hold more than 256 KiB, so a sender that does not let the loop
-// run fills memory that is still in the cache. Settling writes log lines, and the sink of a log line may send,
-// settle other sends, and destroy any endpoint. It may also release every destination that is idle. So a frame
-// that holds an endpoint or a destination across this call, or across any log line, pins it (EndpointPin,
-// DestinationPin), and looks at the endpoint's queue before it goes on.
+// Settles this thread's finished sends when they hold more than 256 KiB, so a sender that does not let the
+// loop run fills memory that is still in the cache. Settling writes log lines, and the sink of a log line may
+// send, settle other sends, and destroy any endpoint. It may also release every destination that is idle. So
+// a frame that holds an endpoint or a destination across this call, or across any log line, pins it
+// (EndpointPin, DestinationPin), and looks at the endpoint's queue before it goes on.
 void settle_sent();
 
 // Ends all attempts of the endpoint, whose completions then only release their records.

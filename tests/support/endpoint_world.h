@@ -82,8 +82,8 @@ class EndpointWorld : public FakeWorld {
         std::erase(open_, ipc);
         tav_ipc_destroy(ipc);
     }
-    // Runs scenario on a fresh endpoint with action at its first line of the log, again with action at its second
-    // line, and so on. Returns the number of lines. action may leave ipc null.
+    // Runs scenario on a fresh endpoint with action at its first line of the log, again with action at its
+    // second line, and so on. Returns the number of lines. action may leave ipc null.
     size_t at_each_line(tav_ipc_st *&ipc, const std::function<void()> &scenario,
                         const std::function<void()> &action) {
         for (size_t at = 1;; ++at) {
