@@ -1,16 +1,11 @@
-// Every process-wide variable of the IPC core, in one place. Threads that each drive endpoints of their own
-// share the relaxed ones; the configuration is there before they start, and what is about received files
-// belongs to the one thread that receives them. (The log's rate limits stand at their call sites, the agent
-// id in agentid/.)
+// Process-wide variables of the IPC core. Threads that each drive endpoints of their own share the relaxed
+// ones; the configuration is loaded before they start. (Variables about files are in ipc_file_*.cpp, the
+// log's rate limits at their call sites, the agent id in agentid/.)
 #pragma once
 
 #include <cstdint>
 
-#include <pthread.h>
-
 #include "common/relaxed.h"
-#include "tavbase.h"
-#include "tavcl_ev.h"
 #include "tavipc/tav_ipc.h"
 
 namespace tavipc {
@@ -23,12 +18,6 @@ struct ProcessState {
     ipc_proxy_conf_st conf{};           // its record
     Relaxed<bool> trace_all = false;    // mirrors whether /tmp/ipc_debug exists
     Relaxed<uint64_t> trace_looked = 0; // loop clock, ms, of the last look for it
-    Relaxed<bool> file_ids_seeded = false;
-    xhash_t *received_files = nullptr; // file id -> received file; lives as long as the process
-    uint32_t files_open = 0;           // of received_files
-    cl_timer_t file_sweep_timer = 0;
-    uint64_t file_sweep_due = 0; // on the loop's clock
-    pthread_t file_sweep_thread{};
     Relaxed<bool> pool_files_swept = false;
 };
 

@@ -7,6 +7,7 @@
 #include "common/out_of_memory.h"
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
+#include "ipc/ipc_file.h"
 #include "ipc/ipc_process.h"
 #include "ipc/pool_files.h"
 #include "ipc/reassembly.h"
@@ -71,7 +72,10 @@ bool open_endpoint(tav_ipc_st *ipc, const Options &options) {
     ipc->accept_files = options.accept_files;
     if (!open_queue(ipc)) return false;
     ipc->mod_sweep_timer = cl_timer_start(kModuleSweepMs, mod_sweep_tick, ipc);
-    if (open_requests(ipc)) return true;
+    if (open_requests(ipc)) {
+        if (options.accept_files) resume_file_sweep();
+        return true;
+    }
     stop_timer(ipc->mod_sweep_timer);
     close_queue(ipc);
     return false;

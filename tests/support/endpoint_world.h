@@ -6,6 +6,7 @@
 
 #include "fakes.h"
 #include "ipc/endpoint.h"
+#include "ipc/ipc_file.h"
 #include "ipc/ipc_process.h"
 #include "ipc/wire.h"
 
@@ -58,6 +59,8 @@ class EndpointWorld : public FakeWorld {
 
     EndpointWorld() {
         tavipc::process_state() = {};
+        tavipc::reset_received_files();
+        tavipc::reset_file_ids();
         unsetenv("IPC_TEST");
         static uint64_t days = 0; // rate limits outlive a test: each begins long after the one before
         w.clock.ticks_ms += ++days * 86'400'000;
