@@ -38,6 +38,10 @@ TEST_F(SocketFileTest, MissingDirectoriesAreMadeAndTheFileIsRemoved) {
     close(socket);
     EXPECT_FALSE(std::filesystem::exists(path("one/two/s")));
     EXPECT_TRUE(std::filesystem::exists(path("one/two")));
+    cl_sockaddr_t address;
+    cl_sockaddr_un_init(&address, "/sys/no_such_directory/s"); // nobody may make it
+    EXPECT_EQ(cl_dunix_create(&address, nullptr, nullptr), 0u);
+    EXPECT_NE(errno, ENOENT) << "it says why the directory is missing";
 }
 
 TEST_F(SocketFileTest, AStaleFileIsReplaced) {
