@@ -126,7 +126,8 @@ struct UvFunctions {
     }
 
     std::vector<char> memory;
-    int (*const run)(uv_loop_s *, int mode) = find<int(uv_loop_s *, int)>("uv_run"); // 0: to the end, 1: a turn
+    int (*const run)(uv_loop_s *,
+                     int mode) = find<int(uv_loop_s *, int)>("uv_run"); // 0: to the end, 1: a turn
     int (*const fork)(uv_loop_s *) = find<int(uv_loop_s *)>("uv_loop_fork");
     int (*const close)(uv_loop_s *) = find<int(uv_loop_s *)>("uv_loop_close");
 };
