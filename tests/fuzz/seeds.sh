@@ -47,7 +47,7 @@ seed parsers '\x00\x00{"a": [true, -1e9, "\\u00e9\\ud83d\\ude00"], "LINUX": {"b"
 seed parsers '\x00\x00' "$(repeat 1100 '[')"
 seed parsers '\x00\x01\x58\x01' "$(repeat 342 A)" '==' "$list"
 seed parsers '\x00\x02\x40' "$entry" "$list"
-seed parsers '\x00\x04\x05other' "$list"
+seed parsers '\x00\x04' "\\x$(printf %02x ${#list})" "$list" '{"linux": []}' # allowed after the exchange only
 stream='x\x9c\xcbH\xcd\xc9\xc9\x07\x00\x06,\x02\x15' # hello
 for claim in 0 4 5 6 1048576 4294967295; do seed parsers '\x01\x00' "$(be32 "$claim")" "$stream"; done
 seed parsers '\x01\x05\x3c\x00' "$(repeat 200 a)"
