@@ -21,16 +21,11 @@
 using namespace std::string_literals;
 namespace fs = std::filesystem;
 
-struct Interface {
-    std::string name, ip, mac; // no mac: it has none
-    ifaddrs entry{};
-    sockaddr address{};
-};
+// Interfaces by number: the loopback, and three with the MACs AAAAAA, BBBBBB and CCCCCC. Their addresses
+// begin at 10.0.0.7, and 10.0.0.9 leads to the manager.
+static const char *const kNames[] = {"lo", "eth0", "eth1", "exactly-15-long"};
 static struct Stage {
-    std::vector<Interface> interfaces{{"lo", "127.0.0.1", "local."},
-                                      {"eth0", "10.0.0.8", "AAAAAA"},
-                                      {"eth1", "10.0.0.9", "BBBBBB"}, // leads to the manager
-                                      {"exactly-15-long", "10.0.0.10", "CCCCCC"}};
+    int first = 0, last = 3, without_mac = -1, routed = 2; // interfaces
     int connect_error = 0, wait_result = 1, socket = 900, sem_open_error = 0, semaphore = 1;
     std::function<void()> while_listing{}, while_computing{}; // what another thread or process does then
     std::string vmid = "123", events{};
@@ -42,8 +37,8 @@ static int record(const std::string &event) { return stage.events += event + " "
 static void run_once(std::function<void()> &hook) {
     if (hook) std::exchange(hook, nullptr)();
 }
-static int set_address(sockaddr &to, const std::string &ip) {
-    const sockaddr_in address{AF_INET, 0, {inet_addr(ip.c_str())}, {}};
+static int set_address(sockaddr &to, int interface) {
+    const sockaddr_in address{AF_INET, 0, {htonl(0x0A000007u + static_cast<uint32_t>(interface))}, {}};
     return memcpy(&to, &address, sizeof address), 0;
 }
 
@@ -80,17 +75,17 @@ int ioctl(int, unsigned long request, ...) noexcept {
         run_once(stage.while_listing);
         auto *all = reinterpret_cast<ifconf *>(record);
         all->ifc_len =
-            static_cast<int>(stage.interfaces.size() * sizeof(ifreq) + 24); // and a part of one more
-        record = all->ifc_req;
-        for (const Interface &one : stage.interfaces)
-            strncpy((record++)->ifr_name, one.name.c_str(), IFNAMSIZ);
+            (stage.last - stage.first + 1) * static_cast<int>(sizeof(ifreq)) + 24; // and a part of one
+        for (int i = stage.first; i <= stage.last; ++i)
+            strcpy(all->ifc_req[i - stage.first].ifr_name, kNames[i]);
         return 0;
     }
-    for (const Interface &one : stage.interfaces) {
-        if (one.name != record->ifr_name || (request == SIOCGIFHWADDR && one.mac.empty())) continue;
-        set_address(record->ifr_addr, one.ip);
-        if (request == SIOCGIFHWADDR) memcpy(record->ifr_hwaddr.sa_data, one.mac.data(), 6);
-        if (request == SIOCGIFFLAGS) record->ifr_flags = one.name == "lo" ? IFF_LOOPBACK : IFF_UP;
+    for (int i = 0; i < 4; ++i) {
+        if (strcmp(kNames[i], record->ifr_name) != 0 || (request == SIOCGIFHWADDR && i == stage.without_mac))
+            continue;
+        set_address(record->ifr_addr, i);
+        if (request == SIOCGIFHWADDR) memset(record->ifr_hwaddr.sa_data, '@' + i, 6);
+        if (request == SIOCGIFFLAGS) record->ifr_flags = i == 0 ? IFF_LOOPBACK : IFF_UP;
         return 0;
     }
     return fail(ENODEV);
@@ -100,14 +95,15 @@ int connect(int, const sockaddr *to, socklen_t) {
 }
 int select(int, fd_set *, fd_set *, fd_set *, timeval *) { return stage.wait_result; }
 int poll(pollfd *, nfds_t, int) { return stage.socket == 5000 ? 1 : 0; }
-int getsockname(int, sockaddr *address, socklen_t *) noexcept { return set_address(*address, "10.0.0.9"); }
+int getsockname(int, sockaddr *address, socklen_t *) noexcept { return set_address(*address, stage.routed); }
 int getifaddrs(ifaddrs **list) noexcept {
-    for (Interface &one : stage.interfaces) {
-        set_address(one.address, one.ip);
-        one.entry = {*list, one.name.data(), 0, &one.address, nullptr, {}, nullptr};
-        *list = &one.entry;
+    static sockaddr addresses[4];
+    static ifaddrs entries[5]; // the last one has no address
+    for (int i = 0; i < 4; ++i) {
+        set_address(addresses[i], i);
+        entries[i] = {&entries[i + 1], const_cast<char *>(kNames[i]), 0, &addresses[i], nullptr, {}, nullptr};
     }
-    return 0;
+    return *list = entries, 0;
 }
 void freeifaddrs(ifaddrs *) noexcept {}
 
@@ -196,7 +192,6 @@ TEST_F(AgentId, ManagerAddressAndPort) {
     put("server.ini", kRemote);
     put("server_port.ini", "");
     EXPECT_EQ(GetMgrAddr(ip, 5, &port), ENOENT);
-    EXPECT_EQ(port, 7);
     put("server_port.ini", "[other]\n");
     GetMgrAddr(ip, 5, &port); // returns errno, which can be anything
     EXPECT_EQ(port, 8083);
@@ -263,10 +258,10 @@ TEST_F(AgentId, ComesFromTheFirstSourceThatHasOne) {
     expect_id("[config]\n", five, {}, 5, "", "sleep sleep sleep " + kLocked);
     expect_id(kLocal, five, {}, 2286445522, "", "open tool post close unlink ");
     expect_id(kRemote, "", {}, crc("AAAAAA" + kType), kZero + all);
-    expect_id(kRemote, "", {.interfaces = {{"tun0", "49.50.51.52", ""}}}, crc("\0\0001234"s + kType),
-              kZero + "\0\0001234"s);
-    expect_id(kRemote, "", {.interfaces = {{"lo", "10.0.0.8", "local."}}}, 0, "");
-    expect_id(kRemote, five, {.interfaces = {}}, 5, "");
+    const std::string ip = "\0\0\x0A\0\0\x08"s;
+    expect_id(kRemote, "", {.first = 1, .last = 1, .without_mac = 1}, crc(ip + kType), kZero + ip);
+    expect_id(kRemote, "", {.last = 0}, 0, "");
+    expect_id(kRemote, five, {.last = 0}, 5, "");
     expect_id(kRemote, "", {.sem_open_error = EACCES}, 0, "", "");
     w.deployment.agent_type = "";
     expect_id(kRemote, "", {}, crc("30313233-3435-3637-3839-616263646566AAAAAA"), "AAAAAA" + all);
@@ -282,12 +277,9 @@ TEST_F(AgentId, IsMadeFromTheMacOnTheRouteToTheManager) {
     expect_id(kRemote, "", {.connect_error = EALREADY, .wait_result = 0, .socket = 5000}, routed,
               "BBBBBB" + all);
     expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = 0}, other, kZero + all);
-    Stage without_mac, on_loopback;
-    without_mac.interfaces[2].mac = on_loopback.interfaces[2].ip = "";
-    on_loopback.interfaces[0].ip = "10.0.0.9";
-    const std::string tried = "open sleep sleep sleep post close unlink ";
-    expect_id(kRemote, "", without_mac, other, "\0\0\x0A\0\0\x09"s + "AAAAAACCCCCC", tried);
-    expect_id(kRemote, "", on_loopback, other, kZero + all, tried);
+    const std::string tried = "open sleep sleep sleep post close unlink ", ip = "\0\0\x0A\0\0\x09"s;
+    expect_id(kRemote, "", {.without_mac = 2}, other, ip + "AAAAAACCCCCC", tried);
+    expect_id(kRemote, "", {.routed = 0}, other, kZero + all, tried); // the loopback is left out
     unsigned char first[6] = {0x00, 0x05, 0x69}, last[6] = {0x80, 0x00, 0x27}, none[6] = {0x08, 0x00, 0x27};
     EXPECT_EQ(IsExcludeAdapter(first) * 100 + IsExcludeAdapter(last) * 10 + IsExcludeAdapter(none), 110);
 }
