@@ -116,9 +116,16 @@ class Life : public EndpointWorld {
         }
         deliver(to, bytes);
     }
-    void relay() {
+    void relay() { // for some inputs with a changed payload
         const fake::Send *sent = any_sent();
-        const std::string path = sent ? sent->path : "", bytes = sent ? sent->bytes : "";
+        const std::string path = sent ? sent->path : "";
+        std::string bytes = sent ? sent->bytes : "";
+        const uint16_t at = in_.u16();
+        if (const uint8_t flaw = in_.u8(); flaw > 0 && bytes.size() > 60) {
+            tainted_ = true;
+            bytes[60 + at % (bytes.size() - 60)] ^= static_cast<char>(flaw);
+            bytes = Datagram{"", tavipc::read_header(bytes.data()), bytes.substr(60)}.bytes();
+        }
         for (const size_t to : {0, 1})
             if (path.ends_with("/e" + std::to_string(to))) deliver(to, bytes);
     }

@@ -9,14 +9,16 @@
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/poll.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
 #include "agentid/conf_dir.h"
+#include "agentid/id_file.h"
 #include "agentid/identity_lock.h"
+#include "agentid/mac_discovery.h"
 #include "fakes.h"
-#include "tavipc/tav_agentid.h"
 
 using namespace std::string_literals;
 namespace fs = std::filesystem;
@@ -27,11 +29,13 @@ static const char *const kNames[] = {"lo", "eth0", "eth1", "exactly-15-long"};
 static struct Stage {
     int first = 0, last = 3, without_mac = -1, routed = 2; // interfaces
     int connect_error = 0, wait_result = 1, socket = 900, sem_open_error = 0, semaphore = 1;
+    unsigned long failing = 0;                                // a request of ioctl, or one of these calls
     std::function<void()> while_listing{}, while_computing{}; // what another thread or process does then
     std::string vmid = "123", events{};
     timespec deadline{};
 } stage;
 
+enum : unsigned long { kSockname = 1, kIfaddrs };
 static int fail(int error) { return error == 0 ? 0 : (errno = error, -1); }
 static int record(const std::string &event) { return stage.events += event + " ", 0; }
 static void run_once(std::function<void()> &hook) {
@@ -45,6 +49,7 @@ static int set_address(sockaddr &to, int interface) {
 extern "C" {
 
 int shell_execute(const char *, char *out, int size) noexcept {
+    if (stage.vmid.empty()) return -1;
     return record("tool"),
            str_snprintf(out, static_cast<size_t>(size), "{\"vmid\":\"%s\"}", stage.vmid.c_str()), 0;
 }
@@ -64,12 +69,13 @@ int sem_post(sem_t *) noexcept { return ++stage.semaphore, record("post"); }
 int sem_close(sem_t *) noexcept { return record("close"); }
 int sem_unlink(const char *) noexcept { return stage.semaphore = 1, record("unlink"); }
 
-int socket(int, int, int) noexcept { return stage.socket; }
+int socket(int, int, int) noexcept { return stage.socket < 0 ? fail(EMFILE) : stage.socket; }
 int ioctl(int, unsigned long request, ...) noexcept {
     va_list arguments;
     va_start(arguments, request);
     auto *record = va_arg(arguments, ifreq *);
     va_end(arguments);
+    if (request == stage.failing) return fail(EIO);
     if (request == FIONBIO) return 0;
     if (request == SIOCGIFCONF) {
         run_once(stage.while_listing);
@@ -93,12 +99,17 @@ int ioctl(int, unsigned long request, ...) noexcept {
 int connect(int, const sockaddr *to, socklen_t) {
     return fail(memcmp(to->sa_data, "\x1f\xa3\xc0\0\2\7", 6) == 0 ? stage.connect_error : ENOTSUP);
 }
-int select(int, fd_set *, fd_set *, fd_set *, timeval *) { return stage.wait_result; }
+int select(int, fd_set *, fd_set *, fd_set *, timeval *) {
+    return stage.wait_result < 0 ? fail(EINTR) : stage.wait_result;
+}
 int poll(pollfd *, nfds_t, int) { return stage.socket == 5000 ? 1 : 0; }
-int getsockname(int, sockaddr *address, socklen_t *) noexcept { return set_address(*address, stage.routed); }
+int getsockname(int, sockaddr *address, socklen_t *) noexcept {
+    return stage.failing == kSockname ? fail(ENOBUFS) : set_address(*address, stage.routed);
+}
 int getifaddrs(ifaddrs **list) noexcept {
     static sockaddr addresses[4];
     static ifaddrs entries[5]; // the last one has no address
+    if (stage.failing == kIfaddrs) return fail(ENOMEM);
     for (int i = 0; i < 4; ++i) {
         set_address(addresses[i], i);
         entries[i] = {&entries[i + 1], const_cast<char *>(kNames[i]), 0, &addresses[i], nullptr, {}, nullptr};
@@ -145,7 +156,7 @@ class AgentId : public FakeWorld {
         w.deployment.base = dir / base;
         return GetTAVConfPath(out, size), out;
     }
-    static uint64_t reported(const char *vmid) { return stage.vmid = vmid, GetVMID(false); }
+    static uint64_t reported(const char *vmid) { return stage.vmid = vmid, tav_get_vmidid_from_G2HProxy(); }
     void expect_from_vmid(uint64_t vmid, const std::string &stored, uint32_t id,
                           const std::string &then_stored) {
         g_vmid = vmid;
@@ -198,6 +209,36 @@ TEST_F(AgentId, ManagerAddressAndPort) {
     EXPECT_STREQ(ip, "192.");
 }
 
+TEST_F(AgentId, WrongArgumentsAndMissingFilesAreRefused) {
+    char text[16];
+    unsigned char mac[6];
+    unsigned short port;
+    EXPECT_EQ(GetMgrAddr(nullptr, 5, &port), 6);
+    EXPECT_EQ(GetMgrAddr(text, 5, &port), ENOENT);
+    EXPECT_EQ(ReadAgentid(nullptr), 0u);
+    EXPECT_EQ(CreateAgentIdByVMID(nullptr), 0u);
+    EXPECT_EQ(GetAgentIdFromFileWhileClone(), 0u); // no marker
+    EXPECT_EQ(tavipc::GetLocalIpToMgr(nullptr, 1, text, 16), 10);
+    EXPECT_EQ(tavipc::GetMacByIp("10.0.0.8", mac, 0), 10);
+    EXPECT_EQ(tavipc::GetMacByIp("10.0.0.8", mac, 5), -1);
+    stage.socket = -1;
+    EXPECT_EQ(tavipc::GetLocalIpToMgr("192.0.2.7", 8099, text, 16), EMFILE);
+    EXPECT_EQ(tavipc::GetMacByIp("10.0.0.8", mac, 6), EMFILE);
+}
+
+TEST_F(AgentId, FullDiskLeavesAShorterMachineid) {
+    const rlimit all{RLIM_INFINITY, RLIM_INFINITY};
+    std::signal(SIGXFSZ, SIG_IGN);
+    for (const rlim_t size : {2, 16}) {
+        const rlimit limit{size, RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        tavipc::SaveAgentId(path.c_str(), 0x01020304, reinterpret_cast<const unsigned char *>("BBBBBB"), 6,
+                            tavipc::GetLocalMacList().get());
+        setrlimit(RLIMIT_FSIZE, &all);
+        EXPECT_EQ(machineid(), "\4\3\2\1BBBBBBAAAAAA"s.substr(0, size));
+    }
+}
+
 TEST_F(AgentId, LockIsHeldAroundAStoreAndRemoved) {
     w.clock.gettime = [](clockid_t, timespec *now) { return *now = {1000, 7}, 0; };
     EXPECT_EQ(StoreAgentIdByRuvo(7), 7u);
@@ -241,7 +282,7 @@ TEST_F(AgentId, OnlyAUsableSemaphoreFileStays) {
 TEST_F(AgentId, VmIdOfTheGuestToolAndItsAgentId) {
     EXPECT_EQ(reported("9007199254740993"), 9007199254740992u);
     EXPECT_EQ(reported("1e30"), UINT64_MAX);
-    for (const char *bad : {"-5", "nan", "\", \"vmid\": 5, \"x\":\"", "\""})
+    for (const char *bad : {"-5", "nan", "\", \"vmid\": 5, \"x\":\"", "\"", ""})
         EXPECT_EQ(reported(bad), 0u) << bad;
     EXPECT_EQ(reported("123") + g_vmid, 123u);
     stage.events.clear();
@@ -255,6 +296,7 @@ TEST_F(AgentId, VmIdOfTheGuestToolAndItsAgentId) {
 
 TEST_F(AgentId, ComesFromTheFirstSourceThatHasOne) {
     const std::string five = id_bytes(5), all = "AAAAAACCCCCCBBBBBB";
+    expect_id("", five, {}, 5, "");
     expect_id("[config]\n", five, {}, 5, "", "sleep sleep sleep " + kLocked);
     expect_id(kLocal, five, {}, 2286445522, "", "open tool post close unlink ");
     expect_id(kRemote, "", {}, crc("AAAAAA" + kType), kZero + all);
@@ -279,7 +321,15 @@ TEST_F(AgentId, IsMadeFromTheMacOnTheRouteToTheManager) {
     expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = 0}, other, kZero + all);
     const std::string tried = "open sleep sleep sleep post close unlink ", ip = "\0\0\x0A\0\0\x09"s;
     expect_id(kRemote, "", {.without_mac = 2}, other, ip + "AAAAAACCCCCC", tried);
+    expect_id(kRemote, "", {.without_mac = 2, .failing = SIOCGIFADDR}, other, kZero + "AAAAAACCCCCC", tried);
     expect_id(kRemote, "", {.routed = 0}, other, kZero + all, tried); // the loopback is left out
+    expect_id(kRemote, "", {.failing = kIfaddrs}, other, kZero + all, tried);
+    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = -1}, other, kZero + all);
+    for (const unsigned long call : {0ul + kSockname, 0ul + FIONBIO})
+        expect_id(kRemote, "", {.failing = call}, other, kZero + all);
+    for (const unsigned long call : {0ul + SIOCGIFCONF, 0ul + SIOCGIFFLAGS})
+        expect_id(kRemote, "", {.failing = call}, 0, "");
+    expect_id(kRemote, "", {.socket = -1}, 0, "");
     unsigned char first[6] = {0x00, 0x05, 0x69}, last[6] = {0x80, 0x00, 0x27}, none[6] = {0x08, 0x00, 0x27};
     EXPECT_EQ(IsExcludeAdapter(first) * 100 + IsExcludeAdapter(last) * 10 + IsExcludeAdapter(none), 110);
 }
