@@ -52,7 +52,6 @@ seed parsers '\x00\x04' "\\x$(printf %02x ${#list})" "$list" '{"linux": []}' # a
 stream='x\x9c\xcbH\xcd\xc9\xc9\x07\x00\x06,\x02\x15' # hello
 for claim in 0 4 5 6 1048576 4294967295; do seed parsers '\x01\x00' "$(be32 "$claim")" "$stream"; done
 seed parsers '\x01\x05\x3c\x00' "$(repeat 200 a)"
-seed parsers '\x01\x00' 3200 '\x00\x00\x00\x04' "$(repeat 12 '\x00')" "$(be32 5)" "$stream"
 seed parsers '\x02' "$header" '\x01hello'
 seed parsers '\x02' "$(repeat 60 '\xff')" '\x00' "$(repeat 1100 x)"
 for id in 123 18446744073709551615 1e400 -5 nan 0x1p63 ''; do seed parsers '\x03{"vmid":"' $id '"}\n'; done
