@@ -6,7 +6,6 @@
 #include <cstring>
 #include <ifaddrs.h>
 #include <netinet/in.h>
-
 #include <sys/ioctl.h>
 #include <sys/poll.h>
 #include <sys/select.h>
