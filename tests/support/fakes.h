@@ -80,7 +80,8 @@ struct Event {
 
 // --- tables that cannot grow: xhash_create, heap_push
 struct Memory {
-    int fail_table = 0, fail_push = 0; // the call from now that fails, 1 is the next
+    int fail_table = 0, fail_push = 0;  // the call from now that fails, 1 is the next
+    uint32_t largest_heap = UINT32_MAX; // entries; heap_push fails from there on
 };
 
 // --- deployment facts and executable directory (libtavaux, dirutils_path_transform)
