@@ -169,7 +169,7 @@ class Life {
     static std::string compressed(const std::string &plain) {
         void *out = nullptr;
         FUZZ_CHECK(tav_msg_compress(plain.data(), &out, TAV_COMPRESS_FORCE) == TAV_COMPRESS_OK);
-        const std::unique_ptr<void, tavipc::Free> owner(out);
+        const tavipc::MallocPtr<void> owner(out);
         return {static_cast<char *>(out), 20 + tavipc::app_body_length(out)};
     }
 
