@@ -18,6 +18,10 @@ TEST_F(SocketFileTest, DirectoriesAreCreatedAndTheFileIsRemovedUnlessItIsAnother
     EXPECT_EQ(made.st_mode & 07777, 0755u);
     close(socket);
     EXPECT_FALSE(std::filesystem::exists(path("one/two/s")));
+    cl_sockaddr_t address;
+    cl_sockaddr_un_init(&address, "/sys/no_such_directory/s"); // nobody may make it
+    EXPECT_EQ(cl_dunix_create(&address, nullptr, nullptr), 0u);
+    EXPECT_NE(errno, ENOENT) << "it says why the directory is missing";
     const RawPeer other(path("one/two/s"));
     close(socket); // stale
     std::filesystem::rename(path("one/two/s"), path("t"));

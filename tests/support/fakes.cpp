@@ -176,7 +176,8 @@ xhash_t *xhash_create(void (*release)(void *), uint32_t reserved) noexcept {
 }
 int heap_push(heap_t *heap, void *entry) noexcept {
     static const auto real = next(&heap_push, "heap_push");
-    return --world().memory.fail_push == 0 ? -1 : real(heap, entry);
+    const bool full = heap_count(heap) >= world().memory.largest_heap;
+    return --world().memory.fail_push == 0 || full ? -1 : real(heap, entry);
 }
 
 int tav_get_location() noexcept { return world().deployment.location; }
