@@ -34,7 +34,7 @@ run_demos() {
         if ((i == 3)); then
             for ((processor = 0; processor < $(nproc); ++processor)); do
                 timeout 120 bash -c 'while :; do :; done' &
-                background+=($!)
+                background[$!]=1
             done
         fi
         logged "build/demo-$i.log" build/release/bin/tavipc-demo || status=$?

@@ -3,7 +3,7 @@
 
 jobs=$(($(nproc) + 1))
 passed=0 failed=0
-background=() # processes that end with this one
+declare -A background # the process ids of what must end with this script
 
 packages=(cmake ninja-build g++ pkg-config clang-format libuv1-dev zlib1g-dev libssl-dev libcjson-dev
           libjansson-dev uuid-dev libinih-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev mandoc)
@@ -12,7 +12,7 @@ say() { printf '%s\n' "$*"; }
 die() { printf './dev: %s\n' "$*" >&2; exit 1; }
 
 stop_background() {
-    ((${#background[@]} == 0)) || kill "${background[@]}" 2>/dev/null || true
+    ((${#background[@]} == 0)) || kill "${!background[@]}" 2>/dev/null || true
     background=()
 }
 trap stop_background EXIT
@@ -43,10 +43,11 @@ logged() { # log, command
     : >"$log"
     show_progress "$log" &
     progress=$!
-    background+=("$progress")
+    background[$progress]=1
     "$@" >"$log" 2>&1 </dev/null || status=$?
     kill "$progress" 2>/dev/null || true
     wait "$progress" 2>/dev/null || true
+    unset "background[$progress]"
     [[ ! -t 1 ]] || printf '\r\033[K'
     return $status
 }
