@@ -37,7 +37,7 @@ run_demos() {
                 background[$!]=1
             done
         fi
-        logged "build/demo-$i.log" build/release/bin/tavipc-demo || status=$?
+        logged "build/demo-$i.log" timeout 300 build/release/bin/tavipc-demo || status=$?
         ((i != 3)) || stop_background
         count $status "demo, run $i" "build/demo-$i.log" || return 1
     done

@@ -91,14 +91,15 @@ announce_first_build() { # preset, name in build_seconds
 }
 
 configure() { # preset, CMake options
-    quietly "build/$1.log" cmake --preset "$@" || return 1
-    grep -o 'Allow-list key: a DEVELOPMENT.*' "build/$1.log" || true
+    quietly "build/$1.log" cmake --preset "$@"
 }
 
 # Configures and builds a preset.
 build() { # preset, CMake options
     announce_first_build "$1" "$1"
-    configure "$@" && quietly "build/$1.log" cmake --build --preset "$1" -j "$jobs"
+    configure "$@" || return 1
+    grep -o 'Allow-list key: a DEVELOPMENT.*' "build/$1.log" || true
+    quietly "build/$1.log" cmake --build --preset "$1" -j "$jobs"
 }
 
 # Builds a part of the release preset.
