@@ -85,9 +85,9 @@ need_packages() {
 declare -A build_seconds=([demo]=97 [release]=200 [asan]=240 [tsan]=240 [m32]=200 [fuzz]=100 [bench]=60 [package]=90
                           [install]=90 [coverage]=150)
 
-announce_first_build() { # preset, name in build_seconds
-    local minutes=$(((build_seconds[$2] / $(nproc) + 59) / 60))
-    [[ -e build/$1/lib/libtavipc.so ]] || say "The first build takes about $minutes minute$( ((minutes == 1)) || echo s)."
+announce_first_build() { # name in build_seconds, a file that a build leaves
+    local minutes=$(((build_seconds[$1] / $(nproc) + 59) / 60))
+    [[ -e $2 ]] || say "The first build takes about $minutes minute$( ((minutes == 1)) || echo s)."
 }
 
 configure() { # preset, CMake options
@@ -96,10 +96,11 @@ configure() { # preset, CMake options
 
 # Configures and builds a preset.
 build() { # preset, CMake options
-    announce_first_build "$1" "$1"
+    announce_first_build "$1" "build/$1/.built"
     configure "$@" || return 1
     grep -o 'Allow-list key: a DEVELOPMENT.*' "build/$1.log" || true
-    quietly "build/$1.log" cmake --build --preset "$1" -j "$jobs"
+    quietly "build/$1.log" cmake --build --preset "$1" -j "$jobs" || return 1
+    touch "build/$1/.built"
 }
 
 # Builds a part of the release preset.
