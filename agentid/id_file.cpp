@@ -8,13 +8,13 @@
 #include <unistd.h>
 
 #include "agentid/conf_dir.h"
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/regular_file.h"
 
 namespace tavipc {
 namespace {
 
-constexpr char kLockName[] = "/tav_agentid_mutexlock";
 constexpr int kLockWaitSeconds = 6;
 constexpr int kIoTries = 3;
 
@@ -55,7 +55,7 @@ void SaveAgentId(const char *path, unsigned int id, const unsigned char *mac, in
 }
 
 bool AgentIdLock::lock() noexcept {
-    sem_t *semaphore = sem_open(kLockName, O_CREAT, 0644, 1);
+    sem_t *semaphore = sem_open(kIdentityLock, O_CREAT, 0644, 1);
     if (semaphore == SEM_FAILED) {
         const int error = errno;
         TAV_LOG(2, "tav_agentid", "Failed to create global mutex with error code: %d\n", error);
@@ -85,7 +85,7 @@ void AgentIdLock::unlock() noexcept {
     held_ = false;
     sem_close(semaphore_);
     semaphore_ = nullptr;
-    sem_unlink(kLockName);
+    sem_unlink(kIdentityLock);
 }
 
 } // namespace tavipc

@@ -9,16 +9,14 @@
 namespace bench {
 
 // One run of one system on one work.
-struct Run {
+struct Result {
     double value = 0; // in the work's unit; NaN when not everything arrived
-    double lost = 0;
-    double cpu_us = 0; // of the sender or senders, for each message
-    double waits = 0;  // how often they went to sleep, for each message
+    Run run = {};
 };
 
 struct Series {
     const System *system;
-    std::vector<Run> runs; // by round
+    std::vector<Result> runs; // by round
 };
 
 struct WorkResults {

@@ -8,7 +8,7 @@
 #include <nng/protocol/pipeline0/push.h>
 #include <poll.h>
 
-#include "link.h"
+#include "works.h"
 
 namespace bench {
 namespace {

@@ -9,7 +9,7 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include "link.h"
+#include "works.h"
 
 namespace bench {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <zmq.h>
 
-#include "link.h"
+#include "works.h"
 
 namespace bench {
 namespace {

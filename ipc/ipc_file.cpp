@@ -16,6 +16,7 @@
 #include <ctime>
 #include <utility>
 
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/out_of_memory.h"
 #include "ipc/exchanges.h"
@@ -28,7 +29,6 @@ namespace {
 constexpr uint64_t kSweepPeriodMs = 60'000;
 constexpr time_t kKeepSeconds = 300;
 constexpr uint32_t kMostReceived = 65'536;
-constexpr char kTemplate[] = "/tmp/ipc_file.XXXXXX";
 
 struct FileSend {
     tav_ipc_st *ipc;
@@ -172,8 +172,8 @@ ReceivedFile *create_received(xhash_t *files, uint32_t file_id, const tav_addr_s
     if (!may_receive_one_more(files)) return nullptr;
     MallocPtr<ReceivedFile> file(static_cast<ReceivedFile *>(std::calloc(1, sizeof(ReceivedFile))));
     if (!file) out_of_memory("ipc_file", __LINE__);
-    char path[sizeof kTemplate];
-    std::memcpy(path, kTemplate, sizeof path);
+    char path[sizeof kReceivedFile];
+    std::memcpy(path, kReceivedFile, sizeof path);
     file->fd = ::mkstemp(path);
     if (file->fd < 0) return nullptr;
     ++process_state().files_open;
@@ -249,7 +249,7 @@ int32_t tav_ipc_save_file(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t file
         return ::write(file->fd, data, len) == static_cast<ssize_t>(len) ? IPC_OK : IPC_ERR_IO;
     }
     close_received(file);
-    char path[sizeof kTemplate]; // the callback may run the loop, and the sweep come by
+    char path[sizeof kReceivedFile]; // the callback may run the loop, and the sweep come by
     str_strlcpy(path, file->path, sizeof path);
     tav_ipc_emit_file(ipc, path);
     return IPC_OK;

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/facts.h"
 #include "ipc/ipc_process.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
@@ -13,7 +14,6 @@
 namespace tavipc {
 namespace {
 
-constexpr char kSwitchFile[] = "/tmp/ipc_debug";
 constexpr uint64_t kLookInterval_ms = 10'000;
 
 bool can_open(const char *path) {
@@ -31,7 +31,7 @@ bool trace_everything() {
     if (now < looked) {
         state.trace_looked = now;
     } else if (now - looked > kLookInterval_ms) {
-        state.trace_all = can_open(kSwitchFile);
+        state.trace_all = can_open(kTraceSwitch);
         state.trace_looked = now;
     }
     return state.trace_all;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/out_of_memory.h"
 #include "ipc/endpoint.h"
@@ -22,7 +23,6 @@
 namespace tavipc {
 namespace {
 
-constexpr uint32_t kCompressMinimum = 148;
 constexpr uint8_t kHubLocation = 4; // the location whose endpoints reach others through "_prx%d" pipes
 constexpr int kHubPipes = 8;
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/facts.h"
 #include "common/log.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
@@ -47,12 +48,12 @@ class PathWriter {
 bool socket_path(char *out, size_t size, int32_t location, const char *name) {
     if (!out || size == 0) return false;
     PathWriter path(out, size);
-    path.append("/var/");
+    path.append(kSocketRoot);
     if (const char *type = GetDeployTypeStr()) {
         path.append(type);
         path.append("/");
     }
-    path.append("zon_ipc");
+    path.append(kSocketDirectory);
     path.append(location);
     path.append("/");
     if (name) path.append(name);

@@ -16,8 +16,7 @@ namespace tavcl_ev {
 
 namespace {
 
-constexpr size_t kLongestPath = 107;
-constexpr int kLockTries = 200; // a millisecond each: a lock is held for far less
+using tavipc::kLongestSocketPath;
 
 const sockaddr *generic(const cl_sockaddr_t &address) {
     return reinterpret_cast<const sockaddr *>(&address.addr);
@@ -26,7 +25,7 @@ const sockaddr *generic(const cl_sockaddr_t &address) {
 bool bind_to(int fd, const cl_sockaddr_t &address) { return bind(fd, generic(address), address.len) == 0; }
 
 void make_directories(const char *path) {
-    char directory[kLongestPath + 1];
+    char directory[kLongestSocketPath + 1];
     strcpy(directory, path);
     for (char *slash = strchr(directory + 1, '/'); slash; slash = strchr(slash + 1, '/')) {
         *slash = '\0';
@@ -37,13 +36,13 @@ void make_directories(const char *path) {
 
 // The directory of path, locked; without the lock when it cannot be had in good time.
 UniqueFd lock_directory(const char *path) {
-    char directory[kLongestPath + 1];
+    char directory[kLongestSocketPath + 1];
     strcpy(directory, path);
     char *slash = strrchr(directory, '/');
     if (slash) slash[slash == directory ? 1 : 0] = '\0';
     UniqueFd fd(open(slash ? directory : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    for (int tries = 0; fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && tries < kLockTries; ++tries)
-        usleep(1000);
+    for (int tries = 0; fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && tries < tavipc::kDirectoryLockTries; ++tries)
+        usleep(tavipc::kDirectoryLockPause_us);
     return fd;
 }
 
@@ -82,8 +81,8 @@ FileIdentity identify_socket(const char *path, bool follow_links) noexcept {
 
 bool fill_address(cl_sockaddr_t *address, const char *path) noexcept {
     *address = {};
-    const size_t length = strnlen(path, kLongestPath + 1);
-    if (length == 0 || length > kLongestPath) return false;
+    const size_t length = strnlen(path, kLongestSocketPath + 1);
+    if (length == 0 || length > kLongestSocketPath) return false;
     address->addr.sun_family = AF_UNIX;
     memcpy(address->addr.sun_path, path, length);
     address->len = static_cast<uint16_t>(offsetof(sockaddr_un, sun_path) + length + 1);
@@ -104,7 +103,7 @@ void set_send_buffer(int fd, int bytes) noexcept {
 BoundSocket BoundSocket::make(const cl_sockaddr_t &address) noexcept {
     BoundSocket made;
     const size_t length = strnlen(address.addr.sun_path, sizeof address.addr.sun_path);
-    if (address.addr.sun_family != AF_UNIX || length == 0 || length > kLongestPath ||
+    if (address.addr.sun_family != AF_UNIX || length == 0 || length > kLongestSocketPath ||
         address.addr.sun_path[length - 1] == '/') {
         errno = EINVAL;
         return made;

@@ -3,11 +3,13 @@
 
 #include <sys/types.h>
 
+#include "common/facts.h"
 #include "common/unique_fd.h"
 #include "tavcl_ev.h"
 
 namespace tavcl_ev {
 
+using tavipc::kSendBuffer;
 using tavipc::UniqueFd;
 
 // Which file a path leads to; the default is none.
@@ -25,7 +27,6 @@ bool fill_address(cl_sockaddr_t *address, const char *path) noexcept;
 
 // A datagram socket, not blocking, with as large a send buffer as is allowed; none with errno set.
 UniqueFd make_datagram_socket() noexcept;
-inline constexpr int kSendBuffer = 4 << 20;
 // The system doubles the value. Beyond its limit only with the privilege to do so.
 void set_send_buffer(int fd, int bytes) noexcept;
 
