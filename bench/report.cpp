@@ -41,15 +41,9 @@ Summary summarize(std::vector<double> values) {
     return {median, values.front(), values.back()};
 }
 
-Summary values_of(const Series &series) {
-    std::vector<double> values;
-    for (const Result &result : series.runs) values.push_back(result.value);
-    return summarize(std::move(values));
-}
-
 Summary summarize(const Series &series, double Run::*field) {
     std::vector<double> values;
-    for (const Result &result : series.runs) values.push_back(result.run.*field);
+    for (const Run &run : series.runs) values.push_back(run.*field);
     return summarize(std::move(values));
 }
 
@@ -99,13 +93,13 @@ std::string machine() {
 }
 
 void print_table(const WorkResults &results) {
-    const bool one_way = results.work->job.kind == Kind::kOneWay;
+    const bool one_way = results.work->kind == Kind::kOneWay;
     std::printf("\n%s: %s (%s, %s is better)\n", results.work->name, results.work->title,
                 unit_text(results.work->unit), results.work->more_is_better() ? "more" : "less");
     std::printf("  %-9s %9s  %-17s %-20s%s\n", "", "median", "range", "tavipc is as fast",
                 one_way ? "   lost  CPU us/msg  waits/msg" : "");
     for (const Series &series : results.series) {
-        const Summary value = values_of(series);
+        const Summary value = summarize(series, &Run::value);
         const std::string range = number(value.least) + " - " + number(value.most);
         std::string compared;
         if (&series != &results.series.front() && has_ratios(results)) {
@@ -135,9 +129,9 @@ void write_json(const std::string &path, const std::vector<WorkResults> &all, un
         const char *inner = "\n";
         for (const Series &series : results.series) {
             out << inner << "  {\"name\": \"" << series.system->name << "\", "
-                << json_summary("value", values_of(series));
+                << json_summary("value", summarize(series, &Run::value));
             if (has_ratios(results)) out << ", " << json_summary("tavipc_is_as_fast", ratio(results, series));
-            if (results.work->job.kind == Kind::kOneWay)
+            if (results.work->kind == Kind::kOneWay)
                 out << ", " << json_summary("lost", summarize(series, &Run::lost)) << ", "
                     << json_summary("sender_cpu_us", summarize(series, &Run::cpu_us)) << ", "
                     << json_summary("sender_waits", summarize(series, &Run::waits));

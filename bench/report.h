@@ -9,14 +9,16 @@
 namespace bench {
 
 // One run of one system on one work.
-struct Result {
+struct Run {
     double value = 0; // in the work's unit; NaN when not everything arrived
-    Run run = {};
+    double lost = 0;
+    double cpu_us = 0; // of the sender or senders, for each message
+    double waits = 0;  // how often they went to sleep, for each message
 };
 
 struct Series {
     const System *system;
-    std::vector<Result> runs; // by round
+    std::vector<Run> runs; // by round
 };
 
 struct WorkResults {

@@ -8,7 +8,7 @@
 #include <nng/protocol/pipeline0/push.h>
 #include <poll.h>
 
-#include "works.h"
+#include "link.h"
 
 namespace bench {
 namespace {

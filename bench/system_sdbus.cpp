@@ -9,7 +9,7 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include "works.h"
+#include "link.h"
 
 namespace bench {
 namespace {

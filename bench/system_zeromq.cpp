@@ -3,7 +3,7 @@
 
 #include <zmq.h>
 
-#include "works.h"
+#include "link.h"
 
 namespace bench {
 namespace {

@@ -21,8 +21,6 @@
 namespace tavctl {
 namespace {
 
-int print_completion(Console &, const Args &) { return print_bash_completion(commands()); }
-
 constexpr Command kCommands[] = {
     {"list", "Show endpoint sockets: live or stale, their process and user",
      "--deploy-type TYPE  Look below /var/TYPE too (may be repeated)\n"
@@ -84,9 +82,8 @@ constexpr Command kCommands[] = {
     {"id", "Show the agent id, where it comes from, and the configuration",
      "--create  Determine an id and store it when there is none\n", show_identity},
     {"doctor", "Examine this machine and agent, and say how to fix what is wrong", "", doctor},
-    {"bench", "Measure this machine, beside a plain socket",
-     "--seconds SECONDS:0.05-60=1  Time for each measurement\n", bench},
-    {"completion", "Print the completion script for bash", "", print_completion},
+    {"completion", "Print the completion script for bash",
+     "[WORD...]  Complete the last of these words instead\n", completion},
 };
 
 } // namespace

@@ -7,10 +7,7 @@
 #include <unistd.h>
 
 #include "cli/problem.h"
-#include "cli/text.h"
 #include "commands.h"
-#include "measure/measure.h"
-#include "module/module.h"
 
 namespace {
 
@@ -33,10 +30,6 @@ int complain(const char *what, const std::string &remedy, int status) {
 int main(int argc, char **argv) {
     open_standard_descriptors();
     std::signal(SIGPIPE, SIG_IGN); // writing fails instead, and the endpoint is closed properly
-    if (bench::is_child(argc, argv)) {
-        tavctl::keep_log(false);
-        bench::be_child(argv, tavctl::measured_systems());
-    }
     try {
         return tavctl::run_command_line(tavctl::commands(), {argv, static_cast<size_t>(argc)});
     } catch (const tavctl::Problem &problem) {

@@ -10,9 +10,9 @@
 #include <unistd.h>
 
 #include "allowlist_key.h"
+#include "cli/console.h"
 #include "cli/files.h"
 #include "cli/problem.h"
-#include "cli/text.h"
 
 namespace fs = std::filesystem;
 

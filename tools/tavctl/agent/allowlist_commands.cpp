@@ -9,7 +9,6 @@
 #include "agent/allowlist.h"
 #include "cli/files.h"
 #include "cli/problem.h"
-#include "cli/text.h"
 #include "commands.h"
 #include "common/unique_fd.h"
 

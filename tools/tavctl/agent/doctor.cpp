@@ -9,7 +9,6 @@
 
 #include "agent/identity.h"
 #include "cli/problem.h"
-#include "cli/text.h"
 #include "commands.h"
 #include "look/sockets.h"
 #include "module/module.h"

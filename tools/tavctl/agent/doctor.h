@@ -46,8 +46,6 @@ struct AgentState {
     bool has_id = false;    // from the platform or stored: an endpoint need not make one
 };
 AgentState check_agent(Findings &findings);
-// doctor_identity.cpp; returns has_id
-bool check_identity(Findings &findings);
 // doctor_machine.cpp
 void check_machine(Findings &findings);
 

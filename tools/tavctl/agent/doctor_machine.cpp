@@ -14,9 +14,9 @@
 #include <unistd.h>
 
 #include "agent/doctor.h"
+#include "cli/console.h"
 #include "cli/files.h"
 #include "cli/problem.h"
-#include "cli/text.h"
 #include "common/facts.h"
 #include "common/unique_fd.h"
 

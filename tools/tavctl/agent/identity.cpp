@@ -10,7 +10,6 @@
 #include "agent/keys.h"
 #include "cli/files.h"
 #include "cli/problem.h"
-#include "cli/text.h"
 #include "commands.h"
 #include "module/module.h"
 #include "tavaux.h"

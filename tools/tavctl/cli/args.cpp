@@ -9,7 +9,6 @@
 
 #include "cli/console.h"
 #include "cli/problem.h"
-#include "cli/text.h"
 #include "module/module.h"
 
 namespace tavctl {

@@ -52,7 +52,4 @@ struct Option {
 std::vector<Option> options_of(const char *usage);
 extern const char kGlobalOptions[];
 
-// Writes a completion script for bash.
-int print_bash_completion(std::span<const Command> commands);
-
 } // namespace tavctl

@@ -1,7 +1,10 @@
 #include "cli/console.h"
 
 #include <algorithm>
+#include <cctype>
+#include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <iostream>
 
 #include <sys/ioctl.h>
@@ -11,6 +14,43 @@
 
 namespace tavctl {
 namespace {
+
+std::string formatted(const char *format, double number, const char *unit) {
+    char text[64];
+    snprintf(text, sizeof text, format, number, unit);
+    return text;
+}
+
+// Bytes of the UTF-8 sequence at the front; 0 when it is not valid.
+size_t utf8_length(std::string_view bytes) {
+    const auto at = [&](size_t i) { return static_cast<unsigned char>(bytes[i]); };
+    const unsigned char first = at(0);
+    const size_t length = first < 0x80                    ? 1
+                          : first >= 0xC2 && first < 0xE0 ? 2
+                          : first >= 0xE0 && first < 0xF0 ? 3
+                          : first >= 0xF0 && first < 0xF5 ? 4
+                                                          : 0;
+    if (length == 0 || length > bytes.size()) return 0;
+    for (size_t i = 1; i < length; ++i)
+        if ((at(i) & 0xC0) != 0x80) return 0;
+    if (length == 3 && ((first == 0xE0 && at(1) < 0xA0) || (first == 0xED && at(1) >= 0xA0))) return 0;
+    if (length == 4 && ((first == 0xF0 && at(1) < 0x90) || (first == 0xF4 && at(1) >= 0x90))) return 0;
+    return length;
+}
+
+bool is_control(std::string_view bytes, size_t length) {
+    const auto first = static_cast<unsigned char>(bytes[0]);
+    if (length == 1) return first < 0x20 || first == 0x7F;
+    return first == 0xC2 && static_cast<unsigned char>(bytes[1]) < 0xA0; // C1 controls
+}
+
+// Offset of each character; a byte that is not valid UTF-8 counts as one.
+template <class Visit> void for_each_character(std::string_view text, Visit visit) {
+    for (size_t at = 0, length; at < text.size(); at += std::max<size_t>(1, length)) {
+        length = utf8_length(text.substr(at));
+        visit(at, length);
+    }
+}
 
 std::string json_string(std::string_view text) {
     constexpr std::string_view kEscaped = "\t\n\r\"\\", kLetters = "tnr\"\\";
@@ -118,6 +158,139 @@ void Console::finish() {
     clear_progress();
     if (!std::cout.flush())
         throw Problem("cannot write to standard output", "is the disk full, or the pipe closed?");
+}
+
+long number_of(std::string_view text) {
+    if (text.empty() || text.front() == '-') return -1;
+    long number = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() ? number : -1;
+}
+
+std::string grouped(uint64_t number) {
+    std::string text = std::to_string(number);
+    for (auto at = static_cast<int>(text.size()) - 3; at > 0; at -= 3)
+        text.insert(static_cast<size_t>(at), 1, ',');
+    return text;
+}
+
+std::string counted(uint64_t number, const char *thing) {
+    return grouped(number) + " " + thing + (number == 1 ? "" : "s");
+}
+
+std::string bytes_text(double bytes) {
+    if (bytes < 1000) return formatted("%.0f %s", bytes, "B");
+    for (const char *unit : {"kB", "MB", "GB"})
+        if ((bytes /= 1000) < 999.95) return formatted("%.1f %s", bytes, unit);
+    return formatted("%.1f %s", bytes / 1000, "TB");
+}
+
+std::string time_text(double seconds) {
+    if (seconds < 0.9995e-3) return formatted("%.0f %s", seconds * 1e6, "us");
+    if (seconds < 0.9995) return formatted("%.1f %s", seconds * 1e3, "ms");
+    if (seconds < 99.5) return formatted("%.1f %s", seconds, "s");
+    const auto whole = static_cast<uint64_t>(std::llround(seconds));
+    return std::to_string(whole / 60) + " min " + std::to_string(whole % 60) + " s";
+}
+
+Stamp::Stamp() { clock_gettime(CLOCK_REALTIME, &time_); }
+
+std::string Stamp::format(const char *strftime_format) const {
+    tm local{};
+    char text[64];
+    localtime_r(&time_.tv_sec, &local);
+    return std::string(text, strftime(text, sizeof text, strftime_format, &local));
+}
+
+std::string Stamp::clock() const {
+    return format("%H:%M:%S") + formatted(".%03.0f%s", std::floor(double(time_.tv_nsec) / 1e6), "");
+}
+
+std::string Stamp::rfc3339() const {
+    const std::string zone = format("%z"); // "+0100"
+    return format("%Y-%m-%dT") + clock() + zone.substr(0, 3) + ":" + zone.substr(3);
+}
+
+std::string padded(std::string text, size_t width) {
+    size_t characters = 0;
+    for_each_character(text, [&](size_t, size_t) { ++characters; });
+    if (characters < width) text.append(width - characters, ' ');
+    return text;
+}
+
+std::string fit(const std::string &text, unsigned columns) {
+    size_t characters = 0, end = text.size();
+    for_each_character(text, [&](size_t at, size_t) {
+        if (columns > 3 && characters++ == columns - 3) end = at;
+    });
+    if (columns <= 3 || characters <= columns) return text;
+    return text.substr(0, end) + "...";
+}
+
+bool is_text(std::string_view bytes) {
+    bool valid = true;
+    for_each_character(bytes, [&](size_t at, size_t length) {
+        const bool white = std::string_view("\t\r\n").find(bytes[at]) != std::string_view::npos;
+        valid = valid && length > 0 && (white || !is_control(bytes.substr(at), length));
+    });
+    return valid;
+}
+
+std::string harmless(std::string_view text) {
+    std::string result;
+    for_each_character(text, [&](size_t at, size_t length) {
+        const bool white = text[at] == '\t' || text[at] == '\n';
+        if (white || (length > 0 && !is_control(text.substr(at), length)))
+            result += text.substr(at, length);
+        else
+            result += '?';
+    });
+    return result;
+}
+
+std::string one_line(std::string_view text) {
+    std::string line = harmless(text);
+    std::ranges::replace_if(
+        line, [](char c) { return c == '\t' || c == '\n'; }, '?');
+    return line;
+}
+
+std::string quoted(const std::string &path) {
+    const auto is_plain = [](unsigned char c) {
+        return std::isalnum(c) || c >= 0x80 ||
+               std::string_view("/._+-=@%,:").find(static_cast<char>(c)) != std::string_view::npos;
+    };
+    if (!path.empty() && std::ranges::all_of(path, is_plain)) return path;
+    std::string text = "'";
+    for (const char c : path) text += c == '\'' ? "'\\''" : std::string(1, c);
+    return text + "'";
+}
+
+std::string hex_of(std::string_view bytes) {
+    std::string hex;
+    for (const unsigned char byte : bytes) {
+        hex += "0123456789abcdef"[byte >> 4];
+        hex += "0123456789abcdef"[byte & 15];
+    }
+    return hex;
+}
+
+std::string hex_dump(std::string_view bytes, size_t limit, const std::string &indent) {
+    const size_t shown = std::min(bytes.size(), limit);
+    std::string dump;
+    for (size_t at = 0; at < shown; at += 16) {
+        const std::string_view row = bytes.substr(at, std::min<size_t>(16, shown - at));
+        char offset[24];
+        snprintf(offset, sizeof offset, "%06zx ", at);
+        dump += (dump.empty() ? "" : "\n") + indent + offset;
+        for (size_t i = 0; i < 16; ++i)
+            dump += (i % 8 == 0 ? "  " : " ") + (i < row.size() ? hex_of(row.substr(i, 1)) : "  ");
+        dump += "  ";
+        for (const unsigned char byte : row)
+            dump += byte >= 0x20 && byte < 0x7F ? static_cast<char>(byte) : '.';
+    }
+    if (shown < bytes.size()) dump += "\n" + indent + "... " + grouped(bytes.size() - shown) + " bytes more";
+    return dump;
 }
 
 } // namespace tavctl

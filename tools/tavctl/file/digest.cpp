@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "agent/keys.h"
-#include "cli/text.h"
+#include "cli/console.h"
 
 namespace tavctl {
 

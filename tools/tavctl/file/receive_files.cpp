@@ -8,7 +8,6 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include "cli/text.h"
 #include "commands.h"
 #include "common/unique_fd.h"
 #include "file/digest.h"
@@ -188,7 +187,7 @@ int receive_files(Console &out, const Args &args) {
         });
         pause(kLastDeparture_s);
     }
-    const unsigned unfinished = drop_unfinished_files(getpid());
+    const unsigned unfinished = drop_unfinished_files();
     receiver.report(true);
     Record record("type", "end", "files", receiver.stored, "failed", receiver.failed);
     record.add("unfinished", unfinished);

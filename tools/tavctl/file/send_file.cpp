@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "cli/text.h"
 #include "commands.h"
 #include "common/unique_fd.h"
 #include "file/digest.h"
@@ -41,92 +40,56 @@ UniqueFd open_source(const std::string &path, struct stat &info) {
     return file;
 }
 
-std::string whole_seconds(double seconds) {
-    return seconds < 99.5 ? std::to_string(std::lround(seconds)) + " s" : time_text(seconds);
-}
-
-std::string bar_text(unsigned width, uint64_t done, uint64_t size, const std::string &tail) {
-    const double part = size > 0 ? std::min(1.0, static_cast<double>(done) / static_cast<double>(size)) : 0;
-    const std::string percent = size > 0 ? std::to_string(static_cast<int>(part * 100)) + " %" : "";
-    std::string text = std::string(5 - std::min<size_t>(5, percent.size()), ' ') + percent + "  " +
-                       bytes_text(static_cast<double>(done)) + tail;
-    const size_t used = text.size() + 4; // with brackets and a blank; the last column stays empty
-    if (size == 0 || width < used + 8) return text;
-    const size_t length = std::min<size_t>(50, width - used),
-                 full = static_cast<size_t>(part * double(length));
-    return "[" + std::string(full, '=') + (full < length ? ">" : "") +
-           std::string(length - std::min(length, full + 1), ' ') + "] " + text;
-}
-
-// A bar on a terminal; elsewhere a line every ten seconds.
+// Shows how far a transfer is: on a terminal ten times a second, elsewhere every ten seconds.
 class Progress {
   public:
-    Progress(Console &out, uint64_t size) : out_(out), size_(size) {}
-    // True when it is time to look again.
-    bool due() {
-        const double now = now_seconds();
-        if (now - looked_ < 0.1) return false;
-        lapse_ = now - looked_;
-        looked_ = now;
-        return true;
+    Progress(Console &out, uint64_t size) : out_(out), size_(static_cast<double>(size)) {}
+    bool due() const { return now_seconds() - shown_ > (out_.shows_progress() ? 0.1 : 10); }
+    void show(uint64_t bytes) {
+        shown_ = now_seconds();
+        if (bytes > done) moved_ = shown_;
+        done = std::max(done, bytes);
+        const double known = static_cast<double>(done), rate = known / (shown_ - begin_);
+        std::string text = bytes_text(known) + " of " + bytes_text(size_);
+        if (size_ > 0) text = std::to_string(static_cast<int>(100 * known / size_)) + " %  " + text;
+        if (shown_ - moved_ > 2)
+            text += ", no confirmation for " + time_text(std::floor(shown_ - moved_));
+        else if (rate >= 1)
+            text += ", " + bytes_text(rate) + "/s, " + time_text(std::ceil((size_ - known) / rate)) + " left";
+        out_.shows_progress() ? out_.progress(text) : out_.tell(text);
     }
-    void show(uint64_t done) {
-        if (done > done_) moved_ = looked_;
-        const double rate = static_cast<double>(done - std::min(done, done_)) / lapse_;
-        rate_ = rate_ < 0 ? rate : 0.9 * rate_ + 0.1 * rate;
-        done_ = std::max(done, done_);
-        if (out_.shows_progress()) {
-            const unsigned width = out_.width();
-            return out_.progress(bar_text(width > 0 ? width : 80, done_, size_, tail()));
-        }
-        if (looked_ - told_ < 10) return;
-        told_ = looked_;
-        out_.tell(bytes_text(static_cast<double>(done_)) +
-                  (size_ > 0 ? " of " + bytes_text(static_cast<double>(size_)) : "") + tail());
-    }
-    uint64_t done() const { return done_; }
+    uint64_t done = 0; // bytes that have arrived for sure
 
   private:
-    std::string tail() const {
-        if (looked_ - moved_ > 2)
-            return ", no confirmation for " + whole_seconds(std::floor(looked_ - moved_));
-        const double left = static_cast<double>(size_ - std::min(size_, done_));
-        return ", " + bytes_text(rate_) + "/s" +
-               (rate_ >= 1 && size_ > 0 ? ", " + whole_seconds(std::ceil(left / rate_)) + " left" : "");
-    }
     Console &out_;
-    const uint64_t size_;
-    double looked_ = now_seconds(), told_ = looked_, moved_ = looked_, lapse_ = 0; // seconds
-    double rate_ = -1;                                                             // bytes per second
-    uint64_t done_ = 0;
+    const double size_; // bytes
+    const double begin_ = now_seconds();
+    double shown_ = begin_, moved_ = begin_;
 };
 
 Problem failed_transfer(const tav_addr_st &destination, int32_t code, uint64_t done) {
     const std::string who = address_text(destination);
     const std::string reached = done > 0 ? "; at least " + grouped(done) + " bytes had arrived" : "";
     const char *again = "send it again: ids are drawn anew each time";
-    switch (code) {
-    case IPC_ERR_OPEN_FILE:
-        return Problem("the library cannot open the file",
-                       "it needs one more descriptor and /proc: see ulimit -n");
-    case IPC_ERR_NOMEM:
-        return Problem("the library has no memory for the transfer", "end other processes");
-    case IPC_ERR_FILE_ID:
-        return Problem(who + " is receiving a file of another sender under the same id" + reached, again);
-    case IPC_ERR_FILE_CLOSED:
-        return Problem(who + " has a complete file of this id already" + reached, again);
-    case IPC_ERR_IO:
-        return Problem(who + " cannot store the file" + reached,
-                       "make room in the receiver's /tmp (df /tmp), where unfinished files stay for 5 "
-                       "minutes; its log shows when it receives too many files at a time");
-    case IPC_ERR_NOT_SUPPORTED:
-        return Problem(who + " accepts no files",
-                       "its module must open the endpoint with accept_files; tavctl recvfile DIR receives "
-                       "files for a trial");
-    default:
-        const Problem why = failed_exchange(destination, code);
-        return Problem(why.what() + reached, why.remedy(), why.status());
-    }
+    const struct {
+        int32_t code;
+        std::string what, remedy;
+    } reasons[] = {{IPC_ERR_OPEN_FILE, "the library cannot open the file",
+                    "it needs one more descriptor and /proc: see ulimit -n"},
+                   {IPC_ERR_NOMEM, "the library has no memory for the transfer", "end other processes"},
+                   {IPC_ERR_FILE_ID, who + " is receiving a file of another sender under the same id", again},
+                   {IPC_ERR_FILE_CLOSED, who + " has a complete file of this id already", again},
+                   {IPC_ERR_IO, who + " cannot store the file",
+                    "make room in the receiver's /tmp (df /tmp), where unfinished files stay for 5 minutes; "
+                    "its log shows "
+                    "when it receives too many files at a time"},
+                   {IPC_ERR_NOT_SUPPORTED, who + " accepts no files",
+                    "its module must open the endpoint with accept_files; tavctl recvfile DIR receives files "
+                    "for a trial"}};
+    for (const auto &reason : reasons)
+        if (reason.code == code) return Problem(reason.what + reached, reason.remedy);
+    const Problem why = failed_exchange(destination, code);
+    return Problem(why.what() + reached, why.remedy(), why.status());
 }
 
 // Reports what arrived. What the digest's thread read may differ from what the library read when the file was
@@ -183,10 +146,10 @@ int send_file(Console &out, const Args &args) {
         return transfer.ended;
     });
     if (wait == Wait::kInterrupted)
-        throw Problem("interrupted when at least " + grouped(progress.done()) + " bytes had arrived",
+        throw Problem("interrupted when at least " + grouped(progress.done) + " bytes had arrived",
                       "the receiver removes the unfinished file within 6 minutes; send it again");
     if (!transfer.ended) throw Problem("the event loop ended before the transfer did");
-    if (transfer.code < 0) throw failed_transfer(destination, transfer.code, progress.done());
+    if (transfer.code < 0) throw failed_transfer(destination, transfer.code, progress.done);
     const FileDigest digest = background.get();
     if (digest.error != 0)
         throw Problem("cannot read " + harmless(path) + " beyond " + grouped(digest.size) +

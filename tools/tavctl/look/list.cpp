@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include "cli/problem.h"
-#include "cli/text.h"
 #include "commands.h"
 #include "look/sockets.h"
 #include "tavaux.h"
@@ -135,18 +134,6 @@ bool is_plain(const std::string &name) {
                name.npos;
 }
 
-int print_names() {
-    for (const SocketDirectory &directory : scan_known({}).directories)
-        for (const SocketFile &file : directory.sockets) {
-            if (!directory.own || file.state != SocketState::kLive || file.sender || !is_plain(file.name))
-                continue;
-            std::cout << file.name;
-            if (directory.location != tav_get_location()) std::cout << '@' << directory.location;
-            std::cout << '\n';
-        }
-    return kSuccess;
-}
-
 // False when the file could not be removed.
 bool clean_one(Console &out, const std::string &directory, const SocketFile &file) {
     Record record("path", one_line(directory + "/" + file.name));
@@ -189,8 +176,23 @@ int clean(Console &out, const Scan &scan) {
 
 } // namespace
 
+std::set<std::string> live_names() {
+    std::set<std::string> names;
+    for (const SocketDirectory &directory : scan_known({}).directories) {
+        const int location = directory.location;
+        const std::string suffix = location == tav_get_location() ? "" : "@" + std::to_string(location);
+        for (const SocketFile &file : directory.sockets)
+            if (directory.own && file.state == SocketState::kLive && !file.sender && is_plain(file.name))
+                names.insert(file.name + suffix);
+    }
+    return names;
+}
+
 int list(Console &out, const Args &args) {
-    if (args.has("names")) return print_names();
+    if (args.has("names")) {
+        for (const std::string &name : live_names()) std::cout << name << '\n';
+        return kSuccess;
+    }
     const Scan scan = scan_everything(args.all("deploy-type"));
     if (args.has("clean")) return clean(out, scan);
     bool any = false;

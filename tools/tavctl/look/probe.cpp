@@ -4,7 +4,6 @@
 #include <numeric>
 #include <vector>
 
-#include "cli/text.h"
 #include "commands.h"
 #include "module/module.h"
 

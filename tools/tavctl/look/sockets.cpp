@@ -23,9 +23,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "cli/console.h"
 #include "cli/files.h"
 #include "cli/problem.h"
-#include "cli/text.h"
 #include "common/facts.h"
 #include "common/unique_fd.h"
 #include "tavaux.h"

@@ -1,13 +1,19 @@
-// tavctl trace: the switch of the message trace, and what its lines mean.
+// tavctl trace and explain: the message trace, and the header of a datagram.
+#include <algorithm>
+#include <cstring>
+#include <span>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "cli/files.h"
 #include "cli/problem.h"
-#include "cli/text.h"
 #include "commands.h"
 #include "common/facts.h"
 #include "common/unique_fd.h"
+#include "module/payload.h"
+#include "tavipc/tav_ipc.h"
 
 namespace tavctl {
 namespace {
@@ -72,6 +78,109 @@ int switch_off(Console &out) {
     return kSuccess;
 }
 
+constexpr size_t kLongestInput = 1 << 20; // bytes
+
+struct Flag {
+    unsigned bit;
+    const char *name;
+};
+constexpr Flag kMessageFlags[] = {
+    {IPC_FLAG_ACK, "ACK"},     {IPC_FLAG_NEED_ACK, "NEED_ACK"},     {IPC_FLAG_FILE, "FILE"},
+    {IPC_FLAG_PROBE, "PROBE"}, {IPC_FLAG_REQUEST, "REQUEST"},       {IPC_FLAG_RESPONSE, "RESPONSE"},
+    {IPC_FLAG_TRACE, "TRACE"}, {IPC_FLAG_COMPRESSED, "COMPRESSED"}, {IPC_FLAG_APP_MSG, "APP_MSG"}};
+constexpr Flag kAddressFlags[] = {{ADDR_FLAG_COMPRESS_OK, "COMPRESS_OK"}, {ADDR_FLAG_TEMP, "TEMP"}};
+
+std::string hex_number(uint32_t number, int digits) {
+    char text[16];
+    snprintf(text, sizeof text, "0x%0*X", digits, number);
+    return text;
+}
+
+std::string flags_text(unsigned flags, std::span<const Flag> names) {
+    std::string text;
+    for (const Flag &flag : names)
+        if (flags & flag.bit) {
+            text += std::string(text.empty() ? "" : " ") + flag.name;
+            flags &= ~flag.bit;
+        }
+    if (flags != 0) text += std::string(text.empty() ? "" : " ") + "others " + hex_number(flags, 1);
+    return text.empty() ? "none" : text;
+}
+
+std::string address_line(const tav_addr_st &address) {
+    const size_t length = strnlen(address.name, sizeof address.name);
+    return "\"" + harmless({address.name, length}) + "\"" +
+           (length > TAV_IPC_NAME_MAX ? " (not terminated)" : "") + ", location " +
+           std::to_string(address.loc) + ", host " + std::to_string(address.hostid) + ", flags " +
+           flags_text(address.flags, kAddressFlags);
+}
+
+void add_address(Record &record, const std::string &prefix, const tav_addr_st &address) {
+    const std::string_view name(address.name, strnlen(address.name, sizeof address.name));
+    record.add(prefix + "_name", name, prefix + "_location", address.loc);
+    record.add(prefix + "_hostid", address.hostid, prefix + "_flags", address.flags);
+}
+
+// A datagram as a receiver sees it.
+struct Datagram {
+    tav_ipc_hdr_st header;
+    size_t payload; // bytes that are here
+    uint32_t expected;
+    bool fragment;
+    unsigned sequence;
+
+    explicit Datagram(const std::string &bytes) {
+        if (bytes.size() < sizeof header)
+            throw Problem("a datagram has at least the 60 bytes of its header, these are " +
+                              std::to_string(bytes.size()),
+                          "give the whole header; a receiver drops what is shorter");
+        std::memcpy(&header, bytes.data(), sizeof header);
+        payload = bytes.size() - sizeof header;
+        expected = tav_ipc_hdr_magic(&header);
+        fragment = header.frag_word[0] & 1;
+        sequence = header.frag_word[0] >> 1 | (header.frag_word[1] & 7u) << 7;
+    }
+    // Why a receiver would drop it; empty when it would not.
+    std::string objection() const {
+        if (header.magic != expected)
+            return "the check value is wrong: a receiver drops this datagram silently";
+        if (header.size > payload)
+            return "only " + grouped(payload) + " of " + grouped(header.size) +
+                   " payload bytes are here: a receiver drops such a datagram silently";
+        const uint64_t at = uint64_t{sequence} * TAV_IPC_FRAGMENT_PAYLOAD;
+        const uint64_t rest = header.frag_orig > at ? header.frag_orig - at : 0;
+        if (fragment && (header.frag_orig > TAV_IPC_MESSAGE_MAX ||
+                         header.size != std::min<uint64_t>(rest, TAV_IPC_FRAGMENT_PAYLOAD)))
+            return "this fragment does not have the length that follows from its number and its message: "
+                   "a receiver drops it";
+        return {};
+    }
+    std::string text() const;
+};
+
+std::string Datagram::text() const {
+    std::string text;
+    const auto line = [&](int offset, const char *field, const std::string &value) {
+        text += (text.empty() ? "" : "\n") + std::string(offset < 10 ? " " : "") + std::to_string(offset) +
+                "  " + padded(field, 11) + value;
+    };
+    line(0, "dest", address_line(header.dest));
+    line(16, "src", address_line(header.src));
+    line(32, "reqid", std::to_string(header.reqid));
+    line(36, "flags", hex_number(header.flags, 4) + ": " + flags_text(header.flags, kMessageFlags));
+    line(38, "rflags", hex_number(header.rflags, 4));
+    line(40, "cmd", std::to_string(header.cmd));
+    line(44, "size", grouped(header.size) + " bytes");
+    line(48, "frag_orig", grouped(header.frag_orig) + (fragment ? " bytes in the whole message" : ""));
+    line(52, "frag_word", fragment ? "fragment " + std::to_string(sequence) : "not a fragment");
+    line(54, "frag_id", std::to_string(header.frag_id));
+    line(56, "magic",
+         hex_number(header.magic, 8) +
+             (header.magic == expected ? ", right" : ", WRONG: it should be " + hex_number(expected, 8)));
+    line(60, "payload", grouped(payload) + " bytes here");
+    return text;
+}
+
 } // namespace
 
 int trace(Console &out, const Args &args) {
@@ -79,6 +188,28 @@ int trace(Console &out, const Args &args) {
     if (action == "show") return show(out);
     if (action != "on" && action != "off") throw misuse("\"" + action + "\" is not one of on, off and show");
     return action == "on" ? switch_on(out) : switch_off(out);
+}
+
+int explain(Console &out, const Args &args) {
+    if (args.has("HEX") && args.has("file")) throw misuse("give HEX or --file, not both");
+    const Datagram datagram(args.has("file") ? read_file(args.text("file"), kLongestInput)
+                            : args.has("HEX")
+                                ? parse_hex(args.text("HEX"))
+                                : parse_hex(read_descriptor(STDIN_FILENO, "standard input", kLongestInput)));
+    const tav_ipc_hdr_st &header = datagram.header;
+    const std::string objection = datagram.objection();
+    Record record;
+    add_address(record, "dest", header.dest);
+    add_address(record, "src", header.src);
+    record.add("reqid", header.reqid, "flags", header.flags);
+    record.add("flag_names", flags_text(header.flags, kMessageFlags));
+    record.add("rflags", header.rflags, "cmd", header.cmd, "size", header.size, "frag_orig",
+               header.frag_orig);
+    record.add("fragment", datagram.fragment, "sequence", datagram.sequence, "frag_id", header.frag_id);
+    record.add("magic", header.magic, "magic_expected", datagram.expected, "payload", datagram.payload);
+    out.say(record.add("valid", objection.empty()), "", datagram.text());
+    if (!objection.empty()) out.tell("  " + objection);
+    return objection.empty() ? kSuccess : kFailure;
 }
 
 } // namespace tavctl

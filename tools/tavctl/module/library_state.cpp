@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "cli/text.h"
+#include "cli/console.h"
 #include "common/facts.h"
 #include "common/unique_fd.h"
 #include "module/module.h"
@@ -69,12 +69,12 @@ std::optional<uint64_t> FilePosition::get() const {
 }
 
 // A file that is being received is open for writing; one that is complete is at most open for reading.
-unsigned drop_unfinished_files(pid_t process) {
+unsigned drop_unfinished_files() {
     constexpr std::string_view kPattern = tavipc::kReceivedFile,
                                kPrefix = kPattern.substr(0, kPattern.find('X'));
     unsigned count = 0;
     std::error_code error;
-    for (const auto &entry : fs::directory_iterator("/proc/" + std::to_string(process) + "/fd", error)) {
+    for (const auto &entry : fs::directory_iterator("/proc/self/fd", error)) {
         std::error_code closed;
         const std::string target = fs::read_symlink(entry.path(), closed).string();
         const bool writes =

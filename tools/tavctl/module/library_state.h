@@ -33,8 +33,8 @@ class FilePosition {
     ino_t inode_;
 };
 
-// Removes the files that the process is receiving and that are not complete; its end would leave them behind.
-// Returns how many there were.
-unsigned drop_unfinished_files(pid_t process);
+// Removes the files that this process is receiving and that are not complete; its end would leave them
+// behind. Returns how many there were.
+unsigned drop_unfinished_files();
 
 } // namespace tavctl

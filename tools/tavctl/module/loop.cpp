@@ -7,7 +7,7 @@
 
 #include <unistd.h>
 
-#include "cli/text.h"
+#include "cli/console.h"
 #include "module/module.h"
 #include "tavbase.h"
 

@@ -7,7 +7,7 @@
 
 #include "agent/allowlist.h"
 #include "agent/identity.h"
-#include "cli/text.h"
+#include "cli/console.h"
 #include "common/facts.h"
 #include "look/sockets.h"
 #include "tavaux.h"

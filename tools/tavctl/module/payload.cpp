@@ -6,9 +6,9 @@
 
 #include <unistd.h>
 
+#include "cli/console.h"
 #include "cli/files.h"
 #include "cli/problem.h"
-#include "cli/text.h"
 #include "common/facts.h"
 #include "common/owned.h"
 #include "tavipc/tav_compress.h"

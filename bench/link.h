@@ -1,8 +1,7 @@
 // One end of a connection between processes over some system, as the benchmarks drive it.
 //
-// A job (job.cpp) is written once, against this interface. Each system (system_*.cpp) implements it the way
-// the author of a module would use that system from an event loop. A handler may send, but not serve the
-// loop.
+// A work (works.cpp) is written once, against this interface; each system (system_*.cpp) fills it the way the
+// author of a module would use that system from an event loop. A handler may send, but not serve the loop.
 #pragma once
 
 #include <cstddef>
@@ -16,8 +15,7 @@ namespace bench {
 
 // What an end is made for. The server exists before its clients are made.
 struct Ends {
-    std::string dir;  // for socket files
-    std::string name; // for names of endpoints
+    std::string dir; // for socket files
     bool server;
     int client;  // number of this client
     int clients; // how many there are
@@ -91,6 +89,9 @@ std::unique_ptr<Link> make_tavipc(const Ends &ends);
 std::unique_ptr<Link> make_raw_pair(const Ends &ends); // two datagram sockets, connected to one another
 std::unique_ptr<Link> make_raw_open(const Ends &ends); // sockets that receive from everybody
 std::unique_ptr<Link> make_mmsg(const Ends &ends);     // as the pair, many datagrams a system call
+std::unique_ptr<Link> make_zeromq(const Ends &ends);
+std::unique_ptr<Link> make_nng(const Ends &ends);
+std::unique_ptr<Link> make_sdbus(const Ends &ends);
 
 inline constexpr size_t kChunk = 64000; // bytes of a datagram when a message or file goes in parts
 

@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "measure/link.h"
+#include "link.h"
 
 namespace bench {
 

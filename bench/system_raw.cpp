@@ -1,12 +1,14 @@
-// Unix datagrams and epoll, as fast as they can be driven by hand: connected sockets, 4 MiB of send buffer,
-// EPOLLOUT to wait. Message boundaries and order come from the kernel. A message of more than 64,000 bytes is
-// sent in parts, whose number both ends know.
+// Unix datagrams and epoll, written by hand as far as that can be driven: connected sockets, 4 MiB of send
+// buffer, waiting by EPOLLOUT. Message boundaries and order come from the kernel; a message of more than
+// 64,000 bytes goes in parts, whose number both ends know.
 //
-// pair: one socket at each end, connected to each other. Only the send buffer limits what waits.
+// pair: one socket at each end, connected to one another; the kernel then limits what waits by the send
+// buffer
+//       alone.
 // open: each end receives on a socket that anybody may send to, as a process with several peers must, and
 // sends
-//       through another one, connected to the peer's. The kernel lets net.unix.max_dgram_qlen datagrams wait.
-// mmsg: the pair, with as many datagrams per system call as there are.
+//       through another one, connected to the peer's; the kernel lets net.unix.max_dgram_qlen datagrams wait.
+// mmsg: the pair, with as many datagrams a system call as there are.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -18,13 +20,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "common/facts.h"
-#include "measure/link.h"
+#include "link.h"
 
 namespace bench {
 namespace {
 
 constexpr int kMostPerTurn = 64;
+constexpr int kSendBuffer = 4 << 20;
 
 sockaddr_un address(const std::string &path) {
     sockaddr_un result{};
@@ -35,9 +37,7 @@ sockaddr_un address(const std::string &path) {
 
 int make_socket() {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    check(fd >= 0 &&
-              setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &tavipc::kSendBuffer, sizeof tavipc::kSendBuffer) == 0,
-          "socket");
+    check(fd >= 0 && setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer) == 0, "socket");
     return fd;
 }
 

@@ -1,9 +1,10 @@
 // tavipc: an endpoint each, addressed by name; the server answers to where a message came from.
 #include <cerrno>
+#include <cstring>
 
 #include <unistd.h>
 
-#include "measure/link.h"
+#include "link.h"
 #include "tavipc/tav_ipc.h"
 
 namespace bench {
@@ -16,11 +17,10 @@ constexpr int32_t kTimeoutS = 60;
 class TavipcLink : public Link {
   public:
     explicit TavipcLink(const Ends &ends) {
-        const std::string server = ends.name + "s";
-        const std::string name = ends.server ? server : ends.name + "c" + std::to_string(ends.client);
+        const std::string name = ends.server ? "server" : "client" + std::to_string(ends.client);
         ipc_ = ends.files ? tav_ipc_create_temp(name.c_str(), ends.server) : tav_ipc_create(name.c_str());
         check(ipc_ != nullptr, "tav_ipc_create");
-        if (!ends.server) server.copy(peer_.name, TAV_IPC_NAME_MAX);
+        if (!ends.server) std::strcpy(peer_.name, "server");
         tav_ipc_msg_recv(
             ipc_,
             [](tav_ipc_st *, const tav_addr_st *src, uint32_t, const void *data, uint32_t size, void *self) {
@@ -82,7 +82,7 @@ class TavipcLink : public Link {
     void stop() override { cl_event_loop_stop(); }
 
   private:
-    // The library refuses more than 32 MiB in flight, or 64 MiB of confirmed messages.
+    // Refused is what would make more than 32 MiB in flight, 64 MiB when it is to be confirmed.
     bool try_send(const void *data, size_t size) {
         const uint16_t flags = size > kPlainLimit ? IPC_FLAG_NEED_ACK : 0;
         return tav_ipc_send_with_flags(ipc_, &peer_, 0, data, static_cast<uint32_t>(size), flags, nullptr) ==
