@@ -47,7 +47,10 @@ for page in packaging/man/*.3; do
 done
 
 # The tool's commands and options, as they stand in mdoc.
-"$2" completion | sed -n "s/^ *'[a-z-]*') words='\([^']*\)'.*/\1/p" | tr ' ' '\n' | LC_ALL=C sort -u >"$place/words"
+for command in "" $("$2" completion -- ""); do
+    "$2" completion -- $command - # options; the commands without one have a word of their own
+    case $command in "" | allowlist) "$2" completion -- $command "" ;; esac
+done | LC_ALL=C sort -u >"$place/words"
 [ "$(wc -l <"$place/words")" -gt 40 ] || { echo "the tool tells no options" >&2; failed=1; }
 while read -r word; do
     macro=$(echo "$word" | sed 's/^--/Fl Fl /; s/^-/Fl /')

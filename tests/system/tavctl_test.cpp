@@ -1,208 +1,142 @@
-// The tool as its user has it: the built program, an agent's directory, modules as processes.
-#include <filesystem>
-#include <fstream>
+// Messages, requests, the allow-list, the identity, and how the tool takes its words.
+#include <sstream>
 
-#include <gmock/gmock.h>
-#include <sys/stat.h>
-
-#include "installation.h"
+#include "tavctl_fixture.h"
 
 namespace {
 
 using namespace tavipc::stage;
-using testing::HasSubstr;
-using Words = std::vector<std::string>;
 
-class Tavctl : public ::testing::Test {
-  protected:
-    Tavctl() { place_.allow({"tavctl", "alpha"}); }
-    Outcome tavctl(const Words &words, std::string_view input = {}) const {
-        Words command{tool_};
-        command.insert(command.end(), words.begin(), words.end());
-        return run(command, input, {"TAV_LOG_LEVEL=1"});
-    }
-    const Installation place_{Installation::Setup{}};
-    const std::string tool_ = place_.tool();
-};
-
-#define EXPECT_ENDS(status_expected, outcome)                                                                \
-    EXPECT_EQ((outcome).status, status_expected) << (outcome).output << (outcome).errors
+class Tavctl : public TavctlTest {};
 
 TEST_F(Tavctl, ProbesAndSaysWhyNobodyAnswers) {
-    Process alpha = place_.start("alpha");
-    alpha.ask("open alpha", "opened ");
-    const Outcome there = tavctl({"probe", "alpha", "-c", "2", "-i", "0"});
-    EXPECT_ENDS(0, there);
-    EXPECT_THAT(there.output, HasSubstr("2 sent, 2 answered, 0 % lost"));
-    EXPECT_EQ(alpha.kill(), -9);
-    const Outcome stale = tavctl({"send", "alpha", "text", "-t", "1"});
-    EXPECT_ENDS(3, stale);
-    EXPECT_THAT(stale.errors, HasSubstr("is stale, its process is gone"));
-    const Outcome plain = tavctl({"send", "nobody", "text", "--no-confirm"});
-    EXPECT_ENDS(1, plain);
-    EXPECT_THAT(plain.errors, HasSubstr("dropped: "));
-    EXPECT_THAT(tavctl({"request", "nobody", "x", "-t", "1"}).errors,
-                HasSubstr("there is no socket " + place_.sockets().string()));
+    const auto alpha = start("alpha");
+    std::istringstream lines(expect(0, {"probe", "alpha", "-c", "2", "-i", "0"}));
+    std::string all;
+    for (std::string line; std::getline(lines, line); all += line) EXPECT_LE(line.size(), 80u) << line;
+    EXPECT_THAT(all, ContainsRegex("2 sent, 2 answered, 0 % lost  min .*median .*mean .*max .*std dev "));
+    EXPECT_EQ(alpha->kill(), -9);
+    EXPECT_THAT(expect(3, {"request", "alpha", "x", "-t", "1"}), HasSubstr("is stale, its process is gone"));
+    EXPECT_THAT(expect(1, {"send", "nobody", "text", "--no-confirm"}), HasSubstr("dropped: "));
 }
 
 TEST_F(Tavctl, ListensAndSends) {
     Process listener(tool_, {}, {"listen", "ear", "-c", "4", "--json"});
     EXPECT_THAT(listener.expect("{\"type\":\"ready\""), HasSubstr("ear@2"));
-    const std::string body(1000, 'x');
-    for (const Words &words :
-         {Words{"send", "ear", "two words", "--cmd", "7"}, Words{"send", "ear", "--hex", "00 FF"},
-          Words{"send", "ear", body, "--compress", "--priority", "9"}, Words{"send", "ear"}}) {
-        const Outcome sent = tavctl(words, "from\ninput");
-        EXPECT_ENDS(0, sent);
-        if (words.size() == 6) {
-            EXPECT_THAT(sent.output, HasSubstr("ear: 1,020 bytes, compressed to "));
-        }
-    }
+    expect(0, {"send", "ear", "two words", "--cmd", "7"});
+    expect(0, {"send", "ear", "--hex", "00 FF"});
+    EXPECT_THAT(expect(0, {"send", "ear", std::string(1000, 'x'), "--compress", "--priority=9"}),
+                HasSubstr("ear: 1,020 bytes, compressed to "));
+    expect(0, {"send", "ear"}, "from\ninput");
     std::string heard;
     for (int i = 0; i < 4; ++i) heard += listener.expect("{\"type\":\"message\"");
-    for (const std::string fact :
+    for (const char *fact :
          {"\"cmd\":7,\"size\":9,\"app\":false,\"text\":\"two words\"", "\"hex\":\"00ff\"",
-          "\"size\":1020,\"app\":true,\"priority\":9,\"body_size\":1000,\"text\":\"xxx",
-          "\"text\":\"from\\ninput\""})
+          "\"app\":true,\"priority\":9,\"body_size\":1000,\"text\":\"xxx", "\"text\":\"from\\ninput\""})
         EXPECT_THAT(heard, HasSubstr(fact));
+    EXPECT_THAT(heard, ContainsRegex("\"time\":\"20[0-9-]+T[0-9:]+\\.[0-9]{3}[+-][0-9]{2}:[0-9]{2}\""));
     EXPECT_EQ(listener.finish(), 0);
-    EXPECT_FALSE(std::filesystem::exists(place_.sockets() / "ear")) << "its socket file is removed";
+    EXPECT_FALSE(fs::exists(sockets_ / "ear")) << "its socket file is removed";
 }
 
 TEST_F(Tavctl, AsksAndAnswers) {
     Process server(tool_, {}, {"reply", "mirror", "--echo", "-c", "2"});
     server.expect("answering as mirror@2");
     const std::string large(200'000, 'z');
-    const Outcome raw = tavctl({"request", "mirror", "--raw"}, large);
-    EXPECT_ENDS(0, raw);
-    EXPECT_EQ(raw.output, large);
-    EXPECT_THAT(tavctl({"request", "mirror", "hello", "--cmd", "4"}).output,
+    EXPECT_EQ(expect(0, {"request", "mirror", "--raw"}, large), large);
+    EXPECT_THAT(expect(0, {"request", "mirror", "hello", "--cmd", "4"}),
                 HasSubstr("cmd 5, 5 bytes\n  hello\n"));
     EXPECT_EQ(server.finish(), 0);
 }
 
-TEST_F(Tavctl, IsRefusedLikeAnyModuleAndSaysWhy) {
+TEST_F(Tavctl, SaysWhyAProcessIsRefused) {
+    const auto alpha = start("alpha");
+    const std::string pid = std::to_string(alpha->pid());
+    expect(0, {"allowlist", "why", pid});
+    EXPECT_THAT(expect(1, {"listen", "alpha", "-c", "1"}), HasSubstr("the endpoint name alpha is in use"));
+    fs::remove(root_ / "bin/alpha");
+    EXPECT_THAT(expect(1, {"allowlist", "why", pid}), HasSubstr("bin/alpha: refused, it was removed"));
+    std::ofstream(root_ / "bin/alpha") << "new";
+    EXPECT_THAT(expect(1, {"allowlist", "why", pid}),
+                ContainsRegex("bin/alpha: refused, it was replaced .*\n  what to do: restart the process"));
     place_.allow({"alpha"});
-    const Outcome refused = tavctl({"probe", "alpha"});
-    EXPECT_ENDS(4, refused);
-    EXPECT_THAT(refused.errors, HasSubstr("the name \"tavctl\" is not in "));
-    EXPECT_THAT(refused.errors, HasSubstr("what to do: tavctl allowlist add --key"));
-    Process alpha = place_.start("alpha");
-    alpha.ask("open alpha", "opened ");
-    EXPECT_ENDS(0, tavctl({"allowlist", "why", "alpha"}));
-    EXPECT_ENDS(1, tavctl({"allowlist", "why", "tavctl"}));
-    EXPECT_ENDS(0, tavctl({"allowlist", "why", std::to_string(alpha.pid())}));
-    place_.allow({"tavctl"});
-    const Outcome taken = tavctl({"listen", "alpha", "-c", "1"});
-    EXPECT_ENDS(1, taken);
-    EXPECT_THAT(taken.errors, HasSubstr("the endpoint name alpha is in use"));
+    EXPECT_THAT(expect(4, {"probe", "alpha"}),
+                ContainsRegex("the name \"tavctl\" is not in .*\n  what to do: tavctl allowlist add --key"));
 }
 
 TEST_F(Tavctl, ShowsTheIdentityAndMakesNoneUnasked) {
-    EXPECT_THAT(tavctl({"id"}).output, HasSubstr("4242, from the platform"));
-    std::ofstream(place_.config() / "agent.ini") << "[agent]\nlocation = 2\n";
-    const Outcome none = tavctl({"id", "--json"});
-    EXPECT_ENDS(1, none);
-    EXPECT_THAT(none.output, HasSubstr("\"agent_id\":0,\"source\":\"none\""));
-    EXPECT_THAT(tavctl({"probe", "alpha"}).errors, HasSubstr("there is no agent id"));
-    EXPECT_FALSE(std::filesystem::exists(place_.config() / "machineid"));
-    std::ofstream(place_.config() / "machineid") << "\x01\x02\x03\x04"
-                                                    "manager"
-                                                    "hostma";
-    EXPECT_THAT(tavctl({"id"}).output, HasSubstr("67305985, made from MAC addresses: 6d:61:6e:61:67:65"));
+    EXPECT_THAT(expect(0, {"id"}), HasSubstr("4242, from the platform"));
+    std::ofstream(config_ / "agent.ini") << "[agent]\nlocation = 2\n";
+    EXPECT_THAT(expect(1, {"id", "--json"}), HasSubstr("\"agent_id\":0,\"source\":\"none\""));
+    EXPECT_THAT(expect(1, {"probe", "alpha"}), HasSubstr("there is no agent id"));
+    EXPECT_FALSE(fs::exists(config_ / "machineid"));
+    std::ofstream(config_ / "machineid") << "\x01\x02\x03\x04managerhostma";
+    EXPECT_THAT(expect(0, {"id"}), HasSubstr("67305985, made from MAC addresses: 6d:61:6e:61:67:65"));
 }
 
 TEST_F(Tavctl, ExplainsADatagram) {
     std::string hex(120, '0');
     hex.replace(112, 8, "a599d619"); // the check value of an all-zero header, 0x19D699A5
-    EXPECT_ENDS(0, tavctl({"explain", hex}));
+    expect(0, {"explain", hex});
     hex.replace(88, 8, "01000000"); // size 1: nothing follows, and the check value differs
-    const Outcome wrong = tavctl({"explain"}, hex);
-    EXPECT_ENDS(1, wrong);
-    EXPECT_THAT(wrong.output, HasSubstr("WRONG: it should be 0x1C7621AC"));
-    EXPECT_ENDS(1, tavctl({"explain", "00"}));
-    EXPECT_ENDS(2, tavctl({"explain", "0g"}));
+    EXPECT_THAT(expect(1, {"explain"}, hex), HasSubstr("WRONG: it should be 0x1C7621AC"));
 }
 
 TEST_F(Tavctl, KeepsTheSignedList) {
-    const std::string here = place_.config().parent_path(), key = here + "/my.pem", open = here + "/my.pub",
-                      dir = here + "/new/config";
-    const Words with_key{"--key", key, "--dir", dir};
-    const auto list = [&](Words words) {
+    const std::string key = root_ / "my.pem", open = root_ / "my.pub", dir = root_ / "new/config";
+    const auto list = [&](int status, Words words) {
         words.insert(words.begin(), "allowlist");
-        words.insert(words.end(), with_key.begin(), with_key.end());
-        return tavctl(words);
+        words.insert(words.end(), {"--key", words[1] == "verify" ? open : key, "--dir", dir});
+        return expect(status, words);
     };
-    EXPECT_ENDS(0, tavctl({"allowlist", "keygen", "--private", key, "--public", open}));
-    struct stat info {};
-    EXPECT_TRUE(stat(key.c_str(), &info) == 0 && (info.st_mode & 0777) == 0600);
-    EXPECT_ENDS(1, tavctl({"allowlist", "keygen", "--private", key, "--public", open + "2"}))
-        << "never replaced";
-    EXPECT_ENDS(0, list({"add", "alpha", "beta"}));
-    EXPECT_ENDS(1, tavctl({"allowlist", "sign", "--key", key})) << "the library would refuse its own list";
-    EXPECT_ENDS(0, tavctl({"allowlist", "verify"}));
-    EXPECT_ENDS(0, list({"add", "beta", "gamma"}));
-    EXPECT_ENDS(0, list({"remove", "alpha"}));
-    EXPECT_ENDS(1, list({"remove", "alpha"}));
-    const auto verify = [&](const Words &names) {
-        Words words{"allowlist", "verify", "--key", open, "--dir", dir};
-        words.insert(words.end(), names.begin(), names.end());
-        return tavctl(words);
-    };
-    EXPECT_ENDS(0, verify({"beta", "gamma"}));
-    const Outcome partly = verify({"beta", "alpha"});
-    EXPECT_ENDS(1, partly);
-    EXPECT_THAT(partly.output, HasSubstr("2 names\nbeta: allowed\nalpha: NOT in the list\n"));
-    EXPECT_ENDS(1, tavctl({"allowlist", "verify", "--dir", dir})) << "the library's own key";
-    std::ofstream(dir + "/linux.json") << "{\"linux\":[1],  \"other\":{}}";
-    EXPECT_ENDS(1, verify({}));
-    EXPECT_ENDS(1, list({"add", "delta"})) << "what nobody signed is not signed along";
-    EXPECT_ENDS(0, list({"sign"}));
-    EXPECT_ENDS(0, verify({}));
-    EXPECT_ENDS(0, list({"add", "alpha"}));
-    std::ifstream file(dir + "/linux.json");
-    EXPECT_THAT(std::string(std::istreambuf_iterator<char>(file), {}), HasSubstr("\"other\"")) << "kept";
+    expect(0, {"allowlist", "keygen", "--private", key, "--public", open});
+    EXPECT_EQ(fs::status(key).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    expect(1, {"allowlist", "keygen", "--private", key, "--public", open + "2"}); // never replaced
+    expect(1, {"allowlist", "sign", "--key", key}); // the library would refuse its own list
+    list(0, {"add", "alpha", "beta", "gamma"});
+    list(0, {"remove", "alpha"});
+    EXPECT_THAT(list(1, {"verify", "beta", "alpha"}),
+                HasSubstr("2 names\nbeta: allowed\nalpha: NOT in the list\n"));
+    expect(1, {"allowlist", "verify", "--dir", dir}); // signed by another key than the library's
+    std::ofstream(dir + "/linux.json") << "{\"linux\":[1]}";
+    list(1, {"verify"});
+    list(1, {"add", "delta"}); // what nobody signed is not signed along
+    list(0, {"sign"});
+    list(0, {"verify"});
 }
 
 TEST_F(Tavctl, TellsWrongUsageFromFailure) {
-    for (const Words &wrong : {Words{},
-                               {"allowlist"},
-                               {"allowlist", "forge"},
-                               {"probe"},
-                               {"probe", "far too long"},
-                               {"probe", "alpha@256"},
-                               {"probe", ".."},
-                               {"probe", "alpha", "-c", "-1"},
-                               {"--agent", "", "id"},
-                               {"send", "alpha", "x", "--file", "y"},
-                               {"trace", "maybe"},
-                               {"allowlist", "add", "--key", "k", "bin/alpha"},
-                               {"listen", "a@3"}}) {
-        const Outcome outcome = tavctl(wrong);
-        EXPECT_ENDS(2, outcome);
-        EXPECT_NE(outcome.errors, "");
-    }
-    EXPECT_THAT(tavctl({"send", "--help"}).output, HasSubstr("--compress"));
-    EXPECT_THAT(tavctl({"--agent", "/nonexistent", "id"}).errors, HasSubstr("an agent has its own tavctl"));
-    EXPECT_THAT(tavctl({"--agent", place_.config().parent_path(), "id"}).output, HasSubstr("4242"));
+    const std::pair<Words, const char *> cases[] = {
+        {{}, "Usage: tavctl [OPTIONS] COMMAND"},
+        {{"prob", "alpha"}, "unknown command 'prob'; did you mean 'probe'?"},
+        {{"allowlist", "veriy"}, "did you mean 'verify'?"},
+        {{"xyz"}, "unknown command 'xyz'\n"},
+        {{"list", "-i", "3"}, "not expected: -i 3\n"},
+        {{"probe"}, "NAME is missing"},
+        {{"probe", "far too long"}, "is not an endpoint"},
+        {{"probe", "alpha@256"}, "a location is a number"},
+        {{"probe", "alpha", "-c", "-1"}, "-c: \"-1\" is not a valid number"},
+        {{"send", "alpha", "x", "--file", "y"}, "not both"},
+        {{"allowlist", "add", "beta"}, "--key is missing"},
+        {{"allowlist", "add", "--key", "k", "bin/alpha"}, "not the name of an executable"}};
+    for (const auto &[words, reason] : cases) EXPECT_THAT(expect(2, words), HasSubstr(reason));
+    EXPECT_THAT(expect(0, {"send", "--help"}), HasSubstr("--compress"));
+    EXPECT_THAT(expect(1, {"--agent", "/nonexistent", "id"}), HasSubstr("an agent has its own tavctl"));
+    EXPECT_THAT(expect(0, {"--agent", root_, "id"}), HasSubstr("4242"));
 }
 
 TEST_F(Tavctl, CompletesCommandsOptionsAndEndpoints) {
-    Process alpha = place_.start("alpha");
-    alpha.ask("open alpha", "opened ");
-    const std::string script = tavctl({"completion"}).output;
-    const auto complete = [&](const std::string &line) { // the last word is being completed
-        return run({"/bin/bash", "-c",
-                    script + "COMP_WORDS=(" + line +
-                        ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
-                        "_tavctl\nprintf '%s\\n' \"${COMPREPLY[@]}\""})
-            .output;
+    const auto alpha = start("alpha");
+    const std::string script = expect(0, {"completion"});
+    const auto complete = [&](const std::string &words) { // the last word is being completed
+        const std::string line =
+            "COMP_WORDS=(" + tool_ + " " + words + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n";
+        return run({"/bin/bash", "-c", script + line + "_tavctl; echo \"${COMPREPLY[@]}\""}).output;
     };
-    EXPECT_EQ(complete("tavctl pro"), "probe\n");
-    EXPECT_EQ(complete("tavctl allowlist ver"), "verify\n");
-    EXPECT_EQ(complete("tavctl --json probe --inter"), "--interval\n");
-    EXPECT_EQ(complete("tavctl trace o"), "on\noff\n");
-    EXPECT_EQ(complete(tool_ + " send -c 3 al"), "alpha\n");
+    EXPECT_EQ(complete("pro"), "probe\n");
+    EXPECT_EQ(complete("allowlist ver"), "verify\n");
+    EXPECT_EQ(complete("--json probe --inter"), "--interval\n");
+    EXPECT_EQ(complete("send -c 3 al"), "alpha\n");
 }
 
 } // namespace

@@ -43,11 +43,10 @@ std::set<std::string> candidates(const std::vector<std::string> &words) {
     if (value) return found;
     for (const Option &option : options)
         if (!option.argument) found.insert(option.names.begin(), option.names.end());
-    for (const Command &command : commands()) {
-        const std::string name = command.name, rest = path.empty() ? name : name.substr(path.size() + 1);
-        if (!complete && (path.empty() || name.starts_with(path + " ")))
-            found.insert(rest.substr(0, rest.find(' ')));
-    }
+    const std::string prefix = path + (path.empty() ? "" : " ");
+    for (const Command &command : commands())
+        if (const std::string name = command.name; !complete && name.starts_with(prefix))
+            found.insert(name.substr(prefix.size(), name.find(' ', prefix.size()) - prefix.size()));
     if (path == "trace") found.insert({"on", "off", "show"});
     for (const char *talking : {"probe", "send", "request", "sendfile"})
         if (path == talking && place == 0) found.merge(live_names());
