@@ -247,7 +247,7 @@ TEST_F(Tavctl, FilesArriveWholeAndReplaceNone) {
 TEST_F(Tavctl, RefusesFilesWithTheReason) {
     const auto alpha = start("alpha");
     expect(1, {"sendfile", "alpha", write(10)}, "alpha accepts no files");
-    expect(1, {"sendfile", "alpha", "/dev/null"}, "not a regular file but a device");
+    expect(1, {"sendfile", "alpha", "/dev/null"}, "is not a regular file");
     expect(1, {"recvfile", "/proc"}, "cannot write to /proc");
 }
 

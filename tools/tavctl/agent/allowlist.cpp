@@ -13,6 +13,7 @@
 #include "cli/console.h"
 #include "cli/files.h"
 #include "cli/problem.h"
+#include "tavbase.h"
 
 namespace fs = std::filesystem;
 
@@ -32,14 +33,11 @@ std::string base64_encode(const std::string &bytes) {
 }
 
 // Empty when the text is not base64.
-std::string base64_decode(std::string text) {
-    while (text.ends_with('\n') || text.ends_with('\r')) text.pop_back();
-    std::string bytes(text.size() / 4 * 3 + 3, '\0');
-    const int size =
-        EVP_DecodeBlock(bytes_of(bytes), bytes_of(std::string_view(text)), static_cast<int>(text.size()));
-    if (size < 0) return {};
-    const auto padding = std::min<ptrdiff_t>(std::count(text.begin(), text.end(), '='), size);
-    bytes.resize(static_cast<size_t>(size - padding));
+std::string base64_decode(const std::string &text) {
+    std::string bytes(text.size(), '\0');
+    const int size = Base64_Decode(text.data(), static_cast<int>(text.size()), bytes_of(bytes),
+                                   static_cast<int>(bytes.size()));
+    bytes.resize(static_cast<size_t>(std::max(size, 0)));
     return bytes;
 }
 
@@ -71,32 +69,21 @@ Json parse(const std::string &list, const std::string &path) {
 }
 
 Verdict judge(const fs::path &executable) {
-    const auto refused = [](std::string reason, std::string remedy) {
-        return Verdict{false, std::move(reason), std::move(remedy)};
-    };
     const std::string name = executable.filename();
     const SignedList files(config_beside(executable));
-    const std::string add = files.command("add", {name});
-    std::string list;
+    std::string remedy = files.command("add", {name}); // of the step that throws
     try {
-        list = files.read_list();
-    } catch (const Problem &problem) {
-        return refused(std::string(problem.what()) + " (the list lies beside the executable's directory)",
-                       add);
-    }
-    try {
+        const std::string list = files.read_list();
+        remedy = files.command("sign");
         if (!files.is_signed_by(built_in_key().get(), list))
-            return refused(files.signature_path + " is not a signature of " + files.list_path +
-                               " by the key compiled into the library",
-                           "sign the list with that key's private half: " + files.command("sign"));
+            throw Problem(files.signature_path + " is not a signature of " + files.list_path +
+                          " by the key compiled into the library");
+        remedy.clear(); // the problem has one
+        const auto entries = files.entries_of(list);
+        remedy = files.command("add", {name});
+        if (!contains(entries, name)) throw Problem("the name \"" + name + "\" is not in " + files.list_path);
     } catch (const Problem &problem) {
-        return refused(problem.what(), files.command("sign"));
-    }
-    try {
-        if (!contains(files.entries_of(list), name))
-            return refused("the name \"" + name + "\" is not in " + files.list_path, add);
-    } catch (const Problem &problem) {
-        return refused(problem.what(), problem.remedy());
+        return {false, problem.what(), remedy.empty() ? problem.remedy() : remedy};
     }
     return {true, "the name \"" + name + "\" is in " + files.list_path + ", whose signature is valid", {}};
 }

@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <clocale>
 #include <cmath>
 #include <cstdio>
+#include <cwchar>
+#include <cwctype>
 #include <iostream>
 
 #include <sys/ioctl.h>
@@ -21,35 +24,20 @@ std::string formatted(const char *format, double number, const char *unit) {
     return text;
 }
 
-// Bytes of the UTF-8 sequence at the front; 0 when it is not valid.
-size_t utf8_length(std::string_view bytes) {
-    const auto at = [&](size_t i) { return static_cast<unsigned char>(bytes[i]); };
-    const unsigned char first = at(0);
-    const size_t length = first < 0x80                    ? 1
-                          : first >= 0xC2 && first < 0xE0 ? 2
-                          : first >= 0xE0 && first < 0xF0 ? 3
-                          : first >= 0xF0 && first < 0xF5 ? 4
-                                                          : 0;
-    if (length == 0 || length > bytes.size()) return 0;
-    for (size_t i = 1; i < length; ++i)
-        if ((at(i) & 0xC0) != 0x80) return 0;
-    if (length == 3 && ((first == 0xE0 && at(1) < 0xA0) || (first == 0xED && at(1) >= 0xA0))) return 0;
-    if (length == 4 && ((first == 0xF0 && at(1) < 0x90) || (first == 0xF4 && at(1) >= 0x90))) return 0;
-    return length;
-}
-
-bool is_control(std::string_view bytes, size_t length) {
-    const auto first = static_cast<unsigned char>(bytes[0]);
-    if (length == 1) return first < 0x20 || first == 0x7F;
-    return first == 0xC2 && static_cast<unsigned char>(bytes[1]) < 0xA0; // C1 controls
-}
-
-// Offset of each character; a byte that is not valid UTF-8 counts as one.
+// Calls visit with the offset and length of each character, and whether it may be shown. A byte that is not
+// UTF-8 counts as a character that may not.
 template <class Visit> void for_each_character(std::string_view text, Visit visit) {
-    for (size_t at = 0, length; at < text.size(); at += std::max<size_t>(1, length)) {
-        length = utf8_length(text.substr(at));
-        visit(at, length);
+    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    const locale_t before = uselocale(utf8);
+    for (size_t at = 0, length; at < text.size(); at += length) {
+        wchar_t character = 0;
+        mbstate_t state{};
+        length = mbrtowc(&character, &text[at], text.size() - at, &state);
+        const bool valid = length != 0 && length <= text.size() - at;
+        if (!valid) length = 1;
+        visit(at, length, valid && !iswcntrl(static_cast<wint_t>(character)));
     }
+    uselocale(before);
 }
 
 std::string json_string(std::string_view text) {
@@ -213,14 +201,14 @@ std::string Stamp::rfc3339() const {
 
 std::string padded(std::string text, size_t width) {
     size_t characters = 0;
-    for_each_character(text, [&](size_t, size_t) { ++characters; });
+    for_each_character(text, [&](size_t, size_t, bool) { ++characters; });
     if (characters < width) text.append(width - characters, ' ');
     return text;
 }
 
 std::string fit(const std::string &text, unsigned columns) {
     size_t characters = 0, end = text.size();
-    for_each_character(text, [&](size_t at, size_t) {
+    for_each_character(text, [&](size_t at, size_t, bool) {
         if (columns > 3 && characters++ == columns - 3) end = at;
     });
     if (columns <= 3 || characters <= columns) return text;
@@ -229,21 +217,16 @@ std::string fit(const std::string &text, unsigned columns) {
 
 bool is_text(std::string_view bytes) {
     bool valid = true;
-    for_each_character(bytes, [&](size_t at, size_t length) {
-        const bool white = std::string_view("\t\r\n").find(bytes[at]) != std::string_view::npos;
-        valid = valid && length > 0 && (white || !is_control(bytes.substr(at), length));
+    for_each_character(bytes, [&](size_t at, size_t, bool fit) {
+        valid = valid && (fit || bytes[at] == '\t' || bytes[at] == '\r' || bytes[at] == '\n');
     });
     return valid;
 }
 
 std::string harmless(std::string_view text) {
     std::string result;
-    for_each_character(text, [&](size_t at, size_t length) {
-        const bool white = text[at] == '\t' || text[at] == '\n';
-        if (white || (length > 0 && !is_control(text.substr(at), length)))
-            result += text.substr(at, length);
-        else
-            result += '?';
+    for_each_character(text, [&](size_t at, size_t length, bool fit) {
+        result += fit || text[at] == '\t' || text[at] == '\n' ? text.substr(at, length) : "?";
     });
     return result;
 }

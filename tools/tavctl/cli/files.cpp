@@ -30,10 +30,6 @@ std::string real_path(const std::string &path) {
     return real ? real.get() : path;
 }
 
-Problem not_regular(const std::string &path) {
-    return Problem(path + " is not a regular file", "move it away");
-}
-
 } // namespace
 
 std::string read_descriptor(int fd, const std::string &name, size_t limit) {
@@ -56,41 +52,39 @@ std::string read_file(const std::string &path, size_t limit) {
     return read_descriptor(file.get(), path, limit);
 }
 
-std::string read_regular_file(const std::string &path, size_t limit) {
-    const UniqueFd file = tavipc::open_regular(path.c_str(), O_RDONLY | O_NOCTTY);
-    if (!file && (errno == EISDIR || errno == EINVAL)) throw not_regular(path);
+UniqueFd open_regular_file(const std::string &path) {
+    UniqueFd file = tavipc::open_regular(path.c_str(), O_RDONLY | O_NOCTTY);
+    if (!file && (errno == EISDIR || errno == EINVAL))
+        throw Problem(path + " is not a regular file", "give a regular file, or move it away");
     if (!file) throw system_problem("cannot open " + path);
-    return read_descriptor(file.get(), path, limit);
+    return file;
+}
+
+std::string read_regular_file(const std::string &path, size_t limit) {
+    return read_descriptor(open_regular_file(path).get(), path, limit);
 }
 
 NewFile::NewFile(const std::string &path, std::string_view content, unsigned mode)
     : path_(real_path(path)), temporary_(path_ + ".tmp" + std::to_string(::getpid())) {
-    ::unlink(temporary_.c_str()); // of a killed process with the same id
-    const UniqueFd file(::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!file) throw system_problem("cannot create " + temporary_, "may this user write there?");
-    try {
-        struct stat before {};
-        if (::stat(path_.c_str(), &before) == 0) {
-            if (!S_ISREG(before.st_mode)) throw not_regular(path_);
-            mode = before.st_mode & 0777;
-            if (::fchown(file.get(), before.st_uid, before.st_gid) != 0) errno = 0; // this user owns it then
-        }
-        if (::fchmod(file.get(), mode) != 0) throw system_problem("cannot set the mode of " + temporary_);
-        write_all(file.get(), content, temporary_);
-        if (::fsync(file.get()) != 0) throw system_problem("cannot write " + temporary_);
-    } catch (...) {
-        ::unlink(temporary_.c_str());
-        throw;
+    ::unlink(temporary_.path.c_str()); // of a killed process with the same id
+    const UniqueFd file(::open(temporary_.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file) throw system_problem("cannot create " + temporary_.path, "may this user write there?");
+    struct stat before {};
+    if (::stat(path_.c_str(), &before) == 0) {
+        static_cast<void>(open_regular_file(path_)); // throws for other kinds
+        mode = before.st_mode & 0777;
+        if (::fchown(file.get(), before.st_uid, before.st_gid) != 0) errno = 0; // this user owns it then
     }
+    if (::fchmod(file.get(), mode) != 0) throw system_problem("cannot set the mode of " + temporary_.path);
+    write_all(file.get(), content, temporary_.path);
+    if (::fsync(file.get()) != 0) throw system_problem("cannot write " + temporary_.path);
 }
 
-NewFile::~NewFile() {
-    if (!temporary_.empty()) ::unlink(temporary_.c_str());
-}
+NewFile::Temporary::~Temporary() { ::unlink(path.c_str()); }
 
 void NewFile::put() {
-    if (::rename(temporary_.c_str(), path_.c_str()) != 0) throw system_problem("cannot replace " + path_);
-    temporary_.clear();
+    if (::rename(temporary_.path.c_str(), path_.c_str()) != 0)
+        throw system_problem("cannot replace " + path_);
 }
 
 void write_file(const std::string &path, std::string_view content, unsigned mode) {

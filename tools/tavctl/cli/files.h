@@ -3,6 +3,9 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "common/unique_fd.h"
 
 namespace tavctl {
 
@@ -13,18 +16,24 @@ inline constexpr size_t kMaxFileSize = 10'485'760; // bytes: what the library re
 std::string read_file(const std::string &path, size_t limit = kMaxFileSize);
 std::string read_regular_file(const std::string &path, size_t limit = kMaxFileSize);
 std::string read_descriptor(int fd, const std::string &name, size_t limit);
+tavipc::UniqueFd open_regular_file(const std::string &path);
 
 // A new file that replaces path in one step: a reader sees the old file or the whole new one. The old file's
 // mode and owner are kept; mode is for a file that did not exist.
 class NewFile {
   public:
     NewFile(const std::string &path, std::string_view content, unsigned mode = 0644);
-    ~NewFile();
-    NewFile(const NewFile &) = delete;
     void put();
 
   private:
-    std::string path_, temporary_;
+    struct Temporary {
+        explicit Temporary(std::string name) : path(std::move(name)) {}
+        ~Temporary(); // removes it, if put has not renamed it
+        Temporary(const Temporary &) = delete;
+        const std::string path;
+    };
+    const std::string path_;
+    const Temporary temporary_;
 };
 void write_file(const std::string &path, std::string_view content, unsigned mode = 0644);
 

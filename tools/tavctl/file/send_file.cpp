@@ -2,11 +2,10 @@
 #include <algorithm>
 #include <cmath>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
+#include "cli/files.h"
 #include "commands.h"
-#include "common/unique_fd.h"
 #include "file/digest.h"
 #include "module/library_state.h"
 #include "module/module.h"
@@ -14,31 +13,7 @@
 namespace tavctl {
 namespace {
 
-using tavipc::UniqueFd;
-
 constexpr uint64_t kChunk = TAV_IPC_FRAGMENT_PAYLOAD; // bytes
-
-void refuse_other_kinds(const std::string &name, mode_t mode) {
-    if (S_ISREG(mode)) return;
-    const char *kind = S_ISDIR(mode)    ? "a directory"
-                       : S_ISFIFO(mode) ? "a pipe"
-                       : S_ISSOCK(mode) ? "a socket"
-                                        : "a device";
-    throw Problem(name + " is not a regular file but " + kind,
-                  S_ISDIR(mode) ? "pack it into one file first: tar -cf FILE " + quoted(name)
-                                : "write its output to a file first");
-}
-
-UniqueFd open_source(const std::string &path, struct stat &info) {
-    const std::string name = harmless(path);
-    if (stat(path.c_str(), &info) != 0) throw system_problem("cannot find the file " + name);
-    refuse_other_kinds(name, info.st_mode); // before it is opened, which has effects on pipes and devices
-    UniqueFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!file || fstat(file.get(), &info) != 0)
-        throw system_problem("cannot read " + name, "run tavctl as a user who may read it");
-    refuse_other_kinds(name, info.st_mode);
-    return file;
-}
 
 // Shows how far a transfer is: on a terminal ten times a second, elsewhere every ten seconds.
 class Progress {
@@ -121,8 +96,9 @@ void say_delivered(Console &out, Record &&record, const Exchange &transfer, int 
 int send_file(Console &out, const Args &args) {
     const tav_addr_st destination = parse_address(args.text("NAME"));
     const std::string path = args.text("FILE");
+    const tavipc::UniqueFd file = open_regular_file(path);
     struct stat info {};
-    const UniqueFd file = open_source(path, info);
+    fstat(file.get(), &info);
     const auto size = static_cast<uint64_t>(info.st_size);
     catch_interrupts();
     Exchange transfer;

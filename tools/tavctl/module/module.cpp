@@ -102,30 +102,26 @@ int Exchange::on_status(int32_t code, void *exchange) {
 Problem silence(const tav_addr_st &address) {
     const int own = tav_get_location(), location = address.loc != 0 ? address.loc : own;
     const std::string path = socket_directory(location) + "/" + name_text(address);
-    const auto because = [&](const std::string &reason, const std::string &remedy) {
-        return Problem("no answer from " + address_text(address) + reason, remedy, kNoAnswer);
-    };
+    const std::string silent = "no answer from " + address_text(address);
     if (location != own)
-        return because("", "messages for another location go through its proxy endpoint: does it run? "
-                           "tavctl list");
-    switch (probe_socket(path)) {
-    case SocketState::kMissing:
-        return because(": there is no socket " + path,
-                       "start the module, or see which endpoints there are: tavctl list");
-    case SocketState::kStale:
-        return because(": the socket " + path + " is stale, its process is gone",
-                       "start the module again; tavctl list --clean removes the file");
-    case SocketState::kForbidden:
-        return because(": " + path + " may not be written by this user",
-                       "run tavctl as the user of the module, or as root");
-    case SocketState::kNoSocket:
-        return because(": " + path + " is not a socket", "see whose it is, and move it away");
-    case SocketState::kLive:
-        break;
-    }
-    return because(", although its socket is open",
-                   "its process is busy or stopped, or its application does not answer: tavctl probe " +
-                       name_text(address) + " asks the library in it; tavctl list shows its process");
+        return Problem(
+            silent, "messages for another location go through its proxy endpoint: does it run? tavctl list",
+            kNoAnswer);
+    const struct {
+        std::string reason, remedy;
+    } reasons[] = {
+        // by SocketState
+        {": there is no socket " + path, "start the module, or see which endpoints there are: tavctl list"},
+        {", although its socket is open",
+         "its process is busy or stopped, or its application does not answer: tavctl probe " +
+             name_text(address) + " asks the library in it; tavctl list shows its process"},
+        {": the socket " + path + " is stale, its process is gone",
+         "start the module again; tavctl list --clean removes the file"},
+        {": " + path + " may not be written by this user",
+         "run tavctl as the user of the module, or as root"},
+        {": " + path + " is not a socket", "see whose it is, and move it away"}};
+    const auto &[reason, remedy] = reasons[static_cast<size_t>(probe_socket(path))];
+    return Problem(silent + reason, remedy, kNoAnswer);
 }
 
 Problem failed_exchange(const tav_addr_st &address, int code) {
