@@ -8,7 +8,7 @@
     "-f, --file FILE  The payload is this file (-: standard input)\n"                                        \
     "--hex  DATA is hexadecimal text\n"                                                                      \
     "--app  An application message with this body\n"                                                         \
-    "--priority N:0-255  Its priority, 0 to 255 (0 counts as 4; 7 and more are urgent)\n"                    \
+    "--priority N:0-255  Priority 0 to 255 (0 counts as 4; 7 or more: urgent)\n"                             \
     "--compress  Its body may travel compressed\n"
 #define SHOWN                                                                                                \
     "--hexdump  Payloads as hexadecimal rows, also where they are text\n"                                    \

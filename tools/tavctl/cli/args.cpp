@@ -90,7 +90,8 @@ class CommandLine {
             const std::string name = command.name;
             if (name == path) {
                 command_ = &command;
-                for (Option &option : options_of(command.usage)) options_.push_back(std::move(option));
+                const std::vector<Option> own = options_of(command.usage);
+                options_.insert(options_.begin(), own.begin(), own.end());
             }
             if (name == path || name.starts_with(path + " ")) {
                 path_ = path;
