@@ -46,7 +46,5 @@ struct AgentState {
     bool has_id = false;    // from the platform or stored: an endpoint need not make one
 };
 AgentState check_agent(Findings &findings);
-// doctor_machine.cpp
-void check_machine(Findings &findings);
 
 } // namespace tavctl

@@ -141,13 +141,10 @@ Finding check_modules() {
     const auto entries = files.entries_of(files.read_list());
     size_t allowed = 0;
     std::vector<std::string> refused;
-    std::error_code error;
-    for (const auto &entry : fs::directory_iterator(bin, error)) {
+    for (const fs::path &path : files_in(bin)) {
         std::error_code gone;
-        const std::string name = entry.path().filename();
-        if (entry.symlink_status(gone).type() != fs::file_type::regular ||
-            access(entry.path().c_str(), X_OK) != 0)
-            continue;
+        const std::string name = path.filename();
+        if (!fs::is_regular_file(fs::symlink_status(path, gone)) || access(path.c_str(), X_OK) != 0) continue;
         if (contains(entries, name))
             ++allowed;
         else

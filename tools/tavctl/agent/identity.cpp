@@ -23,46 +23,38 @@ constexpr size_t kMac = 6; // bytes
 
 std::string mac_text(std::string_view bytes) {
     std::string text;
-    for (size_t i = 0; i < bytes.size(); ++i) text += (i ? ":" : "") + hex_of(bytes.substr(i, 1));
+    for (size_t i = 0; i < kMac && i < bytes.size(); ++i) text += (i ? ":" : "") + hex_of(bytes.substr(i, 1));
     return text;
 }
 
 // The contents of the file machineid.
 struct Stored {
     unsigned id = 0;
-    std::string manager_mac;
+    std::string manager_mac, text = "there is none";
     std::vector<std::string> macs;
-    std::string text;
 
     explicit Stored(const std::string &path) {
+        if (access(path.c_str(), F_OK) != 0) return;
         try {
-            if (access(path.c_str(), F_OK) == 0)
-                read(path);
-            else
-                text = "there is none";
+            read(read_regular_file(path, 65536), path);
         } catch (const Problem &problem) {
             text = problem.what();
         }
     }
 
   private:
-    void read(const std::string &path) {
-        const std::string bytes = read_regular_file(path, 65536);
+    void read(std::string_view bytes, const std::string &path) {
         id = ReadAgentid(path.c_str());
-        if (bytes.size() < sizeof id)
-            text = "too short: " + std::to_string(bytes.size()) + " bytes";
-        else if (bytes.size() == sizeof id)
-            text = std::to_string(id) + ", without addresses: made from a VM id, or stored by a program";
-        else
-            read_addresses(std::string_view(bytes).substr(sizeof id));
-    }
-    void read_addresses(std::string_view bytes) {
-        manager_mac = mac_text(bytes.substr(0, kMac));
-        for (size_t at = kMac; at + kMac <= bytes.size(); at += kMac)
-            macs.push_back(mac_text(bytes.substr(at, kMac)));
+        text = std::to_string(id) + ", without addresses: made from a VM id, or stored by a program";
+        if (bytes.size() < sizeof id) text = "too short: " + std::to_string(bytes.size()) + " bytes";
+        if (bytes.size() <= sizeof id) return;
+        manager_mac = mac_text(bytes.substr(sizeof id));
         text = std::to_string(id) + ", made from MAC addresses: " + manager_mac +
                " towards the manager; of this host";
-        for (const std::string &mac : macs) text += " " + mac;
+        for (size_t at = sizeof id + kMac; at + kMac <= bytes.size(); at += kMac) {
+            macs.push_back(mac_text(bytes.substr(at)));
+            text += " " + macs.back();
+        }
         if (macs.empty()) text += " none";
     }
 };

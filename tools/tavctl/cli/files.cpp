@@ -64,6 +64,15 @@ std::string read_regular_file(const std::string &path, size_t limit) {
     return read_descriptor(open_regular_file(path).get(), path, limit);
 }
 
+std::vector<std::filesystem::path> files_in(const std::string &directory) {
+    std::vector<std::filesystem::path> paths;
+    std::error_code error;
+    for (auto entry = std::filesystem::directory_iterator(directory, error);
+         !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
+        paths.push_back(entry->path());
+    return paths;
+}
+
 NewFile::NewFile(const std::string &path, std::string_view content, unsigned mode)
     : path_(real_path(path)), temporary_(path_ + ".tmp" + std::to_string(::getpid())) {
     ::unlink(temporary_.path.c_str()); // of a killed process with the same id

@@ -1,9 +1,11 @@
 // Small files, read and replaced whole.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "common/unique_fd.h"
 
@@ -17,6 +19,9 @@ std::string read_file(const std::string &path, size_t limit = kMaxFileSize);
 std::string read_regular_file(const std::string &path, size_t limit = kMaxFileSize);
 std::string read_descriptor(int fd, const std::string &name, size_t limit);
 tavipc::UniqueFd open_regular_file(const std::string &path);
+
+// The paths in a directory, in no order; none of one that cannot be read.
+std::vector<std::filesystem::path> files_in(const std::string &directory);
 
 // A new file that replaces path in one step: a reader sees the old file or the whole new one. The old file's
 // mode and owner are kept; mode is for a file that did not exist.

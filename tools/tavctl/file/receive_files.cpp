@@ -2,6 +2,7 @@
 // library passes only a temporary path; the sender and the file's name there are not known.
 #include <deque>
 #include <filesystem>
+#include <future>
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,6 +1,7 @@
 // tavctl sendfile: sends a whole file, with its progress and its digest.
 #include <algorithm>
 #include <cmath>
+#include <future>
 
 #include <sys/stat.h>
 
@@ -109,7 +110,12 @@ int send_file(Console &out, const Args &args) {
         tav_ipc_send_file(module, &destination, ("/proc/self/fd/" + std::to_string(file.get())).c_str(),
                           Exchange::on_status, &transfer, static_cast<int32_t>(args.number("timeout")));
     });
-    BackgroundDigest background(file.get());
+    std::atomic<bool> stop = false;
+    std::future<FileDigest> background = std::async([&] { return digest_of(file.get(), stop); });
+    const struct Stopper { // before the future waits for its thread
+        std::atomic<bool> &stop;
+        ~Stopper() { stop = true; }
+    } stopper{stop};
     const bool tracked = position.get() || size <= kChunk;
     const Wait wait = run_until([&] {
         if (tracked && !transfer.ended && progress.due()) {

@@ -8,13 +8,11 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
-#include <memory>
 #include <set>
 #include <sstream>
 #include <tuple>
 #include <unordered_map>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/file.h>
@@ -90,15 +88,13 @@ std::unordered_map<uint64_t, Owner> find_owners(const Inodes &sockets) {
     std::set<uint64_t> wanted;
     for (const auto &[path, inode] : sockets) wanted.insert(inode);
     std::unordered_map<uint64_t, Owner> owners;
-    std::error_code error;
-    for (const auto &process : fs::directory_iterator("/proc", error)) {
-        const std::string directory = process.path();
-        const long number = number_of(process.path().filename().native());
-        std::error_code gone; // or not visible to this user
-        for (auto fd = fs::directory_iterator(number > 0 ? directory + "/fd" : "", gone);
-             !gone && fd != fs::directory_iterator(); fd.increment(gone)) {
+    for (const fs::path &process : files_in("/proc")) {
+        const std::string directory = process;
+        const long number = number_of(process.filename().native());
+        if (number < 0) continue;
+        for (const fs::path &fd : files_in(directory + "/fd")) { // none of what this user may not see
             std::error_code closed;
-            const std::string target = fs::read_symlink(fd->path(), closed);
+            const std::string target = fs::read_symlink(fd, closed);
             unsigned long long inode = 0;
             if (std::sscanf(target.c_str(), "socket:[%llu]", &inode) != 1 || !wanted.contains(inode) ||
                 owners.contains(inode))
@@ -136,13 +132,10 @@ class Finder {
         directory.named = named;
     }
     void add_below(const std::string &base, bool own, bool named) {
-        std::error_code error;
-        for (auto entry = fs::directory_iterator(base, error); !error && entry != fs::directory_iterator();
-             entry.increment(error)) {
-            const std::string name = entry->path().filename();
+        for (const fs::path &path : files_in(base)) {
             std::error_code gone;
-            if (const long location = location_of(name); location >= 0 && entry->is_directory(gone))
-                add((fs::path(base) / name).string(), location, own, named);
+            const long location = location_of(path.filename().native());
+            if (location >= 0 && fs::is_directory(path, gone)) add(path.string(), location, own, named);
         }
     }
     // Adds those that lie below /var without links: a link counts only when somebody names it.
@@ -197,16 +190,11 @@ UniqueFd open_directory(const std::string &path) {
 
 void read_directory(SocketDirectory &directory) {
     const UniqueFd files = open_directory(directory.path);
-    const std::unique_ptr<DIR, int (*)(DIR *)> stream(files ? fdopendir(dup(files.get())) : nullptr,
-                                                      closedir);
-    if (!stream) {
-        directory.error = std::strerror(errno);
-        return;
-    }
-    while (const dirent *entry = readdir(stream.get())) {
+    if (!files) directory.error = std::strerror(errno);
+    if (!files) return;
+    for (const fs::path &path : files_in("/proc/self/fd/" + std::to_string(files.get()))) {
         SocketFile file;
-        file.name = entry->d_name;
-        if (file.name == "." || file.name == "..") continue;
+        file.name = path.filename();
         if (!look_at(files, file))
             ++directory.strange;
         else if (file.state != SocketState::kMissing)

@@ -155,30 +155,35 @@ struct Datagram {
                    "a receiver drops it";
         return {};
     }
-    std::string text() const;
 };
 
-std::string Datagram::text() const {
-    std::string text;
-    const auto line = [&](int offset, const char *field, const std::string &value) {
-        text += (text.empty() ? "" : "\n") + std::string(offset < 10 ? " " : "") + std::to_string(offset) +
-                "  " + padded(field, 11) + value;
-    };
-    line(0, "dest", address_line(header.dest));
-    line(16, "src", address_line(header.src));
-    line(32, "reqid", std::to_string(header.reqid));
-    line(36, "flags", hex_number(header.flags, 4) + ": " + flags_text(header.flags, kMessageFlags));
-    line(38, "rflags", hex_number(header.rflags, 4));
-    line(40, "cmd", std::to_string(header.cmd));
-    line(44, "size", grouped(header.size) + " bytes");
-    line(48, "frag_orig", grouped(header.frag_orig) + (fragment ? " bytes in the whole message" : ""));
-    line(52, "frag_word", fragment ? "fragment " + std::to_string(sequence) : "not a fragment");
-    line(54, "frag_id", std::to_string(header.frag_id));
-    line(56, "magic",
-         hex_number(header.magic, 8) +
-             (header.magic == expected ? ", right" : ", WRONG: it should be " + hex_number(expected, 8)));
-    line(60, "payload", grouped(payload) + " bytes here");
-    return text;
+constexpr char kHeader[] = R"( 0  dest       {dest}
+16  src        {src}
+32  reqid      {reqid}
+36  flags      {flags}
+38  rflags     {rflags}
+40  cmd        {cmd}
+44  size       {size,} bytes
+48  frag_orig  {frag_orig,}{whole}
+52  frag_word  {fragment}
+54  frag_id    {frag_id}
+56  magic      {magic}
+60  payload    {payload,} bytes here)";
+
+std::string text_of(const Datagram &datagram) {
+    const tav_ipc_hdr_st &header = datagram.header;
+    const std::string expected = hex_number(datagram.expected, 8);
+    Record text("dest", address_line(header.dest), "src", address_line(header.src), "reqid", header.reqid);
+    text.add("flags", hex_number(header.flags, 4) + ": " + flags_text(header.flags, kMessageFlags));
+    text.add("rflags", hex_number(header.rflags, 4), "cmd", header.cmd, "size", header.size);
+    text.add("frag_orig", header.frag_orig, "whole", datagram.fragment ? " bytes in the whole message" : "");
+    text.add("fragment",
+             datagram.fragment ? "fragment " + std::to_string(datagram.sequence) : "not a fragment");
+    text.add("frag_id", header.frag_id, "payload", datagram.payload);
+    text.add("magic",
+             hex_number(header.magic, 8) +
+                 (header.magic == datagram.expected ? ", right" : ", WRONG: it should be " + expected));
+    return text.fill(kHeader);
 }
 
 } // namespace
@@ -207,7 +212,7 @@ int explain(Console &out, const Args &args) {
                header.frag_orig);
     record.add("fragment", datagram.fragment, "sequence", datagram.sequence, "frag_id", header.frag_id);
     record.add("magic", header.magic, "magic_expected", datagram.expected, "payload", datagram.payload);
-    out.say(record.add("valid", objection.empty()), "", datagram.text());
+    out.say(record.add("valid", objection.empty()), "", text_of(datagram));
     if (!objection.empty()) out.tell("  " + objection);
     return objection.empty() ? kSuccess : kFailure;
 }

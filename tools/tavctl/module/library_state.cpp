@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "cli/console.h"
+#include "cli/files.h"
 #include "common/facts.h"
 #include "common/unique_fd.h"
 #include "module/module.h"
@@ -73,13 +74,12 @@ unsigned drop_unfinished_files() {
     constexpr std::string_view kPattern = tavipc::kReceivedFile,
                                kPrefix = kPattern.substr(0, kPattern.find('X'));
     unsigned count = 0;
-    std::error_code error;
-    for (const auto &entry : fs::directory_iterator("/proc/self/fd", error)) {
+    for (const fs::path &fd : files_in("/proc/self/fd")) {
         std::error_code closed;
-        const std::string target = fs::read_symlink(entry.path(), closed).string();
-        const bool writes =
-            (entry.symlink_status(closed).permissions() & fs::perms::owner_write) != fs::perms::none;
-        if (!closed && writes && target.starts_with(kPrefix) && unlink(target.c_str()) == 0) ++count;
+        const std::string target = fs::read_symlink(fd, closed);
+        const fs::perms mode = fs::symlink_status(fd, closed).permissions();
+        const bool writes = !closed && (mode & fs::perms::owner_write) != fs::perms::none;
+        if (writes && target.starts_with(kPrefix) && unlink(target.c_str()) == 0) ++count;
     }
     return count;
 }
