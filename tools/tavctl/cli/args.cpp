@@ -17,7 +17,7 @@ namespace {
 constexpr size_t kHelpColumn = 28;
 constexpr char kAbout[] =
     "Looks at the endpoints of an agent's modules, talks to them, and keeps the signed allow-list.\n";
-constexpr char kFooter[] = "\n\nAn endpoint is given as NAME or NAME@LOCATION.\n"
+constexpr char kFooter[] = "\nAn endpoint is given as NAME or NAME@LOCATION.\n"
                            "Exit status: 0 done; 1 failed or refused; 2 wrong usage; 3 nobody answered;\n"
                            "4 the tool itself may not open an endpoint.\n"
                            "See tavctl COMMAND --help and tavctl(1).\n";
@@ -182,7 +182,7 @@ std::string CommandLine::help() const {
     if (!argument_lines.empty()) text += "\nArguments:\n" + argument_lines;
     text += "\nOptions:\n" + option_lines;
     if (!command_lines.empty()) text += "\nCommands:\n" + command_lines;
-    return text + (path_.empty() ? kFooter + 1 : "");
+    return text + (path_.empty() ? kFooter : "");
 }
 
 // Passes everything but --agent on to the other tool.
@@ -236,7 +236,7 @@ Option::Option(const std::string &line) : argument(line[0] != '-') {
     }
     const auto cut = [this](const char *mark) { // removes what follows the mark from the value
         const size_t at = std::min(value.find(mark), value.size());
-        const std::string rest = value.substr(std::min(at + 1, value.size()));
+        std::string rest = value.substr(std::min(at + 1, value.size()));
         value.resize(at);
         return rest;
     };

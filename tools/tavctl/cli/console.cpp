@@ -217,16 +217,16 @@ std::string fit(const std::string &text, unsigned columns) {
 
 bool is_text(std::string_view bytes) {
     bool valid = true;
-    for_each_character(bytes, [&](size_t at, size_t, bool fit) {
-        valid = valid && (fit || bytes[at] == '\t' || bytes[at] == '\r' || bytes[at] == '\n');
+    for_each_character(bytes, [&](size_t at, size_t, bool shown) {
+        valid = valid && (shown || bytes[at] == '\t' || bytes[at] == '\r' || bytes[at] == '\n');
     });
     return valid;
 }
 
 std::string harmless(std::string_view text) {
     std::string result;
-    for_each_character(text, [&](size_t at, size_t length, bool fit) {
-        result += fit || text[at] == '\t' || text[at] == '\n' ? text.substr(at, length) : "?";
+    for_each_character(text, [&](size_t at, size_t length, bool shown) {
+        result += shown || text[at] == '\t' || text[at] == '\n' ? text.substr(at, length) : "?";
     });
     return result;
 }

@@ -52,7 +52,7 @@ Problem cannot_move(const std::string &what, const std::string &directory) {
 // when the file must be copied, because it lies in another file system or is gone. Throws Problem.
 std::string give_name(const std::string &from, const std::string &wanted) {
     for (int number = 0; number < kMostNames; ++number) {
-        const std::string path = number == 0 ? wanted : wanted + "." + std::to_string(number);
+        std::string path = number == 0 ? wanted : wanted + "." + std::to_string(number);
         if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) return path;
         if (errno == EINVAL && link(from.c_str(), path.c_str()) == 0) { // a file system without that flag
             unlink(from.c_str());
@@ -81,7 +81,8 @@ std::string copy(const std::string &from, const std::string &directory, const st
         errno = reason;
         throw cannot_move("cannot copy it", directory);
     }
-    const std::string path = give_name(temporary, wanted);
+    std::string path = give_name(temporary, wanted);
+    if (path.empty()) throw Problem("the copy " + temporary + " is gone");
     unlink(from.c_str());
     const UniqueFd place(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     fsync(place.get());
