@@ -158,12 +158,11 @@ Finding check_space() {
 }
 
 Finding check_received_files() {
-    constexpr std::string_view kPattern = tavipc::kReceivedFile,
-                               kPrefix = kPattern.substr(0, kPattern.find('X'));
+    const std::string_view pattern = tavipc::kReceivedFile, prefix = pattern.substr(0, pattern.find('X'));
     uint64_t count = 0, bytes = 0;
     for (const std::string path : files_in("/tmp")) {
         struct stat file {};
-        if (!path.starts_with(kPrefix) || path.size() != kPattern.size() || lstat(path.c_str(), &file) != 0 ||
+        if (!path.starts_with(prefix) || path.size() != pattern.size() || lstat(path.c_str(), &file) != 0 ||
             !S_ISREG(file.st_mode) || time(nullptr) - file.st_mtime <= kKeptFile_s)
             continue;
         ++count;

@@ -71,15 +71,14 @@ std::optional<uint64_t> FilePosition::get() const {
 
 // A file that is being received is open for writing; one that is complete is at most open for reading.
 unsigned drop_unfinished_files() {
-    constexpr std::string_view kPattern = tavipc::kReceivedFile,
-                               kPrefix = kPattern.substr(0, kPattern.find('X'));
+    const std::string_view pattern = tavipc::kReceivedFile, prefix = pattern.substr(0, pattern.find('X'));
     unsigned count = 0;
     for (const fs::path &fd : files_in("/proc/self/fd")) {
         std::error_code closed;
         const std::string target = fs::read_symlink(fd, closed);
         const fs::perms mode = fs::symlink_status(fd, closed).permissions();
         const bool writes = !closed && (mode & fs::perms::owner_write) != fs::perms::none;
-        if (writes && target.starts_with(kPrefix) && unlink(target.c_str()) == 0) ++count;
+        if (writes && target.starts_with(prefix) && unlink(target.c_str()) == 0) ++count;
     }
     return count;
 }
