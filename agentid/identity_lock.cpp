@@ -9,13 +9,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/regular_file.h"
 
 namespace tavipc {
 namespace {
 
-constexpr char kLockName[] = "/tav_agentid_mutexlock";
 constexpr char kLockFile[] = "/dev/shm/sem.tav_agentid_mutexlock"; // where glibc keeps that semaphore
 constexpr int kLockWait_s = 6; // longer than a holder waits for its connection to the manager (5 s)
 
@@ -63,7 +63,7 @@ bool remove_unusable_semaphore(const char *path) noexcept {
 bool AgentIdLock::lock() noexcept {
     assert(!semaphore_ && !held_);
     sem_t *semaphore =
-        remove_unusable_semaphore(kLockFile) ? sem_open(kLockName, O_CREAT, 0644, 1) : SEM_FAILED;
+        remove_unusable_semaphore(kLockFile) ? sem_open(kIdentityLock, O_CREAT, 0644, 1) : SEM_FAILED;
     if (semaphore == SEM_FAILED) {
         const int error = errno;
         TAV_LOG(2, "tav_agentid", "Failed to create global mutex with error code: %d\n", error);
@@ -94,7 +94,7 @@ void AgentIdLock::unlock() noexcept {
     held_ = false;
     sem_close(semaphore_);
     semaphore_ = nullptr;
-    sem_unlink(kLockName);
+    sem_unlink(kIdentityLock);
 }
 
 } // namespace tavipc

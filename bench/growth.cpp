@@ -1,8 +1,7 @@
 // tavipc-growth - what single operations cost when 100 to 1,000,000 of their kind are there, and compression
 // of 1 KB to 16 MB. The "BigO" lines show the slope.
 //
-// Run without options it makes an installation of its own and runs itself there: the rooms under test open
-// sockets.
+// It makes an installation of its own and runs itself there, because what it measures opens sockets.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

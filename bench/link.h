@@ -1,7 +1,8 @@
 // One end of a connection between processes over some system, as the benchmarks drive it.
 //
-// A work (works.cpp) is written once, against this interface; each system (system_*.cpp) fills it the way the
-// author of a module would use that system from an event loop. A handler may send, but not serve the loop.
+// A work (works.cpp) is written once, against this interface. Each system (system_*.cpp) implements it the
+// way the author of a module would use that system from an event loop. A handler may send, but not run the
+// loop.
 #pragma once
 
 #include <cstddef>
@@ -29,8 +30,8 @@ class Link {
     virtual ~Link() = default;
     Link(const Link &) = delete;
 
-    // Sends one message, from the server to the client whose message is being handled. Waits, serving the
-    // loop, while the system takes no more; inside a handler it keeps what is not taken.
+    // Sends one message; the server sends to the client whose message is being handled. While the system
+    // accepts no more it runs the loop; inside a handler it keeps the message for later.
     virtual void send(const void *data, size_t size) = 0;
     // Sends a request, which the server answers with the same bytes; on_reply runs when they came.
     virtual void request(const void *data, size_t size) = 0;
@@ -40,9 +41,9 @@ class Link {
     virtual void answer_requests() = 0;
     virtual void receive_file(const std::string &path, size_t size) = 0;
 
-    // Serves the loop once, waiting at most so long (-1: as long as it takes) for something to do.
+    // Runs one turn of the loop, waiting at most timeout_ms (-1: without limit) for something to do.
     virtual void turn(int timeout_ms) = 0;
-    // Serves it until stop() is called from a handler.
+    // Runs the loop until stop() is called from a handler.
     virtual void run() {
         for (stopped_ = false; !stopped_;) turn(-1);
     }
@@ -56,8 +57,8 @@ class Link {
     bool stopped_ = false;
 };
 
-// Base for systems that know messages only. A request is a message with a serial number in front; a file goes
-// in chunks of 64,000 bytes, each answered before the next.
+// Base for systems that only have messages. A request is a message with a serial number in front. A file is
+// sent in chunks of 64,000 bytes, each answered before the next.
 class MessageLink : public Link {
   public:
     void send(const void *data, size_t size) override;
@@ -67,12 +68,12 @@ class MessageLink : public Link {
     void receive_file(const std::string &path, size_t size) override;
 
   protected:
-    // False when the system takes no more now. It is tried again with the same message.
+    // False when the system accepts no more now. The same message is tried again later.
     virtual bool try_send(const void *data, size_t size) = 0;
-    // Systems call these: for each message, and when there may be room again.
+    // Systems call handle for each message, and writable when they may accept more.
     void handle(const char *data, size_t size);
     void writable();
-    bool blocked() const { return blocked_; } // whether to wait for room too
+    bool blocked() const { return blocked_; } // whether to wait until the system accepts more
     void block() { blocked_ = true; }
 
   private:
@@ -93,7 +94,7 @@ std::unique_ptr<Link> make_zeromq(const Ends &ends);
 std::unique_ptr<Link> make_nng(const Ends &ends);
 std::unique_ptr<Link> make_sdbus(const Ends &ends);
 
-inline constexpr size_t kChunk = 64000; // bytes of a datagram when a message or file goes in parts
+inline constexpr size_t kChunk = 64000; // bytes of a datagram when a message or file is sent in parts
 
 [[noreturn]] void fail(const char *what);
 inline void check(bool ok, const char *what) {

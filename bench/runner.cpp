@@ -32,7 +32,7 @@ namespace bench {
 namespace {
 
 constexpr char kProgram[] = "tavbench";
-constexpr int kPatienceS = 4; // without anything arriving
+constexpr int kPatience_s = 4; // without anything arriving
 
 struct Options {
     unsigned rounds = 5;
@@ -153,7 +153,7 @@ bool await_end(const Child &child, const Work &work, const Shared &shared) {
     uint64_t before = 0;
     for (int idle_s = 0; !child.ended(1000); ++idle_s) {
         if (const uint64_t now = shared.arrived; now != before) before = now, idle_s = 0;
-        if (idle_s >= (work.kind == Kind::kFile ? 60 : kPatienceS)) return false;
+        if (idle_s >= (work.kind == Kind::kFile ? 60 : kPatience_s)) return false;
     }
     return true;
 }

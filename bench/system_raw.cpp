@@ -1,14 +1,12 @@
-// Unix datagrams and epoll, written by hand as far as that can be driven: connected sockets, 4 MiB of send
-// buffer, waiting by EPOLLOUT. Message boundaries and order come from the kernel; a message of more than
-// 64,000 bytes goes in parts, whose number both ends know.
+// Unix datagrams and epoll, as fast as they can be driven by hand: connected sockets, 4 MiB of send buffer,
+// EPOLLOUT to wait. Message boundaries and order come from the kernel. A message of more than 64,000 bytes is
+// sent in parts, whose number both ends know.
 //
-// pair: one socket at each end, connected to one another; the kernel then limits what waits by the send
-// buffer
-//       alone.
+// pair: one socket at each end, connected to each other. Only the send buffer limits what waits.
 // open: each end receives on a socket that anybody may send to, as a process with several peers must, and
-// sends
-//       through another one, connected to the peer's; the kernel lets net.unix.max_dgram_qlen datagrams wait.
-// mmsg: the pair, with as many datagrams a system call as there are.
+//       sends through another one, connected to the peer's. The kernel lets net.unix.max_dgram_qlen
+//       datagrams wait.
+// mmsg: the pair, with as many datagrams per system call as there are.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>

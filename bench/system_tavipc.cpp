@@ -82,7 +82,7 @@ class TavipcLink : public Link {
     void stop() override { cl_event_loop_stop(); }
 
   private:
-    // Refused is what would make more than 32 MiB in flight, 64 MiB when it is to be confirmed.
+    // The library refuses more than 32 MiB in flight, or 64 MiB of messages to be confirmed.
     bool try_send(const void *data, size_t size) {
         const uint16_t flags = size > kPlainLimit ? IPC_FLAG_NEED_ACK : 0;
         return tav_ipc_send_with_flags(ipc_, &peer_, 0, data, static_cast<uint32_t>(size), flags, nullptr) ==

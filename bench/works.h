@@ -1,8 +1,8 @@
 // What is measured, and what the processes of a measurement do.
 //
-// The runner starts a server and its clients; they meet in Shared. A client greets the server, which is ready
-// when all have; then the work begins. The process that sees the end of the work ends itself, and the runner
-// ends the others: nobody has to tell anybody anything over the link that is measured.
+// The runner starts a server and its clients, which meet in Shared. Each client greets the server; when all
+// have, the work begins. The process that sees the end of the work ends itself, and the runner ends the
+// others, so only the work goes over the link that is measured.
 #pragma once
 
 #include <atomic>
@@ -35,8 +35,8 @@ struct Work {
         bool one_core = false;
         size_t reply = 0; // bytes that come back in a round trip; 0: the same message
         unsigned window = 1;
-        unsigned busy_us = 0;  // the server computes so long on each message
-        unsigned stall_ms = 0; // and sleeps so long on the first
+        unsigned busy_us = 0;  // the server computes this long on each message
+        unsigned stall_ms = 0; // and sleeps this long on the first
         int clients = 1;
     } with = {};
 

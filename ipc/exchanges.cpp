@@ -168,7 +168,7 @@ void ipc_exchange_timeout(void *argument) {
 int check_exchange(const tav_ipc_st *ipc, int kind, const tav_addr_st *dest, uint32_t size) {
     if (!ipc || !dest || kind < TAV_IPC_EXCHANGE_REQUEST || kind > TAV_IPC_EXCHANGE_PROBE) return EINVAL;
     const NameText name = name_text(*dest);
-    if (!*name.text || !is_path_safe(name)) return EINVAL;
+    if (!is_file_name(name)) return EINVAL;
     if (size > kMaxMessage) return EMSGSIZE;
     return ipc->closed ? ESHUTDOWN : 0;
 }

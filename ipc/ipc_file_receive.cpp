@@ -17,6 +17,7 @@
 #include <new>
 #include <utility>
 
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/out_of_memory.h"
 #include "common/relaxed.h"
@@ -34,11 +35,10 @@ constexpr uint32_t kMostReceived = 65'536;
 // A search for files that were taken away looks at 65,536 paths, which takes 0.1 to 0.2 s. Done at most once
 // in this time, it costs at most 4 % of it.
 constexpr uint64_t kLookPeriod_ms = 5000;
-constexpr char kTemplate[] = "/tmp/ipc_file.XXXXXX"; // prescribed
 
 struct ReceivedFile {
     UniqueFd fd; // empty: complete
-    char path[sizeof kTemplate];
+    char path[sizeof kReceivedFile];
     tav_addr_st src;
     time_t last_seen_s; // of the wall clock: creation, then the last chunk with data
     pid_t owner;        // a forked child inherits the record, but not the temporary file
@@ -155,7 +155,7 @@ ReceivedFile *create_file(uint32_t file_id, const tav_addr_st &src) {
     if (!may_receive_one_more()) return nullptr;
     std::unique_ptr<ReceivedFile> file(new (std::nothrow) ReceivedFile);
     if (!file) out_of_memory("ipc_file", __LINE__);
-    std::memcpy(file->path, kTemplate, sizeof kTemplate);
+    std::memcpy(file->path, kReceivedFile, sizeof kReceivedFile);
     file->fd = UniqueFd(::mkstemp(file->path));
     if (!file->fd) return nullptr;
     ++received.open;
@@ -171,7 +171,7 @@ ReceivedFile *create_file(uint32_t file_id, const tav_addr_st &src) {
 // Completes the file and reports it. The callback may run the loop, and so the sweep: it gets a copy.
 void complete_file(tav_ipc_st *ipc, ReceivedFile &file) {
     close_file(file);
-    char path[sizeof kTemplate];
+    char path[sizeof kReceivedFile];
     std::memcpy(path, file.path, sizeof path);
     tav_ipc_emit_file(ipc, path);
 }

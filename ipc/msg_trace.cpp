@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/facts.h"
 #include "common/relaxed.h"
 #include "common/unique_fd.h"
 #include "ipc/wire.h"
@@ -14,7 +15,6 @@
 namespace tavipc {
 namespace {
 
-constexpr char kSwitchFile[] = "/tmp/ipc_debug";
 constexpr uint64_t kLookInterval_ms = 10'000;
 
 // Written by every thread that traces. Another thread's clock may be ahead of this one's.
@@ -33,7 +33,7 @@ bool trace_everything() {
     if (now_ms < looked_ms) {
         last_look_ms = now_ms;
     } else if (now_ms - looked_ms > kLookInterval_ms) {
-        trace_all = can_open(kSwitchFile);
+        trace_all = can_open(kTraceSwitch);
         last_look_ms = now_ms;
     }
     return trace_all;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/facts.h"
 #include "common/log.h"
 #include "common/owned.h"
 #include "common/relaxed.h"
@@ -23,8 +24,7 @@
 namespace tavipc {
 namespace {
 
-constexpr uint32_t kCompressMinimum = 148; // bytes; a shorter application message gains nothing
-constexpr uint8_t kHubLocation = 4;        // the location whose endpoints reach others through "_prx%d" pipes
+constexpr uint8_t kHubLocation = 4; // the location whose endpoints reach others through "_prx%d" pipes
 constexpr int kHubPipes = 8;
 constexpr size_t kPathSize = 4096; // bytes of a composed path; one over 107 bytes is refused as an address
 

@@ -17,6 +17,7 @@
 #include <memory>
 #include <string_view>
 
+#include "common/facts.h"
 #include "common/keep_errno.h"
 #include "common/log.h"
 #include "common/relaxed.h"
@@ -48,12 +49,12 @@ class PathWriter {
         append(std::string_view(digits, std::to_chars(digits, digits + sizeof digits, number).ptr - digits));
     }
     void append_directory(int32_t location) {
-        append("/var/");
+        append(kSocketRoot);
         if (const char *type = GetDeployTypeStr()) {
             append(type);
             append("/");
         }
-        append("zon_ipc");
+        append(kSocketDirectory);
         append(location);
         append("/");
     }

@@ -10,6 +10,8 @@
 #include "loop.h"
 #include "status.h"
 
+#include "common/facts.h"
+
 namespace tavcl_ev {
 
 namespace {
@@ -257,7 +259,7 @@ int Channel::unread_bytes() const noexcept {
 
 void Channel::make_room_for(uint32_t len) noexcept {
     if (buffer_ < full_buffer_ && 2 * charged_bytes(len) > buffer_) {
-        set_send_buffer(fd_.get(), kSendBuffer);
+        set_send_buffer(fd_.get(), tavipc::kSendBuffer);
         buffer_ = full_buffer_;
     }
 }

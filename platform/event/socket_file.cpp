@@ -12,16 +12,14 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include "common/facts.h"
+
 namespace tavcl_ev {
 
 namespace {
 
+using tavipc::kLongestSocketPath;
 using tavipc::UniqueFd;
-
-constexpr size_t kLongestPath = sizeof sockaddr_un::sun_path - 1; // bytes, without the terminator
-constexpr int kLockTries =
-    200; // a holder needs microseconds; one that was stopped must not hold up the others
-constexpr unsigned kLockDelay_us = 1000; // between two tries
 
 const sockaddr *generic(const cl_sockaddr_t &address) {
     return reinterpret_cast<const sockaddr *>(&address.addr);
@@ -32,7 +30,7 @@ bool bind_to(int fd, const cl_sockaddr_t &address) { return bind(fd, generic(add
 // Returns 0, or the errno of the first directory that could not be made.
 int make_directories(const char *path) {
     int error = 0;
-    char directory[kLongestPath + 1];
+    char directory[kLongestSocketPath + 1];
     strcpy(directory, path);
     for (char *slash = strchr(directory + 1, '/'); slash; slash = strchr(slash + 1, '/')) {
         *slash = '\0';
@@ -44,13 +42,14 @@ int make_directories(const char *path) {
 
 // Locks the directory of path. Returns it without the lock when another process holds that for too long.
 PrivateFd lock_directory(const char *path) {
-    char directory[kLongestPath + 1];
+    char directory[kLongestSocketPath + 1];
     strcpy(directory, path);
     char *slash = strrchr(directory, '/');
     if (slash) slash[slash == directory ? 1 : 0] = '\0';
     PrivateFd fd(UniqueFd(open(slash ? directory : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
-    for (int tries = 0; fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && tries < kLockTries; ++tries)
-        usleep(kLockDelay_us);
+    for (int tries = 0; fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && tries < tavipc::kDirectoryLockTries;
+         ++tries)
+        usleep(tavipc::kDirectoryLockPause_us);
     return fd;
 }
 
@@ -91,8 +90,8 @@ FileIdentity identify_socket(const char *path, bool follow_links) noexcept {
 
 bool fill_address(cl_sockaddr_t *address, const char *path) noexcept {
     *address = {};
-    const size_t length = strnlen(path, kLongestPath + 1);
-    if (length == 0 || length > kLongestPath) return false;
+    const size_t length = strnlen(path, kLongestSocketPath + 1);
+    if (length == 0 || length > kLongestSocketPath) return false;
     address->addr.sun_family = AF_UNIX;
     memcpy(address->addr.sun_path, path, length);
     address->len = static_cast<uint16_t>(offsetof(sockaddr_un, sun_path) + length + 1);
@@ -101,7 +100,7 @@ bool fill_address(cl_sockaddr_t *address, const char *path) noexcept {
 
 PrivateFd make_datagram_socket() noexcept {
     PrivateFd fd(UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
-    if (fd) set_send_buffer(fd.get(), kSendBuffer);
+    if (fd) set_send_buffer(fd.get(), tavipc::kSendBuffer);
     return fd;
 }
 
@@ -113,7 +112,7 @@ void set_send_buffer(int fd, int bytes) noexcept {
 BoundSocket BoundSocket::make(const cl_sockaddr_t &address) noexcept {
     BoundSocket made;
     const size_t length = strnlen(address.addr.sun_path, sizeof address.addr.sun_path);
-    if (address.addr.sun_family != AF_UNIX || length == 0 || length > kLongestPath ||
+    if (address.addr.sun_family != AF_UNIX || length == 0 || length > kLongestSocketPath ||
         address.addr.sun_path[length - 1] == '/') {
         errno = EINVAL;
         return made;

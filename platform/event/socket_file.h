@@ -26,7 +26,6 @@ bool fill_address(cl_sockaddr_t *address, const char *path) noexcept;
 // on failure.
 PrivateFd make_datagram_socket() noexcept;
 // Bytes. Sixty datagrams of 64,000 bytes: more than a receiver's queue holds, so the queue is the limit.
-inline constexpr int kSendBuffer = 4 << 20;
 // The kernel doubles the value. Values above the system's limit need a privilege, and are cut to it without.
 void set_send_buffer(int fd, int bytes) noexcept;
 

@@ -45,9 +45,12 @@ done
 compile cc -std=c11 "$place/hello.c"
 compile c++ -std=c++20 "$place/hello.cpp"
 
-# tavctl.1 has each command and each option of the tool.
-"$2" completion | sed -n "s/^ *'[a-z-]*') words='\([^']*\)'.*/\1/p" | tr ' ' '\n' | LC_ALL=C sort -u >"$place/words"
-[ "$(wc -l <"$place/words")" -gt 40 ] || fail "the tool's completion lists too few words"
+# The tool's commands and options, as they stand in mdoc.
+for command in "" $("$2" completion -- ""); do
+    "$2" completion -- $command - # options; the commands without one have a word of their own
+    case $command in "" | allowlist) "$2" completion -- $command "" ;; esac
+done | LC_ALL=C sort -u >"$place/words"
+[ "$(wc -l <"$place/words")" -gt 40 ] || fail "the completion of the tool lists too few words"
 while read -r word; do
     macro=$(echo "$word" | sed 's/^--/Fl Fl /; s/^-/Fl /')
     grep -qE -- "(^|[ .])$macro( |,|\$)" packaging/man/tavctl.1 || fail "tavctl.1 lacks $word"

@@ -1,208 +1,273 @@
-// The tool as its user has it: the built program, an agent's directory, modules as processes.
-#include <filesystem>
+// The tool as its user has it: the built program, an agent's directory, modules as processes. Other tests
+// have installations of their own at the same time, so nothing is said of theirs.
+#include <csignal>
 #include <fstream>
+#include <sstream>
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
+#include <sys/inotify.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include "installation.h"
 
 namespace {
 
 using namespace tavipc::stage;
+namespace fs = std::filesystem;
+using testing::ContainsRegex;
 using testing::HasSubstr;
+using testing::Not;
 using Words = std::vector<std::string>;
 
 class Tavctl : public ::testing::Test {
   protected:
-    Tavctl() { place_.allow({"tavctl", "alpha"}); }
-    Outcome tavctl(const Words &words, std::string_view input = {}) const {
-        Words command{tool_};
-        command.insert(command.end(), words.begin(), words.end());
-        return run(command, input, {"TAV_LOG_LEVEL=1"});
+    Tavctl() { place_.allow({"tavctl", "alpha", "beta"}); }
+    // Expects that the tool ends with the status and writes this text among others; returns all of it.
+    std::string expect(int status, Words words, const std::string &text = {},
+                       std::string_view in = {}) const {
+        words.insert(words.begin(), tool_);
+        const Outcome outcome = run(words, in, {"TAV_LOG_LEVEL=1"});
+        const std::string written = outcome.output + outcome.errors;
+        EXPECT_EQ(outcome.status, status) << testing::PrintToString(words) << written;
+        EXPECT_THAT(written, HasSubstr(text));
+        return written;
+    }
+    std::unique_ptr<Process> start(const std::string &name) const {
+        std::unique_ptr<Process> module(new Process(place_.start(name)));
+        module->ask("open " + name, "opened ");
+        return module;
+    }
+    std::string write(size_t size) const {
+        std::ofstream file(root_ / "source", std::ios::binary);
+        for (size_t i = 0; i < size; ++i) file.put(static_cast<char>(i * 2654435761u >> 13));
+        return root_ / "source";
     }
     const Installation place_{Installation::Setup{}};
     const std::string tool_ = place_.tool();
+    const fs::path config_ = place_.config(), root_ = config_.parent_path(), sockets_ = place_.sockets();
 };
 
-#define EXPECT_ENDS(status_expected, outcome)                                                                \
-    EXPECT_EQ((outcome).status, status_expected) << (outcome).output << (outcome).errors
-
 TEST_F(Tavctl, ProbesAndSaysWhyNobodyAnswers) {
-    Process alpha = place_.start("alpha");
-    alpha.ask("open alpha", "opened ");
-    const Outcome there = tavctl({"probe", "alpha", "-c", "2", "-i", "0"});
-    EXPECT_ENDS(0, there);
-    EXPECT_THAT(there.output, HasSubstr("2 sent, 2 answered, 0 % lost"));
-    EXPECT_EQ(alpha.kill(), -9);
-    const Outcome stale = tavctl({"send", "alpha", "text", "-t", "1"});
-    EXPECT_ENDS(3, stale);
-    EXPECT_THAT(stale.errors, HasSubstr("is stale, its process is gone"));
-    const Outcome plain = tavctl({"send", "nobody", "text", "--no-confirm"});
-    EXPECT_ENDS(1, plain);
-    EXPECT_THAT(plain.errors, HasSubstr("dropped: "));
-    EXPECT_THAT(tavctl({"request", "nobody", "x", "-t", "1"}).errors,
-                HasSubstr("there is no socket " + place_.sockets().string()));
+    const auto alpha = start("alpha");
+    std::istringstream lines(expect(0, {"probe", "alpha", "-c", "2", "-i", "0"}));
+    std::string all;
+    for (std::string line; std::getline(lines, line); all += line) EXPECT_LE(line.size(), 80u) << line;
+    EXPECT_THAT(all, ContainsRegex("2 sent, 2 answered, 0 % lost  min .*median .*mean .*max .*std dev "));
+    EXPECT_EQ(alpha->kill(), -9);
+    expect(3, {"request", "alpha", "x", "-t", "1"}, "is stale, its process is gone");
+    expect(1, {"send", "nobody", "text", "--no-confirm"}, "dropped: ");
 }
 
 TEST_F(Tavctl, ListensAndSends) {
     Process listener(tool_, {}, {"listen", "ear", "-c", "4", "--json"});
     EXPECT_THAT(listener.expect("{\"type\":\"ready\""), HasSubstr("ear@2"));
-    const std::string body(1000, 'x');
-    for (const Words &words :
-         {Words{"send", "ear", "two words", "--cmd", "7"}, Words{"send", "ear", "--hex", "00 FF"},
-          Words{"send", "ear", body, "--compress", "--priority", "9"}, Words{"send", "ear"}}) {
-        const Outcome sent = tavctl(words, "from\ninput");
-        EXPECT_ENDS(0, sent);
-        if (words.size() == 6) {
-            EXPECT_THAT(sent.output, HasSubstr("ear: 1,020 bytes, compressed to "));
-        }
-    }
+    expect(0, {"send", "ear", "two words", "--cmd", "7"});
+    expect(0, {"send", "ear", "--hex", "00 FF"});
+    expect(0, {"send", "ear", std::string(1000, 'x'), "--compress", "--priority=9"},
+           "ear: 1,020 bytes, compressed to ");
+    expect(0, {"send", "ear"}, "", "from\ninput");
     std::string heard;
     for (int i = 0; i < 4; ++i) heard += listener.expect("{\"type\":\"message\"");
-    for (const std::string fact :
+    for (const char *fact :
          {"\"cmd\":7,\"size\":9,\"app\":false,\"text\":\"two words\"", "\"hex\":\"00ff\"",
-          "\"size\":1020,\"app\":true,\"priority\":9,\"body_size\":1000,\"text\":\"xxx",
-          "\"text\":\"from\\ninput\""})
+          "\"app\":true,\"priority\":9,\"body_size\":1000,\"text\":\"xxx", "\"text\":\"from\\ninput\""})
         EXPECT_THAT(heard, HasSubstr(fact));
+    EXPECT_THAT(heard, ContainsRegex("\"time\":\"20[0-9-]+T[0-9:]+\\.[0-9]{3}[+-][0-9]{2}:[0-9]{2}\""));
     EXPECT_EQ(listener.finish(), 0);
-    EXPECT_FALSE(std::filesystem::exists(place_.sockets() / "ear")) << "its socket file is removed";
+    EXPECT_FALSE(fs::exists(sockets_ / "ear")) << "its socket file is removed";
 }
 
 TEST_F(Tavctl, AsksAndAnswers) {
     Process server(tool_, {}, {"reply", "mirror", "--echo", "-c", "2"});
     server.expect("answering as mirror@2");
     const std::string large(200'000, 'z');
-    const Outcome raw = tavctl({"request", "mirror", "--raw"}, large);
-    EXPECT_ENDS(0, raw);
-    EXPECT_EQ(raw.output, large);
-    EXPECT_THAT(tavctl({"request", "mirror", "hello", "--cmd", "4"}).output,
-                HasSubstr("cmd 5, 5 bytes\n  hello\n"));
+    EXPECT_EQ(expect(0, {"request", "mirror", "--raw"}, "", large), large);
+    expect(0, {"request", "mirror", "hello", "--cmd", "4"}, "cmd 5, 5 bytes\n  hello\n");
     EXPECT_EQ(server.finish(), 0);
 }
 
-TEST_F(Tavctl, IsRefusedLikeAnyModuleAndSaysWhy) {
+TEST_F(Tavctl, SaysWhyAProcessIsRefused) {
+    const auto alpha = start("alpha");
+    const std::string pid = std::to_string(alpha->pid());
+    expect(0, {"allowlist", "why", pid});
+    expect(1, {"listen", "alpha", "-c", "1"}, "the endpoint name alpha is in use");
+    fs::remove(root_ / "bin/alpha");
+    std::ofstream(root_ / "bin/alpha") << "new";
+    EXPECT_THAT(expect(1, {"allowlist", "why", pid}, "refused, it was replaced"),
+                HasSubstr("do: restart the"));
     place_.allow({"alpha"});
-    const Outcome refused = tavctl({"probe", "alpha"});
-    EXPECT_ENDS(4, refused);
-    EXPECT_THAT(refused.errors, HasSubstr("the name \"tavctl\" is not in "));
-    EXPECT_THAT(refused.errors, HasSubstr("what to do: tavctl allowlist add --key"));
-    Process alpha = place_.start("alpha");
-    alpha.ask("open alpha", "opened ");
-    EXPECT_ENDS(0, tavctl({"allowlist", "why", "alpha"}));
-    EXPECT_ENDS(1, tavctl({"allowlist", "why", "tavctl"}));
-    EXPECT_ENDS(0, tavctl({"allowlist", "why", std::to_string(alpha.pid())}));
-    place_.allow({"tavctl"});
-    const Outcome taken = tavctl({"listen", "alpha", "-c", "1"});
-    EXPECT_ENDS(1, taken);
-    EXPECT_THAT(taken.errors, HasSubstr("the endpoint name alpha is in use"));
+    expect(4, {"probe", "alpha"}, "the name \"tavctl\" is not in");
 }
 
 TEST_F(Tavctl, ShowsTheIdentityAndMakesNoneUnasked) {
-    EXPECT_THAT(tavctl({"id"}).output, HasSubstr("4242, from the platform"));
-    std::ofstream(place_.config() / "agent.ini") << "[agent]\nlocation = 2\n";
-    const Outcome none = tavctl({"id", "--json"});
-    EXPECT_ENDS(1, none);
-    EXPECT_THAT(none.output, HasSubstr("\"agent_id\":0,\"source\":\"none\""));
-    EXPECT_THAT(tavctl({"probe", "alpha"}).errors, HasSubstr("there is no agent id"));
-    EXPECT_FALSE(std::filesystem::exists(place_.config() / "machineid"));
-    std::ofstream(place_.config() / "machineid") << "\x01\x02\x03\x04"
-                                                    "manager"
-                                                    "hostma";
-    EXPECT_THAT(tavctl({"id"}).output, HasSubstr("67305985, made from MAC addresses: 6d:61:6e:61:67:65"));
+    expect(0, {"id"}, "4242, from the platform");
+    std::ofstream(config_ / "agent.ini") << "[agent]\nlocation = 2\n";
+    expect(1, {"id", "--json"}, "\"agent_id\":0,\"source\":\"none\"");
+    expect(1, {"probe", "alpha"}, "there is no agent id");
+    EXPECT_FALSE(fs::exists(config_ / "machineid"));
 }
 
 TEST_F(Tavctl, ExplainsADatagram) {
     std::string hex(120, '0');
     hex.replace(112, 8, "a599d619"); // the check value of an all-zero header, 0x19D699A5
-    EXPECT_ENDS(0, tavctl({"explain", hex}));
-    hex.replace(88, 8, "01000000"); // size 1: nothing follows, and the check value differs
-    const Outcome wrong = tavctl({"explain"}, hex);
-    EXPECT_ENDS(1, wrong);
-    EXPECT_THAT(wrong.output, HasSubstr("WRONG: it should be 0x1C7621AC"));
-    EXPECT_ENDS(1, tavctl({"explain", "00"}));
-    EXPECT_ENDS(2, tavctl({"explain", "0g"}));
+    hex.replace(88, 8, "01000000");  // size 1: nothing follows, and the check value differs
+    expect(1, {"explain"}, "WRONG: it should be 0x1C7621AC", hex);
 }
 
 TEST_F(Tavctl, KeepsTheSignedList) {
-    const std::string here = place_.config().parent_path(), key = here + "/my.pem", open = here + "/my.pub",
-                      dir = here + "/new/config";
-    const Words with_key{"--key", key, "--dir", dir};
-    const auto list = [&](Words words) {
+    const std::string key = root_ / "my.pem", open = root_ / "my.pub", dir = root_ / "new/config";
+    const auto list = [&](int status, Words words, const char *text = "") {
         words.insert(words.begin(), "allowlist");
-        words.insert(words.end(), with_key.begin(), with_key.end());
-        return tavctl(words);
+        words.insert(words.end(), {"--key", words[1] == "verify" ? open : key, "--dir", dir});
+        expect(status, words, text);
     };
-    EXPECT_ENDS(0, tavctl({"allowlist", "keygen", "--private", key, "--public", open}));
-    struct stat info {};
-    EXPECT_TRUE(stat(key.c_str(), &info) == 0 && (info.st_mode & 0777) == 0600);
-    EXPECT_ENDS(1, tavctl({"allowlist", "keygen", "--private", key, "--public", open + "2"}))
-        << "never replaced";
-    EXPECT_ENDS(0, list({"add", "alpha", "beta"}));
-    EXPECT_ENDS(1, tavctl({"allowlist", "sign", "--key", key})) << "the library would refuse its own list";
-    EXPECT_ENDS(0, tavctl({"allowlist", "verify"}));
-    EXPECT_ENDS(0, list({"add", "beta", "gamma"}));
-    EXPECT_ENDS(0, list({"remove", "alpha"}));
-    EXPECT_ENDS(1, list({"remove", "alpha"}));
-    const auto verify = [&](const Words &names) {
-        Words words{"allowlist", "verify", "--key", open, "--dir", dir};
-        words.insert(words.end(), names.begin(), names.end());
-        return tavctl(words);
-    };
-    EXPECT_ENDS(0, verify({"beta", "gamma"}));
-    const Outcome partly = verify({"beta", "alpha"});
-    EXPECT_ENDS(1, partly);
-    EXPECT_THAT(partly.output, HasSubstr("2 names\nbeta: allowed\nalpha: NOT in the list\n"));
-    EXPECT_ENDS(1, tavctl({"allowlist", "verify", "--dir", dir})) << "the library's own key";
-    std::ofstream(dir + "/linux.json") << "{\"linux\":[1],  \"other\":{}}";
-    EXPECT_ENDS(1, verify({}));
-    EXPECT_ENDS(1, list({"add", "delta"})) << "what nobody signed is not signed along";
-    EXPECT_ENDS(0, list({"sign"}));
-    EXPECT_ENDS(0, verify({}));
-    EXPECT_ENDS(0, list({"add", "alpha"}));
-    std::ifstream file(dir + "/linux.json");
-    EXPECT_THAT(std::string(std::istreambuf_iterator<char>(file), {}), HasSubstr("\"other\"")) << "kept";
+    expect(0, {"allowlist", "keygen", "--private", key, "--public", open});
+    EXPECT_EQ(fs::status(key).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    expect(1, {"allowlist", "keygen", "--private", key, "--public", open + "2"}); // never replaced
+    expect(1, {"allowlist", "sign", "--key", key}); // the library would refuse its own list
+    list(0, {"add", "alpha", "beta", "gamma"});
+    list(0, {"remove", "alpha"});
+    list(1, {"verify", "beta", "alpha"}, "2 names\nbeta: allowed\nalpha: NOT in the list\n");
+    expect(1, {"allowlist", "verify", "--dir", dir}); // signed by another key than the library's
+    std::ofstream(dir + "/linux.json") << "{\"linux\":[1]}";
+    list(1, {"add", "delta"}); // what nobody signed is not signed along
+    list(0, {"sign"});
 }
 
 TEST_F(Tavctl, TellsWrongUsageFromFailure) {
-    for (const Words &wrong : {Words{},
-                               {"allowlist"},
-                               {"allowlist", "forge"},
-                               {"probe"},
-                               {"probe", "far too long"},
-                               {"probe", "alpha@256"},
-                               {"probe", ".."},
-                               {"probe", "alpha", "-c", "-1"},
-                               {"--agent", "", "id"},
-                               {"send", "alpha", "x", "--file", "y"},
-                               {"trace", "maybe"},
-                               {"allowlist", "add", "--key", "k", "bin/alpha"},
-                               {"listen", "a@3"}}) {
-        const Outcome outcome = tavctl(wrong);
-        EXPECT_ENDS(2, outcome);
-        EXPECT_NE(outcome.errors, "");
-    }
-    EXPECT_THAT(tavctl({"send", "--help"}).output, HasSubstr("--compress"));
-    EXPECT_THAT(tavctl({"--agent", "/nonexistent", "id"}).errors, HasSubstr("an agent has its own tavctl"));
-    EXPECT_THAT(tavctl({"--agent", place_.config().parent_path(), "id"}).output, HasSubstr("4242"));
+    const std::pair<Words, const char *> cases[] = {
+        {{}, "Usage: tavctl [OPTIONS] COMMAND"},
+        {{"prob", "alpha"}, "unknown command 'prob'; did you mean 'probe'?"},
+        {{"list", "-i", "3"}, "not expected: -i 3\n"},
+        {{"probe"}, "NAME is missing"},
+        {{"probe", "alpha", "-c", "-1"}, "-c: \"-1\" is not a valid number"},
+        {{"send", "alpha", "x", "--file", "y"}, "not both"},
+        {{"allowlist", "add", "beta"}, "--key is missing"}};
+    for (const auto &[words, reason] : cases) expect(2, words, reason);
+    expect(1, {"--agent", "/nonexistent", "id"}, "an agent has its own tavctl");
 }
 
 TEST_F(Tavctl, CompletesCommandsOptionsAndEndpoints) {
-    Process alpha = place_.start("alpha");
-    alpha.ask("open alpha", "opened ");
-    const std::string script = tavctl({"completion"}).output;
-    const auto complete = [&](const std::string &line) { // the last word is being completed
-        return run({"/bin/bash", "-c",
-                    script + "COMP_WORDS=(" + line +
-                        ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
-                        "_tavctl\nprintf '%s\\n' \"${COMPREPLY[@]}\""})
-            .output;
-    };
-    EXPECT_EQ(complete("tavctl pro"), "probe\n");
-    EXPECT_EQ(complete("tavctl allowlist ver"), "verify\n");
-    EXPECT_EQ(complete("tavctl --json probe --inter"), "--interval\n");
-    EXPECT_EQ(complete("tavctl trace o"), "on\noff\n");
-    EXPECT_EQ(complete(tool_ + " send -c 3 al"), "alpha\n");
+    const auto alpha = start("alpha");
+    EXPECT_EQ(expect(0, {"completion", "--", "pro"}), "probe\n");
+    EXPECT_EQ(expect(0, {"completion", "--", "allowlist", "ver"}), "verify\n");
+    EXPECT_EQ(expect(0, {"completion", "--", "--json", "probe", "--inter"}), "--interval\n");
+    EXPECT_EQ(expect(0, {"completion", "--", "send", "-c", "3", "al"}), "alpha\n");
+}
+
+// Returns a datagram socket that is bound to a file and connected to itself.
+int bind_to(const std::string &path) {
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << path;
+    EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << path;
+    return fd;
+}
+
+TEST_F(Tavctl, ListsLiveAndStaleAndCleansTheStaleAlone) {
+    const auto alpha = start("alpha"), beta = start("beta");
+    beta->ask("send alpha 2 bytes 10 1 0 0", "sent 1"); // it has a sending socket from now on
+    alpha->expect("msg beta");
+    const std::string pid = std::to_string(beta->pid()), at = sockets_, all = expect(0, {"list", "--pool"});
+    EXPECT_THAT(all, ContainsRegex(at + ": [^/]*beta@2 +live +" + pid + " [^/]* beta\n"));
+    EXPECT_THAT(all, ContainsRegex(at + ": [^/]*ipc" + pid + "_[0-9]+@2 +live +" + pid + " "));
+    expect(0, {"list", "--json"}, "\"since\":\"20");
+    const int busy = bind_to(at + "/busy"); // takes nothing from others, a connection included
+    EXPECT_EQ(beta->kill(), -9);
+    expect(0, {"doctor"}, "list --clean");
+    expect(0, {"list", "--clean"}, "removed " + at + "/beta\n");
+    EXPECT_EQ(expect(0, {"list", "--names"}), "alpha\nbusy\n");
+    expect(0, {"list", "--clean"}, "no stale socket file");
+    close(busy);
+}
+
+TEST_F(Tavctl, MakesHostileNamesHarmless) {
+    const auto alpha = start("alpha");
+    const std::string at = sockets_;
+    // What a shell would run, what a terminal would obey, and a line that gives alpha another process.
+    const std::string lie = at + "/x\n0: 2 0 0 0002 01 1 ";
+    fs::create_directories(lie + at);
+    const int sockets[] = {bind_to(at + "/$(id)"), bind_to(at + "/\033[31m"), bind_to(lie + at + "/alpha")};
+    const std::string all = expect(0, {"list"}, "?[31m@2");
+    EXPECT_THAT(all, Not(HasSubstr("\033")));
+    EXPECT_THAT(all, ContainsRegex(at + ": [^/]*alpha@2 +live +- ")) << "claimed twice";
+    EXPECT_EQ(expect(0, {"list", "--names"}), "alpha\n");
+    expect(0, {"doctor"}, "files that are not sockets");
+    EXPECT_THAT(expect(0, {"list", "--clean"}), Not(HasSubstr(at)));
+    for (const int fd : sockets) close(fd);
+}
+
+TEST_F(Tavctl, DoctorFindsWhatIsBrokenAndChangesNothing) {
+    expect(0, {"doctor"}, "is not there");
+    fs::create_directory(sockets_); // the doctor has not
+    expect(0, {"doctor"}, "opened, and answered itself in");
+    EXPECT_TRUE(fs::is_empty(sockets_));
+    fs::permissions(config_, fs::perms::others_write, fs::perm_options::add);
+    const std::pair<const char *, const char *> faults[] = {
+        {"location = 256\n", "location = 256 is not a number from 0 to 255"},
+        {"location = 2\ndeploy_type = ../x\n", "deploy_type = ../x is not accepted"},
+        {"location = 2\n", "tavctl id --create"}};
+    for (const auto &[ini, seen] : faults) {
+        std::ofstream(config_ / "agent.ini") << "[agent]\n" << ini;
+        EXPECT_THAT(expect(1, {"doctor"}, seen), HasSubstr("chmod o-w")) << ini;
+    }
+    EXPECT_FALSE(fs::exists(config_ / "machineid"));
+}
+
+// Makes a file of each name that a received one could get.
+constexpr char kTakeNames[] = "now=$(date +%s); for ((i = -1; i < 60; i++)); do printf -v name "
+                              "'%(file-%Y%m%d-%H%M%S)T' $((now + i)); : >\"$0/$name\"; done";
+
+// In this file system, and in another one where there is one.
+TEST_F(Tavctl, FilesArriveWholeAndReplaceNone) {
+    std::string other = "/dev/shm/tavipc-XXXXXX";
+    ASSERT_TRUE(mkdtemp(other.data()));
+    fs::create_directory(root_ / "drop");
+    for (const fs::path &directory : {fs::path(other), root_ / "drop"}) {
+        run({"/bin/bash", "-c", kTakeNames, directory});
+        Process receiver(tool_, {}, {"recvfile", directory, "--as", "in", "-c", "2", "--json"});
+        receiver.expect("{\"type\":\"ready\"");
+        for (const size_t size : {0, 200'017}) {
+            const std::string path = write(size),
+                              sum = run({"/usr/bin/sha256sum", path}).output.substr(0, 64);
+            expect(0, {"sendfile", "in", path}, sum);
+            EXPECT_THAT(receiver.expect("{\"type\":\"file\""), HasSubstr(sum));
+        }
+        EXPECT_EQ(receiver.finish(), 0);
+        const auto files = std::distance(fs::directory_iterator(directory), fs::directory_iterator());
+        EXPECT_EQ(files, 61 + 2) << "nothing is replaced, and no temporary file is left";
+    }
+    fs::remove_all(other);
+}
+
+TEST_F(Tavctl, RefusesFilesWithTheReason) {
+    const auto alpha = start("alpha");
+    expect(1, {"sendfile", "alpha", write(10)}, "alpha accepts no files");
+    expect(1, {"sendfile", "alpha", "/dev/null"}, "is not a regular file");
+    expect(1, {"recvfile", "/proc"}, "cannot write to /proc");
+}
+
+TEST_F(Tavctl, UnfinishedFilesGoWithTheReceiver) {
+    const std::string file = write(1);
+    fs::resize_file(file, 2'000'000'000); // takes seconds
+    Process receiver(tool_, {}, {"recvfile", root_, "--as", "in"});
+    receiver.expect("receiving files as in@2");
+    const int watch = inotify_init1(IN_CLOEXEC);
+    ASSERT_GE(inotify_add_watch(watch, "/tmp", IN_CREATE), 0);
+    Process sender(tool_, {}, {"sendfile", "in", file});
+    bool receiving = false;
+    for (alignas(inotify_event) char event[4096]; !receiving && ::read(watch, event, sizeof event) > 0;)
+        for (const auto &fd : fs::directory_iterator("/proc/" + std::to_string(receiver.pid()) + "/fd"))
+            if (std::error_code gone; fs::read_symlink(fd, gone).string().starts_with("/tmp/ipc_file."))
+                receiving = true;
+    receiver.signal(SIGINT);
+    EXPECT_EQ(receiver.expect("0 files received"), ", 1 file unfinished and removed");
+    EXPECT_EQ(receiver.finish(), 0);
+    close(watch);
 }
 
 } // namespace

@@ -35,7 +35,7 @@ class ExchangeExt : public EndpointWorld {
     void answer(tav_ipc_st *ipc, uint16_t flags, const std::string &payload) {
         Datagram reply{"", {}, payload};
         reply.header.flags = flags;
-        reply.header.reqid = tavipc::process_state().last_reqid;
+        reply.header.reqid = tavipc::last_reqid();
         reply.header.cmd = 9;
         receive(ipc, reply);
     }
@@ -85,7 +85,7 @@ TEST_F(ExchangeExt, CancellationRunsTheCallbackOnce) {
     EXPECT_EQ(tav_ipc_exchange_cancel(ipc, id), -1);
     EXPECT_EQ(errno, ENOENT);
     tav_ipc_send2(ipc, &dest, 1, nullptr, 0, nullptr, nullptr, 1);
-    EXPECT_EQ(tav_ipc_exchange_cancel(ipc, tavipc::process_state().last_reqid), -1) << "not of this kind";
+    EXPECT_EQ(tav_ipc_exchange_cancel(ipc, tavipc::last_reqid()), -1) << "not of this kind";
     then = [&](uint64_t) { close(ipc); };
     EXPECT_EQ(tav_ipc_exchange_cancel(ipc, other), 0);
     EXPECT_THAT(done, ElementsAre(Result{id, IPC_ERR_CANCELLED}, Result{other, IPC_ERR_CANCELLED}));

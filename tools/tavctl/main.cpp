@@ -1,35 +1,40 @@
-// tavctl - a module for people: looks at endpoints, talks to them, keeps the allow-list. This file is the
-// start; the options stand in command_line.cpp, each command lies in a file of its own (commands.h).
+// tavctl - looks at the endpoints of an agent's modules, talks to them, and keeps the allow-list. It is a
+// module like any other. Each command has a file of its own, see commands.h.
 #include <csignal>
 #include <iostream>
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "command_line.h"
-#include "console.h"
-#include "problem.h"
+#include "cli/problem.h"
+#include "commands.h"
+
+namespace {
+
+// Descriptors 0 to 2 must be open, or a file or socket of the library would take the place of one.
+void open_standard_descriptors() {
+    int fd;
+    while ((fd = open("/dev/null", O_RDONLY)) >= 0 && fd <= STDERR_FILENO) continue;
+    close(fd);
+}
+
+int complain(const char *what, const std::string &remedy, int status) {
+    std::cout.flush();
+    std::cerr << "tavctl: " << tavctl::harmless(what) << std::endl;
+    if (!remedy.empty()) std::cerr << "  what to do: " << tavctl::harmless(remedy) << std::endl;
+    return status;
+}
+
+} // namespace
 
 int main(int argc, char **argv) {
-    using namespace tavctl;
-    for (int fd; (fd = open("/dev/null", O_RDONLY)) >= 0;) // for each standard descriptor that is closed
-        if (fd > STDERR_FILENO) {
-            close(fd);
-            break;
-        }
-    std::signal(SIGPIPE,
-                SIG_IGN); // a reader that has gone shows in the output, and the endpoint is closed in order
+    open_standard_descriptors();
+    std::signal(SIGPIPE, SIG_IGN); // writing fails instead, and the endpoint is closed properly
     try {
-        return run_command_line(argc, argv);
-    } catch (const Problem &problem) {
-        std::cout.flush();
-        std::cerr << "tavctl: " << harmless(problem.what()) << std::endl;
-        if (!problem.remedy().empty())
-            std::cerr << "  what to do: " << harmless(problem.remedy()) << std::endl;
-        return problem.status();
+        return tavctl::run_command_line(tavctl::commands(), {argv, static_cast<size_t>(argc)});
+    } catch (const tavctl::Problem &problem) {
+        return complain(problem.what(), problem.remedy(), problem.status());
     } catch (const std::exception &error) {
-        std::cout.flush();
-        std::cerr << "tavctl: " << error.what() << std::endl;
-        return kFailure;
+        return complain(error.what(), {}, tavctl::kFailure);
     }
 }

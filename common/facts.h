@@ -1,0 +1,29 @@
+// Names and limits of the running system that the libraries and tavctl share.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tavipc {
+
+// Socket files lie in /var/zon_ipc<location>/, or with a deployment type in /var/<type>/zon_ipc<location>/.
+inline constexpr char kSocketRoot[] = "/var/";
+inline constexpr char kSocketDirectory[] = "zon_ipc";
+inline constexpr size_t kLongestSocketPath = 107; // bytes: sun_path without its NUL
+
+// Whoever replaces or removes a stale socket file locks its directory first. The lock is held for far less
+// than the 200 ms after which a process stops waiting for it.
+inline constexpr int kDirectoryLockTries = 200;
+inline constexpr unsigned kDirectoryLockPause_us = 1000;
+
+// Bytes of send buffer asked for a socket: 65 fragments. The kernel grants twice this, or its limit.
+inline constexpr int kSendBuffer = 4 << 20;
+
+// Bytes: a shorter application message is not compressed, because the envelope would take what is gained.
+inline constexpr uint32_t kCompressMinimum = 148;
+
+inline constexpr char kReceivedFile[] = "/tmp/ipc_file.XXXXXX"; // for mkstemp
+inline constexpr char kTraceSwitch[] = "/tmp/ipc_debug";        // traces every message while it exists
+inline constexpr char kIdentityLock[] = "/tav_agentid_mutexlock"; // named semaphore, below /dev/shm/sem.
+
+} // namespace tavipc

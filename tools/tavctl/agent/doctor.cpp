@@ -1,0 +1,272 @@
+// tavctl doctor: examines what the modules of an agent need, and says how to fix each fault. It makes and
+// changes nothing; the endpoint that it opens at the end is closed again.
+#include "agent/doctor.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <sstream>
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/timex.h>
+#include <unistd.h>
+
+#include "agent/identity.h"
+#include "cli/files.h"
+#include "cli/problem.h"
+#include "commands.h"
+#include "common/facts.h"
+#include "common/unique_fd.h"
+#include "look/sockets.h"
+#include "module/module.h"
+
+namespace fs = std::filesystem;
+
+namespace tavctl {
+namespace {
+
+constexpr size_t kVerdictWidth = 9, kCheckWidth = 18, kIndent = kVerdictWidth + kCheckWidth; // characters
+
+// The text in lines of at most width characters (0: one line), with an indent before each but the first.
+std::string folded(const std::string &text, size_t width) {
+    std::istringstream words(text);
+    std::string lines;
+    size_t column = 0;
+    for (std::string word; words >> word; column += word.size()) {
+        if (column > 0 && width > kIndent && kIndent + column + 1 + word.size() > width) {
+            lines += "\n" + std::string(kIndent, ' ');
+            column = 0;
+        } else if (column > 0) {
+            lines += ' ';
+            ++column;
+        }
+        lines += word;
+    }
+    return lines;
+}
+
+// Users paste a remedy, so its lines stay whole.
+std::string remedy_lines(const std::string &remedy) {
+    std::istringstream lines(remedy);
+    std::string text;
+    for (std::string line; std::getline(lines, line);) {
+        const std::string title = text.empty() ? padded("", kVerdictWidth) + "what to do:" : "";
+        text += "\n" + padded(title, kIndent) + line;
+    }
+    return text;
+}
+
+Finding check_endpoint(const AgentState &agent) {
+    if (!agent.allowed || !agent.has_id || !agent.directory)
+        return skip("not tried, because of the findings above");
+    Exchange exchange;
+    try {
+        const Module module;
+        exchange.begin = now_seconds();
+        tav_ipc_probe(module, tav_ipc_get_local_addr(module), Exchange::on_status, &exchange);
+        run_until([&] { return exchange.ended; }, 10s);
+        const std::string took = time_text(now_seconds() - exchange.begin);
+        if (exchange.ended && exchange.code == 0)
+            return ok(module.text() + " opened, and answered itself in " + took);
+        return fail(module.text() + " opened, but did not answer itself in " + took,
+                    "tavctl --verbose doctor");
+    } catch (const Problem &problem) {
+        return fail(problem.what(), problem.remedy());
+    }
+}
+
+// --- what the machine gives to modules: queues, buffers, descriptors, space for files, the clock
+constexpr long kFewDatagrams = 64;
+constexpr rlim_t kFewDescriptors = 1024;
+constexpr double kLittleSpace = 100e6, kNoSpace = 1e6; // bytes
+constexpr time_t kKeptFile_s = 600; // a living receiver removes a file 6 minutes after its last data
+constexpr int kEarliestYear = 2020; // of a clock that was ever set
+
+std::optional<long> setting(const char *path) {
+    try {
+        std::string text = read_file(path, 64);
+        while (text.ends_with('\n')) text.pop_back();
+        if (const long value = number_of(text); value >= 0) return value;
+    } catch (const Problem &) { // this system does not have it
+    }
+    return {};
+}
+
+// For now, and after the next start.
+std::string sysctl_remedy(const std::string &assignment) {
+    return as_root("sysctl -w " + assignment) + "\necho " + assignment + " | " +
+           as_root("tee -a /etc/sysctl.d/60-tavipc.conf");
+}
+
+Finding check_queue() {
+    const auto length = setting("/proc/sys/net/unix/max_dgram_qlen");
+    if (!length) return skip("net.unix.max_dgram_qlen cannot be read");
+    const std::string seen = "net.unix.max_dgram_qlen is " + std::to_string(*length);
+    if (*length >= kFewDatagrams) return ok(seen);
+    return warn(seen +
+                    ": only that many datagrams wait for a busy receiver; more wait in their senders, which "
+                    "takes time",
+                sysctl_remedy("net.unix.max_dgram_qlen=512") +
+                    "\n# then start the modules again: a socket keeps the value it was made with");
+}
+
+Finding check_buffers() {
+    const tavipc::UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    int size = tavipc::kSendBuffer;
+    if (setsockopt(probe.get(), SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0)
+        setsockopt(probe.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    socklen_t length = sizeof size;
+    getsockopt(probe.get(), SOL_SOCKET, SO_SNDBUF, &size, &length);
+    size /= 2; // the kernel reports twice what was asked for
+    const auto most = setting("/proc/sys/net/core/wmem_max");
+    const std::string limit =
+        most ? ", net.core.wmem_max is " + grouped(static_cast<uint64_t>(*most)) : std::string();
+    const std::string seen = "a socket of this user gets a send buffer of " + bytes_text(size);
+    if (size >= tavipc::kSendBuffer) return ok(seen + limit);
+    return warn(seen + " instead of " + bytes_text(tavipc::kSendBuffer) + limit,
+                sysctl_remedy("net.core.wmem_max=" + std::to_string(tavipc::kSendBuffer)));
+}
+
+Finding check_descriptors() {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const std::string seen = (limit.rlim_cur == RLIM_INFINITY ? "any number of" : grouped(limit.rlim_cur)) +
+                             " descriptors for a process started from here";
+    if (limit.rlim_cur >= kFewDescriptors) return ok(seen);
+    return warn(seen + "; files that are received may take half of them",
+                "ulimit -n 4096    # of a service: LimitNOFILE=4096 in its unit");
+}
+
+Finding check_space() {
+    struct statvfs disk {};
+    if (access("/tmp", W_OK | X_OK) != 0 || statvfs("/tmp", &disk) != 0)
+        return fail(std::string("this user cannot write to it: ") + std::strerror(errno),
+                    as_root("chmod 1777 /tmp"));
+    const double space = static_cast<double>(disk.f_bavail) * static_cast<double>(disk.f_frsize);
+    const bool no_inode = disk.f_files > 0 && disk.f_favail == 0;
+    const std::string seen = bytes_text(space) + " free for files that are received";
+    const char *look = "du -xsh /tmp/* | sort -h | tail";
+    if (space < kNoSpace) return fail(seen, look);
+    if (no_inode) return fail(seen + ", but not for one more file", look);
+    return space < kLittleSpace ? warn(seen, look) : ok(seen);
+}
+
+Finding check_received_files() {
+    const std::string_view pattern = tavipc::kReceivedFile, prefix = pattern.substr(0, pattern.find('X'));
+    uint64_t count = 0, bytes = 0;
+    for (const std::string path : files_in("/tmp")) {
+        struct stat file {};
+        if (!path.starts_with(prefix) || path.size() != pattern.size() || lstat(path.c_str(), &file) != 0 ||
+            !S_ISREG(file.st_mode) || time(nullptr) - file.st_mtime <= kKeptFile_s)
+            continue;
+        ++count;
+        bytes += static_cast<uint64_t>(file.st_size);
+    }
+    if (count == 0) return ok("none left in /tmp by a process that was killed");
+    return warn(grouped(count) + " left in /tmp by processes that are gone, " +
+                    bytes_text(static_cast<double>(bytes)),
+                as_root("find /tmp -maxdepth 1 -type f -name 'ipc_file.*' -mmin +10 -delete"));
+}
+
+Finding check_clock() {
+    const time_t now = time(nullptr);
+    tm date{};
+    gmtime_r(&now, &date);
+    char text[64];
+    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &date);
+    const std::string seen = text;
+    if (date.tm_year + 1900 < kEarliestYear)
+        return fail("it shows " + seen, as_root("timedatectl set-time 'YYYY-MM-DD HH:MM:SS'"));
+    timex state{};
+    if (adjtimex(&state) == TIME_ERROR || (state.status & STA_UNSYNC))
+        return warn(seen + ", not kept by a time service; time-outs go by it, and a step affects them",
+                    as_root("timedatectl set-ntp true"));
+    return ok(seen + ", kept by a time service");
+}
+
+Finding check_trace_switch() {
+    struct stat file {};
+    if (lstat(tavipc::kTraceSwitch, &file) != 0) return ok("off");
+    return warn(tavipc::kTraceSwitch + std::string(" is there: every module traces each message"),
+                "tavctl trace off");
+}
+
+void check_environment(Findings &findings) {
+    const char *root = std::getenv("TAV_INSTALL_ROOT"), *test = std::getenv("IPC_TEST");
+    const bool marks = test && test[0] == '1';
+    if (!root && !marks)
+        findings.add("environment", ok("neither TAV_INSTALL_ROOT nor IPC_TEST changes anything"));
+    if (root)
+        findings.add("environment",
+                     warn("TAV_INSTALL_ROOT is " + std::string(root) +
+                              ": identity and manager are read there if it has a config directory, "
+                              "but allow-list and agent.ini beside the executable",
+                          "unset TAV_INSTALL_ROOT"));
+    if (marks)
+        findings.add("environment", warn("IPC_TEST is " + std::string(test) +
+                                             ": processes started from here mark all messages "
+                                             "for the trace",
+                                         "unset IPC_TEST"));
+}
+
+void check_machine(Findings &findings) {
+    findings.add("datagram queue", check_queue());
+    findings.add("send buffer", check_buffers());
+    findings.add("open files", check_descriptors());
+    findings.add("/tmp", check_space());
+    findings.add("received files", check_received_files());
+    findings.add("clock", check_clock());
+    findings.add("trace switch", check_trace_switch());
+    check_environment(findings);
+}
+
+} // namespace
+
+bool Findings::add(const char *check, const Finding &finding) {
+    constexpr std::array<const char *, Finding::kVerdicts> kNames = {"ok", "warn", "FAIL", "skipped"};
+    const char *verdict = kNames[finding.verdict];
+    const std::string seen = one_line(finding.seen), remedy = harmless(finding.remedy);
+    ++counts_[finding.verdict];
+    Record record("check", check, "verdict", verdict, "seen", seen);
+    if (!remedy.empty()) record.add("remedy", remedy);
+    out_.say(record, "",
+             padded(verdict, kVerdictWidth) + padded(check, kCheckWidth) + folded(seen, out_.width()) +
+                 remedy_lines(remedy));
+    return finding.verdict == Finding::kOk || finding.verdict == Finding::kWarn;
+}
+
+bool Findings::summarize() const {
+    const auto &[ok, warn, fail, skipped] = counts_;
+    const Record record("check", "summary", "ok", ok, "warn", warn, "fail", fail, "skipped", skipped);
+    out_.say(record, "\n",
+             counted(ok + warn + fail + skipped, "check") + record.fill(": {ok,} ok") +
+                 (warn ? record.fill(", {warn,} to look at") : "") +
+                 (fail ? record.fill(", {fail,} FAILED") : "") +
+                 (skipped ? record.fill(", {skipped,} skipped") : ""));
+    return fail == 0;
+}
+
+std::string as_root(const std::string &command) { return (geteuid() == 0 ? "" : "sudo ") + command; }
+std::string this_user() { return user_name(geteuid()); }
+std::string config_directory() {
+    const std::string found = configuration_directory();
+    std::error_code error;
+    const fs::path plain = fs::weakly_canonical(found, error);
+    return error ? found : plain.string();
+}
+
+int doctor(Console &out, const Args &) {
+    Findings findings(out);
+    const AgentState agent = check_agent(findings);
+    check_machine(findings);
+    findings.add("endpoint", check_endpoint(agent));
+    return findings.summarize() ? kSuccess : kFailure;
+}
+
+} // namespace tavctl

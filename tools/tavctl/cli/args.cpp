@@ -1,0 +1,269 @@
+#include "cli/args.h"
+
+#include <algorithm>
+#include <iostream>
+#include <numeric>
+#include <sstream>
+
+#include <unistd.h>
+
+#include "cli/console.h"
+#include "cli/problem.h"
+#include "module/module.h"
+
+namespace tavctl {
+namespace {
+
+constexpr size_t kHelpColumn = 28;
+constexpr char kAbout[] =
+    "Looks at the endpoints of an agent's modules, talks to them, and keeps the signed allow-list.\n";
+constexpr char kFooter[] = "\nAn endpoint is given as NAME or NAME@LOCATION.\n"
+                           "Exit status: 0 done; 1 failed or refused; 2 wrong usage; 3 nobody answered;\n"
+                           "4 the tool itself may not open an endpoint.\n"
+                           "See tavctl COMMAND --help and tavctl(1).\n";
+
+// Number of letters to add, remove or exchange to turn one word into the other.
+size_t distance(const std::string &from, const std::string &to) {
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < from.size(); ++i) {
+        size_t diagonal = row[0]++;
+        for (size_t j = 0; j < to.size(); ++j) {
+            const size_t exchanged = diagonal + (from[i] != to[j]);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({exchanged, diagonal + 1, row[j] + 1});
+        }
+    }
+    return row.back();
+}
+
+// "-1" is not a number, nor is "nan", for which no comparison holds. "010" is refused: some read it as 8.
+bool is_valid(const Option &option, const std::string &text) {
+    const bool whole = option.value == "N" || option.value == "CODE", time = option.value == "SECONDS";
+    if (!whole && !time) return true;
+    const char *digits = whole ? "0123456789" : "0123456789.";
+    if (text.empty() || text.size() > 18 || text.find_first_not_of(digits) != text.npos) return false;
+    if (whole && text.size() > 1 && text[0] == '0') return false;
+    const double number = std::strtod(text.c_str(), nullptr);
+    return option.least == option.most || (number >= option.least && number <= option.most);
+}
+
+class CommandLine {
+  public:
+    CommandLine(std::span<const Command> commands, std::span<char *const> words)
+        : commands_(commands), words_(words), options_(options_of(kGlobalOptions)) {}
+
+    int run() {
+        read();
+        if (args_.has("version")) return std::cout << TAVIPC_VERSION << '\n', kSuccess;
+        if (args_.has("help")) return std::cout << help(), kSuccess;
+        if (!command_ && unexpected_.empty()) return std::cout << help() << std::flush, kMisuse;
+        check();
+        if (args_.has("agent")) become_other();
+        Console out(args_.has("json"));
+        keep_log(args_.has("verbose"));
+        const int status = command_->run(out, args_);
+        out.finish();
+        return status;
+    }
+
+  private:
+    void read() {
+        bool plain = false; // after "--"
+        for (at_ = 1; at_ < words_.size(); ++at_) {
+            const std::string word = words_[at_];
+            if (!plain && word == "--")
+                plain = true;
+            else if (plain || word.size() < 2 || word[0] != '-')
+                command_ ? take_argument(word) : take_command(word);
+            else
+                take_option(word);
+        }
+    }
+
+    void take_command(const std::string &word) {
+        const std::string path = path_ + (path_.empty() ? "" : " ") + word;
+        std::string nearest;
+        size_t least =
+            word.size() / 2 + 1; // a word that shares less than half of its letters is another word
+        for (const Command &command : commands_) {
+            const std::string name = command.name;
+            if (name == path) {
+                command_ = &command;
+                const std::vector<Option> own = options_of(command.usage);
+                options_.insert(options_.begin(), own.begin(), own.end());
+            }
+            if (name == path || name.starts_with(path + " ")) {
+                path_ = path;
+                return;
+            }
+            if (!path_.empty() && !name.starts_with(path_ + " ")) continue;
+            const std::string other = name.substr(path_.empty() ? 0 : path_.size() + 1);
+            const std::string first = other.substr(0, other.find(' '));
+            if (const size_t away = distance(word, first); away < least) least = away, nearest = first;
+        }
+        throw wrong("unknown command '" + word + "'" +
+                    (nearest.empty() ? "" : "; did you mean '" + nearest + "'?"));
+    }
+
+    void take_argument(const std::string &word) {
+        for (const Option &option : options_)
+            if (option.argument && (option.repeated || !args_.has(option.key)))
+                return args_.set(option.key, word);
+        unexpected_ += " " + word;
+    }
+
+    // --name VALUE, --name=VALUE, -n VALUE or -nVALUE
+    void take_option(const std::string &word) {
+        const bool is_long = word[1] == '-';
+        const size_t end = is_long ? std::min(word.find('='), word.size()) : 2;
+        const std::string name = word.substr(0, end);
+        const auto option = std::ranges::find_if(options_, [&](const Option &each) {
+            return !each.argument && std::ranges::count(each.names, name) > 0;
+        });
+        const bool attached = end < word.size();
+        if (option == options_.end() || (attached && option->value.empty())) {
+            unexpected_ += " " + word;
+            return;
+        }
+        std::string value = attached ? word.substr(end + is_long) : "";
+        if (!option->value.empty() && !attached) {
+            if (++at_ == words_.size()) throw wrong(name + " needs a value");
+            value = words_[at_];
+        }
+        if (!is_valid(*option, value))
+            throw wrong(name + ": \"" + value + "\" is not a valid " +
+                        (option->value == "SECONDS" ? "time in seconds" : "number"));
+        args_.set(option->key, value);
+    }
+
+    void check() {
+        if (!unexpected_.empty()) throw wrong("not expected:" + unexpected_);
+        for (const Option &option : options_) {
+            if (args_.has(option.key)) continue;
+            if (option.required) throw wrong(option.names.back() + " is missing");
+            if (!option.preset.empty()) args_.set(option.key, option.preset);
+        }
+    }
+
+    Problem wrong(const std::string &what) const {
+        return misuse(what, "tavctl " + path_ + (path_.empty() ? "" : " ") + "--help");
+    }
+
+    std::string help() const;
+    [[noreturn]] void become_other() const;
+
+    std::span<const Command> commands_;
+    std::span<char *const> words_;
+    size_t at_ = 0;
+    std::vector<Option> options_;      // global ones, and those of the command
+    const Command *command_ = nullptr; // that was named
+    std::string path_, unexpected_;
+    Args args_;
+};
+
+std::string CommandLine::help() const {
+    std::string arguments, argument_lines, option_lines, command_lines;
+    for (const Option &option : options_) {
+        std::string name = option.names[0];
+        for (size_t i = 1; i < option.names.size(); ++i) name += ", " + option.names[i];
+        if (!option.value.empty()) name += " " + option.value;
+        if (option.argument) arguments += option.required ? " " + name : " [" + name + "]";
+        (option.argument ? argument_lines : option_lines) +=
+            padded("  " + name, kHelpColumn) + option.help +
+            (option.preset.empty() ? "" : " (default " + option.preset + ")") + "\n";
+    }
+    for (const Command &command : commands_)
+        if (!command_ && std::string_view(command.name).starts_with(path_))
+            command_lines += padded("  " + std::string(command.name), kHelpColumn) + command.help + "\n";
+    std::string text = command_ ? std::string(command_->help) + ".\n" : path_.empty() ? kAbout : "";
+    text += "Usage: tavctl" + (path_.empty() ? "" : " " + path_) + " [OPTIONS]" +
+            (command_ ? arguments : std::string(" COMMAND")) + "\n";
+    if (!argument_lines.empty()) text += "\nArguments:\n" + argument_lines;
+    text += "\nOptions:\n" + option_lines;
+    if (!command_lines.empty()) text += "\nCommands:\n" + command_lines;
+    return text + (path_.empty() ? kFooter : "");
+}
+
+// Passes everything but --agent on to the other tool.
+void CommandLine::become_other() const {
+    const std::string agent = args_.text("agent"), tool = agent + "/bin/tavctl";
+    std::vector<char *> words;
+    if (agent.empty()) throw misuse("--agent names no directory");
+    bool plain = false; // after "--"
+    for (size_t i = 0; i < words_.size(); ++i) {
+        const std::string_view word = words_[i];
+        plain = plain || word == "--";
+        if (!plain && word == "--agent")
+            ++i;
+        else if (plain || !word.starts_with("--agent="))
+            words.push_back(words_[i]);
+    }
+    words.push_back(nullptr);
+    execv(tool.c_str(), words.data());
+    throw system_problem(
+        "cannot run " + tool,
+        "an agent has its own tavctl, because the allow-list goes by the executable: copy this one there "
+        "and add it, tavctl allowlist add --key PRIVATE.pem --dir " +
+            quoted(agent + "/config") + " tavctl");
+}
+
+} // namespace
+
+const char kGlobalOptions[] = "-h, --help  Print this help\n"
+                              "--version  Print the version\n"
+                              "--json  Print one JSON object per line, for programs\n"
+                              "-v, --verbose  Write the library's log to standard error\n"
+                              "--agent DIR  Run the tavctl of another agent, DIR/bin/tavctl\n";
+
+std::vector<std::string> Args::all(const std::string &name) const {
+    const auto found = values_.find(name);
+    return found == values_.end() ? std::vector<std::string>() : found->second;
+}
+std::string Args::text(const std::string &name) const { return has(name) ? all(name).back() : ""; }
+uint64_t Args::number(const std::string &name) const {
+    return std::strtoull(text(name).c_str(), nullptr, 10);
+}
+double Args::seconds(const std::string &name) const { return std::strtod(text(name).c_str(), nullptr); }
+
+Option::Option(const std::string &line) : argument(line[0] != '-') {
+    const size_t end = line.find("  ");
+    help = line.substr(end + 2);
+    std::istringstream words(line.substr(0, end));
+    for (std::string word; words >> word;) {
+        if (word.ends_with(',')) word.pop_back();
+        (word[0] == '-' ? names.emplace_back() : value) = word;
+    }
+    const auto cut = [this](const char *mark) { // removes what follows the mark from the value
+        const size_t at = std::min(value.find(mark), value.size());
+        std::string rest = value.substr(std::min(at + 1, value.size()));
+        value.resize(at);
+        return rest;
+    };
+    required = (argument && value[0] != '[') || value.ends_with('!');
+    repeated = value.find("...") != value.npos;
+    if (value[0] == '[') value = value.substr(1, value.size() - 2);
+    cut("!");
+    cut("...");
+    preset = cut("=");
+    const std::string range = cut(":");
+    if (!range.empty()) {
+        least = std::strtod(range.c_str(), nullptr);
+        most = std::strtod(range.c_str() + range.find('-') + 1, nullptr);
+    }
+    if (argument) names.push_back(std::exchange(value, {}));
+    key = argument ? names[0] : names.back().substr(2);
+}
+
+std::vector<Option> options_of(const char *usage) {
+    std::vector<Option> options;
+    std::istringstream lines(usage);
+    for (std::string line; std::getline(lines, line);) options.emplace_back(line);
+    return options;
+}
+
+int run_command_line(std::span<const Command> commands, std::span<char *const> words) {
+    return CommandLine(commands, words).run();
+}
+
+} // namespace tavctl

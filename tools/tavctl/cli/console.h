@@ -1,0 +1,118 @@
+// Standard output: a line of text for people, or with --json one JSON object per line for programs. A command
+// names each fact once, as a field of a Record; the text refers to the fields.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace tavctl {
+
+// A point in time of the wall clock.
+class Stamp {
+  public:
+    Stamp();
+    explicit Stamp(time_t seconds) : time_{seconds, 0} {}
+    std::string clock() const;   // local, "12:34:56.789"
+    std::string rfc3339() const; // "2026-11-23T12:34:56.789+01:00"
+    std::string format(const char *strftime_format) const;
+
+  private:
+    timespec time_;
+};
+
+struct Duration { // JSON: microseconds
+    double seconds;
+};
+
+class Record {
+  public:
+    Record() = default;
+    // Names and values in turn. nullptr is null, a Stamp is RFC 3339; bytes that are not text become "?".
+    template <class... Fields> explicit Record(const char *name, const Fields &...fields) {
+        add(name, fields...);
+    }
+    template <class Value, class... Fields>
+    Record &add(const std::string &name, const Value &value, const Fields &...fields) {
+        put(name, value);
+        if constexpr (sizeof...(fields) > 0) add(fields...);
+        return *this;
+    }
+    std::string json() const;
+    // The pattern with each "{field}" replaced by its value as people read it, "{field,}" by the number with
+    // separators, and "{field,thing}" by "1 thing" or "2 things".
+    std::string fill(std::string_view pattern) const;
+
+  private:
+    struct Field {
+        std::string name, json, text;
+    };
+    void put(const std::string &name, std::string_view text);
+    void put(const std::string &name, const char *text) { put(name, std::string_view(text)); }
+    void put(const std::string &name, const std::vector<std::string> &texts);
+    void put(const std::string &name, double number);
+    void put(const std::string &name, const Stamp &time);
+    void put(const std::string &name, const Duration &time);
+    void put(const std::string &name, std::nullptr_t) { fields_.push_back({name, "null", "-"}); }
+    template <class Number>
+    requires std::is_integral_v<Number>
+    void put(const std::string &name, Number number) {
+        const std::string digits = std::to_string(number);
+        const char *word = number ? "true" : "false";
+        fields_.push_back({name, std::is_same_v<Number, bool> ? word : digits, digits});
+    }
+    std::vector<Field> fields_;
+};
+
+class Console {
+  public:
+    explicit Console(bool json);
+    ~Console(); // clears the progress line, so that an error message starts on a line of its own
+    Console(const Console &) = delete;
+
+    // Writes the record, or the pattern filled from it and the text after that. An empty line is not written.
+    void say(const Record &record, std::string_view pattern, const std::string &more = {});
+    // Writes for people only: titles, blank lines, hints.
+    void tell(const std::string &text);
+    void tell_remedy(const std::string &remedy) { tell("  what to do: " + remedy); }
+    // Shows a line that the next one replaces; on a terminal only.
+    void progress(const std::string &text);
+    bool shows_progress() const { return terminal_ && !json_; }
+    // Columns of the terminal; 0 without one, so that nothing is cut in a pipe.
+    unsigned width() const;
+    // Ends the output. Throws Problem when it could not be written.
+    void finish();
+
+  private:
+    void write(const std::string &line);
+    void clear_progress();
+    const bool json_, terminal_;
+    bool progress_shown_ = false;
+};
+
+// --- numbers
+long number_of(std::string_view text);                   // the number that is the whole text, or -1
+std::string grouped(uint64_t number);                    // 65,471,999
+std::string counted(uint64_t number, const char *thing); // "1 file", "2 files"
+std::string bytes_text(double bytes);                    // "312 B", "64.0 kB", "1.2 GB"
+std::string time_text(double seconds);                   // "47 us", "1.3 ms", "2.5 s", "3 min 20 s"
+
+// --- layout
+std::string padded(std::string text, size_t width);         // with blanks behind it
+std::string fit(const std::string &text, unsigned columns); // cut, with "..." at the end; 0: not cut
+
+// --- bytes from elsewhere
+// Whether the bytes are UTF-8 without control characters other than tab and line end.
+bool is_text(std::string_view bytes);
+// The text with "?" in place of what a terminal would interpret; one_line replaces tabs and line ends too.
+std::string harmless(std::string_view text);
+std::string one_line(std::string_view text);
+std::string quoted(const std::string &path); // for a shell
+std::string hex_of(std::string_view bytes);
+// At most limit bytes in rows of 16: offset, hexadecimal digits, characters.
+std::string hex_dump(std::string_view bytes, size_t limit, const std::string &indent);
+
+} // namespace tavctl

@@ -1,0 +1,103 @@
+#include "cli/files.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "cli/problem.h"
+#include "common/owned.h"
+#include "common/regular_file.h"
+#include "common/unique_fd.h"
+
+namespace tavctl {
+namespace {
+
+using tavipc::UniqueFd;
+
+void write_all(int fd, std::string_view content, const std::string &path) {
+    while (!content.empty()) {
+        const ssize_t n = ::write(fd, content.data(), content.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw system_problem("cannot write " + path);
+        content.remove_prefix(static_cast<size_t>(n));
+    }
+}
+
+// The file that a link leads to: the link stays, the file is replaced.
+std::string real_path(const std::string &path) {
+    const tavipc::MallocPtr<char> real(::realpath(path.c_str(), nullptr));
+    return real ? real.get() : path;
+}
+
+} // namespace
+
+std::string read_descriptor(int fd, const std::string &name, size_t limit) {
+    std::string content;
+    char chunk[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw system_problem("cannot read " + name);
+        if (n == 0) return content;
+        content.append(chunk, static_cast<size_t>(n));
+        if (content.size() > limit)
+            throw Problem(name + " is larger than " + std::to_string(limit) + " bytes");
+    }
+}
+
+std::string read_file(const std::string &path, size_t limit) {
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) throw system_problem("cannot open " + path);
+    return read_descriptor(file.get(), path, limit);
+}
+
+UniqueFd open_regular_file(const std::string &path) {
+    UniqueFd file = tavipc::open_regular(path.c_str(), O_RDONLY | O_NOCTTY);
+    if (!file && (errno == EISDIR || errno == EINVAL))
+        throw Problem(path + " is not a regular file", "give a regular file, or move it away");
+    if (!file) throw system_problem("cannot open " + path);
+    return file;
+}
+
+std::string read_regular_file(const std::string &path, size_t limit) {
+    return read_descriptor(open_regular_file(path).get(), path, limit);
+}
+
+std::vector<std::filesystem::path> files_in(const std::string &directory) {
+    std::vector<std::filesystem::path> paths;
+    std::error_code error;
+    for (auto entry = std::filesystem::directory_iterator(directory, error);
+         !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
+        paths.push_back(entry->path());
+    return paths;
+}
+
+NewFile::NewFile(const std::string &path, std::string_view content, unsigned mode)
+    : path_(real_path(path)), temporary_(path_ + ".tmp" + std::to_string(::getpid())) {
+    ::unlink(temporary_.path.c_str()); // of a killed process with the same id
+    const UniqueFd file(::open(temporary_.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file) throw system_problem("cannot create " + temporary_.path, "may this user write there?");
+    struct stat before {};
+    if (::stat(path_.c_str(), &before) == 0) {
+        static_cast<void>(open_regular_file(path_)); // throws for other kinds
+        mode = before.st_mode & 0777;
+        if (::fchown(file.get(), before.st_uid, before.st_gid) != 0) errno = 0; // this user owns it then
+    }
+    if (::fchmod(file.get(), mode) != 0) throw system_problem("cannot set the mode of " + temporary_.path);
+    write_all(file.get(), content, temporary_.path);
+    if (::fsync(file.get()) != 0) throw system_problem("cannot write " + temporary_.path);
+}
+
+NewFile::Temporary::~Temporary() { ::unlink(path.c_str()); }
+
+void NewFile::put() {
+    if (::rename(temporary_.path.c_str(), path_.c_str()) != 0)
+        throw system_problem("cannot replace " + path_);
+}
+
+void write_file(const std::string &path, std::string_view content, unsigned mode) {
+    NewFile(path, content, mode).put();
+}
+
+} // namespace tavctl

@@ -1,0 +1,144 @@
+// tavctl sendfile: sends a whole file, with its progress and its digest.
+#include <algorithm>
+#include <cmath>
+#include <future>
+
+#include <sys/stat.h>
+
+#include "cli/files.h"
+#include "commands.h"
+#include "file/digest.h"
+#include "module/library_state.h"
+#include "module/module.h"
+
+namespace tavctl {
+namespace {
+
+constexpr uint64_t kChunk = TAV_IPC_FRAGMENT_PAYLOAD; // bytes
+
+// Shows how far a transfer is: on a terminal ten times a second, elsewhere every ten seconds.
+class Progress {
+  public:
+    Progress(Console &out, uint64_t size) : out_(out), size_(static_cast<double>(size)) {}
+    bool due() const { return now_seconds() - shown_ > (out_.shows_progress() ? 0.1 : 10); }
+    void show(uint64_t bytes) {
+        shown_ = now_seconds();
+        if (bytes > done) moved_ = shown_;
+        done = std::max(done, bytes);
+        const double known = static_cast<double>(done), rate = known / (shown_ - begin_);
+        std::string text = bytes_text(known) + " of " + bytes_text(size_);
+        if (size_ > 0) text = std::to_string(static_cast<int>(100 * known / size_)) + " %  " + text;
+        if (shown_ - moved_ > 2)
+            text += ", no confirmation for " + time_text(std::floor(shown_ - moved_));
+        else if (rate >= 1)
+            text += ", " + bytes_text(rate) + "/s, " + time_text(std::ceil((size_ - known) / rate)) + " left";
+        out_.shows_progress() ? out_.progress(text) : out_.tell(text);
+    }
+    uint64_t done = 0; // bytes that have arrived for sure
+
+  private:
+    Console &out_;
+    const double size_; // bytes
+    const double begin_ = now_seconds();
+    double shown_ = begin_, moved_ = begin_;
+};
+
+Problem failed_transfer(const tav_addr_st &destination, int32_t code, uint64_t done) {
+    const std::string who = address_text(destination);
+    const std::string reached = done > 0 ? "; at least " + grouped(done) + " bytes had arrived" : "";
+    const char *again = "send it again: ids are drawn anew each time";
+    const struct {
+        int32_t code;
+        std::string what, remedy;
+    } reasons[] = {{IPC_ERR_OPEN_FILE, "the library cannot open the file",
+                    "it needs one more descriptor and /proc: see ulimit -n"},
+                   {IPC_ERR_NOMEM, "the library has no memory for the transfer", "end other processes"},
+                   {IPC_ERR_FILE_ID, who + " is receiving a file of another sender under the same id", again},
+                   {IPC_ERR_FILE_CLOSED, who + " has a complete file of this id already", again},
+                   {IPC_ERR_IO, who + " cannot store the file",
+                    "make room in the receiver's /tmp (df /tmp), where unfinished files stay for 5 minutes; "
+                    "its log shows "
+                    "when it receives too many files at a time"},
+                   {IPC_ERR_NOT_SUPPORTED, who + " accepts no files",
+                    "its module must open the endpoint with accept_files; tavctl recvfile DIR receives files "
+                    "for a trial"}};
+    for (const auto &reason : reasons)
+        if (reason.code == code) return Problem(reason.what + reached, reason.remedy);
+    const Problem why = failed_exchange(destination, code);
+    return Problem(why.what() + reached, why.remedy(), why.status());
+}
+
+// Reports what arrived. What the digest's thread read may differ from what the library read when the file was
+// changed meanwhile.
+void say_delivered(Console &out, Record &&record, const Exchange &transfer, int file, const struct stat &info,
+                   const FileDigest &digest) {
+    struct stat after {};
+    const bool changed = fstat(file, &after) != 0 || after.st_size != info.st_size ||
+                         after.st_mtim.tv_sec != info.st_mtim.tv_sec ||
+                         after.st_mtim.tv_nsec != info.st_mtim.tv_nsec ||
+                         digest.size != static_cast<uint64_t>(info.st_size);
+    const double rate = static_cast<double>(digest.size) / transfer.took();
+    record.add("seconds", transfer.took(), "rate", rate, "file_id", transfer.code, "changed", changed);
+    if (changed)
+        record.add("bytes", nullptr, "sha256", nullptr);
+    else
+        record.add("bytes", digest.size, "sha256", digest.sha256);
+    out.say(record, changed ? "{to}: about " : "{to}: ",
+            grouped(digest.size) + " bytes delivered in " + time_text(transfer.took()) + ", " +
+                bytes_text(rate) + "/s" +
+                record.fill(changed
+                                ? ", file id {file_id}\n  the file changed meanwhile: what arrived may mix "
+                                  "both versions; the receiver knows its size"
+                                : ", file id {file_id}\n  sha256 {sha256}"));
+}
+
+} // namespace
+
+int send_file(Console &out, const Args &args) {
+    const tav_addr_st destination = parse_address(args.text("NAME"));
+    const std::string path = args.text("FILE");
+    const tavipc::UniqueFd file = open_regular_file(path);
+    struct stat info {};
+    fstat(file.get(), &info);
+    const auto size = static_cast<uint64_t>(info.st_size);
+    catch_interrupts();
+    Exchange transfer;
+    const Module module;
+    Progress progress(out, size);
+    transfer.begin = now_seconds();
+    const FilePosition position(file.get(), [&] { // by the descriptor: the file that was looked at
+        tav_ipc_send_file(module, &destination, ("/proc/self/fd/" + std::to_string(file.get())).c_str(),
+                          Exchange::on_status, &transfer, static_cast<int32_t>(args.number("timeout")));
+    });
+    std::atomic<bool> stop = false;
+    std::future<FileDigest> background = std::async([&] { return digest_of(file.get(), stop); });
+    const struct Stopper { // before the future waits for its thread
+        std::atomic<bool> &stop;
+        ~Stopper() { stop = true; }
+    } stopper{stop};
+    const bool tracked = position.get() || size <= kChunk;
+    const Wait wait = run_until([&] {
+        if (tracked && !transfer.ended && progress.due()) {
+            // One chunk is on its way and the next is read ahead; at the end of the file the last one is
+            // left.
+            const auto read = position.get();
+            const uint64_t unsure = read ? 2 * kChunk : kChunk, known = read.value_or(size);
+            progress.show(known - std::min(known, unsure));
+        }
+        return transfer.ended;
+    });
+    if (wait == Wait::kInterrupted)
+        throw Problem("interrupted when at least " + grouped(progress.done) + " bytes had arrived",
+                      "the receiver removes the unfinished file within 6 minutes; send it again");
+    if (!transfer.ended) throw Problem("the event loop ended before the transfer did");
+    if (transfer.code < 0) throw failed_transfer(destination, transfer.code, progress.done);
+    const FileDigest digest = background.get();
+    if (digest.error != 0)
+        throw Problem("cannot read " + harmless(path) + " beyond " + grouped(digest.size) +
+                      " bytes: " + strerror(digest.error) + "; what arrived ends there or before");
+    say_delivered(out, Record("type", "file", "to", address_text(destination), "path", path), transfer,
+                  file.get(), info, digest);
+    return kSuccess;
+}
+
+} // namespace tavctl

@@ -1,0 +1,212 @@
+// tavctl list: the endpoints, whose they are, and the files that killed processes have left.
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <tuple>
+
+#include <unistd.h>
+
+#include "cli/problem.h"
+#include "commands.h"
+#include "look/sockets.h"
+#include "tavaux.h"
+#include "tavipc/tav_ipc.h"
+
+namespace tavctl {
+namespace {
+
+constexpr size_t kColumns = 6;
+using Row = std::array<std::string, kColumns>;
+constexpr std::array<size_t, kColumns> kWidest = {20, 9, 8, 12, 6, 4096}; // on a terminal, in characters
+const Row kTitles = {"NAME", "STATE", "PROCESS", "USER", "AGE", "EXECUTABLE"};
+
+const char *state_text(SocketState state) {
+    constexpr const char *kTexts[] = {"gone", "live", "stale", "forbidden", "other"};
+    return kTexts[static_cast<size_t>(state)];
+}
+
+std::string age_text(time_t since) {
+    const time_t age = time(nullptr) - since;
+    if (age < 0) return "-"; // the clock was set back
+    if (age < 60) return std::to_string(age) + " s";
+    if (age < 3600) return std::to_string(age / 60) + " min";
+    if (age < 2L * 86400) return std::to_string(age / 3600) + " h";
+    return std::to_string(age / 86400) + " d";
+}
+
+std::string name_of_executable(const std::string &path) {
+    return path.empty() ? "-" : one_line(path.substr(path.rfind('/') + 1));
+}
+
+Row row_of(const SocketDirectory &directory, const SocketFile &file) {
+    const std::string name = one_line(file.name) + "@" + std::to_string(directory.location);
+    const std::string process = file.process ? std::to_string(file.process) : "-";
+    return {name,
+            state_text(file.state),
+            process,
+            one_line(file.user),
+            age_text(file.made),
+            name_of_executable(file.executable)};
+}
+
+std::vector<Row> rows_of(const SocketDirectory &directory, bool pool) {
+    std::vector<Row> rows;
+    std::map<std::tuple<pid_t, SocketState, pid_t, std::string>, std::pair<size_t, const SocketFile *>>
+        senders; // those that share all this: their number, and the oldest
+    for (const SocketFile &file : directory.sockets) {
+        if (file.sender == 0 || pool) {
+            rows.push_back(row_of(directory, file));
+        } else {
+            auto &[count, first] = senders[{file.sender, file.state, file.process, file.user}];
+            if (++count == 1 || file.made < first->made) first = &file;
+        }
+    }
+    for (const auto &[alike, found] : senders) {
+        const auto &[count, first] = found;
+        rows.push_back(row_of(directory, *first));
+        rows.back()[0] = "ipc" + std::to_string(first->sender) + "_* x" + std::to_string(count);
+    }
+    return rows;
+}
+
+void add_count(std::string &text, size_t count, const char *what) {
+    if (count > 0) text += (text.ends_with(": ") ? "" : ", ") + grouped(count) + " " + what;
+}
+
+std::string title_of(const SocketDirectory &directory) {
+    std::string text = one_line(directory.path) + ": ";
+    if (!directory.error.empty()) return text + directory.error;
+    add_count(text, directory.count(SocketState::kLive), "live");
+    add_count(text, directory.count(SocketState::kStale), "stale");
+    add_count(text, directory.count(SocketState::kForbidden), "forbidden to this user");
+    add_count(text, directory.strange + directory.count(SocketState::kNoSocket), "of another kind");
+    return text;
+}
+
+// The columns are the same for all directories.
+void tell_table(Console &out, const Scan &scan, bool pool) {
+    std::vector<std::vector<Row>> tables;
+    std::array<size_t, kColumns> widths{};
+    const auto measure = [&](const Row &row) {
+        for (size_t i = 0; i < kColumns; ++i) widths[i] = std::max(widths[i], row[i].size());
+    };
+    measure(kTitles);
+    for (const SocketDirectory &directory : scan.directories) {
+        tables.push_back(rows_of(directory, pool));
+        std::ranges::for_each(tables.back(), measure);
+    }
+    const unsigned width = out.width();
+    const auto tell = [&](const Row &row) {
+        std::string line;
+        for (size_t i = 0; i < kColumns; ++i) {
+            const size_t wide = width ? std::min(widths[i], kWidest[i]) : widths[i];
+            line += padded(fit(row[i], width ? static_cast<unsigned>(wide) : 0), wide) + "  ";
+        }
+        out.tell(fit(line.substr(0, line.find_last_not_of(' ') + 1), width));
+    };
+    bool first = true;
+    for (size_t i = 0; i < tables.size(); ++i) {
+        const SocketDirectory &directory = scan.directories[i];
+        if (tables[i].empty() && directory.strange == 0 && directory.error.empty()) continue;
+        out.tell((first ? "" : "\n") + fit(title_of(directory), width));
+        if (!tables[i].empty()) tell(kTitles);
+        std::ranges::for_each(tables[i], tell);
+        first = false;
+    }
+}
+
+Record record_of(const SocketDirectory &directory, const SocketFile &file) {
+    Record record("directory", one_line(directory.path), "name", one_line(file.name));
+    record.add("location", directory.location, "state", state_text(file.state), "sending", file.sender != 0);
+    if (file.process)
+        record.add("process", file.process, "executable", one_line(file.executable));
+    else
+        record.add("process", nullptr, "executable", nullptr);
+    return record.add("user", one_line(file.user), "owner", file.owner, "since", Stamp(file.made));
+}
+
+// A shell expands the words that it completes, so names with characters that it interprets are left out.
+bool is_plain(const std::string &name) {
+    return name.size() <= TAV_IPC_NAME_MAX &&
+           name.find_first_not_of("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz._+-") ==
+               name.npos;
+}
+
+// False when the file could not be removed.
+bool clean_one(Console &out, const std::string &directory, const SocketFile &file) {
+    Record record("path", one_line(directory + "/" + file.name));
+    const Removal removal = remove_stale(directory, file);
+    if (removal == Removal::kRemoved) out.say(record.add("removed", true), "removed {path}");
+    if (removal != Removal::kFailed) return true; // removed, gone by itself, or in use again
+    record.add("removed", false);
+    record.add("error", errno == EWOULDBLOCK ? "another process holds the lock of the directory"
+                                             : std::strerror(errno));
+    out.say(record, "cannot remove {path}: {error}");
+    return false;
+}
+
+// Directories that nobody named belong to other agents: their files stay.
+int clean(Console &out, const Scan &scan) {
+    size_t stale = 0, failed = 0, forbidden = 0, others = 0;
+    for (const SocketDirectory &directory : scan.directories) {
+        if (!directory.named) {
+            others += directory.count(SocketState::kStale);
+            continue;
+        }
+        forbidden += directory.count(SocketState::kForbidden);
+        for (const SocketFile &file : directory.sockets) {
+            if (file.state != SocketState::kStale) continue;
+            ++stale;
+            failed += !clean_one(out, directory.path, file);
+        }
+    }
+    if (stale + forbidden == 0) out.tell("There is no stale socket file.");
+    if (forbidden > 0)
+        out.tell(counted(forbidden, "socket") + " forbidden to this user: run it as root to clean them too.");
+    if (others > 0)
+        out.tell(
+            grouped(others) +
+            " stale in directories of other deployment types: clean them with --deploy-type TYPE, or with "
+            "the tavctl of their agent.");
+    if (failed > 0) out.tell_remedy("run it as the owner of the directory, or as root");
+    return failed > 0 ? kFailure : kSuccess;
+}
+
+} // namespace
+
+std::set<std::string> live_names() {
+    std::set<std::string> names;
+    for (const SocketDirectory &directory : scan_known({}).directories) {
+        const int location = directory.location;
+        const std::string suffix = location == tav_get_location() ? "" : "@" + std::to_string(location);
+        for (const SocketFile &file : directory.sockets)
+            if (directory.own && file.state == SocketState::kLive && !file.sender && is_plain(file.name))
+                names.insert(file.name + suffix);
+    }
+    return names;
+}
+
+int list(Console &out, const Args &args) {
+    if (args.has("names")) {
+        for (const std::string &name : live_names()) std::cout << name << '\n';
+        return kSuccess;
+    }
+    const Scan scan = scan_everything(args.all("deploy-type"));
+    if (args.has("clean")) return clean(out, scan);
+    bool any = false;
+    for (const SocketDirectory &directory : scan.directories) {
+        any |= !directory.sockets.empty() || directory.strange > 0 || !directory.error.empty();
+        for (const SocketFile &file : directory.sockets) out.say(record_of(directory, file), "");
+    }
+    tell_table(out, scan, args.has("pool"));
+    if (!any) out.tell("No endpoint is open, and none has left a socket file below /var.");
+    if (scan.incomplete)
+        out.tell(geteuid() == 0
+                     ? "\nThe process of some sockets is in another namespace, perhaps of a container."
+                     : "\nThis user does not see everything; root does.");
+    return kSuccess;
+}
+
+} // namespace tavctl

@@ -1,0 +1,220 @@
+// tavctl trace and explain: the message trace, and the header of a datagram.
+#include <algorithm>
+#include <cstring>
+#include <span>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "cli/files.h"
+#include "cli/problem.h"
+#include "commands.h"
+#include "common/facts.h"
+#include "common/unique_fd.h"
+#include "module/payload.h"
+#include "tavipc/tav_ipc.h"
+
+namespace tavctl {
+namespace {
+
+using tavipc::kTraceSwitch;
+
+constexpr char kLegend[] = R"(
+With TAV_LOG_LEVEL=4 in its environment a module writes a line for each message
+that it sends or gets:
+
+  [MSG TRACE] [alpha@42:2:80]->[beta@42:2:0], reqid:7, flags:0x200, rflags: 0x0,
+  frag:1:300:4, cmd: 9, size: 64000(200000), send via dunix: beta
+
+  [alpha@42:2:80]       source: name, host id, location, address flags (hex)
+  ->[beta@42:2:0]       destination, in the same form
+  reqid:7               id of the message, or of the request that it answers
+  flags:0x200           1 ACK, 2 NEED_ACK, 4 FILE, 8 PROBE, 10 REQUEST, 20 RESPONSE,
+                        40 TRACE, 100 COMPRESSED, 200 APP_MSG
+  frag:1:300:4          a fragment: 1, its set 300, its number 4
+  cmd: 9                command code
+  size: 64000(200000)   payload bytes here, and in parentheses of the whole message
+  send via dunix: beta  what happens to it: here it is sent to the socket beta
+
+"[Invalid message header]" means that the check value of a header is wrong.
+
+While the switch file exists every message is traced. Without it only messages
+with TRACE are, which a sender with IPC_TEST=1 in its environment sets. Modules
+check for the file every ten seconds.)";
+
+int show(Console &out) {
+    struct stat file {};
+    Record record("switch", kTraceSwitch);
+    if (lstat(kTraceSwitch, &file) == 0) {
+        const Stamp since(file.st_mtime);
+        record.add("on", true, "since", since, "uid", file.st_uid);
+        out.say(record, "{switch}: ON since " + since.format("%Y-%m-%d %H:%M:%S") + ", made by user {uid}");
+    } else {
+        out.say(record.add("on", false), "{switch}: off");
+    }
+    out.tell(kLegend);
+    return kSuccess;
+}
+
+int switch_on(Console &out) {
+    // Anybody may write to /tmp: an existing file is left as it is, and a link is not followed.
+    const tavipc::UniqueFd file(
+        open(kTraceSwitch, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!file && errno != EEXIST)
+        throw system_problem(std::string("cannot make ") + kTraceSwitch, "may this user write to /tmp?");
+    out.say(Record("switch", kTraceSwitch, "on", true), file ? "{switch}: ON" : "{switch}: was on already",
+            "; modules with TAV_LOG_LEVEL=4 trace every message within ten seconds");
+    return kSuccess;
+}
+
+int switch_off(Console &out) {
+    const bool was_on = unlink(kTraceSwitch) == 0;
+    if (!was_on && errno != ENOENT)
+        throw system_problem(std::string("cannot remove ") + kTraceSwitch,
+                             "it belongs to another user: run tavctl as that user, or as root");
+    out.say(Record("switch", kTraceSwitch, "on", false),
+            was_on ? "{switch}: off; modules notice within ten seconds" : "{switch}: was off already");
+    return kSuccess;
+}
+
+constexpr size_t kLongestInput = 1 << 20; // bytes
+
+struct Flag {
+    unsigned bit;
+    const char *name;
+};
+constexpr Flag kMessageFlags[] = {
+    {IPC_FLAG_ACK, "ACK"},     {IPC_FLAG_NEED_ACK, "NEED_ACK"},     {IPC_FLAG_FILE, "FILE"},
+    {IPC_FLAG_PROBE, "PROBE"}, {IPC_FLAG_REQUEST, "REQUEST"},       {IPC_FLAG_RESPONSE, "RESPONSE"},
+    {IPC_FLAG_TRACE, "TRACE"}, {IPC_FLAG_COMPRESSED, "COMPRESSED"}, {IPC_FLAG_APP_MSG, "APP_MSG"}};
+constexpr Flag kAddressFlags[] = {{ADDR_FLAG_COMPRESS_OK, "COMPRESS_OK"}, {ADDR_FLAG_TEMP, "TEMP"}};
+
+std::string hex_number(uint32_t number, int digits) {
+    char text[16];
+    snprintf(text, sizeof text, "0x%0*X", digits, number);
+    return text;
+}
+
+std::string flags_text(unsigned flags, std::span<const Flag> names) {
+    std::string text;
+    for (const Flag &flag : names)
+        if (flags & flag.bit) {
+            text += std::string(text.empty() ? "" : " ") + flag.name;
+            flags &= ~flag.bit;
+        }
+    if (flags != 0) text += std::string(text.empty() ? "" : " ") + "others " + hex_number(flags, 1);
+    return text.empty() ? "none" : text;
+}
+
+std::string address_line(const tav_addr_st &address) {
+    const size_t length = strnlen(address.name, sizeof address.name);
+    return "\"" + harmless({address.name, length}) + "\"" +
+           (length > TAV_IPC_NAME_MAX ? " (not terminated)" : "") + ", location " +
+           std::to_string(address.loc) + ", host " + std::to_string(address.hostid) + ", flags " +
+           flags_text(address.flags, kAddressFlags);
+}
+
+void add_address(Record &record, const std::string &prefix, const tav_addr_st &address) {
+    const std::string_view name(address.name, strnlen(address.name, sizeof address.name));
+    record.add(prefix + "_name", name, prefix + "_location", address.loc);
+    record.add(prefix + "_hostid", address.hostid, prefix + "_flags", address.flags);
+}
+
+// A datagram as a receiver sees it.
+struct Datagram {
+    tav_ipc_hdr_st header;
+    size_t payload; // bytes that are here
+    uint32_t expected;
+    bool fragment;
+    unsigned sequence;
+
+    explicit Datagram(const std::string &bytes) {
+        if (bytes.size() < sizeof header)
+            throw Problem("a datagram has at least the 60 bytes of its header, these are " +
+                              std::to_string(bytes.size()),
+                          "give the whole header; a receiver drops what is shorter");
+        std::memcpy(&header, bytes.data(), sizeof header);
+        payload = bytes.size() - sizeof header;
+        expected = tav_ipc_hdr_magic(&header);
+        fragment = header.frag_word[0] & 1;
+        sequence = header.frag_word[0] >> 1 | (header.frag_word[1] & 7u) << 7;
+    }
+    // Why a receiver would drop it; empty when it would not.
+    std::string objection() const {
+        if (header.magic != expected)
+            return "the check value is wrong: a receiver drops this datagram silently";
+        if (header.size > payload)
+            return "only " + grouped(payload) + " of " + grouped(header.size) +
+                   " payload bytes are here: a receiver drops such a datagram silently";
+        const uint64_t at = uint64_t{sequence} * TAV_IPC_FRAGMENT_PAYLOAD;
+        const uint64_t rest = header.frag_orig > at ? header.frag_orig - at : 0;
+        if (fragment && (header.frag_orig > TAV_IPC_MESSAGE_MAX ||
+                         header.size != std::min<uint64_t>(rest, TAV_IPC_FRAGMENT_PAYLOAD)))
+            return "this fragment does not have the length that follows from its number and its message: "
+                   "a receiver drops it";
+        return {};
+    }
+};
+
+constexpr char kHeader[] = R"( 0  dest       {dest}
+16  src        {src}
+32  reqid      {reqid}
+36  flags      {flags}
+38  rflags     {rflags}
+40  cmd        {cmd}
+44  size       {size,} bytes
+48  frag_orig  {frag_orig,}{whole}
+52  frag_word  {fragment}
+54  frag_id    {frag_id}
+56  magic      {magic}
+60  payload    {payload,} bytes here)";
+
+std::string text_of(const Datagram &datagram) {
+    const tav_ipc_hdr_st &header = datagram.header;
+    const std::string expected = hex_number(datagram.expected, 8);
+    Record text("dest", address_line(header.dest), "src", address_line(header.src), "reqid", header.reqid);
+    text.add("flags", hex_number(header.flags, 4) + ": " + flags_text(header.flags, kMessageFlags));
+    text.add("rflags", hex_number(header.rflags, 4), "cmd", header.cmd, "size", header.size);
+    text.add("frag_orig", header.frag_orig, "whole", datagram.fragment ? " bytes in the whole message" : "");
+    text.add("fragment",
+             datagram.fragment ? "fragment " + std::to_string(datagram.sequence) : "not a fragment");
+    text.add("frag_id", header.frag_id, "payload", datagram.payload);
+    text.add("magic",
+             hex_number(header.magic, 8) +
+                 (header.magic == datagram.expected ? ", right" : ", WRONG: it should be " + expected));
+    return text.fill(kHeader);
+}
+
+} // namespace
+
+int trace(Console &out, const Args &args) {
+    const std::string action = args.text("ACTION");
+    if (action == "show") return show(out);
+    if (action != "on" && action != "off") throw misuse("\"" + action + "\" is not one of on, off and show");
+    return action == "on" ? switch_on(out) : switch_off(out);
+}
+
+int explain(Console &out, const Args &args) {
+    if (args.has("HEX") && args.has("file")) throw misuse("give HEX or --file, not both");
+    const Datagram datagram(args.has("file") ? read_file(args.text("file"), kLongestInput)
+                            : args.has("HEX")
+                                ? parse_hex(args.text("HEX"))
+                                : parse_hex(read_descriptor(STDIN_FILENO, "standard input", kLongestInput)));
+    const tav_ipc_hdr_st &header = datagram.header;
+    const std::string objection = datagram.objection();
+    Record record;
+    add_address(record, "dest", header.dest);
+    add_address(record, "src", header.src);
+    record.add("reqid", header.reqid, "flags", header.flags);
+    record.add("flag_names", flags_text(header.flags, kMessageFlags));
+    record.add("rflags", header.rflags, "cmd", header.cmd, "size", header.size, "frag_orig",
+               header.frag_orig);
+    record.add("fragment", datagram.fragment, "sequence", datagram.sequence, "frag_id", header.frag_id);
+    record.add("magic", header.magic, "magic_expected", datagram.expected, "payload", datagram.payload);
+    out.say(record.add("valid", objection.empty()), "", text_of(datagram));
+    if (!objection.empty()) out.tell("  " + objection);
+    return objection.empty() ? kSuccess : kFailure;
+}
+
+} // namespace tavctl

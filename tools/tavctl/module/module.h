@@ -1,0 +1,102 @@
+// The tool as a module: its endpoint, its event loop, its exchanges, the library's log, and why one fails.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli/problem.h"
+#include "tavipc/tav_ipc.h"
+
+namespace tavctl {
+
+// --- the event loop (loop.cpp)
+using namespace std::chrono_literals;
+using Milliseconds = std::chrono::milliseconds;
+
+// From now on a first Ctrl-C or SIGTERM ends a wait instead of the process, so that statistics are printed
+// and socket files are removed. A second one ends the process.
+void catch_interrupts();
+bool interrupted();
+
+enum class Wait { kDone, kTimeout, kInterrupted, kNothingLeft };
+// Runs the loop until done() holds or the limit is over. done is called after each turn.
+Wait run_until(const std::function<bool()> &done, std::optional<Milliseconds> limit = {});
+// Runs the loop for this time, unless interrupted.
+void pause(double seconds);
+// What was passed to the library last leaves while the loop runs, long before this time is over.
+inline constexpr double kLastDeparture_s = 0.05;
+double now_seconds(); // monotonic
+
+// --- the library's log, kept instead of written (loop.cpp)
+// verbose: each line is also written to standard error, at the level of TAV_LOG_LEVEL (4 when it is not set).
+void keep_log(bool verbose);
+// The lines of level 2 or less since the last call, oldest first.
+std::vector<std::string> take_log();
+// Calls watch for each line of level 4 or less.
+void watch_log(void (*watch)(const std::string &line));
+
+// The library ends the process when it needs an agent id and cannot determine one. While an object of this
+// class lives, the reason is written to standard error then.
+class MayEndProcess {
+  public:
+    MayEndProcess();
+    ~MayEndProcess();
+    MayEndProcess(const MayEndProcess &) = delete;
+
+  private:
+    void (*before_)(int); // handler of SIGABRT
+};
+
+// --- addresses
+// Reads NAME or NAME@LOCATION; throws misuse. Location 0 is this machine's own.
+tav_addr_st parse_address(const std::string &text, uint8_t flags = 0);
+// The address as it is given on the command line; "?" stands for bytes that no name should have.
+std::string address_text(const tav_addr_st &address);
+// Directory of the socket files of a location.
+std::string socket_directory(int location);
+std::string unique_name(); // "ctl" and the process id in base 36: at most 8 characters
+
+// --- endpoints and exchanges
+// Throws Problem, with the reason and the remedy, when the tool may not open an endpoint of this name or
+// would have to make an agent id for it.
+void check_may_open(const std::string &name);
+
+// An endpoint of the tool, with a name of its own unless one is given. Throws Problem with the reason and the
+// remedy when the library refuses it.
+class Module {
+  public:
+    explicit Module(const std::string &name = {}, bool accept_files = false);
+    ~Module() { close(); }
+    Module(const Module &) = delete;
+    // Closes the endpoint early, from a callback too.
+    void close() { tav_ipc_destroy(std::exchange(ipc_, nullptr)); }
+    operator tav_ipc_st *() const { return ipc_; }
+    std::string text() const { return address_text(*tav_ipc_get_local_addr(ipc_)); }
+
+  private:
+    tav_ipc_st *ipc_;
+};
+
+// The outcome of one confirmed message, probe or file. It must outlive the endpoint, which completes what is
+// outstanding when it is closed.
+struct Exchange {
+    bool ended = false;
+    int32_t code = 0; // of the library
+    double begin = now_seconds(), end = 0;
+    double took() const { return end - begin; }
+    Wait wait() const {
+        return run_until([this] { return ended; });
+    }
+    static int on_status(int32_t code, void *exchange);
+};
+
+// Why nobody answers at the address, as far as its socket file shows: a Problem with kNoAnswer.
+Problem silence(const tav_addr_st &address);
+// Why an exchange ended with a code other than 0.
+Problem failed_exchange(const tav_addr_st &address, int code);
+
+} // namespace tavctl

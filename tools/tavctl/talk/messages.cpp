@@ -1,0 +1,170 @@
+// tavctl send, listen, request and reply.
+#include "commands.h"
+#include "module/library_state.h"
+#include "module/module.h"
+#include "module/payload.h"
+
+namespace tavctl {
+namespace {
+
+// A message is refused while too many bytes wait; it is accepted when some of them have left.
+void send_plain(const Module &module, const tav_addr_st &destination, uint32_t cmd,
+                const std::string &payload, double patience_s) {
+    const double end = now_seconds() + patience_s;
+    while (tav_ipc_send(module, &destination, cmd, payload.data(), static_cast<uint32_t>(payload.size())) !=
+           0) {
+        if (now_seconds() > end || interrupted())
+            throw Problem("the message to " + address_text(destination) + " was refused",
+                          "32 MiB or more without a confirmation are refused, alone or together with what "
+                          "waits: leave --no-confirm out");
+        pause(0.01);
+    }
+}
+
+struct Listener {
+    Console &out;
+    const Args &args;
+    Module &module;
+    uint64_t seen = 0;
+
+    void show(const tav_addr_st &src, uint32_t cmd, std::string_view payload) {
+        // The endpoint is closed with the last message, because the library confirms what it still receives.
+        if (++seen == args.number("count")) module.close();
+        if (args.has("raw")) return write_raw(payload);
+        Record record("type", "message", "time", Stamp(), "from", address_text(src), "hostid", src.hostid);
+        const std::string lines = describe_payload(record.add("cmd", cmd), payload, args);
+        out.say(record, "{time}  from {from}, cmd {cmd}, {size,} bytes", lines);
+    }
+    static int on_message(tav_ipc_st *, const tav_addr_st *src, uint32_t cmd, const void *data, uint32_t size,
+                          void *user) {
+        static_cast<Listener *>(user)->show(*src, cmd, {static_cast<const char *>(data), size});
+        return 0;
+    }
+};
+
+struct Answer : Exchange {
+    uint32_t cmd = 0;
+    std::string payload;
+
+    static int on_answer(int32_t code, uint32_t cmd, const void *data, uint32_t size, void *user) {
+        auto &self = *static_cast<Answer *>(user);
+        self.cmd = cmd;
+        self.payload.assign(static_cast<const char *>(data), size);
+        return on_status(code, static_cast<Exchange *>(&self));
+    }
+};
+
+struct Server {
+    Console &out;
+    const Args &args;
+    const std::string payload;
+    uint64_t answered = 0;
+
+    void answer(tav_ipc_st *ipc, const tav_addr_st &src, uint32_t reqid, uint32_t cmd,
+                std::string_view request) {
+        if (is_done()) return; // came together with the last one
+        const std::string_view bytes = args.has("echo") ? request : std::string_view(payload);
+        const auto code = args.has("cmd") ? static_cast<uint32_t>(args.number("cmd")) : cmd + 1;
+        tav_addr_st destination = src;
+        destination.flags |= address_flags(args);
+        tav_ipc_response(ipc, &destination, reqid, code, bytes.data(), static_cast<uint32_t>(bytes.size()));
+        ++answered;
+        if (args.has("quiet")) return;
+        Record record("type", "request", "time", Stamp(), "from", address_text(src), "reqid", reqid);
+        record.add("cmd", cmd, "answered", bytes.size());
+        const std::string lines = describe_payload(record, request, args);
+        out.say(record,
+                "{time}  request {reqid} from {from}, cmd {cmd}, {size,} bytes; answered with {answered,}",
+                lines);
+    }
+    bool is_done() const { return args.number("count") > 0 && answered >= args.number("count"); }
+    static int on_request(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, uint32_t cmd,
+                          const void *data, uint32_t size, void *user) {
+        static_cast<Server *>(user)->answer(ipc, *src, reqid, cmd, {static_cast<const char *>(data), size});
+        return 0;
+    }
+};
+
+} // namespace
+
+int send(Console &out, const Args &args) {
+    const tav_addr_st destination = parse_address(args.text("NAME"), address_flags(args));
+    const std::string payload = make_payload(args);
+    const std::string packed = args.has("compress") ? compression_text(payload) : "";
+    const auto cmd = static_cast<uint32_t>(args.number("cmd"));
+    const auto timeout_s = static_cast<int32_t>(args.number("timeout"));
+    const bool confirm = !args.has("no-confirm");
+    catch_interrupts();
+    Exchange exchange;
+    const Module module;
+    if (!confirm) watch_departures();
+    for (uint64_t i = 0; i < args.number("count") && !interrupted(); ++i) {
+        if (i > 0) pause(args.seconds("interval"));
+        Record record("type", "sent", "to", address_text(destination), "cmd", cmd, "size", payload.size());
+        record.add("confirmed", confirm);
+        if (confirm) {
+            exchange = {};
+            tav_ipc_send2(module, &destination, cmd, payload.data(), static_cast<uint32_t>(payload.size()),
+                          Exchange::on_status, &exchange, timeout_s);
+            if (exchange.wait() == Wait::kInterrupted)
+                throw Problem("interrupted: it is not known whether the message arrived");
+            if (exchange.code != 0) throw failed_exchange(destination, exchange.code);
+            record.add("us", Duration{exchange.took()});
+        } else {
+            send_plain(module, destination, cmd, payload, timeout_s);
+        }
+        out.say(record, "{to}: {size,} bytes",
+                packed + (confirm ? record.fill(", delivered in {us}") : ", on its way"));
+    }
+    if (!confirm) wait_for_departures(destination);
+    return interrupted() ? kFailure : kSuccess;
+}
+
+int listen(Console &out, const Args &args) {
+    catch_interrupts();
+    Module module(args.text("NAME"));
+    Listener listener{out, args, module};
+    tav_ipc_msg_recv(module, Listener::on_message, &listener);
+    const bool raw = args.has("raw");
+    if (!raw) out.say(Record("type", "ready", "as", module.text()), "listening as {as}; Ctrl-C ends it");
+    run_until([&] { return args.number("count") > 0 && listener.seen >= args.number("count"); });
+    if (!raw) out.say(Record("type", "end", "messages", listener.seen), "{messages,message}");
+    return kSuccess;
+}
+
+int request(Console &out, const Args &args) {
+    const tav_addr_st destination = parse_address(args.text("NAME"), address_flags(args));
+    const std::string payload = make_payload(args);
+    catch_interrupts();
+    Answer answer;
+    const Module module;
+    answer.begin = now_seconds();
+    tav_ipc_make_request(module, &destination, static_cast<uint32_t>(args.number("cmd")), payload.data(),
+                         static_cast<uint32_t>(payload.size()), Answer::on_answer, &answer,
+                         static_cast<int32_t>(args.number("timeout")));
+    if (answer.wait() == Wait::kInterrupted) throw Problem("interrupted before an answer came");
+    if (answer.code != 0) throw failed_exchange(destination, answer.code);
+    if (args.has("raw")) return write_raw(answer.payload), kSuccess;
+    Record record("type", "answer", "from", address_text(destination), "cmd", answer.cmd);
+    record.add("us", Duration{answer.took()});
+    const std::string lines = describe_payload(record, answer.payload, args);
+    out.say(record, "{from} answered after {us}: cmd {cmd}, {size,} bytes", lines);
+    return kSuccess;
+}
+
+int reply(Console &out, const Args &args) {
+    const bool echo = args.has("echo");
+    if (echo && (args.has("DATA") || args.has("file")))
+        throw misuse("--echo answers with the request's bytes: no payload may be given");
+    Server server{out, args, echo ? std::string() : make_payload(args)};
+    catch_interrupts();
+    const Module module(args.text("NAME"));
+    tav_ipc_on_request(module, Server::on_request, &server);
+    out.say(Record("type", "ready", "as", module.text()), "answering as {as}; Ctrl-C ends it");
+    run_until([&] { return server.is_done(); });
+    if (server.is_done()) pause(kLastDeparture_s);
+    out.say(Record("type", "end", "answered", server.answered), "{answered,request} answered");
+    return kSuccess;
+}
+
+} // namespace tavctl
