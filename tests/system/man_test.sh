@@ -10,9 +10,9 @@ fail() { echo "$*" >&2; failed=1; }
 mkdir "$place/tavipc"
 cp include/tavipc/*.h platform/base/tavbase.h platform/aux/tavaux.h platform/event/tavcl_ev.h "$place/tavipc"
 
-# Each exported function and each function of the platform headers is in one NAME section. The export list has
+# Each exported function and each function of the platform headers is in one NAME section. The export lists have
 # type-encoded names: _Z<length>name...
-grep '^[^#]' packaging/exports.txt |
+cat packaging/exports*.txt | grep '^[^#]' |
     awk 'match($0, /^_Z[0-9]+/) { $0 = substr($0, RLENGTH + 1, substr($0, 3, RLENGTH - 2)) } { print }' >"$place/names"
 (cd "$place/tavipc" && sed -n 's/^[A-Z_]*_API [^(]*[ *]\([A-Za-z_0-9]*\)(.*/\1/p' tavbase.h tavaux.h tavcl_ev.h) \
     >>"$place/names"
