@@ -45,8 +45,17 @@ done
 compile cc -std=c11 "$place/hello.c"
 compile c++ -std=c++20 "$place/hello.cpp"
 
-# tavctl.1 has each command and each option of the tool.
-"$2" completion | sed -n "s/^ *'[a-z-]*') words='\([^']*\)'.*/\1/p" | tr ' ' '\n' | LC_ALL=C sort -u >"$place/words"
+# tavctl.1 has each command and each option of the tool, as its completion lists them.
+tool=$2
+words() { "$tool" completion -- "$@"; }
+{
+    words -
+    words ''
+    words trace ''
+    words allowlist ''
+    words '' | while read -r command; do words "$command" -; done
+    words allowlist '' | while read -r command; do words allowlist "$command" -; done
+} | LC_ALL=C sort -u >"$place/words"
 [ "$(wc -l <"$place/words")" -gt 40 ] || fail "the tool's completion lists too few words"
 while read -r word; do
     macro=$(echo "$word" | sed 's/^--/Fl Fl /; s/^-/Fl /')
