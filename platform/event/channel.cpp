@@ -107,7 +107,7 @@ bool Channel::open_descriptor() noexcept {
     return true;
 }
 
-// Where nobody is there is nothing to connect to: names that peers make up hold no descriptors.
+// A channel without a listener keeps no descriptor, so names that a peer invents cannot use them up.
 void Channel::close_descriptor() noexcept {
     if (!fd_) return;
     watch_.close(); // before the descriptor
@@ -150,7 +150,8 @@ void Channel::wait_for_room() noexcept {
         channel->last_progress_ms_ = clock_ms(); // that there was room shows that something was read
         channel->flush();
     };
-    if (fd_ && (watch_.opened() || watch_.open(loop_, fd_.get(), by_watch, this)) && watch_.start_writing())
+    if (fd_ && (watch_.opened() || watch_.open(loop_.uv(), fd_.get(), by_watch, this)) &&
+        watch_.start_writing())
         return;
     const auto by_timer = [](void *self) {
         auto *channel = static_cast<Channel *>(self);

@@ -23,13 +23,15 @@
 
 #include <cstdint>
 
-#include "common/unique_fd.h"
 #include "fd_watch.h"
+#include "private_fd.h"
 #include "send_queue.h"
 #include "socket_file.h"
 #include "tavcl_ev.h"
 
 namespace tavcl_ev {
+
+class Loop;
 
 class Channel {
   public:
@@ -74,7 +76,7 @@ class Channel {
     const cl_sockaddr_t destination_;
     const bool may_connect_;
 
-    UniqueFd fd_;
+    PrivateFd fd_;
     bool connected_ = false;
     FileIdentity file_; // that it is connected to
     uint64_t file_seen_ms_ = 0;

@@ -23,7 +23,7 @@ struct BatchLoan {
 bool Receiver::start(int fd, cl_dunix_t socket, cl_dunix_recv_cb callback, void *context,
                      FdWatch::Handler ready, void *owner) noexcept {
     if (!callback_) {
-        if (!batches_.reserve() || (!watch_.opened() && !watch_.open(loop_, fd, ready, owner)) ||
+        if (!batches_.reserve() || (!watch_.opened() && !watch_.open(loop_.uv(), fd, ready, owner)) ||
             !watch_.start_reading())
             return false;
         fd_ = fd;

@@ -16,6 +16,8 @@
 
 namespace tavcl_ev {
 
+class Loop;
+
 class Receiver {
   public:
     Receiver(Loop &loop, RecvBatchPool &batches) noexcept : loop_(loop), batches_(batches) {}

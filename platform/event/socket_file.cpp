@@ -1,6 +1,6 @@
-// Replacing a stale file is probe, remove, bind: of two processes that do so at once the slower must not
-// remove what the quicker has bound. Both hold a lock on the directory meanwhile; who binds a free path needs
-// none, because bind itself refuses a path that is taken.
+// A stale file is replaced in three steps: probe, remove, bind. When two processes do so at once, the slower
+// one must not remove the file that the faster one has bound. Both therefore lock the directory meanwhile.
+// Binding a free path needs no lock, because bind refuses a path that is taken.
 #include "socket_file.h"
 
 #include <cerrno>
@@ -16,8 +16,12 @@ namespace tavcl_ev {
 
 namespace {
 
-constexpr size_t kLongestPath = 107;
-constexpr int kLockTries = 200; // a millisecond each: a lock is held for far less
+using tavipc::UniqueFd;
+
+constexpr size_t kLongestPath = sizeof sockaddr_un::sun_path - 1; // bytes, without the terminator
+constexpr int kLockTries =
+    200; // a holder needs microseconds; one that was stopped must not hold up the others
+constexpr unsigned kLockDelay_us = 1000; // between two tries
 
 const sockaddr *generic(const cl_sockaddr_t &address) {
     return reinterpret_cast<const sockaddr *>(&address.addr);
@@ -35,19 +39,20 @@ void make_directories(const char *path) {
     }
 }
 
-// The directory of path, locked; without the lock when it cannot be had in good time.
-UniqueFd lock_directory(const char *path) {
+// Locks the directory of path. Returns it without the lock when another process holds that for too long.
+PrivateFd lock_directory(const char *path) {
     char directory[kLongestPath + 1];
     strcpy(directory, path);
     char *slash = strrchr(directory, '/');
     if (slash) slash[slash == directory ? 1 : 0] = '\0';
-    UniqueFd fd(open(slash ? directory : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    PrivateFd fd(UniqueFd(open(slash ? directory : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
     for (int tries = 0; fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && tries < kLockTries; ++tries)
-        usleep(1000);
+        usleep(kLockDelay_us);
     return fd;
 }
 
-// Only a refused connection proves that nobody has the socket; a live one that is full connects.
+// Only a refused connection proves that no process has the socket open. A live socket whose queue is full
+// accepts the connection.
 bool is_stale(const cl_sockaddr_t &address) {
     const UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     return probe && connect(probe.get(), generic(address), address.len) != 0 && errno == ECONNREFUSED;
@@ -55,7 +60,7 @@ bool is_stale(const cl_sockaddr_t &address) {
 
 bool replace_stale(int fd, const cl_sockaddr_t &address) {
     const char *path = address.addr.sun_path;
-    const UniqueFd lock = lock_directory(path);
+    const PrivateFd lock = lock_directory(path);
     const FileIdentity found = identify_socket(path, false);
     if (found != FileIdentity{} && is_stale(address) && identify_socket(path, false) == found) unlink(path);
     return bind_to(fd, address);
@@ -90,8 +95,8 @@ bool fill_address(cl_sockaddr_t *address, const char *path) noexcept {
     return true;
 }
 
-UniqueFd make_datagram_socket() noexcept {
-    UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+PrivateFd make_datagram_socket() noexcept {
+    PrivateFd fd(UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
     if (fd) set_send_buffer(fd.get(), kSendBuffer);
     return fd;
 }
@@ -110,25 +115,23 @@ BoundSocket BoundSocket::make(const cl_sockaddr_t &address) noexcept {
         return made;
     }
     fill_address(&made.address_, address.addr.sun_path);
-    made.maker_ = getpid();
-    UniqueFd fd = make_datagram_socket();
+    PrivateFd fd = make_datagram_socket();
     if (!fd || !bind_or_replace(fd.get(), made.address_)) return made;
     made.file_ = identify_socket(made.address_.addr.sun_path, false);
     if (made.file_ != FileIdentity{}) {
         made.fd_ = std::move(fd);
-    } else if (const int error = errno; error != ENOTSOCK) { // by now another's
+    } else if (const int error = errno; error != ENOTSOCK) { // else the path is another's by now
         unlink(made.address_.addr.sun_path);
         errno = error;
     }
     return made;
 }
 
-// While the socket is open its file's number is not given to another file. A child that was forked off
-// leaves its parent's files alone.
+// The file system does not give the inode number to another file while the socket is open.
 void BoundSocket::remove() noexcept {
     if (!fd_) return;
     const char *path = address_.addr.sun_path;
-    if (maker_ == getpid() && identify_socket(path, false) == file_) unlink(path);
+    if (identify_socket(path, false) == file_) unlink(path);
     fd_.reset();
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstring>
+#include <dlfcn.h>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
@@ -111,3 +112,21 @@ inline int receive(cl_dunix_t socket, OnDatagram &on_datagram) {
     };
     return cl_dunix_recv_start(socket, received, &on_datagram);
 }
+
+// libuv, which only the event library links.
+struct UvFunctions {
+    template <class Function> static Function *find(const char *name) {
+        return reinterpret_cast<Function *>(dlsym(RTLD_DEFAULT, name));
+    }
+    uv_loop_s *make_loop() {
+        memory.resize(find<size_t()>("uv_loop_size")());
+        auto *loop = reinterpret_cast<uv_loop_s *>(memory.data());
+        EXPECT_EQ(find<int(uv_loop_s *)>("uv_loop_init")(loop), 0);
+        return loop;
+    }
+
+    std::vector<char> memory;
+    int (*const run)(uv_loop_s *, int mode) = find<int(uv_loop_s *, int)>("uv_run"); // 0: to the end, 1: a turn
+    int (*const fork)(uv_loop_s *) = find<int(uv_loop_s *)>("uv_loop_fork");
+    int (*const close)(uv_loop_s *) = find<int(uv_loop_s *)>("uv_loop_close");
+};

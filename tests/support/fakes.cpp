@@ -1,6 +1,7 @@
 #include "fakes.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <dlfcn.h>
@@ -88,6 +89,7 @@ void error_output(int level, const char *source, int, const char *format, ...) n
     va_end(arguments);
     fake::Log &log = world().log;
     log.lines.push_back({level, source, text});
+    errno = ENOTTY; // a sink may change it
     if (const auto on_line = std::exchange(log.on_line, nullptr)) {
         on_line();
         log.on_line = on_line;
@@ -126,8 +128,12 @@ cl_timer_t cl_timer_start(uint64_t delay_ms, void (*callback)(void *), void *arg
 void cl_timer_stop(cl_timer_t timer) noexcept { event.timers.erase(timer); }
 
 cl_dunix_t cl_dunix_create(const cl_sockaddr_t *address, void *, void *) noexcept {
-    if (event.fail_create > 0) return --event.fail_create, 0;
-    if (event.socket_at(address->addr.sun_path)) return 0; // a live name is never taken
+    const bool in_use = event.socket_at(address->addr.sun_path) != 0;
+    if (in_use || event.fail_create > 0) {
+        errno = in_use ? EADDRINUSE : EACCES;
+        event.fail_create -= !in_use;
+        return 0;
+    }
     event.sockets[++event.last_id] = {address->addr.sun_path};
     return event.last_id;
 }
@@ -137,7 +143,7 @@ void cl_dunix_close(cl_dunix_t socket, void (*)(void *), void *) noexcept {
         if (event.sends[i].socket == socket && !event.sends[i].done) event.complete(i, CL_EV_CANCELLED);
 }
 int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *context) noexcept {
-    if (event.fail_recv > 0) return --event.fail_recv, -1;
+    if (event.fail_recv > 0) return --event.fail_recv, errno = 0, -1;
     event.sockets.at(socket).recv = callback;
     event.sockets.at(socket).recv_context = context;
     return 0;

@@ -72,7 +72,7 @@ TEST_F(Looking, ListsLiveAndStaleAndCleansTheStaleAlone) {
     Process alpha = place_.start("alpha"), beta = place_.start("beta");
     alpha.ask("open alpha", "opened ");
     beta.ask("open beta", "opened ");
-    beta.ask("send alpha 2 bytes 10 1 0 0", "sent 1"); // it has a sending socket from now on
+    beta.ask("post alpha bytes 10 1 1 0 0", "posted 1 0"); // it has a sending socket from now on
     alpha.expect("msg beta");
     const std::string process = "\"process\":" + std::to_string(beta.pid()), at = place_.sockets();
     EXPECT_THAT(listed("beta"), AllOf(HasSubstr("\"state\":\"live\",\"sending\":false," + process),

@@ -170,7 +170,7 @@ class RandomRun : public EndpointWorld {
             tav_ipc_send_file(ipc, &dest, path.c_str(), on_status, &e, timeout_s);
         e.inside_call = false;
         if (bad_dest || no_file || on_closing) return;
-        if (kind != kFile) return void(by_message_[tavipc::process_state().last_reqid] = &e);
+        if (kind != kFile) return void(by_message_[tavipc::last_reqid()] = &e);
         const std::string text = std::to_string(dest.hostid) + '.' + std::to_string(w.clock.wall_s) + '.' +
                                  std::to_string(drawn + 2) + '.' + std::to_string(drawn + 1);
         e.file_id =

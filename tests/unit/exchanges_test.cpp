@@ -139,7 +139,7 @@ TEST_F(Exchanges, TimeOutsCountWholeSeconds) {
         w.log.lines.clear();
         done_.clear();
         start(ipc, c.kind, 1, c.timeout_s);
-        const uint32_t reqid = tavipc::process_state().last_reqid;
+        const uint32_t reqid = tavipc::last_reqid();
         inside_ = [&](uintptr_t) {
             EXPECT_EQ(w.log.count("timeout"), 0);
             EXPECT_EQ(ipc_req_manager_count(&ipc->req_mgr), 1u);
