@@ -2,6 +2,7 @@
 
 #include "ipc/endpoint.h"
 #include "ipc/ipc_conf.h"
+#include "ipc/ipc_file.h"
 #include "ipc/msg_trace.h"
 #include "ipc/send.h"
 #include "ipc/socket_directory.h"
@@ -9,10 +10,11 @@
 namespace tavipc {
 
 void reset_process_state() {
-    process_state() = {};
     reset_host_id();
     reset_ipc_conf();
     reset_msg_trace();
+    reset_received_files();
+    reset_file_ids();
     reset_sending();
     reset_socket_directory();
 }

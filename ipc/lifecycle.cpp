@@ -12,6 +12,7 @@
 #include "ipc/destination.h"
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
+#include "ipc/ipc_file.h"
 #include "ipc/reassembly.h"
 #include "ipc/receive.h"
 #include "ipc/send.h"
@@ -70,7 +71,10 @@ int open_endpoint(tav_ipc_st *ipc, const Options &options) {
     ipc->accept_files = options.accept_files;
     if (const int error = open_queue(ipc)) return error;
     arm_destination_sweep(ipc);
-    if (open_requests(ipc)) return 0;
+    if (open_requests(ipc)) {
+        if (options.accept_files) resume_file_sweep();
+        return 0;
+    }
     stop_timer(ipc->mod_sweep_timer);
     close_queue(ipc);
     return ENOMEM;

@@ -30,8 +30,7 @@ class Life : public EndpointWorld {
         FUZZ_CHECK(w.event.sockets.empty() && w.event.pending() == 0);
         w.clock.wall_s += 400; // received files are removed
         w.event.advance(60'000);
-        xhash_destroy(tavipc::process_state().received_files);
-        cl_timer_stop(tavipc::process_state().file_sweep_timer);
+        tavipc::reset_process_state();
         FUZZ_CHECK(w.event.timers.empty());
         w = fake::World{};
     }

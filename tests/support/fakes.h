@@ -110,12 +110,14 @@ struct World {
     Identity identity;
 };
 World &world();
+inline bool test_runs = false;
 
 } // namespace fake
 
 // Fixture: a fresh world for every test.
 class FakeWorld : public ::testing::Test {
   protected:
-    FakeWorld() { fake::world() = fake::World{}; }
+    FakeWorld() { fake::world() = fake::World{}, fake::test_runs = true; }
+    ~FakeWorld() override { fake::test_runs = false; }
     fake::World &w = fake::world();
 };
