@@ -23,7 +23,7 @@
 
 namespace tavipc {
 struct SendContext;
-struct FragmentSet;
+struct Reassembly;
 } // namespace tavipc
 
 struct tav_ipc_st {
@@ -50,15 +50,7 @@ struct tav_ipc_st {
     tavipc::SendContext *in_flight;      // sends whose completion has not come, newest first
     tavipc::SendContext *spare_contexts; // of completed sends, for the next ones
     uint32_t spare_context_count;
-    struct {
-        tavipc::FragmentSet *oldest, *newest; // by their last fragment
-        size_t held;                          // about the bytes of memory that all of them take
-    } frag_sets;                              // of frag_table
-    struct {
-        unsigned char *buffer; // null: none
-        size_t size;
-        time_t since;
-    } spare; // a large buffer that a message was rebuilt in, for the next one
+    tavipc::Reassembly *reassembly; // the sets of frag_table with their buffers; made with it
 };
 static_assert(std::is_standard_layout_v<tav_ipc_st> && std::is_trivial_v<tav_ipc_st>);
 static_assert(offsetof(tav_ipc_st, my_addr) == 0);

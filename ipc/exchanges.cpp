@@ -1,6 +1,7 @@
 #include "ipc/exchanges.h"
 
 #include <cassert>
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <memory>
@@ -11,6 +12,8 @@
 #include "common/log.h"
 #include "common/out_of_memory.h"
 #include "common/relaxed.h"
+#include "ipc/wire.h"
+#include "tavipc/tav_ipc_ext.h"
 
 namespace tavipc {
 namespace {
@@ -27,15 +30,18 @@ struct Answer {
 };
 
 // The caller's callback (may be null) in one of its forms; monostate: it has run, or is running.
-using Callback = std::variant<std::monostate, tav_ipc_status_cb, tav_ipc_response_cb>;
+using Callback = std::variant<std::monostate, tav_ipc_status_cb, tav_ipc_response_cb, tav_ipc_exchange_cb>;
 
 struct RequestRecord {
     uint64_t serial; // tells it from a later exchange under the same message id
     Callback callback;
     void *user;
-    int64_t expire_ms;  // on the request clock
-    int32_t send_error; // only if the message could not be sent
-    bool took_over;     // the expiry of the exchange before it is still in the heap
+    int64_t expire_ms = 0;     // on the request clock
+    int32_t send_error = 0;    // only if the message could not be sent
+    bool took_over = false;    // the expiry of the exchange before it is still in the heap
+    tav_ipc_st *ipc = nullptr; // these two with a timer of its own
+    uint32_t reqid = 0;
+    cl_timer_t timer = 0;
 };
 
 uint64_t next_serial() {
@@ -45,7 +51,10 @@ uint64_t next_serial() {
 
 uint64_t ipc_req_now() { return static_cast<uint64_t>(time(nullptr)) * kMillisecondsPerSecond; }
 
-void release_record(void *record) { delete static_cast<RequestRecord *>(record); }
+void release_record(void *value) {
+    const std::unique_ptr<RequestRecord> record(static_cast<RequestRecord *>(value));
+    if (record->timer) cl_timer_stop(record->timer);
+}
 
 RequestRecord *find_record(tav_ipc_st *ipc, uint32_t reqid) {
     void *record = nullptr;
@@ -53,14 +62,20 @@ RequestRecord *find_record(tav_ipc_st *ipc, uint32_t reqid) {
     return static_cast<RequestRecord *>(record);
 }
 
+// Unique in the process until 2^32 later exchanges have begun.
+uint64_t exchange_id(const RequestRecord &record) { return record.serial << 32 | record.reqid; }
+
 // Calls the callback, unless that has been done. The record may be gone afterwards.
 bool finish(RequestRecord &record, const Answer &answer) {
     const Callback callback = std::exchange(record.callback, {});
     void *user = record.user;
+    const uint64_t id = exchange_id(record);
     if (const auto *status = std::get_if<tav_ipc_status_cb>(&callback)) {
         if (*status) (*status)(answer.code, user);
     } else if (const auto *response = std::get_if<tav_ipc_response_cb>(&callback)) {
         if (*response) (*response)(answer.code, answer.cmd, answer.data, answer.len, user);
+    } else if (const auto *any = std::get_if<tav_ipc_exchange_cb>(&callback)) {
+        if (*any) (*any)(id, answer.code, answer.cmd, answer.data, answer.len, user);
     } else {
         return false;
     }
@@ -90,6 +105,7 @@ void ipc_req_timeout(uint32_t reqid, void *value, void *argument) {
     auto *ipc = static_cast<tav_ipc_st *>(argument);
     EndpointPin pin(ipc);
     auto &record = *static_cast<RequestRecord *>(value);
+    if (record.timer) return; // it ends the exchange
     const uint64_t serial = record.serial;
     const int64_t expire_ms = record.expire_ms;
     if (record.took_over && expire_ms >= static_cast<int64_t>(ipc_req_now())) return;
@@ -111,12 +127,8 @@ bool take_over(tav_ipc_st *ipc, uint32_t reqid) {
     return true;
 }
 
-RequestRecord *new_record(const Exchange &exchange, Callback callback, void *user) {
-    const auto now_ms = static_cast<int64_t>(ipc_req_now());
-    const int64_t expire_ms = now_ms + exchange.timeout_s * kMillisecondsPerSecond;
-    auto *record = new (std::nothrow) RequestRecord{next_serial(), callback, user, expire_ms, IPC_OK, false};
-    if (!record) out_of_memory("tav_ipc", __LINE__);
-    return record;
+RequestRecord *new_record(Callback callback, void *user) {
+    return new (std::nothrow) RequestRecord{next_serial(), callback, user};
 }
 
 int send_exchange(tav_ipc_st *ipc, const Exchange &exchange, uint32_t *reqid) {
@@ -128,7 +140,9 @@ int send_exchange(tav_ipc_st *ipc, const Exchange &exchange, uint32_t *reqid) {
 void ipc_send_request(tav_ipc_st *ipc, const Exchange &exchange, Callback callback, void *user) {
     uint32_t reqid = 0;
     int result = send_exchange(ipc, exchange, &reqid);
-    RequestRecord *record = new_record(exchange, callback, user);
+    RequestRecord *record = new_record(callback, user);
+    if (!record) out_of_memory("tav_ipc", __LINE__);
+    record->expire_ms = static_cast<int64_t>(ipc_req_now()) + exchange.timeout_s * kMillisecondsPerSecond;
     if (result == IPC_OK) record->took_over = take_over(ipc, reqid);
     // The log sink in the send, or the callback of the older exchange, may have destroyed the endpoint.
     if (result == IPC_OK && ipc->closed) result = IPC_ERR_CLOSED;
@@ -139,6 +153,43 @@ void ipc_send_request(tav_ipc_st *ipc, const Exchange &exchange, Callback callba
         TAV_LOG(0, "tav_ipc", "memory not enough");
         std::exit(0);
     }
+}
+
+// --- exchanges of tav_ipc_ext.h: a timer of their own, in milliseconds of the monotonic clock
+
+void ipc_exchange_timeout(void *argument) {
+    auto &record = *static_cast<RequestRecord *>(argument);
+    record.timer = 0; // if the record is not in the table yet, the manager's next tick ends it
+    EndpointPin pin(record.ipc);
+    complete(record.ipc, record.reqid, {IPC_ERR_TIMEOUT});
+}
+
+// 0, or the errno of a call that can send nothing.
+int check_exchange(const tav_ipc_st *ipc, int kind, const tav_addr_st *dest, uint32_t size) {
+    if (!ipc || !dest || kind < TAV_IPC_EXCHANGE_REQUEST || kind > TAV_IPC_EXCHANGE_PROBE) return EINVAL;
+    const NameText name = name_text(*dest);
+    if (!*name.text || !is_path_safe(name)) return EINVAL;
+    if (size > kMaxMessage) return EMSGSIZE;
+    return ipc->closed ? ESHUTDOWN : 0;
+}
+
+Exchange exchange_of(int kind, const tav_addr_st *dest, uint32_t cmd, const void *data, uint32_t size) {
+    if (kind == TAV_IPC_EXCHANGE_REQUEST) return {dest, cmd, data, size, IPC_FLAG_REQUEST, 0};
+    if (kind == TAV_IPC_EXCHANGE_CONFIRMED) return {dest, cmd, data, size, IPC_FLAG_NEED_ACK, 0};
+    return {dest, 0, nullptr, 0, IPC_FLAG_PROBE | IPC_FLAG_NEED_ACK, 0};
+}
+
+// 0, or an errno; the record is then still the caller's. What can fail comes before the message is sent.
+int start_exchange(tav_ipc_st *ipc, const Exchange &exchange, uint32_t timeout_ms, RequestRecord *record) {
+    if (!record) return ENOMEM;
+    record->ipc = ipc;
+    record->timer = cl_timer_start(timeout_ms, ipc_exchange_timeout, record);
+    if (!record->timer) return ENOMEM;
+    if (send_exchange(ipc, exchange, &record->reqid) != IPC_OK) return ENOBUFS;
+    (void)take_over(ipc, record->reqid);
+    if (ipc->closed) return ESHUTDOWN;
+    // The manager's entry has expired already: it leaves the heap at the next tick.
+    return ipc_req_manager_insert(&ipc->req_mgr, record->reqid, record, INT64_MIN) == 0 ? 0 : ENOMEM;
 }
 
 } // namespace
@@ -197,4 +248,35 @@ void tav_ipc_probe(tav_ipc_st *ipc, const tav_addr_st *dest, tav_ipc_status_cb c
     address.flags = 0; // prescribed: the endpoint is probed, whatever it accepts
     ipc_send_with_ack(ipc, {dest ? &address : nullptr, 0, nullptr, 0, IPC_FLAG_PROBE, kProbeTimeout_s},
                       callback, user);
+}
+
+uint64_t tav_ipc_exchange_start(tav_ipc_st *ipc, int kind, const tav_addr_st *dest, uint32_t cmd,
+                                const void *data, uint32_t size, uint32_t timeout_ms,
+                                tav_ipc_exchange_cb callback, void *user) noexcept {
+    UseGuard guard(ipc, "tav_ipc_exchange_start");
+    int error = check_exchange(ipc, kind, dest, kind == TAV_IPC_EXCHANGE_PROBE ? 0 : size);
+    tav_addr_st address = error ? tav_addr_st{} : *dest;
+    if (kind == TAV_IPC_EXCHANGE_PROBE) address.flags = 0;
+    RequestRecord *record = error ? nullptr : new_record(callback, user);
+    if (!error) error = start_exchange(ipc, exchange_of(kind, &address, cmd, data, size), timeout_ms, record);
+    if (!error) return exchange_id(*record);
+    if (record) release_record(record);
+    errno = error;
+    return 0;
+}
+
+int tav_ipc_exchange_cancel(tav_ipc_st *ipc, uint64_t id) noexcept {
+    UseGuard guard(ipc, "tav_ipc_exchange_cancel");
+    const auto reqid = static_cast<uint32_t>(id);
+    RequestRecord *record = ipc ? find_record(ipc, reqid) : nullptr;
+    if (!record || exchange_id(*record) != id || record->callback.index() == 0) return errno = ENOENT, -1;
+    complete(ipc, reqid, {IPC_ERR_CANCELLED});
+    return 0;
+}
+
+int tav_ipc_response2(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t reqid, uint32_t cmd,
+                      const void *data, uint32_t size) noexcept {
+    UseGuard guard(ipc, "tav_ipc_response2");
+    if (reqid == 0) return IPC_ERR_SENDTO; // no request has it
+    return tav_ipc_send_with_flags(ipc, dest, cmd, data, size, IPC_FLAG_RESPONSE, &reqid);
 }

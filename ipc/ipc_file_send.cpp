@@ -43,10 +43,10 @@ class FileIds {
     // A receiver releases a file at most 360 s after its last data. The last minute is for a chunk that the
     // delivery queue sends again after its transfer has timed out.
     static constexpr uint64_t kKeep_ms = (300 + 60 + 60) * 1000;
-    // Uses, 128 KiB of them; the one that ended first is forgotten. An id depends on the second in which it
-    // was drawn, so the recent ones matter.
+    // Number of uses (128 KiB). Above it the use that ended first is forgotten. An id depends on the second
+    // in which it was drawn, so an older one comes again only by chance.
     static constexpr size_t kMostKept = 8192;
-    // Draws, only to end if every draw is the same.
+    // Number of draws. It bounds the loop if all draws are the same.
     static constexpr int kMostDraws = 1000;
 
     bool in_use(int32_t id) const {
@@ -102,7 +102,7 @@ FileIds &file_ids() {
     return *ids;
 }
 
-constinit Relaxed<bool> generator_seeded = false;
+constinit Relaxed<pid_t> generator_seeded_by = 0; // a forked child seeds it again
 
 struct FileSend {
     tav_ipc_st *ipc;
@@ -165,7 +165,7 @@ int ipc_file_send_step(int32_t code, void *argument) {
 
 void reset_file_ids() {
     file_ids().clear();
-    generator_seeded = false;
+    generator_seeded_by = 0;
 }
 
 } // namespace tavipc
@@ -199,8 +199,8 @@ void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *pat
 }
 
 int32_t tav_ipc_get_random_file_id(uint32_t hostid) noexcept {
-    if (!generator_seeded) {
-        generator_seeded = true;
+    if (generator_seeded_by != getpid()) {
+        generator_seeded_by = getpid();
         srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(time(nullptr)) ^
               static_cast<unsigned>(getppid()));
     }

@@ -34,10 +34,10 @@ run_demos() {
         if ((i == 3)); then
             for ((processor = 0; processor < $(nproc); ++processor)); do
                 timeout 120 bash -c 'while :; do :; done' &
-                background+=($!)
+                background[$!]=1
             done
         fi
-        logged "build/demo-$i.log" build/release/bin/tavipc-demo || status=$?
+        logged "build/demo-$i.log" timeout 300 build/release/bin/tavipc-demo || status=$?
         ((i != 3)) || stop_background
         count $status "demo, run $i" "build/demo-$i.log" || return 1
     done

@@ -3,7 +3,7 @@
 
 jobs=$(($(nproc) + 1))
 passed=0 failed=0
-background=() # processes that end with this one
+declare -A background # the process ids of what must end with this script
 
 packages=(cmake ninja-build g++ pkg-config clang-format libuv1-dev zlib1g-dev libssl-dev libcjson-dev
           libjansson-dev uuid-dev libinih-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev mandoc)
@@ -12,7 +12,7 @@ say() { printf '%s\n' "$*"; }
 die() { printf './dev: %s\n' "$*" >&2; exit 1; }
 
 stop_background() {
-    ((${#background[@]} == 0)) || kill "${background[@]}" 2>/dev/null || true
+    ((${#background[@]} == 0)) || kill "${!background[@]}" 2>/dev/null || true
     background=()
 }
 trap stop_background EXIT
@@ -43,10 +43,11 @@ logged() { # log, command
     : >"$log"
     show_progress "$log" &
     progress=$!
-    background+=("$progress")
+    background[$progress]=1
     "$@" >"$log" 2>&1 </dev/null || status=$?
     kill "$progress" 2>/dev/null || true
     wait "$progress" 2>/dev/null || true
+    unset "background[$progress]"
     [[ ! -t 1 ]] || printf '\r\033[K'
     return $status
 }
@@ -84,20 +85,22 @@ need_packages() {
 declare -A build_seconds=([demo]=97 [release]=200 [asan]=240 [tsan]=240 [m32]=200 [fuzz]=100 [bench]=60 [package]=90
                           [install]=90 [coverage]=150)
 
-announce_first_build() { # preset, name in build_seconds
-    local minutes=$(((build_seconds[$2] / $(nproc) + 59) / 60))
-    [[ -e build/$1/lib/libtavipc.so ]] || say "The first build takes about $minutes minute$( ((minutes == 1)) || echo s)."
+announce_first_build() { # name in build_seconds, a file that a build leaves
+    local minutes=$(((build_seconds[$1] / $(nproc) + 59) / 60))
+    [[ -e $2 ]] || say "The first build takes about $minutes minute$( ((minutes == 1)) || echo s)."
 }
 
 configure() { # preset, CMake options
-    quietly "build/$1.log" cmake --preset "$@" || return 1
-    grep -o 'Allow-list key: a DEVELOPMENT.*' "build/$1.log" || true
+    quietly "build/$1.log" cmake --preset "$@"
 }
 
 # Configures and builds a preset.
 build() { # preset, CMake options
-    announce_first_build "$1" "$1"
-    configure "$@" && quietly "build/$1.log" cmake --build --preset "$1" -j "$jobs"
+    announce_first_build "$1" "build/$1/.built"
+    configure "$@" || return 1
+    grep -o 'Allow-list key: a DEVELOPMENT.*' "build/$1.log" || true
+    quietly "build/$1.log" cmake --build --preset "$1" -j "$jobs" || return 1
+    touch "build/$1/.built"
 }
 
 # Builds a part of the release preset.

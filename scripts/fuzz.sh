@@ -1,6 +1,12 @@
 # The part of ./dev that runs the fuzz targets.
 # shellcheck shell=bash
 
+# What is in bin/ afterwards is what runs, so programs of earlier sources are removed.
+build_fuzzers() {
+    rm -f build/fuzz/bin/fuzz_*
+    build fuzz
+}
+
 fuzz_one() { # target, seconds
     local dir=build/fuzz
     mkdir -p "$dir/corpus/$1" "$dir/crashes"
@@ -11,8 +17,9 @@ fuzz_one() { # target, seconds
         "$dir/corpus/$1" "$dir/seeds/$1" >"$dir/$1.log" 2>&1 </dev/null || say "ERROR: status $?" >>"$dir/$1.log"
 }
 
-fuzz_all() { # seconds, targets
-    local target seconds=$1 running=0 started=0
+# In a subshell, so that it waits for its own processes only.
+fuzz_all() ( # seconds, targets
+    seconds=$1 running=0 started=0
     shift
     for target; do
         ((running < 2)) || { wait -n; ((running -= 1)); }
@@ -21,7 +28,7 @@ fuzz_all() { # seconds, targets
         say "[$started/$#] $target" # progress_in reads it
     done
     wait
-}
+)
 
 # Runs each fuzz target for some seconds, two at once; each counts as one test.
 run_fuzzers() { # seconds

@@ -8,6 +8,7 @@ find_key() {
     [[ -z $key_option ]] || return 0
     build_release_target allowlist_key || return 1
     key_option=-DTAVIPC_ALLOWLIST_KEY=$PWD/build/release/devkey/public.pem
+    say "Allow-list key: the DEVELOPMENT pair in build/release/devkey; do not ship this"
 }
 
 # The Debian packages in build/package, for the key of the release build unless another one is given.
@@ -15,8 +16,6 @@ make_packages() { # CMake options
     local key_option=
     if [[ " $*" != *" -DTAVIPC_ALLOWLIST_KEY="?* ]]; then
         find_key || return 1
-        [[ $key_option != */devkey/public.pem ]] ||
-            say "Allow-list key: a DEVELOPMENT pair in build/release/devkey; do not ship these packages"
     fi
     build package ${key_option:+"$key_option"} "$@" || return 1
     rm -f build/package/*.deb

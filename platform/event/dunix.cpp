@@ -19,7 +19,7 @@ bool Dunix::send(const cl_sockaddr_t &address, const void *data, uint32_t len, c
     Channel *channel = channels_.find_or_make(address);
     Send *send = loop_.begin_send();
     if (!send) return false;
-    *send = {nullptr, id_, data, len, CL_EV_OK, 0, callback, context};
+    *send = {send, id_, data, len, CL_EV_OK, 0, callback, context};
     if (channel)
         channel->send(send);
     else

@@ -1,4 +1,4 @@
-// A Unix datagram socket: its bound file, its channels to destinations, its reception.
+// A Unix datagram socket: the bound file, the channels to destinations, and reception.
 #pragma once
 
 #include <memory>

@@ -29,14 +29,17 @@ const sockaddr *generic(const cl_sockaddr_t &address) {
 
 bool bind_to(int fd, const cl_sockaddr_t &address) { return bind(fd, generic(address), address.len) == 0; }
 
-void make_directories(const char *path) {
+// Returns 0, or the errno of the first directory that could not be made.
+int make_directories(const char *path) {
+    int error = 0;
     char directory[kLongestPath + 1];
     strcpy(directory, path);
     for (char *slash = strchr(directory + 1, '/'); slash; slash = strchr(slash + 1, '/')) {
         *slash = '\0';
-        mkdir(directory, 0755); // a failure shows when the socket is bound
+        if (mkdir(directory, 0755) != 0 && errno != EEXIST && error == 0) error = errno;
         *slash = '/';
     }
+    return error;
 }
 
 // Locks the directory of path. Returns it without the lock when another process holds that for too long.
@@ -69,8 +72,9 @@ bool replace_stale(int fd, const cl_sockaddr_t &address) {
 bool bind_or_replace(int fd, const cl_sockaddr_t &address) {
     if (bind_to(fd, address)) return true;
     if (errno == ENOENT) {
-        make_directories(address.addr.sun_path);
+        const int error = make_directories(address.addr.sun_path);
         if (bind_to(fd, address)) return true;
+        if (errno == ENOENT && error != 0) errno = error; // why the directory is missing
     }
     return errno == EADDRINUSE && replace_stale(fd, address);
 }

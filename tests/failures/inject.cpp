@@ -115,21 +115,20 @@ using Any = long(long, long, long, long, long, long);
 #define PASS_ON(name) (reinterpret_cast<Any *>(dlsym(RTLD_NEXT, #name))(a, b, c, d, e, f))
 // The functions that can fail, their result then, and the errors. Calls that keep failing have the first
 // error, so EINTR is never the first.
-#define CALLS(X)                                                                                             \
-    X(socket, -1, EMFILE, ENOBUFS)                                                                           \
-    X(bind, -1, EACCES, ENOSPC) X(connect, -1, EACCES, ENOMEM, EINTR) X(setsockopt, -1, ENOBUFS) X(          \
-        getsockopt, -1, ENOBUFS) X(send, -1, ENOBUFS, ENOMEM, EINTR) X(sendto, -1, ENOBUFS, EINTR)           \
-        X(sendmmsg, -1, ENOBUFS, EINTR) X(recvmmsg, -1, ENOMEM, EINTR) X(epoll_create1, -1, EMFILE, ENOMEM)  \
-            X(epoll_ctl, -1, ENOSPC, ENOMEM) X(epoll_pwait, -1, EINTR) X(eventfd, -1, EMFILE)                \
-                X(pipe2, -1, EMFILE) X(timerfd_create, -1, EMFILE, ENOMEM) X(open, -1, EMFILE, EIO)          \
-                    X(read, -1, EIO, EINTR) X(write, -1, ENOSPC, EIO) X(fstat, -1, EIO)                      \
-                        X(fstatat, -1, EACCES, ENOMEM) X(flock, -1, ENOLCK, EINTR) X(access, -1, EACCES)     \
-                            X(readlink, -1, ENOMEM) X(getrandom, -1, ENOSYS, EINTR) X(madvise, -1, EINVAL)   \
-                                X(ioctl, -1, ENODEV) X(getifaddrs, -1, EMFILE)                               \
-                                    X(sem_timedwait, -1, ETIMEDOUT, EINTR) X(sem_open, 0, EMFILE, ENOSPC)    \
-                                        X(fdopen, 0, ENOMEM) X(fopen, 0, EMFILE, EACCES, ENOMEM)             \
-                                            X(fread, 0, EIO) X(fwrite, 0, ENOSPC) X(fseek, -1, EIO)          \
-                                                X(ftell, -1, EIO)
+// clang-format off
+#define CALLS(X) \
+    X(socket, -1, EMFILE, ENOBUFS) X(bind, -1, EACCES, ENOSPC) X(connect, -1, EACCES, ENOMEM, EINTR) \
+    X(setsockopt, -1, ENOBUFS) X(getsockopt, -1, ENOBUFS) X(send, -1, ENOBUFS, ENOMEM, EINTR) \
+    X(sendto, -1, ENOBUFS, EINTR) X(sendmmsg, -1, ENOBUFS, EINTR) X(recvmmsg, -1, ENOMEM, EINTR) \
+    X(epoll_create1, -1, EMFILE, ENOMEM) X(epoll_ctl, -1, ENOSPC, ENOMEM) X(epoll_pwait, -1, EINTR) \
+    X(eventfd, -1, EMFILE) X(pipe2, -1, EMFILE) X(timerfd_create, -1, EMFILE, ENOMEM) \
+    X(open, -1, EMFILE, EIO) X(read, -1, EIO, EINTR) X(write, -1, ENOSPC, EIO) X(fstat, -1, EIO) \
+    X(fstatat, -1, EACCES, ENOMEM) X(flock, -1, ENOLCK, EINTR) X(access, -1, EACCES) \
+    X(readlink, -1, ENOMEM) X(getrandom, -1, ENOSYS, EINTR) X(madvise, -1, EINVAL) X(ioctl, -1, ENODEV) \
+    X(getifaddrs, -1, EMFILE) X(sem_timedwait, -1, ETIMEDOUT, EINTR) X(sem_open, 0, EMFILE, ENOSPC) \
+    X(fdopen, 0, ENOMEM) X(fopen, 0, EMFILE, EACCES, ENOMEM) X(fread, 0, EIO) X(fwrite, 0, ENOSPC) \
+    X(fseek, -1, EIO) X(ftell, -1, EIO)
+// clang-format on
 #define CALL(name, failed, ...)                                                                              \
     DEFINE(name) { return fails(Kind::kCalls, #name, CALLER, {__VA_ARGS__}) ? failed : PASS_ON(name); }
 CALLS(CALL)

@@ -15,8 +15,8 @@ struct Plan {
 struct Report {              // in memory that a child process shares with its parent
     uint32_t points, failed; // allocations or calls under the plan, and how many of them failed
     unsigned errors;         // number of errors of the function that failed first
-    char function[24], caller[160], fatal[80], complaint[240]; // fatal: the last log line of level 0
-    long allocations, descriptors;                             // left at the end
+    char function[24], caller[160], complaint[240];
+    long allocations, descriptors; // left at the end
 };
 extern Report *report;
 extern Plan plan;

@@ -105,17 +105,26 @@ class Life : public EndpointWorld {
             deliver(to, d.bytes());
         }
     }
-    void raw() { // for most inputs with the right length and check value
+    void raw() { // for most inputs with the right check value; some claim more bytes than they have
         tainted_ = true;
-        const size_t to = slot(), size = in_.u8();
-        const std::string bytes = in_.text(60 + size);
-        const bool stamp = bytes.size() >= 60 && size != 255;
-        deliver(to,
-                stamp ? Datagram{"", tavipc::read_header(bytes.data()), bytes.substr(60)}.bytes() : bytes);
+        const size_t to = slot(), size = in_.u8(), lie = in_.u8() % 4 * 30;
+        std::string bytes = in_.text(60 + size);
+        if (bytes.size() >= 60 && size != 255) {
+            const Datagram d{"", tavipc::read_header(bytes.data()), bytes.substr(60) + std::string(lie, 'x')};
+            (bytes = d.bytes()).resize(60 + d.payload.size() - lie);
+        }
+        deliver(to, bytes);
     }
-    void relay() {
+    void relay() { // for some inputs with a changed payload
         const fake::Send *sent = any_sent();
-        const std::string path = sent ? sent->path : "", bytes = sent ? sent->bytes : "";
+        const std::string path = sent ? sent->path : "";
+        std::string bytes = sent ? sent->bytes : "";
+        const uint16_t at = in_.u16();
+        if (const uint8_t flaw = in_.u8(); flaw > 0 && bytes.size() > 60) {
+            tainted_ = true;
+            bytes[60 + at % (bytes.size() - 60)] ^= static_cast<char>(flaw);
+            bytes = Datagram{"", tavipc::read_header(bytes.data()), bytes.substr(60)}.bytes();
+        }
         for (const size_t to : {0, 1})
             if (path.ends_with("/e" + std::to_string(to))) deliver(to, bytes);
     }

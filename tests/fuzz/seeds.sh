@@ -36,7 +36,8 @@ for kind in 0 1 2 3; do
 done
 seed datagrams '\x01' '\x07\x00\x09\x01\x00\x80\x05\x00\x00\x00' '\x03\x00\x03\x01\x03\x02\x05\xff\x04' '\x04\x03' '\x05\xff\x00' '\x09\x03'
 header=$(repeat 4 '\x67')"e0$(repeat 10 '\x00')$(repeat 4 '\x37')p0$(repeat 10 '\x00')$(repeat 28 '\x00')"
-seed datagrams '\x01\x02\x00\x05' "$header" hello
+for lie in 0 1; do seed datagrams "\\x01\\x02\\x00\\x05\\x0$lie" "$header" hello; done
+for at in 12 13; do seed datagrams '\x01' '\x07\x00\x09\x01\x00\x08\x05\x00\x00\x00' "\\x03\\x00\\x$at\\x00\\x10"; done # compressed, with another length
 dictionary datagrams '3200' '\x01\x00' '\x00\xFA\x00\x00' '\xFF\xFF\xFF\xFF' '\x10\x00\x00\x00' '\x03\x00' '\x04\x05'
 
 # --- parsers: the number of the parser, then what it reads (parsers.cpp)
@@ -47,11 +48,10 @@ seed parsers '\x00\x00{"a": [true, -1e9, "\\u00e9\\ud83d\\ude00"], "LINUX": {"b"
 seed parsers '\x00\x00' "$(repeat 1100 '[')"
 seed parsers '\x00\x01\x58\x01' "$(repeat 342 A)" '==' "$list"
 seed parsers '\x00\x02\x40' "$entry" "$list"
-seed parsers '\x00\x04\x05other' "$list"
+seed parsers '\x00\x04' "\\x$(printf %02x ${#list})" "$list" '{"linux": []}' # allowed after the exchange only
 stream='x\x9c\xcbH\xcd\xc9\xc9\x07\x00\x06,\x02\x15' # hello
 for claim in 0 4 5 6 1048576 4294967295; do seed parsers '\x01\x00' "$(be32 "$claim")" "$stream"; done
 seed parsers '\x01\x05\x3c\x00' "$(repeat 200 a)"
-seed parsers '\x01\x00' 3200 '\x00\x00\x00\x04' "$(repeat 12 '\x00')" "$(be32 5)" "$stream"
 seed parsers '\x02' "$header" '\x01hello'
 seed parsers '\x02' "$(repeat 60 '\xff')" '\x00' "$(repeat 1100 x)"
 for id in 123 18446744073709551615 1e400 -5 nan 0x1p63 ''; do seed parsers '\x03{"vmid":"' $id '"}\n'; done

@@ -25,9 +25,8 @@ int Log::count(std::string_view part, int level) const {
 }
 
 size_t Event::pending() const {
-    size_t n = 0;
-    for (const Send &send : sends) n += !send.done;
-    return n;
+    return static_cast<size_t>(
+        std::count_if(sends.begin(), sends.end(), [](const Send &send) { return !send.done; }));
 }
 
 void Event::complete(size_t index, int status) {
@@ -81,6 +80,11 @@ cl_dunix_t Event::socket_at(std::string_view path) const {
 
 using fake::world;
 static fake::Event &event = world().event;
+
+// The function that a stand-in replaces.
+template <typename Function> static Function next(Function, const char *name) {
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
 
 extern "C" {
 
@@ -149,8 +153,8 @@ void cl_dunix_close(cl_dunix_t socket, void (*)(void *), void *) noexcept {
 }
 int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *context) noexcept {
     if (event.fail_recv > 0) return --event.fail_recv, errno = 0, -1;
-    event.sockets.at(socket).recv = callback;
-    event.sockets.at(socket).recv_context = context;
+    fake::Socket &receiving = event.sockets.at(socket);
+    receiving = {receiving.path, callback, context};
     return 0;
 }
 int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void *data, uint32_t len,
@@ -167,12 +171,13 @@ void cl_dunix_settle(size_t, cl_dunix_send_cb) noexcept {
 }
 
 xhash_t *xhash_create(void (*release)(void *), uint32_t reserved) noexcept {
-    static const auto real = reinterpret_cast<decltype(&xhash_create)>(dlsym(RTLD_NEXT, "xhash_create"));
+    static const auto real = next(&xhash_create, "xhash_create");
     return --world().memory.fail_table == 0 ? nullptr : real(release, reserved);
 }
 int heap_push(heap_t *heap, void *entry) noexcept {
-    static const auto real = reinterpret_cast<decltype(&heap_push)>(dlsym(RTLD_NEXT, "heap_push"));
-    return --world().memory.fail_push == 0 ? -1 : real(heap, entry);
+    static const auto real = next(&heap_push, "heap_push");
+    const bool full = heap_count(heap) >= world().memory.largest_heap;
+    return --world().memory.fail_push == 0 || full ? -1 : real(heap, entry);
 }
 
 int tav_get_location() noexcept { return world().deployment.location; }

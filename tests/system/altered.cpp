@@ -11,7 +11,6 @@
 #include <iostream>
 
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include "tavcl_ev.h"
 

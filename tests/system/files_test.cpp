@@ -3,6 +3,7 @@
 #include <fstream>
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include "installation.h"
 
@@ -37,6 +38,8 @@ class Files : public ::testing::Test {
     void send_to_stopping_beta(Process &from, Process &beta) {
         from.say("file beta " + write(3 * kChunk) + " 600");
         temporary = beta.expect("temporary ");
+        siginfo_t stopped;
+        ASSERT_EQ(waitid(P_PID, static_cast<id_t>(beta.pid()), &stopped, WSTOPPED), 0);
     }
 
     Installation place{{}};

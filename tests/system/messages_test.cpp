@@ -18,15 +18,13 @@ class Messages : public ::testing::Test {
         alpha.ask("open alpha", "opened ");
         beta.ask("open beta", "opened ");
     }
-    // A module that leaks fails under the sanitizers.
     ~Messages() override { EXPECT_EQ(alpha.finish(), 0); }
 
     static void post(Process &from, const std::string &message, int count = 1,
                      const std::string &options = "0 0") {
         from.say("post beta " + message + ' ' + std::to_string(count) + " 1 " + options);
     }
-    // Takes messages of a source until each of the first so many command codes has arrived; none may arrive
-    // twice.
+    // Takes messages of a source until "count" command codes have arrived, none of them twice.
     void expect_each_once(const std::string &source, size_t count) {
         std::set<std::string> arrived;
         while (arrived.size() < count)
@@ -48,7 +46,6 @@ TEST_F(Messages, ArriveWhole) {
         EXPECT_EQ(got.at(2), sent.at(4)); // digests
     }
     EXPECT_TRUE(alpha.heard("compress msg success, old_size=500000, new_size="));
-    EXPECT_FALSE(alpha.heard("old_size=65471999"));
 }
 
 TEST_F(Messages, StoppedReceiverGetsAllOfTwoSendersLater) {

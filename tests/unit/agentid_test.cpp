@@ -9,47 +9,47 @@
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/poll.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
 #include "agentid/conf_dir.h"
+#include "agentid/id_file.h"
 #include "agentid/identity_lock.h"
+#include "agentid/mac_discovery.h"
 #include "fakes.h"
-#include "tavipc/tav_agentid.h"
 
 using namespace std::string_literals;
 namespace fs = std::filesystem;
 
-struct Interface {
-    std::string name, ip, mac; // no mac: it has none
-    ifaddrs entry{};
-    sockaddr address{};
-};
+// Interfaces by number: the loopback, and three with the MACs AAAAAA, BBBBBB and CCCCCC. Their addresses
+// begin at 10.0.0.7, and 10.0.0.9 leads to the manager.
+static const char *const kNames[] = {"lo", "eth0", "eth1", "exactly-15-long"};
 static struct Stage {
-    std::vector<Interface> interfaces{{"lo", "127.0.0.1", "local."},
-                                      {"eth0", "10.0.0.8", "AAAAAA"},
-                                      {"eth1", "10.0.0.9", "BBBBBB"}, // leads to the manager
-                                      {"exactly-15-long", "10.0.0.10", "CCCCCC"}};
+    int first = 0, last = 3, without_mac = -1, routed = 2; // interfaces
     int connect_error = 0, wait_result = 1, socket = 900, sem_open_error = 0, semaphore = 1;
+    unsigned long failing = 0;                                // a request of ioctl, or one of these calls
     std::function<void()> while_listing{}, while_computing{}; // what another thread or process does then
     std::string vmid = "123", events{};
     timespec deadline{};
 } stage;
 
+enum : unsigned long { kSockname = 1, kIfaddrs };
 static int fail(int error) { return error == 0 ? 0 : (errno = error, -1); }
 static int record(const std::string &event) { return stage.events += event + " ", 0; }
 static void run_once(std::function<void()> &hook) {
     if (hook) std::exchange(hook, nullptr)();
 }
-static int set_address(sockaddr &to, const std::string &ip) {
-    const sockaddr_in address{AF_INET, 0, {inet_addr(ip.c_str())}, {}};
+static int set_address(sockaddr &to, int interface) {
+    const sockaddr_in address{AF_INET, 0, {htonl(0x0A000007u + static_cast<uint32_t>(interface))}, {}};
     return memcpy(&to, &address, sizeof address), 0;
 }
 
 extern "C" {
 
 int shell_execute(const char *, char *out, int size) noexcept {
+    if (stage.vmid.empty()) return -1;
     return record("tool"),
            str_snprintf(out, static_cast<size_t>(size), "{\"vmid\":\"%s\"}", stage.vmid.c_str()), 0;
 }
@@ -69,28 +69,29 @@ int sem_post(sem_t *) noexcept { return ++stage.semaphore, record("post"); }
 int sem_close(sem_t *) noexcept { return record("close"); }
 int sem_unlink(const char *) noexcept { return stage.semaphore = 1, record("unlink"); }
 
-int socket(int, int, int) noexcept { return stage.socket; }
+int socket(int, int, int) noexcept { return stage.socket < 0 ? fail(EMFILE) : stage.socket; }
 int ioctl(int, unsigned long request, ...) noexcept {
     va_list arguments;
     va_start(arguments, request);
     auto *record = va_arg(arguments, ifreq *);
     va_end(arguments);
+    if (request == stage.failing) return fail(EIO);
     if (request == FIONBIO) return 0;
     if (request == SIOCGIFCONF) {
         run_once(stage.while_listing);
         auto *all = reinterpret_cast<ifconf *>(record);
         all->ifc_len =
-            static_cast<int>(stage.interfaces.size() * sizeof(ifreq) + 24); // and a part of one more
-        record = all->ifc_req;
-        for (const Interface &one : stage.interfaces)
-            strncpy((record++)->ifr_name, one.name.c_str(), IFNAMSIZ);
+            (stage.last - stage.first + 1) * static_cast<int>(sizeof(ifreq)) + 24; // and a part of one
+        for (int i = stage.first; i <= stage.last; ++i)
+            strcpy(all->ifc_req[i - stage.first].ifr_name, kNames[i]);
         return 0;
     }
-    for (const Interface &one : stage.interfaces) {
-        if (one.name != record->ifr_name || (request == SIOCGIFHWADDR && one.mac.empty())) continue;
-        set_address(record->ifr_addr, one.ip);
-        if (request == SIOCGIFHWADDR) memcpy(record->ifr_hwaddr.sa_data, one.mac.data(), 6);
-        if (request == SIOCGIFFLAGS) record->ifr_flags = one.name == "lo" ? IFF_LOOPBACK : IFF_UP;
+    for (int i = 0; i < 4; ++i) {
+        if (strcmp(kNames[i], record->ifr_name) != 0 || (request == SIOCGIFHWADDR && i == stage.without_mac))
+            continue;
+        set_address(record->ifr_addr, i);
+        if (request == SIOCGIFHWADDR) memset(record->ifr_hwaddr.sa_data, '@' + i, 6);
+        if (request == SIOCGIFFLAGS) record->ifr_flags = i == 0 ? IFF_LOOPBACK : IFF_UP;
         return 0;
     }
     return fail(ENODEV);
@@ -98,16 +99,22 @@ int ioctl(int, unsigned long request, ...) noexcept {
 int connect(int, const sockaddr *to, socklen_t) {
     return fail(memcmp(to->sa_data, "\x1f\xa3\xc0\0\2\7", 6) == 0 ? stage.connect_error : ENOTSUP);
 }
-int select(int, fd_set *, fd_set *, fd_set *, timeval *) { return stage.wait_result; }
+int select(int, fd_set *, fd_set *, fd_set *, timeval *) {
+    return stage.wait_result < 0 ? fail(EINTR) : stage.wait_result;
+}
 int poll(pollfd *, nfds_t, int) { return stage.socket == 5000 ? 1 : 0; }
-int getsockname(int, sockaddr *address, socklen_t *) noexcept { return set_address(*address, "10.0.0.9"); }
+int getsockname(int, sockaddr *address, socklen_t *) noexcept {
+    return stage.failing == kSockname ? fail(ENOBUFS) : set_address(*address, stage.routed);
+}
 int getifaddrs(ifaddrs **list) noexcept {
-    for (Interface &one : stage.interfaces) {
-        set_address(one.address, one.ip);
-        one.entry = {*list, one.name.data(), 0, &one.address, nullptr, {}, nullptr};
-        *list = &one.entry;
+    static sockaddr addresses[4];
+    static ifaddrs entries[5]; // the last one has no address
+    if (stage.failing == kIfaddrs) return fail(ENOMEM);
+    for (int i = 0; i < 4; ++i) {
+        set_address(addresses[i], i);
+        entries[i] = {&entries[i + 1], const_cast<char *>(kNames[i]), 0, &addresses[i], nullptr, {}, nullptr};
     }
-    return 0;
+    return *list = entries, 0;
 }
 void freeifaddrs(ifaddrs *) noexcept {}
 
@@ -149,7 +156,7 @@ class AgentId : public FakeWorld {
         w.deployment.base = dir / base;
         return GetTAVConfPath(out, size), out;
     }
-    static uint64_t reported(const char *vmid) { return stage.vmid = vmid, GetVMID(false); }
+    static uint64_t reported(const char *vmid) { return stage.vmid = vmid, tav_get_vmidid_from_G2HProxy(); }
     void expect_from_vmid(uint64_t vmid, const std::string &stored, uint32_t id,
                           const std::string &then_stored) {
         g_vmid = vmid;
@@ -196,11 +203,40 @@ TEST_F(AgentId, ManagerAddressAndPort) {
     put("server.ini", kRemote);
     put("server_port.ini", "");
     EXPECT_EQ(GetMgrAddr(ip, 5, &port), ENOENT);
-    EXPECT_EQ(port, 7);
     put("server_port.ini", "[other]\n");
     GetMgrAddr(ip, 5, &port); // returns errno, which can be anything
     EXPECT_EQ(port, 8083);
     EXPECT_STREQ(ip, "192.");
+}
+
+TEST_F(AgentId, WrongArgumentsAndMissingFilesAreRefused) {
+    char text[16];
+    unsigned char mac[6];
+    unsigned short port;
+    EXPECT_EQ(GetMgrAddr(nullptr, 5, &port), 6);
+    EXPECT_EQ(GetMgrAddr(text, 5, &port), ENOENT);
+    EXPECT_EQ(ReadAgentid(nullptr), 0u);
+    EXPECT_EQ(CreateAgentIdByVMID(nullptr), 0u);
+    EXPECT_EQ(GetAgentIdFromFileWhileClone(), 0u); // no marker
+    EXPECT_EQ(tavipc::GetLocalIpToMgr(nullptr, 1, text, 16), 10);
+    EXPECT_EQ(tavipc::GetMacByIp("10.0.0.8", mac, 0), 10);
+    EXPECT_EQ(tavipc::GetMacByIp("10.0.0.8", mac, 5), -1);
+    stage.socket = -1;
+    EXPECT_EQ(tavipc::GetLocalIpToMgr("192.0.2.7", 8099, text, 16), EMFILE);
+    EXPECT_EQ(tavipc::GetMacByIp("10.0.0.8", mac, 6), EMFILE);
+}
+
+TEST_F(AgentId, FullDiskLeavesAShorterMachineid) {
+    const rlimit all{RLIM_INFINITY, RLIM_INFINITY};
+    std::signal(SIGXFSZ, SIG_IGN);
+    for (const rlim_t size : {2, 16}) {
+        const rlimit limit{size, RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        tavipc::SaveAgentId(path.c_str(), 0x01020304, reinterpret_cast<const unsigned char *>("BBBBBB"), 6,
+                            tavipc::GetLocalMacList().get());
+        setrlimit(RLIMIT_FSIZE, &all);
+        EXPECT_EQ(machineid(), "\4\3\2\1BBBBBBAAAAAA"s.substr(0, size));
+    }
 }
 
 TEST_F(AgentId, LockIsHeldAroundAStoreAndRemoved) {
@@ -246,7 +282,7 @@ TEST_F(AgentId, OnlyAUsableSemaphoreFileStays) {
 TEST_F(AgentId, VmIdOfTheGuestToolAndItsAgentId) {
     EXPECT_EQ(reported("9007199254740993"), 9007199254740992u);
     EXPECT_EQ(reported("1e30"), UINT64_MAX);
-    for (const char *bad : {"-5", "nan", "\", \"vmid\": 5, \"x\":\"", "\""})
+    for (const char *bad : {"-5", "nan", "\", \"vmid\": 5, \"x\":\"", "\"", ""})
         EXPECT_EQ(reported(bad), 0u) << bad;
     EXPECT_EQ(reported("123") + g_vmid, 123u);
     stage.events.clear();
@@ -260,13 +296,14 @@ TEST_F(AgentId, VmIdOfTheGuestToolAndItsAgentId) {
 
 TEST_F(AgentId, ComesFromTheFirstSourceThatHasOne) {
     const std::string five = id_bytes(5), all = "AAAAAACCCCCCBBBBBB";
+    expect_id("", five, {}, 5, "");
     expect_id("[config]\n", five, {}, 5, "", "sleep sleep sleep " + kLocked);
     expect_id(kLocal, five, {}, 2286445522, "", "open tool post close unlink ");
     expect_id(kRemote, "", {}, crc("AAAAAA" + kType), kZero + all);
-    expect_id(kRemote, "", {.interfaces = {{"tun0", "49.50.51.52", ""}}}, crc("\0\0001234"s + kType),
-              kZero + "\0\0001234"s);
-    expect_id(kRemote, "", {.interfaces = {{"lo", "10.0.0.8", "local."}}}, 0, "");
-    expect_id(kRemote, five, {.interfaces = {}}, 5, "");
+    const std::string ip = "\0\0\x0A\0\0\x08"s;
+    expect_id(kRemote, "", {.first = 1, .last = 1, .without_mac = 1}, crc(ip + kType), kZero + ip);
+    expect_id(kRemote, "", {.last = 0}, 0, "");
+    expect_id(kRemote, five, {.last = 0}, 5, "");
     expect_id(kRemote, "", {.sem_open_error = EACCES}, 0, "", "");
     w.deployment.agent_type = "";
     expect_id(kRemote, "", {}, crc("30313233-3435-3637-3839-616263646566AAAAAA"), "AAAAAA" + all);
@@ -282,12 +319,17 @@ TEST_F(AgentId, IsMadeFromTheMacOnTheRouteToTheManager) {
     expect_id(kRemote, "", {.connect_error = EALREADY, .wait_result = 0, .socket = 5000}, routed,
               "BBBBBB" + all);
     expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = 0}, other, kZero + all);
-    Stage without_mac, on_loopback;
-    without_mac.interfaces[2].mac = on_loopback.interfaces[2].ip = "";
-    on_loopback.interfaces[0].ip = "10.0.0.9";
-    const std::string tried = "open sleep sleep sleep post close unlink ";
-    expect_id(kRemote, "", without_mac, other, "\0\0\x0A\0\0\x09"s + "AAAAAACCCCCC", tried);
-    expect_id(kRemote, "", on_loopback, other, kZero + all, tried);
+    const std::string tried = "open sleep sleep sleep post close unlink ", ip = "\0\0\x0A\0\0\x09"s;
+    expect_id(kRemote, "", {.without_mac = 2}, other, ip + "AAAAAACCCCCC", tried);
+    expect_id(kRemote, "", {.without_mac = 2, .failing = SIOCGIFADDR}, other, kZero + "AAAAAACCCCCC", tried);
+    expect_id(kRemote, "", {.routed = 0}, other, kZero + all, tried); // the loopback is left out
+    expect_id(kRemote, "", {.failing = kIfaddrs}, other, kZero + all, tried);
+    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = -1}, other, kZero + all);
+    for (const unsigned long call : {0ul + kSockname, 0ul + FIONBIO})
+        expect_id(kRemote, "", {.failing = call}, other, kZero + all);
+    for (const unsigned long call : {0ul + SIOCGIFCONF, 0ul + SIOCGIFFLAGS})
+        expect_id(kRemote, "", {.failing = call}, 0, "");
+    expect_id(kRemote, "", {.socket = -1}, 0, "");
     unsigned char first[6] = {0x00, 0x05, 0x69}, last[6] = {0x80, 0x00, 0x27}, none[6] = {0x08, 0x00, 0x27};
     EXPECT_EQ(IsExcludeAdapter(first) * 100 + IsExcludeAdapter(last) * 10 + IsExcludeAdapter(none), 110);
 }

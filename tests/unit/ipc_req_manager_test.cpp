@@ -1,19 +1,10 @@
 // Outstanding requests: when they expire, and when the heap of expiries is rebuilt.
 #include "tavipc/ipc_req_manager.h"
 
-#include <new>
-
 #include "fakes.h"
 
 using Ids = std::vector<uint32_t>;
 static Ids released;
-static size_t largest_allocation = SIZE_MAX; // bytes that operator new still grants
-
-void *operator new(size_t size) {
-    return size <= largest_allocation ? std::malloc(size) : throw std::bad_alloc();
-}
-void operator delete(void *memory) noexcept { std::free(memory); }
-void operator delete(void *memory, size_t) noexcept { std::free(memory); }
 
 class ReqManagerTest : public FakeWorld {
   protected:
@@ -34,13 +25,10 @@ class ReqManagerTest : public FakeWorld {
         const auto expire_ms = static_cast<int64_t>(w.clock.loop_ms + in_ms);
         return ipc_req_manager_insert(&m_, reqid, reinterpret_cast<void *>(uintptr_t{reqid}), expire_ms);
     }
-    // Adds that many heap entries, of which the lowest ids stay live, and one more.
-    void fill(uint32_t entries, uint32_t live, size_t largest = SIZE_MAX) {
+    // Adds that many heap entries, of which the lowest ids stay live.
+    void fill(uint32_t entries, uint32_t live) {
         for (uint32_t id = 1; id <= entries; ++id) insert(id, 1'000'000 + id);
         for (uint32_t id = live + 1; id <= entries; ++id) ipc_req_manager_remove(&m_, id);
-        largest_allocation = largest;
-        insert(entries + 1, 1'000'000);
-        largest_allocation = SIZE_MAX;
     }
 
     ipc_req_manager_st m_;
@@ -76,6 +64,7 @@ TEST_F(ReqManagerTest, HeapIsRebuiltWhenTooMuchOfItIsStale) {
                                  {873'814, 436'907, 873'815}, {936'907, 499'999, 500'000}};
     for (const auto &[entries, live, left] : cases) {
         fill(entries, live);
+        insert(entries + 1, 1'000'000);
         EXPECT_EQ(heap_count(m_.expiry_heap), left) << entries << " " << live;
         w.event.advance(2'000'000);
         EXPECT_EQ(std::exchange(expired_, {}).size(), live + 1);
@@ -83,9 +72,14 @@ TEST_F(ReqManagerTest, HeapIsRebuiltWhenTooMuchOfItIsStale) {
 }
 
 TEST_F(ReqManagerTest, ShortMemoryLosesNoExpiry) {
-    fill(120'000, 40'000, 512 * 1024 - 1);
+    fill(120'000, 40'000);
+    w.memory.largest_heap = 30'000;
     w.event.advance(1000);
-    EXPECT_EQ(heap_count(m_.expiry_heap), 40'001u) << "a tick rebuilds it";
+    EXPECT_EQ(heap_count(m_.expiry_heap), 120'000u);
+    w.memory.largest_heap = UINT32_MAX, w.memory.fail_push = 1;
+    EXPECT_EQ(insert(120'001, 0), -1);
+    w.event.advance(1000);
+    EXPECT_EQ(heap_count(m_.expiry_heap), 40'000u) << "the next tick rebuilds it";
     w.event.advance(2'000'000);
-    EXPECT_EQ(expired_.size(), 40'001u);
+    EXPECT_EQ(expired_.size(), 40'000u);
 }

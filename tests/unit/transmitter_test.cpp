@@ -15,12 +15,12 @@ class TransmitterTest : public EndpointWorld {
     TransmitterTest() { w.random.draws.assign(1000, 3); } // a random delay is (3 + 10 * tries) % 50
 
     static std::string failed(int status) {
-        return "|last_err=" + std::to_string(status) + "(" + cl_ev_strerror(status) + ")|src=";
+        return "|last_err=" + std::to_string(status) + "(" + cl_ev_strerror(status) + ")" + datagram_;
     }
-    void configure_retries(uint32_t times, uint32_t interval_ms) {
+    void configure_retries(uint32_t times) {
         load_ipc_proxy_conf("/nonexistent");
         get_ipc_proxy_conf()->eagain_max_retry_times = times;
-        get_ipc_proxy_conf()->eagain_retry_interval_ms = interval_ms;
+        get_ipc_proxy_conf()->eagain_retry_interval_ms = 200;
     }
     void send_hello(int refused_with = 0) {
         forget();
@@ -34,54 +34,49 @@ class TransmitterTest : public EndpointWorld {
     }
     void expect_idle() {
         w.event.complete_all();
-        EXPECT_EQ(beta_->sending, 0u);
-        EXPECT_EQ(beta_->sending_bytes, 0u);
+        EXPECT_EQ(beta_->sending + beta_->sending_bytes + beta_->queued + beta_->queued_bytes, 0u);
         waiting(0);
     }
 
+    inline static const std::string datagram_ = "|src=[4711:alpha:2]|dest=[4711:beta:2]|reqid=1|frag_seq=0|"
+                                                "frag_id=0|size=5|frag_orig=0";
     tav_ipc_st *ipc_ = open();
     mod_info_st *beta_ = module(ipc_);
 };
 
 TEST_F(TransmitterTest, RefusalsAreRetriedUpToTheirLimit) {
+    // status, configured retries, attempts, delay (0: random)
     const std::tuple<int, std::optional<uint32_t>, size_t, uint64_t> cases[] = {
-        // status, configured retries, attempts (0: more than are tried here), delay (0: random)
-        {4, {}, 11, 0}, {2, {}, 5, 0}, {1, 3, 5, 0}, {4, 3, 4, 200}, {4, 0, 1, 200}, {4, INT32_MAX, 0, 200}};
+        {4, {}, 11, 0}, {2, {}, 5, 0}, {1, 3, 5, 0}, {4, 3, 4, 200}, {4, 0, 1, 200}};
     for (const auto &[status, configured, limit, fixed_delay_ms] : cases) {
         SCOPED_TRACE(testing::Message() << status << ", " << limit << " attempts");
         tavipc::reset_ipc_conf();
-        if (configured) configure_retries(*configured, 200);
+        if (configured) configure_retries(*configured);
         send_hello();
-        for (size_t tries = 1; tries < (limit ? limit : 20); ++tries) {
-            ASSERT_EQ(w.event.sends.size(), tries);
+        for (size_t tries = 1; tries < limit; ++tries) {
             w.event.complete(tries - 1, status);
-            const uint64_t delay_ms = fixed_delay_ms ? fixed_delay_ms : (3 + 10 * tries) % 50;
-            w.event.advance(delay_ms - 1);
+            w.event.advance((fixed_delay_ms ? fixed_delay_ms : (3 + 10 * tries) % 50) - 1);
             ASSERT_EQ(w.event.sends.size(), tries);
             w.event.advance(1);
             EXPECT_EQ(sent(tries).bytes(), sent(0).bytes());
         }
-        const std::string end = "|try_limit=" + std::to_string(limit ? limit : 2147483648u) + failed(status);
+        w.event.complete_all(status);
+        const std::string end = "|try_limit=" + std::to_string(limit) + failed(status);
         EXPECT_EQ(w.log.count("msg send failed, retry later|try_times=1" + end, 4), limit != 1);
-        if (limit) w.event.complete_all(status);
         const std::string drop = "msg consume times more than limit, drop it|try_times=";
-        EXPECT_EQ(w.log.count(drop + std::to_string(limit) + end, 2), limit != 0);
+        EXPECT_EQ(w.log.count(drop + std::to_string(limit) + end, 2), 1);
         expect_idle();
     }
 }
 
 TEST_F(TransmitterTest, OnlyASuccessAfterARetryIsReported) {
     send_hello();
-    EXPECT_EQ(beta_->sending_bytes, 65u);
     expect_idle();
     EXPECT_EQ(w.log.count("|try_times"), 0);
     send_hello(CL_EV_WOULD_BLOCK);
     w.event.advance(50);
     expect_idle();
-    const char *line =
-        "msg retry success|try_times=2|src=[4711:alpha:2]|dest=[4711:beta:2]|reqid=1|frag_seq=0|"
-        "frag_id=0|size=5|frag_orig=0";
-    EXPECT_EQ(w.log.count(line, 4), 1);
+    EXPECT_EQ(w.log.count("msg retry success|try_times=2" + datagram_, 4), 1);
 }
 
 TEST_F(TransmitterTest, RefusedHandOverIsQueuedOnceAndThenDropped) {
@@ -97,14 +92,11 @@ TEST_F(TransmitterTest, RefusedHandOverIsQueuedOnceAndThenDropped) {
 TEST_F(TransmitterTest, FullQueueDropsWithALine) {
     w.event.fail_send = w.memory.fail_push = 1;
     send_hello();
-    EXPECT_EQ(w.log.count("msg set send later failed, drop it|try_times=1|src=", 2), 1);
+    EXPECT_EQ(w.log.count("msg set send later failed, drop it|try_times=1" + datagram_, 2), 1);
     w.memory.fail_push = 1;
     send_hello(CL_EV_WOULD_BLOCK);
     EXPECT_EQ(w.log.count("msg set retry failed, drop it|try_times=1" + failed(4), 2), 1);
     expect_idle();
-    w.event.fail_timers = 1; // the record stays queued though no timer can be had
-    send_hello(CL_EV_WOULD_BLOCK);
-    waiting();
 }
 
 TEST_F(TransmitterTest, NewTrafficQueuesBehindWhatRanksBefore) {
@@ -127,25 +119,21 @@ TEST_F(TransmitterTest, NewTrafficQueuesBehindWhatRanksBefore) {
 }
 
 TEST_F(TransmitterTest, InFlightClassBoundsWhatIsAttempted) {
-    const std::tuple<uint16_t, std::string, uint32_t> cases[] = {
-        {0, "plain", kSmall},
-        {IPC_FLAG_FILE | IPC_FLAG_PROBE, "unconfirmed", kSmall},
-        {IPC_FLAG_REQUEST, "request", kLarge},
-        {IPC_FLAG_RESPONSE, "response", kLarge},
-        {0, app_message(30, 6), kSmall},
-        {0, app_message(30, 7), kLarge},
-        {IPC_FLAG_APP_MSG, std::string(15, '\xFF'), kSmall}}; // too short to have a priority
+    // The last payload is too short to have a priority.
+    const std::tuple<int, std::string, uint32_t> cases[] = {
+        {0x0C, "unconfirmed", kSmall},   {0x10, "request", kLarge},
+        {0x20, "response", kLarge},      {0, app_message(30, 6), kSmall},
+        {0, app_message(30, 7), kLarge}, {0x200, std::string(15, '\xFF'), kSmall}};
     for (const auto &[flags, payload, limit] : cases) {
         SCOPED_TRACE(payload);
         forget();
         const auto size = static_cast<uint32_t>(60 + payload.size());
         for (const uint32_t left : {size + 1, size}) { // of the class; the header counts too
             beta_->sending_bytes = limit - left;
-            ASSERT_EQ(send(ipc_, payload, address("beta"), flags), 0);
+            ASSERT_EQ(send(ipc_, payload, address("beta"), static_cast<uint16_t>(flags)), 0);
             w.event.complete_all();
         }
-        EXPECT_EQ(w.event.sends.size(), 1u);
-        EXPECT_EQ(waiting()->retry_later, w.clock.loop_ms + 13);
+        waiting();
         w.event.advance(13); // the class is still full: dropped
         EXPECT_EQ(w.event.sends.size(), 1u);
         EXPECT_EQ(w.log.count("", 2), payload == "response") << "whose requester would wait in vain";
@@ -155,12 +143,11 @@ TEST_F(TransmitterTest, InFlightClassBoundsWhatIsAttempted) {
 }
 
 TEST_F(TransmitterTest, IdleDestinationsGoWhenThereAreVeryMany) {
-    const std::tuple<int64_t, int, int64_t> cases[] = {{5000, 0, 5000}, {5001, 4, 5001}, {5001, 0, 5000}};
-    for (const auto &[count, status, left] : cases) {
+    for (const auto &[count, status, left] : {std::tuple{5000, 0, 5000}, {5001, 4, 5001}, {5001, 0, 5000}}) {
         send_hello();
         ipc_->queue->mod_count = count;
         w.event.complete_all(status);
-        EXPECT_EQ(ipc_->queue->mod_count, left);
+        EXPECT_EQ(ipc_->queue->mod_count, left) << "one that waits stays";
         w.event.advance(50);
         ipc_->queue->mod_count = 1;
         w.event.complete_all();
@@ -171,12 +158,11 @@ TEST_F(TransmitterTest, IdleDestinationsGoWhenThereAreVeryMany) {
     ASSERT_EQ(send(ipc_, pattern(200'000)), 0);
     EXPECT_EQ(xhash_count(ipc_->queue->mods), 1u) << "it is in use while its fragments are sent";
     w.event.complete_all();
-    EXPECT_EQ(xhash_count(ipc_->queue->mods), 0u);
 }
 
 // Of several completions that nest, the last one releases the destination.
 TEST_F(TransmitterTest, ALineAboutADropMaySettleTheLastSend) {
-    configure_retries(0, 200); // the first refusal drops
+    configure_retries(0); // the first refusal drops
     ASSERT_TRUE(module(ipc_, "gamma"));
     for (int i = 0; i < 2; ++i) ASSERT_EQ(send(ipc_, "hello"), 0);
     w.event.settles = true;
@@ -187,18 +173,6 @@ TEST_F(TransmitterTest, ALineAboutADropMaySettleTheLastSend) {
     EXPECT_EQ(ipc_->queue->mod_count, 5000) << "beta, once";
     EXPECT_EQ(xhash_count(ipc_->queue->mods), 1u);
     ipc_->queue->mod_count = 1;
-}
-
-TEST_F(TransmitterTest, EachLineMayDestroyTheEndpoint) {
-    const auto refused_to_the_end = [&] {
-        w.event.fail_send = 1;
-        (void)send(ipc_, "queued, then refused", address("gamma"));
-        for (int tries = 0; tries < 12; ++tries) {
-            w.event.advance(50);
-            w.event.complete_all(tries % 2 ? CL_EV_WOULD_BLOCK : CL_EV_IO);
-        }
-    };
-    EXPECT_GE(at_each_line(ipc_, refused_to_the_end, [&] { close(std::exchange(ipc_, nullptr)); }), 8u);
 }
 
 TEST_F(TransmitterTest, RecordsOfOtherCodeAreSentOrDropped) {

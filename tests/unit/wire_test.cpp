@@ -1,7 +1,6 @@
 #include "ipc/wire.h"
 
-#include "common/owned.h"
-#include "fakes.h"
+#include <gtest/gtest.h>
 
 using namespace tavipc;
 
@@ -38,9 +37,9 @@ TEST(Wire, FragmentWordKeepsFiveBits) {
 }
 
 TEST(Wire, AddressesCompareWithoutTheirFlags) {
-    const MallocPtr<tav_addr_st> made(tav_addr_create2("123456789", 7, 5, ADDR_FLAG_TEMP));
-    EXPECT_EQ(tav_addr_create("1234567890", 1, 0), nullptr);
+    const tav_addr_st made{5, "123456789", 7, ADDR_FLAG_TEMP};
     const tav_addr_st others[] = {
         {5, "123456789", 7, 0}, {5, "12345678", 7, 0}, {6, "123456789", 7, 0}, {5, "123456789", 8, 0}};
-    for (const auto &other : others) EXPECT_EQ(tav_addr_cmp(made.get(), &other), &other == others ? 0 : -1);
+    for (const auto &other : others) EXPECT_EQ(tav_addr_cmp(&made, &other), &other == others ? 0 : -1);
+    EXPECT_EQ(tav_addr_create("1234567890", 1, 0), nullptr);
 }
