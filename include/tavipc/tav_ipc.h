@@ -167,20 +167,27 @@ TAVIPC_API uint32_t tav_ipc_hdr_magic(const tav_ipc_hdr_st *header) TAVIPC_NOEXC
 /* --- endpoints --------------------------------------------------------------------------------- */
 
 /* Opens the endpoint name on this thread's loop. The name has 1 to 9 characters and is a file name: no "/",
- * and not "." or "..". tav_ipc_create                  receives, accepts no files tav_ipc_create_temp
- * receives, its address carries ADDR_FLAG_TEMP tav_ipc_create_non_recv         does not receive until
- * tav_ipc_recv_start tav_ipc_create_non_recv_temp    does not receive either, and its address carries
- * ADDR_FLAG_TEMP accept_files: non-zero saves incoming file chunks, 0 answers them with
+ * and not "." or "..".
+ *   - tav_ipc_create: receives, accepts no files
+ *   - tav_ipc_create_temp: receives, its address carries ADDR_FLAG_TEMP
+ *   - tav_ipc_create_non_recv: does not receive until tav_ipc_recv_start
+ *   - tav_ipc_create_non_recv_temp: does not receive either, and its address carries ADDR_FLAG_TEMP
+ *
+ * If accept_files is not 0 the endpoint saves incoming file chunks, else it answers them with
  * IPC_ERR_NOT_SUPPORTED. Returns the handle, which the caller releases with tav_ipc_destroy. On failure
- * returns null and sets errno: EPERM         the process's executable is not in the signed allow-list EINVAL
- * the name is null, empty, too long, "." or "..", or has a "/" EADDRINUSE    another endpoint has the name,
- * or a file that is no socket is at its path EACCES        no right to make the socket directory, or the
- * socket in it ENODEV        no host id can be had ENAMETOOLONG  the socket's path is longer than 107 bytes:
- * the deployment type is too long ENOMEM        short memory others        as socket(2), bind(2) and mkdir(2)
- * set them: EMFILE, ENFILE, ENOENT, ENOSPC, EROFS and the like Determining the host id may end the process:
- * see CreateAgentId in tav_agentid.h. Short memory for the handle itself ends it with exit status 0. If the
- * environment has IPC_TEST beginning with "1", the process marks every message from then on with
- * IPC_FLAG_TRACE. */
+ * returns null and sets errno:
+ *   - EPERM: the process's executable is not in the signed allow-list
+ *   - EINVAL: the name is null, empty, too long, "." or "..", or has a "/"
+ *   - EADDRINUSE: another endpoint has the name, or a file that is not a socket is at its path
+ *   - EACCES: no right to make the socket directory, or the socket in it
+ *   - ENODEV: the host id cannot be determined
+ *   - ENAMETOOLONG: the socket's path is longer than 107 bytes, because the deployment type is too long
+ *   - ENOMEM: short memory
+ *   - others: as socket(2), bind(2) and mkdir(2) set them, for example EMFILE, ENOSPC, EROFS
+ *
+ * Determining the host id may end the process: see CreateAgentId in tav_agentid.h. Short memory for the
+ * handle itself ends it with exit status 0. If the environment has IPC_TEST beginning with "1", the process
+ * marks every message from then on with IPC_FLAG_TRACE. */
 TAVIPC_API tav_ipc_st *tav_ipc_create(const char *name) TAVIPC_NOEXCEPT;
 TAVIPC_API tav_ipc_st *tav_ipc_create_temp(const char *name, uint32_t accept_files) TAVIPC_NOEXCEPT;
 TAVIPC_API tav_ipc_st *tav_ipc_create_non_recv(const char *name, uint32_t accept_files) TAVIPC_NOEXCEPT;

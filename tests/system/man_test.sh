@@ -10,9 +10,9 @@ fail() { echo "$*" >&2; failed=1; }
 mkdir "$place/tavipc"
 cp include/tavipc/*.h platform/base/tavbase.h platform/aux/tavaux.h platform/event/tavcl_ev.h "$place/tavipc"
 
-# Each exported function and each function of the platform headers is in one NAME section. The export list has
+# Each exported function and each function of the platform headers is in one NAME section. The export lists have
 # type-encoded names: _Z<length>name...
-grep '^[^#]' packaging/exports.txt |
+cat packaging/exports*.txt | grep '^[^#]' |
     awk 'match($0, /^_Z[0-9]+/) { $0 = substr($0, RLENGTH + 1, substr($0, 3, RLENGTH - 2)) } { print }' >"$place/names"
 (cd "$place/tavipc" && sed -n 's/^[A-Z_]*_API [^(]*[ *]\([A-Za-z_0-9]*\)(.*/\1/p' tavbase.h tavaux.h tavcl_ev.h) \
     >>"$place/names"
@@ -45,12 +45,18 @@ done
 compile cc -std=c11 "$place/hello.c"
 compile c++ -std=c++20 "$place/hello.cpp"
 
-# The tool's commands and options, as they stand in mdoc.
-for command in "" $("$2" completion -- ""); do
-    "$2" completion -- $command - # options; the commands without one have a word of their own
-    case $command in "" | allowlist) "$2" completion -- $command "" ;; esac
-done | LC_ALL=C sort -u >"$place/words"
-[ "$(wc -l <"$place/words")" -gt 40 ] || fail "the completion of the tool lists too few words"
+# tavctl.1 has each command and each option of the tool, as its completion lists them.
+tool=$2
+words() { "$tool" completion -- "$@"; }
+{
+    words -
+    words ''
+    words trace ''
+    words allowlist ''
+    words '' | while read -r command; do words "$command" -; done
+    words allowlist '' | while read -r command; do words allowlist "$command" -; done
+} | LC_ALL=C sort -u >"$place/words"
+[ "$(wc -l <"$place/words")" -gt 40 ] || fail "the tool's completion lists too few words"
 while read -r word; do
     macro=$(echo "$word" | sed 's/^--/Fl Fl /; s/^-/Fl /')
     grep -qE -- "(^|[ .])$macro( |,|\$)" packaging/man/tavctl.1 || fail "tavctl.1 lacks $word"
