@@ -104,6 +104,9 @@ TEST_F(Files, AnIdIsDrawnAgainWhileAReceiverMayKnowIt) {
     EXPECT_NE(id_of_draws({7, 43, 7, 44}), second) << "the receiver may still keep it";
     w.event.advance(60'000);
     EXPECT_EQ(id_of_draws({7, 43}), second) << "the receiver has removed it";
+    acknowledge(ipc, -107);
+    for (int i = 0; i < 8192; ++i) id_of_draws({}), acknowledge(ipc, -107);
+    EXPECT_EQ(id_of_draws({7, 43}), second) << "the memory is bounded";
     for (int times = 0; times < 2; ++times) id_of_draws(std::deque<int>(2000, 7));
     EXPECT_EQ(done.back(), -106) << "every draw is the same";
 }
