@@ -69,7 +69,11 @@ TEST_F(Xhash, VisitorDeletesAnyEntryInsertsManyAndWalks) {
         };
         EXPECT_EQ(walk(action), 0);
         for (int key = 0; key < 500; ++key) EXPECT_EQ(seen.count(key), 1u) << key;
-        int visits = 0; // the inner walk deletes what the outer one is at
+        EXPECT_EQ(walk([&](int key) { return erase(key); }), 0);
+    }
+    for (int round = 0; round < 50; ++round) { // other keys, other chains
+        fill(100 * round, 100 * round + 16);
+        int visits = 0; // the inner walk deletes the entry that the outer one is at, and all others
         EXPECT_EQ(walk([&](int) { return ++visits, walk([&](int key) { return erase(key); }); }), 0);
         EXPECT_EQ(visits, 1);
     }
