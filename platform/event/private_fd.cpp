@@ -39,13 +39,15 @@ void list(int fd) { // may throw bad_alloc
 
 } // namespace
 
-PrivateFd::PrivateFd(tavipc::UniqueFd fd) noexcept try {
+PrivateFd::PrivateFd(tavipc::UniqueFd fd) noexcept {
     if (!fd) return;
     const std::lock_guard lock(g_mutex);
-    list(fd.get());
-    fd_ = fd.release();
-} catch (const std::bad_alloc &) {
-    errno = ENOMEM;
+    try {
+        list(fd.get());
+        fd_ = fd.release();
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+    }
 }
 
 // Unlists and closes under the lock: a fork in between would make the child close the number's next owner.
