@@ -11,7 +11,6 @@ bool UvLoop::open(uv_loop_t *foreign) noexcept {
 }
 
 UvLoop::~UvLoop() {
-    assert(callback_depth_ == 0);
     assert(!forgotten_);
     if (!loop_) return;
     wait_until_closed();
