@@ -51,6 +51,7 @@ bool Loop::open(uv_loop_t *foreign) noexcept {
     return wake_fd_ && wake_watch_.open(uv_, wake_fd_.get(), rings, this) && wake_watch_.start_reading();
 }
 
+// It may be in use, when a callback calls exit: its frames never return then.
 Loop::~Loop() {
     assert(finished_.empty());
     assert(channels_ == 0);

@@ -41,8 +41,8 @@ void list(int fd) { // may throw bad_alloc
 
 PrivateFd::PrivateFd(tavipc::UniqueFd fd) noexcept {
     if (!fd) return;
-    try { // inside the body: a handler of the whole constructor would throw the exception again
-        const std::lock_guard lock(g_mutex);
+    const std::lock_guard lock(g_mutex);
+    try {
         list(fd.get());
         fd_ = fd.release();
     } catch (const std::bad_alloc &) {

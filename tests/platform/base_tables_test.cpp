@@ -102,7 +102,8 @@ TEST_F(Xhash, PartialWalksCoverTheTableInTheFewestCalls) {
 }
 
 TEST(Heap, GivesEntriesInOrderAndOnlyDestroy2Releases) {
-    static int released = 0;
+    static int released;
+    released = 0;
     heap_t *heap = heap_create2([](void *) { ++released; },
                                 [](const void *a, const void *b) {
                                     return *static_cast<const int *>(a) - *static_cast<const int *>(b);

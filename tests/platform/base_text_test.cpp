@@ -59,8 +59,6 @@ TEST(Encodings, CrcHexAndBase64) {
     EXPECT_EQ(decode(std::string(2800, 'A')), std::string(2100, '\0')); // several blocks
 }
 
-const TempDir dir;
-
 // Returns the values of an INI file at these places ("section/key"), or the errno of its loading.
 std::string read(const std::string &path, std::initializer_list<std::string> places = {}) {
     const std::shared_ptr<ini_file_t> file(ini_file_load(path.c_str()), ini_file_free);
@@ -75,6 +73,7 @@ std::string read(const std::string &path, std::initializer_list<std::string> pla
 }
 
 TEST(Ini, KeepsValuesAndSkipsOtherLinesWhole) {
+    const TempDir dir;
     const std::string value(2000, 'v'), big(9000, 'x'), name(60, 'n');
     dir.write("a", "\xEF\xBB\xBF# head\r\ntop=0\r\n[ipc]\r\n; remark\r\n  addr \t=  a b;c # d \t\r\n"
                    "\tport = 7 ; why\r\nempty =\r\nADDR = upper\r\naddr = again\r\n[IPC]\r\naddr = other\r\n"
@@ -88,6 +87,7 @@ TEST(Ini, KeepsValuesAndSkipsOtherLinesWhole) {
 }
 
 TEST(Ini, OddFilesFailWithTheirErrno) {
+    const TempDir dir;
     ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0); // whose writer is not waited for
     EXPECT_EQ(read(dir / "missing") + read(dir / ".") + read(dir / "fifo") + read("/dev/zero"),
               "ENOENTEISDIREINVALEINVAL");

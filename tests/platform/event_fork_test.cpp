@@ -34,7 +34,7 @@ class ForkTest : public EventTest {
     }
     // Ends the child, once the frames that it inherited have returned.
     void finish_child() const {
-        if (child_) children_ % 4 < 2 ? exit(HasFailure()) : _exit(HasFailure());
+        if (child_) children_ % 4 < 2 ? _exit(HasFailure()) : exit(HasFailure());
     }
     void expect_all_succeeded() const {
         finish_child();
