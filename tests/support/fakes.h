@@ -101,6 +101,10 @@ World &world();
 // Fixture: a fresh world for every test.
 class FakeWorld : public ::testing::Test {
   protected:
-    FakeWorld() { fake::world() = fake::World{}; }
+    FakeWorld() {
+        fake::world() = fake::World{};
+        static uint64_t days = 0; // rate limits outlive a test: each begins long after the one before
+        w.clock.ticks_ms += ++days * 86'400'000;
+    }
     fake::World &w = fake::world();
 };

@@ -1,5 +1,6 @@
 // The send path: where a message goes, how it is built, marked, compressed and cut, and what is refused.
 #include <fstream>
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include "endpoint_world.h"
@@ -89,6 +90,7 @@ TEST_F(SendTest, ShortMemoryRefusesALargeMessageWhole) {
     const std::string message = pattern(60'000'000);
     rlimit before{};
     getrlimit(RLIMIT_AS, &before);
+    malloc_trim(0);
     rlim_t pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
     const rlimit tight{pages * 4096 + 40'000'000, before.rlim_max};
@@ -184,7 +186,7 @@ TEST_F(SendTest, EachLineMaySend) {
     const std::tuple<tav_addr_st, std::string, int> cases[] = {// nested to, its pipe, hand-overs refused
                                                                {beta_, "beta", 0},
                                                                {beta_, "beta", 1},
-                                                               {address("beta", 9), "_proxy_", 0},
+                                                               {address("beta", 9), "_proxy_", 1},
                                                                {address("other"), "other", 1}};
     for (const auto &[to, nested_pipe, refused] : cases) {
         const auto scenario = [&, &expected_pipe = nested_pipe, &refusals = refused] {
@@ -257,6 +259,7 @@ TEST_F(SendTest, RawDatagramsOfAnyAlignmentStayTheCallers) {
         expect_sent(raw.payload, size > 64'000 ? 2 : 1);
     }
     EXPECT_EQ(w.random.seeds, std::vector<unsigned>{4});
+    w.clock.gettime = nullptr;
 }
 
 } // namespace
