@@ -1,4 +1,4 @@
-// The plan that lets allocations and system calls of the libraries fail, and what came of it.
+// The plan that makes allocations and system calls of the libraries fail, and a report of what it did.
 #pragma once
 
 #include <cstdint>
