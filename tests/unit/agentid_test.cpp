@@ -79,8 +79,8 @@ int own_ioctl(int, unsigned long request, void *argument) {
         return 0;
     }
     auto *record = static_cast<ifreq *>(argument);
-    int i = 0;
-    while (strcmp(kNames[i], record->ifr_name) != 0) ++i;
+    const auto i =
+        static_cast<int>(std::find(kNames, kNames + 4, std::string_view(record->ifr_name)) - kNames);
     if (request == SIOCGIFHWADDR && i == stage.without_mac) return fail(ENODEV);
     set_address(record->ifr_addr, i);
     if (request == SIOCGIFHWADDR) memset(record->ifr_hwaddr.sa_data, '@' + i, 6);
@@ -115,7 +115,7 @@ namespace {
 
 const std::string kRemote = "[config]\naddr = 192.0.2.7\n", kLocal = "[config]\naddr = 127.0.0.1\n";
 const std::string kType = "linux" + std::string(28, '\0'),
-                  kZero(6, '\0'), kLocked = "open post close unlink ";
+                  kZero(6, '\0'), kMacs = "AAAAAACCCCCCBBBBBB", kLocked = "open post close unlink ";
 
 std::string id_bytes(uint32_t id) { return {reinterpret_cast<const char *>(&id), 4}; }
 uint32_t crc(const std::string &text) {
@@ -148,11 +148,6 @@ class AgentId : public FakeWorld {
         return GetTAVConfPath(out, size), out;
     }
     static uint64_t reported(const char *vmid) { return stage.vmid = vmid, tav_get_vmidid_from_G2HProxy(); }
-    uint32_t id_from_vmid(uint64_t vmid, const std::string &stored) {
-        g_vmid = vmid;
-        put("machineid", stored);
-        return CreateAgentIdByVMID(path.c_str());
-    }
     // Calls CreateAgentId in a process of its own, because a process keeps the id. The kept id needs no file.
     void expect_id(const std::string &server, const std::string &stored, const Stage &setting, uint32_t id,
                    const std::string &macs, const std::string &events = kLocked) {
@@ -269,7 +264,7 @@ TEST_F(AgentId, OnlyAUsableSemaphoreFileStays) {
     EXPECT_FALSE(tavipc::remove_unusable_semaphore((dir / "config").c_str())) << "it is not empty";
 }
 
-TEST_F(AgentId, VmIdOfTheGuestToolAndItsAgentId) {
+TEST_F(AgentId, VmIdOfTheGuestTool) {
     EXPECT_EQ(reported("9007199254740993"), 9007199254740992u);
     EXPECT_EQ(reported("1e30"), UINT64_MAX);
     for (const char *bad : {"-5", "nan", "\", \"vmid\": 5, \"x\":\"", "\"", ""})
@@ -277,48 +272,49 @@ TEST_F(AgentId, VmIdOfTheGuestToolAndItsAgentId) {
     stage = Stage{};
     for (int call = 0; call < 2; ++call) EXPECT_EQ(tav_get_vmidid(), 123u);
     EXPECT_EQ(stage.events, "tool ");
-    EXPECT_EQ(id_from_vmid(4294967297, "1234"), 2212294583); // its low word, "1"
-    EXPECT_EQ(machineid(), id_bytes(2212294583));
-    EXPECT_EQ(id_from_vmid(863045057, "1234"), 0u); // 0 is never stored
-    EXPECT_EQ(id_from_vmid(123, "12345"), 0u);      // made from a MAC
-    EXPECT_EQ(machineid(), "12345");
+}
+
+TEST_F(AgentId, OfALocalManagerIsMadeFromTheVmId) {
+    const std::string events = "open tool post close unlink ", stored = "1234";
+    expect_id(kLocal, id_bytes(5), {}, 2286445522, "", events);
+    expect_id(kLocal, stored, {.vmid = "4294967297"}, 2212294583, "", events); // its low word, "1"
+    expect_id(kLocal, stored, {.vmid = "863045057"}, 0x34333231, "", events);  // it gives 0: the stored id
+    expect_id(kLocal, id_bytes(5) + "x", {}, 5, "x");                          // made from a MAC
 }
 
 TEST_F(AgentId, ComesFromTheFirstSourceThatHasOne) {
-    const std::string five = id_bytes(5), all = "AAAAAACCCCCCBBBBBB";
+    const std::string five = id_bytes(5);
     expect_id("", five, {}, 5, "");
     expect_id("[config]\n", five, {}, 5, "", "sleep sleep sleep " + kLocked);
-    expect_id(kLocal, five, {}, 2286445522, "", "open tool post close unlink ");
-    expect_id(kRemote, "", {}, crc("AAAAAA" + kType), kZero + all);
+    expect_id(kRemote, "", {}, crc("AAAAAA" + kType), kZero + kMacs);
     const std::string ip = "\0\0\x0A\0\0\x08"s;
     expect_id(kRemote, "", {.first = 1, .last = 1, .without_mac = 1}, crc(ip + kType), kZero + ip);
     expect_id(kRemote, "", {.last = 0}, 0, "");
     expect_id(kRemote, five, {.last = 0}, 5, "");
     expect_id(kRemote, "", {.sem_open_error = EACCES}, 0, "", "");
     w.deployment.agent_type = "";
-    expect_id(kRemote, "", {}, crc("30313233-3435-3637-3839-616263646566AAAAAA"), "AAAAAA" + all);
+    expect_id(kRemote, "", {}, crc("30313233-3435-3637-3839-616263646566AAAAAA"), "AAAAAA" + kMacs);
     expect_id(kRemote, "", {.while_computing = [&] { put("machineid", five + "x"); }}, 5, "x");
 }
 
 TEST_F(AgentId, IsMadeFromTheMacOnTheRouteToTheManager) {
     const uint32_t routed = crc("BBBBBB" + kType), other = crc("AAAAAA" + kType);
-    const std::string all = "AAAAAACCCCCCBBBBBB";
     w.deployment.location = 1;
-    expect_id(kRemote, "", {.connect_error = 0}, routed, "BBBBBB" + all);
-    expect_id(kRemote, id_bytes(0), {.connect_error = EINPROGRESS}, routed, "BBBBBB" + all);
+    expect_id(kRemote, "", {.connect_error = 0}, routed, "BBBBBB" + kMacs);
+    expect_id(kRemote, id_bytes(0), {.connect_error = EINPROGRESS}, routed, "BBBBBB" + kMacs);
     expect_id(kRemote, "", {.connect_error = EALREADY, .wait_result = 0, .socket = 5000}, routed,
-              "BBBBBB" + all);
-    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = 0}, other, kZero + all);
+              "BBBBBB" + kMacs);
+    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = 0}, other, kZero + kMacs);
     const std::string tried = "open sleep sleep sleep post close unlink ", ip = "\0\0\x0A\0\0\x09"s;
     expect_id(kRemote, "", {.without_mac = 2}, other, ip + "AAAAAACCCCCC", tried);
     expect_id(kRemote, "", {.without_mac = 2, .failing = SIOCGIFADDR}, other, kZero + "AAAAAACCCCCC", tried);
-    expect_id(kRemote, "", {.routed = 0}, other, kZero + all, tried); // the loopback is left out
-    expect_id(kRemote, "", {.failing = kIfaddrs}, other, kZero + all, tried);
-    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = -1}, other, kZero + all);
-    for (const unsigned long call : {0ul + kSockname, 0ul + FIONBIO})
-        expect_id(kRemote, "", {.failing = call}, other, kZero + all);
-    for (const unsigned long call : {0ul + SIOCGIFCONF, 0ul + SIOCGIFFLAGS})
-        expect_id(kRemote, "", {.failing = call}, 0, "");
+    expect_id(kRemote, "", {.routed = 0}, other, kZero + kMacs, tried); // the loopback is left out
+    expect_id(kRemote, "", {.failing = kIfaddrs}, other, kZero + kMacs, tried);
+    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = -1}, other, kZero + kMacs);
+    expect_id(kRemote, "", {.failing = kSockname}, other, kZero + kMacs);
+    expect_id(kRemote, "", {.failing = FIONBIO}, other, kZero + kMacs);
+    expect_id(kRemote, "", {.failing = SIOCGIFCONF}, 0, "");
+    expect_id(kRemote, "", {.failing = SIOCGIFFLAGS}, 0, "");
     expect_id(kRemote, "", {.socket = -1}, 0, "");
 }
 
