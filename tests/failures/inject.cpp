@@ -60,16 +60,18 @@ static void *count(void *memory) { return live_allocations += memory != nullptr,
 static void *allocate(const char *function, size_t size, const void *caller) {
     return fails(Kind::kAllocations, function, caller) ? nullptr : count(SYSTEM(malloc)(size));
 }
+static void *allocate_or_throw(size_t size, const void *caller) {
+    if (void *memory = allocate("operator new", size, caller)) return memory;
+    throw std::bad_alloc();
+}
 
 } // namespace inject
 
 using namespace inject;
 #pragma GCC visibility push(default)
 
-void *operator new(size_t size) {
-    if (void *memory = allocate("operator new", size, CALLER)) return memory;
-    throw std::bad_alloc();
-}
+void *operator new(size_t size) { return allocate_or_throw(size, CALLER); }
+void *operator new[](size_t size) { return allocate_or_throw(size, CALLER); }
 void *operator new(size_t size, const std::nothrow_t &) noexcept { return allocate("new", size, CALLER); }
 void *operator new[](size_t size, const std::nothrow_t &) noexcept { return allocate("new", size, CALLER); }
 void operator delete(void *memory) noexcept { free(memory); }
