@@ -96,17 +96,10 @@ TEST_F(QueueTest, RandomOperationsMatchAModel) {
     };
     for (int step = 0; step < 20'000; ++step) {
         mod_info_st *const mod = mods[below(3)];
-        switch (below(5)) {
-        case 0:
-            w.event.advance(below(1500));
-            break;
-        case 1:
-            if (!model.empty()) on_consume(ipc_queue_pop(q_.get()));
-            break;
-        default:
-            model.push_back(make(below(4000), below(10), below(5000), mod));
-            ASSERT_EQ(push(model.back()), 0);
-        }
+        const uint32_t what = below(5);
+        if (what == 0) w.event.advance(below(1500));
+        if (what == 1 && !model.empty()) on_consume(ipc_queue_pop(q_.get()));
+        if (what > 1) ASSERT_EQ(push(model.emplace_back(make(below(4000), below(10), below(5000), mod))), 0);
         std::pair queued(0u, 0u);
         for (const auto *msg : model)
             if (msg->mod == mod) queued = {queued.first + 1, queued.second + msg->size};
