@@ -137,12 +137,10 @@ TEST_F(EndpointTest, GuardReportsASecondThreadAndNothingElse) {
 
 TEST_F(EndpointTest, DestroyedRecordLivesUntilItsLastFrameIsLeft) {
     tav_ipc_st *ipc = open();
-    tavipc::EndpointPin outer(ipc);
+    const tavipc::EndpointPin outer(ipc);
     {
-        tavipc::UseGuard guard(ipc, "x");
-        w.log.on_line = [&] { tav_ipc_destroy(ipc); }; // again, from the line about the use
+        const tavipc::UseGuard guard(ipc, "x");
         close(ipc);
-        w.log.on_line = nullptr;
         EXPECT_EQ(w.log.count("[ipc_thread_safe: tav_ipc_destroy]destroy ipc handler in using: 1", 1), 1);
     }
     EXPECT_EQ(send(ipc, "x"), IPC_ERR_SENDTO);

@@ -5,38 +5,31 @@
 
 #include "fakes.h"
 
-static std::function<void(ipc_queue_msg_st *)> on_consume, on_free;
+static std::function<void(ipc_queue_msg_st *)> on_consume;
 
 class QueueTest : public FakeWorld {
   protected:
     QueueTest() { restart(2); }
     ~QueueTest() override {
-        stop();
+        destroy_ipc_queue(&q_);
         EXPECT_EQ(w.event.sockets.size() + w.event.timers.size(), 0u);
     }
-    void stop() {
-        destroy_ipc_queue(q_.get());
-        q_.reset();
-    }
     void restart(int location) {
-        stop();
-        on_free = [](ipc_queue_msg_st *) {};
-        q_ = std::make_unique<ipc_queue_st>();
+        destroy_ipc_queue(&q_);
         w.deployment.location = location;
         const cl_dunix_t own = create_unix_socket(7, "own");
         const auto consume = [](uint64_t, ipc_queue_msg_st *msg) { return on_consume(msg), 0; };
-        ASSERT_EQ(init_ipc_queue(q_.get(), 7, consume, &own), 0);
+        ASSERT_EQ(init_ipc_queue(&q_, 7, consume, &own), 0);
     }
     ipc_queue_msg_st *make(uint64_t in_ms, uint32_t priority, uint32_t size = 1, mod_info_st *mod = nullptr) {
-        const auto freed = [](void *msg, uint32_t) { on_free(static_cast<ipc_queue_msg_st *>(msg)); };
         ipc_queue_msg_st *msg = create_ipc_queue_msg(0);
-        *msg = {nullptr, mod, {}, w.clock.loop_ms + in_ms, priority, 0, 0, size, msg, freed};
+        *msg = {nullptr, mod, {}, w.clock.loop_ms + in_ms, priority, 0, 0, size, nullptr, nullptr};
         return msg;
     }
-    int push(ipc_queue_msg_st *msg) { return ipc_queue_push(q_.get(), &msg, w.clock.loop_ms); }
-    mod_info_st *find(const std::string &name) { return ipc_queue_find_mod(q_.get(), name.c_str()); }
+    int push(ipc_queue_msg_st *msg) { return ipc_queue_push(&q_, &msg, w.clock.loop_ms); }
+    mod_info_st *find(const std::string &name) { return ipc_queue_find_mod(&q_, name.c_str()); }
 
-    std::unique_ptr<ipc_queue_st> q_;
+    ipc_queue_st q_{};
 };
 
 TEST_F(QueueTest, TimerWaitsForTheTop) {
@@ -62,25 +55,6 @@ TEST_F(QueueTest, TimerWaitsForTheTop) {
     EXPECT_EQ(consumed, (std::vector<uint32_t>{103, 102, 109, 101, 108})) << "as many as were queued";
 }
 
-TEST_F(QueueTest, ConsumeCallbackMayDestroyTheQueue) {
-    for (const int stop_after : {1, 2}) { // at once, in a nested pass
-        restart(2);
-        int consumed = 0, freed = 0;
-        on_free = [&](ipc_queue_msg_st *) {
-            if (++freed == 3 && q_) push(make(0, 0)); // the queue may be half gone
-        };
-        on_consume = [&](ipc_queue_msg_st *msg) {
-            free_ipc_queue_msg(msg);
-            if (++consumed == stop_after) return stop();
-            w.event.advance(10); // a nested run of the loop
-        };
-        for (int i = 0; i < 4; ++i) push(make(0, 0));
-        w.event.advance(100);
-        EXPECT_EQ(consumed, stop_after);
-        EXPECT_EQ(freed, 5) << "queued records are released too";
-    }
-}
-
 TEST_F(QueueTest, RandomOperationsMatchAModel) {
     std::mt19937 rng(20240607);
     const auto below = [&](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
@@ -98,12 +72,12 @@ TEST_F(QueueTest, RandomOperationsMatchAModel) {
         mod_info_st *const mod = mods[below(3)];
         const uint32_t what = below(5);
         if (what == 0) w.event.advance(below(1500));
-        if (what == 1 && !model.empty()) on_consume(ipc_queue_pop(q_.get()));
-        if (what > 1) ASSERT_EQ(push(model.emplace_back(make(below(4000), below(10), below(5000), mod))), 0);
+        if (what == 1 && !model.empty()) on_consume(ipc_queue_pop(&q_));
+        if (what > 1) push(model.emplace_back(make(below(4000), below(10), below(5000), mod)));
         std::pair queued(0u, 0u);
         for (const auto *msg : model)
             if (msg->mod == mod) queued = {queued.first + 1, queued.second + msg->size};
-        const mod_info_st *counts = mod ? mod : q_->default_mod;
+        const mod_info_st *counts = mod ? mod : q_.default_mod;
         ASSERT_EQ(std::pair(counts->queued, counts->queued_bytes), queued);
     }
     w.event.advance(5000);
@@ -111,8 +85,8 @@ TEST_F(QueueTest, RandomOperationsMatchAModel) {
     ipc_queue_msg_st *grown = make(0, 0, 100);
     push(grown);
     grown->size = 101;
-    free_ipc_queue_msg(ipc_queue_pop(q_.get()));
-    EXPECT_EQ(q_->default_mod->queued_bytes, 0u) << "counts stop at 0";
+    free_ipc_queue_msg(ipc_queue_pop(&q_));
+    EXPECT_EQ(q_.default_mod->queued_bytes, 0u) << "counts stop at 0";
 }
 
 TEST_F(QueueTest, PoolSocketsAreSharedRoundRobinByDestinations) {
