@@ -47,14 +47,6 @@ class Exchanges : public EndpointWorld {
         return tav_ipc_exchange_start(ipc, kind - kIdRequest, &to, 7, "ask", 3,
                                       static_cast<uint32_t>(timeout), on_exchange, user);
     }
-    void answer(tav_ipc_st *ipc, uint16_t flags, const std::string &payload, uint32_t reqid = last_id()) {
-        Datagram reply{"", {}, payload};
-        reply.header.flags = flags;
-        reply.header.reqid = reqid;
-        reply.header.cmd = 9;
-        receive(ipc, reply);
-    }
-    static uint32_t last_id() { return tavipc::last_reqid(); }
     // The next message gets the id of the last one, as if the ids had wrapped.
     static void reuse_last_id() { tavipc::reset_sending(last_id() - 1); }
     void pass_seconds(time_t seconds) { w.clock.wall_s += seconds, w.event.advance(1000); }

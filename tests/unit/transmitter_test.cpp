@@ -42,7 +42,7 @@ class TransmitterTest : public EndpointWorld {
 TEST_F(TransmitterTest, RefusalsAreRetriedUpToTheirLimit) {
     // status, configured retries, attempts, delay (0: random)
     const std::tuple<int, std::optional<uint32_t>, size_t, uint64_t> cases[] = {
-        {4, {}, 11, 0}, {1, 3, 5, 0}, {4, 3, 4, 200}, {4, 0, 1, 200}};
+        {4, 0, 1, 200}, {4, 3, 4, 200}, {1, 3, 5, 0}, {4, {}, 11, 0}};
     for (const auto &[status, configured, limit, fixed_delay_ms] : cases) {
         SCOPED_TRACE(testing::Message() << status << ", " << limit << " attempts");
         tavipc::reset_ipc_conf();
@@ -66,7 +66,6 @@ TEST_F(TransmitterTest, RefusalsAreRetriedUpToTheirLimit) {
         EXPECT_EQ(w.log.count(drop + std::to_string(limit) + end, 2), 1);
         expect_idle();
     }
-    tavipc::reset_ipc_conf();
     send_hello(CL_EV_WOULD_BLOCK);
     w.event.advance(50);
     expect_idle();
@@ -108,12 +107,12 @@ TEST_F(TransmitterTest, NewTrafficQueuesBehindWhatRanksBefore) {
 }
 
 TEST_F(TransmitterTest, InFlightClassBoundsWhatIsAttempted) {
-    const std::tuple<uint16_t, std::string, uint32_t> cases[] = {
-        {0x0C, "unconfirmed", kSmall},
-        {IPC_FLAG_RESPONSE, "response", kLarge},
-        {0, app_message(30, 6), kSmall},
-        {0, app_message(30, 7), kLarge},
-        {IPC_FLAG_APP_MSG, std::string(15, '\xFF'), kSmall}}; // too short to have a priority
+    const std::string short_of_priority(15, '\xFF');
+    const std::tuple<uint16_t, std::string, uint32_t> cases[] = {{0x0C, "unconfirmed", kSmall},
+                                                                 {0x20, "response", kLarge},
+                                                                 {0, app_message(30, 6), kSmall},
+                                                                 {0, app_message(30, 7), kLarge},
+                                                                 {0x200, short_of_priority, kSmall}};
     for (const auto &[flags, payload, limit] : cases) {
         SCOPED_TRACE(payload);
         forget();
