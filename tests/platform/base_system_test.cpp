@@ -95,8 +95,8 @@ TEST(Shell, IsEndedAtTheLimitWithAllItsChildren) {
         if (polled.fd >= 0) real_poll(&polled, 1, -1); // until there is output, or its end
         ++skipped_s;
     };
-    for (const auto &[command, output] : {std::pair{"exec >&-; sleep 60", "-1 "},
-                                          {"sleep 60 & yes", "-1 y\ny\n"}}) { // a flood without an end
+    for (const auto &[command, output] : {std::pair{"exec >&-; sleep 9", "-1 "},
+                                          {"sleep 9 & yes", "-1 y\ny\n"}}) { // a flood without an end
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(run(command, 5), output);
         EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
@@ -109,23 +109,26 @@ TEST(Shell, IsEndedAtTheLimitWithAllItsChildren) {
 
 TEST(Paths, AtSignIsTheExecutablesDirectory) {
     const std::string self = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    const std::string whole = self + "/../config";
     char out[4096];
-    for (const auto &[text, whole] : {std::pair{"@/../config", self + "/../config"}, {"/etc/@x", "/etc/@x"}})
-        for (const int cut : {0, 1}) {
-            EXPECT_EQ(dirutils_path_transform(text, out, static_cast<int>(whole.size()) + 1 - cut), -cut);
-            EXPECT_EQ(out, whole.substr(0, whole.size() - static_cast<size_t>(cut)));
-        }
+    for (const int cut : {0, 1}) {
+        const int size = static_cast<int>(whole.size()) + 1 - cut;
+        EXPECT_EQ(dirutils_path_transform("@/../config", out, size), -cut);
+        EXPECT_EQ(out, whole.substr(0, static_cast<size_t>(size) - 1));
+    }
+    EXPECT_EQ(dirutils_path_transform("/etc/@x", out, sizeof out), 0);
+    EXPECT_STREQ(out, "/etc/@x");
 }
 
 TEST(Resolver, GivesIpv4TextOrLeavesTheBufferAlone) {
-    const auto resolve = [](const char *host) {
-        char ip[16] = "untouched";
-        return std::to_string(get_ipaddr_by_host(host, ip)) + " " + ip;
-    };
+    char ip[16] = "untouched";
     for (const char *host : {"", "::1", "300.1.1.1.1", "bad_host.invalid"})
-        EXPECT_EQ(resolve(host), "0 untouched") << host;
-    EXPECT_EQ(resolve("255.255.255.254"), "1 255.255.255.254");
-    EXPECT_EQ(resolve("localhost").substr(0, 6), "1 127.");
+        EXPECT_EQ(get_ipaddr_by_host(host, ip), 0) << host;
+    EXPECT_STREQ(ip, "untouched");
+    EXPECT_EQ(get_ipaddr_by_host("255.255.255.254", ip), 1);
+    EXPECT_STREQ(ip, "255.255.255.254");
+    EXPECT_EQ(get_ipaddr_by_host("localhost", ip), 1);
+    EXPECT_TRUE(std::string_view(ip).starts_with("127.")) << ip;
 }
 
 } // namespace

@@ -53,9 +53,9 @@ TEST(Encodings, CrcHexAndBase64) {
     EXPECT_EQ(Hex_Encode_Lower(bytes, INT_MAX, out, INT_MAX), -1);
     EXPECT_EQ(Hex_Encode_Lower(bytes, 3, out, 6), 6);
     EXPECT_STREQ(out, "009fab##");
-    std::string decoded;
-    for (const char *text : {"", "\n", "QUJD", "QUI=", "QQ==\r\n", "QUJDREU="}) decoded += decode(text) + "|";
-    EXPECT_EQ(decoded, "||ABC|AB|A|ABCDE|");
+    EXPECT_EQ(decode("\n"), "");
+    EXPECT_EQ(decode("QQ==\r\n"), "A");
+    EXPECT_EQ(decode("QUJDREU="), "ABCDE");
     for (const char *text : {"Q===", "QQ=Q", "QQ", "QQ==QUJD", "QUJD\nQUJD", " QUJD", "QU-_", "QUJ\xC3"})
         EXPECT_EQ(decode(text), "-") << text;
     EXPECT_EQ(decode(std::string(2800, 'A')), std::string(2100, '\0')); // several blocks

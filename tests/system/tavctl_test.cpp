@@ -88,9 +88,12 @@ TEST_F(Tavctl, AsksAndAnswers) {
     EXPECT_EQ(server.finish(), 0);
 }
 
-TEST_F(Tavctl, SaysWhyAProcessIsRefused) {
+TEST_F(Tavctl, SaysWhyAFileANameOrAProcessIsRefused) {
     const auto alpha = start("alpha");
     const std::string pid = std::to_string(alpha->pid());
+    expect(1, {"sendfile", "alpha", write(10)}, "alpha accepts no files");
+    expect(1, {"sendfile", "alpha", "/dev/null"}, "is not a regular file");
+    expect(1, {"recvfile", "/proc"}, "cannot write to /proc");
     expect(0, {"allowlist", "why", pid});
     expect(1, {"listen", "alpha", "-c", "1"}, "the endpoint name alpha is in use");
     fs::remove(root_ / "bin/alpha");
@@ -242,13 +245,6 @@ TEST_F(Tavctl, FilesArriveWholeAndReplaceNone) {
         EXPECT_EQ(files, 61 + 2) << "nothing is replaced, and no temporary file is left";
     }
     fs::remove_all(other);
-}
-
-TEST_F(Tavctl, RefusesFilesWithTheReason) {
-    const auto alpha = start("alpha");
-    expect(1, {"sendfile", "alpha", write(10)}, "alpha accepts no files");
-    expect(1, {"sendfile", "alpha", "/dev/null"}, "is not a regular file");
-    expect(1, {"recvfile", "/proc"}, "cannot write to /proc");
 }
 
 TEST_F(Tavctl, UnfinishedFilesGoWithTheReceiver) {
