@@ -4,10 +4,10 @@
 #include <cstdio>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <poll.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 
 #include "tavbase.h"
-#include "temp_dir.h"
 
 static long skipped_s = 0; // the monotonic clock is ahead by these
 static std::function<void(pollfd &)> on_poll;
@@ -49,16 +48,16 @@ std::string run(const std::string &command, size_t size = 64) {
 
 // Runs a command that closes its output, and goes on and ends after shell_execute has noticed that.
 std::string run_on_after_eof(const std::string &rest) {
-    const TempDir dir;
-    const std::string gate = dir / "gate";
-    EXPECT_EQ(mkfifo(gate.c_str(), 0600), 0);
+    int gate[2];
+    EXPECT_EQ(pipe2(gate, O_CLOEXEC), 0);
     on_poll = [&](const pollfd &polled) {
-        const int opened = polled.fd < 0 ? open(gate.c_str(), O_WRONLY | O_NONBLOCK) : -1;
         siginfo_t end;
-        if (opened >= 0) close(opened), waitid(P_ALL, 0, &end, WEXITED | WNOWAIT);
+        if (polled.fd < 0 && write(gate[1], "\n", 1) == 1) waitid(P_ALL, 0, &end, WEXITED | WNOWAIT);
     };
-    const std::string result = run("printf part; exec >&-; read line <" + gate + "; " + rest);
+    const std::string path = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(gate[0]);
+    const std::string result = run("printf part; exec >&-; read line <" + path + "; " + rest);
     on_poll = nullptr;
+    for (const int fd : gate) close(fd);
     return result;
 }
 
@@ -95,8 +94,8 @@ TEST(Shell, IsEndedAtTheLimitWithAllItsChildren) {
         if (polled.fd >= 0) real_poll(&polled, 1, -1); // until there is output, or its end
         ++skipped_s;
     };
-    for (const auto &[command, output] : {std::pair{"exec >&-; sleep 9", "-1 "},
-                                          {"sleep 9 & yes", "-1 y\ny\n"}}) { // a flood without an end
+    for (const auto &[command, output] :
+         {std::pair{"exec >&-; sleep 9", "-1 "}, {"sleep 9 & yes", "-1 y\ny\n"}}) { // a flood without an end
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(run(command, 5), output);
         EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
