@@ -1,12 +1,12 @@
-// The gate in front of endpoint creation: c_get_process lets a process pass when the SHA-256 of its
-// executable's name is in "@/../config/linux.json", a JSON object with the array "linux", and
+// The allow-list check, which precedes the creation of an endpoint. c_get_process allows a process if the
+// SHA-256 of its executable's name is in "@/../config/linux.json", a JSON object with the array "linux", and
 // "@/../config/linux_sign.json" holds, in base64, a signature of that file by the compiled-in key.
 //
 // The signed text is the hexadecimal SHA-256 of the list file, padded by PKCS #1 v1.5 without digest
-// information. The list is hashed from one reading and searched from another; both must give the same
-// digest, or a file exchanged in between would be searched unverified. Nothing is kept between calls, and
-// whatever fails refuses the process.
-#define OPENSSL_SUPPRESS_DEPRECATED // the low-level RSA and SHA256 functions are what this file is about
+// information. The list is hashed during a first reading and searched after a second one. Both readings must
+// have the same digest, because the file can be replaced in between. Nothing is kept between calls, and every
+// failure refuses the process.
+#define OPENSSL_SUPPRESS_DEPRECATED // this format needs the low-level RSA functions
 
 #include <cstdio>
 #include <cstring>
@@ -33,10 +33,11 @@
 namespace tavipc {
 namespace {
 
-constexpr size_t kPathSize = 1024;
-constexpr size_t kExePathSize = 4096;
-constexpr size_t kNameSize = 4096;
-constexpr size_t kChunkSize = 4096;
+// Sizes in bytes.
+constexpr size_t kPathSize = 1024;    // of the resolved paths; a longer path is cut, and no such file exists
+constexpr size_t kExePathSize = 4096; // PATH_MAX of Linux
+constexpr size_t kNameSize = 4096;    // fits every name of an executable path
+constexpr size_t kChunkSize = 4096;   // of the list, hashed at a time: one page
 constexpr size_t kHexSize = size_t{2} * SHA256_DIGEST_LENGTH;
 constexpr char kListMember[] = "linux";
 
@@ -48,7 +49,7 @@ using RsaKey = std::unique_ptr<RSA, Releaser<RSA_free>>;
 using Json = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>;
 using Bytes = MallocPtr<unsigned char>;
 
-// Takes back what libcrypto adds to the thread's error queue, which belongs to the application.
+// Removes what libcrypto adds to the thread's error queue, which belongs to the application.
 class ErrorQueueGuard {
   public:
     ErrorQueueGuard() { ERR_set_mark(); }
@@ -86,7 +87,6 @@ struct ListFiles {
     char list[kPathSize] = {};
     char signature[kPathSize] = {};
 
-    // A path that does not fit is cut, and then there is no such file.
     ListFiles() {
         dirutils_path_transform("@/../config/linux.json", list, kPathSize);
         dirutils_path_transform("@/../config/linux_sign.json", signature, kPathSize);
@@ -181,7 +181,7 @@ bool digest_file(const char *path, HexDigest &digest) {
     return true;
 }
 
-// Tells whether the text that the signature carries is the digest of the list.
+// Returns whether the text in the signature is the digest of the list.
 bool signs_digest(RSA *key, const char *signature, const char *list_path, const HexDigest &digest) {
     const int key_size = RSA_size(key);
     const int signature_length = static_cast<int>(std::strlen(signature));
@@ -191,7 +191,7 @@ bool signs_digest(RSA *key, const char *signature, const char *list_path, const 
         LOG_REFUSAL("base64 decode failed, sign is %s", signature);
         return false;
     }
-    // The padding takes at least 11 bytes, so that a NUL always follows the decrypted text.
+    // The padding has at least 11 bytes, so a NUL always follows the decrypted text.
     const Bytes decrypted = allocate_zeroed(static_cast<size_t>(key_size));
     if (!decrypted) return false;
     const auto *text = reinterpret_cast<const char *>(decrypted.get());
@@ -235,7 +235,8 @@ bool verify_list(RSA *key, const ListFiles &files, HexDigest &list_digest) {
 bool has_entry(const cJSON *array, const char *digest, const char *list_text, bool &found) {
     const int count = cJSON_GetArraySize(array);
     const cJSON *entry = count > 0 ? cJSON_GetArrayItem(array, 0) : nullptr;
-    for (int i = 0; i < count; ++i, entry = entry->next) { // by index each step would walk from the head
+    for (int i = 0; i < count;
+         ++i, entry = entry->next) { // access by index would walk from the head each time
         if (!entry) {
             LOG_REFUSAL("parse array[%d] json failed, content is %s", i, list_text);
             return false;

@@ -10,14 +10,14 @@
 namespace tavipc {
 namespace {
 
-constexpr size_t kCandidateSize = 1024;
+constexpr size_t kCandidateSize = 1024; // bytes; longer candidates are cut, and do not exist
 constexpr unsigned short kDefaultMgrPort = 8083;
 
-// Results of GetMgrAddr that are no errno.
+// Results of GetMgrAddr that are not an errno.
 constexpr int kBadArgument = 6;
 constexpr int kUnresolved = 14;
 
-// Second half of GetMgrAddr: both files are open.
+// The second half of GetMgrAddr, after both files were loaded.
 int read_mgr_addr(const ini_file_t *server, const ini_file_t *server_port, char *ip, int ip_size,
                   unsigned short *port) noexcept {
     const char *address = ini_file_get(server, "config", "addr");
@@ -26,7 +26,7 @@ int read_mgr_addr(const ini_file_t *server, const ini_file_t *server_port, char 
         TAV_LOG(2, "tav_agentid", "get mgr address failed with error code: %d\n", error);
         return error;
     }
-    char resolved[64] = ""; // the resolver knows no bound, the caller's buffer has one
+    char resolved[64] = ""; // the resolver takes no size, so it does not get the caller's buffer
     if (get_ipaddr_by_host(address, resolved) == 0) {
         TAV_LOG(2, "tav_agentid", "get mgr ip by address failed");
         return kUnresolved;

@@ -1,7 +1,7 @@
-// Where the agent's files lie. The configuration directory is found anew on every call (GetTAVConfPath); the
-// identity directory, which holds machineid and clone_mac, is the configuration directory when that exists
-// and else the config directory beside the executable's. The manager's address is read from two INI files in
-// the configuration directory (GetMgrAddr). Nothing is cached.
+// The directories of the agent's files. Each call of GetTAVConfPath searches for the configuration directory.
+// The identity directory, which holds machineid and clone_mac, is the configuration directory if that exists,
+// otherwise the directory "config" beside the executable's. GetMgrAddr reads the manager's address from two
+// INI files in the configuration directory. Nothing is cached.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +12,8 @@
 
 namespace tavipc {
 
-inline constexpr int kDirSize = 4096;          // buffer for a directory
-inline constexpr int kIdentityPathSize = 1024; // buffer for a file of the identity directory
+inline constexpr int kDirSize = 4096;          // bytes of a buffer for a directory: PATH_MAX of Linux
+inline constexpr int kIdentityPathSize = 1024; // bytes of a buffer for a file there
 
 struct IniFileFree {
     void operator()(ini_file_t *file) const noexcept { ini_file_free(file); }
@@ -22,11 +22,11 @@ using IniFile = std::unique_ptr<ini_file_t, IniFileFree>;
 
 [[nodiscard]] bool path_exists(const char *path) noexcept;
 
-// Directory of the running executable: empty for one in "/", and "/" when it is unknown. Nothing is written
-// when size is below 1.
+// Writes the directory of the running executable: empty for an executable in "/", and "/" if it is unknown.
+// Writes nothing if size is below 1.
 void GetExeDir(char *out, int size) noexcept;
 
-// Identity directory; whether it exists is not promised.
+// Writes the identity directory, which need not exist.
 void GetAgentIdDir(char *out, int size) noexcept;
 
 } // namespace tavipc

@@ -3,22 +3,20 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "agentid/conf_dir.h"
-#include "common/facts.h"
+#include "agentid/identity_lock.h"
 #include "common/log.h"
 #include "common/regular_file.h"
 
 namespace tavipc {
 namespace {
 
-constexpr int kLockWaitSeconds = 6;
-constexpr int kIoTries = 3;
+constexpr int kIoTries = 3; // calls for one block: an interrupted call may transfer a part of it
 
-// Writes the block with a few calls, each going on where the last one stopped.
+// Writes the block. Each call continues where the previous one stopped.
 bool write_block(FILE *file, const void *block, size_t size) noexcept {
     const auto *bytes = static_cast<const unsigned char *>(block);
     size_t written = 0;
@@ -36,7 +34,8 @@ void SaveAgentId(const char *path, unsigned int id, const unsigned char *mac, in
         TAV_LOG(2, "tav_agentid", "Failed to open %s for save hostid\n", path);
         return;
     }
-    setvbuf(file.get(), nullptr, _IONBF, 0); // a full disk shows in the write, not in the unheard close
+    setvbuf(file.get(), nullptr, _IONBF,
+            0); // a full disk makes the write fail, not the close, whose result is ignored
     if (const auto word = static_cast<uint32_t>(id); !write_block(file.get(), &word, sizeof word)) {
         TAV_LOG(2, "tav_agentid", "Failed to save bak machineid\n");
         return;
@@ -52,40 +51,6 @@ void SaveAgentId(const char *path, unsigned int id, const unsigned char *mac, in
         TAV_LOG(2, "tav_agentid", "Failed to save MAC address list with error: %d\n", error);
     }
     TAV_LOG(3, "tav_agentid", "write agentid success\n");
-}
-
-bool AgentIdLock::lock() noexcept {
-    sem_t *semaphore = sem_open(kIdentityLock, O_CREAT, 0644, 1);
-    if (semaphore == SEM_FAILED) {
-        const int error = errno;
-        TAV_LOG(2, "tav_agentid", "Failed to create global mutex with error code: %d\n", error);
-        return false;
-    }
-    semaphore_ = semaphore;
-    timespec deadline{};
-    if (clock_gettime(CLOCK_REALTIME, &deadline) != 0) {
-        TAV_LOG(2, "tav_agentid", "clock_gettime failed, semphore lock may return immediately\n");
-        deadline = {};
-    }
-    deadline.tv_sec += kLockWaitSeconds;
-    held_ = sem_timedwait(semaphore_, &deadline) == 0;
-    if (!held_) {
-        const int error = errno;
-        TAV_LOG(2, "tav_agentid", "waiting lock semphore failed with error: %d\n", error);
-    }
-    return held_;
-}
-
-void AgentIdLock::unlock() noexcept {
-    if (!semaphore_) return;
-    if (held_ && sem_post(semaphore_) != 0) {
-        const int error = errno;
-        TAV_LOG(2, "tav_agentid", "release semphore failed with error code:%d\n", error);
-    }
-    held_ = false;
-    sem_close(semaphore_);
-    semaphore_ = nullptr;
-    sem_unlink(kIdentityLock);
 }
 
 } // namespace tavipc

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <ifaddrs.h>
 #include <netinet/in.h>
-
 #include <sys/ioctl.h>
 #include <sys/poll.h>
 #include <sys/select.h>
@@ -19,15 +18,16 @@
 namespace tavipc {
 namespace {
 
-constexpr int kBadArgument = 10;
-constexpr int kConnectWaitSeconds = 5;
-constexpr size_t kRecordBytes = 4096; // interface records that are examined
+constexpr int kBadArgument = 10; // result of functions that otherwise return an errno
+constexpr int kConnectWait_s =
+    5; // a manager that is reachable answers sooner; the identity lock is held meanwhile
+constexpr size_t kRecordBytes = 4096; // of interface records; further interfaces are not examined
 
 struct IfAddrsFree {
     void operator()(ifaddrs *list) const noexcept { freeifaddrs(list); }
 };
 
-// A request record for an interface, whose name is cut to 15 characters.
+// Returns a request record for an interface. Its name is cut to 15 characters.
 ifreq request_for(const char *name) noexcept {
     ifreq request{};
     memcpy(request.ifr_name, name, strnlen(name, IFNAMSIZ - 1));
@@ -35,7 +35,7 @@ ifreq request_for(const char *name) noexcept {
 }
 
 void copy_address(const ifreq &answer, unsigned char *mac) noexcept {
-    memcpy(mac, answer.ifr_addr.sa_data, kMacLen); // the hardware address lies at the same place
+    memcpy(mac, answer.ifr_addr.sa_data, kMacLen); // the hardware address has the same offset
 }
 
 void log_mac(const unsigned char *mac) noexcept {
@@ -43,7 +43,7 @@ void log_mac(const unsigned char *mac) noexcept {
             mac[4], mac[5]);
 }
 
-// True when the interface of request is no loopback and answered; mac then holds the answer.
+// Returns whether the interface of request is not the loopback and has answered. mac then holds the answer.
 bool query_interface(int sock, ifreq request, unsigned long code, unsigned char *mac) noexcept {
     TAV_LOG(4, "tav_agentid", "adapter name: %s\n", request.ifr_name);
     if (ioctl(sock, SIOCGIFFLAGS, &request) != 0) {
@@ -61,7 +61,7 @@ bool query_interface(int sock, ifreq request, unsigned long code, unsigned char 
     return true;
 }
 
-// 0, or -1 when memory is short.
+// Returns 0, or -1 if memory cannot be allocated.
 int insert_mac(_Mac_Node **head, const unsigned char *mac) noexcept {
     auto *node = static_cast<_Mac_Node *>(malloc(sizeof(_Mac_Node)));
     if (!node) {
@@ -75,21 +75,21 @@ int insert_mac(_Mac_Node **head, const unsigned char *mac) noexcept {
     return 0;
 }
 
-// As select: above 0 when fd became writable, 0 after the wait, -1 with errno.
+// Returns like select: above 0 if fd became writable, 0 after the wait, -1 with errno.
 int wait_writable(int fd) noexcept {
-    if (fd >= FD_SETSIZE) { // an fd_set has no room for it
+    if (fd >= FD_SETSIZE) { // an fd_set cannot hold it
         pollfd entry{fd, POLLOUT, 0};
-        return poll(&entry, 1, kConnectWaitSeconds * 1000);
+        return poll(&entry, 1, kConnectWait_s * 1000);
     }
     fd_set writable;
     FD_ZERO(&writable);
     FD_SET(fd, &writable);
-    timeval wait{kConnectWaitSeconds, 0};
+    timeval wait{kConnectWait_s, 0};
     return select(fd + 1, nullptr, &writable, nullptr, &wait);
 }
 
-// Connects the non-blocking fd. False when the wait for the connection failed or ran out; result is 0 or the
-// errno, also of a connect that failed at once, after which fd still knows its route.
+// Connects the non-blocking fd. Returns false if the wait for the connection failed or ended without one.
+// result is 0 or the errno, also of a connect that failed at once; fd has its local address even then.
 bool connect_to_manager(int fd, const char *mgr_ip, unsigned short port, int &result) noexcept {
     sockaddr_in manager{};
     manager.sin_family = AF_INET;
@@ -98,7 +98,7 @@ bool connect_to_manager(int fd, const char *mgr_ip, unsigned short port, int &re
     result = connect(fd, reinterpret_cast<sockaddr *>(&manager), sizeof manager) == 0 ? 0 : errno;
     if (result != EALREADY && result != EINPROGRESS) return true;
     const int ready = wait_writable(fd);
-    result = ready > 0 ? 0 : errno; // a wait that runs out leaves the errno of the connect
+    result = ready > 0 ? 0 : errno; // a wait that ends without an event leaves the errno of connect
     if (ready < 0)
         TAV_LOG(2, "tav_agentid", "connect to mgr failed with error code: %d\n", result);
     else if (ready == 0)
@@ -106,7 +106,7 @@ bool connect_to_manager(int fd, const char *mgr_ip, unsigned short port, int &re
     return ready > 0;
 }
 
-// Writes the address fd is bound to into out; 0 or an errno.
+// Writes the address that fd is bound to into out. Returns 0 or an errno.
 int local_address(int fd, char *out, int size) noexcept {
     sockaddr_in local{};
     socklen_t length = sizeof local;
@@ -127,7 +127,7 @@ int local_address(int fd, char *out, int size) noexcept {
     return 0;
 }
 
-// The first entry, loopback apart, that carries ip; null when there is none.
+// Returns the first entry with the address ip that is not the loopback, or null.
 const ifaddrs *find_interface(const ifaddrs *list, const char *ip) noexcept {
     for (const ifaddrs *entry = list; entry; entry = entry->ifa_next) {
         if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET) continue;
@@ -162,7 +162,7 @@ int mac_of_interface(const char *name, unsigned char *mac) noexcept {
     int error = errno;
     TAV_LOG(2, "tav_agentid", "ioctl<SIOCGIFHWADDR> fail with error:%s\n", strerror(error));
     if (ioctl(sock.get(), SIOCGIFADDR, &request) == 0) {
-        copy_address(request, mac); // the caller still learns that this is no hardware address
+        copy_address(request, mac); // the result says that this is not a hardware address
     } else {
         error = errno;
         TAV_LOG(2, "tav_agentid", "ioctl<SIOCGIFADDR> fail with error:%s\n", strerror(error));

@@ -1,9 +1,9 @@
-// Network facts for the agent id: the host's MAC addresses, the local address toward the manager, and the MAC
-// of the interface that carries an address. Every call opens its own socket and keeps no state.
+// Network facts for the agent id: the host's MAC addresses, the local address of the route to the manager,
+// and the MAC of the interface that has an address. Every call opens its own socket and keeps no state.
 //
-// A MAC list keeps its first address as head; each later one goes directly behind the head (found A, B, C:
-// list A, C, B). Stored files hold this order, so it may not change. Only loopback interfaces are left out;
-// an all-zero address counts like any other.
+// The first address of a MAC list is its head. Each later address is inserted directly behind the head: A, B
+// and C give the list A, C, B. Stored files have this order, so it must not change. Only loopback interfaces
+// are left out; an all-zero address is added like any other.
 #pragma once
 
 #include <memory>
@@ -13,30 +13,31 @@
 
 namespace tavipc {
 
-inline constexpr int kMacLen = 6;
+inline constexpr int kMacLen = 6; // bytes
 
 struct MacListFree {
     void operator()(_Mac_Node *head) const noexcept { FreeMacList(head); }
 };
 using MacList = std::unique_ptr<_Mac_Node, MacListFree>;
 
-// Hardware addresses of the host's interfaces; when there is not one, two zero bytes and the IPv4 address of
-// each interface. Empty when nothing was found.
+// Returns the hardware addresses of the host's interfaces. If there is none, returns two zero bytes and the
+// IPv4 address of each interface. Empty if nothing was found.
 [[nodiscard]] MacList GetLocalMacList() noexcept;
 
-// Adds one node to the list at *head for each usable interface of records (filled by SIOCGIFCONF) and returns
-// how many it added. request is SIOCGIFHWADDR or SIOCGIFADDR.
+// Adds one node to the list at *head for each usable interface of records (filled by SIOCGIFCONF). Returns
+// the number of added nodes. request is SIOCGIFHWADDR or SIOCGIFADDR.
 int GetMacList(int sock, const ifconf &records, unsigned long request, _Mac_Node **head) noexcept;
 
-// Writes the dotted IPv4 address from which mgr_ip:port is reached, cut to size bytes, into out. Waits up to
-// 5 seconds for the connection; a refusal after a wait still tells the route and counts as success. Returns
-// 0, 10 for bad arguments, else an errno (out may be filled all the same when the connection failed at once).
+// Writes the dotted IPv4 address of the host on the route to mgr_ip:port into out, cut to size bytes. Waits
+// up to 5 seconds for the connection. A refusal after a wait is a success, because the route is known then.
+// Returns 0, 10 for bad arguments, or an errno. If the connection fails at once, out is written although the
+// result is an errno.
 [[nodiscard]] int GetLocalIpToMgr(const char *mgr_ip, unsigned short port, char *out, int size) noexcept;
 
-// Writes the hardware address (6 bytes) of the interface that carries ip into mac_out, whose size must be 6
-// at least. Returns 0; 10 for bad arguments; -1 when no interface but the loopback carries ip or size is too
-// small; else an errno. When the hardware address cannot be had, six bytes of the interface's IPv4 address
-// record may be written together with a non-zero result.
+// Writes the hardware address (6 bytes) of the interface with the address ip into mac_out, which must have at
+// least 6 bytes. Returns 0; 10 for bad arguments; -1 if only the loopback or no interface has that address,
+// or size is too small; otherwise an errno. If the interface has no hardware address, six bytes of its IPv4
+// address record may be written although the result is not 0.
 [[nodiscard]] int GetMacByIp(const char *ip, unsigned char *mac_out, int size) noexcept;
 
 } // namespace tavipc

@@ -18,18 +18,18 @@ namespace {
 constexpr char kGuestTool[] = "/usr/local/Velkaro/G2HProxy";
 constexpr char kGuestToolOption[] = "-getvmid";
 constexpr char kVmIdKey[] = "vmid";
-constexpr size_t kShellSize = 1024;
-constexpr long kIdOnlySize = 4; // length of a machineid without MAC addresses
+constexpr size_t kShellSize = 1024; // bytes of a command, and of its output: one line of JSON
+constexpr long kIdOnlySize = 4;     // bytes of a machineid without MAC addresses
 
-// Threads may determine the id at once; who reads the variable itself does so later.
+// Threads may determine the id at the same time. Applications that read the variable itself do so afterwards.
 std::atomic_ref<uint64_t> known_id() noexcept { return std::atomic_ref(g_vmid); }
 
 struct JsonDecref {
     void operator()(json_t *value) const noexcept { json_decref(value); }
 };
 
-// What a double cannot hold as an unsigned 64-bit number is clamped: negative and NaN to 0, too large to the
-// maximum.
+// Converts through a double. Clamps a value that is not an unsigned 64-bit number: negative values and NaN to
+// 0, too large values to the maximum.
 uint64_t to_vm_id(const char *text) noexcept {
     const double value = strtod(text, nullptr);
     if (!(value > 0)) return 0;

@@ -8,7 +8,7 @@
 namespace tavipc {
 namespace {
 
-// The size of a file whose position is at its start, negative when it has none.
+// Returns the size of a file whose position is at its start, or a negative value.
 long size_of(FILE *file) {
     if (std::fseek(file, 0, SEEK_END) != 0) return -1;
     const long size = std::ftell(file);

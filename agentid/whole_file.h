@@ -1,4 +1,4 @@
-// A file read at once, for the files of the allow-list.
+// Reads whole files, for the allow-list.
 #pragma once
 
 #include <cstddef>
@@ -7,9 +7,9 @@
 
 namespace tavipc {
 
-inline constexpr long kMaxWholeFile = 10'485'760;
+inline constexpr long kMaxWholeFile = 10'485'760; // bytes; more than any allow-list has
 
-// A file's bytes and a NUL behind them; null bytes when it could not be read.
+// The bytes of a file, followed by a NUL. Null if the file could not be read.
 struct WholeFile {
     MallocPtr<char> bytes;
     size_t size = 0;
@@ -18,7 +18,7 @@ struct WholeFile {
     const char *text() const { return bytes.get(); }
 };
 
-// Reads a file of 1 to max_size bytes (max_size: 1 to kMaxWholeFile). Logs why it could not.
+// Reads a file of 1 to max_size bytes (max_size: 1 to kMaxWholeFile). Logs the reason of a failure.
 [[nodiscard]] WholeFile read_whole_file(const char *path, long max_size) noexcept;
 
 } // namespace tavipc

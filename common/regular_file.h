@@ -1,6 +1,7 @@
-// Opens files that must be regular. Opening a FIFO would block the module until somebody opens its other end,
-// and reading a device might never end. The type is checked on the open descriptor, so the file cannot be
-// exchanged in between.
+// Opens files that must be regular. Opening a FIFO would block the module until another process opens the
+// other end, reading from a device may never end, and opening a terminal may make it the controlling
+// terminal. The type is checked on the open descriptor, so the file cannot be replaced between the check and
+// its use.
 #pragma once
 
 #include <cerrno>
@@ -13,10 +14,11 @@
 
 namespace tavipc {
 
-// open(path, flags, mode) with O_CLOEXEC. On failure the result is empty and errno is set: EISDIR for a
-// directory, EINVAL for anything else that is not a regular file (ENXIO when writing to a FIFO).
+// Returns open(path, flags, mode) with O_CLOEXEC. On failure the result is empty and errno is set: EISDIR for
+// a directory, EINVAL for any other file that is not regular (ENXIO for a socket, and for a FIFO opened for
+// writing that has no reader).
 inline UniqueFd open_regular(const char *path, int flags, mode_t mode = 0666) noexcept {
-    UniqueFd fd(open(path, flags | O_NONBLOCK | O_CLOEXEC, mode));
+    UniqueFd fd(open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
     if (!fd) return fd;
     struct stat file {};
     if (fstat(fd.get(), &file) != 0) return UniqueFd();

@@ -1,10 +1,11 @@
-/* file_drop - a place where files can be dropped.
+/* file_drop - receives files into a directory.
  *
- *   file_drop receive DIRECTORY   keeps each file that comes as DIRECTORY/drop-1, drop-2, ...
- *   file_drop send FILE           sends one
+ *   file_drop receive DIRECTORY   keeps the files that arrive as DIRECTORY/drop-1, drop-2, ...
+ *   file_drop send FILE           sends a file
  *
- * The library writes what arrives into a temporary file and gives its path when it is complete. It removes
- * that file some minutes later: who wants to keep it copies it (or renames it, on the same file system). */
+ * The library writes a file that arrives to a temporary file, and passes its path when it is complete. It
+ * removes the temporary file some minutes later. To keep it, copy it, or rename it on the same file system.
+ */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -27,18 +28,18 @@ static int copy(const char *from, const char *to) {
     return whole;
 }
 
-/* The receiver: a whole file has come. */
+/* The receiver: a complete file has arrived. */
 static int on_file(tav_ipc_st *ipc, const char *path, void *directory) {
     static int number;
     char name[4096];
     (void)ipc;
     snprintf(name, sizeof name, "%s/drop-%d", (const char *)directory, ++number);
     printf("%s %s\n", copy(path, name) ? "kept" : "cannot keep", name);
-    remove(path); /* or leave that to the library */
+    remove(path); /* or let the library do it */
     return 0;
 }
 
-/* The sender: 0 or more is the transfer's number, everything below says why it failed. */
+/* The sender: a result of 0 or more is the number of the transfer, a negative one is an error. */
 static int on_done(int32_t result, void *user) {
     (void)user;
     puts(result >= 0 ? "sent" : tav_ipc_strerror(result));
@@ -54,16 +55,17 @@ int main(int argc, char **argv) {
     char name[TAV_IPC_NAME_SIZE];
     setvbuf(stdout, NULL, _IOLBF, BUFSIZ);
     if (argc == 3 && strcmp(argv[1], "receive") == 0) {
-        ipc = tav_ipc_create_temp("drop", 1); /* 1: files are welcome; tav_ipc_create refuses them */
+        ipc = tav_ipc_create_temp("drop", 1); /* 1: accepts files; with tav_ipc_create it refuses them */
+        if (!ipc) return perror("cannot open the endpoint"), EXIT_FAILURE;
         tav_ipc_file_recv(ipc, on_file, argv[2]);
-        if (ipc) puts("ready");
-        if (ipc) cl_event_loop_run();
+        puts("ready");
+        cl_event_loop_run();
     } else if (argc == 3 && strcmp(argv[1], "send") == 0) {
         snprintf(name, sizeof name, "put%u", (unsigned)getpid() % 1000000);
         ipc = tav_ipc_create(name);
-        if (ipc)
-            tav_ipc_send_file(ipc, drop, argv[2], on_done, NULL, 5); /* 5 s for each chunk's confirmation */
-        if (ipc && !finished) cl_event_loop_run(); /* a file that cannot be opened fails inside the call */
+        if (!ipc) return perror("cannot open the endpoint"), EXIT_FAILURE;
+        tav_ipc_send_file(ipc, drop, argv[2], on_done, NULL, 5); /* 5 s for each chunk's confirmation */
+        if (!finished) cl_event_loop_run(); /* if the file cannot be opened, on_done has already run */
     } else {
         fprintf(stderr, "usage: %s receive DIRECTORY | send FILE\n", argv[0]);
     }

@@ -1,10 +1,10 @@
-/* publish_subscribe - one publisher of messages and any number of subscribers.
+/* publish_subscribe - a publisher of messages and any number of subscribers.
  *
  *   publish_subscribe publish                sends a number to all subscribers, ten times a second
- *   publish_subscribe subscribe NAME COUNT   prints COUNT of them, through an endpoint called NAME
+ *   publish_subscribe subscribe NAME COUNT   prints COUNT of them; NAME is its endpoint
  *
- * The library knows no topics: to subscribe is a message too, and the publisher keeps the address that it
- * came from. That one is confirmed (tav_ipc_send2), because it matters that it arrives; the news are not. */
+ * The library has no topics. A subscriber sends a message to subscribe, and the publisher keeps its address.
+ * That message is confirmed (tav_ipc_send2), because it must arrive; the published numbers are not. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,7 +18,7 @@ static tav_ipc_st *ipc;
 static tav_addr_st *publisher;
 static tav_addr_st subscribers[MOST_SUBSCRIBERS];
 static int subscriber_count;
-static int wanted; /* messages that a subscriber still waits for */
+static int wanted; /* messages that the subscriber still waits for */
 
 /* --- the publisher */
 
@@ -39,7 +39,7 @@ static void publish(void *user) {
     char text[32];
     int i, length = snprintf(text, sizeof text, "number %d", ++number);
     for (i = 0; i < subscriber_count; ++i) tav_ipc_send(ipc, &subscribers[i], NEWS, text, (uint32_t)length);
-    cl_timer_start(100, publish, user); /* timers fire once: this one starts itself again */
+    cl_timer_start(100, publish, user); /* a timer runs once, so this one starts itself again */
 }
 
 /* --- a subscriber */
@@ -83,7 +83,7 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: %s publish | subscribe NAME COUNT\n", argv[0]);
         return EXIT_FAILURE;
     }
-    if (!ipc) return EXIT_FAILURE; /* the log on standard error says why */
+    if (!ipc) return perror("cannot open the endpoint"), EXIT_FAILURE;
     puts("ready");
     cl_event_loop_run();
     tav_ipc_destroy(ipc);

@@ -1,9 +1,10 @@
-/* request_server - a server that answers requests, and its client.
+/* request_server - a server that responds to requests, and its client.
  *
- *   request_server serve       answers each text with the same in capital letters
- *   request_server ask TEXT    asks for one and prints the answer
+ *   request_server serve       responds to each text with the same text in capital letters
+ *   request_server ask TEXT    sends a request and prints the response
  *
- * A request completes exactly once: with the answer, or after the time-out with a code that says why. */
+ * A request completes exactly once: with the response, or with an error code, for example after the time-out.
+ */
 #include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -16,8 +17,8 @@ enum { CAPITALS = 1, LONGEST_TEXT = 1000, TIMEOUT_S = 3 };
 
 static int status = EXIT_FAILURE;
 
-/* The server: an answer goes to the address that the request came from, under its id. It need not be given
- * here; keep both, and answer whenever you can. */
+/* The server: the response goes to the source of the request, with the id of the request. A server may keep
+ * both and respond later. */
 static int on_request(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, uint32_t cmd, const void *data,
                       uint32_t size, void *user) {
     char text[LONGEST_TEXT];
@@ -32,7 +33,7 @@ static int on_request(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, u
     return 0;
 }
 
-/* The client: code is the library's (0: an answer came), cmd the server's. */
+/* The client: code is set by the library (0: a response arrived), cmd by the server. */
 static int on_answer(int32_t code, uint32_t cmd, const void *data, uint32_t len, void *user) {
     (void)user;
     if (code != 0 || cmd != 0)
@@ -55,15 +56,17 @@ int main(int argc, char **argv) {
         if (ipc) puts("ready");
     } else if (argc == 3 && strcmp(argv[1], "ask") == 0) {
         snprintf(name, sizeof name, "ask%u",
-                 (unsigned)getpid() % 1000000); /* names are the host's: one each */
+                 (unsigned)getpid() % 1000000); /* each process needs a name of its own */
         ipc = tav_ipc_create(name);
         if (ipc)
             tav_ipc_make_request(ipc, server, CAPITALS, argv[2], (uint32_t)strlen(argv[2]), on_answer, NULL,
                                  TIMEOUT_S);
     } else {
         fprintf(stderr, "usage: %s serve | ask TEXT\n", argv[0]);
+        return EXIT_FAILURE;
     }
-    if (ipc) cl_event_loop_run(); /* without an endpoint the log on standard error says why */
+    if (!ipc) return perror("cannot open the endpoint"), EXIT_FAILURE;
+    cl_event_loop_run();
     tav_ipc_destroy(ipc);
     tav_addr_destroy(server);
     return status;

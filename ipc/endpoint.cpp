@@ -1,7 +1,9 @@
 #include "ipc/endpoint.h"
 
+#include <atomic>
+
 #include "common/log.h"
-#include "ipc/ipc_process.h"
+#include "common/relaxed.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
 #include "tavipc/tav_agentid.h"
@@ -9,12 +11,30 @@
 namespace tavipc {
 namespace {
 
-// Written by whoever enters first while another thread may read it: that is what the guard is there to see.
+constexpr uint64_t kDestinationSweep_ms = 3'600'000; // an hour, as destinations may be idle that long
+
+constinit Relaxed<uint32_t> host_id = 0; // cached; 0: not known
+
+// The first thread inside writes it while a second one may read it: the guard exists to report that.
 std::atomic_ref<pthread_t> owner(tav_ipc_st *ipc) { return std::atomic_ref(ipc->owner_thread); }
+
+void destination_sweep_tick(void *argument) {
+    auto *ipc = static_cast<tav_ipc_st *>(argument);
+    ipc->mod_sweep_timer = 0;
+    free_mod_info_hash(ipc->queue);
+    arm_destination_sweep(ipc);
+}
 
 } // namespace
 
-UseGuard::UseGuard(tav_ipc_st *ipc, const char *label) : ipc_(ipc) {
+void arm_destination_sweep(tav_ipc_st *ipc) {
+    if (!ipc->mod_sweep_timer)
+        ipc->mod_sweep_timer = cl_timer_start(kDestinationSweep_ms, destination_sweep_tick, ipc);
+}
+
+void reset_host_id() { host_id = 0; }
+
+UseGuard::UseGuard(tav_ipc_st *ipc, const char *label) : pin_(ipc), ipc_(ipc) {
     if (!ipc_) return;
     const int users = atomic_add_and_fetch(&ipc_->use_count, 1);
     const pthread_t self = pthread_self();
@@ -36,7 +56,6 @@ UseGuard::UseGuard(tav_ipc_st *ipc, const char *label) : ipc_(ipc) {
 UseGuard::~UseGuard() {
     if (!ipc_ || atomic_add_and_fetch(&ipc_->use_count, -1) != 0) return;
     owner(ipc_).store(0, std::memory_order_relaxed);
-    if (ipc_->closed && std::atomic_ref(ipc_->pins).load() == 0) std::free(ipc_);
 }
 
 } // namespace tavipc
@@ -70,10 +89,11 @@ const tav_addr_st *tav_ipc_get_local_addr(const tav_ipc_st *ipc) noexcept {
 
 int tav_ipc_is_local(const tav_ipc_st *ipc, const tav_addr_st *address) noexcept {
     if (!ipc || !address) return 0;
-    if (address->loc == 0) return 1;
-    if (address->loc != ipc->location) return 0;
-    if (address->hostid == 0 || address->hostid == ipc->my_addr.hostid) return 1;
-    TAV_LOG(4, "tav_ipc", "addr->hostid: %u, ipc->my_addr.hostid: %u", address->hostid, ipc->my_addr.hostid);
+    const tav_addr_st there = read_address(address);
+    if (there.loc == 0) return 1;
+    if (there.loc != ipc->location) return 0;
+    if (there.hostid == 0 || there.hostid == ipc->my_addr.hostid) return 1;
+    TAV_LOG(4, "tav_ipc", "addr->hostid: %u, ipc->my_addr.hostid: %u", there.hostid, ipc->my_addr.hostid);
     return 0;
 }
 
@@ -87,9 +107,9 @@ uint32_t tav_calculate_hostid() noexcept {
 }
 
 uint32_t tav_get_hostid() noexcept {
-    uint32_t hostid = process_state().hostid;
+    uint32_t hostid = host_id;
     if (IsCNAPPAgent()) hostid = get_hostid();
     if (hostid == 0) hostid = tav_calculate_hostid();
-    process_state().hostid = hostid;
+    host_id = hostid;
     return hostid;
 }

@@ -1,15 +1,15 @@
-// The endpoint handle: its record, who may still touch it, and the guard that reports use from two threads.
+// The endpoint handle: its record, the pin that keeps it, and the guard that reports use from two threads.
 //
-// States: open -> closed (tav_ipc_destroy has begun; `queue` is null once the sockets are gone) -> released.
-// A callback may destroy the endpoint that calls it, so every frame that can reach user code, or that
-// touches the handle afterwards, is inside the guard or holds a pin: the record is released when it is closed
-// and the last of both is gone. A frame that returns from a callback looks at `closed` before it uses
-// anything but the record.
+// States: open -> closed (tav_ipc_destroy has begun; `queue` is null from the moment the queue is being
+// destroyed) -> released. A callback may destroy the endpoint that calls it, and so may the sink of a log
+// line. Every frame that touches the handle after a call that can reach user code holds a pin. The record is
+// released when it is closed and its last pin goes. After such a call a frame looks at `queue` before it
+// sends, and at `closed` before it uses anything else of the record but the address.
 #pragma once
 
 #include <pthread.h>
 
-#include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -23,7 +23,7 @@
 
 namespace tavipc {
 struct SendContext;
-struct FragmentSet;
+struct Reassembly;
 } // namespace tavipc
 
 struct tav_ipc_st {
@@ -46,37 +46,28 @@ struct tav_ipc_st {
     pthread_t owner_thread; // who entered the guard first; 0 when idle
     // Not part of the record's documented layout:
     bool closed;
-    uint32_t pins;                  // atomic as use_count is: a reported second thread must not unbalance it
-    tavipc::SendContext *in_flight; // sends whose completion has not come, newest first
-    struct {
-        tavipc::FragmentSet *oldest, *newest; // by their last fragment
-        size_t held;                          // about the bytes of memory that all of them take
-    } frag_sets;                              // of frag_table
-    struct {
-        unsigned char *buffer; // null: none
-        size_t size;
-        time_t since;
-    } spare; // a large buffer that a message was rebuilt in, for the next one
-    struct {
-        char pipe[16]; // empty: none yet
-        const char *deploy_type;
-        cl_sockaddr_t address;
-    } last_sent; // the pipe that was sent to last, and where that is
+    uint32_t pins;                       // decides alone when a closed record is released
+    tavipc::SendContext *in_flight;      // sends whose completion has not come, newest first
+    tavipc::SendContext *spare_contexts; // of completed sends, for the next ones
+    uint32_t spare_context_count;
+    tavipc::Reassembly *reassembly; // the sets of frag_table with their buffers; made with it
 };
 static_assert(std::is_standard_layout_v<tav_ipc_st> && std::is_trivial_v<tav_ipc_st>);
 static_assert(offsetof(tav_ipc_st, my_addr) == 0);
 
 namespace tavipc {
 
-// Keeps the record of an endpoint (null allowed) until the frame is left.
+// Keeps the record of an endpoint (null allowed) until the frame is left. Not atomic: an endpoint belongs to
+// one thread.
 class EndpointPin {
   public:
     explicit EndpointPin(tav_ipc_st *ipc) : ipc_(ipc) {
-        if (ipc_) std::atomic_ref(ipc_->pins).fetch_add(1);
+        if (ipc_) ++ipc_->pins;
     }
     ~EndpointPin() {
-        if (ipc_ && std::atomic_ref(ipc_->pins).fetch_sub(1) == 1 && ipc_->closed && ipc_->use_count == 0)
-            std::free(ipc_);
+        if (!ipc_ || --ipc_->pins != 0 || !ipc_->closed) return;
+        assert(!ipc_->queue && !ipc_->in_flight && !ipc_->spare_contexts);
+        std::free(ipc_);
     }
     EndpointPin(const EndpointPin &) = delete;
     EndpointPin &operator=(const EndpointPin &) = delete;
@@ -85,8 +76,9 @@ class EndpointPin {
     tav_ipc_st *ipc_;
 };
 
-// A guarded operation on an endpoint (null allowed): keeps the record, and reports in the log when another
-// thread is inside one at the same time. It never blocks or fails; nesting on one thread is normal.
+// A guarded operation on an endpoint (null allowed): pins the record, counts itself in use_count, and reports
+// in the log when another thread is inside one at the same time. It never blocks or fails. Nesting on one
+// thread is normal. The log line may destroy the endpoint.
 class UseGuard {
   public:
     UseGuard(tav_ipc_st *ipc, const char *label);
@@ -95,7 +87,15 @@ class UseGuard {
     UseGuard &operator=(const UseGuard &) = delete;
 
   private:
+    const EndpointPin pin_; // first: it outlasts the count
     tav_ipc_st *ipc_;
 };
+
+// Arms the hourly release of destinations that were not used for an hour, unless it is armed. Called again
+// whenever a destination is made, so a timer that could not be had once is only late.
+void arm_destination_sweep(tav_ipc_st *ipc);
+
+// For tests: forgets the process's host id.
+void reset_host_id();
 
 } // namespace tavipc

@@ -1,75 +1,134 @@
 #include "ipc/exchanges.h"
 
+#include <cassert>
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
+#include <new>
+#include <utility>
+#include <variant>
 
 #include "common/log.h"
 #include "common/out_of_memory.h"
+#include "common/relaxed.h"
+#include "ipc/wire.h"
+#include "tavipc/tav_ipc_ext.h"
 
 namespace tavipc {
 namespace {
 
-constexpr int32_t kProbeTimeoutS = 5;
-constexpr uint64_t kDeferMs = 1;
+constexpr int32_t kProbeTimeout_s = 5; // prescribed
+constexpr uint64_t kDefer_ms = 1;      // prescribed: a failed send is reported from the loop
+constexpr int64_t kMillisecondsPerSecond = 1000;
 
-using AnyCallback = void (*)();
-
-enum CallbackKind : uint32_t { kStatus = 0, kResponse = 1 };
-
-// Outstanding exchange, from malloc.
-struct RequestRecord {
-    uint32_t kind;        // which form `callback` has
-    AnyCallback callback; // null: finished, or being finished
-    void *user;
-    int64_t expire; // ms on the request clock
-    int32_t send_error;
-};
-
-struct Completion {
+struct Answer {
     int32_t code;
     uint32_t cmd = 0;
     const void *data = nullptr;
-    uint32_t len = 0;
+    uint32_t len = 0; // bytes
 };
 
-int ignore_status(int32_t, void *) { return 0; }
-int ignore_response(int32_t, uint32_t, const void *, uint32_t, void *) { return 0; }
+// The caller's callback (may be null) in one of its forms; monostate: it has run, or is running.
+using Callback = std::variant<std::monostate, tav_ipc_status_cb, tav_ipc_response_cb, tav_ipc_exchange_cb>;
 
-uint64_t ipc_req_now() { return static_cast<uint64_t>(time(nullptr)) * 1000; }
+struct RequestRecord {
+    uint64_t serial; // tells it from a later exchange under the same message id
+    Callback callback;
+    void *user;
+    int64_t expire_ms = 0;     // on the request clock
+    int32_t send_error = 0;    // only if the message could not be sent
+    bool took_over = false;    // the expiry of the exchange before it is still in the heap
+    tav_ipc_st *ipc = nullptr; // these two with a timer of its own
+    uint32_t reqid = 0;
+    cl_timer_t timer = 0;
+};
 
-// Calls the callback; the record may be gone afterwards. False when that has happened already.
-bool finish(RequestRecord *record, const Completion &with) {
-    const AnyCallback callback = record->callback;
-    const uint32_t kind = record->kind;
-    void *user = record->user;
-    if (!callback) return false;
-    record->callback = nullptr;
-    if (kind == kResponse)
-        reinterpret_cast<tav_ipc_response_cb>(callback)(with.code, with.cmd, with.data, with.len, user);
-    else
-        reinterpret_cast<tav_ipc_status_cb>(callback)(with.code, user);
+uint64_t next_serial() {
+    static constinit Relaxed<uint64_t> last = 0;
+    return ++last;
+}
+
+uint64_t ipc_req_now() { return static_cast<uint64_t>(time(nullptr)) * kMillisecondsPerSecond; }
+
+void release_record(void *value) {
+    const std::unique_ptr<RequestRecord> record(static_cast<RequestRecord *>(value));
+    if (record->timer) cl_timer_stop(record->timer);
+}
+
+RequestRecord *find_record(tav_ipc_st *ipc, uint32_t reqid) {
+    void *record = nullptr;
+    if (ipc_req_manager_find(&ipc->req_mgr, reqid, &record) != 0) return nullptr;
+    return static_cast<RequestRecord *>(record);
+}
+
+// Unique in the process until 2^32 later exchanges have begun.
+uint64_t exchange_id(const RequestRecord &record) { return record.serial << 32 | record.reqid; }
+
+// Calls the callback, unless that has been done. The record may be gone afterwards.
+bool finish(RequestRecord &record, const Answer &answer) {
+    const Callback callback = std::exchange(record.callback, {});
+    void *user = record.user;
+    const uint64_t id = exchange_id(record);
+    if (const auto *status = std::get_if<tav_ipc_status_cb>(&callback)) {
+        if (*status) (*status)(answer.code, user);
+    } else if (const auto *response = std::get_if<tav_ipc_response_cb>(&callback)) {
+        if (*response) (*response)(answer.code, answer.cmd, answer.data, answer.len, user);
+    } else if (const auto *any = std::get_if<tav_ipc_exchange_cb>(&callback)) {
+        if (*any) (*any)(id, answer.code, answer.cmd, answer.data, answer.len, user);
+    } else {
+        return false;
+    }
     return true;
 }
 
-void ipc_req_deferred_fail(void *argument) {
-    MallocPtr<RequestRecord> record(static_cast<RequestRecord *>(argument));
-    finish(record.get(), {record->send_error});
+// Removes a record whose callback has run, unless another exchange has its id by now.
+void remove_finished(tav_ipc_st *ipc, uint32_t reqid, uint64_t serial) {
+    const RequestRecord *record = find_record(ipc, reqid);
+    if (record && record->serial == serial) ipc_req_manager_remove(&ipc->req_mgr, reqid);
 }
 
-void ipc_req_timeout(uint32_t reqid, void *record, void *argument) {
+// Completes what is outstanding under the id, if anything is. The endpoint may be closed afterwards.
+void complete(tav_ipc_st *ipc, uint32_t reqid, const Answer &answer) {
+    RequestRecord *record = find_record(ipc, reqid);
+    if (!record) return;
+    const uint64_t serial = record->serial;
+    if (finish(*record, answer)) remove_finished(ipc, reqid, serial);
+}
+
+void ipc_req_deferred_fail(void *argument) {
+    const std::unique_ptr<RequestRecord> record(static_cast<RequestRecord *>(argument));
+    finish(*record, {record->send_error});
+}
+
+void ipc_req_timeout(uint32_t reqid, void *value, void *argument) {
     auto *ipc = static_cast<tav_ipc_st *>(argument);
     EndpointPin pin(ipc);
-    const int64_t expire = static_cast<RequestRecord *>(record)->expire;
-    if (!finish(static_cast<RequestRecord *>(record), {IPC_ERR_TIMEOUT})) return;
-    TAV_LOG(4, "tav_ipc", "req[%u] timeout, expire=%lld", reqid, static_cast<long long>(expire));
-    ipc_req_manager_remove(&ipc->req_mgr, reqid);
+    auto &record = *static_cast<RequestRecord *>(value);
+    if (record.timer) return; // it ends the exchange
+    const uint64_t serial = record.serial;
+    const int64_t expire_ms = record.expire_ms;
+    if (record.took_over && expire_ms >= static_cast<int64_t>(ipc_req_now())) return;
+    if (!finish(record, {IPC_ERR_TIMEOUT})) return;
+    TAV_LOG(4, "tav_ipc", "req[%u] timeout, expire=%lld", reqid, static_cast<long long>(expire_ms));
+    remove_finished(ipc, reqid, serial);
 }
 
-int ipc_req_close_one(uint32_t reqid, void *record, void *argument) {
-    auto *ipc = static_cast<tav_ipc_st *>(argument);
-    if (finish(static_cast<RequestRecord *>(record), {IPC_ERR_CLOSED}))
-        ipc_req_manager_remove(&ipc->req_mgr, reqid);
+int ipc_req_close_one(uint32_t reqid, void *, void *argument) {
+    complete(static_cast<tav_ipc_st *>(argument), reqid, {IPC_ERR_CLOSED});
     return 0;
+}
+
+// Message ids wrap. Completes the exchange that has this one, so that its callback is not lost; true if there
+// was one.
+bool take_over(tav_ipc_st *ipc, uint32_t reqid) {
+    if (!find_record(ipc, reqid)) return false;
+    complete(ipc, reqid, {IPC_ERR_CLOSED});
+    return true;
+}
+
+RequestRecord *new_record(Callback callback, void *user) {
+    return new (std::nothrow) RequestRecord{next_serial(), callback, user};
 }
 
 int send_exchange(tav_ipc_st *ipc, const Exchange &exchange, uint32_t *reqid) {
@@ -78,50 +137,82 @@ int send_exchange(tav_ipc_st *ipc, const Exchange &exchange, uint32_t *reqid) {
                                    exchange.flags, reqid);
 }
 
-void ipc_send_request(tav_ipc_st *ipc, const Exchange &exchange, CallbackKind kind, AnyCallback callback,
-                      void *user) {
+void ipc_send_request(tav_ipc_st *ipc, const Exchange &exchange, Callback callback, void *user) {
     uint32_t reqid = 0;
-    const int result = send_exchange(ipc, exchange, &reqid);
-    const auto clock_ms = static_cast<int64_t>(ipc_req_now());
-    auto *record = static_cast<RequestRecord *>(std::calloc(1, sizeof(RequestRecord)));
+    int result = send_exchange(ipc, exchange, &reqid);
+    RequestRecord *record = new_record(callback, user);
     if (!record) out_of_memory("tav_ipc", __LINE__);
-    record->kind = kind;
-    record->callback = callback;
-    record->user = user;
-    record->expire = clock_ms + int64_t{exchange.timeout_s} * 1000;
+    record->expire_ms = static_cast<int64_t>(ipc_req_now()) + exchange.timeout_s * kMillisecondsPerSecond;
+    if (result == IPC_OK) record->took_over = take_over(ipc, reqid);
+    // The log sink in the send, or the callback of the older exchange, may have destroyed the endpoint.
+    if (result == IPC_OK && ipc->closed) result = IPC_ERR_CLOSED;
     if (result != IPC_OK) {
         record->send_error = result;
-        if (!cl_timer_start(kDeferMs, ipc_req_deferred_fail, record)) out_of_memory("tav_ipc", __LINE__);
-    } else if (ipc_req_manager_insert(&ipc->req_mgr, reqid, record, record->expire) != 0) {
+        if (!cl_timer_start(kDefer_ms, ipc_req_deferred_fail, record)) out_of_memory("tav_ipc", __LINE__);
+    } else if (ipc_req_manager_insert(&ipc->req_mgr, reqid, record, record->expire_ms) != 0) {
         TAV_LOG(0, "tav_ipc", "memory not enough");
         std::exit(0);
     }
+}
+
+// --- exchanges of tav_ipc_ext.h: a timer of their own, in milliseconds of the monotonic clock
+
+void ipc_exchange_timeout(void *argument) {
+    auto &record = *static_cast<RequestRecord *>(argument);
+    record.timer = 0; // if the record is not in the table yet, the manager's next tick ends it
+    EndpointPin pin(record.ipc);
+    complete(record.ipc, record.reqid, {IPC_ERR_TIMEOUT});
+}
+
+// 0, or the errno of a call that can send nothing.
+int check_exchange(const tav_ipc_st *ipc, int kind, const tav_addr_st *dest, uint32_t size) {
+    if (!ipc || !dest || kind < TAV_IPC_EXCHANGE_REQUEST || kind > TAV_IPC_EXCHANGE_PROBE) return EINVAL;
+    const NameText name = name_text(*dest);
+    if (!is_file_name(name)) return EINVAL;
+    if (size > kMaxMessage) return EMSGSIZE;
+    return ipc->closed ? ESHUTDOWN : 0;
+}
+
+Exchange exchange_of(int kind, const tav_addr_st *dest, uint32_t cmd, const void *data, uint32_t size) {
+    if (kind == TAV_IPC_EXCHANGE_REQUEST) return {dest, cmd, data, size, IPC_FLAG_REQUEST, 0};
+    if (kind == TAV_IPC_EXCHANGE_CONFIRMED) return {dest, cmd, data, size, IPC_FLAG_NEED_ACK, 0};
+    return {dest, 0, nullptr, 0, IPC_FLAG_PROBE | IPC_FLAG_NEED_ACK, 0};
+}
+
+// 0, or an errno; the record is then still the caller's. What can fail comes before the message is sent.
+int start_exchange(tav_ipc_st *ipc, const Exchange &exchange, uint32_t timeout_ms, RequestRecord *record) {
+    if (!record) return ENOMEM;
+    record->ipc = ipc;
+    record->timer = cl_timer_start(timeout_ms, ipc_exchange_timeout, record);
+    if (!record->timer) return ENOMEM;
+    if (send_exchange(ipc, exchange, &record->reqid) != IPC_OK) return ENOBUFS;
+    (void)take_over(ipc, record->reqid);
+    if (ipc->closed) return ESHUTDOWN;
+    // The manager's entry has expired already: it leaves the heap at the next tick.
+    return ipc_req_manager_insert(&ipc->req_mgr, record->reqid, record, INT64_MIN) == 0 ? 0 : ENOMEM;
 }
 
 } // namespace
 
 void ipc_send_with_ack(tav_ipc_st *ipc, Exchange exchange, tav_ipc_status_cb callback, void *user) {
     exchange.flags |= IPC_FLAG_NEED_ACK;
-    ipc_send_request(ipc, exchange, kStatus,
-                     reinterpret_cast<AnyCallback>(callback ? callback : ignore_status), user);
+    ipc_send_request(ipc, exchange, callback, user);
 }
 
 void ipc_complete_request(tav_ipc_st *ipc, uint32_t reqid, int32_t code, uint32_t cmd, const void *data,
                           uint32_t len) {
     EndpointPin pin(ipc);
-    void *record = nullptr;
-    if (ipc_req_manager_find(&ipc->req_mgr, reqid, &record) != 0) return;
-    if (finish(static_cast<RequestRecord *>(record), {code, cmd, data, len}))
-        ipc_req_manager_remove(&ipc->req_mgr, reqid);
+    complete(ipc, reqid, {code, cmd, data, len});
 }
 
 bool open_requests(tav_ipc_st *ipc) {
-    if (ipc_req_manager_init(&ipc->req_mgr, std::free, ipc_req_timeout, ipc) != 0) return false;
+    if (ipc_req_manager_init(&ipc->req_mgr, release_record, ipc_req_timeout, ipc) != 0) return false;
     ipc_req_manager_set_now_getter(&ipc->req_mgr, ipc_req_now);
     return true;
 }
 
 void close_requests(tav_ipc_st *ipc) {
+    assert(ipc->closed); // callbacks can start no exchange that stays
     ipc_req_manager_walk(&ipc->req_mgr, ipc_req_close_one, ipc);
     ipc_req_manager_uninit(&ipc->req_mgr);
 }
@@ -134,8 +225,7 @@ void tav_ipc_make_request(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd
                           uint32_t len, tav_ipc_response_cb callback, void *user,
                           int32_t timeout_s) noexcept {
     UseGuard guard(ipc, "tav_ipc_make_request");
-    ipc_send_request(ipc, {dest, cmd, data, len, IPC_FLAG_REQUEST, timeout_s}, kResponse,
-                     reinterpret_cast<AnyCallback>(callback ? callback : ignore_response), user);
+    ipc_send_request(ipc, {dest, cmd, data, len, IPC_FLAG_REQUEST, timeout_s}, callback, user);
 }
 
 void tav_ipc_response(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t reqid, uint32_t cmd,
@@ -155,7 +245,38 @@ void tav_ipc_probe(tav_ipc_st *ipc, const tav_addr_st *dest, tav_ipc_status_cb c
     UseGuard guard(ipc, "tav_ipc_probe");
     tav_addr_st address{};
     if (dest) address = *dest;
-    address.flags = 0; // the answer must come from any endpoint, however it was addressed
-    ipc_send_with_ack(ipc, {dest ? &address : nullptr, 0, nullptr, 0, IPC_FLAG_PROBE, kProbeTimeoutS},
+    address.flags = 0; // prescribed: the endpoint is probed, whatever it accepts
+    ipc_send_with_ack(ipc, {dest ? &address : nullptr, 0, nullptr, 0, IPC_FLAG_PROBE, kProbeTimeout_s},
                       callback, user);
+}
+
+uint64_t tav_ipc_exchange_start(tav_ipc_st *ipc, int kind, const tav_addr_st *dest, uint32_t cmd,
+                                const void *data, uint32_t size, uint32_t timeout_ms,
+                                tav_ipc_exchange_cb callback, void *user) noexcept {
+    UseGuard guard(ipc, "tav_ipc_exchange_start");
+    int error = check_exchange(ipc, kind, dest, kind == TAV_IPC_EXCHANGE_PROBE ? 0 : size);
+    tav_addr_st address = error ? tav_addr_st{} : *dest;
+    if (kind == TAV_IPC_EXCHANGE_PROBE) address.flags = 0;
+    RequestRecord *record = error ? nullptr : new_record(callback, user);
+    if (!error) error = start_exchange(ipc, exchange_of(kind, &address, cmd, data, size), timeout_ms, record);
+    if (!error) return exchange_id(*record);
+    if (record) release_record(record);
+    errno = error;
+    return 0;
+}
+
+int tav_ipc_exchange_cancel(tav_ipc_st *ipc, uint64_t id) noexcept {
+    UseGuard guard(ipc, "tav_ipc_exchange_cancel");
+    const auto reqid = static_cast<uint32_t>(id);
+    RequestRecord *record = ipc ? find_record(ipc, reqid) : nullptr;
+    if (!record || exchange_id(*record) != id || record->callback.index() == 0) return errno = ENOENT, -1;
+    complete(ipc, reqid, {IPC_ERR_CANCELLED});
+    return 0;
+}
+
+int tav_ipc_response2(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t reqid, uint32_t cmd,
+                      const void *data, uint32_t size) noexcept {
+    UseGuard guard(ipc, "tav_ipc_response2");
+    if (reqid == 0) return IPC_ERR_SENDTO; // no request has it
+    return tav_ipc_send_with_flags(ipc, dest, cmd, data, size, IPC_FLAG_RESPONSE, &reqid);
 }

@@ -1,56 +1,44 @@
 #include "ipc/fragment_block.h"
 
+#include <cassert>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 
 #include "ipc/huge_pages.h"
-#include "ipc/wire.h"
 
 namespace tavipc {
-namespace {
 
-constexpr size_t kLine = 64; // of the cache: slots share none
-constexpr size_t kBack = sizeof(void *);
-constexpr size_t kSlot = (kBack + kHeaderSize + kFragmentPayload + kLine - 1) / kLine * kLine;
-static_assert(sizeof(FragmentBlock) <= kLine);
-
-} // namespace
-
-FragmentBlock *FragmentBlock::create(uint32_t count) {
-    const size_t size = kLine + size_t{count} * kSlot;
+FragmentBlock::Hold FragmentBlock::create(uint32_t count) {
+    static_assert(sizeof(FragmentBlock) % alignof(Slot) == 0);
+    const size_t size = sizeof(FragmentBlock) + size_t{count} * sizeof(Slot);
     void *memory = std::malloc(size);
     if (!memory) return nullptr;
     prefer_huge_pages(memory, size);
-    return new (memory) FragmentBlock(count);
+    return Hold(new (memory) FragmentBlock);
 }
 
-// In front of each datagram stands a pointer to its block, by which its record finds back.
-unsigned char *FragmentBlock::take_slot() {
-    unsigned char *datagram = free_;
-    if (datagram) {
-        std::memcpy(&free_, datagram, sizeof free_);
-        return datagram;
-    }
-    unsigned char *begin = reinterpret_cast<unsigned char *>(this) + kLine + fresh_++ * kSlot;
-    FragmentBlock *self = this;
-    std::memcpy(begin, &self, kBack);
-    return begin + kBack;
+unsigned char *FragmentBlock::take_slot() noexcept {
+    Slot *slot = free_;
+    if (slot)
+        free_ = slot->next_free;
+    else
+        slot = &slots()[fresh_++];
+    slot->block = this;
+    ++users_;
+    return slot->datagram;
 }
 
-void FragmentBlock::release_slot(void *datagram, uint32_t) {
-    FragmentBlock *block;
-    std::memcpy(&block, static_cast<unsigned char *>(datagram) - kBack, kBack);
-    block->release(static_cast<unsigned char *>(datagram), 1);
+void FragmentBlock::release_slot(void *datagram, uint32_t) noexcept {
+    auto *slot = reinterpret_cast<Slot *>(static_cast<unsigned char *>(datagram) - offsetof(Slot, datagram));
+    FragmentBlock *block = slot->block;
+    slot->next_free = block->free_;
+    block->free_ = slot;
+    drop(block);
 }
 
-void FragmentBlock::give_up(unsigned char *datagram, uint32_t count) { release(datagram, count); }
-
-void FragmentBlock::release(unsigned char *datagram, uint32_t count) {
-    left_ -= count;
-    if (left_ == 0) return std::free(this);
-    std::memcpy(datagram, &free_, sizeof free_);
-    free_ = datagram;
+void FragmentBlock::drop(FragmentBlock *block) noexcept {
+    assert(block->users_ > 0);
+    if (--block->users_ == 0) std::free(block);
 }
 
 } // namespace tavipc

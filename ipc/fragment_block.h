@@ -1,32 +1,46 @@
-// The datagrams of one fragmented message: one allocation, cut into slots that the queue records take over
-// one by one. A slot that its record has released serves again, so that a message to a quick peer passes
-// through few of them; what is never used costs no memory. The block goes with the last datagram.
+// The datagrams of one fragmented message, in one allocation: when it succeeds, no fragment can fail for want
+// of memory. Each record takes a slot for its datagram. A released slot serves again, so a message to a quick
+// peer passes through few slots, which stay in the cache. Slots that are never taken cost no memory.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+
+#include "ipc/wire.h"
 
 namespace tavipc {
 
 class FragmentBlock {
   public:
-    // Room for that many datagrams of full length; null when memory is short.
-    static FragmentBlock *create(uint32_t count);
-    // Room for a datagram, header and up to 64,000 bytes of payload, not set. At most count times.
-    unsigned char *take_slot();
-    // A record's data_free: releases its slot.
-    static void release_slot(void *datagram, uint32_t size);
-    // No record takes this datagram, and it and those that were still to come are given up, count in all. The
-    // block may be gone afterwards.
-    void give_up(unsigned char *datagram, uint32_t count);
+    struct Drop {
+        void operator()(FragmentBlock *block) const noexcept { drop(block); }
+    };
+    // The sender's hold on the block while it takes slots. The block goes with the last of this hold and the
+    // taken slots.
+    using Hold = std::unique_ptr<FragmentBlock, Drop>;
+
+    // A block for at most count taken slots at a time; null when memory is short.
+    static Hold create(uint32_t count);
+    // Memory for a datagram, header and up to 64,000 bytes of payload, not set.
+    unsigned char *take_slot() noexcept;
+    // Releases a slot. A record's data_free.
+    static void release_slot(void *datagram, uint32_t size) noexcept;
 
   private:
-    explicit FragmentBlock(uint32_t count) : left_(count) {}
-    void release(unsigned char *datagram, uint32_t count);
+    struct Slot {
+        FragmentBlock *block;
+        Slot *next_free;
+        unsigned char datagram[kHeaderSize + kFragmentPayload];
+    };
 
-    uint32_t left_;                 // datagrams not released or given up
-    uint32_t fresh_ = 0;            // slots taken so far
-    unsigned char *free_ = nullptr; // chain of released slots, the last one first
+    FragmentBlock() = default;
+    static void drop(FragmentBlock *block) noexcept;
+    Slot *slots() noexcept { return reinterpret_cast<Slot *>(this + 1); }
+
+    uint32_t users_ = 1;   // the hold and the taken slots
+    uint32_t fresh_ = 0;   // slots that were taken so far at least once
+    Slot *free_ = nullptr; // released slots, the last one first
 };
 
 } // namespace tavipc

@@ -1,4 +1,4 @@
-// Large buffers that are filled once: huge pages save most of their page faults.
+// Huge pages for large buffers that are filled once: they save most of the page faults.
 #pragma once
 
 #include <cstddef>
@@ -7,9 +7,9 @@
 
 namespace tavipc {
 
-inline constexpr size_t kHugePage = 2u << 20;
+inline constexpr size_t kHugePage = 2u << 20; // bytes, on x86-64
 
-// A hint to the kernel for the whole huge pages inside the buffer; of a smaller one there are none.
+// Advises the kernel to use huge pages for the whole ones inside the buffer. A smaller buffer has none.
 inline void prefer_huge_pages(void *buffer, size_t size) {
     const auto begin = reinterpret_cast<uintptr_t>(buffer);
     const uintptr_t first = (begin + kHugePage - 1) & ~uintptr_t{kHugePage - 1};

@@ -1,37 +1,39 @@
 // The delivery queue: records in a heap and one timer.
 //
-// The heap's top is the record of the earliest due second and, within that second, of the highest priority;
-// a top that is due later in its second holds back lower priorities that are due already. The timer is
-// armed whenever records wait: push arms it (or brings it forward), the consume pass that it starts arms it
-// again for what it leaves. A consume callback may push, pop and destroy the queue.
+// The heap's top is the record of the earliest due second and, within that second, of the highest priority.
+// A top that is due later in its second holds back lower priorities that are due already. The timer is armed
+// whenever records wait: push arms it or brings it forward, and the consume pass that it starts arms it again
+// for the records that stay. A consume callback may push, pop and destroy the queue.
 #include "tavipc/ipc_queue.h"
 
 #include <cstdlib>
 #include <utility>
 
 #include "common/log.h"
-#include "ipc/module_info.h"
+#include "ipc/destination.h"
 #include "ipc/teardown_watch.h"
 #include "tavaux.h"
 
 namespace tavipc {
 namespace {
 
-constexpr uint32_t kPoolSize = 32;
-constexpr uint32_t kPoolSizeLocation1 = 8;
+constexpr uint32_t kPoolSize = 32;         // sending sockets of an endpoint
+constexpr uint32_t kPoolSizeLocation1 = 8; // the same in a process at location 1
+constexpr int32_t kDefaultPriority = 4;    // of a record whose priority is 0
 
 int compare_entries(const void *a, const void *b) {
     return compare_ipc_queue_msg_priority(static_cast<const ipc_queue_msg_st *>(a),
                                           static_cast<const ipc_queue_msg_st *>(b));
 }
 
-mod_info_st *module_of(const ipc_queue_st &queue, const ipc_queue_msg_st &msg) {
-    return msg.mod ? msg.mod : queue.default_mod;
+mod_info_st &module_of(const ipc_queue_st &queue, const ipc_queue_msg_st &msg) {
+    return msg.mod ? *msg.mod : *queue.default_mod;
 }
 
 void consume_pass(void *argument);
 
-// Arms the timer for the top unless it is armed or nothing waits. False when the event library refuses.
+// Arms the timer for the top, unless it is armed or nothing waits. Returns false when the event library
+// refuses; the log line about that may destroy the queue.
 bool arm_timer(ipc_queue_st &queue, uint64_t now) {
     const ipc_queue_msg_st *top = ipc_queue_top(&queue);
     if (queue.timer || !top) return true;
@@ -52,7 +54,7 @@ void consume_pass(void *argument) {
     queue.timer = 0;
     TeardownWatch watch(queue.destroyed);
     const uint64_t now = cl_event_loop_now();
-    // What the callbacks push waits for the next pass: no chain of refusals can hold the loop.
+    // Records that the callbacks push wait for the next pass, so a chain of refusals cannot hold the loop.
     for (uint32_t rounds = ipc_queue_len(&queue); rounds > 0; --rounds) {
         const ipc_queue_msg_st *top = ipc_queue_top(&queue);
         if (!top || now < top->retry_later) break;
@@ -65,14 +67,15 @@ void consume_pass(void *argument) {
     arm_timer(queue, cl_event_loop_now());
 }
 
-// Makes the queue's tables. False when memory is short; destroy_ipc_queue releases what was made.
+// Makes the queue's tables. Returns false when memory is short; destroy_ipc_queue releases what was made.
 bool make_tables(ipc_queue_st &queue) {
-    queue.mods = xhash_create(std::free, 0);
+    queue.mods = xhash_create(release_destination, 0);
     if (!queue.mods) return false;
     queue.heap = heap_create(compare_entries);
     if (!queue.heap) return false;
-    queue.default_mod = new_module_info(0, cl_event_loop_now());
-    if (!queue.default_mod) return false;
+    Destination *own = new_destination(0, cl_event_loop_now());
+    if (!own) return false;
+    queue.default_mod = &own->info;
     queue.fd_pool_count = tav_get_location() == 1 ? kPoolSizeLocation1 : kPoolSize;
     TAV_LOG(4, "ipc_queue", "ipc queue unix fd pool real count: %u", queue.fd_pool_count);
     queue.fd_pool = static_cast<cl_dunix_t *>(std::calloc(queue.fd_pool_count, sizeof(cl_dunix_t)));
@@ -96,7 +99,9 @@ void free_ipc_queue_msg(ipc_queue_msg_st *msg) noexcept {
     std::free(msg);
 }
 
-int32_t get_real_priority(int32_t priority) noexcept { return priority != 0 ? priority : 4; }
+int32_t get_real_priority(int32_t priority) noexcept {
+    return priority != 0 ? priority : tavipc::kDefaultPriority;
+}
 
 int32_t compare_ipc_queue_msg_priority(const ipc_queue_msg_st *a, const ipc_queue_msg_st *b) noexcept {
     const uint64_t a_second = a->retry_later / 1000;
@@ -128,7 +133,7 @@ int init_ipc_queue(ipc_queue_st *queue, int32_t location, ipc_queue_consume_cb c
         destroy_ipc_queue(queue);
         return -1;
     }
-    queue->default_mod->sock = *socket; // last: only now is the socket the queue's to close
+    queue->default_mod->sock = *socket; // last: from now on the queue closes it
     return 0;
 }
 
@@ -137,13 +142,13 @@ void destroy_ipc_queue(ipc_queue_st *queue) noexcept {
     tavipc::mark_torn_down(queue->destroyed);
     tavipc::stop_timer(*queue);
     while (ipc_queue_msg_st *msg = ipc_queue_pop(queue)) free_ipc_queue_msg(msg);
-    tavipc::stop_timer(*queue); // what a record's data_free pushed has started it again
+    tavipc::stop_timer(*queue); // a push from a record's data_free has armed it again
     heap_destroy(std::exchange(queue->heap, nullptr));
     if (queue->default_mod) destroy_unix_socket(std::exchange(queue->default_mod->sock, 0));
     queue->last_found = nullptr;
     xhash_destroy(std::exchange(queue->mods, nullptr));
     queue->mod_count = 0;
-    std::free(std::exchange(queue->default_mod, nullptr));
+    tavipc::release_destination(std::exchange(queue->default_mod, nullptr));
     const uint32_t count = std::exchange(queue->fd_pool_count, 0);
     cl_dunix_t *pool = std::exchange(queue->fd_pool, nullptr);
     queue->fd_pool_next = 0;
@@ -157,8 +162,9 @@ int ipc_queue_push(ipc_queue_st *queue, ipc_queue_msg_st **msg, uint64_t now_ms)
     const ipc_queue_msg_st *first = ipc_queue_top(queue);
     if (heap_push(queue->heap, &record) != 0) return -1;
     *msg = nullptr;
-    tavipc::add_record(*tavipc::module_of(*queue, record), record.size);
-    // A timer that was armed for a record no longer queued may be set for any time.
+    mod_info_st &mod = tavipc::module_of(*queue, record);
+    tavipc::count_in(mod.queued, mod.queued_bytes, record.size);
+    // The armed timer may belong to a record that has left the queue, so the old top decides, not the timer.
     if (!first || record.retry_later < first->retry_later) tavipc::stop_timer(*queue);
     return tavipc::arm_timer(*queue, now_ms) ? 0 : -1;
 }
@@ -171,7 +177,8 @@ ipc_queue_msg_st *ipc_queue_pop(ipc_queue_st *queue) noexcept {
     void *entry = nullptr;
     if (!queue || !queue->heap || heap_pop(queue->heap, &entry) != 0) return nullptr;
     auto *msg = static_cast<ipc_queue_msg_st *>(entry);
-    tavipc::take_record(*tavipc::module_of(*queue, *msg), msg->size);
+    mod_info_st &mod = tavipc::module_of(*queue, *msg);
+    tavipc::count_out(mod.queued, mod.queued_bytes, msg->size);
     return msg;
 }
 

@@ -1,22 +1,28 @@
 // Outstanding requests: a table by id and a heap of expiries.
 //
-// Every insert makes one expiry entry. It leaves the heap when it has expired and surfaces, never when the
-// request is removed: an entry whose id is no longer in the table is stale and dropped when it surfaces, or
-// when the heap is rebuilt because too many are. The timer ticks while the heap holds anything.
+// Each insertion adds one expiry to the heap. Removing a request leaves its expiry there as a stale entry,
+// which is dropped when it reaches the top, or when the heap is rebuilt because too many entries are stale.
+// The timer runs while the heap has entries.
 #include "tavipc/ipc_req_manager.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
+#include "common/out_of_memory.h"
+#include "common/relaxed.h"
 #include "ipc/teardown_watch.h"
 
 namespace tavipc {
 namespace {
 
-constexpr uint64_t kTick_ms = 1000;
-constexpr uint32_t kCompactAbove = 87'381; // entries
-constexpr uint32_t kStaleLimit = 436'907;
+constexpr uint64_t kTick_ms = 1000; // prescribed
+// Both prescribed, in entries. An entry takes 24 bytes (16 and a pointer to them): a heap of at most 2 MiB is
+// left alone, and at most 10 MiB may be stale.
+constexpr uint32_t kRebuildAbove = 87'381;
+constexpr uint32_t kMostStale = 436'907;
+// A rebuild for which memory was short is tried again after this time, not at each insertion.
+constexpr uint64_t kRetryRebuild_ms = 1000;
 
 struct Expiry {
     uint32_t reqid;
@@ -36,37 +42,51 @@ bool is_live(const ipc_req_manager_st &manager, const void *entry) {
     return xhash_search(manager.reqs, &reqid, sizeof reqid, nullptr) == 0;
 }
 
-bool should_compact(uint32_t entries, uint32_t live) {
-    if (entries <= kCompactAbove || live >= entries) return false;
-    return entries - live > kStaleLimit || entries > uint64_t{2} * live;
+bool should_rebuild(uint32_t entries, uint32_t live) {
+    if (entries <= kRebuildAbove || live >= entries) return false;
+    return entries - live > kMostStale || entries > uint64_t{2} * live;
 }
 
-void move_all(heap_t *from, heap_t *to) {
-    void *entry = nullptr;
-    while (heap_pop(from, &entry) == 0)
-        if (heap_push(to, entry) != 0) std::free(entry);
+// A heap that has held that many entries, and so has memory for them. Null if memory is short.
+heap_t *make_heap_for(uint32_t entries) {
+    heap_t *heap = make_heap();
+    static Expiry filler{};
+    uint32_t pushed = 0;
+    while (heap && pushed < entries && heap_push(heap, &filler) == 0) ++pushed;
+    while (heap_pop(heap, nullptr) == 0) continue;
+    if (pushed == entries) return heap;
+    heap_destroy(heap);
+    return nullptr;
 }
 
-// Rebuilds the heap from its live entries when too many are stale.
-void compact(ipc_req_manager_st &manager) {
+// Moves the live entries to a new heap and frees the stale ones. The new heap gets memory for all entries
+// before the first one moves, so that short memory loses none. False if memory is short.
+bool replace_heap(ipc_req_manager_st &manager) {
     heap_t *old = manager.expiry_heap;
-    if (!should_compact(heap_count(old), xhash_count(manager.reqs))) return;
-    heap_t *fresh = make_heap();
-    if (!fresh) return;
-    void *entry = nullptr;
-    while (heap_pop(old, &entry) == 0) {
-        if (!is_live(manager, entry)) {
-            std::free(entry);
-        } else if (heap_push(fresh, entry) != 0) {
-            // Short memory: all goes back to the old heap, which has the room that it had before.
-            if (heap_push(old, entry) != 0) std::free(entry);
-            move_all(fresh, old);
-            heap_destroy2(fresh);
-            return;
-        }
+    heap_t *fresh = make_heap_for(heap_count(old));
+    if (!fresh) return false;
+    while (void *entry = heap_top(old)) {
+        const bool live = is_live(manager, entry);
+        if (live && heap_push(fresh, entry) != 0) // only if another library's heap gave its memory back
+            out_of_memory("ipc_req", __LINE__);
+        heap_pop(old, nullptr);
+        if (!live) std::free(entry);
     }
-    heap_destroy2(old);
+    heap_destroy(old);
     manager.expiry_heap = fresh;
+    return true;
+}
+
+// Rebuilds the heap if too many of its entries are stale.
+void rebuild(ipc_req_manager_st &manager) {
+    static constinit Relaxed<uint64_t> failed_ms = 0; // on the loop clock
+    if (!should_rebuild(heap_count(manager.expiry_heap), xhash_count(manager.reqs))) return;
+    const uint64_t now_ms = cl_event_loop_now();
+    if (now_ms - failed_ms < kRetryRebuild_ms) return;
+    if (replace_heap(manager))
+        (void)replace_heap(manager); // by one with memory for what is left; may fail
+    else
+        failed_ms = now_ms;
 }
 
 void tick(void *argument);
@@ -84,14 +104,14 @@ void tick(void *argument) {
     uint32_t reqid = 0;
     void *record = nullptr;
     while (ipc_req_manager_pop_timeout(&manager, now_ms, &reqid, &record) == 0) {
-        arm_timer(manager); // the others' time-outs go on if the callback runs the loop
+        arm_timer(manager); // other requests must expire even while the callback runs the loop
         if (manager.on_timeout)
             manager.on_timeout(reqid, record, manager.user);
         else
             ipc_req_manager_remove(&manager, reqid);
         if (watch.torn_down()) return;
     }
-    compact(manager);
+    rebuild(manager);
     arm_timer(manager);
     if (manager.timer && heap_count(manager.expiry_heap) == 0) cl_timer_stop(std::exchange(manager.timer, 0));
 }
@@ -133,7 +153,7 @@ int ipc_req_manager_init(ipc_req_manager_st *manager, void (*release)(void *reco
 void ipc_req_manager_uninit(ipc_req_manager_st *manager) noexcept {
     if (!manager) return;
     tavipc::mark_torn_down(manager->destroyed);
-    // Zeroed first: a release function may look at the manager, and finds it empty.
+    // A release function may use the manager, so it is empty before the records are released.
     const ipc_req_manager_st old = std::exchange(*manager, {});
     if (old.timer) cl_timer_stop(old.timer);
     xhash_destroy(old.reqs);
@@ -154,9 +174,10 @@ int ipc_req_manager_insert(ipc_req_manager_st *manager, uint32_t reqid, void *re
         std::free(entry);
         return -1;
     }
-    // The entry first: without a record it is stale and harmless, a record without it would never expire.
+    // The expiry comes first: without a record it is only stale, while a record without it would never
+    // expire.
     const int result = xhash_insert(manager->reqs, &reqid, sizeof reqid, record) == 0 ? 0 : -1;
-    tavipc::compact(*manager);
+    tavipc::rebuild(*manager);
     tavipc::arm_timer(*manager);
     return result;
 }

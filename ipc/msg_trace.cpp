@@ -1,5 +1,5 @@
-// The message trace. It is on for messages with IPC_FLAG_TRACE, and for all while the switch file exists;
-// the file is looked for at most once in ten seconds of the loop clock, by whichever message comes then.
+// The message trace. It is on for messages with IPC_FLAG_TRACE, and for all messages while the switch file
+// exists. Tracing looks for the file at most once in ten seconds of the loop clock, when a message comes.
 #include "ipc/msg_trace.h"
 
 #include <cstdarg>
@@ -7,7 +7,8 @@
 #include <unistd.h>
 
 #include "common/facts.h"
-#include "ipc/ipc_process.h"
+#include "common/relaxed.h"
+#include "common/unique_fd.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
 
@@ -16,30 +17,31 @@ namespace {
 
 constexpr uint64_t kLookInterval_ms = 10'000;
 
+// Written by every thread that traces. Another thread's clock may be ahead of this one's.
+constinit Relaxed<bool> trace_all = false;    // mirrors whether the switch file exists
+constinit Relaxed<uint64_t> last_look_ms = 0; // loop clock
+
+// Anyone may put anything at that path: opening a FIFO must not block, and a terminal must not become the
+// controlling one.
 bool can_open(const char *path) {
-    // Anyone may put anything at that path: a FIFO must not block us, a terminal not become ours.
-    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) return false;
-    close(fd);
-    return true;
+    return bool(UniqueFd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)));
 }
 
 bool trace_everything() {
-    ProcessState &state = process_state();
-    const uint64_t now = cl_event_loop_now();
-    const uint64_t looked = state.trace_looked; // by a thread whose loop's clock may be ahead
-    if (now < looked) {
-        state.trace_looked = now;
-    } else if (now - looked > kLookInterval_ms) {
-        state.trace_all = can_open(kTraceSwitch);
-        state.trace_looked = now;
+    const uint64_t now_ms = cl_event_loop_now();
+    const uint64_t looked_ms = last_look_ms;
+    if (now_ms < looked_ms) {
+        last_look_ms = now_ms;
+    } else if (now_ms - looked_ms > kLookInterval_ms) {
+        trace_all = can_open(kTraceSwitch);
+        last_look_ms = now_ms;
     }
-    return state.trace_all;
+    return trace_all;
 }
 
 // Returns the number of characters written.
 int describe(const tav_ipc_hdr_st &header, char *out, size_t size) {
-    if (header.magic != 0 && header.magic != tav_ipc_hdr_magic(&header))
+    if (header.magic != 0 && header.magic != check_value(header))
         return str_snprintf(out, size, "[Invalid message header] ");
     const tav_addr_st &src = header.src;
     const tav_addr_st &dest = header.dest;
@@ -54,14 +56,21 @@ int describe(const tav_ipc_hdr_st &header, char *out, size_t size) {
 }
 
 } // namespace
+
+void reset_msg_trace() {
+    trace_all = false;
+    last_look_ms = 0;
+}
+
 } // namespace tavipc
 
 extern "C" void tav_ipc_msg_trace_ex(const char *file, int line, const tav_ipc_hdr_st *header,
                                      const char *format, ...) noexcept {
     if (!header) return;
-    if (!tavipc::trace_everything() && !(header->flags & IPC_FLAG_TRACE)) return;
+    const tav_ipc_hdr_st aligned = tavipc::read_header(header);
+    if (!tavipc::trace_everything() && !(aligned.flags & IPC_FLAG_TRACE)) return;
     char text[1024];
-    const int written = tavipc::describe(*header, text, sizeof text);
+    const int written = tavipc::describe(aligned, text, sizeof text);
     va_list arguments;
     va_start(arguments, format);
     str_magic_vsprintf(text + written, sizeof text - static_cast<size_t>(written), format, arguments);

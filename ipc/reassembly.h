@@ -1,35 +1,40 @@
 // Puts the fragments of large messages back together.
 //
-// Each endpoint has a table of fragment sets, made on the first fragment. A set is keyed by the two host ids
-// and the fragment group id, holds one buffer of header and whole payload, and counts payload bytes: it is
-// complete when the count reaches the message's size. A repeated piece counts, too: a piece that is missing
-// then reads as zeros. A set that no fragment has been added to for more than 10 seconds is dropped by a
-// sweep that visits a sixtieth of the table each second.
+// Each endpoint gets its fragment sets and their buffers with the first fragment. A set counts payload bytes
+// and is complete when the count reaches the size of the message. A repeated fragment counts, too: the one
+// that is missing then reads as zeros. A sweep visits a sixtieth of the sets each second and drops those that
+// have had no fragment for more than ten seconds.
 //
-// A peer may claim any size: the buffer comes from untouched pages, so that a claim costs nothing until it is
-// filled, and what claims more than its 1,024 fragments can fill gets none. All unfinished messages of an
-// endpoint hold 512 MiB at most; those that waited longest for a fragment make room. One large buffer that
-// has served is kept for ten seconds for the next message, since most of the cost of a fresh one is its page
-// faults.
+// A peer may claim any size and need not finish. All unfinished messages of an endpoint, with the spare
+// buffers, keep at most 512 MiB resident. Over that bound, or when memory is short, spares are released
+// first; then sets that have stalled are evicted, then the newest. So the oldest message that still gets
+// fragments is completed, whatever begins after it.
 #pragma once
 
+#include <optional>
+
 #include "ipc/endpoint.h"
+#include "ipc/reassembly_buffers.h"
 
 namespace tavipc {
 
-struct Rebuilt {
-    MallocPtr<unsigned char> buffer; // the rebuilt header and the payload; null: not complete yet
-    size_t size = 0;                 // of the buffer, which may be larger than the message
+struct RebuiltMessage {
+    tav_ipc_hdr_st header;
+    ReassemblyBuffer payload; // header.size bytes
 };
 
-// Adds one fragment (header with the fragment bit, header.size payload bytes).
-[[nodiscard]] Rebuilt add_fragment(tav_ipc_st *ipc, const tav_ipc_hdr_st &header,
-                                   const unsigned char *payload);
+// Adds one fragment (header with the fragment bit, header.size payload bytes). Returns the message if the
+// fragment completes it. May log: the endpoint may be closed afterwards.
+[[nodiscard]] std::optional<RebuiltMessage> add_fragment(tav_ipc_st *ipc, const tav_ipc_hdr_st &header,
+                                                         const unsigned char *payload);
 
-// Gives a buffer back that its message has been read from.
-void keep_spare(tav_ipc_st *ipc, Rebuilt used);
+// Gives the buffer of a message back that was delivered. The endpoint may be closed.
+void give_back(tav_ipc_st *ipc, ReassemblyBuffer payload);
 
-// Drops every set of the endpoint and the spare buffer, and stops the sweep.
+// Drops every set of the endpoint and every spare, and stops the sweep.
 void release_fragments(tav_ipc_st *ipc);
+
+// What the endpoint's unfinished messages and spares keep resident, in bytes; an upper bound.
+size_t reassembly_bytes(const tav_ipc_st *ipc);
 
 } // namespace tavipc

@@ -1,6 +1,8 @@
 #include "ipc/receive.h"
 
 #include <cstring>
+#include <optional>
+#include <utility>
 
 #include "common/log.h"
 #include "ipc/endpoint.h"
@@ -13,23 +15,17 @@
 namespace tavipc {
 namespace {
 
-// A peer's envelope may claim up to 4 GiB: this much is believed. (A legitimate message can be larger
-// restored than what can be sent: the send limit applies to the compressed size.)
-constexpr uint32_t kMaxRestored = 256u << 20;
-constexpr uint32_t kEnvelopeHeader = 4;
+// A peer's envelope may claim up to 4 GiB; envelopes that claim more than this are refused. (A restored
+// message can be larger than the largest that can be sent: the send limit applies to the compressed size.)
+constexpr uint32_t kMaxRestored = 256u << 20; // bytes
+constexpr uint32_t kEnvelopeHeader = 4;       // bytes: the length of what is inside
 
-// A message under dispatch: its header, and its payload in the datagram, in the buffer that it was rebuilt
-// in, or in an owned one that it was restored into.
+// A message under dispatch. Its payload lies in the datagram, or in one of the buffers that it owns.
 struct Incoming {
     tav_ipc_hdr_st header;
     const unsigned char *payload;
-    MallocPtr<unsigned char> owned;
-
-    // Goes on with a buffer that holds a header and its payload.
-    void refer_to(const unsigned char *buffer) {
-        header = read_header(buffer);
-        payload = buffer + kHeaderSize;
-    }
+    ReassemblyBuffer rebuilt;          // from fragments
+    MallocPtr<unsigned char> restored; // from a compressed message
 };
 
 bool validate(const void *data, uint32_t len, int status, Incoming &in) {
@@ -39,7 +35,7 @@ bool validate(const void *data, uint32_t len, int status, Incoming &in) {
     return in.header.size <= len - kHeaderSize && tav_ipc_hdr_magic(&in.header) == in.header.magic;
 }
 
-// Do the lengths that the message carries lie inside it, and is what it claims acceptable?
+// Do the lengths in the message lie inside it, and is the restored size acceptable?
 bool restorable(const Incoming &in) {
     const uint32_t size = in.header.size;
     if (size < kAppHeaderSize) return false;
@@ -48,24 +44,22 @@ bool restorable(const Incoming &in) {
     return body < kEnvelopeHeader || load_be32(in.payload + kAppHeaderSize) <= kMaxRestored;
 }
 
-// Replaces a compressed application message by its plain form.
+// Replaces a compressed application message by its plain form. Logs.
 bool ipc_uncompress_msg(Incoming &in) {
-    void *out = nullptr;
+    void *out = nullptr; // the prescribed reserve in front of the message stays unused
     const int32_t result = restorable(in) ? tav_msg_uncompress2(in.payload, &out, kHeaderSize, 0)
                                           : static_cast<int32_t>(TAV_COMPRESS_BAD_ARG);
-    MallocPtr<unsigned char> restored(static_cast<unsigned char *>(out));
+    in.restored.reset(static_cast<unsigned char *>(out));
     if (result != TAV_COMPRESS_OK) {
         TAV_LOG_LIMITED(2, "tav_ipc", "uncompress msg failed, ret = %d", result);
         return false;
     }
-    tav_ipc_hdr_st header = in.header;
-    header.flags &= static_cast<uint16_t>(~IPC_FLAG_COMPRESSED);
-    header.size = kAppHeaderSize + app_body_length(restored.get() + kHeaderSize);
-    std::memcpy(restored.get(), &header, kHeaderSize);
-    TAV_LOG(4, "tav_ipc", "uncompress msg success, curr_size=%u, uncompress_size=%u", in.header.size,
-            header.size);
-    in.refer_to(restored.get());
-    in.owned = std::move(restored);
+    const uint32_t packed_size = in.header.size;
+    in.payload = in.restored.get() + kHeaderSize;
+    in.header.flags &= static_cast<uint16_t>(~IPC_FLAG_COMPRESSED);
+    in.header.size = kAppHeaderSize + app_body_length(in.payload);
+    TAV_LOG(4, "tav_ipc", "uncompress msg success, curr_size=%u, uncompress_size=%u", packed_size,
+            in.header.size);
     return true;
 }
 
@@ -74,7 +68,7 @@ void acknowledge(tav_ipc_st *ipc, const Incoming &in, int32_t result) {
     (void)tav_ipc_send_with_flags(ipc, &in.header.src, 0, &result, sizeof result, IPC_FLAG_ACK, &reqid);
 }
 
-// The code of an acknowledgement: its payload, or 0 when that is no 4-byte number.
+// The code of an acknowledgement: its payload if that has 4 bytes, else 0.
 int32_t acknowledged_code(const Incoming &in) {
     int32_t code = 0;
     if (in.header.size == sizeof code) std::memcpy(&code, in.payload, sizeof code);
@@ -96,6 +90,7 @@ void dispatch(tav_ipc_st *ipc, const Incoming &in) {
     const int32_t result = header.flags & IPC_FLAG_FILE ? save_chunk(ipc, in) : IPC_OK;
     if (ipc->closed) return; // by the file callback
     if (header.flags & IPC_FLAG_NEED_ACK) acknowledge(ipc, in, result);
+    if (ipc->closed) return; // by the sink of a line that the reply logged
     if (header.flags & (IPC_FLAG_FILE | IPC_FLAG_PROBE)) return;
     if ((header.flags & IPC_FLAG_REQUEST) && ipc->on_request)
         ipc->on_request(ipc, &header.src, header.reqid, header.cmd, in.payload, header.size,
@@ -107,7 +102,17 @@ void dispatch(tav_ipc_st *ipc, const Incoming &in) {
 void restore_and_dispatch(tav_ipc_st *ipc, Incoming &in) {
     if ((in.header.flags & IPC_FLAG_COMPRESSED) && !ipc_uncompress_msg(in)) return;
     TAV_TRACE(&in.header, "recv from dunix");
-    dispatch(ipc, in);
+    if (!ipc->closed) dispatch(ipc, in); // else closed by the sink of a line
+}
+
+// Replaces a fragment by the message that it completes.
+bool reassemble(tav_ipc_st *ipc, Incoming &in) {
+    std::optional<RebuiltMessage> message = add_fragment(ipc, in.header, in.payload);
+    if (!message) return false;
+    in.header = message->header;
+    in.rebuilt = std::move(message->payload);
+    in.payload = in.rebuilt.data();
+    return true;
 }
 
 } // namespace
@@ -116,18 +121,12 @@ void ipc_on_recv(cl_dunix_t, const void *data, uint32_t len, const cl_sockaddr_t
                  void *context) {
     auto *ipc = static_cast<tav_ipc_st *>(context);
     if (!ipc) return;
-    Incoming in{}; // outlives the guard: its buffer is freed last
+    Incoming in{}; // outlives the guard: its memory is freed last
     UseGuard guard(ipc, "ipc_on_recv");
     if (!validate(data, len, status, in)) return;
-    if (is_fragment(in.header)) {
-        Rebuilt message = add_fragment(ipc, in.header, in.payload);
-        if (!message.buffer) return;
-        in.refer_to(message.buffer.get());
-        restore_and_dispatch(ipc, in);
-        keep_spare(ipc, std::move(message));
-    } else {
-        restore_and_dispatch(ipc, in);
-    }
+    if (is_fragment(in.header) && !reassemble(ipc, in)) return;
+    restore_and_dispatch(ipc, in);
+    if (in.rebuilt) give_back(ipc, std::move(in.rebuilt));
 }
 
 } // namespace tavipc

@@ -1,6 +1,6 @@
 // From a datagram to the endpoint's callbacks: validates, reassembles, restores compressed payloads and
-// dispatches. Datagrams come from any local process: length and check value are tested here, everything
-// else in them may lie.
+// dispatches. Datagrams come from any local process: length and check value are tested here, every other
+// field may hold anything.
 #pragma once
 
 #include "tavcl_ev.h"

@@ -1,21 +1,22 @@
-// From a caller's message to datagrams: marks and compresses application messages, chooses the pipe, numbers
-// the message, keeps the destination's in-flight budget and cuts large messages into fragments.
+// The payload is copied exactly once: from the caller's buffer into the record or fragment slot that the
+// event library sends from.
 //
-// The payload is copied exactly once, from the caller's buffer into the queue record or fragment buffer that
-// the event library sends from.
+// Every log line can reach user code, and so can settle_sent. The frames here hold an EndpointPin and a
+// DestinationPin, and look at ipc->queue after such a call: null means that the endpoint was destroyed.
+#include "ipc/send.h"
+
 #include <cstring>
 #include <ctime>
 
 #include "common/facts.h"
 #include "common/log.h"
-#include "common/out_of_memory.h"
-#include "ipc/endpoint.h"
+#include "common/owned.h"
+#include "common/relaxed.h"
+#include "ipc/destination.h"
 #include "ipc/fragment_block.h"
-#include "ipc/ipc_process.h"
-#include "ipc/module_info.h"
 #include "ipc/msg_trace.h"
+#include "ipc/socket_directory.h"
 #include "ipc/transmitter.h"
-#include "ipc/unix_socket.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
 #include "tavipc/tav_compress.h"
@@ -25,39 +26,71 @@ namespace {
 
 constexpr uint8_t kHubLocation = 4; // the location whose endpoints reach others through "_prx%d" pipes
 constexpr int kHubPipes = 8;
+constexpr size_t kPathSize = 4096; // bytes of a composed path; one over 107 bytes is refused as an address
 
-int send_fragments(Route route, const tav_ipc_hdr_st &message, const void *payload) {
-    tav_ipc_hdr_st header = message;
-    const InUse keep(*route.mod);
-    header.frag_orig = message.size;
-    header.frag_id = static_cast<uint16_t>(ipc_rand_by_time() & 0xFFFF);
-    const uint32_t count = (message.size + kFragmentPayload - 1) / kFragmentPayload;
-    FragmentBlock *block = FragmentBlock::create(count);
-    if (!block) out_of_memory("tav_ipc", __LINE__);
-    for (uint32_t i = 0; i < count; ++i) {
-        const uint32_t offset = i * kFragmentPayload;
-        const uint32_t rest = message.size - offset;
-        header.size = rest < kFragmentPayload ? rest : kFragmentPayload;
-        set_fragment(header, static_cast<uint16_t>(i));
-        settle_sent();
-        route.now_ms = cl_event_loop_now();
-        unsigned char *datagram = block->take_slot();
-        if (payload)
-            std::memcpy(datagram + kHeaderSize, static_cast<const char *>(payload) + offset, header.size);
-        else
-            std::memset(datagram + kHeaderSize, 0, header.size);
-        if (submit_buffer(route, header, datagram, FragmentBlock::release_slot) != IPC_OK) {
-            block->give_up(datagram, count - i);
-            return IPC_ERR_SENDTO;
-        }
-    }
-    return IPC_OK;
+constinit Relaxed<uint16_t> trace_flag = 0; // ORed into the flags of every header
+constinit Relaxed<uint32_t> last_id = 0;
+
+// A new message id. No other thread has it; ids count from 1 and skip 0.
+uint32_t next_reqid() {
+    const uint32_t id = ++last_id;
+    return id != 0 ? id : next_reqid();
 }
 
-bool over_budget(const tav_ipc_st *ipc, const mod_info_st *mod, const tav_ipc_hdr_st &header,
-                 uint32_t priority) {
+// --- one message to one pipe
+
+// Where a message goes. A nested send to the same destination through another pipe leaves both as they are.
+struct Target {
+    DestinationPin to;            // empty: not made yet
+    const cl_sockaddr_t *address; // of the destination, or own
+    cl_sockaddr_t own;
+    size_t pipe_at;
+    const char *deploy_type;
+};
+
+// Finds the address of the pipe: the destination's own when that is the one, else composed. Returns false
+// when there is no such pipe. Reaches no user code.
+bool find_target(tav_ipc_st *ipc, const char *pipe, const char *name, Target &target) {
+    target.to = DestinationPin(find_destination(*ipc->queue, name));
+    if (target.to && target.to->leads_to(pipe)) {
+        target.address = &target.to->address;
+        return true;
+    }
+    char path[kPathSize];
+    target.deploy_type = GetDeployTypeStr();
+    target.address = &target.own;
+    if (!socket_path(path, sizeof path, ipc->location, pipe) || cl_sockaddr_un_init(&target.own, path) != 0)
+        return false;
+    target.pipe_at = std::strlen(path) - std::strlen(pipe);
+    return true;
+}
+
+// Remembers the address in the destination, unless another frame may be using the one that is there.
+void remember_address(Target &target) {
+    Destination &to = *target.to;
+    if (target.address == &to.address || to.pins > 1) return;
+    to.address = target.own;
+    to.deploy_type = target.deploy_type;
+    to.pipe_at = target.pipe_at;
+    target.address = &to.address;
+}
+
+// Makes the destination, or takes the default one. False when the endpoint was destroyed meanwhile.
+bool make_target(tav_ipc_st *ipc, const char *name, uint64_t now_ms, Target &target) {
+    target.to = DestinationPin(find_or_make_destination(*ipc->queue, name, now_ms));
+    if (!ipc->queue) return false;
+    arm_destination_sweep(ipc);
+    if (target.to) return true;
+    TAV_LOG_LIMITED(2, "tav_ipc", "cannot find module info, mod_name: %s", name);
+    if (!ipc->queue) return false;
+    target.to = DestinationPin(&destination_of(*ipc->queue->default_mod));
+    return true;
+}
+
+bool over_limit(const tav_ipc_st *ipc, const Destination &to, const tav_ipc_hdr_st &header,
+                uint32_t priority) {
     const uint32_t limit = in_flight_class(header.flags & IPC_FLAGS_CONTROL, priority);
-    if (uint64_t{header.size} + mod->sending_bytes < limit) return false;
+    if (uint64_t{header.size} + to.info.sending_bytes < limit) return false;
     TAV_LOG_LIMITED(2, "tav_ipc", "to many messages, IPC:[%s@%u:%x],MSG:[%s@%u:%x]->[%s@%u:%x] drop it",
                     name_text(ipc->my_addr).text, ipc->my_addr.hostid, ipc->my_addr.flags,
                     name_text(header.src).text, header.src.hostid, header.src.flags,
@@ -65,88 +98,92 @@ bool over_budget(const tav_ipc_st *ipc, const mod_info_st *mod, const tav_ipc_hd
     return true;
 }
 
-// The socket address of a pipe, remembered for the next message; false when it cannot be. It is copied: a
-// sink of log lines may send, too.
-bool find_address(tav_ipc_st *ipc, const char *dpipe, cl_sockaddr_t &address) {
-    auto &last = ipc->last_sent;
-    const char *deploy_type = GetDeployTypeStr();
-    if (*dpipe && last.deploy_type == deploy_type && std::strncmp(last.pipe, dpipe, sizeof last.pipe) == 0) {
-        address = last.address;
-        return true;
-    }
-    char path[4096];
-    if (!socket_path(path, sizeof path, ipc->location, dpipe) || cl_sockaddr_un_init(&address, path) != 0)
-        return false;
-    if (std::strlen(dpipe) >= sizeof last.pipe) return true;
-    std::strcpy(last.pipe, dpipe);
-    last.deploy_type = deploy_type;
-    last.address = address;
-    return true;
+int refuse_huge(const tav_ipc_hdr_st &header) {
+    TAV_TRACE(&header, "too huge, dropped: %u", header.size);
+    if (header.flags & IPC_FLAG_RESPONSE) // nobody sees the result of tav_ipc_response
+        TAV_LOG_LIMITED(2, "tav_ipc", "response is too large, drop it|reqid=%u|dest=[%u:%s:%u]|size=%u",
+                        header.reqid, header.dest.hostid, name_text(header.dest).text, header.dest.loc,
+                        header.size);
+    return IPC_ERR_SENDTO;
 }
 
-// Sends one message (header without magic, header.size payload bytes, payload null: zeros) to one pipe.
-int send_to_pipe(tav_ipc_st *ipc, const char *dpipe, const tav_ipc_hdr_st &header, const void *payload) {
-    if (header.size > kMaxMessage) {
-        TAV_TRACE(&header, "too huge, dropped: %u", header.size);
-        return IPC_ERR_SENDTO;
+int send_fragments(Route route, const tav_ipc_hdr_st &message, const void *payload) {
+    tav_ipc_hdr_st header = message; // all fragments carry the message's id
+    header.frag_orig = message.size;
+    header.frag_id = static_cast<uint16_t>(ipc_rand_by_time() & 0xFFFF);
+    const uint32_t count = (message.size + kFragmentPayload - 1) / kFragmentPayload;
+    const auto block = FragmentBlock::create(count);
+    if (!block) return IPC_ERR_SENDTO;
+    route.block = block.get();
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t offset = i * kFragmentPayload;
+        const uint32_t rest = message.size - offset;
+        header.size = rest < kFragmentPayload ? rest : kFragmentPayload;
+        set_fragment(header, static_cast<uint16_t>(i));
+        settle_sent();
+        if (!route.ipc->queue) return IPC_ERR_SENDTO;
+        route.now_ms = cl_event_loop_now();
+        const auto *piece = payload ? static_cast<const unsigned char *>(payload) + offset : nullptr;
+        if (const int result = submit(route, header, piece); result != IPC_OK) return result;
     }
-    cl_sockaddr_t address;
-    if (!find_address(ipc, dpipe, address)) return IPC_ERR_SENDTO;
-    TAV_TRACE(&header, "send via dunix:%s", address.addr.sun_path);
+    return IPC_OK;
+}
+
+// Sends one message (header without magic, header.size payload bytes) to one pipe. The endpoint is pinned.
+int send_to_pipe(tav_ipc_st *ipc, const char *pipe, const tav_ipc_hdr_st &header, const void *payload) {
+    if (!ipc->queue) return IPC_ERR_SENDTO;
+    if (header.size > kMaxMessage) return refuse_huge(header);
+    const NameText name = name_text(header.dest);
+    Target target;
+    if (!find_target(ipc, pipe, name, target)) return IPC_ERR_SENDTO;
+    TAV_TRACE(&header, "send via dunix:%s", target.address->addr.sun_path);
 
     settle_sent();
+    if (!ipc->queue) return IPC_ERR_SENDTO;
     const uint64_t now_ms = cl_event_loop_now();
-    const NameText name = name_text(header.dest);
-    mod_info_st *mod = find_module(*ipc->queue, name, now_ms);
-    if (!mod) {
-        TAV_LOG_LIMITED(2, "tav_ipc", "cannot find module info, mod_name: %s", name.text);
-        mod = ipc->queue->default_mod;
-    }
-    const uint32_t priority = message_priority(header.flags, payload, header.size);
-    if (over_budget(ipc, mod, header, priority)) return IPC_ERR_SENDTO;
+    if (target.to)
+        target.to->info.last_used = now_ms;
+    else if (!make_target(ipc, name, now_ms, target))
+        return IPC_ERR_SENDTO;
+    remember_address(target);
 
-    const Route route{ipc, mod, &address, priority, now_ms};
-    if (header.size <= kFragmentPayload) return submit_copy(route, header, payload);
-    return send_fragments(route, header, payload);
+    const uint32_t priority = message_priority(header.flags, payload, header.size);
+    if (over_limit(ipc, *target.to, header, priority)) return IPC_ERR_SENDTO;
+    const Route route{ipc, &*target.to, target.address, priority, now_ms, nullptr};
+    return header.size <= kFragmentPayload ? submit(route, header, payload)
+                                           : send_fragments(route, header, payload);
 }
 
-// A caller's message on its way to one or more pipes.
-struct Message {
-    tav_addr_st dest;
-    uint32_t cmd;
-    const void *data;
-    uint32_t size;
-    uint16_t flags;
-};
+// --- a message to its pipe or pipes
 
-int build_and_send(tav_ipc_st *ipc, const char *dpipe, const Message &message, uint32_t *reqid) {
+int build_and_send(tav_ipc_st *ipc, const char *pipe, const Message &message, uint32_t *reqid) {
     tav_ipc_hdr_st header{};
     header.dest = message.dest;
     header.src = ipc->my_addr;
     header.cmd = message.cmd;
     header.reqid = reqid && *reqid ? *reqid : next_reqid();
     if (reqid) *reqid = header.reqid;
-    header.flags = message.flags | process_state().trace_flag;
+    header.flags = message.flags | trace_flag;
     header.size = message.size;
     TAV_LOG(
         4, "tav_ipc",
         "ipc->my_addr.name %s, ipc->my_addr.hostid %u, ipc->my_addr.flags %u, ipc->my_addr.loc %u, dpipe %s, "
         "size %u|src=[%u:%s:%u]|dest=[%u:%s:%u]|reqid=%u|frag_seq=%u|frag_id=%u|size=%u|frag_orig=%u",
-        name_text(ipc->my_addr).text, ipc->my_addr.hostid, ipc->my_addr.flags, ipc->my_addr.loc, dpipe,
+        name_text(ipc->my_addr).text, ipc->my_addr.hostid, ipc->my_addr.flags, ipc->my_addr.loc, pipe,
         message.size, header.src.hostid, name_text(header.src).text, header.src.loc, header.dest.hostid,
         name_text(header.dest).text, header.dest.loc, header.reqid, fragment_sequence(header), header.frag_id,
         header.size, header.frag_orig);
-    return send_to_pipe(ipc, dpipe, header, message.data);
+    return send_to_pipe(ipc, pipe, header, message.data);
 }
 
-// One copy to each hub pipe; accepted when any of them took it.
+// Sends one copy to each hub pipe. Accepted when at least one copy was.
 int send_to_hub_pipes(tav_ipc_st *ipc, const Message &message, uint32_t *reqid) {
     bool accepted = false;
     int last_error = IPC_OK;
     for (int i = 0; i < kHubPipes; ++i) {
-        char dpipe[32];
-        str_snprintf(dpipe, sizeof dpipe, "_prx%d", i);
-        const int result = build_and_send(ipc, dpipe, message, reqid);
+        char pipe[32];
+        str_snprintf(pipe, sizeof pipe, "_prx%d", i);
+        const int result = build_and_send(ipc, pipe, message, reqid);
         if (result == IPC_OK)
             accepted = true;
         else
@@ -168,11 +205,11 @@ bool wants_compression(const Message &message) {
     return (message.flags & IPC_FLAG_APP_MSG) && !(message.flags & IPC_FLAG_COMPRESSED) &&
            (message.dest.flags & ADDR_FLAG_COMPRESS_OK) && message.size >= kCompressMinimum &&
            is_app_message(message.data, message.size) && app_method(message.data) == 0 &&
-           // A payload whose own length field disagrees is not what it looks like: it goes as it is.
+           // Its own length field must agree, else it only looks like an application message.
            uint64_t{kAppHeaderSize} + app_body_length(message.data) == message.size;
 }
 
-// Replaces the payload by its compressed form where that is allowed and shorter; the result owns it.
+// Replaces the payload by its compressed form where that is allowed and shorter. The result owns that form.
 MallocPtr<void> compress_payload(Message &message) {
     if (!wants_compression(message)) return nullptr;
     void *out = nullptr;
@@ -192,17 +229,32 @@ MallocPtr<void> compress_payload(Message &message) {
 }
 
 } // namespace
+
+int send_message(tav_ipc_st *ipc, Message message, uint32_t *reqid) {
+    if (!ipc->queue) return IPC_ERR_SENDTO;
+    const EndpointPin pin(ipc);
+    if (is_app_message(message.data, message.size)) message.flags |= IPC_FLAG_APP_MSG;
+    const MallocPtr<void> compressed = compress_payload(message);
+    return route_message(ipc, message, reqid);
+}
+
+void trace_sent_messages() { trace_flag = IPC_FLAG_TRACE; }
+
+uint32_t last_reqid() { return last_id; }
+
+void reset_sending(uint32_t last) {
+    trace_flag = 0;
+    last_id = last;
+}
+
 } // namespace tavipc
 
 using namespace tavipc;
 
 int tav_ipc_send_with_flags(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,
                             uint32_t size, uint16_t flags, uint32_t *reqid) noexcept {
-    if (!ipc || !dest || !ipc->queue) return IPC_ERR_SENDTO;
-    Message message{*dest, cmd, data, size, flags};
-    if (is_app_message(data, size)) message.flags |= IPC_FLAG_APP_MSG;
-    const MallocPtr<void> compressed = compress_payload(message);
-    return route_message(ipc, message, reqid);
+    if (!ipc || !dest) return IPC_ERR_SENDTO;
+    return send_message(ipc, {read_address(dest), cmd, data, size, flags}, reqid);
 }
 
 int tav_ipc_send(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,
@@ -212,7 +264,8 @@ int tav_ipc_send(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const v
 }
 
 int tav_ipc_send_raw(tav_ipc_st *ipc, const char *dpipe, const void *datagram) noexcept {
-    if (!ipc || !dpipe || !datagram || !ipc->queue) return IPC_ERR_SENDTO;
+    if (!ipc || !dpipe || !datagram) return IPC_ERR_SENDTO;
+    const EndpointPin pin(ipc);
     return send_to_pipe(ipc, dpipe, read_header(datagram), static_cast<const char *>(datagram) + kHeaderSize);
 }
 

@@ -1,9 +1,9 @@
-// Lets a frame that calls out to user code learn that the callback tore down the very object it works on.
+// Shows a frame that calls user code whether the callback destroyed the object that the frame works on.
 //
-// The object has a private "int *destroyed", null while no frame watches. A watch puts its own mark there
-// for its lifetime; the object's tear-down sets the mark through mark_torn_down, and the frame then touches
-// the object no more. Watches of one object nest as the frames do (a callback may run the loop): the inner
-// one hands its mark on to the outer one.
+// The object has a private "int *destroyed", null while no frame watches. A watch points it at a mark of its
+// own for its lifetime. Destroying the object sets the mark through mark_torn_down, and the frame then leaves
+// the object alone. Watches of one object nest as the frames do, since a callback may run the loop: the inner
+// watch passes its mark on to the outer one.
 #pragma once
 
 namespace tavipc {
@@ -28,7 +28,7 @@ class TeardownWatch {
     int *outer_;
 };
 
-// Called by the tear-down, which then leaves a null slot (or no object at all).
+// Called when the object is destroyed. The slot is null afterwards.
 inline void mark_torn_down(int *&slot) {
     if (slot) *slot = 1;
     slot = nullptr;

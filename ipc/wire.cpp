@@ -1,4 +1,4 @@
-// Address records and the check value of a header.
+// Address records and the check value of a header. The exported functions accept records of any alignment.
 #include "ipc/wire.h"
 
 #include <cstdlib>
@@ -24,12 +24,19 @@ uint32_t hash_name(const tav_addr_st &address, uint32_t factor) {
 }
 
 } // namespace
+
+uint32_t check_value(const tav_ipc_hdr_st &header) {
+    const uint32_t names = 0x19D699A5u ^ hash_name(header.src, 0x1C231u) ^ hash_name(header.dest, 0x4DE1u);
+    return (header.reqid * 0x132A3B3Du) ^ (header.cmd * 0x53C93455u) ^ (header.size * 0x05A0B809u) ^ names;
+}
+
 } // namespace tavipc
 
 int tav_addr_cmp(const tav_addr_st *a, const tav_addr_st *b) noexcept {
     if (!a || !b) return -1;
-    if (a->hostid != b->hostid || a->loc != b->loc) return -1;
-    return std::strncmp(a->name, b->name, TAV_IPC_NAME_SIZE) == 0 ? 0 : -1;
+    const tav_addr_st left = tavipc::read_address(a), right = tavipc::read_address(b);
+    if (left.hostid != right.hostid || left.loc != right.loc) return -1;
+    return std::strncmp(left.name, right.name, TAV_IPC_NAME_SIZE) == 0 ? 0 : -1;
 }
 
 extern "C" {
@@ -53,23 +60,24 @@ tav_addr_st *tav_addr_create(const char *name, uint8_t loc, uint8_t flags) noexc
 tav_addr_st *tav_addr_dup(const tav_addr_st *address) noexcept {
     if (!address) return nullptr;
     tav_addr_st *copy = tavipc::new_address();
-    *copy = *address;
+    *copy = tavipc::read_address(address);
     return copy;
 }
 
 void tav_addr_destroy(tav_addr_st *address) noexcept { std::free(address); }
 
 const char *tav_addr_get_name(const tav_addr_st *address) noexcept {
-    return address ? address->name : nullptr;
+    return address ? reinterpret_cast<const char *>(address) + offsetof(tav_addr_st, name) : nullptr;
 }
-unsigned int tav_addr_get_loc(const tav_addr_st *address) noexcept { return address ? address->loc : 0; }
-uint32_t tav_addr_get_hostid(const tav_addr_st *address) noexcept { return address ? address->hostid : 0; }
+unsigned int tav_addr_get_loc(const tav_addr_st *address) noexcept {
+    return address ? tavipc::read_address(address).loc : 0;
+}
+uint32_t tav_addr_get_hostid(const tav_addr_st *address) noexcept {
+    return address ? tavipc::read_address(address).hostid : 0;
+}
 
 uint32_t tav_ipc_hdr_magic(const tav_ipc_hdr_st *header) noexcept {
-    if (!header) return 0;
-    const uint32_t names =
-        0x19D699A5u ^ tavipc::hash_name(header->src, 0x1C231u) ^ tavipc::hash_name(header->dest, 0x4DE1u);
-    return (header->reqid * 0x132A3B3Du) ^ (header->cmd * 0x53C93455u) ^ (header->size * 0x05A0B809u) ^ names;
+    return header ? tavipc::check_value(tavipc::read_header(header)) : 0;
 }
 
 } // extern "C"

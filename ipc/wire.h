@@ -1,8 +1,9 @@
 // The bytes on the wire: address and header layout, fragment word, application-message fields.
 //
-// A datagram is a 60-byte tav_ipc_hdr_st and its payload. Multi-byte fields are in host order; only the
-// application message's own fields are big-endian. Bytes from a peer have any alignment and may lie: they
-// are copied out through read_header, and names are read through name_text, never as C strings.
+// A datagram is a 60-byte tav_ipc_hdr_st and its payload. Multi-byte fields are in host order. Only the
+// application message's own fields are big-endian. Bytes from a peer or a caller have any alignment, and a
+// peer's may be forged: read_header and read_address copy them out, and name_text reads names, which need not
+// have a terminator.
 #pragma once
 
 #include <cstddef>
@@ -10,6 +11,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "common/big_endian.h"
 #include "tavipc/tav_ipc.h"
 
 namespace tavipc {
@@ -31,14 +33,22 @@ static_assert(offsetof(tav_ipc_hdr_st, frag_word) == 52 && offsetof(tav_ipc_hdr_
 static_assert(offsetof(tav_ipc_hdr_st, magic) == 56);
 static_assert(std::is_trivially_copyable_v<tav_ipc_hdr_st> && std::is_standard_layout_v<tav_ipc_hdr_st>);
 
-// The header at the front of a datagram of at least 60 bytes.
+// The header at the front of a datagram of at least 60 bytes, and an address of 16 bytes. Any alignment.
 inline tav_ipc_hdr_st read_header(const void *datagram) {
     tav_ipc_hdr_st header;
     std::memcpy(&header, datagram, sizeof header);
     return header;
 }
+inline tav_addr_st read_address(const void *bytes) {
+    tav_addr_st address;
+    std::memcpy(&address, bytes, sizeof address);
+    return address;
+}
 
-// --- fragment word: bit 0 "is a fragment", bits 1 to 10 sequence number, the rest carried unchanged
+// What tav_ipc_hdr_magic computes, for an aligned header.
+uint32_t check_value(const tav_ipc_hdr_st &header);
+
+// --- fragment word: bit 0 "is a fragment", bits 1 to 10 sequence number, the others carried unchanged
 
 inline bool is_fragment(const tav_ipc_hdr_st &header) { return header.frag_word[0] & 1; }
 inline uint16_t fragment_sequence(const tav_ipc_hdr_st &header) {
@@ -62,18 +72,10 @@ inline NameText name_text(const tav_addr_st &address) {
     name.text[TAV_IPC_NAME_SIZE] = '\0';
     return name;
 }
-// A name becomes the last component of a socket path: one with a "/" would leave the directory.
-inline bool is_path_safe(const char *name) { return std::strchr(name, '/') == nullptr; }
-
-// --- big-endian fields
-
-inline uint16_t load_be16(const void *bytes) {
-    const auto *b = static_cast<const uint8_t *>(bytes);
-    return static_cast<uint16_t>((b[0] << 8) | b[1]);
-}
-inline uint32_t load_be32(const void *bytes) {
-    const auto *b = static_cast<const uint8_t *>(bytes);
-    return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
+// Whether a file of the socket directory can have the name: it is not empty, "." or "..", and has no "/".
+inline bool is_file_name(const char *name) {
+    if (name[0] == '\0' || std::strchr(name, '/')) return false;
+    return std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0;
 }
 
 // --- application messages: a 20-byte header of their own in front of the body

@@ -1,4 +1,4 @@
-# Run by cpack on the packages: takes away the scripts that it writes to call ldconfig, which the package's trigger does.
+# cpack runs this on the packages. It removes the scripts with which cpack calls ldconfig: the package has a trigger for it.
 foreach(package IN LISTS CPACK_PACKAGE_FILES)
   if(package MATCHES "/libtavipc[0-9]+_")
     set(tree ${CPACK_TEMPORARY_DIRECTORY}/finish)

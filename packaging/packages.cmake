@@ -34,12 +34,13 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_MULTIARCH same)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS tavipc-tools)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "messages between the processes of an endpoint agent
-libtavipc lets the modules of an agent, processes of one machine, send one
-another messages, requests and files over Unix-domain datagram sockets,
-inside the event loop of their own. An endpoint opens only for executables
-that a signed list names.
+libtavipc sends messages, requests and files between the modules of an
+endpoint agent, which are processes of one machine. It uses Unix-domain
+datagram sockets and runs inside the event loop of the program. Only
+executables named in a signed allow-list may open endpoints.
 .
-This package has the shared libraries: libtavipc and the three beneath it.")
+This package contains the shared libraries: libtavipc, and libtavbase,
+libtavaux and libtavcl_ev, which it is based on.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtavipc-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -47,11 +48,11 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_MULTIARCH same)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libtavipc0 ${same_version}")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS tavipc-tools)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "messages between processes of an endpoint agent - development
-libtavipc lets the modules of an agent, processes of one machine, send one
-another messages, requests and files over Unix-domain datagram sockets.
+libtavipc sends messages, requests and files between the modules of an
+endpoint agent, which are processes of one machine.
 .
-This package has the headers, pkg-config and CMake packages, the manual pages
-of the functions and example programs.")
+This package contains the headers, the pkg-config and CMake packages, the
+manual pages of the functions, and example programs.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tavipc-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
@@ -59,11 +60,11 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtavipc0 ${same_version}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/debian/postinst
   ${CMAKE_CURRENT_SOURCE_DIR}/debian/prerm ${CMAKE_CURRENT_SOURCE_DIR}/debian/postrm)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "messages between the processes of an endpoint agent - tools
-tavctl looks at the endpoints of an agent's modules, talks to them, examines
-the machine and keeps the signed list of executables that may open endpoints.
+tavctl inspects the endpoints of an agent's modules, sends to them, checks the
+machine, and maintains the signed list of executables that may open endpoints.
 .
-This package also has the agent's directory /usr/lib/tavipc with its
+This package also contains the agent's directory /usr/lib/tavipc with its
 configuration in /etc/tavipc, the socket directory, the kernel setting for
-longer queues and the manual pages for administrators.")
+longer queues, and the manual pages for administrators.")
 
 include(CPack)

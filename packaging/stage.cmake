@@ -14,7 +14,7 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   file(COPY_FILE ${CPACK_TAVIPC_SOURCE}/CHANGELOG.md ${doc}/changelog)
   file(WRITE ${doc}/changelog.Debian
     "tavipc (${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}) unstable; urgency=medium\n\n"
-    "  * Built from its source; changelog.gz tells what is new.\n\n"
+    "  * Built from its source; changelog.gz lists the changes.\n\n"
     " -- ${CPACK_PACKAGE_CONTACT}  ${date}\n")
   file(GLOB_RECURSE pages ${usr}/share/man/*.[1357])
   set(plain ${doc}/changelog ${doc}/changelog.Debian)

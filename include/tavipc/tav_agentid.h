@@ -1,10 +1,12 @@
 /* tav_agentid.h - the agent's identity: configuration directory, manager address, agent id, VM id, and the
  * check of the calling process against the signed allow-list.
  *
- * The agent id is an unsigned 32-bit number, 0 = none, kept in the file machineid of the configuration
+ * The agent id is an unsigned 32-bit number, 0 = none, stored in the file machineid of the configuration
  * directory. CreateAgentId, GetAgentIdFromFileWhileClone and StoreAgentIdByRuvo hold a lock that all
- * processes of the host share (named semaphore /tav_agentid_mutexlock), for which they wait at most 6
- * seconds; the other functions take none.
+ * processes of the host share (the named semaphore /tav_agentid_mutexlock). They wait at most 6 seconds
+ * for it. If the file of the semaphore in /dev/shm cannot be used, they remove it; if that is not allowed,
+ * they write a log line and return 0 (CreateAgentId the id of an earlier call). The other functions take no
+ * lock.
  */
 #ifndef TAVIPC_TAV_AGENTID_H
 #define TAVIPC_TAV_AGENTID_H
@@ -23,43 +25,44 @@ typedef struct _Mac_Node {
 /* --- exported under type-encoded names ---------------------------------------------------------- */
 
 /* Writes the configuration directory, cut to size bytes and NUL-terminated, into out: the first of
- * $TAV_INSTALL_ROOT/config, "@/../config" ("@" is the directory of the executable) and the config directory
- * beside the first "bin" in the path of "@" that exists, else "@/../config" all the same. Nothing is
- * written when out is null or size below 1. */
+ * $TAV_INSTALL_ROOT/config, "@/../config" ("@" is the directory of the executable) and the directory "config"
+ * beside the first "bin" in the path of "@" that exists. If none exists, writes "@/../config". Writes nothing
+ * if out is null or size below 1. */
 TAVIPC_API void GetTAVConfPath(char *out, int size) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z14GetTAVConfPathPci");
 
-/* 1 when the first three of mac's six bytes are a virtual adapter's prefix in the library's table, else 0
- * (0 for null). */
+/* Returns 1 if the first three of mac's six bytes are the prefix of a virtual adapter in the library's table,
+ * otherwise 0 (0 for null). */
 TAVIPC_API int IsExcludeAdapter(unsigned char *mac) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z16IsExcludeAdapterPh");
 
-/* Releases a list; null is ignored. */
+/* Releases a list. Ignores null. */
 TAVIPC_API void FreeMacList(_Mac_Node *head) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z11FreeMacListP9_Mac_Node");
 
-/* Determines, stores and returns the agent id; 0 when there is none. May sleep and probe the route to the
- * manager (up to about 18 seconds, and as long as the resolver takes). Ends the process: with exit status 1
- * when no manager address is configured and no id is stored; by abort() when the manager is on the loopback
- * address and the VM id cannot be had. Both write a level-1 log line first. */
+/* Determines, stores and returns the agent id; 0 if there is none. Threads may call it at the same time. May
+ * sleep and probe the route to the manager (up to about 18 seconds, plus the time of the resolver). Ends the
+ * process with exit status 1 if no manager address is configured and no id is stored, and by abort() if the
+ * manager is on the loopback address and the VM id is unknown. Both write a level-1 log line first. */
 TAVIPC_API unsigned int CreateAgentId(void) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z13CreateAgentIdv");
 
-/* The VM id that the guest tool reports, 0 on failure. use_global: return g_vmid when it is known, and keep
- * a new id there; else the tool always runs and g_vmid is left alone. */
+/* Returns the VM id that the guest tool reports, 0 on failure. With use_global, returns g_vmid if it is
+ * known, and otherwise stores the new id there. Without, always runs the tool and leaves g_vmid unchanged. */
 TAVIPC_API uint64_t GetVMID(bool use_global) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z7GetVMIDb");
 
-/* Agent id made from the VM id and stored at machineid_path. 0 when the path is null or the file is longer
- * than 4 bytes (it holds an id made from a MAC). Calls abort() when no VM id can be had. */
+/* Makes an agent id from the VM id, stores it at machineid_path and returns it. Returns 0 if the path is null
+ * or the file is longer than 4 bytes (it holds an id made from a MAC). Calls abort() if the VM id is unknown.
+ */
 TAVIPC_API unsigned int CreateAgentIdByVMID(const char *machineid_path) TAVIPC_NOEXCEPT
     TAVIPC_ENCODED("_Z19CreateAgentIdByVMIDPKc");
 
-/* The id stored in a machineid file, 0 when path is null or there is none. */
+/* Returns the id stored in a machineid file, 0 if path is null or there is none. */
 TAVIPC_API unsigned int ReadAgentid(const char *path) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z11ReadAgentidPKc");
 
-/* When the marker clone_mac lies in the configuration directory: the stored id. A stored id of 0 removes the
- * marker. 0 also when there is no marker or the lock cannot be had. */
+/* Returns the stored id if the marker clone_mac exists in the configuration directory. A stored id of 0
+ * removes the marker. Returns 0 if there is no marker or the lock cannot be taken. */
 TAVIPC_API unsigned int GetAgentIdFromFileWhileClone(void) TAVIPC_NOEXCEPT
     TAVIPC_ENCODED("_Z28GetAgentIdFromFileWhileClonev");
 
-/* Stores id and returns it (also when the file could not be written: the log tells); 0 when the lock cannot
- * be had. */
+/* Stores id and returns it, even if the file could not be written (a log line says so). Returns 0 if the lock
+ * cannot be taken. */
 TAVIPC_API unsigned int StoreAgentIdByRuvo(unsigned int id) TAVIPC_NOEXCEPT
     TAVIPC_ENCODED("_Z18StoreAgentIdByRuvoj");
 
@@ -68,20 +71,21 @@ TAVIPC_API unsigned int StoreAgentIdByRuvo(unsigned int id) TAVIPC_NOEXCEPT
 TAVIPC_BEGIN_DECLS
 
 /* The manager's address (dotted IPv4, at most ip_size bytes with the NUL) and IPC port (host order, default
- * 8083), from server.ini and server_port.ini. 0 on success; 6 when ip or port is null or ip_size below 1;
- * 14 when the address cannot be resolved; else the errno of what failed, which may be 0 when a key is
+ * 8083), from server.ini and server_port.ini. Returns 0 on success; 6 if ip or port is null or ip_size below
+ * 1; 14 if the address cannot be resolved; otherwise the errno of the failure, which may be 0 if a key is
  * absent. */
 TAVIPC_API int GetMgrAddr(char *ip, int ip_size, unsigned short *port) TAVIPC_NOEXCEPT;
 
-/* The VM id once obtained, 0 = not known. */
+/* The VM id, 0 = not known yet. */
 TAVIPC_API extern uint64_t g_vmid;
 
 /* GetVMID(true) and GetVMID(false). */
 TAVIPC_API uint64_t tav_get_vmidid(void) TAVIPC_NOEXCEPT;
 TAVIPC_API uint64_t tav_get_vmidid_from_G2HProxy(void) TAVIPC_NOEXCEPT;
 
-/* 0 when the running executable's name is in the signed allow-list "@/../config/linux.json", whose signature
- * is "@/../config/linux_sign.json"; else -1, with the reason in the log (level 1). Nothing is cached. */
+/* Returns 0 if the name of the running executable is in the signed allow-list "@/../config/linux.json", whose
+ * signature is "@/../config/linux_sign.json"; otherwise -1, with the reason in the log (level 1). Nothing is
+ * cached. */
 TAVIPC_API int32_t c_get_process(void) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS

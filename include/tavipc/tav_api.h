@@ -4,9 +4,9 @@
  *  1. Everything is a plain C function over plain records and opaque handles; the headers compile as
  *     C11 and as C++20.
  *  2. Pointers passed in are borrowed until the call returns, unless a comment says otherwise.
- *  3. No function throws. A callback given to the library must not let an exception out of it: one
- *     that escapes ends the process.
- *  4. A null pointer where the comment asks for an object gets the documented error, never a crash.
+ *  3. No function throws. A callback must not throw either: an exception that escapes from it ends the
+ *     process.
+ *  4. A null pointer where the comment asks for an object gives the documented error, never a crash.
  *  5. Lengths are bytes, times carry their unit in the comment, multi-byte fields are in host order
  *     unless a comment says big-endian.
  */
@@ -21,13 +21,13 @@
 #define TAVIPC_NOEXCEPT noexcept
 #define TAVIPC_BEGIN_DECLS extern "C" {
 #define TAVIPC_END_DECLS }
-/* Twelve functions are exported under type-encoded names: C++ gets them by their signatures... */
+/* Twelve functions are exported under type-encoded names. C++ derives these names from the signatures. */
 #define TAVIPC_ENCODED(symbol)
 #else
 #define TAVIPC_NOEXCEPT
 #define TAVIPC_BEGIN_DECLS
 #define TAVIPC_END_DECLS
-/* ... and C by an assembler label. */
+/* C needs an assembler label. */
 #define TAVIPC_ENCODED(symbol) __asm__(symbol)
 #endif
 

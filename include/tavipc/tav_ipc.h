@@ -10,16 +10,17 @@
  *     it. After tav_ipc_destroy the handle must not be used, also not by the rest of that callback.
  *  3. Data and addresses passed to a callback are valid until it returns.
  *  4. Data passed to a sending function is copied before the function returns.
- *  5. Short memory for a record that the library cannot work without ends the process in good order: exit
- *     status 0, after "Out of memory" or "memory not enough" in the log (level 0). These are addresses,
- *     endpoint handles, outstanding exchanges, the fragments of a large message that is sent, a message
- *     that is put together and a file that is received. Everything else fails as its comment says.
+ *  5. If memory for an essential record cannot be allocated, the process exits with status 0, after "Out of
+ *     memory" or "memory not enough" in the log (level 0). Essential are addresses, endpoint handles,
+ *     outstanding exchanges, messages under reassembly and received files. All other functions fail as their
+ *     comments say.
+ *  6. A log sink is a callback, too: any function of an endpoint may write a log line from inside.
  *
- * Threads: each thread of a process may have endpoints of its own, on its own loop; message ids are unique in
+ * Threads: each thread of a process may have endpoints of its own, on its own loop. Message ids are unique in
  * the process. Functions without an endpoint (addresses, texts, host ids, traces) may be called on any
- * thread. Not so these two: all endpoints that accept files belong to one thread, also for tav_ipc_save_file
- * and tav_ipc_get_file_path; and load_ipc_proxy_conf is called before the first endpoint of any thread is
- * made.
+ * thread, with two exceptions. All endpoints that accept files belong to one thread, which alone calls
+ * tav_ipc_save_file and tav_ipc_get_file_path. load_ipc_proxy_conf is called before any thread opens an
+ * endpoint.
  */
 #ifndef TAVIPC_TAV_IPC_H
 #define TAVIPC_TAV_IPC_H
@@ -49,18 +50,17 @@ typedef struct tav_addr_st {
 
 /* Message header, 60 bytes in front of every datagram's payload. docs/wire.md has worked examples. */
 typedef struct tav_ipc_hdr_st {
-    tav_addr_st dest;   /* final destination, also when a proxy endpoint gets the datagram */
-    tav_addr_st src;    /* the sending endpoint */
-    uint32_t reqid;     /* message or request id, never 0 from this library */
-    uint16_t flags;     /* IPC_FLAG_*; other bits are carried unchanged */
-    uint16_t rflags;    /* 0, carried unchanged */
-    uint32_t cmd;       /* command code chosen by the sender */
-    uint32_t size;      /* payload bytes behind this header */
-    uint32_t frag_orig; /* in a fragment: payload bytes of the whole message; else 0 */
-    uint8_t
-        frag_word[2]; /* bit 0 of byte 0: is a fragment; then 10 bits of sequence number, low bits first */
-    uint16_t frag_id; /* the same in all fragments of a message; else 0 */
-    uint32_t magic;   /* check value, tav_ipc_hdr_magic */
+    tav_addr_st dest;     /* final destination, also when a proxy endpoint gets the datagram */
+    tav_addr_st src;      /* the sending endpoint */
+    uint32_t reqid;       /* message or request id, never 0 from this library */
+    uint16_t flags;       /* IPC_FLAG_*; other bits are carried unchanged */
+    uint16_t rflags;      /* 0, carried unchanged */
+    uint32_t cmd;         /* command code chosen by the sender */
+    uint32_t size;        /* payload bytes behind this header */
+    uint32_t frag_orig;   /* in a fragment: payload bytes of the whole message; else 0 */
+    uint8_t frag_word[2]; /* bit 0: is a fragment; bits 1 to 10: sequence number, low bits first */
+    uint16_t frag_id;     /* the same in all fragments of a message; else 0 */
+    uint32_t magic;       /* check value, tav_ipc_hdr_magic */
 } tav_ipc_hdr_st;
 
 #define IPC_FLAG_ACK 0x0001        /* acknowledges reqid; payload is a signed 32-bit status */
@@ -144,92 +144,112 @@ TAVIPC_API int tav_addr_cmp(const tav_addr_st *a, const tav_addr_st *b) TAVIPC_N
 
 TAVIPC_BEGIN_DECLS
 
-/* New address records, to be released with tav_addr_destroy. Null when name is null or longer than 9
- * characters. Short memory ends the process (exit status 0, "Out of memory" in the log). */
+/* Return a new address record, which the caller releases with tav_addr_destroy. Null when name is null or
+ * longer than 9 characters. Short memory ends the process (lifetime rule 5). name is copied. */
 TAVIPC_API tav_addr_st *tav_addr_create(const char *name, uint8_t loc, uint8_t flags) TAVIPC_NOEXCEPT;
 TAVIPC_API tav_addr_st *tav_addr_create2(const char *name, uint8_t loc, uint32_t hostid,
                                          uint8_t flags) TAVIPC_NOEXCEPT;
-/* A copy of all 16 bytes; null for null. */
+/* Returns a copy of all 16 bytes, which the caller releases with tav_addr_destroy; null for null. */
 TAVIPC_API tav_addr_st *tav_addr_dup(const tav_addr_st *address) TAVIPC_NOEXCEPT;
 /* Releases a record made by the three functions above; null is ignored. */
 TAVIPC_API void tav_addr_destroy(tav_addr_st *address) TAVIPC_NOEXCEPT;
 
-/* The name bytes inside the record (null for null), the location number and the host id (0 for null). */
+/* Return the name bytes inside the record (null for null), valid as long as it; the location number and the
+ * host id (0 for null). */
 TAVIPC_API const char *tav_addr_get_name(const tav_addr_st *address) TAVIPC_NOEXCEPT;
 TAVIPC_API unsigned int tav_addr_get_loc(const tav_addr_st *address) TAVIPC_NOEXCEPT;
 TAVIPC_API uint32_t tav_addr_get_hostid(const tav_addr_st *address) TAVIPC_NOEXCEPT;
 
-/* The check value over the two names, reqid, cmd and size; 0 for null. */
+/* Returns the check value over the two names, reqid, cmd and size; 0 for null. The header has any alignment.
+ */
 TAVIPC_API uint32_t tav_ipc_hdr_magic(const tav_ipc_hdr_st *header) TAVIPC_NOEXCEPT;
 
 /* --- endpoints --------------------------------------------------------------------------------- */
 
-/* Opens the endpoint name (at most 9 characters, no "/") on this thread's loop.
- *   tav_ipc_create                  receives, accepts no files
- *   tav_ipc_create_temp             receives, its address carries ADDR_FLAG_TEMP
- *   tav_ipc_create_non_recv         does not receive until tav_ipc_recv_start
- *   tav_ipc_create_non_recv_temp    both
- * accept_files: non-zero saves incoming file chunks, 0 answers them with IPC_ERR_NOT_SUPPORTED.
- * Returns the handle, to be released with tav_ipc_destroy; null when the process is not in the signed
- * allow-list, the name is null, too long or in use, no host id can be had, or the socket cannot be made.
+/* Opens the endpoint name on this thread's loop. The name has 1 to 9 characters and is a file name: no "/",
+ * and not "." or "..".
+ *   - tav_ipc_create: receives, accepts no files
+ *   - tav_ipc_create_temp: receives, its address carries ADDR_FLAG_TEMP
+ *   - tav_ipc_create_non_recv: does not receive until tav_ipc_recv_start
+ *   - tav_ipc_create_non_recv_temp: does not receive either, and its address carries ADDR_FLAG_TEMP
+ *
+ * If accept_files is not 0 the endpoint saves incoming file chunks, else it answers them with
+ * IPC_ERR_NOT_SUPPORTED. Returns the handle, which the caller releases with tav_ipc_destroy. On failure
+ * returns null and sets errno:
+ *   - EPERM: the process's executable is not in the signed allow-list
+ *   - EINVAL: the name is null, empty, too long, "." or "..", or has a "/"
+ *   - EADDRINUSE: another endpoint has the name, or a file that is not a socket is at its path
+ *   - EACCES: no right to make the socket directory, or the socket in it
+ *   - ENODEV: the host id cannot be determined
+ *   - ENAMETOOLONG: the socket's path is longer than 107 bytes, because the deployment type is too long
+ *   - ENOMEM: short memory
+ *   - others: as socket(2), bind(2) and mkdir(2) set them, for example EMFILE, ENOSPC, EROFS
+ *
  * Determining the host id may end the process: see CreateAgentId in tav_agentid.h. Short memory for the
- * handle ends it with exit status 0. A process whose environment has IPC_TEST beginning with "1" marks
- * every message from then on with IPC_FLAG_TRACE. */
+ * handle itself ends it with exit status 0. If the environment has IPC_TEST beginning with "1", the process
+ * marks every message from then on with IPC_FLAG_TRACE. */
 TAVIPC_API tav_ipc_st *tav_ipc_create(const char *name) TAVIPC_NOEXCEPT;
 TAVIPC_API tav_ipc_st *tav_ipc_create_temp(const char *name, uint32_t accept_files) TAVIPC_NOEXCEPT;
 TAVIPC_API tav_ipc_st *tav_ipc_create_non_recv(const char *name, uint32_t accept_files) TAVIPC_NOEXCEPT;
 TAVIPC_API tav_ipc_st *tav_ipc_create_non_recv_temp(const char *name, uint32_t accept_files) TAVIPC_NOEXCEPT;
 
 /* Starts reception on the endpoint's own socket with the caller's datagram handler, whose context is the
- * handle; on an endpoint that receives already it replaces the handler. Returns the handle; null when
- * reception cannot start (a null handler too), and then the handle has been destroyed. */
+ * handle. If the endpoint receives already, the handler replaces the one before. Returns the handle. On
+ * failure returns null, sets errno and has destroyed the endpoint: EINVAL when the handle or the handler is
+ * null (or the endpoint was destroyed), else ENOMEM or what the event library set. */
 TAVIPC_API tav_ipc_st *tav_ipc_recv_start(tav_ipc_st *ipc, cl_dunix_recv_cb handler) TAVIPC_NOEXCEPT;
 
-/* Closes the endpoint; null is ignored. Every outstanding request completes with IPC_ERR_CLOSED from
- * inside this call; messages that have not left are dropped. May be called from any callback. */
+/* Closes the endpoint and releases the handle; null is ignored. Every outstanding exchange completes with
+ * IPC_ERR_CLOSED from inside this call. Messages that have not left are dropped. May be called from any
+ * callback. */
 TAVIPC_API void tav_ipc_destroy(tav_ipc_st *ipc) TAVIPC_NOEXCEPT;
 
-/* Set a callback and its user pointer. 0; -1 when the handle or the callback is null (nothing changes). The
- * callback for files runs at an endpoint that was made to accept them. */
+/* Set a callback and the user pointer that it gets. Return 0, or -1 when the handle or the callback is null:
+ * nothing changes then. The callback for files runs only at an endpoint that accepts files. */
 TAVIPC_API int tav_ipc_msg_recv(tav_ipc_st *ipc, tav_ipc_msg_cb callback, void *user) TAVIPC_NOEXCEPT;
 TAVIPC_API int tav_ipc_file_recv(tav_ipc_st *ipc, tav_ipc_file_cb callback, void *user) TAVIPC_NOEXCEPT;
 TAVIPC_API int tav_ipc_on_request(tav_ipc_st *ipc, tav_ipc_request_cb callback, void *user) TAVIPC_NOEXCEPT;
 
-/* The endpoint's own address, valid as long as the handle; null for null. */
+/* Returns the endpoint's own address, valid as long as the handle; null for null. */
 TAVIPC_API const tav_addr_st *tav_ipc_get_local_addr(const tav_ipc_st *ipc) TAVIPC_NOEXCEPT;
 
-/* 1 when the address lies on this endpoint's location and machine, else 0; 0 for null. Location 0 counts as
- * here, whatever the host id, and so does host id 0 at this location. */
+/* Returns 1 when the address is at this endpoint's location and machine, else 0; 0 for null. Location 0 is
+ * always local. Host id 0 is local at this location. */
 TAVIPC_API int tav_ipc_is_local(const tav_ipc_st *ipc, const tav_addr_st *address) TAVIPC_NOEXCEPT;
 
-/* The host id that endpoints carry: the platform's on a CNAPP agent, else the agent id; 0 when none can
- * be had. tav_get_hostid keeps it for the process, tav_calculate_hostid determines it afresh. Both may end
- * the process as CreateAgentId does. */
+/* Return the host id in the addresses of this process's endpoints: the platform's on a CNAPP agent, else the
+ * agent id; 0 when none can be had. tav_get_hostid remembers it for the process, tav_calculate_hostid
+ * determines it afresh. Both may end the process as CreateAgentId does. */
 TAVIPC_API uint32_t tav_get_hostid(void) TAVIPC_NOEXCEPT;
 TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
 
 /* --- sending ----------------------------------------------------------------------------------- */
 
-/* Sends a message of size payload bytes (data may be null: the payload is then zeros) with command code cmd
- * to dest. Messages above 64,000 bytes travel in fragments. An application message of at least 148 bytes
- * whose length field is right is compressed on its way to an address with ADDR_FLAG_COMPRESS_OK.
- * Returns 0 when the message was sent or queued; -101 when it was refused: null handle or destination,
- * destination name that is empty or holds a "/", more than 65,471,999 bytes (after compression), 32 MiB or
- * more in flight to the destination with this message (64 MiB for control traffic and priorities of 7 and
- * more: larger messages go as these alone), or short memory (of fragments: rule 5). A queued message that its
- * destination keeps refusing is dropped later, with a log line (level 2). */
+/* Sends a message with command code cmd and size bytes of payload from data to dest. If data is null the
+ * payload is zeros. Both data and dest are copied. Messages above 64,000 bytes travel in fragments. An
+ * application message of at least 148 bytes whose length field is right is compressed on its way to an
+ * address with ADDR_FLAG_COMPRESS_OK. Returns 0 when the message was sent or queued. Returns IPC_ERR_SENDTO
+ * (-101) when it was refused:
+ *   - the handle or the destination is null, or the endpoint is being destroyed
+ *   - the destination's name is empty, "." or "..", or has a "/"
+ *   - the message has more than 65,471,999 bytes (after compression)
+ *   - with this message, 32 MiB or more would be in flight to the destination (64 MiB for control traffic and
+ *     for priorities of 7 and more, so larger messages must be one of these)
+ *   - short memory
+ * If the destination keeps refusing a queued message, the message is dropped later, with a log line (level
+ * 2). */
 TAVIPC_API int tav_ipc_send(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,
                             uint32_t size) TAVIPC_NOEXCEPT;
 
-/* The same with flags (IPC_FLAG_* or the application's own bits) and, when reqid is not null, the message
- * id: a non-zero *reqid is used, a zero one is replaced by the id drawn. */
+/* The same with flags (IPC_FLAG_* or the application's own bits) and a message id. If reqid is not null and
+ * *reqid is not 0, the message has that id; a *reqid of 0 is replaced by the id that was drawn. */
 TAVIPC_API int tav_ipc_send_with_flags(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd,
                                        const void *data, uint32_t size, uint16_t flags,
                                        uint32_t *reqid) TAVIPC_NOEXCEPT;
 
-/* Sends a ready datagram (header, complete but for magic, and its size payload bytes, any alignment) to
- * the socket file dpipe of the handle's location. Limits and results as tav_ipc_send; the buffer stays the
- * caller's and is not changed. */
+/* Sends a ready datagram to the socket file dpipe in the directory of the handle's location. The datagram is
+ * a 60-byte header, complete but for magic, and its size bytes of payload. It has any alignment, stays the
+ * caller's and is not changed. Limits and results are those of tav_ipc_send, for the name dpipe too. */
 TAVIPC_API int tav_ipc_send_raw(tav_ipc_st *ipc, const char *dpipe, const void *datagram) TAVIPC_NOEXCEPT;
 
 /* --- exchanges -----------------------------------------------------------------------------------
@@ -291,25 +311,27 @@ TAVIPC_API const char *tav_ipc_get_file_path(tav_ipc_st *ipc, uint32_t file_id) 
 
 /* --- diagnosis and configuration ---------------------------------------------------------------- */
 
-/* Writes one line "[MSG TRACE] ..." about header (null: nothing) with the caller's text at log level 4, when
- * the header has IPC_FLAG_TRACE or the file /tmp/ipc_debug exists (looked for every 10 s). file and line
- * go to the log. The caller tests error_output_check(4) first. */
+/* Writes one line "[MSG TRACE] ..." about header with the caller's text at log level 4, when the header has
+ * IPC_FLAG_TRACE or the file /tmp/ipc_debug exists. It looks for the file at most once in 10 s. The header
+ * has any alignment; null writes nothing. file and line go to the log. The caller tests error_output_check(4)
+ * first. */
 TAVIPC_API void tav_ipc_msg_trace_ex(const char *file, int line, const tav_ipc_hdr_st *header,
                                      const char *format, ...) TAVIPC_NOEXCEPT TAVIPC_PRINTF(4, 5);
 
-/* Constant text of a result code, never null; "Unkown error" for a code outside the table. */
+/* Returns the constant text of a result code, never null; "Unkown error" for a code outside the table. */
 TAVIPC_API const char *tav_ipc_strerror(int code) TAVIPC_NOEXCEPT;
 
-/* Loads the IPC configuration from an INI file, section [ipc_proxy] key disable_offline_cache and section
- * [transfer] keys eagain_retry_interval_ms and eagain_max_retry_times. Always returns 0: what cannot be
- * read gets its default (1000 ms, 10 times). Call it once, before endpoints send. */
+/* Loads the IPC configuration from the INI file at path: in section [ipc_proxy] the key
+ * disable_offline_cache, in section [transfer] the keys eagain_retry_interval_ms and eagain_max_retry_times.
+ * Always returns 0: a value that cannot be read gets its default (1000 ms, 10 times). Call it once, before
+ * endpoints send. */
 TAVIPC_API int load_ipc_proxy_conf(const char *path) TAVIPC_NOEXCEPT;
-/* The process-wide record: never null, always the same address, all zero before the first load. */
+/* Returns the process-wide record: never null, always the same address, all zero before the first load. */
 TAVIPC_API ipc_proxy_conf_st *get_ipc_proxy_conf(void) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS
 
-/* Calls the endpoint's file callback, if it is set, with path. */
+/* Calls the endpoint's file callback with path, if the endpoint and the callback are not null. */
 TAVIPC_API void tav_ipc_emit_file(tav_ipc_st *ipc, const char *path) TAVIPC_NOEXCEPT
     TAVIPC_ENCODED("_Z17tav_ipc_emit_fileP10tav_ipc_stPKc");
 

@@ -1,7 +1,6 @@
 #!/bin/bash
-# abi.sh compare|store BUILD: the binary interface of the four libraries, as programs that are already built rely on it,
-# against its description in packaging/abi/MACHINE; or writes that anew. Types that the public headers do not show are no
-# part of it.
+# abi.sh compare|store BUILD: compares the binary interface of the four libraries with its description in
+# packaging/abi/MACHINE, or writes that description. Only types that the public headers show belong to the interface.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source=$(realpath "$here/../..")
@@ -23,15 +22,15 @@ compare() { # library, description of the build's
     [[ -r $stored_one ]] || { echo "$1: there is no packaging/abi/$(uname -m)/$1.abi; ./dev abi store writes it"; return 1; }
     if ! report=$(abidiff --no-added-syms "$stored_one" "$2"); then
         printf '%s\n' "$report"
-        echo "$1: the interface differs for programs that are already built. Keep it, and put what is new beside it in a"
-        echo "function of its own. If they are not harmed (another constant, say), or are meant to be built again: raise"
-        echo "the version, with SOVERSION and the symbol version when old programs must not load this library; tell it in"
-        echo "CHANGELOG.md; then ./dev abi store and commit packaging/abi."
+        echo "$1: the interface changes for programs that are already built. Keep it, and add a new function instead."
+        echo "If the change harms no program (another constant, for example), or programs are to be built again: raise the"
+        echo "version, and also SOVERSION and the symbol version if old programs must not load this library. Describe the"
+        echo "change in CHANGELOG.md, run ./dev abi store and commit packaging/abi."
         return 1
     fi
     if ! report=$(abidiff "$stored_one" "$2"); then
         printf '%s\n' "$report"
-        echo "$1: what is new is not stored: ./dev abi store, and commit packaging/abi."
+        echo "$1: new parts of the interface are not stored. Run ./dev abi store and commit packaging/abi."
         return 1
     fi
     echo "$1: as stored"

@@ -1,7 +1,7 @@
-// Deployment facts. The file is loaded on the first question and kept, parsed, for the life of the process:
-// texts that are handed out point into it. It is never released, so that threads may still ask while the
-// process ends. When the process lacks the memory or descriptors to read it, the defaults are told, and the
-// next question tries again.
+// Deployment facts. The first question loads the file. The parsed file is kept for the life of the process,
+// because returned texts point into it, and is never released, because threads may still ask while the
+// process ends. When memory or descriptors are too short to read it, the defaults are returned and the next
+// question tries again.
 #include "tavaux.h"
 
 #include <atomic>
@@ -19,10 +19,10 @@
 
 namespace {
 
-constexpr size_t kMaxDeployType = 64;
+constexpr size_t kMaxDeployType = 64; // bytes; a socket path of 107 needs the rest for the other parts
 
 struct Facts {
-    const ini_file_t *file = nullptr; // null: none, the defaults hold
+    const ini_file_t *file = nullptr; // null without a file; the defaults then hold
     int location = 1;
     const char *deploy_type = nullptr;
     const char *agent_type = "linux";
@@ -30,7 +30,7 @@ struct Facts {
     uint32_t hostid = 0;
 };
 
-// The number that is the whole text, or the default.
+// Returns the number if it is the whole text, else the default.
 template <typename Number> Number number_or(const char *text, Number otherwise) {
     if (!text) return otherwise;
     Number number{};
@@ -39,17 +39,18 @@ template <typename Number> Number number_or(const char *text, Number otherwise) 
     return error == std::errc() && stop == end ? number : otherwise;
 }
 
-// It becomes part of a path below /var and must not lead out of it.
+// The value becomes part of a path below /var and must not leave it.
 bool valid_deploy_type(std::string_view text) {
     return !text.empty() && text.size() <= kMaxDeployType && text.front() != '/' &&
            text.find("..") == text.npos;
 }
 
-bool may_pass(int error) {
+// Whether a later try may succeed.
+bool is_temporary(int error) {
     return error == ENOMEM || error == EMFILE || error == ENFILE || error == EINTR || error == EIO;
 }
 
-// Null, with errno set, when there is no such file or it cannot be read.
+// Returns null, with errno set, when the file is missing or cannot be read.
 const ini_file_t *load_file() {
     char path[PATH_MAX];
     errno = 0;
@@ -77,7 +78,7 @@ const Facts &load_facts(std::atomic<const Facts *> &known) {
     const std::lock_guard lock(mutex);
     if (!kept) {
         const ini_file_t *file = load_file();
-        if (!file && may_pass(errno)) return defaults;
+        if (!file && is_temporary(errno)) return defaults;
         known = &kept.emplace(read_facts(file));
     }
     return *kept;
@@ -89,7 +90,7 @@ const Facts &facts() {
     return found ? *found : load_facts(known);
 }
 
-// Numbers as texts that stay where they are; made when a location without a name is first asked for.
+// Returns the number as text, at an address that stays valid. A text is made when it is first asked for.
 const char *number_text(int number) {
     static std::mutex mutex;
     static auto &texts = *new std::map<int, std::string>;

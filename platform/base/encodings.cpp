@@ -1,4 +1,4 @@
-// Check sums and text forms of bytes.
+// Checksums, and bytes as text.
 #include "tavbase.h"
 
 #include <algorithm>
@@ -14,10 +14,10 @@ namespace {
 constexpr std::string_view kBase64Alphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// Decodes whole quartets of alphabet characters and padding; the decoder writes three bytes for each, padded
-// or not, so it works on a buffer of its own and only the bytes that count are copied.
+// Decodes whole quartets of alphabet characters and padding. The decoder writes three bytes for every
+// quartet, even a padded one, so it gets a buffer of its own, from which only the decoded bytes are copied.
 bool decode_quartets(std::string_view text, size_t decoded_len, unsigned char *out) {
-    constexpr size_t kQuartets = 256;
+    constexpr size_t kQuartets = 256; // for one call of the decoder; 768 bytes on the stack
     unsigned char block[kQuartets * 3];
     while (!text.empty()) {
         const std::string_view part = text.substr(0, kQuartets * 4);
@@ -49,7 +49,7 @@ int Base64_Decode(const char *in, int in_len, unsigned char *out, int out_max) n
     std::string_view digits = text;
     while (!digits.empty() && digits.back() == '=') digits.remove_suffix(1);
     const size_t padding = text.size() - digits.size();
-    // The decoder itself would take padding and line ends in the middle.
+    // The decoder itself would accept padding and line ends in the middle.
     if (padding > 2 || digits.find_first_not_of(kBase64Alphabet) != digits.npos) return -1;
 
     const size_t decoded_len = text.size() / 4 * 3 - padding;

@@ -1,7 +1,8 @@
-// A heap of pointers in two parts: a run, whose entries stand in order because each was pushed behind an
-// entry that it does not precede, and a binary heap over the standard algorithms for those that were not.
-// What is pushed in order, as time-outs of one length are, costs one comparison to push and one to pop, and
-// equal entries of the run come out first in, first out. The heap owns entries only in heap_destroy2.
+// A heap of pointers in two parts: a sorted run, and a binary heap over the standard algorithms. An entry
+// that does not precede the last of the run is appended to the run; any other goes to the binary heap.
+// Entries that are pushed in order, as time-outs of one length are, cost one comparison to push and one to
+// pop, and equal entries of the run come out first in, first out. The heap owns entries only in
+// heap_destroy2.
 #include "tavbase.h"
 
 #include <algorithm>
@@ -15,7 +16,7 @@ struct heap {
     size_t run_begin = 0;
     std::vector<void *> others;
 
-    // The standard algorithms keep the greatest in front, so the order is turned round.
+    // The standard algorithms keep the greatest entry in front, so the order is reversed.
     auto after() const {
         return [compare = compare](const void *a, const void *b) { return compare(a, b) > 0; };
     }
@@ -32,7 +33,7 @@ struct heap {
     }
     void *pop_run() {
         void *entry = run[run_begin++];
-        if (2 * run_begin >= run.size()) { // as many moves at most as there were pops
+        if (2 * run_begin >= run.size()) { // at most as many moves as pops
             run.erase(run.begin(), run.begin() + static_cast<std::ptrdiff_t>(run_begin));
             run_begin = 0;
         }

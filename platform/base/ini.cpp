@@ -1,8 +1,8 @@
 // INI files, parsed by libinih from a copy in memory.
 //
-// The file is read whole (bounded) and handed over line by line. A line that would not fit libinih's buffer
-// is never passed in pieces: it is skipped, and a section head that is too long opens a section that nobody
-// can ask for, so that its keys are not taken for the previous section's.
+// The file is read whole, up to a limit, and passed on line by line. A line that does not fit libinih's
+// buffer is skipped, never passed in pieces. A section head that is too long opens a section that no caller
+// can ask for, so its keys do not count as the previous section's.
 #include "tavbase.h"
 
 #include <algorithm>
@@ -25,7 +25,7 @@
 
 namespace {
 
-// Section and key; texts for a search, which needs no memory.
+// Section and key. A search uses views, which need no memory.
 template <typename Text> using Name = std::pair<Text, Text>;
 
 struct Before {
@@ -44,12 +44,12 @@ struct ini_file {
 
 namespace {
 
-constexpr size_t kMaxFile = 1 << 20;
-constexpr int kLineBuffer = 4096;
-constexpr size_t kMaxSectionHead = 49 + 2; // libinih keeps 49 characters of a section name
+constexpr size_t kMaxFile = 1 << 20;       // bytes; documented in tavbase.h
+constexpr int kLineBuffer = 4096;          // bytes; the default of 200 is too short for a path as a value
+constexpr size_t kMaxSectionHead = 49 + 2; // bytes; libinih keeps 49 of a section name
 constexpr std::string_view kUnreachableSection = "[\x01]";
 
-// The text of a regular file. 0 or an errno value.
+// Reads a regular file into text. Returns 0 or an errno value.
 int read_file(const char *path, std::string &text) {
     const tavipc::UniqueFd file = tavipc::open_regular(path, O_RDONLY);
     if (!file) return errno;
@@ -57,7 +57,7 @@ int read_file(const char *path, std::string &text) {
     if (fstat(file.get(), &status) != 0) return errno;
     if (status.st_size > static_cast<off_t>(kMaxFile)) return EFBIG;
     char block[16384];
-    for (;;) { // to its end, not to its size: files of /proc say 0, and a file may be growing
+    for (;;) { // to the end, not to the size: it is 0 for files of /proc, and a file may be growing
         const ssize_t got = read(file.get(), block, sizeof block);
         if (got == 0) return 0;
         if (got < 0 && errno == EINTR) continue;
@@ -67,7 +67,7 @@ int read_file(const char *path, std::string &text) {
     }
 }
 
-// Feeds libinih. Each line comes whole and with a line end.
+// Gives libinih one whole line at a time, each with a line end.
 class LineReader {
   public:
     explicit LineReader(std::string_view text) : rest_(text) {
@@ -94,12 +94,12 @@ class LineReader {
         const size_t end = rest_.find('\n');
         std::string_view line = rest_.substr(0, end);
         rest_.remove_prefix(end == rest_.npos ? rest_.size() : end + 1);
-        // libinih would take an indented line for a continuation of the previous value.
+        // libinih treats an indented line as a continuation of the previous value.
         line.remove_prefix(std::min(line.find_first_not_of(" \t\r\v\f"), line.size()));
         return line;
     }
 
-    // The line, a stand-in, or nothing.
+    // Returns the line, the unreachable section in its place, or nothing.
     static std::string_view usable(std::string_view line, size_t size) {
         const bool fits = line.size() + 2 <= size && line.find('\0') == line.npos;
         if (line.starts_with('[')) {
@@ -122,13 +122,13 @@ struct Loading {
         try {
             loading->file->values.try_emplace({section, name}, value); // the first of duplicates stays
         } catch (const std::exception &) {
-            loading->out_of_memory = true; // not through the C frames of the parser
+            loading->out_of_memory = true; // an exception must not pass the C frames of the parser
         }
         return 1;
     }
 };
 
-// libinih starts with lines of 200 bytes; where somebody has set it otherwise, its choice of memory stays.
+// Raises libinih's limit, but keeps a larger one that the program has set.
 void allow_long_lines() {
     static std::once_flag once;
     std::call_once(once, [] { ini_max_line = std::max(ini_max_line, kLineBuffer); });

@@ -1,9 +1,12 @@
-// The log: a threshold that is tested on every call site, and lines that go to a sink or to standard error.
+// The log: a threshold that every call site tests, and lines that go to a sink or to standard error.
 //
-// Model: the threshold is unread until its first use, then a number. Without a sink a line is one write of
-// at most PIPE_BUF bytes, so lines of several processes on one pipe do not mix, and no lock is taken.
-// With a sink one mutex covers the pair and the call; a thread inside its sink already holds it, so lines
-// that the sink itself writes go to standard error.
+// The threshold is unread until its first use, then a number. Without a sink, a line is one write of at most
+// PIPE_BUF bytes, so lines of several processes on one pipe do not mix, and no lock is taken. With a sink,
+// one mutex guards the sink, its context and the call.
+//
+// A thread inside the sink already holds that mutex. Lines that it writes then go to standard error, so a
+// sink that logs cannot call itself. Such a line must be one of the sink's own: code that a sink's send could
+// run on behalf of others asks error_output_in_sink and waits until the sink has returned.
 #include "tavbase.h"
 
 #include <algorithm>
@@ -15,7 +18,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 
+#include <pthread.h>
 #include <unistd.h>
 
 namespace {
@@ -24,14 +29,15 @@ constexpr int kDefaultThreshold = 1;
 constexpr int kLeastThreshold = -1;
 constexpr int kGreatestThreshold = 4;
 constexpr int kUnread = INT_MIN;
-constexpr size_t kMaxLine = PIPE_BUF;
-constexpr size_t kMaxPrefix = 128;
-constexpr size_t kMaxText = kMaxLine - kMaxPrefix - 1; // one byte for the line end
+// Sizes in bytes.
+constexpr size_t kMaxLine = PIPE_BUF; // a pipe takes a longer line in pieces
+constexpr size_t kMaxPrefix = 128;    // time 25, level 3, source 41, line 11, process 14, with space to spare
+constexpr size_t kMaxText = kMaxLine - kMaxPrefix - 1; // 1 for the line end
 
 std::atomic<int> g_threshold{kUnread};
 
 std::mutex g_sink_mutex;
-std::atomic<error_output_sink> g_sink{nullptr}; // written under the mutex; read without it for "is there one"
+std::atomic<error_output_sink> g_sink{nullptr}; // written under the mutex; without it only compared with null
 void *g_sink_context = nullptr;
 thread_local bool t_in_sink = false;
 
@@ -56,7 +62,7 @@ int threshold() {
     return level != kUnread ? level : read_threshold();
 }
 
-// A text that was cut ends in "...", set on a character boundary of UTF-8.
+// A text that was cut ends in "...", which begins at a character boundary of UTF-8.
 size_t mark_cut(char *text, size_t length) {
     length -= 3;
     while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
@@ -64,8 +70,8 @@ size_t mark_cut(char *text, size_t length) {
     return length + 3;
 }
 
-// Formats into text (kMaxText + 1 bytes): no line end behind it, and none within, since names and file
-// contents of others are printed.
+// Formats into text (kMaxText + 1 bytes), without a line end. Control characters inside are replaced, because
+// lines contain names and file contents that other processes choose.
 size_t format_text(char *text, const char *format, va_list arguments) {
     int wanted = vsnprintf(text, kMaxText + 1, format, arguments);
     if (wanted < 0) wanted = snprintf(text, kMaxText + 1, "%s", format);
@@ -79,8 +85,8 @@ size_t format_text(char *text, const char *format, va_list arguments) {
     return length;
 }
 
-// "2024-05-06 07:08:09.123Z L2 source:line [pid] "; calculated here because the C library's calendar takes
-// a lock, which a forked child may find held for ever.
+// "2024-05-06 07:08:09.123Z L2 source:line [pid] ". Calculated here, because the C library's calendar takes a
+// lock that a forked child may find locked for ever.
 size_t format_prefix(char *prefix, int level, const char *source, int line) {
     using namespace std::chrono;
     const auto now = floor<milliseconds>(system_clock::now());
@@ -126,6 +132,12 @@ bool give_to_sink(int level, const char *source, int line, const char *text) {
     return true;
 }
 
+// In a forked child the lock may belong to a thread that does not exist there. The forking thread keeps its
+// own.
+void renew_mutex_in_child() {
+    if (!t_in_sink) new (&g_sink_mutex) std::mutex;
+}
+
 } // namespace
 
 int error_output_check(int level) noexcept { return level >= 0 && level <= threshold(); }
@@ -147,7 +159,10 @@ void error_output_set_level(int level) noexcept {
     g_threshold.store(clamp_threshold(level), std::memory_order_relaxed);
 }
 
+int error_output_in_sink() noexcept { return t_in_sink ? 1 : 0; }
+
 void error_output_set_sink(error_output_sink sink, void *context) noexcept {
+    [[maybe_unused]] static const int registered = pthread_atfork(nullptr, nullptr, renew_mutex_in_child);
     std::unique_lock lock(g_sink_mutex, std::defer_lock);
     if (!t_in_sink) lock.lock();
     g_sink_context = context;

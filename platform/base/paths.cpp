@@ -1,4 +1,4 @@
-// "@" at the head of a path template is the directory of the running executable.
+// A leading "@" of a path template stands for the directory of the running executable.
 #include "tavbase.h"
 
 #include <climits>
@@ -9,7 +9,7 @@
 
 namespace {
 
-// Directory of the executable in buffer, without a final slash but for the root; "/" when it is unknown.
+// The directory of the executable, without a final slash (except for the root); "/" when it is unknown.
 struct ExecutableDirectory {
     char buffer[PATH_MAX];
     std::string_view path = "/";

@@ -1,4 +1,4 @@
-// Host names to IPv4 texts, by the system's resolver; blocks as long as that does.
+// Converts host names to IPv4 texts with the system's resolver, and blocks as long as that does.
 #include "tavbase.h"
 
 #include <memory>
@@ -12,7 +12,7 @@ int get_ipaddr_by_host(const char *host, char *ip) noexcept {
     if (!host || !*host || !ip) return 0;
     addrinfo hints{};
     hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM; // else every address comes once for each socket type
+    hints.ai_socktype = SOCK_STREAM; // without it the list has every address once for each socket type
     addrinfo *list = nullptr;
     if (getaddrinfo(host, nullptr, &hints, &list) != 0 || !list) return 0;
     const std::unique_ptr<addrinfo, void (*)(addrinfo *)> owner(list, freeaddrinfo);

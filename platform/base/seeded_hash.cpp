@@ -15,7 +15,7 @@ HashKey draw_key() {
     do got = getrandom(&key, sizeof key, 0);
     while (got < 0 && errno == EINTR);
     if (got == sizeof key) return key;
-    // A sandbox may forbid the call; the kernel has left every process 16 random bytes besides.
+    // A sandbox may forbid the call. The kernel also gives every process 16 random bytes at its start.
     if (const auto *random = reinterpret_cast<const void *>(getauxval(AT_RANDOM)))
         memcpy(&key, random, sizeof key);
     return key;

@@ -1,5 +1,5 @@
-// SipHash-1-3 of a byte string under a key that is drawn once per process: who chooses the strings cannot
-// choose collisions.
+// SipHash-1-3 of a byte string with a key that is drawn once per process, so a peer that chooses the strings
+// cannot choose collisions.
 #pragma once
 
 #include <bit>
@@ -13,7 +13,7 @@ struct HashKey {
     uint64_t words[2];
 };
 
-// The process's key.
+// Returns the process's key.
 const HashKey &hash_key();
 
 class SipState {
@@ -49,7 +49,8 @@ class SipState {
     uint64_t v0_, v1_, v2_, v3_;
 };
 
-// The bytes in words of 8, little-endian, the last one filled with zeros under the length in its top byte.
+// Hashes the bytes as little-endian words of 8. The last word is padded with zeros and has the length in its
+// top byte.
 inline uint64_t seeded_hash(const HashKey &key, const void *bytes, size_t length) {
     SipState state(key);
     const char *data = static_cast<const char *>(bytes);

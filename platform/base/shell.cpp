@@ -1,11 +1,12 @@
-// One shell command at a time: spawned into a process group of its own, its output read until the shell has
-// ended or the time is up. What the command leaves running behind does not prolong the call.
+// Runs one shell command in a process group of its own and reads its output until the shell has ended or the
+// time limit is reached. Processes that the command leaves running do not prolong the call.
 #include "tavbase.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <optional>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -24,9 +25,10 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using tavipc::UniqueFd;
 
-constexpr milliseconds kLimit{10'000};
-constexpr int kPollMs = 20;        // how soon the end of a shell is seen whose output stays open
-constexpr int kPollMsAfterEof = 1; // and of one that has closed it
+constexpr milliseconds kLimit{10'000}; // of one command: callers wait for it
+constexpr int kPoll_ms = 20;        // delay until the end of a shell is noticed while its output stays open
+constexpr int kPollAfterEof_ms = 1; // the same after the output was closed, which usually precedes the end
+constexpr int kReadsPerTurn = 16;   // 64 KiB, the capacity of a pipe; endless output must not defeat kLimit
 
 struct SpawnSettings {
     posix_spawn_file_actions_t actions;
@@ -36,7 +38,7 @@ struct SpawnSettings {
     explicit SpawnSettings(int output) {
         posix_spawn_file_actions_init(&actions);
         posix_spawnattr_init(&attributes);
-        // Output first: its descriptor may be 0 when the process runs without standard streams.
+        // Output first: its descriptor may be 0 if the process runs without standard streams.
         set(posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO));
         set(posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0));
         sigset_t none, defaults;
@@ -93,10 +95,10 @@ class Capture {
     bool any_ = false;
 };
 
-// Reads what is there now (the pipe is non-blocking); closes it at its end.
+// Reads what the non-blocking pipe holds. Closes it at its end.
 void drain(UniqueFd &pipe, Capture &capture) {
     char buffer[4096];
-    for (int turns = 0; pipe.get() >= 0 && turns < 16; ++turns) { // bounded: a flood must not hide the limit
+    for (int reads = 0; pipe.get() >= 0 && reads < kReadsPerTurn; ++reads) {
         const ssize_t got = read(pipe.get(), buffer, sizeof buffer);
         if (got > 0) {
             capture.add(buffer, static_cast<size_t>(got));
@@ -110,22 +112,27 @@ void drain(UniqueFd &pipe, Capture &capture) {
     }
 }
 
-// Takes the child's status when it has ended; a status that somebody else has taken is a failure.
-bool has_ended(pid_t pid, int options, int &status) {
+// The status of the child as waitpid reports it. Empty until the child has ended, and also afterwards if the
+// process ignores SIGCHLD, sets SA_NOCLDWAIT, or collects all its children in a handler or another thread.
+using Status = std::optional<int>;
+
+// Returns whether the child has ended.
+bool has_ended(pid_t pid, int options, Status &status) {
+    int value = 0;
     pid_t got;
-    do got = waitpid(pid, &status, options);
+    do got = waitpid(pid, &value, options);
     while (got < 0 && errno == EINTR);
-    if (got < 0) status = -1;
-    return got != 0;
+    if (got > 0) status = value;
+    return got != 0; // ECHILD: it has ended, and its status is lost
 }
 
-// True when the shell ended by itself within the limit.
-bool supervise(pid_t pid, UniqueFd &pipe, Capture &capture, int &status) {
+// Returns whether the shell ended by itself within the limit.
+bool supervise(pid_t pid, UniqueFd &pipe, Capture &capture, Status &status) {
     const auto deadline = steady_clock::now() + kLimit;
     while (steady_clock::now() < deadline) {
-        pollfd wait_for{pipe.get(), POLLIN, 0}; // a negative descriptor only sleeps
-        poll(&wait_for, 1, pipe.get() >= 0 ? kPollMs : kPollMsAfterEof);
-        const bool ended = has_ended(pid, WNOHANG, status); // before the last reading
+        pollfd wait_for{pipe.get(), POLLIN, 0}; // poll only sleeps if the descriptor is negative
+        poll(&wait_for, 1, pipe.get() >= 0 ? kPoll_ms : kPollAfterEof_ms);
+        const bool ended = has_ended(pid, WNOHANG, status); // before the last read
         drain(pipe, capture);
         if (ended) return true;
     }
@@ -145,11 +152,11 @@ int shell_execute(const char *command, char *out, int size) noexcept {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return -1;
     UniqueFd reader(ends[0]), writer(ends[1]);
-    if (fcntl(reader.get(), F_SETFL, O_NONBLOCK) != 0) return -1; // this end alone
+    if (fcntl(reader.get(), F_SETFL, O_NONBLOCK) != 0) return -1; // not the end of the command
     const pid_t pid = spawn_shell(command, writer.get());
     writer.reset();
     if (pid < 0) return -1;
-    int status = -1;
+    Status status;
     const bool in_time = supervise(pid, reader, capture, status);
-    return in_time && status == 0 && capture.any() ? 0 : -1;
+    return in_time && status.value_or(0) == 0 && capture.any() ? 0 : -1;
 }

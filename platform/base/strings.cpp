@@ -1,4 +1,4 @@
-// Bounded strings: nothing is written beyond the given size, and a text is always ended by a NUL.
+// Bounded strings: nothing is written beyond the given size, and every text ends with a NUL.
 #include "tavbase.h"
 
 #include <algorithm>

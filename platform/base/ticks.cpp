@@ -1,5 +1,5 @@
-// Ticks are nanoseconds of CLOCK_MONOTONIC: they count from boot, so a difference to "never" (0) is large
-// from the first moment of a process.
+// Ticks are nanoseconds of CLOCK_MONOTONIC. They count from boot, so the difference to 0, which stands for
+// "never", is large even at the start of a process.
 #include "tavbase.h"
 
 #include <time.h>

@@ -1,11 +1,12 @@
-// Hash tables keyed by byte strings: a power of two of buckets, each a chain of entries that carry their key.
+// Hash tables with byte strings as keys: a power of two of buckets, each a chain of entries that contain
+// their key.
 //
-// While a walk is under way (walks > 0) no entry changes its place: growth waits for the end of the last
-// walk, and a deleted entry leaves its chain but keeps its link and its memory (dead, on the list of the
-// buried) until then. So a walk is a plain pass over the chains that skips the dead, and a visitor may
-// delete and insert at will. Buckets only ever double, so that a cookie (the sum of its portions,
-// a bucket number modulo their count) goes on from where it was; from any starting point the promised number
-// of calls passes all buckets.
+// During a walk (walks > 0) no entry moves. The table grows only after the last walk. A deleted entry leaves
+// its chain, but keeps its link and its memory until then: it is marked dead and put on a list. A walk is
+// therefore a plain pass over the chains that skips dead entries, and a visitor may delete and insert at
+// will. It allocates nothing. The number of buckets only ever doubles, so a cookie (a bucket number, modulo
+// that count) continues where it was, and the promised number of calls covers all buckets from any starting
+// point.
 #include "tavbase.h"
 
 #include <algorithm>
@@ -20,13 +21,13 @@
 
 namespace {
 
-constexpr size_t kFirstBuckets = 16;
+constexpr size_t kFirstBuckets = 16; // 128 bytes; most tables of an endpoint stay this small
 
 struct Entry {
     Entry *next;
     union {
         void *value;
-        Entry *next_buried; // of a dead entry
+        Entry *next_dead; // of a dead entry
     };
     uint32_t hash;
     uint32_t key_len;
@@ -62,14 +63,14 @@ struct xhash {
     size_t bucket_count = kFirstBuckets;
     uint32_t count = 0;
     uint32_t walks = 0;
-    Entry *buried = nullptr;
+    Entry *dead_entries = nullptr;
 
     uint32_t hash(const void *key, uint32_t key_len) const {
         return static_cast<uint32_t>(tavbase::seeded_hash(hash_key, key, key_len));
     }
     Entry **chain(uint32_t hash_value) const { return &buckets[hash_value & (bucket_count - 1)]; }
 
-    // The link that holds the entry, or the null link at the end of its chain.
+    // Returns the link to the entry, or the null link at the end of its chain.
     Entry **find(uint32_t hash_value, const void *key, uint32_t key_len) const {
         Entry **link = chain(hash_value);
         while (*link && !(*link)->matches(hash_value, key, key_len)) link = &(*link)->next;
@@ -87,7 +88,7 @@ struct xhash {
         --count;
         if (walks > 0) {
             entry->dead = true;
-            entry->next_buried = std::exchange(buried, entry);
+            entry->next_dead = std::exchange(dead_entries, entry);
         } else {
             free(entry);
         }
@@ -98,9 +99,9 @@ struct xhash {
         if (walks > 0 || count <= bucket_count) return;
         const size_t old_count = bucket_count;
         size_t new_count = old_count;
-        while (new_count < count) new_count *= 2; // insertions during a walk may call for several steps
+        while (new_count < count) new_count *= 2; // insertions during a walk may need several steps
         Buckets wider = make_buckets(new_count);
-        if (!wider) return; // longer chains, no failure
+        if (!wider) return; // the chains grow instead
         const Buckets old = std::exchange(buckets, std::move(wider));
         bucket_count = new_count;
         for (size_t i = 0; i < old_count; ++i)
@@ -111,7 +112,7 @@ struct xhash {
             }
     }
 
-    // Visits number buckets from first on, around the end; first may lie beyond it.
+    // Visits `number` buckets from `first` on, continuing at the beginning; first may exceed their count.
     int walk(size_t first, size_t number, void *context, xhash_visitor visit) {
         ++walks;
         int result = 0;
@@ -120,7 +121,7 @@ struct xhash {
                  entry = entry->next)
                 if (!entry->dead) result = visit(entry->key, entry->key_len, entry->value, context);
         if (--walks == 0) {
-            while (buried) free(std::exchange(buried, buried->next_buried));
+            while (dead_entries) free(std::exchange(dead_entries, dead_entries->next_dead));
             grow_if_full();
         }
         return result;
@@ -176,7 +177,7 @@ int xhash_delete(xhash_t *table, const void *key, uint32_t key_len) noexcept {
     if (!table || !valid_key(key, key_len)) return -1;
     Entry **const link = table->find(table->hash(key, key_len), key, key_len);
     if (!*link) return -1;
-    table->drop(table->unlink(link)); // the value last: the caller's key may lie inside
+    table->drop(table->unlink(link)); // the value last, because the key may point into it
     return 0;
 }
 

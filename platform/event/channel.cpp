@@ -10,21 +10,34 @@
 #include "loop.h"
 #include "status.h"
 
+#include "common/facts.h"
+
 namespace tavcl_ev {
 
 namespace {
 
+// Datagrams for one sendmmsg. A destination's queue takes eleven with the kernel's default limit.
 constexpr unsigned kBatch = 16;
+// Batches for one writable event, so that a destination with a long queue leaves the others their turn.
 constexpr unsigned kMaxBatchesPerTurn = 4;
-constexpr uint64_t kLongestTick = 125;
-constexpr uint64_t kRetryByPath = 5;
-constexpr uint64_t kFileCheckInterval = 1000;
+// An eighth of the default send-wait time: progress is then known about as exactly with longer waits, too.
+constexpr uint64_t kLongestTick_ms = 125;
+// Between two tries without a descriptor to watch. A reader empties its queue in less, so shorter only costs
+// CPU.
+constexpr uint64_t kRetryByPath_ms = 5;
+// A stat of the destination's file each second costs nothing, and a replaced peer is noticed within that
+// time.
+constexpr uint64_t kFileCheckInterval_ms = 1000;
+// A sender that does not let the loop run tries to flush after this many sends, or bytes, that had to wait.
+// More than one, because a try costs a system call; fewer than the eleven of a full queue, so that a fast
+// reader finds the next datagrams before it has read the last.
 constexpr uint32_t kTryAgainPushes = 8;
-constexpr uint32_t kTryAgainBytes = 256 * 1024;
+constexpr uint32_t kTryAgainBytes = 256 * 1024; // four fragments, whose copying is dear enough to try sooner
+// The writable event comes when a quarter of the buffer is used: five of twenty datagrams (see channel.h).
 constexpr int64_t kDatagramsInLoweredBuffer = 20;
 
-// About what the kernel charges to the send buffer for a datagram: its own record, and the bytes in blocks of
-// powers of two, beyond 16 KiB in pages.
+// Estimates what the kernel charges to the send buffer for a datagram: its own record, and the bytes in
+// blocks of powers of two, above 16 KiB in pages. All constants are in bytes.
 int64_t charged_bytes(uint32_t len) {
     constexpr int64_t kRecord = 256, kTrailer = 320, kLinear = 16384, kPage = 4096;
     const int64_t needed = len + kTrailer;
@@ -55,8 +68,7 @@ void Channel::send(Send *send) noexcept {
     last_used_ms_ = now;
     if (stalled()) {
         waiting_.push(send);
-        // A sender that goes on filling the list without letting the loop run would leave a quick reader
-        // idle.
+        // A sender that only fills the list, and does not let the loop run, would leave a fast reader idle.
         pushed_bytes_ += send->len;
         if (++pushed_ < kTryAgainPushes && pushed_bytes_ < kTryAgainBytes) return;
         pushed_bytes_ = pushed_ = 0;
@@ -80,7 +92,7 @@ int Channel::try_send(const Send &send, uint64_t now) noexcept {
     }
     const int error = send_connected(send);
     if (!lost_peer(error)) return error;
-    // The peer is gone, but another may have its address by now.
+    // The peer is gone, but another process may have bound its path since.
     const int connect_error = connect_afresh(now);
     return connect_error ? connect_error : send_connected(send);
 }
@@ -107,7 +119,7 @@ bool Channel::open_descriptor() noexcept {
     return true;
 }
 
-// Where nobody is there is nothing to connect to: names that peers make up hold no descriptors.
+// A channel without a listener keeps no descriptor, so names that a peer invents cannot use them up.
 void Channel::close_descriptor() noexcept {
     if (!fd_) return;
     watch_.close(); // before the descriptor
@@ -116,8 +128,8 @@ void Channel::close_descriptor() noexcept {
     loop_.channel_closed();
 }
 
-// Returns 0 or the errno. The file is looked at before connecting: if it is replaced in between, the next
-// look finds another file and connects again.
+// Returns 0 or the errno. The file is identified before connecting. If it is replaced in between, the next
+// check finds another file and connects again.
 int Channel::connect_afresh(uint64_t now) noexcept {
     file_ = identify_socket(destination_.addr.sun_path, true);
     file_seen_ms_ = now;
@@ -125,9 +137,9 @@ int Channel::connect_afresh(uint64_t now) noexcept {
     return connected_ ? 0 : errno;
 }
 
-// A connected socket goes on talking to a peer whose path has another owner by now, or none.
+// A connected socket keeps sending to the same peer, even when its path has another owner by now, or none.
 void Channel::notice_new_owner(uint64_t now) noexcept {
-    if (!connected_ || now < file_seen_ms_ + kFileCheckInterval) return;
+    if (!connected_ || now < file_seen_ms_ + kFileCheckInterval_ms) return;
     file_seen_ms_ = now;
     if (identify_socket(destination_.addr.sun_path, true) != file_) connected_ = false;
 }
@@ -147,10 +159,11 @@ void Channel::stall(Send *send, uint64_t now) noexcept {
 void Channel::wait_for_room() noexcept {
     const auto by_watch = [](void *self) {
         auto *channel = static_cast<Channel *>(self);
-        channel->last_progress_ms_ = clock_ms(); // that there was room shows that something was read
+        channel->last_progress_ms_ = clock_ms(); // it is writable, so something was read
         channel->flush();
     };
-    if (fd_ && (watch_.opened() || watch_.open(loop_, fd_.get(), by_watch, this)) && watch_.start_writing())
+    if (fd_ && (watch_.opened() || watch_.open(loop_.uv(), fd_.get(), by_watch, this)) &&
+        watch_.start_writing())
         return;
     const auto by_timer = [](void *self) {
         auto *channel = static_cast<Channel *>(self);
@@ -158,7 +171,7 @@ void Channel::wait_for_room() noexcept {
         channel->flush();
         if (channel->stalled()) channel->wait_for_room();
     };
-    retry_timer_ = loop_.start_timer(later(clock_ms(), kRetryByPath), by_timer, this, false);
+    retry_timer_ = loop_.start_timer(later(clock_ms(), kRetryByPath_ms), by_timer, this, false);
 }
 
 void Channel::flush() noexcept {
@@ -181,7 +194,8 @@ void Channel::flush() noexcept {
     if (!connected_) close_descriptor();
 }
 
-// Sends up to a batch of what waits. Returns how many left; none also when the front needs a closer look.
+// Sends up to a batch of the waiting datagrams. Returns how many left. The result 0 may also mean an error of
+// the first one, which try_send then examines.
 unsigned Channel::send_many() noexcept {
     if (!connected_) return 0;
     mmsghdr headers[kBatch];
@@ -225,16 +239,16 @@ void Channel::tick() noexcept {
     start_tick(now);
 }
 
-// After an eighth of the send-wait time: about as exactly it is known when something was last read.
+// The interval, an eighth of the send-wait time, is the precision with which the last progress is known.
 void Channel::start_tick(uint64_t now) noexcept {
     const uint64_t wait = loop_.send_wait_ms();
-    const uint64_t step = std::clamp<uint64_t>(wait / 8, 1, kLongestTick);
+    const uint64_t step = std::clamp<uint64_t>(wait / 8, 1, kLongestTick_ms);
     const uint64_t due = std::min(later(now, step), later(last_progress_ms_, wait));
     tick_timer_ = loop_.start_timer(
         due, [](void *self) { static_cast<Channel *>(self)->tick(); }, this, false);
 }
 
-// What the destination has not read of ours yet, in bytes as the kernel counts them.
+// Our bytes that the destination has not read yet, as the kernel counts them.
 int Channel::unread_bytes() const noexcept {
     int bytes = 0;
     if (fd_) ioctl(fd_.get(), SIOCOUTQ, &bytes);
@@ -245,7 +259,7 @@ int Channel::unread_bytes() const noexcept {
 
 void Channel::make_room_for(uint32_t len) noexcept {
     if (buffer_ < full_buffer_ && 2 * charged_bytes(len) > buffer_) {
-        set_send_buffer(fd_.get(), kSendBuffer);
+        set_send_buffer(fd_.get(), tavipc::kSendBuffer);
         buffer_ = full_buffer_;
     }
 }

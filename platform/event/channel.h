@@ -1,46 +1,49 @@
-// The way of one socket's datagrams to one destination.
+// Carries the datagrams of one socket to one destination.
 //
-// A channel sends through a socket of its own, unbound and connected to the destination: that saves the
-// look-up of the path for each datagram, and it is the only kind of socket whose writability tells whether
-// the destination has room. States:
+// A channel sends through a socket of its own, unbound and connected to the destination. That saves the path
+// lookup for each datagram, and only a connected socket becomes writable when the destination can take more.
+// States:
 //
 //   free      waiting_ is empty; a datagram is sent at once
-//   stalled   the destination was full: datagrams wait in waiting_, in order, until the connected socket is
-//             writable; then as many leave as there is room for
+//   stalled   the destination was full; datagrams wait in waiting_, in order, until the socket is writable,
+//   and
+//             then as many leave as the destination takes
 //
-// While stalled, the send buffer is lowered to twenty datagrams of the size at hand. The kernel reports a
-// socket writable only when three quarters of its buffer are free: the sender is woken when five of eleven
-// are left and fills up, not once for each datagram that is read; and a quick reader is not kept waiting
-// until its last is gone. The buffer stays lowered after the stall, until a larger datagram needs more.
+// While stalled, the send buffer is lowered to twenty datagrams of the current size. The kernel reports a
+// socket writable only when three quarters of its buffer are free. The sender is therefore woken when five of
+// the eleven datagrams in a full queue are left, not after each read, and a fast reader does not run dry. The
+// buffer stays lowered after the stall, until a larger datagram needs more.
 //
-// A stalled channel looks every now and then (tick) whether the destination still reads: by our datagrams
-// that left its queue, or by the room that a wake-up proved. When it has not for the send-wait time, all that
-// wait are reported as would-block.
+// A stalled channel checks at intervals (tick) whether the destination still reads. It counts as progress
+// that datagrams of ours left the queue, or that the socket became writable. Without progress for the
+// send-wait time, all waiting sends are reported as would-block.
 //
-// Without a descriptor for a channel, datagrams go by path through the bound socket, and a short timer takes
-// the place of the writability. No function here calls back: outcomes go to Loop::finish.
+// A channel without a descriptor sends by path through the bound socket, and a short timer takes the place of
+// the writable event. No function here calls back: outcomes go to Loop::finish.
 #pragma once
 
 #include <cstdint>
 
-#include "common/unique_fd.h"
 #include "fd_watch.h"
+#include "private_fd.h"
 #include "send_queue.h"
 #include "socket_file.h"
 #include "tavcl_ev.h"
 
 namespace tavcl_ev {
 
+class Loop;
+
 class Channel {
   public:
-    // bound_fd outlives the channel. may_connect: whether it may have a descriptor of its own.
+    // bound_fd outlives the channel. may_connect: the channel may have a descriptor of its own.
     Channel(Loop &loop, int bound_fd, const cl_sockaddr_t &destination, bool may_connect) noexcept;
     ~Channel();
     Channel(const Channel &) = delete;
     Channel &operator=(const Channel &) = delete;
 
     void send(Send *send) noexcept;
-    // Takes what waits; the channel is only good for destruction then.
+    // Takes out all waiting sends. Only destruction is allowed afterwards.
     SendQueue take_waiting() noexcept { return std::move(waiting_); }
 
     bool stalled() const noexcept { return !waiting_.empty(); }
@@ -74,12 +77,12 @@ class Channel {
     const cl_sockaddr_t destination_;
     const bool may_connect_;
 
-    UniqueFd fd_;
+    PrivateFd fd_;
     bool connected_ = false;
-    FileIdentity file_; // that it is connected to
+    FileIdentity file_; // the file that fd_ is connected to
     uint64_t file_seen_ms_ = 0;
-    int full_buffer_ = 0; // bytes as the kernel counts them
-    int buffer_ = 0;
+    int full_buffer_ = 0; // bytes as the kernel counts them, when not lowered
+    int buffer_ = 0;      // the same, now
 
     SendQueue waiting_;
     FdWatch watch_;
@@ -87,8 +90,8 @@ class Channel {
     uint64_t tick_timer_ = 0;
     uint64_t last_used_ms_ = 0;
     uint64_t last_progress_ms_ = 0;
-    int last_unread_ = 0;
-    uint32_t pushed_ = 0; // onto waiting_, since send last tried to flush
+    int last_unread_ = 0; // bytes as the kernel counts them
+    uint32_t pushed_ = 0; // sends added to waiting_ since send() last tried to flush
     uint32_t pushed_bytes_ = 0;
 };
 

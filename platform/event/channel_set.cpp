@@ -1,5 +1,6 @@
 #include "channel_set.h"
 
+#include <cassert>
 #include <cstddef>
 #include <cstring>
 
@@ -9,14 +10,17 @@ namespace tavcl_ev {
 
 namespace {
 
+// Channels of one socket with a descriptor: a hub's busy destinations, in a quarter of the loop's 256.
 constexpr size_t kMaxChannels = 64;
-constexpr uint64_t kIdle = 10'000;
+// Long enough that periodic traffic keeps its descriptor, short enough that a burst to many gives theirs
+// back.
+constexpr uint64_t kIdle_ms = 10'000;
 
 std::string_view bytes_of(const cl_sockaddr_t &address) {
     return {reinterpret_cast<const char *>(&address.addr), address.len};
 }
 
-// One form for each address: a path with its terminator, whatever length it was given with.
+// Gives each address one form: a path with its terminator, whatever length the caller set.
 bool normalise(const cl_sockaddr_t &address, cl_sockaddr_t *normal) {
     constexpr size_t kPath = offsetof(sockaddr_un, sun_path);
     if (address.len <= kPath || address.len > sizeof address.addr || address.addr.sun_family != AF_UNIX)
@@ -24,7 +28,7 @@ bool normalise(const cl_sockaddr_t &address, cl_sockaddr_t *normal) {
     *normal = {};
     memcpy(&normal->addr, &address.addr, address.len);
     normal->len = address.len;
-    if (address.addr.sun_path[0] == '\0') return true; // in the abstract name space every byte counts
+    if (address.addr.sun_path[0] == '\0') return true; // every byte of an abstract name counts
     char path[sizeof address.addr.sun_path + 1] = {};
     memcpy(path, address.addr.sun_path, address.len - kPath);
     return fill_address(normal, path);
@@ -32,7 +36,10 @@ bool normalise(const cl_sockaddr_t &address, cl_sockaddr_t *normal) {
 
 } // namespace
 
-ChannelSet::~ChannelSet() { loop_.stop_timer(sweep_timer_); }
+ChannelSet::~ChannelSet() {
+    assert(channels_.empty());
+    loop_.stop_timer(sweep_timer_);
+}
 
 Channel *ChannelSet::find_or_make(const cl_sockaddr_t &address) {
     if (last_ && bytes_of(last_->destination()) == bytes_of(address)) return last_;
@@ -52,7 +59,7 @@ Channel &ChannelSet::make(const cl_sockaddr_t &destination) {
     return made;
 }
 
-// Returns whether there is room for one more then.
+// Closes idle channels until one more may have a descriptor. False when all are stalled.
 bool ChannelSet::evict() noexcept {
     while (channels_.size() >= kMaxChannels) {
         auto oldest = channels_.end();
@@ -67,10 +74,10 @@ bool ChannelSet::evict() noexcept {
     return true;
 }
 
-// On round times, so that the sweeps of all sockets share one wake-up.
+// At multiples of the interval, so that the sweeps of all sockets share one wake-up.
 void ChannelSet::start_sweep() noexcept {
     sweep_timer_ =
-        loop_.start_timer((clock_ms() / kIdle + 1) * kIdle,
+        loop_.start_timer((clock_ms() / kIdle_ms + 1) * kIdle_ms,
                           [](void *self) { static_cast<ChannelSet *>(self)->sweep(); }, this, false);
 }
 
@@ -79,7 +86,7 @@ void ChannelSet::sweep() noexcept {
     sweep_timer_ = 0;
     last_ = nullptr;
     std::erase_if(channels_, [now](const auto &entry) {
-        return !entry.second->stalled() && now - entry.second->last_used_ms() >= kIdle;
+        return !entry.second->stalled() && now - entry.second->last_used_ms() >= kIdle_ms;
     });
     if (!channels_.empty()) start_sweep();
 }

@@ -1,7 +1,7 @@
-// The channels of one socket, by destination. Their number is bounded: beyond 64 the one that was used
-// longest ago makes way, and one that is idle for ten seconds is closed. A stalled channel stays; when all
-// are stalled, further destinations get channels without a descriptor. (The descriptors of all sockets
-// together are bounded by the loop.)
+// The channels of one socket, by destination. At most 64 may have a descriptor: a further one takes the place
+// of the channel that was used longest ago. A channel that is idle for ten seconds is closed. Stalled
+// channels stay; when all are stalled, further destinations get channels without a descriptor. The loop
+// bounds the descriptors of all sockets together.
 #pragma once
 
 #include <memory>
@@ -19,10 +19,10 @@ class ChannelSet {
     ChannelSet(const ChannelSet &) = delete;
     ChannelSet &operator=(const ChannelSet &) = delete;
 
-    // The channel to an address, made when there is none; null when it is no Unix socket address. May throw
-    // bad_alloc.
+    // Returns the channel to an address, a new one if necessary; null when the address is not that of a Unix
+    // socket. May throw bad_alloc.
     Channel *find_or_make(const cl_sockaddr_t &address);
-    // Closes all channels. Returns what waited in them.
+    // Closes all channels. Returns the sends that waited in them.
     SendQueue close() noexcept;
 
   private:
@@ -34,7 +34,7 @@ class ChannelSet {
     Loop &loop_;
     const int bound_fd_;
     std::unordered_map<std::string_view, std::unique_ptr<Channel>> channels_; // keys: their own destinations
-    Channel *last_ = nullptr;                                                 // that was asked for
+    Channel *last_ = nullptr; // the one returned last: consecutive sends mostly have one destination
     uint64_t sweep_timer_ = 0;
 };
 

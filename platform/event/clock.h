@@ -1,5 +1,5 @@
-// The one clock of this library. It is read here and not through cl_event_loop_now: a program that puts its
-// own function in place of the exported one must not stop the real loop.
+// The clock of this library. It does not go through cl_event_loop_now, because a program that replaces that
+// exported function must not stop the real loop.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,8 @@ inline uint64_t clock_ms() noexcept {
     return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
 }
 
-// The same clock as of the last tick of the kernel's timer, a few milliseconds ago at most: reads no counter.
+// The same clock at the kernel's last timer tick, a few milliseconds ago at most. Cheaper, because it reads
+// no hardware counter.
 inline uint64_t coarse_clock_ms() noexcept {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);

@@ -19,7 +19,7 @@ bool Dunix::send(const cl_sockaddr_t &address, const void *data, uint32_t len, c
     Channel *channel = channels_.find_or_make(address);
     Send *send = loop_.begin_send();
     if (!send) return false;
-    *send = {nullptr, id_, data, len, CL_EV_OK, 0, callback, context};
+    *send = {send, id_, data, len, CL_EV_OK, 0, callback, context};
     if (channel)
         channel->send(send);
     else
@@ -29,13 +29,18 @@ bool Dunix::send(const cl_sockaddr_t &address, const void *data, uint32_t len, c
     return false;
 }
 
-// What has left already is reported as sent, the rest as cancelled. All is closed before the first callback.
+// Reports what has left already as sent, and the rest as cancelled. Everything is closed before the first
+// callback. In a child that abandons the loop, report() only frees the records; a fork in a callback from
+// here is such a case.
 void Dunix::close() noexcept {
     receiver_.close();
     SendQueue unreported = loop_.take_finished(id_);
     SendQueue waiting = channels_.close();
-    bound_.remove();
-    const Loop::Callbacks guard(loop_);
+    if (loop_.abandoned())
+        bound_.forget();
+    else
+        bound_.remove();
+    const UvLoop::Callbacks guard(loop_.uv());
     while (!unreported.empty()) {
         Send *send = unreported.pop();
         loop_.report(send, send->status);

@@ -1,4 +1,4 @@
-// A Unix datagram socket: its bound file, its channels to destinations, its reception.
+// A Unix datagram socket: the bound file, the channels to destinations, and reception.
 #pragma once
 
 #include <memory>
@@ -16,11 +16,11 @@ class Dunix : public std::enable_shared_from_this<Dunix> {
 
     void set_id(cl_dunix_t id) noexcept { id_ = id; }
     bool start_receiving(cl_dunix_recv_cb callback, void *context) noexcept;
-    // False when memory is short; the callback is never called then.
+    // False when memory is short; the callback is then never called.
     bool send(const cl_sockaddr_t &address, const void *data, uint32_t len, cl_dunix_send_cb callback,
               void *context) noexcept;
     // Calls back for every send that is not reported yet. The caller keeps this object alive, and has taken
-    // it out of reach of its id.
+    // it out of the table, so that its id is stale.
     void close() noexcept;
 
   private:

@@ -4,27 +4,29 @@
 #include <utility>
 #include <uv.h>
 
-#include "loop.h"
+#include "private_fd.h"
+#include "uv_loop.h"
 
 namespace tavcl_ev {
 
 struct FdWatch::Watch {
     uv_poll_t handle;
-    Loop *loop;
+    UvLoop *loop;
+    int fd;
     Handler handler;
     void *owner; // null once closed
     int events;
 };
 
-bool FdWatch::open(Loop &loop, int fd, Handler handler, void *owner) noexcept {
-    auto *watch = new (std::nothrow) Watch{{}, &loop, handler, owner, 0};
+bool FdWatch::open(UvLoop &loop, int fd, Handler handler, void *owner) noexcept {
+    auto *watch = new (std::nothrow) Watch{{}, &loop, fd, handler, owner, 0};
     if (!watch) return false;
-    if (uv_poll_init(loop.uv(), &watch->handle, fd) != 0) {
+    if (uv_poll_init(loop.get(), &watch->handle, fd) != 0) {
         delete watch;
         return false;
     }
     watch->handle.data = watch;
-    loop.adopt(reinterpret_cast<uv_handle_t *>(&watch->handle));
+    loop.adopt(as_handle(&watch->handle));
     watch_ = watch;
     return true;
 }
@@ -42,24 +44,27 @@ void FdWatch::stop() noexcept {
     uv_poll_stop(&watch_->handle);
 }
 
+// A forgotten loop keeps the handle for good. Its owner may give that loop an epoll set of the child's, and
+// libuv then asks for the descriptor again: it stays open, but is never ready.
 void FdWatch::close() noexcept {
     Watch *watch = std::exchange(watch_, nullptr);
     if (!watch) return;
     watch->owner = nullptr;
-    uv_close(reinterpret_cast<uv_handle_t *>(&watch->handle), [](uv_handle_t *handle) {
+    if (watch->loop->forgotten()) return make_private_fd_inert(watch->fd);
+    uv_close(as_handle(&watch->handle), [](uv_handle_t *handle) {
         auto *closed = static_cast<Watch *>(handle->data);
         closed->loop->disown();
         delete closed;
     });
 }
 
-// An error (status below 0) makes libuv stop watching. The handler meets the same error in its own system
-// call, which also clears it, and the watch goes on.
+// An error (a negative status) makes libuv stop watching. The handler's own system call meets the same error,
+// which clears it, and the watch goes on.
 void FdWatch::on_event(uv_poll_t *handle, int status, int) {
     auto *watch = static_cast<Watch *>(handle->data);
     if (!watch->owner) return;
     if (status < 0 && watch->events) uv_poll_start(handle, watch->events, on_event);
-    const Loop::Callbacks guard(*watch->loop);
+    const UvLoop::Callbacks guard(*watch->loop);
     watch->handler(watch->owner);
 }
 

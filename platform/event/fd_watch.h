@@ -1,12 +1,12 @@
-// Watches one descriptor on the loop. The libuv handle lives by itself until libuv has let go of it, so that
-// the owner (and the descriptor) may go at any time, also from inside the handler.
+// Watches one descriptor on the loop. The libuv handle lives on by itself until libuv has let go of it, so
+// the owner and the descriptor may go at any time, even inside the handler.
 #pragma once
 
 struct uv_poll_s;
 
 namespace tavcl_ev {
 
-class Loop;
+class UvLoop;
 
 class FdWatch {
   public:
@@ -17,12 +17,13 @@ class FdWatch {
     FdWatch &operator=(const FdWatch &) = delete;
     ~FdWatch() { close(); }
 
-    // Prepares to watch; nothing is watched yet. False when that cannot be.
-    bool open(Loop &loop, int fd, Handler handler, void *owner) noexcept;
+    // Prepares to watch a PrivateFd; nothing is watched yet. Returns false on failure.
+    bool open(UvLoop &loop, int fd, Handler handler, void *owner) noexcept;
     bool opened() const noexcept { return watch_; }
     bool start_reading() noexcept;
     bool start_writing() noexcept;
     void stop() noexcept;
+    // Must come before the descriptor is closed.
     void close() noexcept;
 
   private:

@@ -1,6 +1,7 @@
 #include "loop.h"
 
 #include <algorithm>
+#include <cassert>
 #include <new>
 #include <sys/resource.h>
 #include <sys/timerfd.h>
@@ -10,17 +11,16 @@ namespace tavcl_ev {
 
 namespace {
 
-constexpr uint64_t kLongestWait = 24ull * 60 * 60 * 1000;
+// A wait for a far timer is cut into days, so that no time overflows the kernel's types.
+constexpr uint64_t kLongestWait_ms = 24ull * 60 * 60 * 1000;
+// Channels with a descriptor. Enough that a hub's destinations each keep theirs; a quarter of what the
+// process may open leaves the rest to the program.
 constexpr rlim_t kMostChannels = 256;
 
 unsigned channels_allowed() {
     rlimit files{};
     if (getrlimit(RLIMIT_NOFILE, &files) != 0) return kMostChannels;
     return static_cast<unsigned>(std::min(kMostChannels, files.rlim_cur / 4));
-}
-
-template <class Handle> uv_handle_t *as_handle(Handle *handle) {
-    return reinterpret_cast<uv_handle_t *>(handle);
 }
 
 template <class Handle> Loop &loop_of(Handle *handle) { return *static_cast<Loop *>(handle->data); }
@@ -34,65 +34,92 @@ std::unique_ptr<Loop> Loop::make(uv_loop_t *foreign) noexcept {
 }
 
 bool Loop::open(uv_loop_t *foreign) noexcept {
-    if (!foreign && uv_loop_init(&own_uv_) != 0) return false;
-    uv_ = foreign ? foreign : &own_uv_;
+    if (!uv_.open(foreign)) return false;
     most_channels_ = channels_allowed();
-    uv_prepare_init(uv_, &prepare_);
-    uv_check_init(uv_, &check_);
-    uv_idle_init(uv_, &idle_);
+    uv_prepare_init(uv_.get(), &prepare_);
+    uv_check_init(uv_.get(), &check_);
+    uv_idle_init(uv_.get(), &idle_);
     for (uv_handle_t *handle : {as_handle(&prepare_), as_handle(&check_), as_handle(&idle_)}) {
         handle->data = this;
-        adopt(handle);
+        uv_.adopt(handle);
     }
+    handles_made_ = true;
     uv_prepare_start(&prepare_, [](uv_prepare_t *handle) { loop_of(handle).before_poll(); });
     uv_check_start(&check_, [](uv_check_t *handle) { loop_of(handle).after_poll(); });
-    wake_fd_ = tavipc::UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    wake_fd_ = PrivateFd(tavipc::UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)));
     const auto rings = [](void *self) { static_cast<Loop *>(self)->woken(); };
-    return wake_fd_ && wake_watch_.open(*this, wake_fd_.get(), rings, this) && wake_watch_.start_reading();
+    return wake_fd_ && wake_watch_.open(uv_, wake_fd_.get(), rings, this) && wake_watch_.start_reading();
 }
 
+// It may be in use, when a callback calls exit: its frames never return then.
 Loop::~Loop() {
-    if (!uv_) return;
+    assert(finished_.empty());
+    assert(channels_ == 0);
     wake_watch_.close();
+    if (!handles_made_) return;
     for (uv_handle_t *handle : {as_handle(&prepare_), as_handle(&check_), as_handle(&idle_)})
-        uv_close(handle, [](uv_handle_t *closed) { loop_of(closed).disown(); });
-    while (handles_ > 0) uv_run(uv_, UV_RUN_NOWAIT);
-    if (uv_ == &own_uv_) uv_loop_close(uv_);
+        uv_close(handle, [](uv_handle_t *closed) { loop_of(closed).uv_.disown(); });
+    uv_.wait_until_closed();
 }
 
-void Loop::adopt(uv_handle_t *handle) noexcept {
-    ++handles_;
-    uv_unref(handle);
+void Loop::enter_child() noexcept {
+    abandoned_ = true;
+    uv_.enter_child();
+}
+
+// Stopping the handles only changes memory, also on the caller's loop. They stay in that loop's lists, so
+// this object stays as well (see ThreadEvents).
+void Loop::abandon() noexcept {
+    for (SendQueue finished = std::move(finished_); !finished.empty();)
+        report(finished.pop(), CL_EV_CANCELLED);
+    finished_bytes_ = 0;
+    timers_.clear();
+    wake_watch_.close();
+    wake_fd_.reset();
+    assert(channels_ == 0);
+    if (held_ > 0) uv_unref(as_handle(&prepare_));
+    held_ = 0;
+    set_idle(false);
+    uv_prepare_stop(&prepare_);
+    uv_check_stop(&check_);
+}
+
+Loop::Frame::Frame(Loop &on, bool is_once) noexcept
+    : loop(on), outer(on.frame_), once(is_once), callbacks_before(on.callbacks_run_),
+      was_reporting(on.reporting_) {
+    loop.frame_ = this;
+    loop.reporting_ = false;
+}
+
+Loop::Frame::~Frame() {
+    assert(loop.frame_ == this);
+    loop.frame_ = outer;
+    loop.reporting_ = was_reporting;
 }
 
 int Loop::run() noexcept {
-    Frame frame{frame_, false, false, 0};
-    frame_ = &frame;
-    while (!frame.stopped && held_ > 0) uv_run(uv_, UV_RUN_ONCE);
-    frame_ = frame.outer;
+    const Frame frame(*this, false);
+    while (!frame.stopped && held_ > 0) uv_run(uv_.get(), UV_RUN_ONCE);
     return frame.stopped ? 1 : 0;
 }
 
 int Loop::run_once(int timeout_ms) noexcept {
-    Frame frame{frame_, true, false, callbacks_run_};
-    frame_ = &frame;
+    const Frame frame(*this, true);
     const uint64_t end = timeout_ms < 0 ? kNever : later(clock_ms(), static_cast<uint64_t>(timeout_ms));
-    const uint64_t timer = timeout_ms > 0 ? start_timer(
-                                                end, [](void *) {}, nullptr, false)
-                                          : 0;
+    const auto nothing = [](void *) {};
+    const uint64_t timer = timeout_ms > 0 ? start_timer(end, nothing, nullptr, false) : 0;
     if (timeout_ms >= 0 && !timer) {
-        uv_run(uv_, UV_RUN_NOWAIT);
+        uv_run(uv_.get(), UV_RUN_NOWAIT);
     } else {
-        // Housekeeping also ends a wait; on the caller's loop we cannot tell it from the caller's own events.
-        do uv_run(uv_, UV_RUN_ONCE);
-        while (uv_ == &own_uv_ && held_ > 0 && callbacks_run_ == frame.callbacks_before && clock_ms() < end);
+        // Housekeeping also ends a wait. On the caller's loop it cannot be told from the caller's own events.
+        do uv_run(uv_.get(), UV_RUN_ONCE);
+        while (!uv_.foreign() && held_ > 0 && callbacks_run_ == frame.callbacks_before && clock_ms() < end);
         stop_timer(timer);
     }
-    frame_ = frame.outer;
     return held_ > 0 ? 1 : 0;
 }
 
-// The frame remembers it: uv_stop would end the innermost uv_run, which may be one inside the run that is
+// The frame keeps the stop: uv_stop would end the innermost uv_run, which may be one inside the run that is
 // meant, or the caller's own.
 void Loop::stop() noexcept {
     Frame *frame = frame_;
@@ -109,7 +136,7 @@ void Loop::before_poll() noexcept {
     if (!idling_) wake_for_timers();
 }
 
-// Idle goes off here and not only before the next poll: libuv looks at it at the very start of a turn.
+// Idle goes off here and not only before the next poll, because libuv checks it at the very start of a turn.
 void Loop::after_poll() noexcept {
     fire_timers();
     report_finished();
@@ -121,7 +148,7 @@ void Loop::wake_for_timers() noexcept {
     if (due >= wake_up_ms_) return;
     if (due <= clock_ms()) return nudge();
     itimerspec at{};
-    const uint64_t wait_until = std::min(due, clock_ms() + kLongestWait);
+    const uint64_t wait_until = std::min(due, clock_ms() + kLongestWait_ms);
     at.it_value.tv_sec = static_cast<time_t>(wait_until / 1000);
     at.it_value.tv_nsec = static_cast<long>(wait_until % 1000 * 1'000'000);
     if (timerfd_settime(wake_fd_.get(), TFD_TIMER_ABSTIME, &at, nullptr) == 0) wake_up_ms_ = wait_until;
@@ -134,7 +161,7 @@ void Loop::woken() noexcept {
 
 void Loop::fire_timers() noexcept {
     if (timers_.next_due_ms() == kNever) return;
-    const Callbacks guard(*this);
+    const UvLoop::Callbacks guard(uv_);
     const uint64_t now = clock_ms();
     const uint64_t started_until = timers_.last_started();
     Timer timer;
@@ -162,6 +189,11 @@ void Loop::stop_timer(uint64_t id) noexcept {
     if (timers_.stop(id, &timer) && timer.keeps_alive) drop();
 }
 
+void Loop::channel_closed() noexcept {
+    assert(channels_ > 0);
+    --channels_;
+}
+
 Send *Loop::begin_send() noexcept {
     Send *send = sends_.take();
     if (send) hold();
@@ -178,19 +210,23 @@ void Loop::finish(Send *send, int status) noexcept {
 
 void Loop::report_finished(cl_dunix_send_cb only) noexcept {
     if (finished_.empty()) return;
-    const Callbacks guard(*this);
+    const UvLoop::Callbacks guard(uv_);
+    const bool was_reporting = std::exchange(reporting_, true);
     const uint64_t until = last_finished_;
     while (!finished_.empty() && finished_.front()->order <= until) {
-        if (only && finished_.front()->callback != only) return;
+        if (only && finished_.front()->callback != only) break;
         Send *send = finished_.pop();
+        assert(finished_bytes_ >= send->len);
         finished_bytes_ -= send->len;
         report(send, send->status);
     }
+    reporting_ = was_reporting;
 }
 
 void Loop::report(Send *send, int status) noexcept {
     const Send copy = *send;
     sends_.give_back(send);
+    if (abandoned_) return;
     drop();
     count_callback();
     if (copy.callback) copy.callback(copy.socket, status, copy.context);
@@ -213,6 +249,7 @@ void Loop::hold() noexcept {
 }
 
 void Loop::drop() noexcept {
+    assert(held_ > 0);
     if (--held_ == 0) uv_unref(as_handle(&prepare_));
 }
 

@@ -8,8 +8,8 @@ namespace tavcl_ev {
 
 namespace {
 
-constexpr unsigned kMaxPerTurn = 64;
-constexpr unsigned kSingles = 4;
+constexpr unsigned kMaxPerTurn = 64; // datagrams for one readable event; tavcl_ev.h promises it
+constexpr unsigned kSingles = 4; // drains that found one datagram or none, until a drain asks for one only
 
 // Returns the batch to its pool at the end of a drain.
 struct BatchLoan {
@@ -23,7 +23,7 @@ struct BatchLoan {
 bool Receiver::start(int fd, cl_dunix_t socket, cl_dunix_recv_cb callback, void *context,
                      FdWatch::Handler ready, void *owner) noexcept {
     if (!callback_) {
-        if (!batches_.reserve() || (!watch_.opened() && !watch_.open(loop_, fd, ready, owner)) ||
+        if (!batches_.reserve() || (!watch_.opened() && !watch_.open(loop_.uv(), fd, ready, owner)) ||
             !watch_.start_reading())
             return false;
         fd_ = fd;
@@ -65,7 +65,7 @@ unsigned Receiver::fetch(RecvBatch &batch, unsigned most) noexcept {
     const int fetched = batch.fetch(fd_, most);
     if (fetched >= 0) return static_cast<unsigned>(fetched);
     const int error = errno;
-    // A refused connection is the echo of an earlier send, reported on the wrong side.
+    // A refused connection belongs to an earlier send; the kernel reports it to the next call on the socket.
     if (error != EAGAIN && error != EINTR && error != ECONNREFUSED && error != ECONNRESET) {
         const cl_sockaddr_t nobody{};
         deliver({nullptr, 0, &nobody}, CL_EV_IO);

@@ -1,20 +1,22 @@
 // The receiving side of one socket: fetches datagrams in batches and hands them to the callback.
 //
-// drain() may be on the stack several times, when a callback runs the loop. fetched_ is the one batch with
-// datagrams that are not delivered yet: an inner drain delivers the rest of it before it fetches more, so
-// that the order holds. Every drain fetches no more than it may still deliver, so none is left over when it
-// returns, unless the socket was closed.
+// drain() may be on the stack several times, when a callback runs the loop. fetched_ is the only batch with
+// undelivered datagrams. An inner drain delivers the rest of it before it fetches more, which keeps the
+// order. A drain never fetches more than it may still deliver, so nothing is left over when it returns,
+// unless the socket was closed.
 //
-// Where datagrams come one by one, asking for more than one is a wasted look into the socket (a third of a
-// microsecond): then a drain asks for one, and only every fourth for more. Where they come in numbers, it
-// asks until there are none: with a quick sender the next is there before the loop has gone round, and
-// neither side goes to sleep.
+// When datagrams arrive one by one, a second fetch finds nothing and wastes a third of a microsecond. A drain
+// then fetches one, and only every fourth drain asks for more. When many arrive, a drain fetches until none
+// is left: the next datagram of a fast sender arrives before the loop has completed its turn, and neither
+// side sleeps.
 #pragma once
 
 #include "fd_watch.h"
 #include "recv_batch.h"
 
 namespace tavcl_ev {
+
+class Loop;
 
 class Receiver {
   public:
@@ -23,10 +25,10 @@ class Receiver {
     Receiver(const Receiver &) = delete;
     Receiver &operator=(const Receiver &) = delete;
 
-    // Starts, or replaces the callback. ready(owner) is called when drain() is to be; false on failure.
+    // Starts, or replaces the callback. ready(owner) must call drain(). Returns false on failure.
     bool start(int fd, cl_dunix_t socket, cl_dunix_recv_cb callback, void *context, FdWatch::Handler ready,
                void *owner) noexcept;
-    // The caller keeps this object alive until drain() returns.
+    // The caller keeps this object alive until drain() has returned.
     void drain() noexcept;
     void close() noexcept;
 

@@ -1,7 +1,7 @@
-// Room for a number of datagrams that one system call fetches, and the pool of such rooms of a thread.
+// Buffers for the datagrams that one system call fetches, and a thread's pool of such batches.
 //
-// The rooms are large, so memory counts only where a datagram was written: nothing here touches a buffer
-// that has not received one. A run of the loop inside a receive callback takes a second batch, hence a pool.
+// Memory is committed as datagrams arrive: nothing here touches a buffer that has not received one. A run of
+// the loop inside a receive callback takes a second batch, hence the pool.
 #pragma once
 
 #include <cstddef>
@@ -17,8 +17,8 @@ namespace tavcl_ev {
 
 class RecvBatch {
   public:
-    static constexpr unsigned kSlots = 16;
-    static constexpr size_t kSlotSize = 65536;
+    static constexpr unsigned kSlots = 16;     // a full queue of eleven datagrams in one call, and some more
+    static constexpr size_t kSlotSize = 65536; // bytes; the largest datagram that is not reported as too big
 
     RecvBatch();
     RecvBatch(const RecvBatch &) = delete;
@@ -38,7 +38,8 @@ class RecvBatch {
     void discard() noexcept { next_ = count_; }
 
   private:
-    // Not a multiple of the page size: datagrams at equal places of their pages would share few cache lines.
+    // Bytes. Not a multiple of the page size, or the beginnings of all datagrams would compete for few cache
+    // lines.
     static constexpr size_t kStride = kSlotSize + 64;
     tavipc::MallocPtr<char> buffers_;
     cl_sockaddr_t names_[kSlots];
@@ -50,13 +51,13 @@ class RecvBatch {
 
 class RecvBatchPool {
   public:
-    // Makes sure that a batch is there; false when memory is short.
+    // Makes sure that take() succeeds the next time; false when memory is short.
     bool reserve() noexcept;
     std::unique_ptr<RecvBatch> take() noexcept; // null when memory is short
     void give_back(std::unique_ptr<RecvBatch> batch) noexcept;
 
   private:
-    static constexpr size_t kMaxKept = 4;
+    static constexpr size_t kMaxKept = 4; // batches; runs of the loop are rarely nested deeper
     std::unique_ptr<RecvBatch> kept_[kMaxKept];
     size_t count_ = 0;
 };

@@ -1,10 +1,11 @@
-// One accepted send, and the first-in first-out list that such records stand in.
+// One accepted send, and the first-in first-out list that holds such records.
 //
 // A record is in exactly one list: free (SendPool), waiting (its Channel), finished (the Loop, until its
-// callback runs), or cancelled (inside Dunix::close). Lists are chained through the records: moving one
-// allocates nothing.
+// callback runs), or cancelled (inside Dunix::close). Lists are chained through the records, so moving one
+// allocates nothing. The next of a record in no list is the record itself.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -20,7 +21,7 @@ struct Send {
     const void *data;
     uint32_t len;
     int status;
-    uint64_t order; // among the finished
+    uint64_t order; // of finishing
     cl_dunix_send_cb callback;
     void *context;
 };
@@ -31,17 +32,19 @@ class SendQueue {
     SendQueue(SendQueue &&other) noexcept
         : first_(std::exchange(other.first_, nullptr)), last_(std::exchange(other.last_, nullptr)) {}
     SendQueue &operator=(SendQueue &&) = delete;
+    ~SendQueue() { assert(empty()); } // else sends would never complete
 
     bool empty() const noexcept { return !first_; }
     Send *front() const noexcept { return first_; }
     void push(Send *send) noexcept {
+        assert(send->next == send);
         send->next = nullptr;
         (last_ ? last_->next : first_) = send;
         last_ = send;
     }
     Send *pop() noexcept {
         Send *send = first_;
-        first_ = send->next;
+        first_ = std::exchange(send->next, send);
         if (!first_) last_ = nullptr;
         return send;
     }
@@ -57,7 +60,7 @@ class SendQueue {
     Send *last_ = nullptr;
 };
 
-// Keeps a number of free records, the last used on top, which saves an allocation for each datagram.
+// Keeps free records, the last used first, which saves an allocation for each datagram.
 class SendPool {
   public:
     SendPool() = default;
@@ -67,11 +70,16 @@ class SendPool {
         while (free_) delete std::exchange(free_, free_->next);
     }
     Send *take() noexcept {
-        if (!free_) return new (std::nothrow) Send;
-        --kept_;
-        return std::exchange(free_, free_->next);
+        Send *send = free_ ? free_ : new (std::nothrow) Send;
+        if (free_) {
+            free_ = send->next;
+            --kept_;
+        }
+        if (send) send->next = send;
+        return send;
     }
     void give_back(Send *send) noexcept {
+        assert(send->next == send);
         if (kept_ == kMaxKept) {
             delete send;
         } else {
@@ -81,7 +89,8 @@ class SendPool {
     }
 
   private:
-    static constexpr size_t kMaxKept = 1024;
+    static constexpr size_t kMaxKept =
+        1024; // records, 64 KiB: those of a burst between two turns of the loop
     Send *free_ = nullptr;
     size_t kept_ = 0;
 };

@@ -1,9 +1,9 @@
 // Values behind 64-bit ids that are never reused.
 //
-// An id is a slot number (low 24 bits) and that slot's generation (upper 40 bits, from 1 on, so that no id
-// is 0). Erasing a value raises the generation, which makes every copy of the old id stale; a slot whose
-// generations are used up is retired. A new table starts above all generations of the tables before it, so
-// that the ids of a thread's former loop are stale in its next one.
+// An id is a slot number (low 24 bits) and that slot's generation (upper 40 bits, from 1 on, so no id is 0).
+// Taking a value out raises the generation, which makes every copy of the old id stale. A slot whose
+// generations are used up is retired. A new table starts above all generations of the tables that were
+// cleared before, so the ids of a thread's former loop are stale in its next one.
 #pragma once
 
 #include <algorithm>
@@ -20,15 +20,21 @@ template <class T> class SlotTable {
     SlotTable() : first_generation_(generation_floor_.load()) {}
     SlotTable(const SlotTable &) = delete;
     SlotTable &operator=(const SlotTable &) = delete;
-    ~SlotTable() {
+    ~SlotTable() { clear(); }
+
+    // Drops all values. Every id that was given is stale from then on, in this table and in later ones.
+    void clear() noexcept {
         uint64_t floor = first_generation_;
         for (const Slot &slot : slots_) floor = std::max(floor, slot.generation + 1);
         uint64_t seen = generation_floor_.load();
         while (seen < floor && !generation_floor_.compare_exchange_weak(seen, floor)) {
         }
+        slots_.clear();
+        free_ = kNone;
+        first_generation_ = floor;
     }
 
-    // May throw bad_alloc; nothing is changed then.
+    // May throw bad_alloc; the table is then unchanged.
     uint64_t insert(T value) {
         if (free_ == kNone) {
             if (slots_.size() > kIndexMask) throw std::bad_alloc();
@@ -63,7 +69,7 @@ template <class T> class SlotTable {
         return value;
     }
 
-    // Some id that is in the table, 0 when it is empty.
+    // The id of any value in the table, 0 when it is empty.
     uint64_t any() const noexcept {
         for (size_t index = 0; index < slots_.size(); ++index)
             if (slots_[index].used) return slots_[index].generation << kIndexBits | index;
@@ -82,7 +88,7 @@ template <class T> class SlotTable {
     };
     static inline std::atomic<uint64_t> generation_floor_{1};
 
-    const uint64_t first_generation_;
+    uint64_t first_generation_;
     std::vector<Slot> slots_;
     uint32_t free_ = kNone;
 };

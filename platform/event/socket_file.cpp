@@ -1,6 +1,6 @@
-// Replacing a stale file is probe, remove, bind: of two processes that do so at once the slower must not
-// remove what the quicker has bound. Both hold a lock on the directory meanwhile; who binds a free path needs
-// none, because bind itself refuses a path that is taken.
+// A stale file is replaced in three steps: probe, remove, bind. When two processes do so at once, the slower
+// one must not remove the file that the faster one has bound. Both therefore lock the directory meanwhile.
+// Binding a free path needs no lock, because bind refuses a path that is taken.
 #include "socket_file.h"
 
 #include <cerrno>
@@ -12,11 +12,14 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include "common/facts.h"
+
 namespace tavcl_ev {
 
 namespace {
 
 using tavipc::kLongestSocketPath;
+using tavipc::UniqueFd;
 
 const sockaddr *generic(const cl_sockaddr_t &address) {
     return reinterpret_cast<const sockaddr *>(&address.addr);
@@ -24,29 +27,34 @@ const sockaddr *generic(const cl_sockaddr_t &address) {
 
 bool bind_to(int fd, const cl_sockaddr_t &address) { return bind(fd, generic(address), address.len) == 0; }
 
-void make_directories(const char *path) {
+// Returns 0, or the errno of the first directory that could not be made.
+int make_directories(const char *path) {
+    int error = 0;
     char directory[kLongestSocketPath + 1];
     strcpy(directory, path);
     for (char *slash = strchr(directory + 1, '/'); slash; slash = strchr(slash + 1, '/')) {
         *slash = '\0';
-        mkdir(directory, 0755); // a failure shows when the socket is bound
+        if (mkdir(directory, 0755) != 0 && errno != EEXIST && error == 0) error = errno;
         *slash = '/';
     }
+    return error;
 }
 
-// The directory of path, locked; without the lock when it cannot be had in good time.
-UniqueFd lock_directory(const char *path) {
+// Locks the directory of path. Returns it without the lock when another process holds that for too long.
+PrivateFd lock_directory(const char *path) {
     char directory[kLongestSocketPath + 1];
     strcpy(directory, path);
     char *slash = strrchr(directory, '/');
     if (slash) slash[slash == directory ? 1 : 0] = '\0';
-    UniqueFd fd(open(slash ? directory : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    for (int tries = 0; fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && tries < tavipc::kDirectoryLockTries; ++tries)
+    PrivateFd fd(UniqueFd(open(slash ? directory : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+    for (int tries = 0; fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && tries < tavipc::kDirectoryLockTries;
+         ++tries)
         usleep(tavipc::kDirectoryLockPause_us);
     return fd;
 }
 
-// Only a refused connection proves that nobody has the socket; a live one that is full connects.
+// Only a refused connection proves that no process has the socket open. A live socket whose queue is full
+// accepts the connection.
 bool is_stale(const cl_sockaddr_t &address) {
     const UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     return probe && connect(probe.get(), generic(address), address.len) != 0 && errno == ECONNREFUSED;
@@ -54,7 +62,7 @@ bool is_stale(const cl_sockaddr_t &address) {
 
 bool replace_stale(int fd, const cl_sockaddr_t &address) {
     const char *path = address.addr.sun_path;
-    const UniqueFd lock = lock_directory(path);
+    const PrivateFd lock = lock_directory(path);
     const FileIdentity found = identify_socket(path, false);
     if (found != FileIdentity{} && is_stale(address) && identify_socket(path, false) == found) unlink(path);
     return bind_to(fd, address);
@@ -63,8 +71,9 @@ bool replace_stale(int fd, const cl_sockaddr_t &address) {
 bool bind_or_replace(int fd, const cl_sockaddr_t &address) {
     if (bind_to(fd, address)) return true;
     if (errno == ENOENT) {
-        make_directories(address.addr.sun_path);
+        const int error = make_directories(address.addr.sun_path);
         if (bind_to(fd, address)) return true;
+        if (errno == ENOENT && error != 0) errno = error; // why the directory is missing
     }
     return errno == EADDRINUSE && replace_stale(fd, address);
 }
@@ -89,9 +98,9 @@ bool fill_address(cl_sockaddr_t *address, const char *path) noexcept {
     return true;
 }
 
-UniqueFd make_datagram_socket() noexcept {
-    UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (fd) set_send_buffer(fd.get(), kSendBuffer);
+PrivateFd make_datagram_socket() noexcept {
+    PrivateFd fd(UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
+    if (fd) set_send_buffer(fd.get(), tavipc::kSendBuffer);
     return fd;
 }
 
@@ -109,25 +118,23 @@ BoundSocket BoundSocket::make(const cl_sockaddr_t &address) noexcept {
         return made;
     }
     fill_address(&made.address_, address.addr.sun_path);
-    made.maker_ = getpid();
-    UniqueFd fd = make_datagram_socket();
+    PrivateFd fd = make_datagram_socket();
     if (!fd || !bind_or_replace(fd.get(), made.address_)) return made;
     made.file_ = identify_socket(made.address_.addr.sun_path, false);
     if (made.file_ != FileIdentity{}) {
         made.fd_ = std::move(fd);
-    } else if (const int error = errno; error != ENOTSOCK) { // by now another's
+    } else if (const int error = errno; error != ENOTSOCK) { // else the path is another's by now
         unlink(made.address_.addr.sun_path);
         errno = error;
     }
     return made;
 }
 
-// While the socket is open its file's number is not given to another file. A child that was forked off
-// leaves its parent's files alone.
+// The file system does not give the inode number to another file while the socket is open.
 void BoundSocket::remove() noexcept {
     if (!fd_) return;
     const char *path = address_.addr.sun_path;
-    if (maker_ == getpid() && identify_socket(path, false) == file_) unlink(path);
+    if (identify_socket(path, false) == file_) unlink(path);
     fd_.reset();
 }
 

@@ -1,5 +1,5 @@
-// The exported functions: they check arguments, find the thread's part and the handle, and pass on. Nothing
-// inside the library calls them.
+// The exported functions check their arguments, find the thread's objects, and call them. Nothing inside the
+// library calls an exported function.
 #include "tavcl_ev.h"
 
 #include <cerrno>
@@ -27,12 +27,18 @@ uint64_t cl_event_loop_now() noexcept { return tavcl_ev::clock_ms(); }
 
 int cl_event_loop_run() noexcept {
     ThreadEvents *events = ThreadEvents::get();
-    return events ? events->loop().run() : -1;
+    if (!events) return -1;
+    const int result = events->loop().run();
+    ThreadEvents::reap();
+    return result;
 }
 
 int cl_event_loop_run_once(int timeout_ms) noexcept {
     ThreadEvents *events = ThreadEvents::get();
-    return events ? events->loop().run_once(timeout_ms) : -1;
+    if (!events) return -1;
+    const int result = events->loop().run_once(timeout_ms);
+    ThreadEvents::reap();
+    return result;
 }
 
 void cl_event_loop_stop() noexcept {

@@ -1,7 +1,12 @@
 #include "thread_events.h"
 
+#include <atomic>
 #include <cerrno>
+#include <mutex>
 #include <new>
+#include <pthread.h>
+
+#include "private_fd.h"
 
 namespace tavcl_ev {
 
@@ -10,9 +15,10 @@ namespace {
 // Plain data, which stays readable after the thread's destructors have run.
 struct State {
     ThreadEvents *events;
-    bool closed; // being released, or the thread has ended
+    ThreadEvents *abandoned; // a list
+    bool closed;             // being released, or the thread has ended
 };
-constinit thread_local State t_state{nullptr, false};
+constinit thread_local State t_state{nullptr, nullptr, false};
 
 struct AtThreadEnd {
     bool armed = false;
@@ -37,6 +43,7 @@ bool ThreadEvents::attach(uv_loop_t *foreign) noexcept {
 }
 
 ThreadEvents *ThreadEvents::make(uv_loop_t *foreign) noexcept try {
+    if (!watch_forks()) return nullptr;
     auto loop = Loop::make(foreign);
     if (!loop) return nullptr;
     t_state.events = new ThreadEvents(std::move(loop));
@@ -46,15 +53,20 @@ ThreadEvents *ThreadEvents::make(uv_loop_t *foreign) noexcept try {
     return nullptr;
 }
 
-// A forked child has only a copy of its parent's loop; the epoll set behind it is shared, so it is left
-// alone.
 void ThreadEvents::release() noexcept {
     ThreadEvents *events = existing();
-    if (!events || events->process_ != getpid()) return;
+    if (!events) return;
     t_state.closed = true;
-    while (const cl_dunix_t socket = events->sockets_.any()) events->take_socket(socket)->close();
+    events->close_sockets();
+    if (t_state.events != events) return reap(); // a callback has forked, and this is the child
     delete events;
-    t_state = {nullptr, false};
+    t_state.events = nullptr;
+    t_state.closed = false;
+    reap();
+}
+
+void ThreadEvents::close_sockets() noexcept {
+    while (const cl_dunix_t socket = sockets_.any()) take_socket(socket)->close();
 }
 
 cl_dunix_t ThreadEvents::create_socket(const cl_sockaddr_t &address) {
@@ -64,6 +76,45 @@ cl_dunix_t ThreadEvents::create_socket(const cl_sockaddr_t &address) {
     const cl_dunix_t id = sockets_.insert(socket);
     socket->set_id(id);
     return id;
+}
+
+// --- fork ------------------------------------------------------------------------------------------
+
+// A failure (memory is short) is tried again with the next loop.
+bool ThreadEvents::watch_forks() noexcept {
+    static std::atomic<bool> watching{false};
+    static std::mutex mutex;
+    if (watching.load(std::memory_order_acquire)) return true;
+    const std::lock_guard lock(mutex);
+    if (!watching && pthread_atfork(lock_private_fds, unlock_private_fds, after_fork_in_child) == 0)
+        watching.store(true, std::memory_order_release);
+    return watching;
+}
+
+void ThreadEvents::after_fork_in_child() noexcept {
+    unlock_private_fds();
+    if (ThreadEvents *events = std::exchange(t_state.events, nullptr)) {
+        events->next_abandoned_ = std::exchange(t_state.abandoned, events);
+        t_state.closed = false;
+        events->loop_->enter_child();
+        events->close_sockets();
+        events->sockets_.clear();
+        events->loop_->abandon();
+    }
+    close_private_fds();
+    reap();
+}
+
+void ThreadEvents::reap() noexcept {
+    for (ThreadEvents **link = &t_state.abandoned; *link;) {
+        ThreadEvents *events = *link;
+        if (events->loop_->in_use() || events->loop_->uv().forgotten()) {
+            link = &events->next_abandoned_;
+        } else {
+            *link = events->next_abandoned_;
+            delete events;
+        }
+    }
 }
 
 } // namespace tavcl_ev

@@ -31,7 +31,7 @@ bool TimerHeap::take_due(uint64_t now_ms, uint64_t started_until, Timer *due) no
     return stop(heap_.front().id, due);
 }
 
-// Puts the entry where it belongs on the way between the root and the leaves that passes through place.
+// Moves the entry up or down from place until the heap is in order again.
 void TimerHeap::settle(size_t place, const Entry &entry) noexcept {
     while (place > 0 && entry.before(heap_[(place - 1) / 2])) {
         put(place, heap_[(place - 1) / 2]);

@@ -1,7 +1,7 @@
 // The timers of one loop: a binary heap ordered by due time, then by order of start.
 //
-// The heap holds small entries; the callback and the entry's place stand in a slot table, so that a timer is
-// found, and taken out of the middle, by its id. Time is passed in; nothing here waits or calls back.
+// The heap holds small entries. The callback and the entry's place are in a slot table, so a timer is found
+// by its id and can be taken out of the middle. Time is passed in; nothing here waits or calls back.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,8 @@ namespace tavcl_ev {
 struct Timer {
     void (*callback)(void *argument) = nullptr;
     void *argument = nullptr;
-    bool keeps_alive = false; // the loop runs on for it; housekeeping does not count
-    size_t place = 0;         // in the heap
+    bool keeps_alive = false; // the loop keeps running for it; false for housekeeping
+    size_t place = 0;         // index in the heap
 };
 
 class TimerHeap {
@@ -26,12 +26,18 @@ class TimerHeap {
     // Takes a timer out, due or not. Returns false for a stale id.
     bool stop(uint64_t id, Timer *stopped) noexcept;
 
-    // The due time of the first timer, kNever when there is none.
+    // Drops all timers.
+    void clear() noexcept {
+        heap_.clear();
+        timers_.clear();
+    }
+
+    // The due time of the first timer, kNever without one.
     uint64_t next_due_ms() const noexcept { return heap_.empty() ? kNever : heap_.front().due_ms; }
-    // Timers started from now on have a higher order of start than this.
+    // Timers that are started from now on have a higher order of start than this.
     uint64_t last_started() const noexcept { return last_started_; }
-    // Takes out the first timer, if it is due and was started no later than the one of that order. A timer
-    // that is started meanwhile cannot hide an older one: it is due no earlier than now_ms.
+    // Takes out the first timer, if it is due and its order of start is at most started_until. A timer that
+    // is started meanwhile cannot hide an older one, because it is due no earlier than now_ms.
     bool take_due(uint64_t now_ms, uint64_t started_until, Timer *due) noexcept;
 
   private:

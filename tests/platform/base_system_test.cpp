@@ -57,6 +57,24 @@ TEST(Shell, ResultAndOutput) {
     EXPECT_EQ(kill(std::stoi(run("sleep 8 & echo $!").substr(2)), SIGKILL), 0); // it goes on running
 }
 
+TEST(Shell, LostStatusCountsAsSuccess) {
+    struct sigaction before {
+    }, action{};
+    sigaction(SIGCHLD, nullptr, &before);
+    const auto reap = [](int) {
+        while (waitpid(-1, nullptr, WNOHANG) > 0) continue;
+    };
+    for (const auto &[handler, flags] :
+         {std::pair<void (*)(int), int>{SIG_IGN, 0}, {[](int) {}, SA_NOCLDWAIT}, {reap, 0}}) {
+        action.sa_handler = handler;
+        action.sa_flags = flags;
+        sigaction(SIGCHLD, &action, nullptr);
+        EXPECT_EQ(run("printf whole; exec >&-; sleep 0.05; exit 3"), "0 whole");
+        EXPECT_EQ(run("exit 3"), "-1 ");
+    }
+    sigaction(SIGCHLD, &before, nullptr);
+}
+
 TEST(Shell, IsEndedAtTheLimitWithAllItsChildren) {
     prctl(PR_SET_CHILD_SUBREAPER, 1); // orphans become children of this process
     haste = 5;

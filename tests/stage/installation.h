@@ -1,12 +1,7 @@
-// An installation of the agent in directories of its own: bin/ with module executables, config/ with the
-// signed allow-list and the INI files, and a socket directory below /var/tmp, so that no root is needed and
-// no two installations meet. Everything is removed with the object, also when the program crashes. A program
-// has one at a time.
+// An installation of the agent in directories of its own: bin/ with module programs, config/ with the signed
+// allow-list and the INI files, and a socket directory below /var/tmp, so it needs no root. A child process
+// removes the directories, even after a crash.
 #pragma once
-
-#include <filesystem>
-#include <string>
-#include <vector>
 
 #include "process.h"
 
@@ -15,31 +10,29 @@ namespace tavipc::stage {
 class Installation {
   public:
     struct Setup {
-        std::filesystem::path root; // gets bin/ and config/; empty: a new directory of its own
-        int location = 2;           // any other than 1: the route to the manager is not probed
-        bool agent_id = false;      // determine the agent id; else the platform gives host id 4242
+        std::filesystem::path root; // gets bin/ and config/; empty: a new directory
+        int location = 2;           // not 1: that location's modules look for a route to the manager
+        bool agent_id = false;      // whether the modules determine the agent id; if not, it is 4242
     };
     explicit Installation(const Setup &setup);
-    ~Installation();
+    ~Installation() { janitor_.finish(); }
     Installation(const Installation &) = delete;
 
-    // Writes and signs the list of executables that may open endpoints.
+    // Signs a list of the executables that may open endpoints.
     void allow(const std::vector<std::string> &names) const;
-    // Starts the module program under a name, as a process of its own.
-    Process start(const std::string &name, const std::vector<std::string> &environment = {}) const;
-
-    // The command-line tool as this agent's own: bin/tavctl, put there when it is asked for.
-    std::string tool() const;
-
+    // Copies a program into bin/ under a name.
+    std::filesystem::path put(const std::string &name, const std::filesystem::path &program) const;
+    // Starts the program bin/NAME; without one, the module program under that name.
+    Process start(const std::string &name, const std::vector<std::string> &environment = {},
+                  const std::vector<std::string> &arguments = {}) const;
+    std::string tool() const; // the command-line tool as the agent's own
     std::filesystem::path config() const { return root_ / "config"; }
-    std::filesystem::path sockets() const; // directory of the socket files
+    std::filesystem::path sockets() const; // the directory of the socket files
 
   private:
-    std::filesystem::path root_;
-    std::filesystem::path var_; // below /var/tmp
+    std::filesystem::path var_, root_; // the former is below /var/tmp
     int location_;
-    pid_t janitor_ = -1;
-    int janitor_pipe_ = -1;
+    Process janitor_; // removes the directories when its input ends
 };
 
 } // namespace tavipc::stage

@@ -1,5 +1,5 @@
-// Fixture for the rooms around the endpoint, in a fake world. Every test ends with all endpoints destroyed,
-// and then no timer, no socket and no pending send may be left.
+// Fixture for the components around the endpoint, in a fake world. Every test ends with all endpoints
+// destroyed, and then no timer, no socket and no pending send may be left.
 #pragma once
 
 #include <arpa/inet.h>
@@ -7,6 +7,7 @@
 #include "fakes.h"
 #include "ipc/endpoint.h"
 #include "ipc/ipc_process.h"
+#include "ipc/send.h"
 #include "ipc/wire.h"
 
 template <typename T> std::string bytes_of(const T &value) {
@@ -39,7 +40,7 @@ inline std::string pattern(size_t size) {
     return text;
 }
 
-// An application message of size bytes in all whose header claims a body of that size plus lie.
+// An application message of size bytes in all. Its header claims a body that is larger by lie.
 inline std::string app_message(size_t size, uint8_t priority = 0, char method = 0, int lie = 0) {
     std::string text = "3200" + std::string(16, '\0') + std::string(size - 20, 'a');
     text[7] = method;
@@ -57,14 +58,14 @@ class EndpointWorld : public FakeWorld {
     };
 
     EndpointWorld() {
-        tavipc::process_state() = {};
+        tavipc::reset_process_state();
         unsetenv("IPC_TEST");
-        static uint64_t days = 0; // rate limits outlive a test: each begins long after the one before
-        w.clock.ticks_ms += ++days * 86'400'000;
     }
     void TearDown() override {
         while (!open_.empty()) close(open_.back());
-        EXPECT_TRUE(w.event.timers.empty() && w.event.sockets.empty() && w.event.pending() == 0);
+        EXPECT_EQ(w.event.timers.size(), 0u);
+        EXPECT_EQ(w.event.sockets.size(), 0u);
+        EXPECT_EQ(w.event.pending(), 0u);
     }
 
     tav_ipc_st *adopt(tav_ipc_st *ipc) {
@@ -79,7 +80,25 @@ class EndpointWorld : public FakeWorld {
         std::erase(open_, ipc);
         tav_ipc_destroy(ipc);
     }
-    // Completes what is pending, and forgets what was sent, received and logged.
+    // Runs scenario on a fresh endpoint with action at its first line of the log, again with action at its
+    // second line, and so on. Returns the number of lines. action may leave ipc null.
+    size_t at_each_line(tav_ipc_st *&ipc, const std::function<void()> &scenario,
+                        const std::function<void()> &action) {
+        for (size_t at = 1;; ++at) {
+            SCOPED_TRACE(testing::Message() << "line " << at);
+            close(ipc);
+            ipc = open();
+            forget();
+            size_t line = 0;
+            w.log.on_line = [&] {
+                if (++line == at) action();
+            };
+            scenario();
+            w.log.on_line = nullptr;
+            if (line < at) return at - 1;
+        }
+    }
+    // Completes the pending sends, and forgets what was sent, received and logged.
     void forget() {
         w.event.complete_all();
         w.event.sends.clear();
@@ -91,7 +110,7 @@ class EndpointWorld : public FakeWorld {
     void receive(tav_ipc_st *ipc, std::string_view bytes, int status = 0) {
         w.event.deliver(ipc->queue->default_mod->sock, bytes, status);
     }
-    // Notes what reaches the callbacks; then_ runs inside each.
+    // Notes the calls of the callbacks. then_ runs inside each.
     void listen(tav_ipc_st *ipc) {
         tav_ipc_msg_recv(ipc, note<>, this);
         tav_ipc_on_request(ipc, note<uint32_t>, this);

@@ -1,6 +1,7 @@
 #include "fakes.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <dlfcn.h>
@@ -24,9 +25,8 @@ int Log::count(std::string_view part, int level) const {
 }
 
 size_t Event::pending() const {
-    size_t n = 0;
-    for (const Send &send : sends) n += !send.done;
-    return n;
+    return static_cast<size_t>(
+        std::count_if(sends.begin(), sends.end(), [](const Send &send) { return !send.done; }));
 }
 
 void Event::complete(size_t index, int status) {
@@ -73,8 +73,18 @@ cl_dunix_t Event::socket_at(std::string_view path) const {
 
 } // namespace fake
 
+// The library ends the process with status 0 when memory is short; a test that does so must not pass.
+[[gnu::destructor]] static void fail_inside_a_test() {
+    if (fake::test_runs && !testing::internal::InDeathTestChild()) _exit(EXIT_FAILURE);
+}
+
 using fake::world;
 static fake::Event &event = world().event;
+
+// The function that a stand-in replaces.
+template <typename Function> static Function next(Function, const char *name) {
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
 
 extern "C" {
 
@@ -88,6 +98,7 @@ void error_output(int level, const char *source, int, const char *format, ...) n
     va_end(arguments);
     fake::Log &log = world().log;
     log.lines.push_back({level, source, text});
+    errno = ENOTTY; // a sink may change it
     if (const auto on_line = std::exchange(log.on_line, nullptr)) {
         on_line();
         log.on_line = on_line;
@@ -126,8 +137,12 @@ cl_timer_t cl_timer_start(uint64_t delay_ms, void (*callback)(void *), void *arg
 void cl_timer_stop(cl_timer_t timer) noexcept { event.timers.erase(timer); }
 
 cl_dunix_t cl_dunix_create(const cl_sockaddr_t *address, void *, void *) noexcept {
-    if (event.fail_create > 0) return --event.fail_create, 0;
-    if (event.socket_at(address->addr.sun_path)) return 0; // a live name is never taken
+    const bool in_use = event.socket_at(address->addr.sun_path) != 0;
+    if (in_use || event.fail_create > 0) {
+        errno = in_use ? EADDRINUSE : EACCES;
+        event.fail_create -= !in_use;
+        return 0;
+    }
     event.sockets[++event.last_id] = {address->addr.sun_path};
     return event.last_id;
 }
@@ -137,9 +152,9 @@ void cl_dunix_close(cl_dunix_t socket, void (*)(void *), void *) noexcept {
         if (event.sends[i].socket == socket && !event.sends[i].done) event.complete(i, CL_EV_CANCELLED);
 }
 int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *context) noexcept {
-    if (event.fail_recv > 0) return --event.fail_recv, -1;
-    event.sockets.at(socket).recv = callback;
-    event.sockets.at(socket).recv_context = context;
+    if (event.fail_recv > 0) return --event.fail_recv, errno = 0, -1;
+    fake::Socket &receiving = event.sockets.at(socket);
+    receiving = {receiving.path, callback, context};
     return 0;
 }
 int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void *data, uint32_t len,
@@ -156,12 +171,13 @@ void cl_dunix_settle(size_t, cl_dunix_send_cb) noexcept {
 }
 
 xhash_t *xhash_create(void (*release)(void *), uint32_t reserved) noexcept {
-    static const auto real = reinterpret_cast<decltype(&xhash_create)>(dlsym(RTLD_NEXT, "xhash_create"));
+    static const auto real = next(&xhash_create, "xhash_create");
     return --world().memory.fail_table == 0 ? nullptr : real(release, reserved);
 }
 int heap_push(heap_t *heap, void *entry) noexcept {
-    static const auto real = reinterpret_cast<decltype(&heap_push)>(dlsym(RTLD_NEXT, "heap_push"));
-    return --world().memory.fail_push == 0 ? -1 : real(heap, entry);
+    static const auto real = next(&heap_push, "heap_push");
+    const bool full = heap_count(heap) >= world().memory.largest_heap;
+    return --world().memory.fail_push == 0 || full ? -1 : real(heap, entry);
 }
 
 int tav_get_location() noexcept { return world().deployment.location; }

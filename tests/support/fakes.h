@@ -16,48 +16,39 @@
 
 namespace fake {
 
-// --- log: error_output, error_output_check
 struct LogLine {
     int level;
     std::string source, text;
 };
-struct Log {
+struct Log { // error_output, error_output_check
     int threshold = 4;
     std::vector<LogLine> lines;
     std::function<void()> on_line;                          // runs at each line, but those of its own
     int count(std::string_view part, int level = -1) const; // lines that contain part (at that level)
 };
-
-// --- libc: time, rand, srand, clock_gettime; ticks and loop clock
-struct Clock {
-    uint64_t loop_ms = 1'000'000;
-    uint64_t ticks_ms = 1'000'000;
+struct Clock { // cl_event_loop_now, timer_get_ticks, time, clock_gettime
+    uint64_t loop_ms = 1'000'000, ticks_ms = 1'000'000;
     time_t wall_s = 1'700'000'000;
     std::function<int(clockid_t, timespec *)> gettime; // the real clock_gettime when empty
 };
-struct Random {
+struct Random {                  // rand, srand
     std::deque<int> draws;       // next results of rand; a counter follows when they run out
     std::vector<unsigned> seeds; // arguments of srand
     int counter = 0;
 };
-
-// --- timers: cl_timer_start, cl_timer_stop
-struct Timer {
+struct Timer { // cl_timer_start, cl_timer_stop
     uint64_t due_ms, delay_ms;
     void (*callback)(void *);
     void *argument;
 };
-
-// --- sockets: cl_dunix_*
-struct Socket {
+struct Socket { // cl_dunix_*
     std::string path;
     cl_dunix_recv_cb recv = nullptr;
     void *recv_context = nullptr;
 };
 struct Send {
     cl_dunix_t socket;
-    std::string path;
-    std::string bytes; // the datagram as it was when it was handed over
+    std::string path, bytes; // the datagram as it was when it was handed over
     cl_dunix_send_cb callback;
     void *context;
     bool done = false;
@@ -68,7 +59,7 @@ struct Event {
     std::deque<Send> sends; // every accepted send, in order
     uint64_t last_id = 0;
     bool settles = false; // cl_dunix_settle completes what is pending
-    int fail_timers = 0, fail_create = 0, fail_recv = 0, fail_send = 0; // so many calls fail from now on
+    int fail_timers = 0, fail_create = 0, fail_recv = 0, fail_send = 0; // number of next calls that fail
 
     size_t pending() const;                  // sends not completed
     void complete(size_t index, int status); // completes sends[index]
@@ -77,14 +68,11 @@ struct Event {
     void deliver(cl_dunix_t socket, std::string_view datagram, int status = 0);
     cl_dunix_t socket_at(std::string_view path) const; // 0 when there is none
 };
-
-// --- tables that cannot grow: xhash_create, heap_push
-struct Memory {
-    int fail_table = 0, fail_push = 0; // the call from now that fails, 1 is the next
+struct Memory { // xhash_create, heap_push
+    int fail_table = 0, fail_push = 0;  // the call from now that fails, 1 is the next
+    uint32_t largest_heap = UINT32_MAX; // entries; heap_push fails from there on
 };
-
-// --- deployment facts and executable directory (libtavaux, dirutils_path_transform)
-struct Deployment {
+struct Deployment { // libtavaux, dirutils_path_transform
     int location = 2;
     const char *deploy_type = nullptr;
     bool cnapp = false;
@@ -92,9 +80,7 @@ struct Deployment {
     std::string agent_type = "linux";  // empty: GetAgentType fails
     std::string base = "/nonexistent"; // what "@" stands for
 };
-
-// --- who a process is: c_get_process, CreateAgentId (identity_fakes.cpp)
-struct Identity {
+struct Identity { // c_get_process, CreateAgentId (identity_fakes.cpp)
     int32_t process_result = 0;
     unsigned agent_id = 4711;
     int agent_id_calls = 0;
@@ -110,12 +96,18 @@ struct World {
     Identity identity;
 };
 World &world();
+inline bool test_runs = false;
 
 } // namespace fake
 
 // Fixture: a fresh world for every test.
 class FakeWorld : public ::testing::Test {
   protected:
-    FakeWorld() { fake::world() = fake::World{}; }
+    FakeWorld() {
+        fake::world() = fake::World{}, fake::test_runs = true;
+        static uint64_t days = 0; // rate limits outlive a test: each begins long after the one before
+        w.clock.ticks_ms += ++days * 86'400'000;
+    }
+    ~FakeWorld() override { fake::test_runs = false; }
     fake::World &w = fake::world();
 };

@@ -1,13 +1,9 @@
-// FileTransfers between real processes: whole, and what is left when a side dies, stops, is full or is not
-// alone.
+// Files between real processes: whole, and what happens when a side dies or two senders draw the same id.
 #include <csignal>
 #include <fstream>
-#include <thread>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/wait.h>
 
 #include "installation.h"
 
@@ -16,132 +12,80 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr size_t kChunk = 64'000;
+constexpr size_t kChunk = 64'000; // bytes of a file in one datagram
 
-class FileTransfers : public ::testing::Test {
+// The altered module program with an endpoint that accepts files.
+struct Module : Process {
+    Module(const Installation &place, const std::string &name,
+           const std::vector<std::string> &environment = {})
+        : Process(place.put(name, TAVIPC_ALTERED_MODULE), environment) {
+        ask("accept " + name, "opened ");
+    }
+};
+
+class Files : public ::testing::Test {
   protected:
-    FileTransfers() {
-        place.allow({"alpha", "beta", "gamma"});
-        fs::create_directories(root / "bin");
-        for (const char *name : {"alpha", "beta", "gamma"})
-            fs::copy_file(TAVIPC_ALTERED_MODULE, root / "bin" / name);
-    }
-    ~FileTransfers() override {
-        if (pipe >= 0) close(pipe);
-        fs::remove(temporary);
-    }
+    Files() { place.allow({"alpha", "beta", "gamma"}); }
+    ~Files() override { fs::remove(temporary); }
 
-    static void open(Process &beta, Process &alpha, const std::string &how = "accept") {
-        beta.ask(how + " beta", "opened ");
-        alpha.ask("open alpha", "opened ");
-    }
-    std::string write(const std::string &name, size_t size) {
+    std::string write(size_t size, const char *name = "source") const {
         std::string bytes(size, '\0');
         for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 2654435761u >> 13);
-        std::ofstream(root / name, std::ios::binary) << bytes;
-        return root / name;
+        std::ofstream(place.config() / name, std::ios::binary) << bytes;
+        return place.config() / name;
     }
-    // Lets the sender send a pipe into which just two chunks were written, and waits until beta has them.
-    void send_half(Process &sender, Process &beta, int timeout_s) {
-        const fs::path path = root / "pipe";
-        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-        pipe = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-        sender.say("file beta " + path.string() + ' ' + std::to_string(timeout_s));
-        feed(2 * kChunk);
+    // Sends a file of three chunks to beta, which stops itself when it has the first one.
+    void send_to_stopping_beta(Process &from, Process &beta) {
+        from.say("file beta " + write(3 * kChunk) + " 600");
         temporary = beta.expect("temporary ");
-        for (int i = 0; i < 1000 && fs::file_size(temporary) < 2 * kChunk; ++i)
-            std::this_thread::sleep_for(20ms);
-        ASSERT_EQ(fs::file_size(temporary), 2 * kChunk);
-    }
-    void feed(size_t size) {
-        const std::string bytes(size, 'x');
-        ASSERT_EQ(::write(pipe, bytes.data(), size), static_cast<ssize_t>(size));
-    }
-    void feed_rest() {
-        feed(1000);
-        close(std::exchange(pipe, -1));
+        siginfo_t stopped;
+        ASSERT_EQ(waitid(P_PID, static_cast<id_t>(beta.pid()), &stopped, WSTOPPED), 0);
     }
 
     Installation place{{}};
-    const fs::path root = place.config().parent_path();
-    int pipe = -1;
-    fs::path temporary; // the file that beta writes
+    fs::path temporary; // beta's
 };
 
-TEST_F(FileTransfers, ArriveWhole) {
-    Process beta = place.start("beta"), alpha = place.start("alpha");
-    open(beta, alpha);
+TEST_F(Files, ArriveWhole) {
+    Module alpha(place, "alpha"), beta(place, "beta");
     for (const size_t size : {size_t{0}, 3 * kChunk, size_t{20'000'017}}) {
-        const std::string path = write("source", size);
-        const std::string sent = alpha.ask("file beta " + path + " 60", "sending ");
+        const std::string sent = alpha.ask("file beta " + write(size) + " 60", "sending ");
         EXPECT_GE(std::stoi(alpha.expect("file ")), 0);
         EXPECT_EQ(beta.expect("got "), sent);
-        fs::remove(beta.expect("temporary "));
     }
 }
 
-TEST_F(FileTransfers, AreRefusedWhereTheyAreNotAccepted) {
-    Process beta = place.start("beta"), alpha = place.start("alpha");
-    open(beta, alpha, "open");
-    EXPECT_EQ(alpha.ask("file beta " + write("source", 100'000) + " 60", "file "), "-109");
-    EXPECT_EQ(alpha.ask("file beta /no/such/file 60", "file "), "-104");
-    EXPECT_FALSE(beta.heard("temporary") || beta.heard("got"));
-}
-
-TEST_F(FileTransfers, SecondSenderWithTheSameIdIsRefused) {
-    const std::vector<std::string> same_ids = {"TAVIPC_CLOCK_SPEED=0", "TAVIPC_DRAW=7"};
-    Process beta = place.start("beta"), alpha = place.start("alpha", same_ids);
-    open(beta, alpha);
-    Process gamma = place.start("gamma", same_ids);
-    gamma.ask("open gamma", "opened ");
-    send_half(alpha, beta, 60);
-    EXPECT_EQ(gamma.ask("file beta " + write("source", 100) + " 60", "file "), "-106");
-    feed_rest();
+TEST_F(Files, SecondSenderWithTheSameIdIsRefused) {
+    Module beta(place, "beta", {"TAVIPC_STOP_AT_FILE=1"});
+    Module alpha(place, "alpha", {"TAVIPC_FIXED_ID=1"}), gamma(place, "gamma", {"TAVIPC_FIXED_ID=1"});
+    send_to_stopping_beta(alpha, beta);
+    gamma.say("file beta " + write(100, "other") + " 600");
+    gamma.ask("descriptors 1024", "done"); // now its file waits in beta's socket
+    beta.signal(SIGCONT);
+    EXPECT_EQ(gamma.expect("file "), "-106");
     EXPECT_GE(std::stoi(alpha.expect("file ")), 0);
-    EXPECT_EQ(words(beta.expect("got ")).at(0), std::to_string(2 * kChunk + 1000));
+    EXPECT_EQ(words(beta.expect("got ")).at(0), std::to_string(3 * kChunk));
 }
 
-TEST_F(FileTransfers, DeadReceiverEndsTheTransfer) {
-    Process beta = place.start("beta"), alpha = place.start("alpha");
-    open(beta, alpha);
-    send_half(alpha, beta, 1);
+TEST_F(Files, DeadReceiverEndsTheTransfer) {
+    Module alpha(place, "alpha"), beta(place, "beta", {"TAVIPC_STOP_AT_FILE=1"});
+    send_to_stopping_beta(alpha, beta);
     EXPECT_EQ(beta.kill(), -SIGKILL);
-    feed_rest();
+    alpha.ask("descriptors 1024", "done"); // it waits for the confirmation
+    alpha.signal(SIGUSR1);
     EXPECT_EQ(alpha.expect("file "), "-102");
-    EXPECT_FALSE(beta.heard("got"));
 }
 
-TEST_F(FileTransfers, WhatADeadSenderBeganIsSweptAway) {
-    Process beta = place.start("beta", {"TAVIPC_CLOCK_SPEED=100"}), alpha = place.start("alpha");
-    open(beta, alpha);
-    send_half(alpha, beta, 60);
-    alpha.kill();
-    EXPECT_TRUE(fs::exists(temporary));
-    for (int i = 0; i < 1000 && fs::exists(temporary); ++i) std::this_thread::sleep_for(20ms);
-    EXPECT_FALSE(fs::exists(temporary));
+TEST_F(Files, WhatADeadSenderBeganIsRemoved) {
+    Module alpha(place, "alpha"), beta(place, "beta", {"TAVIPC_STOP_AT_FILE=1", "TAVIPC_SHORT_TIMERS=1"});
+    send_to_stopping_beta(alpha, beta);
+    EXPECT_EQ(alpha.kill(), -SIGKILL);
+    beta.signal(SIGCONT);
+    beta.ask("exchange confirm beta 1 10 60", "exchanged 1 "); // it has handled the first chunk
+    beta.signal(SIGUSR1);
+    beta.expect("removed " + temporary.string());
     EXPECT_EQ(beta.finish(), 0);
     EXPECT_FALSE(beta.heard("got"));
-}
-
-TEST_F(FileTransfers, FullDiskEndsTheTransfer) {
-    Process beta = place.start("beta", {"TAVIPC_FILE_LIMIT=100000"}), alpha = place.start("alpha");
-    open(beta, alpha);
-    EXPECT_EQ(alpha.ask("file beta " + write("source", 2 * kChunk) + " 60", "file "), "-107");
-    temporary = beta.expect("temporary ");
-    EXPECT_FALSE(beta.heard("got"));
-}
-
-TEST_F(FileTransfers, StoppedReceiverGoesOn) {
-    Process beta = place.start("beta"), alpha = place.start("alpha");
-    open(beta, alpha);
-    send_half(alpha, beta, 60);
-    beta.signal(SIGSTOP);
-    feed_rest();
-    std::this_thread::sleep_for(1s);
-    EXPECT_FALSE(alpha.heard("file "));
-    beta.signal(SIGCONT);
-    EXPECT_GE(std::stoi(alpha.expect("file ")), 0);
-    EXPECT_EQ(words(beta.expect("got ")).at(0), std::to_string(2 * kChunk + 1000));
 }
 
 } // namespace

@@ -1,8 +1,9 @@
 // Transmission: what is tried at once and what waits, how refusals are retried and for how long, the
-// in-flight counters. (exactly_once_test has the completions that outlive their endpoint.)
+// in-flight limits, and what log lines may do meanwhile.
 #include <optional>
 
 #include "endpoint_world.h"
+#include "ipc/ipc_conf.h"
 #include "ipc/transmitter.h"
 
 namespace {
@@ -14,11 +15,16 @@ class TransmitterTest : public EndpointWorld {
     TransmitterTest() { w.random.draws.assign(1000, 3); } // a random delay is (3 + 10 * tries) % 50
 
     static std::string failed(int status) {
-        return "|last_err=" + std::to_string(status) + "(" + cl_ev_strerror(status) + ")|src=";
+        return "|last_err=" + std::to_string(status) + "(" + cl_ev_strerror(status) + ")" + datagram_;
+    }
+    void configure_retries(uint32_t times) {
+        load_ipc_proxy_conf("/nonexistent");
+        get_ipc_proxy_conf()->eagain_max_retry_times = times;
+        get_ipc_proxy_conf()->eagain_retry_interval_ms = 200;
     }
     void send_hello(int refused_with = 0) {
         forget();
-        tavipc::process_state().last_reqid = 0;
+        tavipc::reset_sending();
         ASSERT_EQ(send(ipc_, "hello"), 0);
         if (refused_with) w.event.complete_all(refused_with);
     }
@@ -26,83 +32,77 @@ class TransmitterTest : public EndpointWorld {
         EXPECT_EQ(ipc_queue_len(ipc_->queue), count);
         return ipc_queue_top(ipc_->queue);
     }
-    void expect_idle(const mod_info_st *mod) {
+    void expect_idle() {
         w.event.complete_all();
-        EXPECT_EQ(mod->sending + mod->sending_bytes + mod->queued + mod->queued_bytes, 0u);
-        EXPECT_TRUE(!waiting(0) && !ipc_->in_flight);
+        EXPECT_EQ(beta_->sending + beta_->sending_bytes + beta_->queued + beta_->queued_bytes, 0u);
+        waiting(0);
     }
 
+    inline static const std::string datagram_ = "|src=[4711:alpha:2]|dest=[4711:beta:2]|reqid=1|frag_seq=0|"
+                                                "frag_id=0|size=5|frag_orig=0";
     tav_ipc_st *ipc_ = open();
     mod_info_st *beta_ = module(ipc_);
 };
 
 TEST_F(TransmitterTest, RefusalsAreRetriedUpToTheirLimit) {
+    // status, configured retries, attempts, delay (0: random)
     const std::tuple<int, std::optional<uint32_t>, size_t, uint64_t> cases[] = {
-        // status, configured retries, attempts (0: more than are tried here), delay (0: random)
-        {4, {}, 11, 0}, {2, {}, 5, 0}, {1, 3, 5, 0}, {4, 3, 4, 200}, {4, 0, 1, 200}, {4, INT32_MAX, 0, 200}};
+        {4, {}, 11, 0}, {2, {}, 5, 0}, {1, 3, 5, 0}, {4, 3, 4, 200}, {4, 0, 1, 200}};
     for (const auto &[status, configured, limit, fixed_delay_ms] : cases) {
         SCOPED_TRACE(testing::Message() << status << ", " << limit << " attempts");
-        tavipc::process_state().conf_loaded = configured.has_value();
-        get_ipc_proxy_conf()->eagain_max_retry_times = configured.value_or(0);
-        get_ipc_proxy_conf()->eagain_retry_interval_ms = 200;
+        tavipc::reset_ipc_conf();
+        if (configured) configure_retries(*configured);
         send_hello();
-        for (size_t tries = 1; tries < (limit ? limit : 20); ++tries) {
-            ASSERT_EQ(w.event.sends.size(), tries);
+        for (size_t tries = 1; tries < limit; ++tries) {
             w.event.complete(tries - 1, status);
-            const uint64_t delay_ms = fixed_delay_ms ? fixed_delay_ms : (3 + 10 * tries) % 50;
-            w.event.advance(delay_ms - 1);
+            w.event.advance((fixed_delay_ms ? fixed_delay_ms : (3 + 10 * tries) % 50) - 1);
             ASSERT_EQ(w.event.sends.size(), tries);
             w.event.advance(1);
             EXPECT_EQ(sent(tries).bytes(), sent(0).bytes());
         }
-        const std::string end = "|try_limit=" + std::to_string(limit ? limit : 2147483648u) + failed(status);
+        w.event.complete_all(status);
+        const std::string end = "|try_limit=" + std::to_string(limit) + failed(status);
         EXPECT_EQ(w.log.count("msg send failed, retry later|try_times=1" + end, 4), limit != 1);
-        if (limit) w.event.complete_all(status);
         const std::string drop = "msg consume times more than limit, drop it|try_times=";
-        EXPECT_EQ(w.log.count(drop + std::to_string(limit) + end, 2), limit != 0);
-        expect_idle(beta_);
+        EXPECT_EQ(w.log.count(drop + std::to_string(limit) + end, 2), 1);
+        expect_idle();
     }
 }
 
-TEST_F(TransmitterTest, EveryAttemptIsCountedAndEndsOnce) {
+TEST_F(TransmitterTest, OnlyASuccessAfterARetryIsReported) {
     send_hello();
-    EXPECT_TRUE(beta_->sending == 1 && beta_->sending_bytes == 65);
-    std::tie(beta_->sending, beta_->sending_bytes) = std::tuple(0, 64); // counts stop at 0
-    expect_idle(beta_);
-    EXPECT_EQ(w.log.count("|try_times"), 0); // success is reported after a retry only
-    send_hello(4);
+    expect_idle();
+    EXPECT_EQ(w.log.count("|try_times"), 0);
+    send_hello(CL_EV_WOULD_BLOCK);
     w.event.advance(50);
-    expect_idle(beta_);
-    EXPECT_EQ(w.log.count("msg retry success|try_times=2|src=[4711:alpha:2]|dest=[4711:beta:2]|reqid=1|"
-                          "frag_seq=0|frag_id=0|size=5|frag_orig=0",
-                          4),
-              1);
+    expect_idle();
+    EXPECT_EQ(w.log.count("msg retry success|try_times=2" + datagram_, 4), 1);
+}
+
+TEST_F(TransmitterTest, RefusedHandOverIsQueuedOnceAndThenDropped) {
     w.event.fail_send = 2;
-    send_hello(); // a refused hand-over is queued once and then dropped
-    EXPECT_TRUE(waiting()->try_times == 1 && waiting()->retry_later == w.clock.loop_ms + 13);
-    EXPECT_EQ(beta_->sending + beta_->sending_bytes, 0u);
+    send_hello();
+    EXPECT_EQ(waiting()->try_times, 1u);
+    EXPECT_EQ(waiting()->retry_later, w.clock.loop_ms + 13);
     w.event.advance(13);
     EXPECT_EQ(w.log.count("send msg failed|ret=-1|reqid=1|frag_seq=0|frag_id=0|msg_size=5", 2), 2);
-    expect_idle(beta_);
+    expect_idle();
+}
+
+TEST_F(TransmitterTest, FullQueueDropsWithALine) {
     w.event.fail_send = w.memory.fail_push = 1;
     send_hello();
-    EXPECT_EQ(w.log.count("msg set send later failed, drop it|try_times=1|src=", 2), 1);
+    EXPECT_EQ(w.log.count("msg set send later failed, drop it|try_times=1" + datagram_, 2), 1);
     w.memory.fail_push = 1;
-    send_hello(4);
+    send_hello(CL_EV_WOULD_BLOCK);
     EXPECT_EQ(w.log.count("msg set retry failed, drop it|try_times=1" + failed(4), 2), 1);
-    expect_idle(beta_);
-    w.event.fail_timers = 1;
-    send_hello(4); // keeps the record though no timer can be had
-    EXPECT_EQ(w.log.count("msg send failed, retry later|try_times=1|try_limit=11" + failed(4), 4), 1);
-    waiting();
+    expect_idle();
 }
 
 TEST_F(TransmitterTest, NewTrafficQueuesBehindWhatRanksBefore) {
-    const std::tuple<uint8_t, uint8_t, uint64_t, bool> cases[] = {// priorities, later by, attempted at once
-                                                                  {0, 4, 0, true},
-                                                                  {5, 4, 0, false},
-                                                                  {4, 5, 0, true},
-                                                                  {1, 9, 2000, false}};
+    // priorities, the second later by, attempted at once
+    const std::tuple<uint8_t, uint8_t, uint64_t, bool> cases[] = {
+        {0, 4, 0, true}, {5, 4, 0, false}, {4, 5, 0, true}, {1, 9, 2000, false}};
     for (const auto &[first, second, later_ms, attempted] : cases) {
         SCOPED_TRACE(testing::Message() << int{first} << " before " << int{second});
         forget();
@@ -113,73 +113,79 @@ TEST_F(TransmitterTest, NewTrafficQueuesBehindWhatRanksBefore) {
         ASSERT_EQ(send(ipc_, app_message(21, second)), 0);
         waiting(attempted ? 1 : 2);
         w.event.advance(100);
-        ASSERT_EQ(w.event.sends.size(), 2u);
         EXPECT_EQ(sent(0).header.size, attempted ? 21u : 20u);
-        expect_idle(beta_);
+        expect_idle();
     }
 }
 
 TEST_F(TransmitterTest, InFlightClassBoundsWhatIsAttempted) {
-    const std::tuple<uint16_t, std::string, uint32_t> cases[] = {
-        {0, "plain", kSmall},
-        {IPC_FLAG_FILE | IPC_FLAG_PROBE, "unconfirmed", kSmall},
-        {IPC_FLAG_REQUEST, "request", kLarge},
-        {IPC_FLAG_NEED_ACK, "confirmed", kLarge},
-        {0, app_message(30, 6), kSmall},
-        {0, app_message(30, 7), kLarge},
-        {IPC_FLAG_APP_MSG, std::string(15, '\xFF'), kSmall}}; // too short to have a priority
+    // The last payload is too short to have a priority.
+    const std::tuple<int, std::string, uint32_t> cases[] = {
+        {0x0C, "unconfirmed", kSmall},   {0x10, "request", kLarge},
+        {0x20, "response", kLarge},      {0, app_message(30, 6), kSmall},
+        {0, app_message(30, 7), kLarge}, {0x200, std::string(15, '\xFF'), kSmall}};
     for (const auto &[flags, payload, limit] : cases) {
         SCOPED_TRACE(payload);
         forget();
         const auto size = static_cast<uint32_t>(60 + payload.size());
-        for (const uint32_t room : {size + 1, size}) { // what is left over afterwards, too
+        for (const uint32_t left : {size + 1, size}) { // of the class; the header counts too
+            beta_->sending_bytes = limit - left;
+            ASSERT_EQ(send(ipc_, payload, address("beta"), static_cast<uint16_t>(flags)), 0);
             w.event.complete_all();
-            beta_->sending_bytes = limit - room;
-            ASSERT_EQ(send(ipc_, payload, address("beta"), flags), 0);
-            EXPECT_EQ(beta_->sending_bytes, room > size ? limit - 1 : limit - size);
         }
-        EXPECT_EQ(waiting()->retry_later, w.clock.loop_ms + 13);
-        w.event.advance(13); // still no room: dropped
-        EXPECT_TRUE(w.event.sends.size() == 1 && w.log.count("", 2) == 0);
+        waiting();
+        w.event.advance(13); // the class is still full: dropped
+        EXPECT_EQ(w.event.sends.size(), 1u);
+        EXPECT_EQ(w.log.count("", 2), payload == "response") << "whose requester would wait in vain";
         beta_->sending_bytes = 0;
-        expect_idle(beta_);
+        expect_idle();
     }
 }
 
-TEST_F(TransmitterTest, IdleModulesGoWhenThereAreVeryMany) {
-    const std::tuple<int64_t, int, int64_t> cases[] = {{5000, 0, 5000}, {5001, 4, 5001}, {5001, 0, 5000}};
-    for (const auto &[count, status, left] : cases) {
+TEST_F(TransmitterTest, IdleDestinationsGoWhenThereAreVeryMany) {
+    for (const auto &[count, status, left] : {std::tuple{5000, 0, 5000}, {5001, 4, 5001}, {5001, 0, 5000}}) {
         send_hello();
         ipc_->queue->mod_count = count;
         w.event.complete_all(status);
-        EXPECT_EQ(ipc_->queue->mod_count, left);
+        EXPECT_EQ(ipc_->queue->mod_count, left) << "one that waits stays";
         w.event.advance(50);
         ipc_->queue->mod_count = 1;
         w.event.complete_all();
     }
     EXPECT_EQ(xhash_count(ipc_->queue->mods), 0u);
-
-    tavipc::process_state().conf_loaded = true; // and the first would-block is the last
-    forget();
-    for (int i = 0; i < 2; ++i) ASSERT_EQ(send(ipc_, "hello"), 0);
-    w.random.draws = {77}; // a pool socket of its own
-    ASSERT_TRUE(module(ipc_, "gamma"));
+    ipc_->queue->mod_count = 5001;
     w.event.settles = true;
-    ipc_->queue->mod_count = 5001;
-    w.log.on_line = [&] { EXPECT_EQ(send(ipc_, "x", address("gamma")), 0); }; // settles the second
-    w.event.complete(0, CL_EV_WOULD_BLOCK);
-    w.log.on_line = nullptr;
-    EXPECT_EQ(ipc_->queue->mod_count, 5000) << "beta, once";
-    ipc_->queue->mod_count = 5001;
-    w.event.complete_all();
-    EXPECT_EQ(xhash_count(ipc_->queue->mods), 0u);
-    tavipc::process_state().conf_loaded = false;
-
-    ipc_->queue->mod_count = 5001;
     ASSERT_EQ(send(ipc_, pattern(200'000)), 0);
     EXPECT_EQ(xhash_count(ipc_->queue->mods), 1u) << "it is in use while its fragments are sent";
     w.event.complete_all();
-    EXPECT_EQ(xhash_count(ipc_->queue->mods), 0u);
+}
+
+// Of several completions that nest, the last one releases the destination.
+TEST_F(TransmitterTest, ALineAboutADropMaySettleTheLastSend) {
+    configure_retries(0); // the first refusal drops
+    ASSERT_TRUE(module(ipc_, "gamma"));
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(send(ipc_, "hello"), 0);
+    w.event.settles = true;
+    ipc_->queue->mod_count = 5002;
+    w.log.on_line = [&] { EXPECT_EQ(send(ipc_, "x", address("gamma")), 0); };
+    w.event.complete(0, CL_EV_WOULD_BLOCK);
+    w.log.on_line = nullptr;
+    EXPECT_EQ(ipc_->queue->mod_count, 5001) << "beta, once";
+    EXPECT_EQ(xhash_count(ipc_->queue->mods), 1u);
+    ipc_->queue->mod_count = 1;
+}
+
+TEST_F(TransmitterTest, RecordsOfOtherCodeAreSentOrDropped) {
+    for (tav_ipc_st *owner : {ipc_, static_cast<tav_ipc_st *>(nullptr)}) {
+        ipc_queue_msg_st *msg = create_ipc_queue_msg(3); // shorter than a header
+        *msg = {owner, nullptr, {}, w.clock.loop_ms, 0, 0, 0, 3, msg->inline_data, nullptr};
+        std::memcpy(msg->inline_data, "abc", 3);
+        ASSERT_EQ(ipc_queue_push(ipc_->queue, &msg, w.clock.loop_ms), 0);
+        w.event.advance(1);
+        EXPECT_EQ(w.event.sends.size(), 1u) << "the second has no endpoint";
+    }
+    w.event.complete_all(CL_EV_IO);
+    EXPECT_EQ(w.log.count("msg send failed, retry later|try_times=1", 4), 1);
 }
 
 } // namespace

@@ -1,0 +1,223 @@
+// Receives whole files: one ReceivedFile per file id in a table of the process.
+//
+// A file is open while it grows and complete after the empty chunk. The sweep releases it 300 seconds after
+// its last data, complete or not, and removes its temporary file. One thread drives all endpoints that accept
+// files, so nothing here is locked.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "common/facts.h"
+#include "common/log.h"
+#include "common/out_of_memory.h"
+#include "common/relaxed.h"
+#include "common/unique_fd.h"
+#include "ipc/endpoint.h"
+#include "ipc/ipc_file.h"
+
+namespace tavipc {
+namespace {
+
+constexpr uint64_t kSweepPeriod_ms = 60'000; // prescribed
+constexpr time_t kKeep_s = 300;              // prescribed: after a file's last data
+// Number of files. Peers choose the ids, so the table needs a bound: it takes about 10 MB.
+constexpr uint32_t kMostReceived = 65'536;
+// A search for files that were taken away looks at 65,536 paths, which takes 0.1 to 0.2 s. Done at most once
+// in this time, it costs at most 4 % of it.
+constexpr uint64_t kLookPeriod_ms = 5000;
+
+struct ReceivedFile {
+    UniqueFd fd; // empty: complete
+    char path[sizeof kReceivedFile];
+    tav_addr_st src;
+    time_t last_seen_s; // of the wall clock: creation, then the last chunk with data
+    pid_t owner;        // a forked child inherits the record, but not the temporary file
+};
+
+struct Received {
+    xhash_t *files = nullptr;  // file id -> ReceivedFile; exists from the first chunk on
+    uint32_t open = 0;         // files that hold a descriptor
+    uint64_t last_look_ms = 0; // of the loop clock: last search for files that were taken away
+};
+constinit Received received;
+
+// The timer belongs to this thread's loop, and the loop may be released without notice. So the timer only
+// serves while nothing arrives: a chunk that arrives after the due time runs the sweep itself.
+struct Sweep {
+    cl_timer_t timer = 0;
+    uint64_t due_ms = 0; // of the loop clock
+};
+thread_local constinit Sweep sweep;
+// The thread that received last. The timer of another one, perhaps still running, does nothing.
+constinit Relaxed<const Sweep *> sweeper = nullptr;
+
+void close_file(ReceivedFile &file) {
+    if (!file.fd) return;
+    file.fd.reset();
+    assert(received.open > 0);
+    --received.open;
+}
+
+void release_file(void *value) {
+    const std::unique_ptr<ReceivedFile> file(static_cast<ReceivedFile *>(value));
+    close_file(*file);
+    if (file->owner == ::getpid()) ::unlink(file->path);
+}
+
+int release_if_old(const void *key, uint32_t key_len, void *value, void *context) {
+    const time_t now_s = *static_cast<const time_t *>(context);
+    if (now_s - static_cast<const ReceivedFile *>(value)->last_seen_s > kKeep_s)
+        xhash_delete(received.files, key, key_len);
+    return 0;
+}
+
+void ipc_file_sweep(void *);
+
+void arm_sweep(uint64_t delay_ms) {
+    cl_timer_stop(sweep.timer); // late, or stale because its loop is gone
+    sweep.timer = cl_timer_start(delay_ms, ipc_file_sweep, nullptr);
+}
+
+void sweep_files() {
+    sweeper = &sweep;
+    time_t now_s = time(nullptr);
+    xhash_walk(received.files, &now_s, release_if_old);
+    sweep.due_ms = cl_event_loop_now() + kSweepPeriod_ms;
+    arm_sweep(kSweepPeriod_ms);
+}
+
+void ipc_file_sweep(void *) {
+    sweep.timer = 0;
+    if (sweeper == &sweep) sweep_files();
+}
+
+void keep_sweeping() {
+    if (sweeper != &sweep || cl_event_loop_now() > sweep.due_ms)
+        sweep_files();
+    else if (!sweep.timer) // could not be started
+        arm_sweep(kSweepPeriod_ms);
+}
+
+// The table, created on first use.
+xhash_t *received_files() {
+    if (!received.files) received.files = xhash_create(release_file, 0);
+    if (!received.files) out_of_memory("ipc_file", __LINE__);
+    keep_sweeping();
+    return received.files;
+}
+
+ReceivedFile *find_file(xhash_t *files, uint32_t file_id) {
+    void *found = nullptr;
+    return xhash_search(files, &file_id, sizeof file_id, &found) == 0 ? static_cast<ReceivedFile *>(found)
+                                                                      : nullptr;
+}
+
+int release_if_taken(const void *key, uint32_t key_len, void *value, void *) {
+    const auto *file = static_cast<const ReceivedFile *>(value);
+    struct stat status {};
+    if (!file->fd && ::lstat(file->path, &status) != 0 && errno == ENOENT)
+        xhash_delete(received.files, key, key_len);
+    return 0;
+}
+
+// The table is full. Files that their owner moved or removed do not count.
+void release_taken_files() {
+    const uint64_t now_ms = cl_event_loop_now();
+    if (now_ms - received.last_look_ms < kLookPeriod_ms) return;
+    received.last_look_ms = now_ms;
+    xhash_walk(received.files, nullptr, release_if_taken);
+}
+
+// Peers get at most half of the descriptors that the process may open.
+bool may_receive_one_more() {
+    if (xhash_count(received.files) >= kMostReceived) release_taken_files();
+    rlimit descriptors{};
+    const bool limited = ::getrlimit(RLIMIT_NOFILE, &descriptors) == 0;
+    if (xhash_count(received.files) < kMostReceived && (!limited || received.open < descriptors.rlim_cur / 2))
+        return true;
+    TAV_LOG_LIMITED(2, "ipc_file", "too many files are being received, another one is refused, %u open",
+                    received.open);
+    return false;
+}
+
+// A new entry with its temporary file; null when the file cannot be created.
+ReceivedFile *create_file(uint32_t file_id, const tav_addr_st &src) {
+    if (!may_receive_one_more()) return nullptr;
+    std::unique_ptr<ReceivedFile> file(new (std::nothrow) ReceivedFile);
+    if (!file) out_of_memory("ipc_file", __LINE__);
+    std::memcpy(file->path, kReceivedFile, sizeof kReceivedFile);
+    file->fd = UniqueFd(::mkstemp(file->path));
+    if (!file->fd) return nullptr;
+    ++received.open;
+    ::fcntl(file->fd.get(), F_SETFD, FD_CLOEXEC);
+    file->src = src;
+    file->last_seen_s = time(nullptr);
+    file->owner = ::getpid();
+    if (xhash_insert(received.files, &file_id, sizeof file_id, file.get()) != 0)
+        out_of_memory("ipc_file", __LINE__);
+    return file.release();
+}
+
+// Completes the file and reports it. The callback may run the loop, and so the sweep: it gets a copy.
+void complete_file(tav_ipc_st *ipc, ReceivedFile &file) {
+    close_file(file);
+    char path[sizeof kReceivedFile];
+    std::memcpy(path, file.path, sizeof path);
+    tav_ipc_emit_file(ipc, path);
+}
+
+} // namespace
+
+void resume_file_sweep() {
+    if (!received.files || xhash_count(received.files) == 0) return;
+    const uint64_t now_ms = cl_event_loop_now();
+    if (sweeper == &sweep && now_ms <= sweep.due_ms)
+        arm_sweep(sweep.due_ms - now_ms);
+    else
+        sweep_files();
+}
+
+void reset_received_files() {
+    xhash_destroy(std::exchange(received.files, nullptr));
+    assert(received.open == 0);
+    received = {};
+    cl_timer_stop(sweep.timer);
+    sweep = {};
+    sweeper = nullptr;
+}
+
+} // namespace tavipc
+
+using namespace tavipc;
+
+int32_t tav_ipc_save_file(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t file_id, const void *data,
+                          uint32_t len) noexcept {
+    if (!src || (!data && len > 0)) return IPC_ERR_IO;
+    ReceivedFile *file = find_file(received_files(), file_id);
+    if (!file) file = create_file(file_id, *src);
+    if (!file) return IPC_ERR_IO;
+    if (tav_addr_cmp(src, &file->src) != 0) return IPC_ERR_FILE_ID;
+    if (!file->fd) return IPC_ERR_FILE_CLOSED;
+    if (len == 0) return complete_file(ipc, *file), IPC_OK;
+    file->last_seen_s = time(nullptr);
+    return ::write(file->fd.get(), data, len) == static_cast<ssize_t>(len) ? IPC_OK : IPC_ERR_IO;
+}
+
+void tav_ipc_emit_file(tav_ipc_st *ipc, const char *path) noexcept {
+    if (ipc && ipc->file_recv) ipc->file_recv(ipc, path, ipc->file_recv_arg);
+}
+
+const char *tav_ipc_get_file_path(tav_ipc_st *, uint32_t file_id) noexcept {
+    const ReceivedFile *file = received.files ? find_file(received.files, file_id) : nullptr;
+    return file && !file->fd ? file->path : nullptr;
+}

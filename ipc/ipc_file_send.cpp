@@ -1,0 +1,216 @@
+// Sends whole files, stop and wait. One FileSend per transfer: it sends a chunk as a confirmed message, reads
+// the next one while the receiver works, and sends that when the confirmation arrives. An empty chunk ends
+// the file. Any code other than 0 ends the transfer, and the endpoint may be gone by then: only a step with
+// code 0 uses it.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include "common/owned.h"
+#include "common/relaxed.h"
+#include "ipc/exchanges.h"
+#include "ipc/ipc_file.h"
+#include "ipc/wire.h"
+
+namespace tavipc {
+namespace {
+
+// The ids that this process must not draw: a receiver would append a second file with the same id from the
+// same endpoint to the first one. The generator does repeat itself: every fragmented message seeds it with
+// the current millisecond. Transfers run on several threads.
+class FileIds {
+  public:
+    // A new id (0 or positive), or the negative code that the transfer ends with.
+    int32_t take(uint32_t hostid) noexcept;
+    // The transfer ended. Its receiver may still keep the file.
+    void end(int32_t id) noexcept;
+    void clear() noexcept;
+
+  private:
+    struct Use {
+        int32_t id;
+        uint64_t until_ms; // of the loop clock; kUnderWay: not known yet
+    };
+    static constexpr uint64_t kUnderWay = UINT64_MAX;
+    // A receiver releases a file at most 360 s after its last data. The last minute is for a chunk that the
+    // delivery queue sends again after its transfer has timed out.
+    static constexpr uint64_t kKeep_ms = (300 + 60 + 60) * 1000;
+    // Number of uses (128 KiB). Above it the use that ended first is forgotten. An id depends on the second
+    // in which it was drawn, so an older one comes again only by chance.
+    static constexpr size_t kMostKept = 8192;
+    // Number of draws. It bounds the loop if all draws are the same.
+    static constexpr int kMostDraws = 1000;
+
+    bool in_use(int32_t id) const {
+        return std::any_of(uses_.begin(), uses_.end(), [id](const Use &use) { return use.id == id; });
+    }
+    void forget(uint64_t now_ms);
+
+    std::mutex mutex_;
+    std::vector<Use> uses_;
+};
+
+void FileIds::forget(uint64_t now_ms) {
+    std::erase_if(uses_, [now_ms](const Use &use) { return use.until_ms <= now_ms; });
+    if (uses_.size() < kMostKept) return;
+    const auto first = std::min_element(uses_.begin(), uses_.end(),
+                                        [](const Use &a, const Use &b) { return a.until_ms < b.until_ms; });
+    if (first->until_ms != kUnderWay) uses_.erase(first);
+}
+
+int32_t FileIds::take(uint32_t hostid) noexcept {
+    const std::lock_guard lock(mutex_);
+    forget(cl_event_loop_now());
+    try {
+        for (int draws = 0; draws < kMostDraws; ++draws) {
+            const int32_t id = tav_ipc_get_random_file_id(hostid);
+            if (in_use(id)) continue;
+            uses_.push_back({id, kUnderWay});
+            return id;
+        }
+    } catch (const std::bad_alloc &) {
+        return IPC_ERR_NOMEM;
+    }
+    return IPC_ERR_FILE_ID;
+}
+
+void FileIds::end(int32_t id) noexcept {
+    const std::lock_guard lock(mutex_);
+    const auto use =
+        std::find_if(uses_.begin(), uses_.end(), [id](const Use &candidate) { return candidate.id == id; });
+    assert(use != uses_.end() && use->until_ms == kUnderWay);
+    if (use != uses_.end()) use->until_ms = cl_event_loop_now() + kKeep_ms;
+}
+
+void FileIds::clear() noexcept {
+    const std::lock_guard lock(mutex_);
+    uses_.clear();
+}
+
+// Never destroyed: a transfer may end in an exit handler.
+FileIds &file_ids() {
+    alignas(FileIds) static unsigned char memory[sizeof(FileIds)];
+    static auto *ids = new (memory) FileIds;
+    return *ids;
+}
+
+constinit Relaxed<pid_t> generator_seeded_by = 0; // a forked child seeds it again
+
+struct FileSend {
+    tav_ipc_st *ipc;
+    tav_addr_st dest;
+    FilePtr stream; // null after the end of the file
+    tav_ipc_status_cb done;
+    void *user;
+    int32_t timeout_s;
+    int32_t file_id;
+    bool ended;      // the empty chunk was sent
+    uint32_t length; // bytes of `chunk` that were read
+    unsigned char chunk[kFragmentPayload];
+};
+
+void end_transfer(FileSend *ended, int32_t result) {
+    const std::unique_ptr<FileSend> transfer(ended);
+    transfer->stream.reset();
+    file_ids().end(transfer->file_id);
+    if (transfer->done) transfer->done(result, transfer->user);
+}
+
+// Fills the rest of the chunk.
+void read_more(FileSend &transfer) {
+    transfer.length += static_cast<uint32_t>(std::fread(
+        transfer.chunk + transfer.length, 1, sizeof transfer.chunk - transfer.length, transfer.stream.get()));
+}
+
+// Reads the next chunk; it stays empty after the end of the file.
+void read_chunk(FileSend &transfer) {
+    transfer.length = 0;
+    if (transfer.stream) read_more(transfer);
+}
+
+// The chunk is about to be sent. If it is short, takes what was appended to the file since it was read; if it
+// is still short, it is the last one.
+void complete_chunk(FileSend &transfer) {
+    if (!transfer.stream || transfer.length == sizeof transfer.chunk) return;
+    std::clearerr(transfer.stream.get());
+    read_more(transfer);
+    if (transfer.length < sizeof transfer.chunk) transfer.stream.reset();
+}
+
+// First step of a transfer, and completion of every chunk.
+int ipc_file_send_step(int32_t code, void *argument) {
+    auto *transfer = static_cast<FileSend *>(argument);
+    if (code != IPC_OK) return end_transfer(transfer, code), 0;
+    if (transfer->ended) return end_transfer(transfer, transfer->file_id), 0;
+    complete_chunk(*transfer);
+    transfer->ended = transfer->length == 0;
+    ipc_send_with_ack(transfer->ipc,
+                      {&transfer->dest, static_cast<uint32_t>(transfer->file_id), transfer->chunk,
+                       transfer->length, IPC_FLAG_FILE, transfer->timeout_s},
+                      ipc_file_send_step, transfer);
+    // The chunk was copied, and its completion never runs inside the call.
+    if (!transfer->ended) read_chunk(*transfer);
+    return 0;
+}
+
+} // namespace
+
+void reset_file_ids() {
+    file_ids().clear();
+    generator_seeded_by = 0;
+}
+
+} // namespace tavipc
+
+using namespace tavipc;
+
+void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *path, tav_ipc_status_cb callback,
+                       void *user, int32_t timeout_s) noexcept {
+    UseGuard guard(ipc, "tav_ipc_send_file");
+    const auto refuse = [&](int32_t code) {
+        if (callback) callback(code, user);
+    };
+    if (!ipc || !dest) return refuse(IPC_ERR_SENDTO);
+    // The caller chose the path, so a FIFO is allowed. Opening and reading one waits for its writer.
+    FilePtr stream(path ? std::fopen(path, "rbe") : nullptr);
+    if (!stream) return refuse(IPC_ERR_OPEN_FILE);
+    std::setvbuf(stream.get(), nullptr, _IONBF, 0); // fread then fills a chunk with one read
+    std::unique_ptr<FileSend> transfer(new (std::nothrow) FileSend);
+    const int32_t file_id = transfer ? file_ids().take(dest->hostid) : int32_t{IPC_ERR_NOMEM};
+    if (file_id < 0) return stream.reset(), refuse(file_id);
+    transfer->ipc = ipc;
+    transfer->dest = *dest;
+    transfer->stream = std::move(stream);
+    transfer->done = callback;
+    transfer->user = user;
+    transfer->timeout_s = timeout_s;
+    transfer->file_id = file_id;
+    transfer->ended = false;
+    read_chunk(*transfer);
+    ipc_file_send_step(IPC_OK, transfer.release());
+}
+
+int32_t tav_ipc_get_random_file_id(uint32_t hostid) noexcept {
+    if (generator_seeded_by != getpid()) {
+        generator_seeded_by = getpid();
+        srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(time(nullptr)) ^
+              static_cast<unsigned>(getppid()));
+    }
+    const int first = rand();
+    const int second = rand();
+    const auto now_s = static_cast<int>(time(nullptr));
+    char text[256]; // bytes; four numbers of at most 11 characters
+    const int length =
+        str_snprintf(text, sizeof text, "%d.%d.%d.%d", static_cast<int>(hostid), now_s, second, first);
+    const auto crc = static_cast<int32_t>(orlask_crc32(text, static_cast<uint32_t>(length)));
+    if (crc == INT32_MIN) return INT32_MAX; // it has no positive counterpart
+    return crc < 0 ? -crc : crc;
+}
