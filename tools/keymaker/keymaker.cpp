@@ -2,11 +2,8 @@
 //   tavipc-keymaker pair PRIVATE PUBLIC   makes what is missing of a development pair
 //   tavipc-keymaker header PUBLIC HEADER  writes the C++ header that compiles the key into the library
 #include <iostream>
-#include <span>
 
-#include "agent/keys.h"
-#include "cli/files.h"
-#include "cli/problem.h"
+#include "agent/agent.h"
 
 using namespace tavctl;
 

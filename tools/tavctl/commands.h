@@ -3,13 +3,12 @@
 
 #include <set>
 
-#include "cli/args.h"
-#include "cli/console.h"
+#include "cli/cli.h"
 
 namespace tavctl {
 
 int list(Console &out, const Args &args);          // look/list.cpp
-int probe(Console &out, const Args &args);         // look/probe.cpp
+int probe(Console &out, const Args &args);         // talk/messages.cpp
 int trace(Console &out, const Args &args);         // look/trace.cpp
 int explain(Console &out, const Args &args);       // look/trace.cpp
 int send(Console &out, const Args &args);          // talk/messages.cpp
@@ -26,8 +25,7 @@ int allowlist_verify(Console &out, const Args &args);
 int allowlist_why(Console &out, const Args &args);
 int show_identity(Console &out, const Args &args); // agent/identity.cpp
 int doctor(Console &out, const Args &args);        // agent/doctor.cpp
-
-int completion(Console &out, const Args &args); // cli/completion.cpp
+int completion(Console &out, const Args &args);    // commands.cpp
 
 std::span<const Command> commands();
 std::set<std::string> live_names(); // of endpoints, as a shell can take them

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "cli/problem.h"
 #include "commands.h"
 
 namespace {

@@ -1,13 +1,6 @@
 // tavctl doctor: examines what the modules of an agent need, and says how to fix each fault. It makes and
 // changes nothing; the endpoint that it opens at the end is closed again.
-#include "agent/doctor.h"
-
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <filesystem>
-#include <optional>
 #include <sstream>
 
 #include <sys/resource.h>
@@ -17,16 +10,11 @@
 #include <sys/timex.h>
 #include <unistd.h>
 
-#include "agent/identity.h"
-#include "cli/files.h"
-#include "cli/problem.h"
+#include "agent/agent.h"
 #include "commands.h"
 #include "common/facts.h"
-#include "common/unique_fd.h"
 #include "look/sockets.h"
 #include "module/module.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {
@@ -117,7 +105,7 @@ Finding check_queue() {
 }
 
 Finding check_buffers() {
-    const tavipc::UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     int size = tavipc::kSendBuffer;
     if (setsockopt(probe.get(), SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0)
         setsockopt(probe.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);

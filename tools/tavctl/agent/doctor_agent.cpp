@@ -1,28 +1,18 @@
 // The agent's own files: configuration, sockets, allow-list, identity.
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <ctime>
-#include <filesystem>
 
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "agent/allowlist.h"
-#include "agent/doctor.h"
-#include "agent/identity.h"
-#include "cli/console.h"
-#include "cli/files.h"
+#include "agent/agent.h"
 #include "common/facts.h"
 #include "look/sockets.h"
 #include "module/module.h"
 #include "tavaux.h"
 #include "tavbase.h"
 #include "tavipc/tav_agentid.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {

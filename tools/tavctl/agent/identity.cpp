@@ -1,15 +1,10 @@
 // tavctl id: the identity of this agent, as its files show it. Only --create lets the library determine an id
 // and store it.
-#include <array>
 #include <cstdlib>
-#include <vector>
 
 #include <unistd.h>
 
-#include "agent/identity.h"
-#include "agent/keys.h"
-#include "cli/files.h"
-#include "cli/problem.h"
+#include "agent/agent.h"
 #include "commands.h"
 #include "module/module.h"
 #include "tavaux.h"
@@ -75,12 +70,6 @@ void make_identity() {
 }
 
 } // namespace
-
-std::string configuration_directory() {
-    char directory[1024] = "";
-    GetTAVConfPath(directory, sizeof directory);
-    return directory;
-}
 
 std::string how_found(const std::string &directory) {
     const char *root = std::getenv("TAV_INSTALL_ROOT");

@@ -1,13 +1,10 @@
-#include "agent/keys.h"
-
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <unistd.h>
 
-#include "cli/files.h"
-#include "cli/problem.h"
+#include "agent/agent.h"
 
 namespace tavctl {
 namespace {

@@ -1,5 +1,3 @@
-#include "cli/args.h"
-
 #include <algorithm>
 #include <iostream>
 #include <numeric>
@@ -7,8 +5,6 @@
 
 #include <unistd.h>
 
-#include "cli/console.h"
-#include "cli/problem.h"
 #include "module/module.h"
 
 namespace tavctl {

@@ -1,5 +1,3 @@
-#include "cli/console.h"
-
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -13,7 +11,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "cli/problem.h"
+#include "cli/cli.h"
 
 namespace tavctl {
 namespace {

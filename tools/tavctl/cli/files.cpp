@@ -1,19 +1,13 @@
-#include "cli/files.h"
-
-#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "cli/problem.h"
+#include "cli/cli.h"
 #include "common/owned.h"
 #include "common/regular_file.h"
-#include "common/unique_fd.h"
 
 namespace tavctl {
 namespace {
-
-using tavipc::UniqueFd;
 
 void write_all(int fd, std::string_view content, const std::string &path) {
     while (!content.empty()) {
@@ -64,11 +58,11 @@ std::string read_regular_file(const std::string &path, size_t limit) {
     return read_descriptor(open_regular_file(path).get(), path, limit);
 }
 
-std::vector<std::filesystem::path> files_in(const std::string &directory) {
-    std::vector<std::filesystem::path> paths;
+std::vector<fs::path> files_in(const std::string &directory) {
+    std::vector<fs::path> paths;
     std::error_code error;
-    for (auto entry = std::filesystem::directory_iterator(directory, error);
-         !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
+    for (auto entry = fs::directory_iterator(directory, error); !error && entry != fs::directory_iterator();
+         entry.increment(error))
         paths.push_back(entry->path());
     return paths;
 }

@@ -1,7 +1,6 @@
 // tavctl recvfile: moves each file that arrives into a directory, named after the time of its arrival. The
 // library passes only a temporary path; the sender and the file's name there are not known.
 #include <deque>
-#include <filesystem>
 #include <future>
 
 #include <fcntl.h>
@@ -9,18 +8,12 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "agent/agent.h"
 #include "commands.h"
-#include "common/unique_fd.h"
-#include "file/digest.h"
-#include "module/library_state.h"
 #include "module/module.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {
-
-using tavipc::UniqueFd;
 
 constexpr int kMostNames = 10'000; // with a number after them, for files of one second
 

@@ -5,10 +5,8 @@
 
 #include <sys/stat.h>
 
-#include "cli/files.h"
+#include "agent/agent.h"
 #include "commands.h"
-#include "file/digest.h"
-#include "module/library_state.h"
 #include "module/module.h"
 
 namespace tavctl {
@@ -97,7 +95,7 @@ void say_delivered(Console &out, Record &&record, const Exchange &transfer, int 
 int send_file(Console &out, const Args &args) {
     const tav_addr_st destination = parse_address(args.text("NAME"));
     const std::string path = args.text("FILE");
-    const tavipc::UniqueFd file = open_regular_file(path);
+    const UniqueFd file = open_regular_file(path);
     struct stat info {};
     fstat(file.get(), &info);
     const auto size = static_cast<uint64_t>(info.st_size);

@@ -1,14 +1,11 @@
 // tavctl list: the endpoints, whose they are, and the files that killed processes have left.
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <iostream>
-#include <map>
 #include <tuple>
 
 #include <unistd.h>
 
-#include "cli/problem.h"
 #include "commands.h"
 #include "look/sockets.h"
 #include "tavaux.h"

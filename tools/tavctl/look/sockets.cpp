@@ -1,13 +1,7 @@
 // A socket is live when connecting to it succeeds. The kernel's table of open sockets adds directories that
 // nobody has named, and processes; it only covers this network namespace.
-#include "look/sockets.h"
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <map>
 #include <set>
 #include <sstream>
 #include <tuple>
@@ -21,19 +15,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "cli/console.h"
-#include "cli/files.h"
-#include "cli/problem.h"
 #include "common/facts.h"
-#include "common/unique_fd.h"
+#include "look/sockets.h"
 #include "tavaux.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {
-
-using tavipc::UniqueFd;
 
 constexpr size_t kMostOfProc = 256 << 20; // bytes; a million sockets take half of it
 

@@ -1,19 +1,13 @@
 // tavctl trace and explain: the message trace, and the header of a datagram.
 #include <algorithm>
-#include <cstring>
-#include <span>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "cli/files.h"
-#include "cli/problem.h"
 #include "commands.h"
 #include "common/facts.h"
-#include "common/unique_fd.h"
-#include "module/payload.h"
-#include "tavipc/tav_ipc.h"
+#include "module/module.h"
 
 namespace tavctl {
 namespace {
@@ -59,8 +53,7 @@ int show(Console &out) {
 
 int switch_on(Console &out) {
     // Anybody may write to /tmp: an existing file is left as it is, and a link is not followed.
-    const tavipc::UniqueFd file(
-        open(kTraceSwitch, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    const UniqueFd file(open(kTraceSwitch, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!file && errno != EEXIST)
         throw system_problem(std::string("cannot make ") + kTraceSwitch, "may this user write to /tmp?");
     out.say(Record("switch", kTraceSwitch, "on", true), file ? "{switch}: ON" : "{switch}: was on already",

@@ -1,15 +1,11 @@
-#include "module/module.h"
-
 #include <charconv>
-#include <cstring>
 
 #include <unistd.h>
 
-#include "agent/allowlist.h"
-#include "agent/identity.h"
-#include "cli/console.h"
+#include "agent/agent.h"
 #include "common/facts.h"
 #include "look/sockets.h"
+#include "module/module.h"
 #include "tavaux.h"
 #include "tavipc/tav_agentid.h"
 
@@ -62,6 +58,12 @@ std::string socket_directory(int location) {
     const char *type = GetDeployTypeStr();
     return tavipc::kSocketRoot + (type ? std::string(type) + "/" : "") + tavipc::kSocketDirectory +
            std::to_string(location);
+}
+
+std::string configuration_directory() {
+    char directory[1024] = "";
+    GetTAVConfPath(directory, sizeof directory);
+    return directory;
 }
 
 std::string unique_name() {

@@ -4,11 +4,8 @@
 #include <chrono>
 #include <functional>
 #include <optional>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "cli/problem.h"
+#include "cli/cli.h"
 #include "tavipc/tav_ipc.h"
 
 namespace tavctl {
@@ -58,7 +55,8 @@ tav_addr_st parse_address(const std::string &text, uint8_t flags = 0);
 std::string address_text(const tav_addr_st &address);
 // Directory of the socket files of a location.
 std::string socket_directory(int location);
-std::string unique_name(); // "ctl" and the process id in base 36: at most 8 characters
+std::string configuration_directory(); // as the library finds it
+std::string unique_name();             // "ctl" and the process id in base 36: at most 8 characters
 
 // --- endpoints and exchanges
 // Throws Problem, with the reason and the remedy, when the tool may not open an endpoint of this name or
@@ -98,5 +96,50 @@ struct Exchange {
 Problem silence(const tav_addr_st &address);
 // Why an exchange ended with a code other than 0.
 Problem failed_exchange(const tav_addr_st &address, int code);
+
+// --- payloads: made from the command line, and shown (payload.cpp)
+// The payload that the options describe, with the header of an application message where one is asked for.
+// Throws Problem.
+std::string make_payload(const Args &args);
+uint8_t address_flags(const Args &args); // of the destination
+
+// Reads hexadecimal text ("00 ff", "00FF", "0x00ff"); throws misuse.
+std::string parse_hex(std::string_view text);
+
+// What compression would make of an application message: ", compressed to 120 bytes", or why it would not.
+std::string compression_text(const std::string &payload);
+
+// Adds size and text or hexadecimal digits to the record. Returns the same as lines for people, each after a
+// line end.
+std::string describe_payload(Record &record, std::string_view payload, const Args &args);
+// Writes the bytes alone to standard output.
+void write_raw(std::string_view payload);
+
+// --- what the library has no call for (loop.cpp): whether messages have left, how far a file
+// transfer is, and which received files are unfinished. Each function rests on how the library works inside.
+
+// Waits until messages that nobody confirms have left for the destination. Call watch_departures before they
+// are sent. Throws Problem when one was dropped, and when the wait was interrupted.
+void watch_departures();
+void wait_for_departures(const tav_addr_st &destination);
+
+// The position in a file that the library reads from: the bytes before it have been read, but for up to two
+// chunks of 64,000 bytes not yet confirmed.
+class FilePosition {
+  public:
+    // begin starts the transfer of the open file.
+    FilePosition(int file, const std::function<void()> &begin);
+    // Empty when the library has closed the file, or never opened it.
+    std::optional<uint64_t> get() const;
+
+  private:
+    int library_fd_;
+    dev_t device_;
+    ino_t inode_;
+};
+
+// Removes the files that this process is receiving and that are not complete; its end would leave them
+// behind. Returns how many there were.
+unsigned drop_unfinished_files();
 
 } // namespace tavctl

@@ -1,18 +1,12 @@
-#include "module/payload.h"
-
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 
 #include <unistd.h>
 
-#include "cli/console.h"
-#include "cli/files.h"
-#include "cli/problem.h"
 #include "common/facts.h"
 #include "common/owned.h"
+#include "module/module.h"
 #include "tavipc/tav_compress.h"
-#include "tavipc/tav_ipc.h"
 
 namespace tavctl {
 namespace {
