@@ -221,17 +221,13 @@ std::vector<fs::path> files_in(const std::string &directory);
 class NewFile {
   public:
     NewFile(const std::string &path, std::string_view content, unsigned mode = 0644);
+    ~NewFile(); // removes it, if put has not renamed it
+    NewFile(const NewFile &) = delete;
     void put();
 
   private:
-    struct Temporary {
-        explicit Temporary(std::string name) : path(std::move(name)) {}
-        ~Temporary(); // removes it, if put has not renamed it
-        Temporary(const Temporary &) = delete;
-        const std::string path;
-    };
-    const std::string path_;
-    const Temporary temporary_;
+    explicit NewFile(const std::string &path);
+    const std::string path_, temporary_;
 };
 void write_file(const std::string &path, std::string_view content, unsigned mode = 0644);
 

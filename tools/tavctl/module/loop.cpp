@@ -30,7 +30,8 @@ void on_interrupt(int signal) {
 struct Log {
     std::vector<std::string> lines;
     bool verbose = false;
-    void (*watch)(const std::string &line) = nullptr;
+    uint64_t retries = 0; // attempts to send that the library will repeat
+    std::string dropped;  // the first line that reports a dropped message
 };
 Log &kept_log() {
     static Log log;
@@ -42,7 +43,8 @@ void keep_line(int level, const char *source, int, const char *text, void *) {
     std::string line(text);
     while (line.ends_with('\n')) line.pop_back();
     if (log.verbose) std::cerr << "[" << level << " " << source << "] " << harmless(line) << std::endl;
-    if (log.watch) log.watch(line);
+    log.retries += line.find("retry later") != line.npos;
+    if (log.dropped.empty() && line.find("drop it|") != line.npos) log.dropped = line;
     if (level > 2) return;
     if (log.lines.size() == kKeptLines) log.lines.erase(log.lines.begin());
     log.lines.push_back(line);
@@ -62,14 +64,6 @@ void on_abort(int) {
 
 // An attempt to send ends after 1 s; the library repeats it after another second, and logs that it will.
 constexpr double kAttempt_s = 1.2, kAttemptAndPause_s = 2.5;
-
-uint64_t retries = 0;
-std::string dropped; // the first line that reports it
-
-void read_line(const std::string &line) {
-    retries += line.find("retry later") != line.npos;
-    if (dropped.empty() && line.find("drop it|") != line.npos) dropped = line;
-}
 
 } // namespace
 
@@ -120,55 +114,47 @@ void keep_log(bool verbose) {
 
 std::vector<std::string> take_log() { return std::exchange(kept_log().lines, {}); }
 
-void watch_log(void (*watch)(const std::string &line)) {
-    kept_log().watch = watch;
-    error_output_set_level(4);
-}
-
-MayEndProcess::MayEndProcess() : before_(std::signal(SIGABRT, on_abort)) {
+void may_end_process(const std::function<void()> &call) {
     static const int registered = std::atexit(explain_end);
     static_cast<void>(registered);
+    const auto before = std::signal(SIGABRT, on_abort);
     may_end = true;
-}
-MayEndProcess::~MayEndProcess() {
+    call();
     may_end = false;
-    std::signal(SIGABRT, before_);
+    std::signal(SIGABRT, before);
 }
 
-void watch_departures() { watch_log(read_line); }
+void watch_departures() { error_output_set_level(4); }
 
 // The library writes a line when it repeats an attempt and when it drops a message. Once it has been silent
 // for longer than an attempt and the pause before the next, all messages have left.
 void wait_for_departures(const tav_addr_st &destination) {
-    const uint64_t retries_before = retries;
-    uint64_t seen = retries;
+    const Log &log = kept_log();
+    const uint64_t retries_before = log.retries;
+    uint64_t seen = log.retries;
     double since = now_seconds();
     const Wait ended = run_until([&] {
-        if (retries != seen) since = now_seconds();
-        seen = retries;
+        if (log.retries != seen) since = now_seconds();
+        seen = log.retries;
         const double silent_s = seen == retries_before ? kAttempt_s : kAttemptAndPause_s;
-        return !dropped.empty() || now_seconds() - since > silent_s;
+        return !log.dropped.empty() || now_seconds() - since > silent_s;
     });
     if (ended == Wait::kInterrupted) throw Problem("interrupted before the message had left");
-    if (!dropped.empty()) throw Problem("dropped: " + dropped, silence(destination).remedy());
+    if (!log.dropped.empty()) throw Problem("dropped: " + log.dropped, silence(destination).remedy());
 }
 
 // A new descriptor is the lowest free one: a trial tells which one the library gets.
 FilePosition::FilePosition(int file, const std::function<void()> &begin)
     : library_fd_(UniqueFd(dup(file)).get()) {
-    struct stat info {};
-    fstat(file, &info);
-    device_ = info.st_dev;
-    inode_ = info.st_ino;
+    fstat(file, &file_);
     begin();
 }
 
 std::optional<uint64_t> FilePosition::get() const {
     struct stat now {};
-    if (fstat(library_fd_, &now) != 0 || now.st_dev != device_ || now.st_ino != inode_) return {};
+    if (fstat(library_fd_, &now) != 0 || now.st_dev != file_.st_dev || now.st_ino != file_.st_ino) return {};
     const off_t at = lseek(library_fd_, 0, SEEK_CUR);
-    if (at < 0) return {};
-    return static_cast<uint64_t>(at);
+    return at < 0 ? std::optional<uint64_t>() : at;
 }
 
 // A file that is being received is open for writing; one that is complete is at most open for reading.

@@ -29,6 +29,19 @@ Problem refusal(const std::string &name) {
                    "tavctl doctor examines the directory and the identity");
 }
 
+// Refuses a name under which the library would not open an endpoint.
+void check_may_open(const std::string &name) {
+    parse_address(name); // refuses what is not a name
+    if (name.find('@') != std::string::npos)
+        throw misuse("\"" + name + "\": the tool's own endpoint has no location");
+    if (c_get_process() != 0) throw refusal(name);
+    // The library would make an id and store it: only tavctl id --create does that.
+    const std::string path = configuration_directory() + "/machineid";
+    if (!IsCNAPPAgent() && ReadAgentid(path.c_str()) == 0)
+        throw Problem("there is no agent id in " + path + " yet",
+                      "start a module of the agent, or make one: tavctl id --create");
+}
+
 } // namespace
 
 tav_addr_st parse_address(const std::string &text, uint8_t flags) {
@@ -66,30 +79,13 @@ std::string configuration_directory() {
     return directory;
 }
 
-std::string unique_name() {
-    char digits[16];
-    const auto end = std::to_chars(digits, digits + sizeof digits, getpid(), 36).ptr;
-    return "ctl" + std::string(digits, end);
-}
-
-void check_may_open(const std::string &name) {
-    parse_address(name); // refuses what is not a name
-    if (name.find('@') != std::string::npos)
-        throw misuse("\"" + name + "\": the tool's own endpoint has no location");
-    if (c_get_process() != 0) throw refusal(name);
-    // The library would make an id and store it: only tavctl id --create does that.
-    const std::string path = configuration_directory() + "/machineid";
-    if (!IsCNAPPAgent() && ReadAgentid(path.c_str()) == 0)
-        throw Problem("there is no agent id in " + path + " yet",
-                      "start a module of the agent, or make one: tavctl id --create");
-}
-
 Module::Module(const std::string &name, bool accept_files) {
-    const std::string used = name.empty() ? unique_name() : name;
+    char digits[16] = ""; // of the process id in base 36: the name has at most 9 characters
+    std::to_chars(digits, std::end(digits), getpid(), 36);
+    const std::string used = name.empty() ? std::string("ctl") + digits : name;
     check_may_open(used);
     take_log();
-    const MayEndProcess explained;
-    ipc_ = tav_ipc_create_temp(used.c_str(), accept_files);
+    may_end_process([&] { ipc_ = tav_ipc_create_temp(used.c_str(), accept_files); });
     if (!ipc_) throw refusal(used);
 }
 

@@ -5,6 +5,8 @@
 #include <functional>
 #include <optional>
 
+#include <sys/stat.h>
+
 #include "cli/cli.h"
 #include "tavipc/tav_ipc.h"
 
@@ -33,20 +35,10 @@ double now_seconds(); // monotonic
 void keep_log(bool verbose);
 // The lines of level 2 or less since the last call, oldest first.
 std::vector<std::string> take_log();
-// Calls watch for each line of level 4 or less.
-void watch_log(void (*watch)(const std::string &line));
 
-// The library ends the process when it needs an agent id and cannot determine one. While an object of this
-// class lives, the reason is written to standard error then.
-class MayEndProcess {
-  public:
-    MayEndProcess();
-    ~MayEndProcess();
-    MayEndProcess(const MayEndProcess &) = delete;
-
-  private:
-    void (*before_)(int); // handler of SIGABRT
-};
+// The library ends the process when it needs an agent id and cannot determine one. While call runs, the
+// reason is written to standard error then. call does not throw.
+void may_end_process(const std::function<void()> &call);
 
 // --- addresses
 // Reads NAME or NAME@LOCATION; throws misuse. Location 0 is this machine's own.
@@ -56,15 +48,10 @@ std::string address_text(const tav_addr_st &address);
 // Directory of the socket files of a location.
 std::string socket_directory(int location);
 std::string configuration_directory(); // as the library finds it
-std::string unique_name();             // "ctl" and the process id in base 36: at most 8 characters
 
 // --- endpoints and exchanges
-// Throws Problem, with the reason and the remedy, when the tool may not open an endpoint of this name or
-// would have to make an agent id for it.
-void check_may_open(const std::string &name);
-
 // An endpoint of the tool, with a name of its own unless one is given. Throws Problem with the reason and the
-// remedy when the library refuses it.
+// remedy when the library refuses it, or would have to make an agent id for it.
 class Module {
   public:
     explicit Module(const std::string &name = {}, bool accept_files = false);
@@ -134,8 +121,7 @@ class FilePosition {
 
   private:
     int library_fd_;
-    dev_t device_;
-    ino_t inode_;
+    struct stat file_ {};
 };
 
 // Removes the files that this process is receiving and that are not complete; its end would leave them
