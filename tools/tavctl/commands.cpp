@@ -103,10 +103,8 @@ std::set<std::string> candidates(const std::vector<std::string> &words) {
     bool complete = false, value = false;
     size_t place = 0;
     for (const std::string &word : words) {
-        const auto option = std::ranges::find_if(options, [&](const Option &each) {
-            return !each.argument && std::ranges::count(each.names, word) > 0;
-        });
-        if (value || option != options.end()) {
+        const Option *option = find_option(options, word);
+        if (value || option) {
             value = !value && !option->value.empty();
         } else if (complete) {
             ++place;

@@ -101,19 +101,15 @@ struct Finding {
     std::string remedy; // commands, one per line, or a sentence
 };
 inline Finding ok(const std::string &seen) { return {Finding::kOk, seen, {}}; }
-inline Finding warn(const std::string &seen, const std::string &remedy) {
-    return {Finding::kWarn, seen, remedy};
-}
-inline Finding fail(const std::string &seen, const std::string &remedy) {
-    return {Finding::kFail, seen, remedy};
-}
+inline Finding warn(std::string seen, std::string remedy) { return {Finding::kWarn, seen, remedy}; }
+inline Finding fail(std::string seen, std::string remedy) { return {Finding::kFail, seen, remedy}; }
 inline Finding skip(const std::string &why) { return {Finding::kSkipped, why, {}}; }
 
 class Findings {
   public:
     explicit Findings(Console &out) : out_(out) {}
-    // Prints and counts a finding. Returns whether it is neither a failure nor skipped.
-    bool add(const char *check, const Finding &finding);
+    // Prints and counts a finding.
+    void add(const char *check, const Finding &finding);
     bool summarize() const; // false when something failed
 
   private:

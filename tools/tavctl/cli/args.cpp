@@ -47,7 +47,8 @@ bool is_valid(const Option &option, const std::string &text) {
 class CommandLine {
   public:
     CommandLine(std::span<const Command> commands, std::span<char *const> words)
-        : commands_(commands), words_(words), options_(options_of(kGlobalOptions)) {}
+        : commands_(commands), words_(words), options_(options_of(kGlobalOptions)),
+          passed_(words.begin(), words.end()) {}
 
     int run() {
         read();
@@ -80,8 +81,7 @@ class CommandLine {
     void take_command(const std::string &word) {
         const std::string path = path_ + (path_.empty() ? "" : " ") + word;
         std::string nearest;
-        size_t least =
-            word.size() / 2 + 1; // a word that shares less than half of its letters is another word
+        size_t least = word.size() / 2 + 1; // letters: one that differs in more is another word
         for (const Command &command : commands_) {
             const std::string name = command.name;
             if (name == path) {
@@ -114,15 +114,14 @@ class CommandLine {
         const bool is_long = word[1] == '-';
         const size_t end = is_long ? std::min(word.find('='), word.size()) : 2;
         const std::string name = word.substr(0, end);
-        const auto option = std::ranges::find_if(options_, [&](const Option &each) {
-            return !each.argument && std::ranges::count(each.names, name) > 0;
-        });
+        const Option *option = find_option(options_, name);
         const bool attached = end < word.size();
-        if (option == options_.end() || (attached && option->value.empty())) {
+        if (!option || (attached && option->value.empty())) {
             unexpected_ += " " + word;
             return;
         }
         std::string value = attached ? word.substr(end + is_long) : "";
+        const size_t first = at_;
         if (!option->value.empty() && !attached) {
             if (++at_ == words_.size()) throw wrong(name + " needs a value");
             value = words_[at_];
@@ -131,6 +130,7 @@ class CommandLine {
             throw wrong(name + ": \"" + value + "\" is not a valid " +
                         (option->value == "SECONDS" ? "time in seconds" : "number"));
         args_.set(option->key, value);
+        if (option->key == "agent") std::fill(&passed_[first], &passed_[at_] + 1, nullptr);
     }
 
     void check() {
@@ -147,7 +147,7 @@ class CommandLine {
     }
 
     std::string help() const;
-    [[noreturn]] void become_other() const;
+    [[noreturn]] void become_other();
 
     std::span<const Command> commands_;
     std::span<char *const> words_;
@@ -155,6 +155,7 @@ class CommandLine {
     std::vector<Option> options_;      // global ones, and those of the command
     const Command *command_ = nullptr; // that was named
     std::string path_, unexpected_;
+    std::vector<char *> passed_; // the words; nullptr for those of --agent
     Args args_;
 };
 
@@ -182,21 +183,12 @@ std::string CommandLine::help() const {
 }
 
 // Passes everything but --agent on to the other tool.
-void CommandLine::become_other() const {
+void CommandLine::become_other() {
     const std::string agent = args_.text("agent"), tool = agent + "/bin/tavctl";
-    std::vector<char *> words;
     if (agent.empty()) throw misuse("--agent names no directory");
-    bool plain = false; // after "--"
-    for (size_t i = 0; i < words_.size(); ++i) {
-        const std::string_view word = words_[i];
-        plain = plain || word == "--";
-        if (!plain && word == "--agent")
-            ++i;
-        else if (plain || !word.starts_with("--agent="))
-            words.push_back(words_[i]);
-    }
-    words.push_back(nullptr);
-    execv(tool.c_str(), words.data());
+    std::erase(passed_, nullptr);
+    passed_.push_back(nullptr);
+    execv(tool.c_str(), passed_.data());
     throw system_problem(
         "cannot run " + tool,
         "an agent has its own tavctl, because the allow-list goes by the executable: copy this one there "
@@ -256,6 +248,12 @@ std::vector<Option> options_of(const char *usage) {
     std::istringstream lines(usage);
     for (std::string line; std::getline(lines, line);) options.emplace_back(line);
     return options;
+}
+
+const Option *find_option(const std::vector<Option> &options, const std::string &name) {
+    for (const Option &option : options)
+        if (!option.argument && std::ranges::count(option.names, name) > 0) return &option;
+    return nullptr;
 }
 
 int run_command_line(std::span<const Command> commands, std::span<char *const> words) {

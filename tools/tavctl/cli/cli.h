@@ -171,6 +171,8 @@ class Args {
     std::string text(const std::string &name) const;
     uint64_t number(const std::string &name) const;
     double seconds(const std::string &name) const;
+    // Whether --count ends the command after this many; 0 does not end it.
+    bool count_reached(uint64_t done) const { return number("count") > 0 && done >= number("count"); }
     void set(const std::string &name, const std::string &value) { values_[name].push_back(value); }
 
   private:
@@ -201,6 +203,7 @@ struct Option {
     bool argument, required = false, repeated = false;
 };
 std::vector<Option> options_of(const char *usage);
+const Option *find_option(const std::vector<Option> &options, const std::string &name); // or nullptr
 extern const char kGlobalOptions[];
 
 // --- small files, read and replaced whole

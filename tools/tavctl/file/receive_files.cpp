@@ -178,7 +178,7 @@ int receive_files(Console &out, const Args &args) {
                 "receiving files as {as} into {directory}; Ctrl-C ends it");
         run_until([&] {
             receiver.report(false);
-            return args.number("count") > 0 && receiver.arrived >= args.number("count");
+            return args.count_reached(receiver.arrived);
         });
         pause(kLastDeparture_s);
     }

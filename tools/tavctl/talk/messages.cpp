@@ -79,7 +79,7 @@ struct Server {
                 "{time}  request {reqid} from {from}, cmd {cmd}, {size,} bytes; answered with {answered,}",
                 lines);
     }
-    bool is_done() const { return args.number("count") > 0 && answered >= args.number("count"); }
+    bool is_done() const { return args.count_reached(answered); }
     static int on_request(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, uint32_t cmd,
                           const void *data, uint32_t size, void *user) {
         static_cast<Server *>(user)->answer(ipc, *src, reqid, cmd, {static_cast<const char *>(data), size});
@@ -87,20 +87,12 @@ struct Server {
     }
 };
 
-struct Statistics {
-    uint64_t sent = 0;
-    std::vector<double> times; // seconds
-
-    void say(Console &out, const std::string &who) {
-        const uint64_t lost = sent - times.size();
-        Record record("type", "statistics", "to", who, "sent", sent, "answered", times.size());
-        const std::string percent = std::to_string(sent > 0 ? 100 * lost / sent : 0) + " % lost";
-        const std::string round_trips = times.empty() ? "" : add_times(record);
-        out.say(record, "--- {to}: {sent,} sent, {answered,} answered, ", percent + round_trips);
-    }
-
-  private:
-    std::string add_times(Record &record) {
+// times: of the answers, in seconds.
+void say_statistics(Console &out, const std::string &who, uint64_t sent, std::vector<double> times) {
+    const uint64_t percent = sent > 0 ? 100 * (sent - times.size()) / sent : 0;
+    Record record("type", "statistics", "to", who, "sent", sent, "answered", times.size());
+    std::string text = "--- {to}: {sent,} sent, {answered,} answered, " + std::to_string(percent) + " % lost";
+    if (!times.empty()) {
         std::ranges::sort(times);
         const auto count = static_cast<double>(times.size());
         const double median = (times[(times.size() - 1) / 2] + times[times.size() / 2]) / 2;
@@ -110,10 +102,10 @@ struct Statistics {
         record.add("min_us", Duration{times.front()}, "median_us", Duration{median}, "mean_us",
                    Duration{mean});
         record.add("max_us", Duration{times.back()}, "deviation_us", Duration{std::sqrt(squares / count)});
-        return record.fill("\n  min {min_us}, median {median_us}, mean {mean_us}, max {max_us}, "
-                           "std dev {deviation_us}");
+        text += "\n  min {min_us}, median {median_us}, mean {mean_us}, max {max_us}, std dev {deviation_us}";
     }
-};
+    out.say(record, text);
+}
 
 } // namespace
 
@@ -157,7 +149,7 @@ int listen(Console &out, const Args &args) {
     tav_ipc_msg_recv(module, Listener::on_message, &listener);
     const bool raw = args.has("raw");
     if (!raw) out.say(Record("type", "ready", "as", module.text()), "listening as {as}; Ctrl-C ends it");
-    run_until([&] { return args.number("count") > 0 && listener.seen >= args.number("count"); });
+    run_until([&] { return args.count_reached(listener.seen); });
     if (!raw) out.say(Record("type", "end", "messages", listener.seen), "{messages,message}");
     return kSuccess;
 }
@@ -200,32 +192,31 @@ int reply(Console &out, const Args &args) {
 int probe(Console &out, const Args &args) {
     const tav_addr_st destination = parse_address(args.text("NAME"));
     const std::string who = address_text(destination);
-    const uint64_t count = args.number("count"); // 0: until interrupted
+    uint64_t sent = 0;
+    std::vector<double> times; // of the answers, in seconds
     catch_interrupts();
-    Statistics statistics;
     Exchange exchange;
     const Module module;
-    while ((count == 0 || statistics.sent < count) && !interrupted()) {
+    while (!args.count_reached(sent) && !interrupted()) {
         exchange = {};
         tav_ipc_probe(module, &destination, Exchange::on_status, &exchange);
         if (exchange.wait() == Wait::kInterrupted) break; // not counted: it had no time to be answered
-        ++statistics.sent;
-        Record record("type", "probe", "to", who, "number", statistics.sent, "code", exchange.code);
+        ++sent;
+        Record record("type", "probe", "to", who, "number", sent, "code", exchange.code);
         if (exchange.code == 0) {
-            statistics.times.push_back(exchange.took());
+            times.push_back(exchange.took());
             out.say(record.add("us", Duration{exchange.took()}), "{to}: number {number,}, {us}");
         } else {
             const Problem why = failed_exchange(destination, exchange.code);
-            const bool first = statistics.sent == statistics.times.size() + 1;
+            const bool first = sent == times.size() + 1;
             out.say(record.add("error", why.what()), "{error}",
                     first ? "\n  what to do: " + why.remedy() : std::string());
         }
-        if (count == 0 || statistics.sent < count)
-            pause(args.seconds("interval") - (now_seconds() - exchange.begin));
+        if (!args.count_reached(sent)) pause(args.seconds("interval") - (now_seconds() - exchange.begin));
     }
-    statistics.say(out, who);
-    if (statistics.sent == 0) return kFailure; // interrupted before one could be answered
-    return statistics.times.empty() ? kNoAnswer : kSuccess;
+    say_statistics(out, who, sent, times);
+    if (sent == 0) return kFailure; // interrupted before one could be answered
+    return times.empty() ? kNoAnswer : kSuccess;
 }
 
 } // namespace tavctl
