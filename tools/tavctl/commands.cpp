@@ -1,9 +1,6 @@
 // All commands, in the order of the help text, with their options (see Command).
 #include "commands.h"
 
-#include <algorithm>
-#include <iostream>
-
 #define DESTINATION "NAME  The endpoint: NAME or NAME@LOCATION\n"
 #define OWN_NAME "NAME  The endpoint's name, 1 to 9 characters\n"
 #define PAYLOAD                                                                                              \

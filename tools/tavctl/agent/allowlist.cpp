@@ -1,10 +1,8 @@
-#include <algorithm>
 
 #include <cjson/cJSON.h>
 #include <openssl/err.h>
 #include <openssl/rsa.h>
 #include <openssl/sha.h>
-#include <unistd.h>
 
 #include "agent/agent.h"
 #include "allowlist_key.h"
@@ -37,7 +35,7 @@ std::string base64_decode(const std::string &text) {
 // Applies one RSA operation with PKCS #1 padding and no digest to the input. Empty when it fails.
 template <class Init, class Operation>
 std::string rsa(EVP_PKEY *key, const std::string &input, Init init, Operation operation) {
-    const std::unique_ptr<EVP_PKEY_CTX, Releaser<EVP_PKEY_CTX_free>> context(EVP_PKEY_CTX_new(key, nullptr));
+    const KeyContext context(EVP_PKEY_CTX_new(key, nullptr));
     std::string output(static_cast<size_t>(EVP_PKEY_get_size(key)), '\0');
     size_t size = output.size();
     if (!context || init(context.get()) != 1 ||

@@ -1,8 +1,5 @@
 // tavctl allowlist: makes keys, keeps the signed list, and explains why a process is refused.
-#include <algorithm>
-#include <iostream>
 
-#include <fcntl.h>
 #include <sys/file.h>
 
 #include "agent/agent.h"

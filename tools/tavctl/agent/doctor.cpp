@@ -6,10 +6,8 @@
 
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/timex.h>
-#include <unistd.h>
 
 #include "agent/agent.h"
 #include "commands.h"
@@ -55,7 +53,7 @@ Finding check_endpoint(const AgentState &agent) {
         const Module module;
         exchange.begin = now_seconds();
         tav_ipc_probe(module, tav_ipc_get_local_addr(module), Exchange::on_status, &exchange);
-        run_until([&] { return exchange.ended; }, 10s);
+        exchange.wait(10);
         const bool answered = exchange.ended && exchange.code == 0;
         const std::string text = module.text() + (answered ? " opened, and answered itself in "
                                                            : " opened, but did not answer itself in ");

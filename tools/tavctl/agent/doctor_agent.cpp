@@ -1,10 +1,6 @@
 // The agent's own files: configuration, sockets, allow-list, identity.
-#include <algorithm>
 
-#include <fcntl.h>
 #include <semaphore.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "agent/agent.h"
 #include "common/facts.h"
@@ -151,13 +147,13 @@ Finding check_modules() {
 
 // Compares what the library decides about the tool with what the list says.
 Finding check_gate(const Verdict &verdict, bool &allowed) {
-    take_log();
+    take_reason();
     allowed = c_get_process() == 0;
-    const auto log = take_log();
+    const std::string reason = take_reason();
     if (allowed == verdict.allowed)
         return ok(allowed ? "it lets the tool pass" : "it refuses the tool as well");
-    return fail(allowed ? std::string("it lets the tool pass all the same")
-                        : "it refuses the tool: " + (log.empty() ? std::string("no reason") : log.back()),
+    return fail(allowed ? "it lets the tool pass all the same"
+                        : "it refuses the tool" + (reason.empty() ? ": no reason" : reason),
                 "install library and tool of the same build: ldd " + quoted(own_executable()));
 }
 

@@ -2,8 +2,6 @@
 // and store it.
 #include <cstdlib>
 
-#include <unistd.h>
-
 #include "agent/agent.h"
 #include "commands.h"
 #include "module/module.h"
@@ -36,8 +34,7 @@ Stored read_stored(const std::string &path) {
     try {
         bytes = read_regular_file(path, 65536);
     } catch (const Problem &problem) {
-        stored.text = problem.what();
-        return stored;
+        return {0, {}, problem.what(), {}};
     }
     stored.id = ReadAgentid(path.c_str());
     stored.text = std::to_string(stored.id);
@@ -70,8 +67,7 @@ void make_identity() {
     int result = 0;
     may_end_process([&] { result = CreateAgentId(); });
     if (result == 0) return;
-    const auto lines = take_log();
-    throw Problem("no agent id could be determined" + (lines.empty() ? std::string() : ": " + lines.back()),
+    throw Problem("no agent id could be determined" + take_reason(),
                   "run tavctl doctor; a lock that a dead process held is free at the next try");
 }
 

@@ -1,9 +1,5 @@
-#include <algorithm>
-#include <iostream>
 #include <numeric>
 #include <sstream>
-
-#include <unistd.h>
 
 #include "module/module.h"
 

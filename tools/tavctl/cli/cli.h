@@ -1,11 +1,14 @@
-// What every command uses: how it fails, what it was given, how it reads files, and how it prints.
+// What every command uses: how it fails, what it was given, how it reads files, how it prints, and the system
+// headers for that.
 #pragma once
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <iostream>
 #include <map>
 #include <span>
 #include <stdexcept>
@@ -14,6 +17,10 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/unique_fd.h"
 
@@ -96,7 +103,6 @@ class Record {
         std::string name, json, text;
     };
     void put(const std::string &name, std::string_view text);
-    void put(const std::string &name, const char *text) { put(name, std::string_view(text)); }
     void put(const std::string &name, const std::vector<std::string> &texts);
     void put(const std::string &name, double number);
     void put(const std::string &name, const Stamp &time);

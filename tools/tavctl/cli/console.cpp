@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <clocale>
@@ -6,10 +5,8 @@
 #include <cstdio>
 #include <cwchar>
 #include <cwctype>
-#include <iostream>
 
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include "cli/cli.h"
 

@@ -1,6 +1,3 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "cli/cli.h"
 #include "common/owned.h"

@@ -3,11 +3,6 @@
 #include <deque>
 #include <future>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
-
 #include "agent/agent.h"
 #include "commands.h"
 #include "module/module.h"
@@ -25,20 +20,15 @@ struct Received {
     std::string error, remedy; // empty: it was stored
 };
 
-std::string free_text(const std::string &directory) {
-    struct statvfs info {};
-    if (statvfs(directory.c_str(), &info) != 0) return "";
-    return bytes_text(static_cast<double>(info.f_bavail) * static_cast<double>(info.f_frsize)) + " free in " +
-           harmless(directory);
-}
-
 Problem cannot_move(const std::string &what, const std::string &directory) {
-    const int error = errno;
-    const bool full = error == ENOSPC || error == EDQUOT;
-    const std::string remedy =
-        full ? "make room: " + free_text(directory) : "may this user write there? Is it mounted read-only?";
-    errno = error;
-    return system_problem(what + " to " + harmless(directory), remedy);
+    const int reason = errno;
+    std::error_code error;
+    const auto free = static_cast<double>(fs::space(directory, error).available);
+    errno = reason;
+    return system_problem(what + " to " + harmless(directory),
+                          reason == ENOSPC || reason == EDQUOT
+                              ? "make room: " + bytes_text(free) + " free in " + harmless(directory)
+                              : "may this user write there? Is it mounted read-only?");
 }
 
 // Gives a file the wanted name, or the first free one with a number after it, and returns its path; empty
@@ -70,7 +60,7 @@ std::string copy(const std::string &from, const std::string &directory, const st
     if (error) errno = error.value();
     if (!target || error || fsync(target.get()) != 0) {
         const int reason = errno;
-        static_cast<void>(ftruncate(target.get(), 0)); // or the message would count it as used space
+        static_cast<void>(ftruncate(target.get(), 0)); // the message shows the free space
         errno = reason;
         throw cannot_move("cannot copy it", directory);
     }
@@ -114,7 +104,8 @@ class Receiver {
     // Reports the files that are stored. With all: waits for the others.
     void report(bool all) {
         for (; !storing_.empty(); storing_.pop_front()) {
-            if (!all && storing_.front().wait_for(0s) == std::future_status::timeout) return;
+            if (!all && storing_.front().wait_for(std::chrono::seconds(0)) == std::future_status::timeout)
+                return;
             const Received file = storing_.front().get();
             file.error.empty() ? say(file) : say_failed(file);
         }
@@ -158,8 +149,9 @@ std::string usable_directory(const std::string &given) {
         const UniqueFd trial(mkostemp(path.data(), O_CLOEXEC));
         if (!trial) throw cannot_move("cannot write", directory);
         unlink(path.c_str());
-        struct statvfs space {};
-        if (fstatvfs(trial.get(), &space) == 0 && space.f_blocks > 0 && space.f_bavail == 0)
+        std::error_code error;
+        if (const fs::space_info space = fs::space(directory, error);
+            space.capacity > 0 && space.available == 0)
             throw Problem("no space is left in " + harmless(directory), "make room there");
     }
     return given.size() > 1 && given.ends_with('/') ? given.substr(0, given.size() - 1) : given;

@@ -1,9 +1,6 @@
 // tavctl sendfile: sends a whole file, with its progress and its digest.
-#include <algorithm>
 #include <cmath>
 #include <future>
-
-#include <sys/stat.h>
 
 #include "agent/agent.h"
 #include "commands.h"

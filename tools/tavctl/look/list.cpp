@@ -1,10 +1,6 @@
 // tavctl list: the endpoints, whose they are, and the files that killed processes have left.
-#include <algorithm>
 #include <array>
-#include <iostream>
 #include <tuple>
-
-#include <unistd.h>
 
 #include "commands.h"
 #include "look/sockets.h"

@@ -1,19 +1,15 @@
 // A socket is live when connecting to it succeeds. The kernel's table of open sockets adds directories that
 // nobody has named, and processes; it only covers this network namespace.
-#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <set>
 #include <tuple>
 #include <unordered_map>
 
-#include <fcntl.h>
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include "common/facts.h"
 #include "look/sockets.h"

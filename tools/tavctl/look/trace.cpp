@@ -1,9 +1,4 @@
 // tavctl trace and explain: the message trace, and the header of a datagram.
-#include <algorithm>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "commands.h"
 #include "common/facts.h"

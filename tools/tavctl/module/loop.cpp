@@ -1,12 +1,7 @@
 // The event loop of a command, the library's log, and what the library has no call for.
-#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <iostream>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "common/facts.h"
 #include "module/module.h"
@@ -15,8 +10,7 @@
 namespace tavctl {
 namespace {
 
-constexpr size_t kKeptLines = 256; // the newest; a command reports a few of them at most
-constexpr int64_t kSlice_ms = 100; // a signal does not end a turn of the loop
+constexpr double kSlice_ms = 100; // a signal does not end a turn of the loop
 
 volatile std::sig_atomic_t interrupts = 0;
 void on_interrupt(int signal) {
@@ -28,7 +22,7 @@ void on_interrupt(int signal) {
 }
 
 struct Log {
-    std::vector<std::string> lines;
+    std::string newest; // line of level 2 or less
     bool verbose = false;
     uint64_t retries = 0; // attempts to send that the library will repeat
     std::string dropped;  // the first line that reports a dropped message
@@ -45,17 +39,14 @@ void keep_line(int level, const char *source, int, const char *text, void *) {
     if (log.verbose) std::cerr << "[" << level << " " << source << "] " << harmless(line) << std::endl;
     log.retries += line.find("retry later") != line.npos;
     if (log.dropped.empty() && line.find("drop it|") != line.npos) log.dropped = line;
-    if (level > 2) return;
-    if (log.lines.size() == kKeptLines) log.lines.erase(log.lines.begin());
-    log.lines.push_back(line);
+    if (level <= 2) log.newest = line;
 }
 
 bool may_end = false;
 void explain_end() {
     if (!may_end) return;
-    const auto &lines = kept_log().lines;
-    std::cerr << "tavctl: the library ended the process while it determined the agent id"
-              << (lines.empty() ? "" : ": " + lines.back()) << "\n  what to do: tavctl doctor" << std::endl;
+    std::cerr << "tavctl: the library ended the process while it determined the agent id" << take_reason()
+              << "\n  what to do: tavctl doctor" << std::endl;
 }
 void on_abort(int) {
     explain_end();
@@ -75,31 +66,24 @@ void catch_interrupts() {
 }
 bool interrupted() { return interrupts > 0; }
 
-Wait run_until(const std::function<bool()> &done, std::optional<Milliseconds> limit) {
-    const double end = limit ? now_seconds() + std::chrono::duration<double>(*limit).count() : 0;
+Wait run_until(const std::function<bool()> &done, double limit_s) {
+    const double end = now_seconds() + limit_s;
     for (;;) {
         if (done()) return Wait::kDone;
-        if (!std::cout) return Wait::kInterrupted; // the reader has gone: output would be lost
-        if (interrupted()) return Wait::kInterrupted;
-        int64_t slice_ms = kSlice_ms;
-        if (limit) {
-            const double left = end - now_seconds();
-            if (left <= 0) return Wait::kTimeout;
-            slice_ms = std::min(slice_ms, static_cast<int64_t>(left * 1000) + 1);
-        }
-        if (cl_event_loop_run_once(static_cast<int>(slice_ms)) <= 0)
+        if (!std::cout || interrupted()) return Wait::kInterrupted; // without a reader output would be lost
+        const double left_ms = (end - now_seconds()) * 1000;
+        if (left_ms <= 0) return Wait::kTimeout;
+        if (cl_event_loop_run_once(static_cast<int>(std::min(kSlice_ms, left_ms + 1))) <= 0)
             return done() ? Wait::kDone : Wait::kNothingLeft;
     }
 }
 
 void pause(double seconds) {
-    if (seconds > 0) run_until([] { return false; }, Milliseconds(static_cast<int64_t>(seconds * 1000)));
+    if (seconds > 0) run_until([] { return false; }, seconds);
 }
 
 double now_seconds() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 void keep_log(bool verbose) {
@@ -112,7 +96,10 @@ void keep_log(bool verbose) {
     error_output_set_sink(keep_line, nullptr);
 }
 
-std::vector<std::string> take_log() { return std::exchange(kept_log().lines, {}); }
+std::string take_reason() {
+    const std::string line = std::exchange(kept_log().newest, {});
+    return line.empty() ? line : ": " + line;
+}
 
 void may_end_process(const std::function<void()> &call) {
     static const int registered = std::atexit(explain_end);

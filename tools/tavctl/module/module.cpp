@@ -1,7 +1,5 @@
 #include <charconv>
 
-#include <unistd.h>
-
 #include "agent/agent.h"
 #include "common/facts.h"
 #include "look/sockets.h"
@@ -23,9 +21,7 @@ Problem refusal(const std::string &name) {
     if (probe_socket(path) == SocketState::kLive)
         return Problem("the endpoint name " + name + " is in use: " + path,
                        "give another name (tavctl list shows those taken)");
-    const auto lines = take_log();
-    return Problem("cannot open the endpoint " + name + " at " + path +
-                       (lines.empty() ? "" : ": " + lines.back()),
+    return Problem("cannot open the endpoint " + name + " at " + path + take_reason(),
                    "tavctl doctor examines the directory and the identity");
 }
 
@@ -84,7 +80,7 @@ Module::Module(const std::string &name, bool accept_files) {
     std::to_chars(digits, std::end(digits), getpid(), 36);
     const std::string used = name.empty() ? std::string("ctl") + digits : name;
     check_may_open(used);
-    take_log();
+    take_reason();
     may_end_process([&] { ipc_ = tav_ipc_create_temp(used.c_str(), accept_files); });
     if (!ipc_) throw refusal(used);
 }
@@ -105,9 +101,7 @@ Problem silence(const tav_addr_st &address) {
         return Problem(
             silent, "messages for another location go through its proxy endpoint: does it run? tavctl list",
             kNoAnswer);
-    const struct {
-        std::string reason, remedy;
-    } reasons[] = {
+    const std::pair<std::string, std::string> reasons[] = {
         // by SocketState
         {": there is no socket " + path, "start the module, or see which endpoints there are: tavctl list"},
         {", although its socket is open",
@@ -124,9 +118,9 @@ Problem silence(const tav_addr_st &address) {
 
 Problem failed_exchange(const tav_addr_st &address, int code) {
     if (code == IPC_ERR_TIMEOUT) return silence(address);
-    const auto lines = take_log();
+    const std::string reason = take_reason();
     return Problem(address_text(address) + ": " + tav_ipc_strerror(code) + " (" + std::to_string(code) + ")",
-                   lines.empty() ? "tavctl --verbose shows the library's log" : lines.back());
+                   reason.empty() ? "tavctl --verbose shows the library's log" : reason.substr(2));
 }
 
 } // namespace tavctl

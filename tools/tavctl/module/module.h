@@ -1,11 +1,9 @@
 // The tool as a module: its endpoint, its event loop, its exchanges, the library's log, and why one fails.
 #pragma once
 
-#include <chrono>
 #include <functional>
+#include <limits>
 #include <optional>
-
-#include <sys/stat.h>
 
 #include "cli/cli.h"
 #include "tavipc/tav_ipc.h"
@@ -13,17 +11,14 @@
 namespace tavctl {
 
 // --- the event loop (loop.cpp)
-using namespace std::chrono_literals;
-using Milliseconds = std::chrono::milliseconds;
-
 // From now on a first Ctrl-C or SIGTERM ends a wait instead of the process, so that statistics are printed
 // and socket files are removed. A second one ends the process.
 void catch_interrupts();
 bool interrupted();
 
 enum class Wait { kDone, kTimeout, kInterrupted, kNothingLeft };
-// Runs the loop until done() holds or the limit is over. done is called after each turn.
-Wait run_until(const std::function<bool()> &done, std::optional<Milliseconds> limit = {});
+// Runs the loop until done() holds or the time is over. done is called after each turn.
+Wait run_until(const std::function<bool()> &done, double limit_s = std::numeric_limits<double>::infinity());
 // Runs the loop for this time, unless interrupted.
 void pause(double seconds);
 // What was passed to the library last leaves while the loop runs, long before this time is over.
@@ -33,8 +28,8 @@ double now_seconds(); // monotonic
 // --- the library's log, kept instead of written (loop.cpp)
 // verbose: each line is also written to standard error, at the level of TAV_LOG_LEVEL (4 when it is not set).
 void keep_log(bool verbose);
-// The lines of level 2 or less since the last call, oldest first.
-std::vector<std::string> take_log();
+// The newest line of level 2 or less since the last call, after ": "; empty without one.
+std::string take_reason();
 
 // The library ends the process when it needs an agent id and cannot determine one. While call runs, the
 // reason is written to standard error then. call does not throw.
@@ -73,8 +68,8 @@ struct Exchange {
     int32_t code = 0; // of the library
     double begin = now_seconds(), end = 0;
     double took() const { return end - begin; }
-    Wait wait() const {
-        return run_until([this] { return ended; });
+    Wait wait(double limit_s = std::numeric_limits<double>::infinity()) const {
+        return run_until([this] { return ended; }, limit_s);
     }
     static int on_status(int32_t code, void *exchange);
 };

@@ -1,8 +1,5 @@
 #include <charconv>
 #include <cstdlib>
-#include <iostream>
-
-#include <unistd.h>
 
 #include "common/big_endian.h"
 #include "common/facts.h"

@@ -1,5 +1,4 @@
 // tavctl send, listen, request, reply and probe.
-#include <algorithm>
 #include <cmath>
 #include <numeric>
 
