@@ -41,8 +41,7 @@ class SignedList {
         : directory(config), list_path(config + "/linux.json"), signature_path(config + "/linux_sign.json") {}
     const std::string directory, list_path, signature_path;
 
-    std::string read_list() const;
-    std::string read_signature() const;
+    std::string read_list() const { return read_regular_file(list_path); }
     bool is_signed_by(EVP_PKEY *public_key, std::string_view list) const;
     // Writes the list with its signature by this key.
     void write(std::string_view list, EVP_PKEY *private_key) const;

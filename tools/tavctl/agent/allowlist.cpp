@@ -81,11 +81,8 @@ Verdict judge(const fs::path &executable) {
 
 } // namespace
 
-std::string SignedList::read_list() const { return read_regular_file(list_path); }
-std::string SignedList::read_signature() const { return read_regular_file(signature_path); }
-
 bool SignedList::is_signed_by(EVP_PKEY *public_key, std::string_view list) const {
-    const std::string signed_text = rsa(public_key, base64_decode(read_signature()),
+    const std::string signed_text = rsa(public_key, base64_decode(read_regular_file(signature_path)),
                                         EVP_PKEY_verify_recover_init, EVP_PKEY_verify_recover);
     ERR_clear_error();
     return std::string_view(signed_text.c_str()) == sha256_hex(list); // up to a NUL, as the library compares
@@ -158,21 +155,19 @@ Verdict judge_executable(const std::string &path) {
 
 FileDigest digest_of(int fd, const std::atomic<bool> &stop) {
     const std::unique_ptr<EVP_MD_CTX, Releaser<EVP_MD_CTX_free>> context(EVP_MD_CTX_new());
-    if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1)
-        throw_crypto_problem("SHA-256");
+    bool done = context && EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) == 1;
     FileDigest digest;
     std::vector<char> buffer(1u << 20);
-    while (!stop) {
+    while (done && !stop) {
         const ssize_t got = pread(fd, buffer.data(), buffer.size(), static_cast<off_t>(digest.size));
         if (got < 0) digest.error = errno;
         if (got <= 0) break;
-        if (EVP_DigestUpdate(context.get(), buffer.data(), static_cast<size_t>(got)) != 1)
-            throw_crypto_problem("SHA-256");
+        done = EVP_DigestUpdate(context.get(), buffer.data(), static_cast<size_t>(got)) == 1;
         digest.size += static_cast<uint64_t>(got);
     }
     unsigned char bytes[EVP_MAX_MD_SIZE];
     unsigned length = 0;
-    if (EVP_DigestFinal_ex(context.get(), bytes, &length) != 1) throw_crypto_problem("SHA-256");
+    if (!done || EVP_DigestFinal_ex(context.get(), bytes, &length) != 1) throw_crypto_problem("SHA-256");
     digest.sha256 = hex_of({reinterpret_cast<const char *>(bytes), length});
     return digest;
 }

@@ -67,13 +67,11 @@ void make_key_pair(const std::string &private_path, const std::string &public_pa
             throw Problem(private_path +
                               " exists and is kept: lists signed with a lost key cannot be renewed",
                           "give another name, or sign with this key");
-        if (!exists(public_path))
-            write_file(public_path, public_pem(load_private_key(private_path).get()));
+        if (!exists(public_path)) write_file(public_path, public_pem(load_private_key(private_path).get()));
         return;
     }
     if (!if_missing && (exists(public_path) || public_path == private_path))
-        throw Problem(public_path +
-                          (exists(public_path) ? " exists and is kept" : " would be both halves"),
+        throw Problem(public_path + (exists(public_path) ? " exists and is kept" : " would be both halves"),
                       "give another name for the public half");
     const Key key(EVP_RSA_gen(kKeyBits));
     if (!key) throw_crypto_problem("cannot generate a key");

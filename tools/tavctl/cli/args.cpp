@@ -200,16 +200,6 @@ const char kGlobalOptions[] = "-h, --help  Print this help\n"
                               "-v, --verbose  Write the library's log to standard error\n"
                               "--agent DIR  Run the tavctl of another agent, DIR/bin/tavctl\n";
 
-std::vector<std::string> Args::all(const std::string &name) const {
-    const auto found = values_.find(name);
-    return found == values_.end() ? std::vector<std::string>() : found->second;
-}
-std::string Args::text(const std::string &name) const { return has(name) ? all(name).back() : ""; }
-uint64_t Args::number(const std::string &name) const {
-    return std::strtoull(text(name).c_str(), nullptr, 10);
-}
-double Args::seconds(const std::string &name) const { return std::strtod(text(name).c_str(), nullptr); }
-
 Option::Option(const std::string &line) : argument(line[0] != '-') {
     const size_t end = line.find("  ");
     help = line.substr(end + 2);

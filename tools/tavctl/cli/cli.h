@@ -173,10 +173,12 @@ class Args {
     // By the option's long name without dashes, or the argument's name. What was not given has its default,
     // or is empty or 0.
     bool has(const std::string &name) const { return values_.contains(name); }
-    std::vector<std::string> all(const std::string &name) const;
-    std::string text(const std::string &name) const;
-    uint64_t number(const std::string &name) const;
-    double seconds(const std::string &name) const;
+    std::vector<std::string> all(const std::string &name) const {
+        return has(name) ? values_.at(name) : std::vector<std::string>();
+    }
+    std::string text(const std::string &name) const { return has(name) ? values_.at(name).back() : ""; }
+    uint64_t number(const std::string &name) const { return std::strtoull(text(name).c_str(), nullptr, 10); }
+    double seconds(const std::string &name) const { return std::strtod(text(name).c_str(), nullptr); }
     // Whether --count ends the command after this many; 0 does not end it.
     bool count_reached(uint64_t done) const { return number("count") > 0 && done >= number("count"); }
     void set(const std::string &name, const std::string &value) { values_[name].push_back(value); }
@@ -190,11 +192,11 @@ class Args {
 //   -c, --count N:0-99=4     with range, default  [NAME]      one that may be missing
 //   --key FILE!              that must be given   [NAME...]   any number of them
 // N and CODE stand for whole numbers, SECONDS for a time.
+using Run = int(Console &out, const Args &args); // returns the exit status, or throws Problem
 struct Command {
     const char *name; // "probe", or of a group "allowlist add"
-    const char *help;
-    const char *usage;
-    int (*run)(Console &out, const Args &args); // returns the exit status, or throws Problem
+    const char *help, *usage;
+    Run *run;
 };
 
 // Runs the command that the command line names. Returns the exit status, or throws Problem.

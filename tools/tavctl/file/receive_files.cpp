@@ -98,7 +98,9 @@ class Receiver {
     uint64_t arrived = 0, stored = 0, failed = 0;
 
     static int on_file(tav_ipc_st *, const char *path, void *user) {
-        static_cast<Receiver *>(user)->take(path);
+        auto &self = *static_cast<Receiver *>(user);
+        ++self.arrived;
+        self.storing_.push_back(std::async(store, self.directory_, Received{path, Stamp(), {}, {}, {}, {}}));
         return 0;
     }
     // Reports the files that are stored. With all: waits for the others.
@@ -112,10 +114,6 @@ class Receiver {
     }
 
   private:
-    void take(const char *path) {
-        ++arrived;
-        storing_.push_back(std::async(store, directory_, Received{path, Stamp(), {}, {}, {}, {}}));
-    }
     void say(const Received &file) {
         ++stored;
         Record record("type", "file", "time", file.time, "path", file.path);
@@ -128,9 +126,7 @@ class Receiver {
         Record record("type", "failed", "time", file.time, "path", moved ? file.path : file.temporary);
         out_.say(record.add("error", file.error, "remedy", file.remedy), "{time}  {path}: {error}",
                  (file.remedy.empty() ? "" : "\n  what to do: " + file.remedy) +
-                     (moved ? ""
-                            : "\n  It stays in /tmp; while tavctl runs, the library removes it after 5 "
-                              "minutes: copy it before."));
+                     (moved ? "" : "\n  It stays in /tmp for 5 minutes while tavctl runs: copy it before."));
     }
     Console &out_;
     const std::string directory_;

@@ -205,21 +205,14 @@ SocketState probe_socket(const std::string &path) {
     if (path.size() > tavipc::kLongestSocketPath) return SocketState::kForbidden;
     path.copy(address.sun_path, path.size());
     const UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+    // EAGAIN, EPERM: it is connected, as sending sockets are, and only takes datagrams of its peer.
+    if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
+        errno == EAGAIN || errno == EPERM)
         return SocketState::kLive;
-    switch (errno) {
-    case ECONNREFUSED:
-        return SocketState::kStale;
-    case ENOENT:
-        return SocketState::kMissing;
-    case EPROTOTYPE: // a stream socket: not of the library
-        return SocketState::kNoSocket;
-    case EAGAIN:
-    case EPERM: // it is connected, as sending sockets are, and only takes datagrams of its peer
-        return SocketState::kLive;
-    default:
-        return SocketState::kForbidden;
-    }
+    if (errno == ECONNREFUSED) return SocketState::kStale;
+    if (errno == ENOENT) return SocketState::kMissing;
+    // EPROTOTYPE: a stream socket, which is not of the library
+    return errno == EPROTOTYPE ? SocketState::kNoSocket : SocketState::kForbidden;
 }
 
 Scan scan_known(const std::vector<std::string> &deploy_types) {

@@ -68,10 +68,7 @@ int switch_off(Console &out) {
 
 constexpr size_t kLongestInput = 1 << 20; // bytes
 
-struct Flag {
-    unsigned bit;
-    const char *name;
-};
+using Flag = std::pair<unsigned, const char *>; // bit and name
 constexpr Flag kMessageFlags[] = {
     {IPC_FLAG_ACK, "ACK"},     {IPC_FLAG_NEED_ACK, "NEED_ACK"},     {IPC_FLAG_FILE, "FILE"},
     {IPC_FLAG_PROBE, "PROBE"}, {IPC_FLAG_REQUEST, "REQUEST"},       {IPC_FLAG_RESPONSE, "RESPONSE"},
@@ -86,11 +83,9 @@ std::string hex_number(uint32_t number, int digits) {
 
 std::string flags_text(unsigned flags, std::span<const Flag> names) {
     std::string text;
-    for (const Flag &flag : names)
-        if (flags & flag.bit) {
-            text += std::string(text.empty() ? "" : " ") + flag.name;
-            flags &= ~flag.bit;
-        }
+    for (const auto &[bit, name] : names)
+        if (flags & bit) text += std::string(text.empty() ? "" : " ") + name;
+    for (const auto &[bit, name] : names) flags &= ~bit;
     if (flags != 0) text += std::string(text.empty() ? "" : " ") + "others " + hex_number(flags, 1);
     return text.empty() ? "none" : text;
 }
