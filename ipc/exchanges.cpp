@@ -18,8 +18,9 @@
 namespace tavipc {
 namespace {
 
-constexpr int32_t kProbeTimeout_s = 5; // prescribed
-constexpr uint64_t kDefer_ms = 1;      // prescribed: a failed send is reported from the loop
+constexpr int32_t kProbeTimeout_s = 5; // promised in tav_ipc.h
+constexpr uint64_t kDefer_ms =
+    1; // the next turn of the loop: a failed send is never reported inside the call
 constexpr int64_t kMillisecondsPerSecond = 1000;
 
 struct Answer {
@@ -33,7 +34,7 @@ struct Answer {
 using Callback = std::variant<std::monostate, tav_ipc_status_cb, tav_ipc_response_cb, tav_ipc_exchange_cb>;
 
 struct RequestRecord {
-    uint64_t serial; // tells it from a later exchange under the same message id
+    uint64_t serial; // distinguishes it from a later exchange under the same message id
     Callback callback;
     void *user;
     int64_t expire_ms = 0;     // on the request clock
@@ -245,7 +246,7 @@ void tav_ipc_probe(tav_ipc_st *ipc, const tav_addr_st *dest, tav_ipc_status_cb c
     UseGuard guard(ipc, "tav_ipc_probe");
     tav_addr_st address{};
     if (dest) address = *dest;
-    address.flags = 0; // prescribed: the endpoint is probed, whatever it accepts
+    address.flags = 0; // the endpoint is probed, whatever payloads it accepts
     ipc_send_with_ack(ipc, {dest ? &address : nullptr, 0, nullptr, 0, IPC_FLAG_PROBE, kProbeTimeout_s},
                       callback, user);
 }

@@ -28,8 +28,8 @@
 namespace tavipc {
 namespace {
 
-constexpr uint64_t kSweepPeriod_ms = 60'000; // prescribed
-constexpr time_t kKeep_s = 300;              // prescribed: after a file's last data
+constexpr uint64_t kSweepPeriod_ms = 60'000; // a file is removed at most this long after kKeep_s
+constexpr time_t kKeep_s = 300;              // after the last data: time for the application to take the file
 // Number of files. Peers choose the ids, so the table needs a bound: it takes about 10 MB.
 constexpr uint32_t kMostReceived = 65'536;
 // A search for files that were taken away looks at 65,536 paths, which takes 0.1 to 0.2 s. Done at most once

@@ -16,8 +16,8 @@
 namespace tavipc {
 namespace {
 
-constexpr uint64_t kTick_ms = 1000; // prescribed
-// Both prescribed, in entries. An entry takes 24 bytes (16 and a pointer to them): a heap of at most 2 MiB is
+constexpr uint64_t kTick_ms = 1000; // time-outs are whole seconds
+// In entries. An entry takes 24 bytes (16 and a pointer to them): a heap of at most 2 MiB is
 // left alone, and at most 10 MiB may be stale.
 constexpr uint32_t kRebuildAbove = 87'381;
 constexpr uint32_t kMostStale = 436'907;

@@ -6,7 +6,7 @@ passed=0 failed=0
 declare -A background # the process ids of what must end with this script
 
 packages=(cmake ninja-build g++ pkg-config clang-format libuv1-dev zlib1g-dev libssl-dev libcjson-dev
-          libjansson-dev uuid-dev libinih-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev mandoc)
+          libjansson-dev uuid-dev libinih-dev libgtest-dev libgmock-dev libbenchmark-dev mandoc)
 
 say() { printf '%s\n' "$*"; }
 die() { printf './dev: %s\n' "$*" >&2; exit 1; }

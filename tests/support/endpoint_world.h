@@ -60,8 +60,6 @@ class EndpointWorld : public FakeWorld {
     EndpointWorld() {
         tavipc::reset_process_state();
         unsetenv("IPC_TEST");
-        static uint64_t days = 0; // rate limits outlive a test: each begins long after the one before
-        w.clock.ticks_ms += ++days * 86'400'000;
     }
     void TearDown() override {
         while (!open_.empty()) close(open_.back());

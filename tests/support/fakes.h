@@ -103,7 +103,11 @@ inline bool test_runs = false;
 // Fixture: a fresh world for every test.
 class FakeWorld : public ::testing::Test {
   protected:
-    FakeWorld() { fake::world() = fake::World{}, fake::test_runs = true; }
+    FakeWorld() {
+        fake::world() = fake::World{}, fake::test_runs = true;
+        static uint64_t days = 0; // rate limits outlive a test: each begins long after the one before
+        w.clock.ticks_ms += ++days * 86'400'000;
+    }
     ~FakeWorld() override { fake::test_runs = false; }
     fake::World &w = fake::world();
 };

@@ -11,7 +11,7 @@ namespace {
 
 struct Examples : testing::Test {
     Examples() {
-        place.allow({"publish_subscribe", "request_server", "file_drop"});
+        place.allow({"publish_subscribe", "request_server", "file_drop", "coroutines"});
         for (const auto &program : fs::directory_iterator(TAVIPC_EXAMPLES))
             place.put(program.path().filename(), program);
     }
@@ -45,6 +45,14 @@ TEST_F(Examples, FileDrop) {
     EXPECT_EQ(sender.finish(), 0);
     const fs::path kept = receiver.expect("kept ");
     EXPECT_EQ(fs::file_size(kept), fs::file_size(program));
+}
+
+TEST_F(Examples, Coroutines) {
+    Process program = place.start("coroutines");
+    for (const char *line : {"request: Success hello", "confirmed: Success", "probe: Request timeout"})
+        program.expect(line);
+    program.expect("kept 1, done 1");
+    EXPECT_EQ(program.finish(), 0);
 }
 
 } // namespace

@@ -8,7 +8,7 @@ cd "$1"
 failed=0
 fail() { echo "$*" >&2; failed=1; }
 mkdir "$place/tavipc"
-cp include/tavipc/*.h platform/base/tavbase.h platform/aux/tavaux.h platform/event/tavcl_ev.h "$place/tavipc"
+cp include/tavipc/*.h* platform/base/tavbase.h platform/aux/tavaux.h platform/event/tavcl_ev.h "$place/tavipc"
 
 # Each exported function and each function of the platform headers is in one NAME section. The export lists have
 # type-encoded names: _Z<length>name...
@@ -44,6 +44,13 @@ for language in c cpp; do
 done
 compile cc -std=c11 "$place/hello.c"
 compile c++ -std=c++20 "$place/hello.cpp"
+page=include/tavipc/tavipc.hpp
+for compiler in c++ clang++; do
+    if command -v $compiler >/dev/null; then
+        compile $compiler -std=c++20 examples/coroutines.cpp
+        compile $compiler -std=c++20 -fno-exceptions examples/coroutines.cpp
+    fi
+done
 
 # tavctl.1 has each command and each option of the tool, as its completion lists them.
 tool=$2

@@ -170,7 +170,7 @@ int bind_to(const std::string &path) {
 
 TEST_F(Tavctl, ListsLiveAndStaleAndCleansTheStaleAlone) {
     const auto alpha = start("alpha"), beta = start("beta");
-    beta->ask("send alpha 2 bytes 10 1 0 0", "sent 1"); // it has a sending socket from now on
+    beta->ask("post alpha bytes 10 1 1 0 0", "posted 1 0"); // it has a sending socket from now on
     alpha->expect("msg beta");
     const std::string pid = std::to_string(beta->pid()), at = sockets_, all = expect(0, {"list", "--pool"});
     EXPECT_THAT(all, ContainsRegex(at + ": [^/]*beta@2 +live +" + pid + " [^/]* beta\n"));

@@ -47,7 +47,7 @@ class ExactlyOnce : public EndpointWorld, public testing::WithParamInterface<uns
         tav_ipc_st *ipc = *endpoint;
         const unsigned kind = pick(4);
         const int32_t timeout_s = kind == 0 ? 5 : static_cast<int>(pick(6)) - 1;
-        // Datagrams carry the host id unchanged: it tells the exchange.
+        // Datagrams carry the host id unchanged: it identifies the exchange.
         const tav_addr_st dest = address("peer", 2, 0, static_cast<uint32_t>(exchanges_.size()));
         Exchange &e = exchanges_.emplace_back(Exchange{endpoint, w.clock.wall_s + timeout_s});
         const uint32_t size = chance(5) ? 70'000 : pick(200);

@@ -11,6 +11,7 @@ using ConfTest = FakeWorld;
 TEST_F(ConfTest, MissingAndBadValuesGetTheirDefaults) {
     using Words = std::array<uint32_t, 13>;
     const auto &words = reinterpret_cast<const Words &>(*get_ipc_proxy_conf());
+    tavipc::reset_ipc_conf();
     EXPECT_EQ(words, Words{});
     const std::tuple<std::string, uint32_t, uint32_t, uint32_t> cases[] = {
         {"3\n[transfer]\neagain_retry_interval_ms=200\neagain_max_retry_times=0\n", 7, 200, 0},

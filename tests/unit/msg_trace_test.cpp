@@ -28,7 +28,13 @@ static std::string trace(const tav_ipc_hdr_st &header, const std::string &text =
     return lines.back().source + lines.back().text;
 }
 
-using TraceTest = FakeWorld;
+class TraceTest : public FakeWorld {
+  protected:
+    TraceTest() {
+        tavipc::reset_msg_trace();
+        looks = 0;
+    }
+};
 
 TEST_F(TraceTest, LineDescribesTheHeader) {
     w.clock.loop_ms = 5000;
