@@ -4,8 +4,6 @@
 #include <cstring>
 #include <new>
 
-#include "common/out_of_memory.h"
-
 namespace tavipc {
 namespace {
 
@@ -57,23 +55,27 @@ FragmentSet *FragmentSets::find(const tav_ipc_hdr_st &fragment) const {
     return set;
 }
 
+bool FragmentSets::is_full(const tav_ipc_hdr_st &fragment) const {
+    int beside = 0;
+    for (const FragmentSet *set = first_with(table_, key_of(fragment)); set; set = set->beside) ++beside;
+    return beside >= kMostBeside;
+}
+
 FragmentSet *FragmentSets::create(const tav_ipc_hdr_st &fragment, time_t now_s) {
     const FragmentKey key = key_of(fragment);
-    int beside = 0;
-    FragmentSet *last = nullptr;
-    for (FragmentSet *set = first_with(table_, key); set; set = set->beside, ++beside) last = set;
-    if (beside >= kMostBeside) return nullptr;
-    auto *set =
-        new (std::nothrow) FragmentSet{.key = key, .header = whole_header(fragment), .last_seen = now_s};
-    if (!set) out_of_memory("tav_ipc", __LINE__);
+    std::unique_ptr<FragmentSet> set(
+        new (std::nothrow) FragmentSet{.key = key, .header = whole_header(fragment), .last_seen = now_s});
+    if (!set) return nullptr;
+    FragmentSet *last = first_with(table_, key);
+    while (last && last->beside) last = last->beside;
     if (last)
-        last->beside = set;
-    else if (xhash_insert(table_, &key, sizeof key, set) != 0)
-        out_of_memory("tav_ipc", __LINE__);
+        last->beside = set.get();
+    else if (xhash_insert(table_, &key, sizeof key, set.get()) != 0)
+        return nullptr;
     live_by_age_.append(*set);
     waiting_.append(*set);
     ++live_;
-    return set;
+    return set.release();
 }
 
 void FragmentSets::refresh(FragmentSet &set, time_t now_s) {

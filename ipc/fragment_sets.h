@@ -80,8 +80,9 @@ class FragmentSets {
 
     // The set or mark of the fragment's message; null when there is none.
     FragmentSet *find(const tav_ipc_hdr_st &fragment) const;
-    // Makes the set of a fragment's message, which has none. Null when too many have the same key. The
-    // process ends when memory is short.
+    // Have so many sets the fragment's key that no other is made?
+    bool is_full(const tav_ipc_hdr_st &fragment) const;
+    // Makes the set of a fragment's message, which has none. Null when memory is short.
     FragmentSet *create(const tav_ipc_hdr_st &fragment, time_t now_s);
     // A fragment was accepted: the set has waited least of all now.
     void refresh(FragmentSet &set, time_t now_s);

@@ -122,6 +122,14 @@ bool ensure_reassembly(tav_ipc_st *ipc) {
     return true;
 }
 
+// The process ends when memory is short even without spares.
+FragmentSet *create_set(Reassembly &reassembly, const tav_ipc_hdr_st &header, time_t now_s) {
+    for (;;) {
+        if (FragmentSet *set = reassembly.sets.create(header, now_s)) return set;
+        if (!reassembly.buffers.release_spare()) out_of_memory("tav_ipc", __LINE__);
+    }
+}
+
 // The set of the fragment's message. Null when the fragment is dropped.
 FragmentSet *find_or_create(tav_ipc_st *ipc, const tav_ipc_hdr_st &header, time_t now_s) {
     Reassembly &reassembly = *ipc->reassembly;
@@ -133,10 +141,10 @@ FragmentSet *find_or_create(tav_ipc_st *ipc, const tav_ipc_hdr_st &header, time_
     if (set) return set->evicted ? nullptr : set;
     if (header.frag_orig > kLargestClaim)
         TAV_TRACE(&header, "have integer overflow, frag orig(%d)", static_cast<int>(header.frag_orig));
-    else if ((set = reassembly.sets.create(header, now_s)))
-        return set;
-    else
+    else if (reassembly.sets.is_full(header))
         log_too_many(reassembly.bytes());
+    else
+        return create_set(reassembly, header, now_s);
     TAV_TRACE(&header, "frag_node_create fail");
     return nullptr;
 }
@@ -166,17 +174,18 @@ FragmentSet *with_buffer(tav_ipc_st *ipc, FragmentSet *set, const tav_ipc_hdr_st
         if (set->buffer) break;
         if (!evict(ipc, set, now_s)) out_of_memory("tav_ipc", __LINE__);
         set = ipc->closed ? nullptr : ipc->reassembly->sets.find(header);
+        if (set && !fits(*set, header)) return nullptr; // another one, which the sink's own traffic made
     }
     return set && !set->evicted ? set : nullptr;
 }
 
 // Fragments that never came read as zeros, not as what the buffer held before. The number of fragments seen
 // does not say whether there are any: an empty one may lie behind the end of the message.
-void clear_gaps(FragmentSet &set) {
+void clear_gaps(ReassemblyBuffers &buffers, FragmentSet &set) {
     const size_t count = (set.expected() + kFragmentPayload - 1) / kFragmentPayload;
     for (size_t i = 0; i < count; ++i) {
         const size_t rest = set.expected() - i * kFragmentPayload;
-        if (!set.seen[i]) ReassemblyBuffers::clear(set.buffer, i, std::min<size_t>(rest, kFragmentPayload));
+        if (!set.seen[i]) buffers.clear(set.buffer, i, std::min<size_t>(rest, kFragmentPayload));
     }
 }
 
@@ -192,7 +201,7 @@ std::optional<RebuiltMessage> accept(Reassembly &reassembly, FragmentSet &set, c
         reassembly.sets.refresh(set, now_s);
         return std::nullopt;
     }
-    clear_gaps(set);
+    clear_gaps(reassembly.buffers, set);
     RebuiltMessage message{set.header, reassembly.buffers.lend(set.buffer)};
     reassembly.sets.remove(set);
     return message;

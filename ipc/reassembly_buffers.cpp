@@ -23,6 +23,11 @@ constexpr size_t kMostSpareBytes = 64u << 20;
 // about 20 ms more than filling a spare, so renewing it this rarely costs nothing.
 constexpr time_t kMappingLife_s = 10;
 
+// A wall clock that was set back also makes a mapping old: it would keep its spare for as long.
+constexpr bool is_old(time_t mapped_s, time_t now_s) {
+    return now_s < mapped_s || now_s - mapped_s > kMappingLife_s;
+}
+
 constexpr size_t round_up(size_t value, size_t unit) { return (value + unit - 1) / unit * unit; }
 
 } // namespace
@@ -81,9 +86,8 @@ ReassemblyBuffer ReassemblyBuffers::take(size_t bytes, time_t now_s) {
     return buffer;
 }
 
-void ReassemblyBuffers::write(ReassemblyBuffer &buffer, size_t piece, const void *data, size_t length) {
+void ReassemblyBuffers::touch(ReassemblyBuffer &buffer, size_t piece, size_t length) {
     assert(piece * kFragmentPayload + length <= buffer.capacity_);
-    if (length == 0) return; // it touches nothing, and may lie behind the end
     resident_bytes_ -= buffer.resident_bytes();
     buffer.touch(piece, length);
     if (!buffer.uses_huge_pages_ && buffer.touched_.count() * kFragmentPayload >= kHugePage) {
@@ -91,11 +95,18 @@ void ReassemblyBuffers::write(ReassemblyBuffer &buffer, size_t piece, const void
         buffer.uses_huge_pages_ = true;
     }
     resident_bytes_ += buffer.resident_bytes();
+}
+
+void ReassemblyBuffers::write(ReassemblyBuffer &buffer, size_t piece, const void *data, size_t length) {
+    if (length == 0) return; // it touches nothing, and may lie behind the end
+    touch(buffer, piece, length);
     std::memcpy(buffer.piece(piece), data, length);
 }
 
 void ReassemblyBuffers::clear(ReassemblyBuffer &buffer, size_t piece, size_t length) {
-    if (buffer.touched_[piece]) std::memset(buffer.piece(piece), 0, length); // else it is zero
+    if (!buffer.touched_[piece]) return; // the kernel's zeros
+    touch(buffer, piece, length);        // it may have been written in part only
+    std::memset(buffer.piece(piece), 0, length);
 }
 
 void ReassemblyBuffers::drop(ReassemblyBuffer &buffer) { (void)lend(buffer); }
@@ -136,7 +147,7 @@ ReassemblyBuffer ReassemblyBuffers::take_spare(size_t bytes, time_t now_s) {
 }
 
 void ReassemblyBuffers::give_back(ReassemblyBuffer buffer, time_t now_s) {
-    if (!buffer.is_mapped() || now_s - buffer.mapped_s_ > kMappingLife_s) return;
+    if (!buffer.is_mapped() || is_old(buffer.mapped_s_, now_s)) return;
     while (spare_count_ == kMostSpares || spare_bytes() + buffer.resident_bytes() > kMostSpareBytes)
         if (!release_spare()) return;
     resident_bytes_ += buffer.resident_bytes();
@@ -151,7 +162,7 @@ bool ReassemblyBuffers::release_spare() {
 
 void ReassemblyBuffers::release_old_spares(time_t now_s) {
     for (size_t i = spare_count_; i-- > 0;)
-        if (now_s - spares_[i].mapped_s_ > kMappingLife_s) (void)remove_spare(i);
+        if (is_old(spares_[i].mapped_s_, now_s)) (void)remove_spare(i);
 }
 
 } // namespace tavipc

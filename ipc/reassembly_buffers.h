@@ -69,7 +69,7 @@ class ReassemblyBuffers {
     [[nodiscard]] ReassemblyBuffer take(size_t bytes, time_t now_s);
     void write(ReassemblyBuffer &buffer, size_t piece, const void *data, size_t length);
     // Makes a piece zero that was not written since the buffer was taken.
-    static void clear(ReassemblyBuffer &buffer, size_t piece, size_t length);
+    void clear(ReassemblyBuffer &buffer, size_t piece, size_t length);
     // Releases the memory of a message that will not be completed. The buffer may be empty.
     void drop(ReassemblyBuffer &buffer);
     // Takes the buffer out of the account while its message is delivered; give_back ends that.
@@ -90,6 +90,8 @@ class ReassemblyBuffers {
     ReassemblyBuffer take_spare(size_t bytes, time_t now_s);
     ReassemblyBuffer remove_spare(size_t index);
     size_t spare_bytes() const;
+    // Accounts for a piece that is about to be written.
+    void touch(ReassemblyBuffer &buffer, size_t piece, size_t length);
 
     std::array<ReassemblyBuffer, kMostSpares> spares_; // those given back first come first
     size_t spare_count_ = 0;

@@ -1,6 +1,6 @@
-// tavipc-attack - what a peer can make a module hold that sends it what it likes. Every attack meets a fresh
-// module process, which must answer afterwards; its peak memory and descriptors are printed beside the bounds
-// that it promises. Exit status 1 when one does not hold.
+// tavipc-attack - how much memory and how many descriptors a hostile peer can make a module hold. Each attack
+// gets a new module process, which must answer afterwards. The growth of its peak memory, the messages that
+// arrived whole and its descriptors are printed beside their bounds. The exit status is 1 when one is broken.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <string>
 
 #include <sys/socket.h>
@@ -15,8 +16,8 @@
 #include <unistd.h>
 
 #include "installation.h"
+#include "ipc/wire.h"
 #include "tavipc/tav_compress.h"
-#include "tavipc/tav_ipc.h"
 
 using namespace tavipc::stage;
 namespace fs = std::filesystem;
@@ -24,14 +25,17 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr uint32_t kMany = 100'000;
-constexpr uint32_t kFull = 64'000; // payload of a fragment
+constexpr uint32_t kFull = 64'000;               // bytes: payload of a fragment
+constexpr uint32_t kLargest = 65'000'000;        // bytes: the largest message, nearly
+constexpr long kBound_mib = 512;                 // promised for the unfinished messages of an endpoint
+constexpr long kMost_mib = kBound_mib + 62 + 18; // with a largest message under delivery, and the heap
 
 [[noreturn]] void fail(const char *what) {
     std::perror(what);
     std::exit(EXIT_FAILURE);
 }
 
-// What a datagram says, apart from the check value, which is always right.
+// A datagram to the module. Its check value is always right.
 struct Datagram {
     tav_ipc_hdr_st header{};
     std::string payload;
@@ -42,15 +46,21 @@ struct Datagram {
         header.src.loc = header.dest.loc = 2;
         header.flags = flags;
     }
-    static Datagram fragment(uint32_t group, uint32_t sequence, uint32_t size, uint32_t claimed) {
-        Datagram result(0, std::string(size, 'f'));
+    static Datagram fragment(uint32_t group, uint32_t sequence, uint32_t claimed, std::string data) {
+        Datagram result(0, std::move(data));
         result.header.src.hostid = group;
         result.header.frag_orig = claimed;
-        result.header.frag_word[0] = static_cast<uint8_t>(1 | sequence << 1);
-        result.header.frag_word[1] = static_cast<uint8_t>(sequence >> 7);
+        tavipc::set_fragment(result.header, static_cast<uint16_t>(sequence));
         return result;
     }
 };
+
+// As the module reports a payload: FNV-1a.
+uint64_t digest(const std::string &payload) {
+    uint64_t sum = 0xCBF29CE484222325u;
+    for (const char byte : payload) sum = (sum ^ static_cast<unsigned char>(byte)) * 0x100000001B3u;
+    return sum;
+}
 
 class Victim {
   public:
@@ -79,7 +89,28 @@ class Victim {
         const std::string bytes(reinterpret_cast<const char *>(&datagram.header), sizeof datagram.header);
         const std::string whole = bytes + datagram.payload;
         if (::send(fd_, whole.data(), whole.size(), MSG_NOSIGNAL) < 0) fail("the module is gone");
-        if (++sent_ % 1000 == 0) descriptors_ = std::max(descriptors_, descriptors());
+        if (++sent % 1000 == 0) count_descriptors();
+    }
+    // Sends a message several times, numbered from 1, with the fragments interleaved.
+    void send_interleaved(uint32_t count, const std::string &message, uint16_t flags = 0) {
+        for (uint32_t at = 0; at < message.size(); at += kFull)
+            for (uint32_t i = 1; i <= count; ++i) {
+                Datagram part = Datagram::fragment(i, at / kFull, static_cast<uint32_t>(message.size()),
+                                                   message.substr(at, kFull));
+                part.header.flags = flags;
+                part.header.cmd = i;
+                send(part);
+            }
+    }
+    // How many of them arrived unchanged, up to the first that did not.
+    uint32_t arrived(const std::string &message) {
+        std::map<uint32_t, uint64_t> digests;
+        for (const auto &event : module_.take())
+            if (const auto w = words(event); w.size() == 6 && w[0] == "msg")
+                digests[static_cast<uint32_t>(std::stoul(w[2]))] = std::stoull(w[5], nullptr, 16);
+        uint32_t count = 0;
+        while (digests[count + 1] == digest(message)) ++count;
+        return count;
     }
     // Waits until everything that was sent has been handled.
     void settle() {
@@ -87,11 +118,11 @@ class Victim {
         last.header.cmd = 4711;
         send(last);
         module_.expect("msg attacker 4711 5 ");
-        descriptors_ = std::max(descriptors_, descriptors());
+        count_descriptors();
     }
-    long grown_kib() const { return kib("VmHWM:") - resident_before_; }
-    long most_descriptors() const { return descriptors_; }
-    unsigned sent() const { return sent_; }
+    long grown_mib() const { return (kib("VmHWM:") - resident_before_) / 1024; }
+    unsigned sent = 0;
+    long most_descriptors = 0;
 
   private:
     fs::path proc() const { return fs::path("/proc") / std::to_string(module_.pid()); }
@@ -101,111 +132,117 @@ class Victim {
             if (word == field) return status >> word, std::stol(word);
         fail("/proc/PID/status");
     }
-    long descriptors() const { return std::distance(fs::directory_iterator(proc() / "fd"), {}); }
+    void count_descriptors() {
+        most_descriptors =
+            std::max(most_descriptors, std::distance(fs::directory_iterator(proc() / "fd"), {}));
+    }
 
     Installation place_{{}};
     Process module_ = place_.start("victim", {"TAV_LOG_LEVEL=-1"});
     int fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     long resident_before_ = 0;
-    long descriptors_ = 0;
-    unsigned sent_ = 0;
 };
 
-std::string app_message(uint16_t method, const std::string &body) {
-    std::string header(20, '\0');
-    header.replace(0, 4, "3200");
-    header[7] = static_cast<char>(method);
-    for (int i = 0; i < 4; ++i) header[16 + i] = static_cast<char>(body.size() >> (24 - 8 * i));
-    return header + body;
-}
+const std::string kPiece(kFull, 'f'); // a fragment's payload
 
-std::string zeros_in_an_envelope(uint32_t size) {
-    const std::string zeros(size, '\0');
-    void *envelope = nullptr;
-    uint32_t length = 0;
-    if (tav_compress(zeros.data(), size, &envelope, &length, 0) != TAV_COMPRESS_OK) fail("tav_compress");
-    const std::string result(static_cast<char *>(envelope), length);
-    std::free(envelope);
-    return result;
+// Text whose pieces differ.
+std::string numbers(uint32_t size) {
+    std::string text;
+    for (uint32_t i = 0; text.size() < size; ++i) text += std::to_string(i) + ' ';
+    return text.substr(0, size);
 }
 
 constexpr uint16_t kCompressed = IPC_FLAG_APP_MSG | IPC_FLAG_COMPRESSED;
 
 struct Attack {
     const char *what;
-    long most_mib;
-    long most_descriptors;
+    long most_mib, most_descriptors;
     std::function<void(Victim &)> run;
+    uint32_t must_arrive = 0, size = 0; // messages; bytes of each
 };
 
+// Sends what a function makes of 0, 1, 2 and so on.
+auto send_each(uint32_t count, Datagram (*make)(uint32_t)) {
+    return [=](Victim &victim) {
+        for (uint32_t i = 0; i < count; ++i) victim.send(make(i));
+    };
+}
+Datagram huge_claim(uint32_t i) { return Datagram::fragment(i, 0, 4'294'967'235, kPiece); }
+Datagram large_claim(uint32_t i) { return Datagram::fragment(i, 1015, 1015 * kFull + 1, "f"); }
+Datagram two_of_three(uint32_t i) { return Datagram::fragment(i / 2, i % 2, 128'001, kPiece); }
+Datagram scattered(uint32_t i) { return Datagram::fragment(i / 60, i % 60 * 17 % 1015, kLargest, kPiece); }
+Datagram stray_piece(uint32_t i) { return Datagram::fragment(1000 + i, 0, 1'000'000, kPiece); }
+Datagram file_chunk(uint32_t i) {
+    Datagram chunk(IPC_FLAG_FILE, "x");
+    chunk.header.cmd = i;
+    return chunk;
+}
+Datagram probe(uint32_t i) {
+    Datagram result(IPC_FLAG_PROBE | IPC_FLAG_NEED_ACK, "");
+    std::snprintf(result.header.src.name, sizeof result.header.src.name, "n%u", i);
+    return result;
+}
+Datagram false_envelope(uint32_t) { // method 4, a body of 204 bytes, and 4 GiB that are said to be in it
+    static constexpr char kHeader[] = "3200\0\0\0\4\0\0\0\0\0\0\0\0\0\0\0\xCC\xFF\xFF\xFF\xFF";
+    return {kCompressed, std::string(kHeader, 24) + std::string(200, 'x')};
+}
+void send_zeros(Victim &victim) {
+    std::string zeros(20 + (64u << 20), '\0');
+    zeros.replace(0, 4, "3200")[16] = 4; // the body's length, big-endian
+    void *out = nullptr;
+    if (tav_msg_compress(zeros.data(), &out, 0) != TAV_COMPRESS_OK) fail("tav_msg_compress");
+    const std::string packed(static_cast<char *>(out), 20 + tavipc::app_body_length(out));
+    std::free(out);
+    victim.send_interleaved(20, packed, kCompressed);
+}
+void send_stray_claims(Victim &victim) {
+    const std::string largest = numbers(kLargest);
+    for (uint32_t i = 0; i < 24; ++i) {
+        victim.send_interleaved(1, largest);
+        victim.send(Datagram::fragment(1000 + i, 0, 1'100'000, kPiece));
+        victim.settle();
+    }
+}
+void send_stray_pieces(Victim &victim) {
+    victim.send_interleaved(500, numbers(1'000'000));
+    victim.settle();
+    send_each(1500, stray_piece)(victim);
+}
+template <uint32_t kCount, uint32_t kSize> void send_many(Victim &victim) {
+    victim.send_interleaved(kCount, numbers(kSize));
+}
+
 const Attack attacks[] = {
-    {"100,000 fragments that each claim 4 GiB", 128, 32,
-     [](Victim &victim) {
-         for (uint32_t i = 0; i < kMany; ++i) victim.send(Datagram::fragment(i, 0, kFull, 4'294'967'235));
-     }},
-    {"100,000 fragments that each claim 65 MB", 128, 32,
-     [](Victim &victim) {
-         for (uint32_t i = 0; i < kMany; ++i) victim.send(Datagram::fragment(i, 1015, 1, 1015 * kFull + 1));
-     }},
-    {"100,000 sets of two fragments of three", 640, 32,
-     [](Victim &victim) {
-         for (uint32_t i = 0; i < 2 * kMany; ++i)
-             victim.send(Datagram::fragment(i / 2, i % 2, kFull, 2 * kFull + 1));
-     }},
-    {"1,000 sets of 60 scattered pieces of 65 MB", 640, 32,
-     [](Victim &victim) {
-         for (uint32_t i = 0; i < 60'000; ++i)
-             victim.send(Datagram::fragment(i / 60, i % 60 * 17 % 1015, kFull, 1015 * kFull + 1));
-     }},
-    {"100,000 envelopes that claim 4 GiB", 16, 32,
-     [](Victim &victim) {
-         const std::string lie = app_message(4, "\xFF\xFF\xFF\xFF" + std::string(200, 'x'));
-         for (uint32_t i = 0; i < kMany; ++i) victim.send({kCompressed, lie});
-     }},
-    {"20 times 64 MiB of zeros in 65 kB", 80, 32,
-     [](Victim &victim) {
-         std::string envelope = zeros_in_an_envelope(64u << 20);
-         const uint32_t size = static_cast<uint32_t>(envelope.size()) + 20;
-         const std::string message = app_message(4, envelope);
-         for (uint32_t i = 0; i < 20; ++i)
-             for (uint32_t at = 0, sequence = 0; at < size; at += kFull, ++sequence) {
-                 Datagram part = Datagram::fragment(i, sequence, std::min(kFull, size - at), size);
-                 part.payload = message.substr(at, kFull);
-                 part.header.flags = kCompressed;
-                 victim.send(part);
-             }
-     }},
-    {"100,000 file ids", 32, 600,
-     [](Victim &victim) {
-         for (uint32_t i = 0; i < kMany; ++i) {
-             Datagram chunk(IPC_FLAG_FILE, "x");
-             chunk.header.cmd = i;
-             victim.send(chunk);
-         }
-     }},
-    {"100,000 names that want an answer", 128, 320,
-     [](Victim &victim) {
-         for (uint32_t i = 0; i < kMany; ++i) {
-             Datagram probe(IPC_FLAG_PROBE | IPC_FLAG_NEED_ACK, "");
-             std::snprintf(probe.header.src.name, sizeof probe.header.src.name, "n%u", i);
-             victim.send(probe);
-         }
-     }},
+    {"100,000 fragments that each claim 4 GiB", 128, 32, send_each(kMany, huge_claim)},
+    {"100,000 fragments that each claim 65 MB", 128, 32, send_each(kMany, large_claim)},
+    {"100,000 sets of two fragments of three", kMost_mib, 32, send_each(2 * kMany, two_of_three)},
+    {"1,000 sets of 60 scattered pieces of 65 MB", kMost_mib, 32, send_each(60'000, scattered)},
+    {"24 messages of 65 MB, each with a stray piece", 128, 32, send_stray_claims},
+    {"500 messages of 1 MB, then 1,500 stray pieces", kMost_mib, 32, send_stray_pieces},
+    {"10 interleaved messages of 65 MB", kMost_mib, 32, send_many<10, kLargest>, 8, kLargest},
+    {"40 interleaved messages of 16 MB", kMost_mib, 32, send_many<40, 16'000'000>, 32, 16'000'000},
+    {"100,000 envelopes that claim 4 GiB", 16, 32, send_each(kMany, false_envelope)},
+    {"20 times 64 MiB of zeros in 65 kB", 80, 32, send_zeros},
+    {"100,000 file ids", 32, 600, send_each(kMany, file_chunk)},
+    {"100,000 names that want an answer", 128, 320, send_each(kMany, probe)},
 };
 
 } // namespace
 
 int main() {
     int failed = 0;
-    std::printf("%-42s %10s %8s %8s %12s\n", "", "datagrams", "MiB", "bound", "descriptors");
+    std::printf("%-46s %9s %5s %6s %12s  %s\n", "", "datagrams", "MiB", "bound", "descriptors", "arrived");
     for (const Attack &attack : attacks) {
         Victim victim;
         attack.run(victim);
         victim.settle();
-        const long mib = victim.grown_kib() / 1024, descriptors = victim.most_descriptors();
-        const bool holds = mib <= attack.most_mib && descriptors <= attack.most_descriptors;
-        std::printf("%-42s %10u %8ld %8ld %6ld / %ld%s\n", attack.what, victim.sent(), mib, attack.most_mib,
-                    descriptors, attack.most_descriptors, holds ? "" : "  EXCEEDED");
+        const uint32_t arrived = victim.arrived(numbers(attack.size));
+        const long mib = victim.grown_mib(), descriptors = victim.most_descriptors;
+        const bool holds =
+            mib <= attack.most_mib && descriptors <= attack.most_descriptors && arrived >= attack.must_arrive;
+        std::printf("%-46s %9u %5ld %6ld %6ld / %3ld  %u / %u%s\n", attack.what, victim.sent, mib,
+                    attack.most_mib, descriptors, attack.most_descriptors, arrived, attack.must_arrive,
+                    holds ? "" : "  EXCEEDED");
         std::fflush(stdout);
         failed += !holds;
     }
