@@ -88,8 +88,4 @@ void NewFile::put() {
     if (::rename(temporary_.c_str(), path_.c_str()) != 0) throw system_problem("cannot replace " + path_);
 }
 
-void write_file(const std::string &path, std::string_view content, unsigned mode) {
-    NewFile(path, content, mode).put();
-}
-
 } // namespace tavctl
