@@ -1,4 +1,3 @@
-
 #include "cli/cli.h"
 #include "common/owned.h"
 #include "common/regular_file.h"
