@@ -22,8 +22,8 @@ inline constexpr int kSendBuffer = 4 << 20;
 // Bytes: a shorter application message is not compressed, because the envelope would take what is gained.
 inline constexpr uint32_t kCompressMinimum = 148;
 
-inline constexpr char kReceivedFile[] = "/tmp/ipc_file.XXXXXX"; // for mkstemp
-inline constexpr char kTraceSwitch[] = "/tmp/ipc_debug";        // traces every message while it exists
+inline constexpr char kReceivedFile[] = "/tmp/ipc_file.XXXXXX";   // for mkstemp
+inline constexpr char kTraceSwitch[] = "/tmp/ipc_debug";          // traces every message while it exists
 inline constexpr char kIdentityLock[] = "/tav_agentid_mutexlock"; // named semaphore, below /dev/shm/sem.
 
 } // namespace tavipc

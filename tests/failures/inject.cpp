@@ -1,5 +1,5 @@
-// Makes allocations and system calls of the libraries fail: malloc, socket, read and so on of this program
-// precede those of the system. The program's own calls never fail. Time is the system's, moved on by hand.
+// Replaces malloc, socket, read and so on. Those that the libraries call can fail, the program's own never.
+// Time is the system's plus an offset.
 #include "inject.h"
 
 #include <cerrno>
@@ -36,7 +36,7 @@ Plan plan;
 uint64_t clock_offset_ms = 0;
 long live_allocations = 0;
 
-// Counts a call that could fail. If the plan lets it fail, sets errno to one of the errors.
+// Counts a call that could fail. If the plan makes it fail, sets errno to one of the errors.
 static bool fails(Kind kind, const char *function, const void *caller,
                   std::initializer_list<int> errors = {ENOMEM}) {
     if (plan.kind != kind || (caller >= &__executable_start && caller < &etext)) return false;
@@ -75,8 +75,8 @@ void *operator new[](size_t size) { return allocate_or_throw(size, CALLER); }
 void *operator new(size_t size, const std::nothrow_t &) noexcept { return allocate("new", size, CALLER); }
 void *operator new[](size_t size, const std::nothrow_t &) noexcept { return allocate("new", size, CALLER); }
 void operator delete(void *memory) noexcept { free(memory); }
-void operator delete[](void *memory) noexcept { free(memory); }
 void operator delete(void *memory, size_t) noexcept { free(memory); }
+void operator delete[](void *memory) noexcept { free(memory); }
 void operator delete[](void *memory, size_t) noexcept { free(memory); }
 
 extern "C" {
@@ -94,9 +94,6 @@ void *realloc(void *memory, size_t size) noexcept {
 void *aligned_alloc(size_t alignment, size_t size) noexcept {
     return fails(Kind::kAllocations, "aligned_alloc", CALLER) ? nullptr
                                                               : count(SYSTEM(memalign)(alignment, size));
-}
-int posix_memalign(void **out, size_t alignment, size_t size) noexcept {
-    return (*out = aligned_alloc(alignment, size)) ? 0 : ENOMEM;
 }
 char *strdup(const char *text) noexcept { // the one of a sanitizer does not call malloc
     void *copy = allocate("strdup", strlen(text) + 1, CALLER);

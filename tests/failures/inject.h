@@ -1,4 +1,4 @@
-// The plan that lets allocations and system calls of the libraries fail, and what came of it.
+// The plan that makes allocations and system calls of the libraries fail, and a report of what it did.
 #pragma once
 
 #include <cstdint>
@@ -12,11 +12,11 @@ struct Plan {
     bool for_good = false; // all later allocations, or all later calls of that function, fail too
     unsigned error = 0;    // index of the error among those of the function
 };
-struct Report {              // in memory that a child process shares with its parent
-    uint32_t points, failed; // allocations or calls under the plan, and how many of them failed
-    unsigned errors;         // number of errors of the function that failed first
-    char function[24], caller[160], complaint[240];
-    long allocations, descriptors; // left at the end
+struct Report {                      // in memory that a child process shares with its parent
+    uint32_t points = 0, failed = 0; // allocations or calls under the plan, and how many of them failed
+    unsigned errors = 0;             // number of errors of the function that failed first
+    char function[24] = "", caller[160] = "", complaint[240] = "";
+    long allocations = 0, descriptors = 0; // left at the end
 };
 extern Report *report;
 extern Plan plan;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
@@ -14,17 +15,18 @@
 #include "temp_dir.h"
 
 inline long skipped_s = 0; // the libraries' monotonic clock is ahead by these
-extern "C" [[gnu::visibility("default")]] int clock_gettime(clockid_t clock, timespec *now) noexcept {
+#pragma GCC visibility push(default)
+extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
     const long result = syscall(SYS_clock_gettime, clock, now);
     if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE) now->tv_sec += skipped_s;
     return static_cast<int>(result);
 }
-extern "C" [[gnu::visibility("default")]] int timerfd_settime(int fd, int flags, const itimerspec *at,
-                                                              itimerspec *) noexcept {
+extern "C" int timerfd_settime(int fd, int flags, const itimerspec *at, itimerspec *) noexcept {
     itimerspec real = *at;
     real.it_value.tv_sec -= skipped_s;
     return static_cast<int>(syscall(SYS_timerfd_settime, fd, flags, &real, nullptr));
 }
+#pragma GCC visibility pop
 
 inline cl_sockaddr_t address_of(const std::string &path) {
     cl_sockaddr_t address;
@@ -35,12 +37,12 @@ inline cl_sockaddr_t address_of(const std::string &path) {
 // A datagram socket without the event library: a peer that reads and dies when the test wants it.
 class RawPeer {
   public:
-    explicit RawPeer(const std::string &path = {}) : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    explicit RawPeer(const std::string &path = {}) {
         if (path.empty()) return;
         const cl_sockaddr_t address = address_of(path);
         EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr *>(&address.addr), address.len), 0) << path;
     }
-    RawPeer(RawPeer &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    RawPeer(const RawPeer &) = delete;
     ~RawPeer() { close(fd_); }
     bool send(const std::string &path, const std::string &data) const {
         const cl_sockaddr_t to = address_of(path);
@@ -50,22 +52,21 @@ class RawPeer {
     // Returns at most `most` datagrams of those that have arrived.
     std::vector<std::string> read(size_t most = SIZE_MAX) const {
         std::vector<std::string> got;
-        for (std::string data(1 << 20, 0); got.size() < most;) {
-            const ssize_t length = recv(fd_, data.data(), data.size(), MSG_DONTWAIT);
-            if (length < 0) break;
-            got.push_back(data.substr(0, static_cast<size_t>(length)));
-        }
+        std::string data(1 << 20, 0);
+        for (ssize_t size;
+             got.size() < most && (size = recv(fd_, data.data(), data.size(), MSG_DONTWAIT)) >= 0;)
+            got.push_back(data.substr(0, static_cast<size_t>(size)));
         return got;
     }
 
   private:
-    int fd_;
+    const int fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 };
-
-using OnDatagram = std::function<void(const std::string &data, const cl_sockaddr_t &from, int status)>;
 
 class EventTest : public testing::Test {
   protected:
+    using OnDatagram = std::function<void(const std::string &data, const cl_sockaddr_t &from, int status)>;
+
     void TearDown() override { cl_event_loop_release(); }
 
     std::string path(const std::string &name) const { return directory_ / name; }
@@ -74,7 +75,7 @@ class EventTest : public testing::Test {
         return cl_dunix_create(&address, nullptr, nullptr);
     }
     static void close(cl_dunix_t socket) { cl_dunix_close(socket, nullptr, nullptr); }
-    static int receive(cl_dunix_t socket, OnDatagram &on_datagram) {
+    void receive(cl_dunix_t socket, OnDatagram on_datagram) {
         const auto received = [](cl_dunix_t, const void *data, uint32_t len, const cl_sockaddr_t *from,
                                  int status, void *context) {
             EXPECT_EQ(reinterpret_cast<uintptr_t>(data) % 16, 0u);
@@ -82,7 +83,7 @@ class EventTest : public testing::Test {
             (*static_cast<OnDatagram *>(context))(text, *from, status);
             EXPECT_TRUE(text.empty() || memcmp(data, text.data(), len) == 0) << "valid until the return";
         };
-        return cl_dunix_recv_start(socket, received, &on_datagram);
+        EXPECT_EQ(cl_dunix_recv_start(socket, received, &receivers_.emplace_back(std::move(on_datagram))), 0);
     }
     // Sends data, which must stay valid, and counts the outcome in statuses_.
     int send(cl_dunix_t from, const std::string &to, const std::string &data) {
@@ -103,6 +104,7 @@ class EventTest : public testing::Test {
     }
 
     const TempDir directory_;
+    std::deque<OnDatagram> receivers_;
     int reported_ = 0;
     std::map<int, int> statuses_;
     std::function<void(int)> on_sent_;

@@ -110,6 +110,11 @@ class EndpointWorld : public FakeWorld {
     void receive(tav_ipc_st *ipc, std::string_view bytes, int status = 0) {
         w.event.deliver(ipc->queue->default_mod->sock, bytes, status);
     }
+    // An answer to the message that was sent last, or to that of another id.
+    void answer(tav_ipc_st *ipc, uint16_t flags, const std::string &payload, uint32_t reqid = last_id()) {
+        receive(ipc, {"", {{}, {}, reqid, flags, 0, 9, 0, 0, {}, 0, 0}, payload});
+    }
+    static uint32_t last_id() { return tavipc::last_reqid(); }
     // Notes the calls of the callbacks. then_ runs inside each.
     void listen(tav_ipc_st *ipc) {
         tav_ipc_msg_recv(ipc, note<>, this);

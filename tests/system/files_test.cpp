@@ -29,9 +29,8 @@ class Files : public ::testing::Test {
     ~Files() override { fs::remove(temporary); }
 
     std::string write(size_t size, const char *name = "source") const {
-        std::string bytes(size, '\0');
-        for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 2654435761u >> 13);
-        std::ofstream(place.config() / name, std::ios::binary) << bytes;
+        std::ofstream file(place.config() / name, std::ios::binary);
+        for (size_t i = 0; i < size; ++i) file.put(static_cast<char>(i * 2654435761u >> 13));
         return place.config() / name;
     }
     // Sends a file of three chunks to beta, which stops itself when it has the first one.
@@ -67,13 +66,17 @@ TEST_F(Files, SecondSenderWithTheSameIdIsRefused) {
     EXPECT_EQ(words(beta.expect("got ")).at(0), std::to_string(3 * kChunk));
 }
 
-TEST_F(Files, DeadReceiverEndsTheTransfer) {
+TEST_F(Files, DeadReceiverEndsTheTransferAndExchanges) {
     Module alpha(place, "alpha"), beta(place, "beta", {"TAVIPC_STOP_AT_FILE=1"});
     send_to_stopping_beta(alpha, beta);
     EXPECT_EQ(beta.kill(), -SIGKILL);
-    alpha.ask("descriptors 1024", "done"); // it waits for the confirmation
-    alpha.signal(SIGUSR1);
+    for (const char *what : {"request beta 1", "confirm beta 2", "probe beta 3"})
+        alpha.ask(std::string("exchange ") + what + " 160 600", "exchanging ");
+    alpha.ask("descriptors 1024", "done"); // everything is outstanding
+    alpha.signal(SIGUSR1);                 // an hour later
     EXPECT_EQ(alpha.expect("file "), "-102");
+    for (const std::string id : {"1", "2", "3"})
+        EXPECT_EQ(words(alpha.expect("exchanged " + id)).at(0), "-102");
 }
 
 TEST_F(Files, WhatADeadSenderBeganIsRemoved) {

@@ -2,7 +2,6 @@
 // sleep, the semaphore, and the system calls about network interfaces.
 #include <arpa/inet.h>
 #include <csignal>
-#include <cstdarg>
 #include <filesystem>
 #include <fstream>
 #include <ifaddrs.h>
@@ -29,8 +28,8 @@ static const char *const kNames[] = {"lo", "eth0", "eth1", "exactly-15-long"};
 static struct Stage {
     int first = 0, last = 3, without_mac = -1, routed = 2; // interfaces
     int connect_error = 0, wait_result = 1, socket = 900, sem_open_error = 0, semaphore = 1;
-    unsigned long failing = 0;                                // a request of ioctl, or one of these calls
-    std::function<void()> while_listing{}, while_computing{}; // what another thread or process does then
+    unsigned long failing = 0;               // a request of ioctl, or one of these calls
+    std::function<void()> while_computing{}; // what another process does then
     std::string vmid = "123", events{};
     timespec deadline{};
 } stage;
@@ -38,9 +37,6 @@ static struct Stage {
 enum : unsigned long { kSockname = 1, kIfaddrs };
 static int fail(int error) { return error == 0 ? 0 : (errno = error, -1); }
 static int record(const std::string &event) { return stage.events += event + " ", 0; }
-static void run_once(std::function<void()> &hook) {
-    if (hook) std::exchange(hook, nullptr)();
-}
 static int set_address(sockaddr &to, int interface) {
     const sockaddr_in address{AF_INET, 0, {htonl(0x0A000007u + static_cast<uint32_t>(interface))}, {}};
     return memcpy(&to, &address, sizeof address), 0;
@@ -50,11 +46,12 @@ extern "C" {
 
 int shell_execute(const char *, char *out, int size) noexcept {
     if (stage.vmid.empty()) return -1;
-    return record("tool"),
-           str_snprintf(out, static_cast<size_t>(size), "{\"vmid\":\"%s\"}", stage.vmid.c_str()), 0;
+    str_snprintf(out, static_cast<size_t>(size), "{\"vmid\":\"%s\"}", stage.vmid.c_str());
+    return record("tool");
 }
 void uuid_generate(uuid_t uuid) noexcept {
-    run_once(stage.while_computing), memcpy(uuid, "0123456789abcdef", 16);
+    if (stage.while_computing) stage.while_computing();
+    memcpy(uuid, "0123456789abcdef", 16);
 }
 unsigned int sleep(unsigned int) { return record("sleep"), 0; }
 sem_t *sem_open(const char *, int, ...) noexcept {
@@ -70,31 +67,25 @@ int sem_close(sem_t *) noexcept { return record("close"); }
 int sem_unlink(const char *) noexcept { return stage.semaphore = 1, record("unlink"); }
 
 int socket(int, int, int) noexcept { return stage.socket < 0 ? fail(EMFILE) : stage.socket; }
-int ioctl(int, unsigned long request, ...) noexcept {
-    va_list arguments;
-    va_start(arguments, request);
-    auto *record = va_arg(arguments, ifreq *);
-    va_end(arguments);
+int own_ioctl(int, unsigned long request, void *argument) __asm__("ioctl");
+int own_ioctl(int, unsigned long request, void *argument) {
     if (request == stage.failing) return fail(EIO);
     if (request == FIONBIO) return 0;
     if (request == SIOCGIFCONF) {
-        run_once(stage.while_listing);
-        auto *all = reinterpret_cast<ifconf *>(record);
-        all->ifc_len =
-            (stage.last - stage.first + 1) * static_cast<int>(sizeof(ifreq)) + 24; // and a part of one
+        auto *all = static_cast<ifconf *>(argument);
         for (int i = stage.first; i <= stage.last; ++i)
             strcpy(all->ifc_req[i - stage.first].ifr_name, kNames[i]);
+        all->ifc_len = (stage.last - stage.first + 1) * static_cast<int>(sizeof(ifreq)) + 24; // a part of one
         return 0;
     }
-    for (int i = 0; i < 4; ++i) {
-        if (strcmp(kNames[i], record->ifr_name) != 0 || (request == SIOCGIFHWADDR && i == stage.without_mac))
-            continue;
-        set_address(record->ifr_addr, i);
-        if (request == SIOCGIFHWADDR) memset(record->ifr_hwaddr.sa_data, '@' + i, 6);
-        if (request == SIOCGIFFLAGS) record->ifr_flags = i == 0 ? IFF_LOOPBACK : IFF_UP;
-        return 0;
-    }
-    return fail(ENODEV);
+    auto *record = static_cast<ifreq *>(argument);
+    const auto i =
+        static_cast<int>(std::find(kNames, kNames + 4, std::string_view(record->ifr_name)) - kNames);
+    if (request == SIOCGIFHWADDR && i == stage.without_mac) return fail(ENODEV);
+    set_address(record->ifr_addr, i);
+    if (request == SIOCGIFHWADDR) memset(record->ifr_hwaddr.sa_data, '@' + i, 6);
+    if (request == SIOCGIFFLAGS) record->ifr_flags = i == 0 ? IFF_LOOPBACK : IFF_UP;
+    return 0;
 }
 int connect(int, const sockaddr *to, socklen_t) {
     return fail(memcmp(to->sa_data, "\x1f\xa3\xc0\0\2\7", 6) == 0 ? stage.connect_error : ENOTSUP);
@@ -124,7 +115,7 @@ namespace {
 
 const std::string kRemote = "[config]\naddr = 192.0.2.7\n", kLocal = "[config]\naddr = 127.0.0.1\n";
 const std::string kType = "linux" + std::string(28, '\0'),
-                  kZero(6, '\0'), kLocked = "open post close unlink ";
+                  kZero(6, '\0'), kMacs = "AAAAAACCCCCCBBBBBB", kLocked = "open post close unlink ";
 
 std::string id_bytes(uint32_t id) { return {reinterpret_cast<const char *>(&id), 4}; }
 uint32_t crc(const std::string &text) {
@@ -157,14 +148,7 @@ class AgentId : public FakeWorld {
         return GetTAVConfPath(out, size), out;
     }
     static uint64_t reported(const char *vmid) { return stage.vmid = vmid, tav_get_vmidid_from_G2HProxy(); }
-    void expect_from_vmid(uint64_t vmid, const std::string &stored, uint32_t id,
-                          const std::string &then_stored) {
-        g_vmid = vmid;
-        put("machineid", stored);
-        EXPECT_EQ(CreateAgentIdByVMID(path.c_str()), id);
-        EXPECT_EQ(machineid(), then_stored);
-    }
-    // Calls CreateAgentId twice in a process of its own, because a process keeps the id.
+    // Calls CreateAgentId in a process of its own, because a process keeps the id. The kept id needs no file.
     void expect_id(const std::string &server, const std::string &stored, const Stage &setting, uint32_t id,
                    const std::string &macs, const std::string &events = kLocked) {
         put("server.ini", server);
@@ -175,6 +159,8 @@ class AgentId : public FakeWorld {
             EXPECT_EQ(stage.events, events);
             EXPECT_EQ(machineid(), id == 0 ? "" : id_bytes(id) + macs);
             if (server == kRemote) put("machineid", "");
+            EXPECT_EQ(CreateAgentId(), id);
+            stage.sem_open_error = EACCES;
             EXPECT_EQ(CreateAgentId(), id);
             exit(HasFailure());
         };
@@ -198,6 +184,8 @@ TEST_F(AgentId, ConfigurationDirectoryIsTheFirstThatExists) {
 TEST_F(AgentId, ManagerAddressAndPort) {
     char ip[] = "########";
     unsigned short port = 7;
+    EXPECT_EQ(GetMgrAddr(nullptr, 5, &port), 6);
+    EXPECT_EQ(GetMgrAddr(ip, 5, &port), ENOENT);
     put("server.ini", "[config]\naddr = not a host\n");
     EXPECT_EQ(GetMgrAddr(ip, 5, &port), 14);
     put("server.ini", kRemote);
@@ -212,9 +200,6 @@ TEST_F(AgentId, ManagerAddressAndPort) {
 TEST_F(AgentId, WrongArgumentsAndMissingFilesAreRefused) {
     char text[16];
     unsigned char mac[6];
-    unsigned short port;
-    EXPECT_EQ(GetMgrAddr(nullptr, 5, &port), 6);
-    EXPECT_EQ(GetMgrAddr(text, 5, &port), ENOENT);
     EXPECT_EQ(ReadAgentid(nullptr), 0u);
     EXPECT_EQ(CreateAgentIdByVMID(nullptr), 0u);
     EXPECT_EQ(GetAgentIdFromFileWhileClone(), 0u); // no marker
@@ -279,76 +264,65 @@ TEST_F(AgentId, OnlyAUsableSemaphoreFileStays) {
     EXPECT_FALSE(tavipc::remove_unusable_semaphore((dir / "config").c_str())) << "it is not empty";
 }
 
-TEST_F(AgentId, VmIdOfTheGuestToolAndItsAgentId) {
+TEST_F(AgentId, VmIdOfTheGuestTool) {
     EXPECT_EQ(reported("9007199254740993"), 9007199254740992u);
     EXPECT_EQ(reported("1e30"), UINT64_MAX);
     for (const char *bad : {"-5", "nan", "\", \"vmid\": 5, \"x\":\"", "\"", ""})
         EXPECT_EQ(reported(bad), 0u) << bad;
-    EXPECT_EQ(reported("123") + g_vmid, 123u);
-    stage.events.clear();
-    EXPECT_EQ(tav_get_vmidid() + tav_get_vmidid(), 246u);
+    stage = Stage{};
+    for (int call = 0; call < 2; ++call) EXPECT_EQ(tav_get_vmidid(), 123u);
     EXPECT_EQ(stage.events, "tool ");
-    expect_from_vmid(123, "", 2286445522, id_bytes(2286445522));
-    expect_from_vmid(4294967297, "1234", 2212294583, id_bytes(2212294583)); // its low word, "1"
-    expect_from_vmid(863045057, "1234", 0, "1234");                         // 0 is never stored
-    expect_from_vmid(123, "12345", 0, "12345");                             // made from a MAC
+}
+
+TEST_F(AgentId, OfALocalManagerIsMadeFromTheVmId) {
+    const std::string events = "open tool post close unlink ", stored = "1234";
+    expect_id(kLocal, id_bytes(5), {}, 2286445522, "", events);
+    expect_id(kLocal, stored, {.vmid = "4294967297"}, 2212294583, "", events); // its low word, "1"
+    expect_id(kLocal, stored, {.vmid = "863045057"}, 0x34333231, "", events);  // it gives 0: the stored id
+    expect_id(kLocal, id_bytes(5) + "x", {}, 5, "x");                          // made from a MAC
 }
 
 TEST_F(AgentId, ComesFromTheFirstSourceThatHasOne) {
-    const std::string five = id_bytes(5), all = "AAAAAACCCCCCBBBBBB";
+    const std::string five = id_bytes(5);
     expect_id("", five, {}, 5, "");
     expect_id("[config]\n", five, {}, 5, "", "sleep sleep sleep " + kLocked);
-    expect_id(kLocal, five, {}, 2286445522, "", "open tool post close unlink ");
-    expect_id(kRemote, "", {}, crc("AAAAAA" + kType), kZero + all);
+    expect_id(kRemote, "", {}, crc("AAAAAA" + kType), kZero + kMacs);
     const std::string ip = "\0\0\x0A\0\0\x08"s;
     expect_id(kRemote, "", {.first = 1, .last = 1, .without_mac = 1}, crc(ip + kType), kZero + ip);
     expect_id(kRemote, "", {.last = 0}, 0, "");
     expect_id(kRemote, five, {.last = 0}, 5, "");
     expect_id(kRemote, "", {.sem_open_error = EACCES}, 0, "", "");
     w.deployment.agent_type = "";
-    expect_id(kRemote, "", {}, crc("30313233-3435-3637-3839-616263646566AAAAAA"), "AAAAAA" + all);
+    expect_id(kRemote, "", {}, crc("30313233-3435-3637-3839-616263646566AAAAAA"), "AAAAAA" + kMacs);
     expect_id(kRemote, "", {.while_computing = [&] { put("machineid", five + "x"); }}, 5, "x");
 }
 
 TEST_F(AgentId, IsMadeFromTheMacOnTheRouteToTheManager) {
     const uint32_t routed = crc("BBBBBB" + kType), other = crc("AAAAAA" + kType);
-    const std::string all = "AAAAAACCCCCCBBBBBB";
     w.deployment.location = 1;
-    expect_id(kRemote, "", {.connect_error = 0}, routed, "BBBBBB" + all);
-    expect_id(kRemote, id_bytes(0), {.connect_error = EINPROGRESS}, routed, "BBBBBB" + all);
+    expect_id(kRemote, "", {.connect_error = 0}, routed, "BBBBBB" + kMacs);
+    expect_id(kRemote, id_bytes(0), {.connect_error = EINPROGRESS}, routed, "BBBBBB" + kMacs);
     expect_id(kRemote, "", {.connect_error = EALREADY, .wait_result = 0, .socket = 5000}, routed,
-              "BBBBBB" + all);
-    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = 0}, other, kZero + all);
+              "BBBBBB" + kMacs);
+    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = 0}, other, kZero + kMacs);
     const std::string tried = "open sleep sleep sleep post close unlink ", ip = "\0\0\x0A\0\0\x09"s;
     expect_id(kRemote, "", {.without_mac = 2}, other, ip + "AAAAAACCCCCC", tried);
     expect_id(kRemote, "", {.without_mac = 2, .failing = SIOCGIFADDR}, other, kZero + "AAAAAACCCCCC", tried);
-    expect_id(kRemote, "", {.routed = 0}, other, kZero + all, tried); // the loopback is left out
-    expect_id(kRemote, "", {.failing = kIfaddrs}, other, kZero + all, tried);
-    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = -1}, other, kZero + all);
-    for (const unsigned long call : {0ul + kSockname, 0ul + FIONBIO})
-        expect_id(kRemote, "", {.failing = call}, other, kZero + all);
-    for (const unsigned long call : {0ul + SIOCGIFCONF, 0ul + SIOCGIFFLAGS})
-        expect_id(kRemote, "", {.failing = call}, 0, "");
+    expect_id(kRemote, "", {.routed = 0}, other, kZero + kMacs, tried); // the loopback is left out
+    expect_id(kRemote, "", {.failing = kIfaddrs}, other, kZero + kMacs, tried);
+    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = -1}, other, kZero + kMacs);
+    expect_id(kRemote, "", {.failing = kSockname}, other, kZero + kMacs);
+    expect_id(kRemote, "", {.failing = FIONBIO}, other, kZero + kMacs);
+    expect_id(kRemote, "", {.failing = SIOCGIFCONF}, 0, "");
+    expect_id(kRemote, "", {.failing = SIOCGIFFLAGS}, 0, "");
     expect_id(kRemote, "", {.socket = -1}, 0, "");
-    unsigned char first[6] = {0x00, 0x05, 0x69}, last[6] = {0x80, 0x00, 0x27}, none[6] = {0x08, 0x00, 0x27};
-    EXPECT_EQ(IsExcludeAdapter(first) * 100 + IsExcludeAdapter(last) * 10 + IsExcludeAdapter(none), 110);
 }
 
-TEST_F(AgentId, OtherThreadsNeverGetAnUnfinishedId) {
-    const auto other_thread = [] {
-        stage.sem_open_error = EACCES; // so that this call returns the cached id
-        EXPECT_EQ(CreateAgentId(), 5u);
-        stage.sem_open_error = 0;
-    };
-    const auto run = [&] {
-        EXPECT_EQ(CreateAgentId(), 5u);
-        stage.while_listing = other_thread;
-        EXPECT_EQ(CreateAgentId(), 5u);
-        exit(HasFailure() || stage.while_listing);
-    };
-    put("server.ini", kLocal);
-    put("machineid", id_bytes(5) + kZero);
-    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+TEST_F(AgentId, AdaptersOfVirtualMachinesAreExcluded) {
+    unsigned char first[6] = {0x00, 0x05, 0x69}, last[6] = {0x80, 0x00, 0x27}, none[6] = {0x08, 0x00, 0x27};
+    EXPECT_EQ(IsExcludeAdapter(first), 1);
+    EXPECT_EQ(IsExcludeAdapter(last), 1);
+    EXPECT_EQ(IsExcludeAdapter(none), 0);
 }
 
 TEST_F(AgentId, ProcessEndsWithoutIdentityAfterCleaningUp) {

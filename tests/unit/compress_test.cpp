@@ -1,10 +1,8 @@
-#include <memory>
-#include <string>
-
 #include <gtest/gtest.h>
 #include <zlib.h>
 
 #include "common/big_endian.h"
+#include "common/owned.h"
 #include "tavipc/tav_compress.h"
 
 namespace {
@@ -38,7 +36,7 @@ template <auto function> std::string run(const std::string &in, uint32_t reserve
         code = function(in.data(), &out, reserve, flags...);
         if (code == 0) length = reserve + 20 + tavipc::load_be32(static_cast<char *>(out) + reserve + 16);
     }
-    const std::unique_ptr<char, decltype(&std::free)> owner(static_cast<char *>(out), std::free);
+    const tavipc::MallocPtr<char> owner(static_cast<char *>(out));
     EXPECT_EQ(out == nullptr, code != 0);
     if (code == 0) return {owner.get() + reserve, owner.get() + length};
     EXPECT_EQ(length, 0u);
@@ -60,12 +58,11 @@ TEST(Envelope, RoundTripsAndIsKeptOnlyWhenShorterUnlessForced) {
 }
 
 TEST(Envelope, ThatIsDamagedOrClaimsAWrongLengthIsRefused) {
-    const std::string stream = compress(kZeros).substr(4),
-                      damaged = stream.substr(0, stream.size() - 1) + "x";
+    const std::string stream = compress(kZeros).substr(4);
     EXPECT_EQ(uncompress("\0\0\0"s), "9001");
     EXPECT_EQ(uncompress(be32(999) + stream), std::to_string(Z_BUF_ERROR));
-    EXPECT_EQ(uncompress(be32(5000) + stream), kZeros);
-    EXPECT_EQ(uncompress(be32(1000) + damaged), std::to_string(Z_DATA_ERROR));
+    EXPECT_EQ(uncompress(be32(1001) + stream), kZeros);
+    EXPECT_EQ(uncompress(be32(1000) + "x" + stream), std::to_string(Z_DATA_ERROR));
     EXPECT_EQ(uncompress(be32(0) + stream), "");
     EXPECT_EQ(uncompress(be32(UINT32_MAX) + stream), "9003");
 }

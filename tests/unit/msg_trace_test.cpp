@@ -28,12 +28,8 @@ static std::string trace(const tav_ipc_hdr_st &header, const std::string &text =
     return lines.back().source + lines.back().text;
 }
 
-class TraceTest : public FakeWorld {
-  protected:
-    TraceTest() {
-        tavipc::reset_msg_trace();
-        looks = 0;
-    }
+struct TraceTest : FakeWorld {
+    TraceTest() { tavipc::reset_msg_trace(), looks = 0; }
 };
 
 TEST_F(TraceTest, LineDescribesTheHeader) {
@@ -55,8 +51,8 @@ TEST_F(TraceTest, LineDescribesTheHeader) {
 
 TEST_F(TraceTest, SwitchFileIsLookedForAfterTenSeconds) {
     // Loop clock, does the file exist, looks so far, is a plain message traced. Once the clock goes back.
-    const int steps[][4] = {{10'000, 1, 0, 0}, {10'001, 1, 1, 1}, {20'001, 0, 1, 1},
-                            {5'000, 0, 1, 1},  {15'000, 0, 1, 1}, {15'001, 0, 2, 0}};
+    const int steps[][4] = {
+        {10'000, 1, 0, 0}, {10'001, 1, 1, 1}, {20'001, 0, 1, 1}, {5'000, 0, 1, 1}, {15'001, 0, 2, 0}};
     for (const auto &[now, exists, looked, traced] : steps) {
         w.clock.loop_ms = static_cast<uint64_t>(now);
         switch_exists = exists;

@@ -7,8 +7,7 @@
 
 namespace {
 
-constexpr uint16_t kNeed = IPC_FLAG_NEED_ACK, kRequest = IPC_FLAG_REQUEST, kProbe = IPC_FLAG_PROBE,
-                   kFile = IPC_FLAG_FILE;
+constexpr uint16_t kNeed = IPC_FLAG_NEED_ACK, kRequest = IPC_FLAG_REQUEST;
 
 class ReceiveTest : public EndpointWorld {
   protected:
@@ -19,16 +18,21 @@ class ReceiveTest : public EndpointWorld {
         const tav_addr_st src = address("beta", 2, 0, 55);
         return {"", {address("alpha"), src, 99, flags, 0, 7, 0, 0, {}, 0, 0}, std::move(payload)};
     }
-    // Fragment seq of a message of total bytes, with the payload that belongs there less missing bytes.
-    static Datagram fragment(int seq, uint32_t total = 130'000, uint16_t id = 5, size_t missing = 0) {
+    // Fragment seq of a message of total bytes from a host, with the payload that belongs there.
+    static Datagram fragment(int seq, uint32_t total = 130'000, uint16_t id = 5, uint32_t host = 55) {
         const std::string whole = pattern(std::min(total, 200'000u));
         const size_t offset = std::min(static_cast<size_t>(seq) * 64'000, whole.size());
         Datagram result = message(whole.substr(offset, 64'000), IPC_FLAG_TRACE);
-        result.payload.resize(result.payload.size() - missing);
         tavipc::set_fragment(result.header, static_cast<uint16_t>(seq));
+        result.header.src.hostid = host;
         result.header.frag_orig = total;
         result.header.frag_id = id;
         return result;
+    }
+    static Datagram shortened(Datagram datagram) { return datagram.payload.pop_back(), datagram; }
+    static Datagram filled(Datagram datagram, char with) {
+        datagram.payload.assign(datagram.payload.size(), with);
+        return datagram;
     }
     static Call got(std::string payload, const char *kind = "message", size_t sent_before = 0) {
         return {kind, "beta", std::move(payload), kind[0] == 'r' ? 99u : 0u, 7, sent_before};
@@ -68,8 +72,7 @@ TEST_F(ReceiveTest, OnlySoundDatagramsAreBelieved) {
     for (const auto &[bytes, calls] : cases) EXPECT_EQ(feed(bytes), calls);
     receive(ipc_, sound, CL_EV_TOO_BIG);
     tavipc::ipc_on_recv(0, nullptr, 60, nullptr, 0, ipc_);
-    tavipc::ipc_on_recv(0, sound.data(), 65, nullptr, 0, nullptr);
-    EXPECT_TRUE(calls_.empty() && w.log.lines.empty() && w.event.sends.empty());
+    EXPECT_EQ(calls_.size() + w.log.lines.size() + w.event.sends.size(), 0u);
 }
 
 TEST_F(ReceiveTest, FlagsDecideWhoGetsTheMessage) {
@@ -77,12 +80,11 @@ TEST_F(ReceiveTest, FlagsDecideWhoGetsTheMessage) {
     const std::tuple<uint16_t, const char *, int> cases[] = {
         {0, "message", kNone},
         {kNeed, "message", 0},
-        {kRequest, "request", kNone},
         {kRequest | kNeed, "request", 0},
-        {kProbe | kNeed, "", 0},
-        {kProbe | kRequest, "", kNone},
-        {kFile, "", kNone},
-        {kFile | kNeed, "", IPC_ERR_NOT_SUPPORTED},
+        {IPC_FLAG_PROBE | kNeed, "", 0},
+        {IPC_FLAG_PROBE | kRequest, "", kNone},
+        {IPC_FLAG_FILE, "", kNone},
+        {IPC_FLAG_FILE | kNeed, "", IPC_ERR_NOT_SUPPORTED},
         {IPC_FLAG_RESPONSE | kNeed | kRequest, "", kNone},
         {IPC_FLAG_ACK | kNeed, "", kNone}};
     for (const auto &[flags, callback, result] : cases) {
@@ -92,11 +94,10 @@ TEST_F(ReceiveTest, FlagsDecideWhoGetsTheMessage) {
         EXPECT_EQ(feed(message("hello", flags)), Calls(*callback != 0, got("hello", callback, replies)));
         ASSERT_EQ(w.event.sends.size(), replies);
         if (!replies) continue;
-        const auto &[path, header, payload] = sent(0);
-        EXPECT_EQ(path + payload, "/var/zon_ipc2/beta" + bytes_of(result));
-        EXPECT_TRUE(header.flags == IPC_FLAG_ACK && header.reqid == 99 && header.cmd == 0);
+        const tav_ipc_hdr_st expected{
+            address("beta", 2, 0, 55), *tav_ipc_get_local_addr(ipc_), 99, IPC_FLAG_ACK, 0, 0, 4, 0, {}, 0, 0};
+        EXPECT_EQ(w.event.sends[0].bytes, (Datagram{"", expected, bytes_of(result)}.bytes()));
     }
-    forget();
     ipc_->on_request = nullptr;
     EXPECT_EQ(feed(message("hello", kRequest)), Calls{got("hello")});
     ipc_->msg_recv = nullptr;
@@ -116,40 +117,30 @@ TEST_F(ReceiveTest, FragmentsInAnyOrderBecomeOneMessage) {
 }
 
 TEST_F(ReceiveTest, FragmentsOfDifferentMessagesDoNotMix) {
-    Datagram other_src = fragment(1, 64'001), other_dest = other_src, moved = fragment(0, 64'001);
-    other_src.header.src.hostid = 56;
-    other_dest.header.dest.hostid = 1;
-    moved.header.src.loc = 9;
-    EXPECT_EQ(feed(fragment(1, 64'001), other_src, other_dest, fragment(1, 64'001, 6)), Calls{});
-    EXPECT_EQ(feed(moved), Calls{got(pattern(64'001))}) << "the location is not compared";
-    EXPECT_EQ(sets(), 3u);
-}
-
-TEST_F(ReceiveTest, MessagesWithEqualFragmentKeysArriveWhole) {
-    const auto of = [](const char *name, uint32_t reqid, int seq, char fill) {
-        Datagram result = fragment(seq, 64'001);
-        result.header.src = address(name, 2, 0, 55);
-        result.header.reqid = reqid;
-        result.payload.assign(result.payload.size(), fill);
-        return result;
-    };
-    feed(of("beta", 99, 0, 'a'), of("beta", 100, 0, 'b'), of("gamma", 99, 0, 'c'));
-    EXPECT_EQ(feed(of("beta", 100, 1, 'b')), Calls{got(std::string(64'001, 'b'))});
-    EXPECT_EQ(feed(of("beta", 99, 1, 'a')), Calls{got(std::string(64'001, 'a'))});
-    feed(of("gamma", 99, 1, 'c'));
-    EXPECT_EQ(calls_.at(0).payload, std::string(64'001, 'c'));
+    std::vector<Datagram> begun(5, fragment(0, 64'001));
+    begun[1].header.src.hostid = 56;
+    begun[2].header.dest.hostid = 1;
+    begun[3].header.reqid = 100; // these two have the same key as the first
+    begun[4].header.src = address("gamma", 2, 0, 55);
+    for (size_t i = 0; i < begun.size(); ++i)
+        EXPECT_EQ(feed(filled(begun[i], static_cast<char>('a' + i))), Calls{});
+    for (const size_t i : {3, 0, 4, 1, 2}) { // the rest comes in another order
+        Datagram rest = begun[i];
+        rest.payload = static_cast<char>('a' + i);
+        rest.header.src.loc = 9; // is not compared
+        tavipc::set_fragment(rest.header, 1);
+        feed(rest);
+        EXPECT_EQ(calls_.at(0).payload, std::string(64'001, static_cast<char>('a' + i)));
+    }
     EXPECT_EQ(sets(), 0u);
 }
 
 TEST_F(ReceiveTest, WhatFitsNowhereIsDroppedAndTheSetStays) {
-    Datagram behind = fragment(0, 4'294'967'235, 6);
-    tavipc::set_fragment(behind.header, 1023);
     feed(fragment(0), fragment(0, 4'294'967'235, 6));
     const std::pair<Datagram, const char *> cases[] = {
         {fragment(1, 129'999), "Not expect frag seqno(1), dropped"},
         {fragment(3), "Not expect frag seqno(3), dropped"},
-        {fragment(2, 130'000, 5, 1), "Not expect frag size(1999 != 2000[expected]), dropped"},
-        {fragment(0, 130'000, 5, 1), "Not expect frag size(63999 != 64000[expected]), dropped"},
+        {shortened(fragment(2)), "Not expect frag size(1999 != 2000[expected]), dropped"},
         {fragment(0, 4'294'967'236, 7), "have integer overflow, frag orig(-60)"},
         {fragment(0, 4'294'967'236, 7), "frag_node_create fail"}};
     for (const auto &[misplaced, trace] : cases) {
@@ -157,7 +148,7 @@ TEST_F(ReceiveTest, WhatFitsNowhereIsDroppedAndTheSetStays) {
         EXPECT_EQ(feed(misplaced), Calls{});
         EXPECT_EQ(traced(trace), 1) << trace;
     }
-    EXPECT_EQ(feed(behind), Calls{}); // the last place that there is
+    EXPECT_EQ(feed(fragment(1023, 4'294'967'235, 6)), Calls{}); // the last place that there is
     for (int i = 0; i < 1025; ++i) EXPECT_EQ(feed(fragment(0, 65'536'001, 8)), Calls{});
     EXPECT_EQ(feed(fragment(1), fragment(2)), Calls{got(pattern(130'000))});
     EXPECT_EQ(sets(), 2u);
@@ -175,14 +166,19 @@ TEST_F(ReceiveTest, IdleSetsExpireAfterTenSeconds) {
     EXPECT_EQ(w.log.count("[Invalid message header] Fragment(5) not complete, dropped", 4), 1);
     w.event.fail_timers = 1;
     pass(0, 1000); // the sweep could not go on: the next fragment starts it again
-    for (uint16_t id = 0; id < 600; ++id) feed(fragment(0, 2, id, 1));
+    for (uint16_t id = 0; id < 600; ++id) feed(shortened(fragment(0, 2, id)), fragment(0, 64'001, id));
     pass(11, 1000);
-    EXPECT_TRUE(sets() > 580 && sets() < 600); // a minute for all, little of it a time
+    EXPECT_GT(sets(), 580u); // a minute for all, little of it a time
+    EXPECT_LT(sets(), 600u);
     pass(0, 59'000);
     EXPECT_EQ(sets(), 0u);
 }
 
 TEST_F(ReceiveTest, UnfinishedMessagesAreBoundedAndTheOldestIsCompleted) {
+    const auto whole_from = [this](uint32_t host) {
+        const auto part = [host](int seq) { return fragment(seq, 130'000, 5, host); };
+        return feed(part(1), part(2), part(0)).size();
+    };
     w.log.threshold = 2;
     feed(fragment(0));
     Datagram other = fragment(0);
@@ -193,50 +189,38 @@ TEST_F(ReceiveTest, UnfinishedMessagesAreBoundedAndTheOldestIsCompleted) {
     }
     EXPECT_EQ(w.log.count("too many fragments wait, the oldest are dropped, ", 2), 1);
     EXPECT_EQ(feed(fragment(1), fragment(2)), Calls{got(pattern(130'000))});
-    Datagram evicted[] = {fragment(0), fragment(1), fragment(2)};
-    for (Datagram &part : evicted) part.header.src.hostid = 5499;
-    EXPECT_EQ(feed(evicted[1], evicted[2], evicted[0]), Calls{}) << "no set that can never be complete";
+    EXPECT_EQ(whole_from(5499), 0u) << "no set that can never be complete";
     pass(3, 0);
-    Datagram late[] = {fragment(0), fragment(1), fragment(2)};
-    for (Datagram &part : late) part.header.src.hostid = 6000;
-    EXPECT_EQ(feed(late[0], late[1], late[2]).size(), 1u) << "messages that do not go on make way";
+    EXPECT_EQ(whole_from(6000), 1u) << "messages that do not go on make way";
     pass(11);
     EXPECT_EQ(sets(), 0u);
     EXPECT_EQ(tavipc::reassembly_bytes(ipc_), 0u);
-    EXPECT_EQ(feed(evicted[1], evicted[2], evicted[0]).size(), 1u);
+    EXPECT_EQ(whole_from(5499), 1u);
 }
 
 TEST_F(ReceiveTest, ABufferServesAgainWithoutItsContent) {
     constexpr uint32_t kTotal = 18 * 64'000;
-    const auto piece = [](int seq, char fill, uint16_t id) {
-        Datagram result = fragment(seq, kTotal, id);
-        result.payload.assign(seq < 18 ? 64'000 : 0, fill);
-        return result;
+    const auto feed_all = [&](char with, uint16_t id, int missing) { // the one before comes in its place
+        for (int i = 0; i < 18; ++i) {
+            Datagram piece = fragment(i == missing ? i - 1 : i, kTotal, id);
+            piece.payload.assign(64'000, with);
+            feed(piece);
+        }
+        return calls_;
     };
-    const auto fill = [&](char with, uint16_t id, int step) { // all fragments, or the first again and again
-        for (int i = 0; i < 17; ++i) feed(piece(i * step, with, id));
-        return feed(piece(17, with, id));
-    };
-    EXPECT_EQ(fill('a', 1, 1), Calls{got(std::string(kTotal, 'a'))});
+    EXPECT_EQ(feed_all('a', 1, -1), Calls{got(std::string(kTotal, 'a'))});
     const size_t spare_bytes = tavipc::reassembly_bytes(ipc_);
     EXPECT_GE(spare_bytes, kTotal);
-    feed(piece(18, 'f', 6)); // an empty fragment behind the end replaces none that is missing
-    for (const int i : {0, 1, 2, 3, 4, 5, 6, 7, 8, 8, 10, 11, 12, 13, 14, 15, 16}) feed(piece(i, 'f', 6));
-    EXPECT_EQ(feed(piece(17, 'f', 6)),
-              Calls{got(std::string(kTotal, 'f').replace(9 * 64'000, 64'000, 64'000, '\0'))});
-    std::string sparse(kTotal, '\0');
-    std::fill_n(sparse.begin(), 64'000, 'b');
-    std::fill_n(sparse.rbegin(), 64'000, 'b');
-    EXPECT_EQ(fill('b', 2, 0), Calls{got(sparse)});
-    EXPECT_EQ(tavipc::reassembly_bytes(ipc_), spare_bytes) << "one buffer for all of them";
+    feed(fragment(18, kTotal, 2)); // an empty one behind the end replaces none that is missing
+    EXPECT_EQ(feed_all('b', 2, 9),
+              Calls{got(std::string(kTotal, 'b').replace(9 * 64'000, 64'000, 64'000, '\0'))});
+    EXPECT_EQ(tavipc::reassembly_bytes(ipc_), spare_bytes) << "one buffer for both";
     for (const time_t step_s : {11, -1}) { // the clock may be set back
         pass(step_s);
         EXPECT_EQ(tavipc::reassembly_bytes(ipc_), 0u);
-        fill('d', 4, 1);
+        feed_all('d', 4, -1);
         EXPECT_EQ(tavipc::reassembly_bytes(ipc_), spare_bytes);
     }
-    then_ = [this](tav_ipc_st *ipc) { close(ipc); };
-    fill('e', 5, 1); // the buffer is released with its endpoint
 }
 
 TEST_F(ReceiveTest, CompressedMessagesAreRestored) {
@@ -252,14 +236,11 @@ TEST_F(ReceiveTest, CompressedMessagesAreRestored) {
     const std::tuple<size_t, size_t, std::string_view, int> cases[] = {
         // cut to, changed at, into
         {19, 0, "", 9002},
-        {20, 0, "", 9002},
         {packed.size() - 1, 0, "", 9002},
         {~0, 16, "\xFF\xFF\xFF\xFF", 9002}, // a body that wraps
         {~0, 20, "\x10\0\0\1"sv, 9002},     // claims more than is believed
         {~0, 20, "\0\0\0\1"sv, -5},         // claims less than it holds
-        {~0, 6, "\0\0"sv, 9002},            // plain
-        {~0, 16, "\0\0\0\3"sv, 9001},       // no envelope
-        {~0, 24, "zzzz", -3}};
+        {~0, 16, "\0\0\0\3"sv, 9001}};      // no envelope
     for (const auto &[size, at, change, result] : cases) {
         forget();
         w.clock.ticks_ms += 5001;
@@ -267,25 +248,16 @@ TEST_F(ReceiveTest, CompressedMessagesAreRestored) {
         const Datagram datagram = message(bad, IPC_FLAG_COMPRESSED | kNeed);
         EXPECT_EQ(feed(datagram, datagram), Calls{});
         EXPECT_EQ(w.log.count("uncompress msg failed, ret = " + std::to_string(result), 2), 1);
-        EXPECT_TRUE(w.event.sends.empty());
+        EXPECT_EQ(w.event.sends.size(), 0u);
     }
-    then_ = [&](tav_ipc_st *ipc) { close(ipc); };
-    EXPECT_EQ(feed(message(packed, IPC_FLAG_COMPRESSED)), Calls{got(plain)});
 }
 
 TEST_F(ReceiveTest, CallbackMayDestroyItsEndpointAndReadOn) {
-    const auto destroy = then_ = [&](tav_ipc_st *ipc) {
+    then_ = [&](tav_ipc_st *ipc) {
         close(ipc);
         EXPECT_EQ(send(ipc, "x"), IPC_ERR_SENDTO);
     };
     EXPECT_EQ(feed(fragment(0, 64'001), fragment(1, 64'001)), Calls{got(pattern(64'001))});
-    listen(ipc_ = open());
-    then_ = [&](tav_ipc_st *ipc) { // a callback in a callback
-        then_ = destroy;
-        receive(ipc, fragment(0));
-        receive(ipc, message("inner", kRequest | kNeed));
-    };
-    EXPECT_EQ(feed(message("outer")), (Calls{got("inner", "request", 1), got("outer")}));
 }
 
 } // namespace

@@ -2,11 +2,8 @@
 //   tavipc-keymaker pair PRIVATE PUBLIC   makes what is missing of a development pair
 //   tavipc-keymaker header PUBLIC HEADER  writes the C++ header that compiles the key into the library
 #include <iostream>
-#include <span>
 
-#include "agent/keys.h"
-#include "cli/files.h"
-#include "cli/problem.h"
+#include "agent/agent.h"
 
 using namespace tavctl;
 
@@ -14,13 +11,9 @@ namespace {
 
 void write_header(const std::string &key_path, const std::string &header_path) {
     const Key key = load_public_key(key_path);
-    write_file(header_path, "// Generated: the key that verifies the allow-list.\n"
-                            "#pragma once\n\n"
-                            "namespace tavipc {\n\n"
-                            "inline constexpr char kAllowlistKey[] = R\"(" +
-                                public_pem(key.get()) +
-                                ")\";\n\n"
-                                "} // namespace tavipc\n");
+    write_file(header_path, "// Generated: the key that verifies the allow-list.\n#pragma once\n\n"
+                            "namespace tavipc {\n\ninline constexpr char kAllowlistKey[] = R\"(" +
+                                public_pem(key.get()) + ")\";\n\n} // namespace tavipc\n");
 }
 
 } // namespace

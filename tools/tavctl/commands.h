@@ -3,31 +3,21 @@
 
 #include <set>
 
-#include "cli/args.h"
-#include "cli/console.h"
+#include "cli/cli.h"
 
 namespace tavctl {
 
-int list(Console &out, const Args &args);          // look/list.cpp
-int probe(Console &out, const Args &args);         // look/probe.cpp
-int trace(Console &out, const Args &args);         // look/trace.cpp
-int explain(Console &out, const Args &args);       // look/trace.cpp
-int send(Console &out, const Args &args);          // talk/messages.cpp
-int listen(Console &out, const Args &args);        // talk/messages.cpp
-int request(Console &out, const Args &args);       // talk/messages.cpp
-int reply(Console &out, const Args &args);         // talk/messages.cpp
-int send_file(Console &out, const Args &args);     // file/send_file.cpp
-int receive_files(Console &out, const Args &args); // file/receive_files.cpp
-int keygen(Console &out, const Args &args);        // agent/allowlist_commands.cpp, with the next five
-int allowlist_add(Console &out, const Args &args);
-int allowlist_remove(Console &out, const Args &args);
-int allowlist_sign(Console &out, const Args &args);
-int allowlist_verify(Console &out, const Args &args);
-int allowlist_why(Console &out, const Args &args);
-int show_identity(Console &out, const Args &args); // agent/identity.cpp
-int doctor(Console &out, const Args &args);        // agent/doctor.cpp
-
-int completion(Console &out, const Args &args); // cli/completion.cpp
+Run list;                                // look/list.cpp
+Run trace, explain;                      // look/trace.cpp
+Run probe, send, listen, request, reply; // talk/messages.cpp
+Run send_file;                           // file/send_file.cpp
+Run receive_files;                       // file/receive_files.cpp
+Run keygen;                              // agent/allowlist_commands.cpp, with the next two lines
+Run allowlist_add, allowlist_remove, allowlist_sign;
+Run allowlist_verify, allowlist_why;
+Run show_identity; // agent/identity.cpp
+Run doctor;        // agent/doctor.cpp
+Run completion;    // commands.cpp
 
 std::span<const Command> commands();
 std::set<std::string> live_names(); // of endpoints, as a shell can take them

@@ -1,12 +1,7 @@
 // tavctl - looks at the endpoints of an agent's modules, talks to them, and keeps the allow-list. It is a
 // module like any other. Each command has a file of its own, see commands.h.
 #include <csignal>
-#include <iostream>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include "cli/problem.h"
 #include "commands.h"
 
 namespace {

@@ -1,21 +1,12 @@
-#include "agent/allowlist.h"
-
-#include <algorithm>
-#include <filesystem>
 
 #include <cjson/cJSON.h>
 #include <openssl/err.h>
 #include <openssl/rsa.h>
 #include <openssl/sha.h>
-#include <unistd.h>
 
+#include "agent/agent.h"
 #include "allowlist_key.h"
-#include "cli/console.h"
-#include "cli/files.h"
-#include "cli/problem.h"
 #include "tavbase.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {
@@ -44,7 +35,7 @@ std::string base64_decode(const std::string &text) {
 // Applies one RSA operation with PKCS #1 padding and no digest to the input. Empty when it fails.
 template <class Init, class Operation>
 std::string rsa(EVP_PKEY *key, const std::string &input, Init init, Operation operation) {
-    const std::unique_ptr<EVP_PKEY_CTX, Releaser<EVP_PKEY_CTX_free>> context(EVP_PKEY_CTX_new(key, nullptr));
+    const KeyContext context(EVP_PKEY_CTX_new(key, nullptr));
     std::string output(static_cast<size_t>(EVP_PKEY_get_size(key)), '\0');
     size_t size = output.size();
     if (!context || init(context.get()) != 1 ||
@@ -90,11 +81,8 @@ Verdict judge(const fs::path &executable) {
 
 } // namespace
 
-std::string SignedList::read_list() const { return read_regular_file(list_path); }
-std::string SignedList::read_signature() const { return read_regular_file(signature_path); }
-
 bool SignedList::is_signed_by(EVP_PKEY *public_key, std::string_view list) const {
-    const std::string signed_text = rsa(public_key, base64_decode(read_signature()),
+    const std::string signed_text = rsa(public_key, base64_decode(read_regular_file(signature_path)),
                                         EVP_PKEY_verify_recover_init, EVP_PKEY_verify_recover);
     ERR_clear_error();
     return std::string_view(signed_text.c_str()) == sha256_hex(list); // up to a NUL, as the library compares
@@ -163,6 +151,25 @@ Verdict judge_executable(const std::string &path) {
         return {false, executable.string() + " is not an executable file",
                 "chmod +x it, or give another path"};
     return judge(executable);
+}
+
+FileDigest digest_of(int fd, const std::atomic<bool> &stop) {
+    const std::unique_ptr<EVP_MD_CTX, Releaser<EVP_MD_CTX_free>> context(EVP_MD_CTX_new());
+    bool done = context && EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) == 1;
+    FileDigest digest;
+    std::vector<char> buffer(1u << 20);
+    while (done && !stop) {
+        const ssize_t got = pread(fd, buffer.data(), buffer.size(), static_cast<off_t>(digest.size));
+        if (got < 0) digest.error = errno;
+        if (got <= 0) break;
+        done = EVP_DigestUpdate(context.get(), buffer.data(), static_cast<size_t>(got)) == 1;
+        digest.size += static_cast<uint64_t>(got);
+    }
+    unsigned char bytes[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    if (!done || EVP_DigestFinal_ex(context.get(), bytes, &length) != 1) throw_crypto_problem("SHA-256");
+    digest.sha256 = hex_of({reinterpret_cast<const char *>(bytes), length});
+    return digest;
 }
 
 } // namespace tavctl

@@ -1,18 +1,9 @@
 // tavctl allowlist: makes keys, keeps the signed list, and explains why a process is refused.
-#include <algorithm>
-#include <filesystem>
-#include <iostream>
 
-#include <fcntl.h>
 #include <sys/file.h>
 
-#include "agent/allowlist.h"
-#include "cli/files.h"
-#include "cli/problem.h"
+#include "agent/agent.h"
 #include "commands.h"
-#include "common/unique_fd.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {
@@ -36,7 +27,7 @@ class Change {
         if (error)
             throw Problem("cannot make " + files.directory + ": " + error.message(),
                           "run it as the owner, or as root");
-        lock_ = tavipc::UniqueFd(open(files.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        lock_ = UniqueFd(open(files.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!lock_ || flock(lock_.get(), LOCK_EX) != 0)
             throw system_problem("cannot lock " + files.directory);
     }
@@ -68,7 +59,7 @@ class Change {
 
   private:
     Console &out_;
-    tavipc::UniqueFd lock_;
+    UniqueFd lock_;
 };
 
 // The link /proc/PID/exe ends with this when the file that the process runs is no longer at its path.

@@ -1,32 +1,19 @@
 // tavctl doctor: examines what the modules of an agent need, and says how to fix each fault. It makes and
 // changes nothing; the endpoint that it opens at the end is closed again.
-#include "agent/doctor.h"
-
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <filesystem>
-#include <optional>
+#include <fstream>
 #include <sstream>
 
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/timex.h>
-#include <unistd.h>
 
-#include "agent/identity.h"
-#include "cli/files.h"
-#include "cli/problem.h"
+#include "agent/agent.h"
 #include "commands.h"
 #include "common/facts.h"
-#include "common/unique_fd.h"
 #include "look/sockets.h"
 #include "module/module.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {
@@ -37,15 +24,11 @@ constexpr size_t kVerdictWidth = 9, kCheckWidth = 18, kIndent = kVerdictWidth + 
 std::string folded(const std::string &text, size_t width) {
     std::istringstream words(text);
     std::string lines;
-    size_t column = 0;
+    size_t column = kIndent;
     for (std::string word; words >> word; column += word.size()) {
-        if (column > 0 && width > kIndent && kIndent + column + 1 + word.size() > width) {
-            lines += "\n" + std::string(kIndent, ' ');
-            column = 0;
-        } else if (column > 0) {
-            lines += ' ';
-            ++column;
-        }
+        const bool full = width > kIndent && column + 1 + word.size() > width;
+        if (!lines.empty()) lines += full ? "\n" + std::string(kIndent, ' ') : " ";
+        column = lines.empty() || full ? kIndent : column + 1;
         lines += word;
     }
     return lines;
@@ -70,12 +53,12 @@ Finding check_endpoint(const AgentState &agent) {
         const Module module;
         exchange.begin = now_seconds();
         tav_ipc_probe(module, tav_ipc_get_local_addr(module), Exchange::on_status, &exchange);
-        run_until([&] { return exchange.ended; }, 10s);
-        const std::string took = time_text(now_seconds() - exchange.begin);
-        if (exchange.ended && exchange.code == 0)
-            return ok(module.text() + " opened, and answered itself in " + took);
-        return fail(module.text() + " opened, but did not answer itself in " + took,
-                    "tavctl --verbose doctor");
+        exchange.wait(10);
+        const bool answered = exchange.ended && exchange.code == 0;
+        const std::string text = module.text() + (answered ? " opened, and answered itself in "
+                                                           : " opened, but did not answer itself in ");
+        const std::string seen = text + time_text(now_seconds() - exchange.begin);
+        return answered ? ok(seen) : fail(seen, "tavctl --verbose doctor");
     } catch (const Problem &problem) {
         return fail(problem.what(), problem.remedy());
     }
@@ -89,13 +72,8 @@ constexpr time_t kKeptFile_s = 600; // a living receiver removes a file 6 minute
 constexpr int kEarliestYear = 2020; // of a clock that was ever set
 
 std::optional<long> setting(const char *path) {
-    try {
-        std::string text = read_file(path, 64);
-        while (text.ends_with('\n')) text.pop_back();
-        if (const long value = number_of(text); value >= 0) return value;
-    } catch (const Problem &) { // this system does not have it
-    }
-    return {};
+    long value = 0;
+    return std::ifstream(path) >> value ? std::optional(value) : std::nullopt; // some systems do not have it
 }
 
 // For now, and after the next start.
@@ -109,15 +87,13 @@ Finding check_queue() {
     if (!length) return skip("net.unix.max_dgram_qlen cannot be read");
     const std::string seen = "net.unix.max_dgram_qlen is " + std::to_string(*length);
     if (*length >= kFewDatagrams) return ok(seen);
-    return warn(seen +
-                    ": only that many datagrams wait for a busy receiver; more wait in their senders, which "
-                    "takes time",
+    return warn(seen + ": further datagrams to a busy receiver wait in their senders, which takes time",
                 sysctl_remedy("net.unix.max_dgram_qlen=512") +
                     "\n# then start the modules again: a socket keeps the value it was made with");
 }
 
 Finding check_buffers() {
-    const tavipc::UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     int size = tavipc::kSendBuffer;
     if (setsockopt(probe.get(), SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0)
         setsockopt(probe.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
@@ -152,8 +128,8 @@ Finding check_space() {
     const bool no_inode = disk.f_files > 0 && disk.f_favail == 0;
     const std::string seen = bytes_text(space) + " free for files that are received";
     const char *look = "du -xsh /tmp/* | sort -h | tail";
-    if (space < kNoSpace) return fail(seen, look);
-    if (no_inode) return fail(seen + ", but not for one more file", look);
+    if (space < kNoSpace || no_inode)
+        return fail(seen + (no_inode ? ", but not for one more file" : ""), look);
     return space < kLittleSpace ? warn(seen, look) : ok(seen);
 }
 
@@ -178,16 +154,15 @@ Finding check_clock() {
     const time_t now = time(nullptr);
     tm date{};
     gmtime_r(&now, &date);
-    char text[64];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &date);
-    const std::string seen = text;
+    char seen[64];
+    strftime(seen, sizeof seen, "%Y-%m-%d %H:%M:%S UTC", &date);
     if (date.tm_year + 1900 < kEarliestYear)
-        return fail("it shows " + seen, as_root("timedatectl set-time 'YYYY-MM-DD HH:MM:SS'"));
+        return fail(std::string("it shows ") + seen, as_root("timedatectl set-time 'YYYY-MM-DD HH:MM:SS'"));
     timex state{};
     if (adjtimex(&state) == TIME_ERROR || (state.status & STA_UNSYNC))
-        return warn(seen + ", not kept by a time service; time-outs go by it, and a step affects them",
+        return warn(seen + std::string(", not kept by a time service; a step of the clock affects time-outs"),
                     as_root("timedatectl set-ntp true"));
-    return ok(seen + ", kept by a time service");
+    return ok(seen + std::string(", kept by a time service"));
 }
 
 Finding check_trace_switch() {
@@ -203,32 +178,27 @@ void check_environment(Findings &findings) {
     if (!root && !marks)
         findings.add("environment", ok("neither TAV_INSTALL_ROOT nor IPC_TEST changes anything"));
     if (root)
-        findings.add("environment",
-                     warn("TAV_INSTALL_ROOT is " + std::string(root) +
-                              ": identity and manager are read there if it has a config directory, "
-                              "but allow-list and agent.ini beside the executable",
-                          "unset TAV_INSTALL_ROOT"));
+        findings.add("environment", warn(std::string("TAV_INSTALL_ROOT is ") + root +
+                                             ": its config directory, if there is one, has identity and "
+                                             "manager; allow-list and agent.ini are beside the executable",
+                                         "unset TAV_INSTALL_ROOT"));
     if (marks)
-        findings.add("environment", warn("IPC_TEST is " + std::string(test) +
-                                             ": processes started from here mark all messages "
-                                             "for the trace",
+        findings.add("environment", warn(std::string("IPC_TEST is ") + test +
+                                             ": processes started from here mark all messages for the trace",
                                          "unset IPC_TEST"));
 }
 
-void check_machine(Findings &findings) {
-    findings.add("datagram queue", check_queue());
-    findings.add("send buffer", check_buffers());
-    findings.add("open files", check_descriptors());
-    findings.add("/tmp", check_space());
-    findings.add("received files", check_received_files());
-    findings.add("clock", check_clock());
-    findings.add("trace switch", check_trace_switch());
-    check_environment(findings);
-}
+constexpr struct {
+    const char *name;
+    Finding (*check)();
+} kMachineChecks[] = {{"datagram queue", check_queue},          {"send buffer", check_buffers},
+                      {"open files", check_descriptors},        {"/tmp", check_space},
+                      {"received files", check_received_files}, {"clock", check_clock},
+                      {"trace switch", check_trace_switch}};
 
 } // namespace
 
-bool Findings::add(const char *check, const Finding &finding) {
+void Findings::add(const char *check, const Finding &finding) {
     constexpr std::array<const char *, Finding::kVerdicts> kNames = {"ok", "warn", "FAIL", "skipped"};
     const char *verdict = kNames[finding.verdict];
     const std::string seen = one_line(finding.seen), remedy = harmless(finding.remedy);
@@ -238,17 +208,16 @@ bool Findings::add(const char *check, const Finding &finding) {
     out_.say(record, "",
              padded(verdict, kVerdictWidth) + padded(check, kCheckWidth) + folded(seen, out_.width()) +
                  remedy_lines(remedy));
-    return finding.verdict == Finding::kOk || finding.verdict == Finding::kWarn;
 }
 
 bool Findings::summarize() const {
     const auto &[ok, warn, fail, skipped] = counts_;
     const Record record("check", "summary", "ok", ok, "warn", warn, "fail", fail, "skipped", skipped);
-    out_.say(record, "\n",
-             counted(ok + warn + fail + skipped, "check") + record.fill(": {ok,} ok") +
-                 (warn ? record.fill(", {warn,} to look at") : "") +
-                 (fail ? record.fill(", {fail,} FAILED") : "") +
-                 (skipped ? record.fill(", {skipped,} skipped") : ""));
+    std::string pattern = "\n" + counted(ok + warn + fail + skipped, "check") + ": {ok,} ok";
+    if (warn) pattern += ", {warn,} to look at";
+    if (fail) pattern += ", {fail,} FAILED";
+    if (skipped) pattern += ", {skipped,} skipped";
+    out_.say(record, pattern);
     return fail == 0;
 }
 
@@ -264,7 +233,8 @@ std::string config_directory() {
 int doctor(Console &out, const Args &) {
     Findings findings(out);
     const AgentState agent = check_agent(findings);
-    check_machine(findings);
+    for (const auto &[name, check] : kMachineChecks) findings.add(name, check());
+    check_environment(findings);
     findings.add("endpoint", check_endpoint(agent));
     return findings.summarize() ? kSuccess : kFailure;
 }

@@ -1,28 +1,14 @@
 // The agent's own files: configuration, sockets, allow-list, identity.
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <ctime>
-#include <filesystem>
 
-#include <fcntl.h>
 #include <semaphore.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include "agent/allowlist.h"
-#include "agent/doctor.h"
-#include "agent/identity.h"
-#include "cli/console.h"
-#include "cli/files.h"
+#include "agent/agent.h"
 #include "common/facts.h"
 #include "look/sockets.h"
 #include "module/module.h"
 #include "tavaux.h"
 #include "tavbase.h"
 #include "tavipc/tav_agentid.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {
@@ -151,24 +137,23 @@ Finding check_modules() {
             refused.push_back(name);
     }
     const size_t all = allowed + refused.size();
-    const std::string seen =
+    std::string seen =
         grouped(allowed) + " of " + grouped(all) + " executables in " + bin.string() + " are in the list";
     if (refused.empty() || all > kMostModules) return ok(seen);
     std::ranges::sort(refused);
-    std::string names;
-    for (const std::string &name : refused) names += (names.empty() ? ": not " : ", ") + name;
-    return warn(seen + names, files.command("add", refused));
+    for (const std::string &name : refused) seen += (&name == &refused[0] ? ": not " : ", ") + name;
+    return warn(seen, files.command("add", refused));
 }
 
 // Compares what the library decides about the tool with what the list says.
 Finding check_gate(const Verdict &verdict, bool &allowed) {
-    take_log();
+    take_reason();
     allowed = c_get_process() == 0;
-    const auto log = take_log();
+    const std::string reason = take_reason();
     if (allowed == verdict.allowed)
         return ok(allowed ? "it lets the tool pass" : "it refuses the tool as well");
-    return fail(allowed ? std::string("it lets the tool pass all the same")
-                        : "it refuses the tool: " + (log.empty() ? std::string("no reason") : log.back()),
+    return fail(allowed ? "it lets the tool pass all the same"
+                        : "it refuses the tool" + (reason.empty() ? ": no reason" : reason),
                 "install library and tool of the same build: ldd " + quoted(own_executable()));
 }
 
@@ -226,25 +211,20 @@ Finding check_lock() {
         }
     if (value > 0) return ok("free, its file was left behind");
     if (age < kLongHeld_s) return ok("held" + since);
-    return warn((value == 0 ? "held" : "not accessible to this user, and there") + since +
-                    ": a process that was killed has left it; the next one waits 6 seconds, then continues "
-                    "without an id",
-                as_root("rm " + path));
+    return warn(
+        (value == 0 ? "held" : "not accessible to this user, and there") + since +
+            ": a killed process has left it; the next one waits 6 seconds, then continues without an id",
+        as_root("rm " + path));
 }
 
 // True when an endpoint need not make an id.
 bool check_identity(Findings &findings) {
-    bool has_id;
-    if (IsCNAPPAgent()) {
-        has_id = findings.add("agent id", check_platform_id());
-    } else {
-        const unsigned id = ReadAgentid((config_directory() + "/machineid").c_str());
-        has_id = id != 0;
-        findings.add("agent id", check_stored_id(id));
-        findings.add("manager", check_manager(has_id));
-    }
+    const bool platform = IsCNAPPAgent() != 0;
+    const unsigned id = platform ? get_hostid() : ReadAgentid((config_directory() + "/machineid").c_str());
+    findings.add("agent id", platform ? check_platform_id() : check_stored_id(id));
+    if (!platform) findings.add("manager", check_manager(id != 0));
     findings.add("identity lock", check_lock());
-    return has_id;
+    return id != 0;
 }
 
 } // namespace

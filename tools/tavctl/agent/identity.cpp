@@ -1,15 +1,8 @@
 // tavctl id: the identity of this agent, as its files show it. Only --create lets the library determine an id
 // and store it.
-#include <array>
 #include <cstdlib>
-#include <vector>
 
-#include <unistd.h>
-
-#include "agent/identity.h"
-#include "agent/keys.h"
-#include "cli/files.h"
-#include "cli/problem.h"
+#include "agent/agent.h"
 #include "commands.h"
 #include "module/module.h"
 #include "tavaux.h"
@@ -32,32 +25,36 @@ struct Stored {
     unsigned id = 0;
     std::string manager_mac, text = "there is none";
     std::vector<std::string> macs;
-
-    explicit Stored(const std::string &path) {
-        if (access(path.c_str(), F_OK) != 0) return;
-        try {
-            read(read_regular_file(path, 65536), path);
-        } catch (const Problem &problem) {
-            text = problem.what();
-        }
-    }
-
-  private:
-    void read(std::string_view bytes, const std::string &path) {
-        id = ReadAgentid(path.c_str());
-        text = std::to_string(id) + ", without addresses: made from a VM id, or stored by a program";
-        if (bytes.size() < sizeof id) text = "too short: " + std::to_string(bytes.size()) + " bytes";
-        if (bytes.size() <= sizeof id) return;
-        manager_mac = mac_text(bytes.substr(sizeof id));
-        text = std::to_string(id) + ", made from MAC addresses: " + manager_mac +
-               " towards the manager; of this host";
-        for (size_t at = sizeof id + kMac; at + kMac <= bytes.size(); at += kMac) {
-            macs.push_back(mac_text(bytes.substr(at)));
-            text += " " + macs.back();
-        }
-        if (macs.empty()) text += " none";
-    }
 };
+
+Stored read_stored(const std::string &path) {
+    Stored stored;
+    if (access(path.c_str(), F_OK) != 0) return stored;
+    std::string bytes;
+    try {
+        bytes = read_regular_file(path, 65536);
+    } catch (const Problem &problem) {
+        return {0, {}, problem.what(), {}};
+    }
+    stored.id = ReadAgentid(path.c_str());
+    stored.text = std::to_string(stored.id);
+    std::string_view macs = bytes;
+    if (bytes.size() < sizeof stored.id) {
+        stored.text = "too short: " + std::to_string(bytes.size()) + " bytes";
+    } else if (macs.remove_prefix(sizeof stored.id); macs.empty()) {
+        stored.text += ", without addresses: made from a VM id, or stored by a program";
+    } else {
+        stored.manager_mac = mac_text(macs);
+        stored.text +=
+            ", made from MAC addresses: " + stored.manager_mac + " towards the manager; of this host";
+        for (size_t at = kMac; at + kMac <= macs.size(); at += kMac) {
+            stored.macs.push_back(mac_text(macs.substr(at)));
+            stored.text += " " + stored.macs.back();
+        }
+        if (stored.macs.empty()) stored.text += " none";
+    }
+    return stored;
+}
 
 bool has_value(const std::string &path, const char *section, const char *key) {
     const std::unique_ptr<ini_file_t, Releaser<ini_file_free>> file(ini_file_load(path.c_str()));
@@ -67,20 +64,14 @@ bool has_value(const std::string &path, const char *section, const char *key) {
 
 void make_identity() {
     if (IsCNAPPAgent()) return;
-    const MayEndProcess explained;
-    if (CreateAgentId() != 0) return;
-    const auto lines = take_log();
-    throw Problem("no agent id could be determined" + (lines.empty() ? std::string() : ": " + lines.back()),
+    int result = 0;
+    may_end_process([&] { result = CreateAgentId(); });
+    if (result == 0) return;
+    throw Problem("no agent id could be determined" + take_reason(),
                   "run tavctl doctor; a lock that a dead process held is free at the next try");
 }
 
 } // namespace
-
-std::string configuration_directory() {
-    char directory[1024] = "";
-    GetTAVConfPath(directory, sizeof directory);
-    return directory;
-}
 
 std::string how_found(const std::string &directory) {
     const char *root = std::getenv("TAV_INSTALL_ROOT");
@@ -112,7 +103,7 @@ Manager::Manager() {
 int show_identity(Console &out, const Args &args) {
     const std::string directory = configuration_directory(), path = directory + "/machineid";
     if (args.has("create")) make_identity();
-    const Stored stored(path);
+    const Stored stored = read_stored(path);
     const Manager manager;
     const bool platform = IsCNAPPAgent() != 0;
     const unsigned id = platform ? get_hostid() : stored.id;

@@ -1,13 +1,9 @@
-#include "agent/keys.h"
-
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
-#include <unistd.h>
 
-#include "cli/files.h"
-#include "cli/problem.h"
+#include "agent/agent.h"
 
 namespace tavctl {
 namespace {
@@ -17,23 +13,19 @@ constexpr int kKeyBits = 2048;
 using Bio = std::unique_ptr<BIO, Releaser<BIO_free_all>>;
 using PemReader = EVP_PKEY *(*)(BIO *, EVP_PKEY **, pem_password_cb *, void *);
 
-Bio memory_bio() {
-    Bio bio(BIO_new(BIO_s_mem()));
-    if (!bio) throw_crypto_problem("cannot allocate");
-    return bio;
-}
-
-std::string text_of(BIO *bio) {
+// The text that write puts into a memory BIO.
+template <class Write> std::string pem_text(Write write) {
+    const Bio bio(BIO_new(BIO_s_mem()));
+    if (!bio || write(bio.get()) != 1) throw_crypto_problem("cannot encode the key");
     char *data = nullptr;
-    const long size = BIO_get_mem_data(bio, &data);
+    const long size = BIO_get_mem_data(bio.get(), &data);
     return std::string(data, static_cast<size_t>(size));
 }
 
 std::string private_pem(EVP_PKEY *key) {
-    const Bio bio = memory_bio();
-    if (PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1)
-        throw_crypto_problem("cannot encode the private key");
-    return text_of(bio.get());
+    return pem_text([key](BIO *bio) {
+        return PEM_write_bio_PKCS8PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr);
+    });
 }
 
 Key parse_key(const std::string &text, const std::string &name, PemReader read, const char *kind) {
@@ -66,9 +58,7 @@ Key load_private_key(const std::string &path) {
 }
 
 std::string public_pem(EVP_PKEY *key) {
-    const Bio bio = memory_bio();
-    if (PEM_write_bio_PUBKEY(bio.get(), key) != 1) throw_crypto_problem("cannot encode the public key");
-    return text_of(bio.get());
+    return pem_text([key](BIO *bio) { return PEM_write_bio_PUBKEY(bio, key); });
 }
 
 void make_key_pair(const std::string &private_path, const std::string &public_path, bool if_missing) {

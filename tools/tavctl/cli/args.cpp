@@ -1,14 +1,6 @@
-#include "cli/args.h"
-
-#include <algorithm>
-#include <iostream>
 #include <numeric>
 #include <sstream>
 
-#include <unistd.h>
-
-#include "cli/console.h"
-#include "cli/problem.h"
 #include "module/module.h"
 
 namespace tavctl {
@@ -51,7 +43,8 @@ bool is_valid(const Option &option, const std::string &text) {
 class CommandLine {
   public:
     CommandLine(std::span<const Command> commands, std::span<char *const> words)
-        : commands_(commands), words_(words), options_(options_of(kGlobalOptions)) {}
+        : commands_(commands), words_(words), options_(options_of(kGlobalOptions)),
+          passed_(words.begin(), words.end()) {}
 
     int run() {
         read();
@@ -84,8 +77,7 @@ class CommandLine {
     void take_command(const std::string &word) {
         const std::string path = path_ + (path_.empty() ? "" : " ") + word;
         std::string nearest;
-        size_t least =
-            word.size() / 2 + 1; // a word that shares less than half of its letters is another word
+        size_t least = word.size() / 2 + 1; // letters: one that differs in more is another word
         for (const Command &command : commands_) {
             const std::string name = command.name;
             if (name == path) {
@@ -118,15 +110,14 @@ class CommandLine {
         const bool is_long = word[1] == '-';
         const size_t end = is_long ? std::min(word.find('='), word.size()) : 2;
         const std::string name = word.substr(0, end);
-        const auto option = std::ranges::find_if(options_, [&](const Option &each) {
-            return !each.argument && std::ranges::count(each.names, name) > 0;
-        });
+        const Option *option = find_option(options_, name);
         const bool attached = end < word.size();
-        if (option == options_.end() || (attached && option->value.empty())) {
+        if (!option || (attached && option->value.empty())) {
             unexpected_ += " " + word;
             return;
         }
         std::string value = attached ? word.substr(end + is_long) : "";
+        const size_t first = at_;
         if (!option->value.empty() && !attached) {
             if (++at_ == words_.size()) throw wrong(name + " needs a value");
             value = words_[at_];
@@ -135,6 +126,7 @@ class CommandLine {
             throw wrong(name + ": \"" + value + "\" is not a valid " +
                         (option->value == "SECONDS" ? "time in seconds" : "number"));
         args_.set(option->key, value);
+        if (option->key == "agent") std::fill(&passed_[first], &passed_[at_] + 1, nullptr);
     }
 
     void check() {
@@ -151,7 +143,7 @@ class CommandLine {
     }
 
     std::string help() const;
-    [[noreturn]] void become_other() const;
+    [[noreturn]] void become_other();
 
     std::span<const Command> commands_;
     std::span<char *const> words_;
@@ -159,6 +151,7 @@ class CommandLine {
     std::vector<Option> options_;      // global ones, and those of the command
     const Command *command_ = nullptr; // that was named
     std::string path_, unexpected_;
+    std::vector<char *> passed_; // the words; nullptr for those of --agent
     Args args_;
 };
 
@@ -186,21 +179,12 @@ std::string CommandLine::help() const {
 }
 
 // Passes everything but --agent on to the other tool.
-void CommandLine::become_other() const {
+void CommandLine::become_other() {
     const std::string agent = args_.text("agent"), tool = agent + "/bin/tavctl";
-    std::vector<char *> words;
     if (agent.empty()) throw misuse("--agent names no directory");
-    bool plain = false; // after "--"
-    for (size_t i = 0; i < words_.size(); ++i) {
-        const std::string_view word = words_[i];
-        plain = plain || word == "--";
-        if (!plain && word == "--agent")
-            ++i;
-        else if (plain || !word.starts_with("--agent="))
-            words.push_back(words_[i]);
-    }
-    words.push_back(nullptr);
-    execv(tool.c_str(), words.data());
+    std::erase(passed_, nullptr);
+    passed_.push_back(nullptr);
+    execv(tool.c_str(), passed_.data());
     throw system_problem(
         "cannot run " + tool,
         "an agent has its own tavctl, because the allow-list goes by the executable: copy this one there "
@@ -215,16 +199,6 @@ const char kGlobalOptions[] = "-h, --help  Print this help\n"
                               "--json  Print one JSON object per line, for programs\n"
                               "-v, --verbose  Write the library's log to standard error\n"
                               "--agent DIR  Run the tavctl of another agent, DIR/bin/tavctl\n";
-
-std::vector<std::string> Args::all(const std::string &name) const {
-    const auto found = values_.find(name);
-    return found == values_.end() ? std::vector<std::string>() : found->second;
-}
-std::string Args::text(const std::string &name) const { return has(name) ? all(name).back() : ""; }
-uint64_t Args::number(const std::string &name) const {
-    return std::strtoull(text(name).c_str(), nullptr, 10);
-}
-double Args::seconds(const std::string &name) const { return std::strtod(text(name).c_str(), nullptr); }
 
 Option::Option(const std::string &line) : argument(line[0] != '-') {
     const size_t end = line.find("  ");
@@ -260,6 +234,12 @@ std::vector<Option> options_of(const char *usage) {
     std::istringstream lines(usage);
     for (std::string line; std::getline(lines, line);) options.emplace_back(line);
     return options;
+}
+
+const Option *find_option(const std::vector<Option> &options, const std::string &name) {
+    for (const Option &option : options)
+        if (!option.argument && std::ranges::count(option.names, name) > 0) return &option;
+    return nullptr;
 }
 
 int run_command_line(std::span<const Command> commands, std::span<char *const> words) {

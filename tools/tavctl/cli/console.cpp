@@ -1,6 +1,3 @@
-#include "cli/console.h"
-
-#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <clocale>
@@ -8,12 +5,10 @@
 #include <cstdio>
 #include <cwchar>
 #include <cwctype>
-#include <iostream>
 
 #include <sys/ioctl.h>
-#include <unistd.h>
 
-#include "cli/problem.h"
+#include "cli/cli.h"
 
 namespace tavctl {
 namespace {

@@ -1,19 +1,10 @@
-#include "cli/files.h"
 
-#include <cerrno>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "cli/problem.h"
+#include "cli/cli.h"
 #include "common/owned.h"
 #include "common/regular_file.h"
-#include "common/unique_fd.h"
 
 namespace tavctl {
 namespace {
-
-using tavipc::UniqueFd;
 
 void write_all(int fd, std::string_view content, const std::string &path) {
     while (!content.empty()) {
@@ -53,7 +44,7 @@ std::string read_file(const std::string &path, size_t limit) {
 }
 
 UniqueFd open_regular_file(const std::string &path) {
-    UniqueFd file = tavipc::open_regular(path.c_str(), O_RDONLY | O_NOCTTY);
+    UniqueFd file = tavipc::open_regular(path.c_str(), O_RDONLY);
     if (!file && (errno == EISDIR || errno == EINVAL))
         throw Problem(path + " is not a regular file", "give a regular file, or move it away");
     if (!file) throw system_problem("cannot open " + path);
@@ -64,36 +55,37 @@ std::string read_regular_file(const std::string &path, size_t limit) {
     return read_descriptor(open_regular_file(path).get(), path, limit);
 }
 
-std::vector<std::filesystem::path> files_in(const std::string &directory) {
-    std::vector<std::filesystem::path> paths;
+std::vector<fs::path> files_in(const std::string &directory) {
+    std::vector<fs::path> paths;
     std::error_code error;
-    for (auto entry = std::filesystem::directory_iterator(directory, error);
-         !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
+    for (auto entry = fs::directory_iterator(directory, error); !error && entry != fs::directory_iterator();
+         entry.increment(error))
         paths.push_back(entry->path());
     return paths;
 }
 
-NewFile::NewFile(const std::string &path, std::string_view content, unsigned mode)
+NewFile::NewFile(const std::string &path)
     : path_(real_path(path)), temporary_(path_ + ".tmp" + std::to_string(::getpid())) {
-    ::unlink(temporary_.path.c_str()); // of a killed process with the same id
-    const UniqueFd file(::open(temporary_.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!file) throw system_problem("cannot create " + temporary_.path, "may this user write there?");
+    ::unlink(temporary_.c_str()); // of a killed process with the same id
+}
+NewFile::~NewFile() { ::unlink(temporary_.c_str()); }
+
+NewFile::NewFile(const std::string &path, std::string_view content, unsigned mode) : NewFile(path) {
+    const UniqueFd file(::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file) throw system_problem("cannot create " + temporary_, "may this user write there?");
     struct stat before {};
     if (::stat(path_.c_str(), &before) == 0) {
         static_cast<void>(open_regular_file(path_)); // throws for other kinds
         mode = before.st_mode & 0777;
         if (::fchown(file.get(), before.st_uid, before.st_gid) != 0) errno = 0; // this user owns it then
     }
-    if (::fchmod(file.get(), mode) != 0) throw system_problem("cannot set the mode of " + temporary_.path);
-    write_all(file.get(), content, temporary_.path);
-    if (::fsync(file.get()) != 0) throw system_problem("cannot write " + temporary_.path);
+    if (::fchmod(file.get(), mode) != 0) throw system_problem("cannot set the mode of " + temporary_);
+    write_all(file.get(), content, temporary_);
+    if (::fsync(file.get()) != 0) throw system_problem("cannot write " + temporary_);
 }
 
-NewFile::Temporary::~Temporary() { ::unlink(path.c_str()); }
-
 void NewFile::put() {
-    if (::rename(temporary_.path.c_str(), path_.c_str()) != 0)
-        throw system_problem("cannot replace " + path_);
+    if (::rename(temporary_.c_str(), path_.c_str()) != 0) throw system_problem("cannot replace " + path_);
 }
 
 void write_file(const std::string &path, std::string_view content, unsigned mode) {

@@ -1,26 +1,14 @@
 // tavctl recvfile: moves each file that arrives into a directory, named after the time of its arrival. The
 // library passes only a temporary path; the sender and the file's name there are not known.
 #include <deque>
-#include <filesystem>
 #include <future>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
-
+#include "agent/agent.h"
 #include "commands.h"
-#include "common/unique_fd.h"
-#include "file/digest.h"
-#include "module/library_state.h"
 #include "module/module.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {
-
-using tavipc::UniqueFd;
 
 constexpr int kMostNames = 10'000; // with a number after them, for files of one second
 
@@ -32,20 +20,15 @@ struct Received {
     std::string error, remedy; // empty: it was stored
 };
 
-std::string free_text(const std::string &directory) {
-    struct statvfs info {};
-    if (statvfs(directory.c_str(), &info) != 0) return "";
-    return bytes_text(static_cast<double>(info.f_bavail) * static_cast<double>(info.f_frsize)) + " free in " +
-           harmless(directory);
-}
-
 Problem cannot_move(const std::string &what, const std::string &directory) {
-    const int error = errno;
-    const bool full = error == ENOSPC || error == EDQUOT;
-    const std::string remedy =
-        full ? "make room: " + free_text(directory) : "may this user write there? Is it mounted read-only?";
-    errno = error;
-    return system_problem(what + " to " + harmless(directory), remedy);
+    const int reason = errno;
+    std::error_code error;
+    const auto free = static_cast<double>(fs::space(directory, error).available);
+    errno = reason;
+    return system_problem(what + " to " + harmless(directory),
+                          reason == ENOSPC || reason == EDQUOT
+                              ? "make room: " + bytes_text(free) + " free in " + harmless(directory)
+                              : "may this user write there? Is it mounted read-only?");
 }
 
 // Gives a file the wanted name, or the first free one with a number after it, and returns its path; empty
@@ -77,7 +60,7 @@ std::string copy(const std::string &from, const std::string &directory, const st
     if (error) errno = error.value();
     if (!target || error || fsync(target.get()) != 0) {
         const int reason = errno;
-        static_cast<void>(ftruncate(target.get(), 0)); // or the message would count it as used space
+        static_cast<void>(ftruncate(target.get(), 0)); // the message shows the free space
         errno = reason;
         throw cannot_move("cannot copy it", directory);
     }
@@ -115,23 +98,22 @@ class Receiver {
     uint64_t arrived = 0, stored = 0, failed = 0;
 
     static int on_file(tav_ipc_st *, const char *path, void *user) {
-        static_cast<Receiver *>(user)->take(path);
+        auto &self = *static_cast<Receiver *>(user);
+        ++self.arrived;
+        self.storing_.push_back(std::async(store, self.directory_, Received{path, Stamp(), {}, {}, {}, {}}));
         return 0;
     }
     // Reports the files that are stored. With all: waits for the others.
     void report(bool all) {
         for (; !storing_.empty(); storing_.pop_front()) {
-            if (!all && storing_.front().wait_for(0s) == std::future_status::timeout) return;
+            if (!all && storing_.front().wait_for(std::chrono::seconds(0)) == std::future_status::timeout)
+                return;
             const Received file = storing_.front().get();
             file.error.empty() ? say(file) : say_failed(file);
         }
     }
 
   private:
-    void take(const char *path) {
-        ++arrived;
-        storing_.push_back(std::async(store, directory_, Received{path, Stamp(), {}, {}, {}, {}}));
-    }
     void say(const Received &file) {
         ++stored;
         Record record("type", "file", "time", file.time, "path", file.path);
@@ -144,9 +126,7 @@ class Receiver {
         Record record("type", "failed", "time", file.time, "path", moved ? file.path : file.temporary);
         out_.say(record.add("error", file.error, "remedy", file.remedy), "{time}  {path}: {error}",
                  (file.remedy.empty() ? "" : "\n  what to do: " + file.remedy) +
-                     (moved ? ""
-                            : "\n  It stays in /tmp; while tavctl runs, the library removes it after 5 "
-                              "minutes: copy it before."));
+                     (moved ? "" : "\n  It stays in /tmp for 5 minutes while tavctl runs: copy it before."));
     }
     Console &out_;
     const std::string directory_;
@@ -165,8 +145,9 @@ std::string usable_directory(const std::string &given) {
         const UniqueFd trial(mkostemp(path.data(), O_CLOEXEC));
         if (!trial) throw cannot_move("cannot write", directory);
         unlink(path.c_str());
-        struct statvfs space {};
-        if (fstatvfs(trial.get(), &space) == 0 && space.f_blocks > 0 && space.f_bavail == 0)
+        std::error_code error;
+        if (const fs::space_info space = fs::space(directory, error);
+            space.capacity > 0 && space.available == 0)
             throw Problem("no space is left in " + harmless(directory), "make room there");
     }
     return given.size() > 1 && given.ends_with('/') ? given.substr(0, given.size() - 1) : given;
@@ -185,7 +166,7 @@ int receive_files(Console &out, const Args &args) {
                 "receiving files as {as} into {directory}; Ctrl-C ends it");
         run_until([&] {
             receiver.report(false);
-            return args.number("count") > 0 && receiver.arrived >= args.number("count");
+            return args.count_reached(receiver.arrived);
         });
         pause(kLastDeparture_s);
     }

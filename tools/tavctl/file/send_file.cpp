@@ -1,14 +1,9 @@
 // tavctl sendfile: sends a whole file, with its progress and its digest.
-#include <algorithm>
 #include <cmath>
 #include <future>
 
-#include <sys/stat.h>
-
-#include "cli/files.h"
+#include "agent/agent.h"
 #include "commands.h"
-#include "file/digest.h"
-#include "module/library_state.h"
 #include "module/module.h"
 
 namespace tavctl {
@@ -47,23 +42,18 @@ Problem failed_transfer(const tav_addr_st &destination, int32_t code, uint64_t d
     const std::string who = address_text(destination);
     const std::string reached = done > 0 ? "; at least " + grouped(done) + " bytes had arrived" : "";
     const char *again = "send it again: ids are drawn anew each time";
-    const struct {
-        int32_t code;
-        std::string what, remedy;
-    } reasons[] = {{IPC_ERR_OPEN_FILE, "the library cannot open the file",
-                    "it needs one more descriptor and /proc: see ulimit -n"},
-                   {IPC_ERR_NOMEM, "the library has no memory for the transfer", "end other processes"},
-                   {IPC_ERR_FILE_ID, who + " is receiving a file of another sender under the same id", again},
-                   {IPC_ERR_FILE_CLOSED, who + " has a complete file of this id already", again},
-                   {IPC_ERR_IO, who + " cannot store the file",
-                    "make room in the receiver's /tmp (df /tmp), where unfinished files stay for 5 minutes; "
-                    "its log shows "
-                    "when it receives too many files at a time"},
-                   {IPC_ERR_NOT_SUPPORTED, who + " accepts no files",
-                    "its module must open the endpoint with accept_files; tavctl recvfile DIR receives files "
-                    "for a trial"}};
-    for (const auto &reason : reasons)
-        if (reason.code == code) return Problem(reason.what + reached, reason.remedy);
+    const std::tuple<int32_t, std::string, std::string> reasons[] = {
+        {IPC_ERR_OPEN_FILE, "the library cannot open the file",
+         "it needs one more descriptor and /proc: see ulimit -n"},
+        {IPC_ERR_NOMEM, "the library has no memory for the transfer", "end other processes"},
+        {IPC_ERR_FILE_ID, who + " is receiving a file of another sender under the same id", again},
+        {IPC_ERR_FILE_CLOSED, who + " has a complete file of this id already", again},
+        {IPC_ERR_IO, who + " cannot store the file",
+         "make room in the receiver's /tmp, where unfinished files stay for 5 minutes; see its log"},
+        {IPC_ERR_NOT_SUPPORTED, who + " accepts no files",
+         "its module must open the endpoint with accept_files; tavctl recvfile DIR does"}};
+    for (const auto &[known, what, remedy] : reasons)
+        if (known == code) return Problem(what + reached, remedy);
     const Problem why = failed_exchange(destination, code);
     return Problem(why.what() + reached, why.remedy(), why.status());
 }
@@ -83,13 +73,13 @@ void say_delivered(Console &out, Record &&record, const Exchange &transfer, int 
         record.add("bytes", nullptr, "sha256", nullptr);
     else
         record.add("bytes", digest.size, "sha256", digest.sha256);
-    out.say(record, changed ? "{to}: about " : "{to}: ",
-            grouped(digest.size) + " bytes delivered in " + time_text(transfer.took()) + ", " +
-                bytes_text(rate) + "/s" +
-                record.fill(changed
-                                ? ", file id {file_id}\n  the file changed meanwhile: what arrived may mix "
-                                  "both versions; the receiver knows its size"
-                                : ", file id {file_id}\n  sha256 {sha256}"));
+    const std::string pattern =
+        std::string(changed ? "{to}: about " : "{to}: ") + grouped(digest.size) + " bytes delivered in " +
+        time_text(transfer.took()) + ", " + bytes_text(rate) + "/s, file id {file_id}\n  " +
+        (changed
+             ? "the file changed meanwhile: what arrived may mix both versions; the receiver knows its size"
+             : "sha256 {sha256}");
+    out.say(record, pattern);
 }
 
 } // namespace
@@ -97,7 +87,7 @@ void say_delivered(Console &out, Record &&record, const Exchange &transfer, int 
 int send_file(Console &out, const Args &args) {
     const tav_addr_st destination = parse_address(args.text("NAME"));
     const std::string path = args.text("FILE");
-    const tavipc::UniqueFd file = open_regular_file(path);
+    const UniqueFd file = open_regular_file(path);
     struct stat info {};
     fstat(file.get(), &info);
     const auto size = static_cast<uint64_t>(info.st_size);

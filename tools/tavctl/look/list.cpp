@@ -1,14 +1,7 @@
 // tavctl list: the endpoints, whose they are, and the files that killed processes have left.
-#include <algorithm>
 #include <array>
-#include <cstring>
-#include <iostream>
-#include <map>
 #include <tuple>
 
-#include <unistd.h>
-
-#include "cli/problem.h"
 #include "commands.h"
 #include "look/sockets.h"
 #include "tavaux.h"
@@ -36,19 +29,15 @@ std::string age_text(time_t since) {
     return std::to_string(age / 86400) + " d";
 }
 
-std::string name_of_executable(const std::string &path) {
-    return path.empty() ? "-" : one_line(path.substr(path.rfind('/') + 1));
-}
-
 Row row_of(const SocketDirectory &directory, const SocketFile &file) {
     const std::string name = one_line(file.name) + "@" + std::to_string(directory.location);
-    const std::string process = file.process ? std::to_string(file.process) : "-";
+    const std::string executable = file.executable.substr(file.executable.rfind('/') + 1);
     return {name,
             state_text(file.state),
-            process,
+            file.process ? std::to_string(file.process) : "-",
             one_line(file.user),
             age_text(file.made),
-            name_of_executable(file.executable)};
+            executable.empty() ? "-" : one_line(executable)};
 }
 
 std::vector<Row> rows_of(const SocketDirectory &directory, bool pool) {
@@ -166,10 +155,8 @@ int clean(Console &out, const Scan &scan) {
     if (forbidden > 0)
         out.tell(counted(forbidden, "socket") + " forbidden to this user: run it as root to clean them too.");
     if (others > 0)
-        out.tell(
-            grouped(others) +
-            " stale in directories of other deployment types: clean them with --deploy-type TYPE, or with "
-            "the tavctl of their agent.");
+        out.tell(grouped(others) +
+                 " stale in directories of other deployment types: clean them with --deploy-type TYPE.");
     if (failed > 0) out.tell_remedy("run it as the owner of the directory, or as root");
     return failed > 0 ? kFailure : kSuccess;
 }

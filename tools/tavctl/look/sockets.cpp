@@ -1,51 +1,30 @@
 // A socket is live when connecting to it succeeds. The kernel's table of open sockets adds directories that
 // nobody has named, and processes; it only covers this network namespace.
-#include "look/sockets.h"
-
-#include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <map>
+#include <fstream>
 #include <set>
-#include <sstream>
 #include <tuple>
 #include <unordered_map>
 
-#include <fcntl.h>
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include "cli/console.h"
-#include "cli/files.h"
-#include "cli/problem.h"
 #include "common/facts.h"
-#include "common/unique_fd.h"
+#include "look/sockets.h"
 #include "tavaux.h"
-
-namespace fs = std::filesystem;
 
 namespace tavctl {
 namespace {
 
-using tavipc::UniqueFd;
-
-constexpr size_t kMostOfProc = 256 << 20; // bytes; a million sockets take half of it
-
+// The effective user.
 std::string user_of_process(const std::string &directory) {
-    try {
-        std::istringstream lines(read_file(directory + "/status", 65536));
-        unsigned real = 0, effective = 0;
-        for (std::string line; std::getline(lines, line);)
-            if (std::sscanf(line.c_str(), "Uid: %u %u", &real, &effective) == 2) return user_name(effective);
-    } catch (const Problem &) { // the process has ended
-    }
-    return "-";
+    std::ifstream lines(directory + "/status");
+    unsigned real = 0, effective = 0;
+    for (std::string line; std::getline(lines, line);)
+        if (std::sscanf(line.c_str(), "Uid: %u %u", &real, &effective) == 2) return user_name(effective);
+    return "-"; // the process has ended
 }
 
 // Path -> inode number of the datagram socket that is bound to it in this network namespace; 0 where that is
@@ -57,11 +36,7 @@ Inodes open_sockets() {
     constexpr unsigned kDatagram = 2;
     Inodes inodes;
     std::unordered_map<uint64_t, int> claims;
-    std::istringstream lines;
-    try {
-        lines.str(read_file("/proc/net/unix", kMostOfProc));
-    } catch (const Problem &) { // the processes stay unknown
-    }
+    std::ifstream lines("/proc/net/unix"); // without it the processes stay unknown
     for (std::string line; std::getline(lines, line);) {
         unsigned type = 0;
         unsigned long long inode = 0;
@@ -79,10 +54,7 @@ Inodes open_sockets() {
     return inodes;
 }
 
-struct Owner {
-    pid_t process = 0;
-    std::string executable, user;
-};
+using Owner = std::tuple<pid_t, std::string, std::string>; // process, executable, user
 // The processes that have these sockets open: one pass over /proc.
 std::unordered_map<uint64_t, Owner> find_owners(const Inodes &sockets) {
     std::set<uint64_t> wanted;
@@ -99,7 +71,8 @@ std::unordered_map<uint64_t, Owner> find_owners(const Inodes &sockets) {
             if (std::sscanf(target.c_str(), "socket:[%llu]", &inode) != 1 || !wanted.contains(inode) ||
                 owners.contains(inode))
                 continue;
-            owners[inode] = {static_cast<pid_t>(number), fs::read_symlink(directory + "/exe", closed),
+            owners[inode] = {static_cast<pid_t>(number),
+                             fs::read_symlink(directory + "/exe", closed).string(),
                              user_of_process(directory)};
         }
     }
@@ -125,11 +98,7 @@ class Finder {
         std::error_code error;
         const fs::path real = fs::canonical(path, error);
         if (!seen_.insert(error ? fs::path(path) : real).second) return;
-        SocketDirectory &directory = directories.emplace_back();
-        directory.path = path;
-        directory.location = static_cast<int>(location);
-        directory.own = own;
-        directory.named = named;
+        directories.push_back({path, static_cast<int>(location), own, named, {}, 0, {}});
     }
     void add_below(const std::string &base, bool own, bool named) {
         for (const fs::path &path : files_in(base)) {
@@ -200,16 +169,14 @@ void read_directory(SocketDirectory &directory) {
         else if (file.state != SocketState::kMissing)
             directory.sockets.push_back(std::move(file));
     }
-    std::ranges::sort(directory.sockets, [](const SocketFile &a, const SocketFile &b) {
-        return std::tie(a.sender, a.name) < std::tie(b.sender, b.name);
-    });
+    std::ranges::sort(directory.sockets, {},
+                      [](const SocketFile &file) { return std::tie(file.sender, file.name); });
 }
 
 Scan read_all(std::vector<SocketDirectory> directories) {
     Scan scan{std::move(directories)};
-    std::ranges::sort(scan.directories, [](const SocketDirectory &a, const SocketDirectory &b) {
-        return std::tuple(!a.own, a.path) < std::tuple(!b.own, b.path);
-    });
+    std::ranges::sort(scan.directories, {},
+                      [](const SocketDirectory &each) { return std::tuple(!each.own, each.path); });
     for (SocketDirectory &directory : scan.directories) read_directory(directory);
     return scan;
 }
@@ -238,21 +205,14 @@ SocketState probe_socket(const std::string &path) {
     if (path.size() > tavipc::kLongestSocketPath) return SocketState::kForbidden;
     path.copy(address.sun_path, path.size());
     const UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+    // EAGAIN, EPERM: it is connected, as sending sockets are, and only takes datagrams of its peer.
+    if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
+        errno == EAGAIN || errno == EPERM)
         return SocketState::kLive;
-    switch (errno) {
-    case ECONNREFUSED:
-        return SocketState::kStale;
-    case ENOENT:
-        return SocketState::kMissing;
-    case EPROTOTYPE: // a stream socket: not of the library
-        return SocketState::kNoSocket;
-    case EAGAIN:
-    case EPERM: // it is connected, as sending sockets are, and only takes datagrams of its peer
-        return SocketState::kLive;
-    default:
-        return SocketState::kForbidden;
-    }
+    if (errno == ECONNREFUSED) return SocketState::kStale;
+    if (errno == ENOENT) return SocketState::kMissing;
+    // EPROTOTYPE: a stream socket, which is not of the library
+    return errno == EPROTOTYPE ? SocketState::kNoSocket : SocketState::kForbidden;
 }
 
 Scan scan_known(const std::vector<std::string> &deploy_types) {
@@ -270,11 +230,7 @@ Scan scan_everything(const std::vector<std::string> &deploy_types) {
             const auto open = inodes.find(fs::path(directory.path + "/" + file.name).lexically_normal());
             const bool live = file.state == SocketState::kLive;
             const auto owner = live && open != inodes.end() ? owners.find(open->second) : owners.end();
-            if (owner != owners.end()) {
-                file.process = owner->second.process;
-                file.executable = owner->second.executable;
-                file.user = owner->second.user;
-            }
+            if (owner != owners.end()) std::tie(file.process, file.executable, file.user) = owner->second;
             scan.incomplete |= file.state == SocketState::kForbidden || (live && file.process == 0);
         }
     return scan;

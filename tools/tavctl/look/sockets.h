@@ -1,11 +1,7 @@
 // Socket files: whether a process has one open, and all of them on this machine.
 #pragma once
 
-#include <ctime>
-#include <string>
-#include <vector>
-
-#include <sys/types.h>
+#include "cli/cli.h"
 
 namespace tavctl {
 

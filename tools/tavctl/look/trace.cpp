@@ -1,19 +1,8 @@
 // tavctl trace and explain: the message trace, and the header of a datagram.
-#include <algorithm>
-#include <cstring>
-#include <span>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "cli/files.h"
-#include "cli/problem.h"
 #include "commands.h"
 #include "common/facts.h"
-#include "common/unique_fd.h"
-#include "module/payload.h"
-#include "tavipc/tav_ipc.h"
+#include "module/module.h"
 
 namespace tavctl {
 namespace {
@@ -59,8 +48,7 @@ int show(Console &out) {
 
 int switch_on(Console &out) {
     // Anybody may write to /tmp: an existing file is left as it is, and a link is not followed.
-    const tavipc::UniqueFd file(
-        open(kTraceSwitch, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    const UniqueFd file(open(kTraceSwitch, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!file && errno != EEXIST)
         throw system_problem(std::string("cannot make ") + kTraceSwitch, "may this user write to /tmp?");
     out.say(Record("switch", kTraceSwitch, "on", true), file ? "{switch}: ON" : "{switch}: was on already",
@@ -80,10 +68,7 @@ int switch_off(Console &out) {
 
 constexpr size_t kLongestInput = 1 << 20; // bytes
 
-struct Flag {
-    unsigned bit;
-    const char *name;
-};
+using Flag = std::pair<unsigned, const char *>; // bit and name
 constexpr Flag kMessageFlags[] = {
     {IPC_FLAG_ACK, "ACK"},     {IPC_FLAG_NEED_ACK, "NEED_ACK"},     {IPC_FLAG_FILE, "FILE"},
     {IPC_FLAG_PROBE, "PROBE"}, {IPC_FLAG_REQUEST, "REQUEST"},       {IPC_FLAG_RESPONSE, "RESPONSE"},
@@ -98,27 +83,21 @@ std::string hex_number(uint32_t number, int digits) {
 
 std::string flags_text(unsigned flags, std::span<const Flag> names) {
     std::string text;
-    for (const Flag &flag : names)
-        if (flags & flag.bit) {
-            text += std::string(text.empty() ? "" : " ") + flag.name;
-            flags &= ~flag.bit;
-        }
+    for (const auto &[bit, name] : names)
+        if (flags & bit) text += std::string(text.empty() ? "" : " ") + name;
+    for (const auto &[bit, name] : names) flags &= ~bit;
     if (flags != 0) text += std::string(text.empty() ? "" : " ") + "others " + hex_number(flags, 1);
     return text.empty() ? "none" : text;
 }
 
-std::string address_line(const tav_addr_st &address) {
-    const size_t length = strnlen(address.name, sizeof address.name);
-    return "\"" + harmless({address.name, length}) + "\"" +
-           (length > TAV_IPC_NAME_MAX ? " (not terminated)" : "") + ", location " +
-           std::to_string(address.loc) + ", host " + std::to_string(address.hostid) + ", flags " +
-           flags_text(address.flags, kAddressFlags);
-}
-
-void add_address(Record &record, const std::string &prefix, const tav_addr_st &address) {
+// Adds the fields of an address. Returns the pattern of its line.
+std::string add_address(Record &record, const std::string &prefix, const tav_addr_st &address) {
     const std::string_view name(address.name, strnlen(address.name, sizeof address.name));
     record.add(prefix + "_name", name, prefix + "_location", address.loc);
     record.add(prefix + "_hostid", address.hostid, prefix + "_flags", address.flags);
+    return "\"{" + prefix + "_name}\"" + (name.size() > TAV_IPC_NAME_MAX ? " (not terminated)" : "") +
+           ", location {" + prefix + "_location}, host {" + prefix + "_hostid}, flags " +
+           flags_text(address.flags, kAddressFlags) + "\n";
 }
 
 // A datagram as a receiver sees it.
@@ -157,35 +136,6 @@ struct Datagram {
     }
 };
 
-constexpr char kHeader[] = R"( 0  dest       {dest}
-16  src        {src}
-32  reqid      {reqid}
-36  flags      {flags}
-38  rflags     {rflags}
-40  cmd        {cmd}
-44  size       {size,} bytes
-48  frag_orig  {frag_orig,}{whole}
-52  frag_word  {fragment}
-54  frag_id    {frag_id}
-56  magic      {magic}
-60  payload    {payload,} bytes here)";
-
-std::string text_of(const Datagram &datagram) {
-    const tav_ipc_hdr_st &header = datagram.header;
-    const std::string expected = hex_number(datagram.expected, 8);
-    Record text("dest", address_line(header.dest), "src", address_line(header.src), "reqid", header.reqid);
-    text.add("flags", hex_number(header.flags, 4) + ": " + flags_text(header.flags, kMessageFlags));
-    text.add("rflags", hex_number(header.rflags, 4), "cmd", header.cmd, "size", header.size);
-    text.add("frag_orig", header.frag_orig, "whole", datagram.fragment ? " bytes in the whole message" : "");
-    text.add("fragment",
-             datagram.fragment ? "fragment " + std::to_string(datagram.sequence) : "not a fragment");
-    text.add("frag_id", header.frag_id, "payload", datagram.payload);
-    text.add("magic",
-             hex_number(header.magic, 8) +
-                 (header.magic == datagram.expected ? ", right" : ", WRONG: it should be " + expected));
-    return text.fill(kHeader);
-}
-
 } // namespace
 
 int trace(Console &out, const Args &args) {
@@ -203,16 +153,25 @@ int explain(Console &out, const Args &args) {
                                 : parse_hex(read_descriptor(STDIN_FILENO, "standard input", kLongestInput)));
     const tav_ipc_hdr_st &header = datagram.header;
     const std::string objection = datagram.objection();
+    const bool right = header.magic == datagram.expected, fragment = datagram.fragment;
     Record record;
-    add_address(record, "dest", header.dest);
-    add_address(record, "src", header.src);
+    std::string text = " 0  dest       " + add_address(record, "dest", header.dest);
+    text += "16  src        " + add_address(record, "src", header.src);
     record.add("reqid", header.reqid, "flags", header.flags);
     record.add("flag_names", flags_text(header.flags, kMessageFlags));
+    text += "32  reqid      {reqid}\n36  flags      " + hex_number(header.flags, 4) + ": {flag_names}\n";
     record.add("rflags", header.rflags, "cmd", header.cmd, "size", header.size, "frag_orig",
                header.frag_orig);
-    record.add("fragment", datagram.fragment, "sequence", datagram.sequence, "frag_id", header.frag_id);
+    text += "38  rflags     " + hex_number(header.rflags, 4) + "\n40  cmd        {cmd}\n";
+    text += "44  size       {size,} bytes\n48  frag_orig  {frag_orig,}";
+    record.add("fragment", fragment, "sequence", datagram.sequence, "frag_id", header.frag_id);
+    text += fragment ? " bytes in the whole message\n52  frag_word  fragment {sequence}\n"
+                     : "\n52  frag_word  not a fragment\n";
     record.add("magic", header.magic, "magic_expected", datagram.expected, "payload", datagram.payload);
-    out.say(record.add("valid", objection.empty()), "", text_of(datagram));
+    text += "54  frag_id    {frag_id}\n56  magic      " + hex_number(header.magic, 8) +
+            (right ? ", right" : ", WRONG: it should be " + hex_number(datagram.expected, 8)) +
+            "\n60  payload    {payload,} bytes here";
+    out.say(record.add("valid", objection.empty()), text);
     if (!objection.empty()) out.tell("  " + objection);
     return objection.empty() ? kSuccess : kFailure;
 }

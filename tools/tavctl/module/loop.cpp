@@ -1,21 +1,16 @@
-// The event loop of a command, and the library's log.
-#include <algorithm>
+// The event loop of a command, the library's log, and what the library has no call for.
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <ctime>
-#include <iostream>
 
-#include <unistd.h>
-
-#include "cli/console.h"
+#include "common/facts.h"
 #include "module/module.h"
 #include "tavbase.h"
 
 namespace tavctl {
 namespace {
 
-constexpr size_t kKeptLines = 256; // the newest; a command reports a few of them at most
-constexpr int64_t kSlice_ms = 100; // a signal does not end a turn of the loop
+constexpr double kSlice_ms = 100; // a signal does not end a turn of the loop
 
 volatile std::sig_atomic_t interrupts = 0;
 void on_interrupt(int signal) {
@@ -27,9 +22,10 @@ void on_interrupt(int signal) {
 }
 
 struct Log {
-    std::vector<std::string> lines;
+    std::string newest; // line of level 2 or less
     bool verbose = false;
-    void (*watch)(const std::string &line) = nullptr;
+    uint64_t retries = 0; // attempts to send that the library will repeat
+    std::string dropped;  // the first line that reports a dropped message
 };
 Log &kept_log() {
     static Log log;
@@ -41,23 +37,24 @@ void keep_line(int level, const char *source, int, const char *text, void *) {
     std::string line(text);
     while (line.ends_with('\n')) line.pop_back();
     if (log.verbose) std::cerr << "[" << level << " " << source << "] " << harmless(line) << std::endl;
-    if (log.watch) log.watch(line);
-    if (level > 2) return;
-    if (log.lines.size() == kKeptLines) log.lines.erase(log.lines.begin());
-    log.lines.push_back(line);
+    log.retries += line.find("retry later") != line.npos;
+    if (log.dropped.empty() && line.find("drop it|") != line.npos) log.dropped = line;
+    if (level <= 2) log.newest = line;
 }
 
 bool may_end = false;
 void explain_end() {
     if (!may_end) return;
-    const auto &lines = kept_log().lines;
-    std::cerr << "tavctl: the library ended the process while it determined the agent id"
-              << (lines.empty() ? "" : ": " + lines.back()) << "\n  what to do: tavctl doctor" << std::endl;
+    std::cerr << "tavctl: the library ended the process while it determined the agent id" << take_reason()
+              << "\n  what to do: tavctl doctor" << std::endl;
 }
 void on_abort(int) {
     explain_end();
     _exit(kFailure);
 }
+
+// An attempt to send ends after 1 s; the library repeats it after another second, and logs that it will.
+constexpr double kAttempt_s = 1.2, kAttemptAndPause_s = 2.5;
 
 } // namespace
 
@@ -69,31 +66,24 @@ void catch_interrupts() {
 }
 bool interrupted() { return interrupts > 0; }
 
-Wait run_until(const std::function<bool()> &done, std::optional<Milliseconds> limit) {
-    const double end = limit ? now_seconds() + std::chrono::duration<double>(*limit).count() : 0;
+Wait run_until(const std::function<bool()> &done, double limit_s) {
+    const double end = now_seconds() + limit_s;
     for (;;) {
         if (done()) return Wait::kDone;
-        if (!std::cout) return Wait::kInterrupted; // the reader has gone: output would be lost
-        if (interrupted()) return Wait::kInterrupted;
-        int64_t slice_ms = kSlice_ms;
-        if (limit) {
-            const double left = end - now_seconds();
-            if (left <= 0) return Wait::kTimeout;
-            slice_ms = std::min(slice_ms, static_cast<int64_t>(left * 1000) + 1);
-        }
-        if (cl_event_loop_run_once(static_cast<int>(slice_ms)) <= 0)
+        if (!std::cout || interrupted()) return Wait::kInterrupted; // without a reader output would be lost
+        const double left_ms = (end - now_seconds()) * 1000;
+        if (left_ms <= 0) return Wait::kTimeout;
+        if (cl_event_loop_run_once(static_cast<int>(std::min(kSlice_ms, left_ms + 1))) <= 0)
             return done() ? Wait::kDone : Wait::kNothingLeft;
     }
 }
 
 void pause(double seconds) {
-    if (seconds > 0) run_until([] { return false; }, Milliseconds(static_cast<int64_t>(seconds * 1000)));
+    if (seconds > 0) run_until([] { return false; }, seconds);
 }
 
 double now_seconds() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 void keep_log(bool verbose) {
@@ -106,21 +96,66 @@ void keep_log(bool verbose) {
     error_output_set_sink(keep_line, nullptr);
 }
 
-std::vector<std::string> take_log() { return std::exchange(kept_log().lines, {}); }
-
-void watch_log(void (*watch)(const std::string &line)) {
-    kept_log().watch = watch;
-    error_output_set_level(4);
+std::string take_reason() {
+    const std::string line = std::exchange(kept_log().newest, {});
+    return line.empty() ? line : ": " + line;
 }
 
-MayEndProcess::MayEndProcess() : before_(std::signal(SIGABRT, on_abort)) {
+void may_end_process(const std::function<void()> &call) {
     static const int registered = std::atexit(explain_end);
     static_cast<void>(registered);
+    const auto before = std::signal(SIGABRT, on_abort);
     may_end = true;
-}
-MayEndProcess::~MayEndProcess() {
+    call();
     may_end = false;
-    std::signal(SIGABRT, before_);
+    std::signal(SIGABRT, before);
+}
+
+void watch_departures() { error_output_set_level(4); }
+
+// The library writes a line when it repeats an attempt and when it drops a message. Once it has been silent
+// for longer than an attempt and the pause before the next, all messages have left.
+void wait_for_departures(const tav_addr_st &destination) {
+    const Log &log = kept_log();
+    const uint64_t retries_before = log.retries;
+    uint64_t seen = log.retries;
+    double since = now_seconds();
+    const Wait ended = run_until([&] {
+        if (log.retries != seen) since = now_seconds();
+        seen = log.retries;
+        const double silent_s = seen == retries_before ? kAttempt_s : kAttemptAndPause_s;
+        return !log.dropped.empty() || now_seconds() - since > silent_s;
+    });
+    if (ended == Wait::kInterrupted) throw Problem("interrupted before the message had left");
+    if (!log.dropped.empty()) throw Problem("dropped: " + log.dropped, silence(destination).remedy());
+}
+
+// A new descriptor is the lowest free one: a trial tells which one the library gets.
+FilePosition::FilePosition(int file, const std::function<void()> &begin)
+    : library_fd_(UniqueFd(dup(file)).get()) {
+    fstat(file, &file_);
+    begin();
+}
+
+std::optional<uint64_t> FilePosition::get() const {
+    struct stat now {};
+    if (fstat(library_fd_, &now) != 0 || now.st_dev != file_.st_dev || now.st_ino != file_.st_ino) return {};
+    const off_t at = lseek(library_fd_, 0, SEEK_CUR);
+    return at < 0 ? std::optional<uint64_t>() : at;
+}
+
+// A file that is being received is open for writing; one that is complete is at most open for reading.
+unsigned drop_unfinished_files() {
+    const std::string_view pattern = tavipc::kReceivedFile, prefix = pattern.substr(0, pattern.find('X'));
+    unsigned count = 0;
+    for (const fs::path &fd : files_in("/proc/self/fd")) {
+        std::error_code closed;
+        const std::string target = fs::read_symlink(fd, closed);
+        const fs::perms mode = fs::symlink_status(fd, closed).permissions();
+        const bool writes = !closed && (mode & fs::perms::owner_write) != fs::perms::none;
+        if (writes && target.starts_with(prefix) && unlink(target.c_str()) == 0) ++count;
+    }
+    return count;
 }
 
 } // namespace tavctl

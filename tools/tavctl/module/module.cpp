@@ -1,15 +1,9 @@
-#include "module/module.h"
-
 #include <charconv>
-#include <cstring>
 
-#include <unistd.h>
-
-#include "agent/allowlist.h"
-#include "agent/identity.h"
-#include "cli/console.h"
+#include "agent/agent.h"
 #include "common/facts.h"
 #include "look/sockets.h"
+#include "module/module.h"
 #include "tavaux.h"
 #include "tavipc/tav_agentid.h"
 
@@ -27,10 +21,21 @@ Problem refusal(const std::string &name) {
     if (probe_socket(path) == SocketState::kLive)
         return Problem("the endpoint name " + name + " is in use: " + path,
                        "give another name (tavctl list shows those taken)");
-    const auto lines = take_log();
-    return Problem("cannot open the endpoint " + name + " at " + path +
-                       (lines.empty() ? "" : ": " + lines.back()),
+    return Problem("cannot open the endpoint " + name + " at " + path + take_reason(),
                    "tavctl doctor examines the directory and the identity");
+}
+
+// Refuses a name under which the library would not open an endpoint.
+void check_may_open(const std::string &name) {
+    parse_address(name); // refuses what is not a name
+    if (name.find('@') != std::string::npos)
+        throw misuse("\"" + name + "\": the tool's own endpoint has no location");
+    if (c_get_process() != 0) throw refusal(name);
+    // The library would make an id and store it: only tavctl id --create does that.
+    const std::string path = configuration_directory() + "/machineid";
+    if (!IsCNAPPAgent() && ReadAgentid(path.c_str()) == 0)
+        throw Problem("there is no agent id in " + path + " yet",
+                      "start a module of the agent, or make one: tavctl id --create");
 }
 
 } // namespace
@@ -64,30 +69,19 @@ std::string socket_directory(int location) {
            std::to_string(location);
 }
 
-std::string unique_name() {
-    char digits[16];
-    const auto end = std::to_chars(digits, digits + sizeof digits, getpid(), 36).ptr;
-    return "ctl" + std::string(digits, end);
-}
-
-void check_may_open(const std::string &name) {
-    parse_address(name); // refuses what is not a name
-    if (name.find('@') != std::string::npos)
-        throw misuse("\"" + name + "\": the tool's own endpoint has no location");
-    if (c_get_process() != 0) throw refusal(name);
-    // The library would make an id and store it: only tavctl id --create does that.
-    const std::string path = configuration_directory() + "/machineid";
-    if (!IsCNAPPAgent() && ReadAgentid(path.c_str()) == 0)
-        throw Problem("there is no agent id in " + path + " yet",
-                      "start a module of the agent, or make one: tavctl id --create");
+std::string configuration_directory() {
+    char directory[1024] = "";
+    GetTAVConfPath(directory, sizeof directory);
+    return directory;
 }
 
 Module::Module(const std::string &name, bool accept_files) {
-    const std::string used = name.empty() ? unique_name() : name;
+    char digits[16] = ""; // of the process id in base 36: the name has at most 9 characters
+    std::to_chars(digits, std::end(digits), getpid(), 36);
+    const std::string used = name.empty() ? std::string("ctl") + digits : name;
     check_may_open(used);
-    take_log();
-    const MayEndProcess explained;
-    ipc_ = tav_ipc_create_temp(used.c_str(), accept_files);
+    take_reason();
+    may_end_process([&] { ipc_ = tav_ipc_create_temp(used.c_str(), accept_files); });
     if (!ipc_) throw refusal(used);
 }
 
@@ -107,9 +101,7 @@ Problem silence(const tav_addr_st &address) {
         return Problem(
             silent, "messages for another location go through its proxy endpoint: does it run? tavctl list",
             kNoAnswer);
-    const struct {
-        std::string reason, remedy;
-    } reasons[] = {
+    const std::pair<std::string, std::string> reasons[] = {
         // by SocketState
         {": there is no socket " + path, "start the module, or see which endpoints there are: tavctl list"},
         {", although its socket is open",
@@ -126,9 +118,9 @@ Problem silence(const tav_addr_st &address) {
 
 Problem failed_exchange(const tav_addr_st &address, int code) {
     if (code == IPC_ERR_TIMEOUT) return silence(address);
-    const auto lines = take_log();
+    const std::string reason = take_reason();
     return Problem(address_text(address) + ": " + tav_ipc_strerror(code) + " (" + std::to_string(code) + ")",
-                   lines.empty() ? "tavctl --verbose shows the library's log" : lines.back());
+                   reason.empty() ? "tavctl --verbose shows the library's log" : reason.substr(2));
 }
 
 } // namespace tavctl

@@ -1,30 +1,24 @@
 // The tool as a module: its endpoint, its event loop, its exchanges, the library's log, and why one fails.
 #pragma once
 
-#include <chrono>
 #include <functional>
+#include <limits>
 #include <optional>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "cli/problem.h"
+#include "cli/cli.h"
 #include "tavipc/tav_ipc.h"
 
 namespace tavctl {
 
 // --- the event loop (loop.cpp)
-using namespace std::chrono_literals;
-using Milliseconds = std::chrono::milliseconds;
-
 // From now on a first Ctrl-C or SIGTERM ends a wait instead of the process, so that statistics are printed
 // and socket files are removed. A second one ends the process.
 void catch_interrupts();
 bool interrupted();
 
 enum class Wait { kDone, kTimeout, kInterrupted, kNothingLeft };
-// Runs the loop until done() holds or the limit is over. done is called after each turn.
-Wait run_until(const std::function<bool()> &done, std::optional<Milliseconds> limit = {});
+// Runs the loop until done() holds or the time is over. done is called after each turn.
+Wait run_until(const std::function<bool()> &done, double limit_s = std::numeric_limits<double>::infinity());
 // Runs the loop for this time, unless interrupted.
 void pause(double seconds);
 // What was passed to the library last leaves while the loop runs, long before this time is over.
@@ -34,22 +28,12 @@ double now_seconds(); // monotonic
 // --- the library's log, kept instead of written (loop.cpp)
 // verbose: each line is also written to standard error, at the level of TAV_LOG_LEVEL (4 when it is not set).
 void keep_log(bool verbose);
-// The lines of level 2 or less since the last call, oldest first.
-std::vector<std::string> take_log();
-// Calls watch for each line of level 4 or less.
-void watch_log(void (*watch)(const std::string &line));
+// The newest line of level 2 or less since the last call, after ": "; empty without one.
+std::string take_reason();
 
-// The library ends the process when it needs an agent id and cannot determine one. While an object of this
-// class lives, the reason is written to standard error then.
-class MayEndProcess {
-  public:
-    MayEndProcess();
-    ~MayEndProcess();
-    MayEndProcess(const MayEndProcess &) = delete;
-
-  private:
-    void (*before_)(int); // handler of SIGABRT
-};
+// The library ends the process when it needs an agent id and cannot determine one. While call runs, the
+// reason is written to standard error then. call does not throw.
+void may_end_process(const std::function<void()> &call);
 
 // --- addresses
 // Reads NAME or NAME@LOCATION; throws misuse. Location 0 is this machine's own.
@@ -58,15 +42,11 @@ tav_addr_st parse_address(const std::string &text, uint8_t flags = 0);
 std::string address_text(const tav_addr_st &address);
 // Directory of the socket files of a location.
 std::string socket_directory(int location);
-std::string unique_name(); // "ctl" and the process id in base 36: at most 8 characters
+std::string configuration_directory(); // as the library finds it
 
 // --- endpoints and exchanges
-// Throws Problem, with the reason and the remedy, when the tool may not open an endpoint of this name or
-// would have to make an agent id for it.
-void check_may_open(const std::string &name);
-
 // An endpoint of the tool, with a name of its own unless one is given. Throws Problem with the reason and the
-// remedy when the library refuses it.
+// remedy when the library refuses it, or would have to make an agent id for it.
 class Module {
   public:
     explicit Module(const std::string &name = {}, bool accept_files = false);
@@ -88,8 +68,8 @@ struct Exchange {
     int32_t code = 0; // of the library
     double begin = now_seconds(), end = 0;
     double took() const { return end - begin; }
-    Wait wait() const {
-        return run_until([this] { return ended; });
+    Wait wait(double limit_s = std::numeric_limits<double>::infinity()) const {
+        return run_until([this] { return ended; }, limit_s);
     }
     static int on_status(int32_t code, void *exchange);
 };
@@ -98,5 +78,49 @@ struct Exchange {
 Problem silence(const tav_addr_st &address);
 // Why an exchange ended with a code other than 0.
 Problem failed_exchange(const tav_addr_st &address, int code);
+
+// --- payloads: made from the command line, and shown (payload.cpp)
+// The payload that the options describe, with the header of an application message where one is asked for.
+// Throws Problem.
+std::string make_payload(const Args &args);
+uint8_t address_flags(const Args &args); // of the destination
+
+// Reads hexadecimal text ("00 ff", "00FF", "0x00ff"); throws misuse.
+std::string parse_hex(std::string_view text);
+
+// What compression would make of an application message: ", compressed to 120 bytes", or why it would not.
+std::string compression_text(const std::string &payload);
+
+// Adds size and text or hexadecimal digits to the record. Returns the same as lines for people, each after a
+// line end.
+std::string describe_payload(Record &record, std::string_view payload, const Args &args);
+// Writes the bytes alone to standard output.
+void write_raw(std::string_view payload);
+
+// --- what the library has no call for (loop.cpp): whether messages have left, how far a file
+// transfer is, and which received files are unfinished. Each function rests on how the library works inside.
+
+// Waits until messages that nobody confirms have left for the destination. Call watch_departures before they
+// are sent. Throws Problem when one was dropped, and when the wait was interrupted.
+void watch_departures();
+void wait_for_departures(const tav_addr_st &destination);
+
+// The position in a file that the library reads from: the bytes before it have been read, but for up to two
+// chunks of 64,000 bytes not yet confirmed.
+class FilePosition {
+  public:
+    // begin starts the transfer of the open file.
+    FilePosition(int file, const std::function<void()> &begin);
+    // Empty when the library has closed the file, or never opened it.
+    std::optional<uint64_t> get() const;
+
+  private:
+    int library_fd_;
+    struct stat file_ {};
+};
+
+// Removes the files that this process is receiving and that are not complete; its end would leave them
+// behind. Returns how many there were.
+unsigned drop_unfinished_files();
 
 } // namespace tavctl

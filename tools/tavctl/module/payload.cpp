@@ -1,18 +1,11 @@
-#include "module/payload.h"
-
+#include <charconv>
 #include <cstdlib>
-#include <cstring>
-#include <iostream>
 
-#include <unistd.h>
-
-#include "cli/console.h"
-#include "cli/files.h"
-#include "cli/problem.h"
+#include "common/big_endian.h"
 #include "common/facts.h"
 #include "common/owned.h"
+#include "module/module.h"
 #include "tavipc/tav_compress.h"
-#include "tavipc/tav_ipc.h"
 
 namespace tavctl {
 namespace {
@@ -21,17 +14,11 @@ constexpr char kAppMark[] = "3200"; // the first bytes of an application message
 constexpr size_t kPriorityAt = 15, kLengthAt = 16;
 constexpr size_t kShownBytes = 256; // by commands without --max-bytes
 
-uint32_t be32(const char *bytes) {
-    uint32_t number = 0;
-    for (int i = 0; i < 4; ++i) number = number << 8 | static_cast<unsigned char>(bytes[i]);
-    return number;
-}
-
 std::string app_message(const std::string &body, unsigned priority) {
     std::string message(TAV_APP_HEADER_SIZE, '\0');
     std::memcpy(message.data(), kAppMark, 4);
     message[kPriorityAt] = static_cast<char>(priority);
-    for (size_t i = 0; i < 4; ++i) message[kLengthAt + i] = static_cast<char>(body.size() >> (24 - 8 * i));
+    tavipc::store_be32(&message[kLengthAt], static_cast<uint32_t>(body.size()));
     return message + body;
 }
 
@@ -73,20 +60,19 @@ std::string make_payload(const Args &args) {
 }
 
 std::string parse_hex(std::string_view text) {
-    constexpr std::string_view kDigits = "0123456789abcdef", kSkipped = " \t\r\n:,";
-    std::string bytes;
-    size_t high = kDigits.npos;
+    const char *remedy = "two digits for each byte; blanks are skipped";
     if (text.starts_with("0x") || text.starts_with("0X")) text.remove_prefix(2);
-    for (const char c : text) {
-        if (kSkipped.find(c) != kSkipped.npos) continue;
-        const size_t digit = kDigits.find(c >= 'A' && c <= 'F' ? static_cast<char>(c + 32) : c);
-        if (digit == kDigits.npos)
-            throw misuse(std::string("\"") + c + "\" is not a hexadecimal digit",
-                         "two digits for each byte; blanks are skipped");
-        if (high != kDigits.npos) bytes += static_cast<char>(high << 4 | digit);
-        high = high == kDigits.npos ? digit : kDigits.npos;
+    std::string digits(text), bytes;
+    std::erase_if(digits,
+                  [](char c) { return std::string_view(" \t\r\n:,").find(c) != std::string_view::npos; });
+    if (const size_t at = digits.find_first_not_of("0123456789abcdefABCDEF"); at != digits.npos)
+        throw misuse(std::string("\"") + digits[at] + "\" is not a hexadecimal digit", remedy);
+    if (digits.size() % 2 != 0) throw misuse("an odd number of hexadecimal digits", remedy);
+    for (const char *at = digits.c_str(); *at; at += 2) {
+        unsigned byte = 0;
+        std::from_chars(at, at + 2, byte, 16);
+        bytes += static_cast<char>(byte);
     }
-    if (high != kDigits.npos) throw misuse("an odd number of hexadecimal digits", "two digits for each byte");
     return bytes;
 }
 
@@ -99,7 +85,8 @@ std::string compression_text(const std::string &payload) {
     if (result == TAV_COMPRESS_NO_GAIN) return ", not compressed: it would not be shorter";
     if (result != TAV_COMPRESS_OK) return ", not compressed: error " + std::to_string(result);
     return ", compressed to " +
-           grouped(TAV_APP_HEADER_SIZE + be32(static_cast<const char *>(packed) + kLengthAt)) + " bytes";
+           grouped(TAV_APP_HEADER_SIZE + tavipc::load_be32(static_cast<const char *>(packed) + kLengthAt)) +
+           " bytes";
 }
 
 std::string describe_payload(Record &record, std::string_view payload, const Args &args) {
@@ -109,7 +96,7 @@ std::string describe_payload(Record &record, std::string_view payload, const Arg
     record.add("size", payload.size(), "app", app);
     if (app) {
         record.add("priority", static_cast<unsigned char>(payload[kPriorityAt]));
-        record.add("body_size", be32(payload.data() + kLengthAt));
+        record.add("body_size", tavipc::load_be32(payload.data() + kLengthAt));
         lines = record.fill("\n  application message, priority {priority}, body of {body_size,} bytes");
         payload.remove_prefix(TAV_APP_HEADER_SIZE);
     }

@@ -1,8 +1,9 @@
-// tavctl send, listen, request and reply.
+// tavctl send, listen, request, reply and probe.
+#include <cmath>
+#include <numeric>
+
 #include "commands.h"
-#include "module/library_state.h"
 #include "module/module.h"
-#include "module/payload.h"
 
 namespace tavctl {
 namespace {
@@ -77,13 +78,33 @@ struct Server {
                 "{time}  request {reqid} from {from}, cmd {cmd}, {size,} bytes; answered with {answered,}",
                 lines);
     }
-    bool is_done() const { return args.number("count") > 0 && answered >= args.number("count"); }
+    bool is_done() const { return args.count_reached(answered); }
     static int on_request(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, uint32_t cmd,
                           const void *data, uint32_t size, void *user) {
         static_cast<Server *>(user)->answer(ipc, *src, reqid, cmd, {static_cast<const char *>(data), size});
         return 0;
     }
 };
+
+// times: of the answers, in seconds.
+void say_statistics(Console &out, const std::string &who, uint64_t sent, std::vector<double> times) {
+    const uint64_t percent = sent > 0 ? 100 * (sent - times.size()) / sent : 0;
+    Record record("type", "statistics", "to", who, "sent", sent, "answered", times.size());
+    std::string text = "--- {to}: {sent,} sent, {answered,} answered, " + std::to_string(percent) + " % lost";
+    if (!times.empty()) {
+        std::ranges::sort(times);
+        const auto count = static_cast<double>(times.size());
+        const double median = (times[(times.size() - 1) / 2] + times[times.size() / 2]) / 2;
+        const double mean = std::accumulate(times.begin(), times.end(), 0.0) / count;
+        double squares = 0;
+        for (const double t : times) squares += (t - mean) * (t - mean);
+        record.add("min_us", Duration{times.front()}, "median_us", Duration{median}, "mean_us",
+                   Duration{mean});
+        record.add("max_us", Duration{times.back()}, "deviation_us", Duration{std::sqrt(squares / count)});
+        text += "\n  min {min_us}, median {median_us}, mean {mean_us}, max {max_us}, std dev {deviation_us}";
+    }
+    out.say(record, text);
+}
 
 } // namespace
 
@@ -127,7 +148,7 @@ int listen(Console &out, const Args &args) {
     tav_ipc_msg_recv(module, Listener::on_message, &listener);
     const bool raw = args.has("raw");
     if (!raw) out.say(Record("type", "ready", "as", module.text()), "listening as {as}; Ctrl-C ends it");
-    run_until([&] { return args.number("count") > 0 && listener.seen >= args.number("count"); });
+    run_until([&] { return args.count_reached(listener.seen); });
     if (!raw) out.say(Record("type", "end", "messages", listener.seen), "{messages,message}");
     return kSuccess;
 }
@@ -165,6 +186,36 @@ int reply(Console &out, const Args &args) {
     if (server.is_done()) pause(kLastDeparture_s);
     out.say(Record("type", "end", "answered", server.answered), "{answered,request} answered");
     return kSuccess;
+}
+
+int probe(Console &out, const Args &args) {
+    const tav_addr_st destination = parse_address(args.text("NAME"));
+    const std::string who = address_text(destination);
+    uint64_t sent = 0;
+    std::vector<double> times; // of the answers, in seconds
+    catch_interrupts();
+    Exchange exchange;
+    const Module module;
+    while (!args.count_reached(sent) && !interrupted()) {
+        exchange = {};
+        tav_ipc_probe(module, &destination, Exchange::on_status, &exchange);
+        if (exchange.wait() == Wait::kInterrupted) break; // not counted: it had no time to be answered
+        ++sent;
+        Record record("type", "probe", "to", who, "number", sent, "code", exchange.code);
+        if (exchange.code == 0) {
+            times.push_back(exchange.took());
+            out.say(record.add("us", Duration{exchange.took()}), "{to}: number {number,}, {us}");
+        } else {
+            const Problem why = failed_exchange(destination, exchange.code);
+            const bool first = sent == times.size() + 1;
+            out.say(record.add("error", why.what()), "{error}",
+                    first ? "\n  what to do: " + why.remedy() : std::string());
+        }
+        if (!args.count_reached(sent)) pause(args.seconds("interval") - (now_seconds() - exchange.begin));
+    }
+    say_statistics(out, who, sent, times);
+    if (sent == 0) return kFailure; // interrupted before one could be answered
+    return times.empty() ? kNoAnswer : kSuccess;
 }
 
 } // namespace tavctl
