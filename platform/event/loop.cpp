@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <climits>
 #include <new>
 #include <sys/epoll.h>
@@ -33,7 +34,11 @@ template <class Handle> Loop &loop_of(Handle *handle) { return *static_cast<Loop
 
 std::unique_ptr<Loop> Loop::make(uv_loop_t *foreign) noexcept {
     std::unique_ptr<Loop> loop(new (std::nothrow) Loop);
-    if (loop && !loop->open(foreign)) loop.reset();
+    if (loop && !loop->open(foreign)) {
+        const int error = errno; // the reason
+        loop.reset();
+        errno = error;
+    }
     return loop;
 }
 

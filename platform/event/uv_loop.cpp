@@ -2,10 +2,15 @@
 
 #include <cassert>
 
+#include "common/unique_fd.h"
+
 namespace tavcl_ev {
 
 bool UvLoop::open(uv_loop_t *foreign) noexcept {
-    if (!foreign && uv_loop_init(&own_) != 0) return false;
+    if (!foreign && uv_loop_init(&own_) != 0) {
+        const tavipc::UniqueFd left_open(own_.backend_fd); // libuv does not close its epoll set then
+        return false;
+    }
     loop_ = foreign ? foreign : &own_;
     return true;
 }
