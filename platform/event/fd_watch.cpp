@@ -36,6 +36,7 @@ bool FdWatch::start_writing() noexcept { return start(UV_WRITABLE); }
 
 bool FdWatch::start(int events) noexcept {
     watch_->events = events;
+    watch_->loop->note_change();
     return uv_poll_start(&watch_->handle, events, on_event) == 0;
 }
 

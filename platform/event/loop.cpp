@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <cassert>
+#include <climits>
 #include <new>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
+
+#include "loop_registry.h"
 
 namespace tavcl_ev {
 
@@ -47,15 +51,23 @@ bool Loop::open(uv_loop_t *foreign) noexcept {
     uv_prepare_start(&prepare_, [](uv_prepare_t *handle) { loop_of(handle).before_poll(); });
     uv_check_start(&check_, [](uv_check_t *handle) { loop_of(handle).after_poll(); });
     wake_fd_ = PrivateFd(tavipc::UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)));
-    const auto rings = [](void *self) { static_cast<Loop *>(self)->woken(); };
-    return wake_fd_ && wake_watch_.open(uv_, wake_fd_.get(), rings, this) && wake_watch_.start_reading();
+    const auto woken = [](void *self) { static_cast<Loop *>(self)->woken(); };
+    const auto rung = [](void *self) { static_cast<Loop *>(self)->rung(); };
+    if (!wake_fd_ || !wake_watch_.open(uv_, wake_fd_.get(), woken, this) || !wake_watch_.start_reading() ||
+        !mailbox_.open() || !mailbox_watch_.open(uv_, mailbox_.fd(), rung, this) ||
+        !mailbox_watch_.start_reading())
+        return false;
+    uv_.forget_changes(); // embed() watches these two itself
+    return true;
 }
 
 // It may be in use, when a callback calls exit: its frames never return then.
 Loop::~Loop() {
     assert(finished_.empty());
     assert(channels_ == 0);
+    release_handle();
     wake_watch_.close();
+    mailbox_watch_.close();
     if (!handles_made_) return;
     for (uv_handle_t *handle : {as_handle(&prepare_), as_handle(&check_), as_handle(&idle_)})
         uv_close(handle, [](uv_handle_t *closed) { loop_of(closed).uv_.disown(); });
@@ -76,6 +88,11 @@ void Loop::abandon() noexcept {
     timers_.clear();
     wake_watch_.close();
     wake_fd_.reset();
+    mailbox_watch_.close();
+    mailbox_.clear();
+    mailbox_.close();
+    embedding_.reset();
+    handle_ = 0; // all handles are stale
     assert(channels_ == 0);
     if (held_ > 0) uv_unref(as_handle(&prepare_));
     held_ = 0;
@@ -95,11 +112,17 @@ Loop::Frame::~Frame() {
     assert(loop.frame_ == this);
     loop.frame_ = outer;
     loop.reporting_ = was_reporting;
+    if (!loop.abandoned_) loop.prepare_other_loops_wait();
 }
 
 int Loop::run() noexcept {
     const Frame frame(*this, false);
-    while (!frame.stopped && held_ > 0) uv_run(uv_.get(), UV_RUN_ONCE);
+    while (!frame.stopped && alive()) {
+        if (held_ > 0)
+            uv_run(uv_.get(), UV_RUN_ONCE);
+        else
+            turn_at_once();
+    }
     return frame.stopped ? 1 : 0;
 }
 
@@ -108,36 +131,58 @@ int Loop::run_once(int timeout_ms) noexcept {
     const uint64_t end = timeout_ms < 0 ? kNever : later(clock_ms(), static_cast<uint64_t>(timeout_ms));
     const auto nothing = [](void *) {};
     const uint64_t timer = timeout_ms > 0 ? start_timer(end, nothing, nullptr, false) : 0;
-    if (timeout_ms >= 0 && !timer) {
+    if (held_ == 0 && mailbox_.pending()) {
+        turn_at_once();
+    } else if (timeout_ms >= 0 && !timer) {
         uv_run(uv_.get(), UV_RUN_NOWAIT);
     } else {
         // Housekeeping also ends a wait. On the caller's loop it cannot be told from the caller's own events.
         do uv_run(uv_.get(), UV_RUN_ONCE);
         while (!uv_.foreign() && held_ > 0 && callbacks_run_ == frame.callbacks_before && clock_ms() < end);
-        stop_timer(timer);
     }
-    return held_ > 0 ? 1 : 0;
+    stop_timer(timer);
+    return alive() ? 1 : 0;
+}
+
+int Loop::dispatch() noexcept {
+    const Frame frame(*this, true);
+    turn_at_once();
+    return alive() ? 1 : 0;
+}
+
+// libuv does nothing on a loop that nothing keeps alive. But functions can be waiting, and another loop may
+// wait for our housekeeping.
+void Loop::turn_at_once() noexcept {
+    hold();
+    uv_run(uv_.get(), UV_RUN_NOWAIT);
+    if (!abandoned_) drop(); // else a callback has forked, and this is the child
 }
 
 // The frame keeps the stop: uv_stop would end the innermost uv_run, which may be one inside the run that is
-// meant, or the caller's own.
+// meant, or the caller's own. A signal handler may call this at any point: a turn that is about to wait looks
+// at `stopped` after it has said that it waits. A single turn inside the run looks only at its own frame.
 void Loop::stop() noexcept {
-    Frame *frame = frame_;
+    Frame *const innermost = frame_;
+    Frame *frame = innermost;
     while (frame && frame->once) frame = frame->outer;
     if (!frame) return;
     frame->stopped = true;
-    nudge();
+    if (uv_.waiting() || innermost != frame) mailbox_.ring();
 }
 
 void Loop::before_poll() noexcept {
     report_finished();
-    const bool had_its_turn = frame_ && frame_->once && callbacks_run_ != frame_->callbacks_before;
-    set_idle(!finished_.empty() || had_its_turn || (frame_ && frame_->stopped));
+    uv_.set_waiting(true);
+    const Frame *frame = frame_;
+    const bool had_its_turn = frame && frame->once && callbacks_run_ != frame->callbacks_before;
+    set_idle(!finished_.empty() || had_its_turn || (frame && frame->stopped));
     if (!idling_) wake_for_timers();
+    uv_.forget_changes();
 }
 
 // Idle goes off here and not only before the next poll, because libuv checks it at the very start of a turn.
 void Loop::after_poll() noexcept {
+    uv_.set_waiting(false);
     fire_timers();
     report_finished();
     set_idle(!finished_.empty());
@@ -158,6 +203,59 @@ void Loop::woken() noexcept {
     uint64_t times;
     if (read(wake_fd_.get(), &times, sizeof times) > 0) wake_up_ms_ = kNever;
 }
+
+// A ring counts as a callback, so that a single turn ends.
+void Loop::rung() noexcept {
+    mailbox_.silence();
+    count_callback();
+    if (const uint64_t caught = mailbox_.take_caught(); caught && on_signals_)
+        on_signals_(signals_owner_, caught);
+    mailbox_.run_posted([this] { count_callback(); });
+}
+
+// --- other loops and threads ------------------------------------------------------------------------
+
+int Loop::embed() noexcept {
+    if (uv_.foreign()) return -1;
+    if (embedding_) return embedding_.get();
+    PrivateFd set(tavipc::UniqueFd(epoll_create1(EPOLL_CLOEXEC)));
+    if (!set) return -1;
+    for (const int fd : {uv_backend_fd(uv_.get()), wake_fd_.get(), mailbox_.fd()}) {
+        epoll_event readable{EPOLLIN, {.fd = fd}};
+        if (epoll_ctl(set.get(), EPOLL_CTL_ADD, fd, &readable) != 0) return -1;
+    }
+    embedding_ = std::move(set);
+    const auto changed = [](void *self) {
+        auto *loop = static_cast<Loop *>(self);
+        if (loop->other_loop_waits()) loop->mailbox_.ring();
+    };
+    uv_.on_change(changed, this);
+    prepare_other_loops_wait();
+    return embedding_.get();
+}
+
+void Loop::prepare_other_loops_wait() noexcept {
+    if (!other_loop_waits()) return;
+    if (!finished_.empty() || uv_.changed()) mailbox_.ring();
+    wake_for_timers();
+}
+
+int Loop::timeout_ms() const noexcept {
+    if (!finished_.empty() || mailbox_.pending() || uv_.changed()) return 0;
+    const uint64_t due = timers_.next_due_ms();
+    const uint64_t now = clock_ms();
+    if (due == kNever) return -1;
+    return due <= now ? 0 : static_cast<int>(std::min<uint64_t>(due - now, INT_MAX));
+}
+
+uint64_t Loop::handle() noexcept {
+    if (!handle_) handle_ = enlist(mailbox_);
+    return handle_;
+}
+
+void Loop::release_handle() noexcept { delist(std::exchange(handle_, 0)); }
+
+// --- timers and sends -------------------------------------------------------------------------------
 
 void Loop::fire_timers() noexcept {
     if (timers_.next_due_ms() == kNever) return;
@@ -180,7 +278,7 @@ uint64_t Loop::start_timer(uint64_t due_ms, void (*callback)(void *), void *argu
     const uint64_t id = timers_.start(due_ms, {callback, argument, keeps_alive, 0});
     if (!id) return 0;
     if (keeps_alive) hold();
-    if (first) nudge();
+    if (first) other_loop_waits() ? wake_for_timers() : nudge();
     return id;
 }
 

@@ -12,14 +12,23 @@
 // The loop is alive (the prepare handle is referenced) while held_ is not 0: one for each timer of a user,
 // each receiving socket and each send that is not yet reported. All other handles are unreferenced.
 //
+// In the poll phase the mailbox is emptied, too: functions and signals from other threads, and rings, which
+// only end the wait. stop() and what it reads may run in a signal handler on the loop's thread.
+//
+// Embedded (embed): another loop waits for a descriptor in place of libuv's poll. Whatever then needs a turn
+// outside of our frames rings the mailbox or sets the kernel timer; the end of the outermost frame does so
+// for what the turn has left. That is also how libuv gets to add new descriptors to its epoll set.
+//
 // A forked child abandons the loop that it inherits. Nothing is left in it then, so every phase, and every
 // frame of run that is still on the stack, finds nothing to do and returns.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
 #include "fd_watch.h"
+#include "mailbox.h"
 #include "private_fd.h"
 #include "send_queue.h"
 #include "timers.h"
@@ -38,8 +47,21 @@ class Loop {
 
     int run() noexcept;
     int run_once(int timeout_ms) noexcept;
-    void stop() noexcept;
+    int dispatch() noexcept;
+    void stop() noexcept; // async-signal-safe on the loop's thread
     bool in_use() const noexcept { return uv_.in_callback() || frame_; }
+
+    // A descriptor that is readable when dispatch() has work; -1 on failure and on the caller's loop.
+    int embed() noexcept;
+    int timeout_ms() const noexcept;
+    // The handle for other threads; 0 when there is none left. release_handle makes it stale.
+    uint64_t handle() noexcept;
+    void release_handle() noexcept;
+    Mailbox &mailbox() noexcept { return mailbox_; }
+    void on_signals(void (*handler)(void *owner, uint64_t caught), void *owner) noexcept {
+        on_signals_ = handler;
+        signals_owner_ = owner;
+    }
 
     // due_ms on clock_ms(). Returns 0 when memory is short.
     uint64_t start_timer(uint64_t due_ms, void (*callback)(void *), void *argument,
@@ -92,7 +114,7 @@ class Loop {
         Loop &loop;
         Frame *const outer;
         const bool once;
-        bool stopped = false;
+        std::atomic<bool> stopped{false};
         const uint64_t callbacks_before;
         const bool was_reporting;
     };
@@ -105,7 +127,15 @@ class Loop {
     void fire_timers() noexcept;
     void wake_for_timers() noexcept;
     void woken() noexcept;
-    void nudge() noexcept { set_idle(true); }
+    void rung() noexcept;
+    bool alive() const noexcept { return held_ > 0 || mailbox_.pending(); }
+    void turn_at_once() noexcept;
+    bool other_loop_waits() const noexcept { return embedding_ && !frame_; }
+    void prepare_other_loops_wait() noexcept;
+    void nudge() noexcept {
+        set_idle(true);
+        if (other_loop_waits()) mailbox_.ring();
+    }
     void set_idle(bool on) noexcept;
 
     UvLoop uv_;
@@ -117,6 +147,12 @@ class Loop {
     bool abandoned_ = false;
     PrivateFd wake_fd_; // a kernel timer: a turn that only waits does not have to set one
     FdWatch wake_watch_;
+    Mailbox mailbox_;
+    FdWatch mailbox_watch_;
+    uint64_t handle_ = 0; // of the mailbox, once it is asked for
+    void (*on_signals_)(void *owner, uint64_t caught) = nullptr;
+    void *signals_owner_ = nullptr;
+    PrivateFd embedding_; // an epoll set with libuv's, wake_fd_ and the mailbox
 
     TimerHeap timers_;
     uint64_t wake_up_ms_ = kNever; // the time that wake_fd_ is set to; it may be too early, never too late
@@ -134,7 +170,7 @@ class Loop {
 
     size_t held_ = 0;
     uint64_t callbacks_run_ = 0;
-    Frame *frame_ = nullptr;
+    std::atomic<Frame *> frame_{nullptr}; // the innermost
 };
 
 } // namespace tavcl_ev

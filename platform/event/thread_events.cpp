@@ -6,19 +6,21 @@
 #include <new>
 #include <pthread.h>
 
+#include "loop_registry.h"
 #include "private_fd.h"
 
 namespace tavcl_ev {
 
 namespace {
 
-// Plain data, which stays readable after the thread's destructors have run.
+// Plain data, which stays readable after the thread's destructors have run. A signal handler on the thread
+// reads the atomic members (cl_event_loop_stop).
 struct State {
-    ThreadEvents *events;
-    ThreadEvents *abandoned; // a list
-    bool closed;             // being released, or the thread has ended
+    std::atomic<ThreadEvents *> events;
+    std::atomic<bool> closed; // being released, or the thread has ended
+    ThreadEvents *abandoned;  // a list
 };
-constinit thread_local State t_state{nullptr, nullptr, false};
+constinit thread_local State t_state{nullptr, false, nullptr};
 
 struct AtThreadEnd {
     bool armed = false;
@@ -32,11 +34,15 @@ thread_local AtThreadEnd t_at_thread_end;
 } // namespace
 
 ThreadEvents *ThreadEvents::get() noexcept {
-    if (t_state.closed) return nullptr;
-    return t_state.events ? t_state.events : make(nullptr);
+    if (t_state.closed.load(std::memory_order_relaxed)) return nullptr;
+    ThreadEvents *events = t_state.events.load(std::memory_order_relaxed);
+    return events ? events : make(nullptr);
 }
 
-ThreadEvents *ThreadEvents::existing() noexcept { return t_state.closed ? nullptr : t_state.events; }
+ThreadEvents *ThreadEvents::existing() noexcept {
+    if (t_state.closed.load(std::memory_order_relaxed)) return nullptr;
+    return t_state.events.load(std::memory_order_relaxed);
+}
 
 bool ThreadEvents::attach(uv_loop_t *foreign) noexcept {
     return foreign && !t_state.closed && !t_state.events && make(foreign);
@@ -48,7 +54,7 @@ ThreadEvents *ThreadEvents::make(uv_loop_t *foreign) noexcept try {
     if (!loop) return nullptr;
     t_state.events = new ThreadEvents(std::move(loop));
     t_at_thread_end.armed = true; // the first use registers its destructor
-    return t_state.events;
+    return existing();
 } catch (const std::bad_alloc &) {
     return nullptr;
 }
@@ -57,6 +63,9 @@ void ThreadEvents::release() noexcept {
     ThreadEvents *events = existing();
     if (!events) return;
     t_state.closed = true;
+    events->io_.close();
+    events->signals_.close();
+    events->loop_->release_handle();
     events->close_sockets();
     if (t_state.events != events) return reap(); // a callback has forked, and this is the child
     delete events;
@@ -80,23 +89,41 @@ cl_dunix_t ThreadEvents::create_socket(const cl_sockaddr_t &address) {
 
 // --- fork ------------------------------------------------------------------------------------------
 
+namespace {
+
+void before_fork() {
+    lock_signals();
+    lock_private_fds();
+}
+
+void after_fork_in_parent() {
+    unlock_private_fds();
+    unlock_signals();
+}
+
+} // namespace
+
 // A failure (memory is short) is tried again with the next loop.
 bool ThreadEvents::watch_forks() noexcept {
     static std::atomic<bool> watching{false};
     static std::mutex mutex;
     if (watching.load(std::memory_order_acquire)) return true;
     const std::lock_guard lock(mutex);
-    if (!watching && pthread_atfork(lock_private_fds, unlock_private_fds, after_fork_in_child) == 0)
+    if (!watching && pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0)
         watching.store(true, std::memory_order_release);
     return watching;
 }
 
 void ThreadEvents::after_fork_in_child() noexcept {
-    unlock_private_fds();
-    if (ThreadEvents *events = std::exchange(t_state.events, nullptr)) {
+    restore_signals_in_child();
+    delist_all();
+    after_fork_in_parent();
+    if (ThreadEvents *events = t_state.events.exchange(nullptr)) {
         events->next_abandoned_ = std::exchange(t_state.abandoned, events);
         t_state.closed = false;
         events->loop_->enter_child();
+        events->io_.close();
+        events->signals_.close();
         events->close_sockets();
         events->sockets_.clear();
         events->loop_->abandon();

@@ -11,8 +11,10 @@
 #include <memory>
 
 #include "dunix.h"
+#include "io_watches.h"
 #include "loop.h"
 #include "recv_batch.h"
+#include "signal_watches.h"
 #include "slot_table.h"
 
 namespace tavcl_ev {
@@ -29,6 +31,8 @@ class ThreadEvents {
     static void reap() noexcept;
 
     Loop &loop() noexcept { return *loop_; }
+    IoWatches &io() noexcept { return io_; }
+    SignalWatches &signals() noexcept { return signals_; }
     cl_dunix_t create_socket(const cl_sockaddr_t &address); // 0 with errno set; may throw bad_alloc
     std::shared_ptr<Dunix> take_socket(cl_dunix_t id) noexcept { return sockets_.take(id); }
     Dunix *find_socket(cl_dunix_t id) noexcept {
@@ -40,10 +44,13 @@ class ThreadEvents {
     static ThreadEvents *make(uv_loop_t *foreign) noexcept;
     static bool watch_forks() noexcept;
     static void after_fork_in_child() noexcept;
-    explicit ThreadEvents(std::unique_ptr<Loop> loop) noexcept : loop_(std::move(loop)) {}
+    explicit ThreadEvents(std::unique_ptr<Loop> loop) noexcept
+        : loop_(std::move(loop)), io_(*loop_), signals_(*loop_) {}
     void close_sockets() noexcept;
 
-    std::unique_ptr<Loop> loop_; // outlives the sockets
+    std::unique_ptr<Loop> loop_; // outlives the sockets and watches
+    IoWatches io_;
+    SignalWatches signals_;
     RecvBatchPool batches_;
     SlotTable<std::shared_ptr<Dunix>> sockets_;
     ThreadEvents *next_abandoned_ = nullptr;

@@ -303,6 +303,7 @@ int run_inside(const Scenario &scenario) {
             do count({kind, at, false, error}, usual);
             while (++error < report->errors);
         }
+        printf("%u %s, ", usual.points, kind == Kind::kCalls ? "system calls" : "allocations");
     }
     printf("%u cases, %u faults\n", cases, faults);
     return faults ? EXIT_FAILURE : EXIT_SUCCESS;

@@ -95,7 +95,8 @@ TEST_F(Xhash, PartialWalksCoverTheTableInTheFewestCalls) {
 }
 
 TEST(Heap, GivesEntriesInOrderAndOnlyDestroy2Releases) {
-    static int released = 0;
+    static int released;
+    released = 0;
     static const auto number_at = [](const void *entry) { return *static_cast<const int *>(entry); };
     const auto compare = [](const void *a, const void *b) { return number_at(a) - number_at(b); };
     heap_t *heap = heap_create2([](void *) { ++released; }, compare, 0);

@@ -1,18 +1,18 @@
 // tavipc-module - a module of the agent for the demo and the system tests. It reads commands, one per line,
 // and writes events, one per line. It ends with its input.
 //
-//   open NAME | accept NAME (files, too)                 opened HOSTID | refused
-//   close                                                closed
-//   post DEST KIND SIZE COUNT ID PRIORITY ADDRFLAGS      posted ID RESULT REQID US US DIGEST (for each
-//   message) exchange WHAT DEST ID SIZE TIMEOUT                   exchanging ID DIGEST, exchanged ID CODE
-//   DIGEST file DEST PATH TIMEOUT                               sending SIZE DIGEST (of a regular file), file
-//   RESULT descriptors N (the limit of open descriptors)        done (what arrives) msg SOURCE CMD SIZE US
-//   DIGEST,
-//                                                        asked SOURCE CMD SIZE DIGEST, got SIZE DIGEST
-//   (a line of the log)                                  log LEVEL SOURCE TEXT
+//   open NAME, accept NAME (files, too)               opened HOSTID | refused
+//   close                                             closed
+//   post DEST KIND SIZE COUNT ID PRIORITY ADDRFLAGS   for each message: posted ID RESULT REQID US US DIGEST
+//   exchange WHAT DEST ID SIZE TIMEOUT                exchanging ID DIGEST, exchanged ID CODE DIGEST
+//   file DEST PATH TIMEOUT                            sending SIZE DIGEST (of a regular file), file RESULT
+//   descriptors N (the limit of open descriptors)     done
+//   (a message, a request or a file arrives)          msg SOURCE CMD SIZE US DIGEST,
+//                                                     asked SOURCE CMD SIZE DIGEST, got SIZE DIGEST
+//   (a line of the log)                               log LEVEL SOURCE TEXT
 //
-// KIND is "bytes" or "app", an application message whose body compresses; WHAT is request, confirm or probe.
-// The command code is ID and counts up. US is the monotonic clock in microseconds, DIGEST a hash of the
+// KIND is "bytes" or "app", an application message whose body compresses. WHAT is request, confirm or probe.
+// The command code is ID and counts up. US is the monotonic clock in microseconds. DIGEST is a hash of the
 // payload.
 #include <cinttypes>
 #include <filesystem>

@@ -190,8 +190,7 @@ int IsCNAPPAgent() noexcept { return world().deployment.cnapp; }
 uint32_t get_hostid() noexcept { return world().deployment.hostid; }
 int GetAgentType(char *buffer, int size) noexcept {
     const auto &type = world().deployment.agent_type;
-    if (type.empty() || size <= static_cast<int>(type.size())) return -1;
-    return snprintf(buffer, static_cast<size_t>(size), "%s", type.c_str());
+    return type.empty() ? -1 : snprintf(buffer, static_cast<size_t>(size), "%s", type.c_str());
 }
 int dirutils_path_transform(const char *path_template, char *out, int size) noexcept {
     std::string text = path_template;

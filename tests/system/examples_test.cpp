@@ -11,9 +11,10 @@ namespace {
 
 struct Examples : testing::Test {
     Examples() {
-        place.allow({"publish_subscribe", "request_server", "file_drop", "coroutines"});
+        std::vector<std::string> names;
         for (const auto &program : fs::directory_iterator(TAVIPC_EXAMPLES))
-            place.put(program.path().filename(), program);
+            place.put(names.emplace_back(program.path().filename()), program);
+        place.allow(names);
     }
     const Installation place{{}};
 };
@@ -54,5 +55,18 @@ TEST_F(Examples, Coroutines) {
     program.expect("kept 1, done 1");
     EXPECT_EQ(program.finish(), 0);
 }
+
+struct OtherLoops : Examples, testing::WithParamInterface<const char *> {};
+
+TEST_P(OtherLoops, AnswersARequest) {
+    if (!fs::exists(fs::path(TAVIPC_EXAMPLES) / GetParam()))
+        GTEST_SKIP() << "left out: the library of this loop is not installed";
+    Process server = place.start(GetParam());
+    server.expect("ready");
+    place.start("request_server", {}, {"ask", "hello"}).expect("answer: HELLO");
+    EXPECT_EQ(server.finish(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(, OtherLoops, testing::Values("epoll_loop", "glib_loop", "asio_loop"));
 
 } // namespace

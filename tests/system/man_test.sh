@@ -8,13 +8,13 @@ cd "$1"
 failed=0
 fail() { echo "$*" >&2; failed=1; }
 mkdir "$place/tavipc"
-cp include/tavipc/*.h* platform/base/tavbase.h platform/aux/tavaux.h platform/event/tavcl_ev.h "$place/tavipc"
+cp include/tavipc/*.h* platform/*/tav*.h "$place/tavipc"
 
 # Each exported function and each function of the platform headers is in one NAME section. The export lists have
 # type-encoded names: _Z<length>name...
 cat packaging/exports*.txt | grep '^[^#]' |
     awk 'match($0, /^_Z[0-9]+/) { $0 = substr($0, RLENGTH + 1, substr($0, 3, RLENGTH - 2)) } { print }' >"$place/names"
-(cd "$place/tavipc" && sed -n 's/^[A-Z_]*_API [^(]*[ *]\([A-Za-z_0-9]*\)(.*/\1/p' tavbase.h tavaux.h tavcl_ev.h) \
+(cd "$place/tavipc" && sed -n 's/^[A-Z_]*_API [^(]*[ *]\([A-Za-z_0-9]*\)(.*/\1/p' tavbase.h tavaux.h tavcl_*.h) \
     >>"$place/names"
 LC_ALL=C sort -o "$place/names" "$place/names"
 awk '/^\.Sh/ { inside = $2 == "NAME" } inside && $1 == ".Nm" && $2 != "tavipc" { print $2 }' packaging/man/*.3 |

@@ -102,19 +102,15 @@ TEST_F(SendTest, LocationDecidesAboutThePipe) {
 }
 
 TEST_F(SendTest, ApplicationMessagesAreMarkedAndCompressed) {
-    const int kApp = IPC_FLAG_APP_MSG, kBoth = IPC_FLAG_APP_MSG | IPC_FLAG_COMPRESSED;
+    const uint16_t kApp = IPC_FLAG_APP_MSG, kPacked = IPC_FLAG_COMPRESSED, kBoth = kApp | kPacked;
     std::string incompressible = app_message(148);
     for (int i = 0; i < 128; ++i) incompressible[20 + i] = static_cast<char>(i * 167 + 13);
     // Payload, flags of the destination, flags given and sent. One has a method, one a wrong length.
-    const std::tuple<std::string, uint8_t, uint16_t, int> kept[] = {
-        {app_message(20).substr(0, 19), 8, 0, 0},
-        {app_message(20), 8, 0, kApp},
-        {app_message(147), 8, 0, kApp},
-        {app_message(148), 0xF7, 0, kApp},
-        {app_message(148), 8, IPC_FLAG_COMPRESSED, kBoth},
-        {app_message(148, 0, 4), 8, 0, kApp},
-        {app_message(148, 0, 0, -1), 8, 0, kApp},
-        {incompressible, 8, 0, kApp}};
+    const std::tuple<std::string, uint8_t, uint16_t, uint16_t> kept[] = {
+        {app_message(20).substr(0, 19), 8, 0, 0}, {app_message(20), 8, 0, kApp},
+        {app_message(147), 8, 0, kApp},           {app_message(148), 0xF7, 0, kApp},
+        {app_message(148), 8, kPacked, kBoth},    {app_message(148, 0, 4), 8, 0, kApp},
+        {app_message(148, 0, 0, -1), 8, 0, kApp}, {incompressible, 8, 0, kApp}};
     for (const auto &[payload, dest_flags, flags, expected] : kept) {
         SCOPED_TRACE(&payload - &std::get<0>(kept[0]));
         forget();

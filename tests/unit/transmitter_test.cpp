@@ -1,5 +1,5 @@
-// Transmission: what is tried at once and what waits, how refusals are retried and for how long, the
-// in-flight limits, and what log lines may do meanwhile.
+// Transmission: what is tried at once and what waits, how refusals are retried and for how long, and the
+// in-flight limits.
 #include <optional>
 
 #include "endpoint_world.h"

@@ -1,5 +1,4 @@
-// tavctl - looks at the endpoints of an agent's modules, talks to them, and keeps the allow-list. It is a
-// module like any other. Each command has a file of its own, see commands.h.
+// tavctl - looks at the endpoints of an agent's modules, talks to them, and keeps the allow-list.
 #include <csignal>
 
 #include "commands.h"

@@ -36,7 +36,6 @@ void make_key_pair(const std::string &private_path, const std::string &public_pa
 // digest information) over the hexadecimal SHA-256 of the list file. What reads or writes throws Problem.
 class SignedList {
   public:
-    // Of a configuration directory.
     explicit SignedList(const std::string &config)
         : directory(config), list_path(config + "/linux.json"), signature_path(config + "/linux_sign.json") {}
     const std::string directory, list_path, signature_path;
@@ -46,8 +45,7 @@ class SignedList {
     // Writes the list with its signature by this key.
     void write(std::string_view list, EVP_PKEY *private_key) const;
 
-    // The digests in a list.
-    std::vector<std::string> entries_of(const std::string &list) const;
+    std::vector<std::string> entries_of(const std::string &list) const; // the digests in a list
     // The list (empty: a new one) with these entries; everything else in it is kept.
     std::string with_entries(const std::string &list, const std::vector<std::string> &entries) const;
     // "tavctl allowlist VERB --key PRIVATE.pem --dir DIRECTORY NAME..."
@@ -67,8 +65,7 @@ struct Verdict {
 // beside its directory. The path may be a link, /proc/PID/exe for example.
 Verdict judge_executable(const std::string &path);
 
-// The configuration directory beside an executable's directory.
-std::string config_beside(const std::string &executable);
+std::string config_beside(const std::string &executable); // the configuration directory beside its directory
 std::string own_executable();
 
 struct FileDigest {
@@ -107,9 +104,12 @@ inline Finding skip(const std::string &why) { return {Finding::kSkipped, why, {}
 class Findings {
   public:
     explicit Findings(Console &out) : out_(out) {}
-    // Prints and counts a finding.
-    void add(const char *check, const Finding &finding);
-    bool summarize() const; // false when something failed
+    void add(const char *check, const Finding &finding); // prints and counts it
+    bool summarize() const;                              // false when something failed
+
+    bool directory = false; // the socket directory is there, and this user may make sockets in it
+    bool allowed = false;   // the library's check lets the tool pass
+    bool has_id = false;    // from the platform or stored: an endpoint need not make one
 
   private:
     Console &out_;
@@ -120,12 +120,6 @@ std::string as_root(const std::string &command); // with sudo for other users
 std::string this_user();
 std::string config_directory(); // as the library finds it, without ".."
 
-// doctor_agent.cpp
-struct AgentState {
-    bool directory = false; // the socket directory is there, and this user may make sockets in it
-    bool allowed = false;   // the library's check lets the tool pass
-    bool has_id = false;    // from the platform or stored: an endpoint need not make one
-};
-AgentState check_agent(Findings &findings);
+void check_agent(Findings &findings); // doctor_agent.cpp
 
 } // namespace tavctl

@@ -1,4 +1,3 @@
-
 #include <cjson/cJSON.h>
 #include <openssl/err.h>
 #include <openssl/rsa.h>

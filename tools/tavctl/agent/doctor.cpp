@@ -45,8 +45,8 @@ std::string remedy_lines(const std::string &remedy) {
     return text;
 }
 
-Finding check_endpoint(const AgentState &agent) {
-    if (!agent.allowed || !agent.has_id || !agent.directory)
+Finding check_endpoint(const Findings &findings) {
+    if (!findings.allowed || !findings.has_id || !findings.directory)
         return skip("not tried, because of the findings above");
     Exchange exchange;
     try {
@@ -188,13 +188,11 @@ void check_environment(Findings &findings) {
                                          "unset IPC_TEST"));
 }
 
-constexpr struct {
-    const char *name;
-    Finding (*check)();
-} kMachineChecks[] = {{"datagram queue", check_queue},          {"send buffer", check_buffers},
-                      {"open files", check_descriptors},        {"/tmp", check_space},
-                      {"received files", check_received_files}, {"clock", check_clock},
-                      {"trace switch", check_trace_switch}};
+constexpr std::pair<const char *, Finding (*)()> kMachineChecks[] = {
+    {"datagram queue", check_queue},          {"send buffer", check_buffers},
+    {"open files", check_descriptors},        {"/tmp", check_space},
+    {"received files", check_received_files}, {"clock", check_clock},
+    {"trace switch", check_trace_switch}};
 
 } // namespace
 
@@ -232,10 +230,10 @@ std::string config_directory() {
 
 int doctor(Console &out, const Args &) {
     Findings findings(out);
-    const AgentState agent = check_agent(findings);
+    check_agent(findings);
     for (const auto &[name, check] : kMachineChecks) findings.add(name, check());
     check_environment(findings);
-    findings.add("endpoint", check_endpoint(agent));
+    findings.add("endpoint", check_endpoint(findings));
     return findings.summarize() ? kSuccess : kFailure;
 }
 

@@ -118,8 +118,7 @@ void check_sockets(Findings &findings) {
                                      "find" + strange + " -mindepth 1 ! -type s"));
 }
 
-// Executables beside the tool that could not open an endpoint. A directory with many programs is not only for
-// modules: there it is no fault.
+// Executables beside the tool that could not open an endpoint. Among many programs that is no fault.
 Finding check_modules() {
     constexpr size_t kMostModules = 32;
     const fs::path self = own_executable(), bin = self.parent_path();
@@ -229,20 +228,18 @@ bool check_identity(Findings &findings) {
 
 } // namespace
 
-AgentState check_agent(Findings &findings) {
-    AgentState agent;
+void check_agent(Findings &findings) {
     findings.add("configuration", check_configuration());
     findings.add("agent.ini", check_agent_ini());
-    findings.add("socket directory", check_socket_directory(agent.directory));
+    findings.add("socket directory", check_socket_directory(findings.directory));
     check_sockets(findings);
     const Verdict verdict = judge_executable("/proc/self/exe");
     findings.add("allow-list", verdict.allowed ? ok(verdict.reason)
                                                : fail("tavctl may not open an endpoint: " + verdict.reason,
                                                       verdict.remedy));
-    findings.add("library's gate", check_gate(verdict, agent.allowed));
+    findings.add("library's gate", check_gate(verdict, findings.allowed));
     if (verdict.allowed) findings.add("modules", check_modules());
-    agent.has_id = check_identity(findings);
-    return agent;
+    findings.has_id = check_identity(findings);
 }
 
 } // namespace tavctl

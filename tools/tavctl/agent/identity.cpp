@@ -1,5 +1,4 @@
-// tavctl id: the identity of this agent, as its files show it. Only --create lets the library determine an id
-// and store it.
+// tavctl id: the identity of this agent, as its files show it. Only --create stores one.
 #include <cstdlib>
 
 #include "agent/agent.h"

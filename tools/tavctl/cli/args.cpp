@@ -1,4 +1,5 @@
 #include <numeric>
+#include <regex>
 #include <sstream>
 
 #include "module/module.h"
@@ -208,22 +209,16 @@ Option::Option(const std::string &line) : argument(line[0] != '-') {
         if (word.ends_with(',')) word.pop_back();
         (word[0] == '-' ? names.emplace_back() : value) = word;
     }
-    const auto cut = [this](const char *mark) { // removes what follows the mark from the value
-        const size_t at = std::min(value.find(mark), value.size());
-        std::string rest = value.substr(std::min(at + 1, value.size()));
-        value.resize(at);
-        return rest;
-    };
-    required = (argument && value[0] != '[') || value.ends_with('!');
-    repeated = value.find("...") != value.npos;
-    if (value[0] == '[') value = value.substr(1, value.size() - 2);
-    cut("!");
-    cut("...");
-    preset = cut("=");
-    const std::string range = cut(":");
-    if (!range.empty()) {
-        least = std::strtod(range.c_str(), nullptr);
-        most = std::strtod(range.c_str() + range.find('-') + 1, nullptr);
+    // [ NAME ... ] : LEAST - MOST = DEFAULT !
+    static const std::regex kForm(R"((\[?)([A-Z]+)(\.\.\.)?\]?(?::(\d+)-(\d+))?(?:=(.+))?(!?))");
+    std::smatch part;
+    const std::string form = value;
+    if (std::regex_match(form, part, kForm)) {
+        required = argument ? part[1].length() == 0 : part[7].length() > 0;
+        value = part[2];
+        repeated = part[3].matched;
+        if (part[4].matched) least = std::stod(part[4]), most = std::stod(part[5]);
+        preset = part[6];
     }
     if (argument) names.push_back(std::exchange(value, {}));
     key = argument ? names[0] : names.back().substr(2);

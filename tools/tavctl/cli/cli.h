@@ -1,5 +1,4 @@
-// What every command uses: how it fails, what it was given, how it reads files, how it prints, and the system
-// headers for that.
+// What every command uses: how it fails, what it was given, how it reads files, how it prints.
 #pragma once
 
 #include <algorithm>
@@ -50,9 +49,7 @@ class Problem : public std::runtime_error {
     Status status_;
 };
 
-inline Problem misuse(const std::string &what, std::string remedy = {}) {
-    return Problem(what, std::move(remedy), kMisuse);
-}
+inline Problem misuse(std::string what, std::string remedy = {}) { return Problem(what, remedy, kMisuse); }
 
 // Appends the text of errno.
 inline Problem system_problem(const std::string &what, std::string remedy = {}) {
@@ -240,6 +237,8 @@ class NewFile {
     explicit NewFile(const std::string &path);
     const std::string path_, temporary_;
 };
-void write_file(const std::string &path, std::string_view content, unsigned mode = 0644);
+inline void write_file(const std::string &path, std::string_view content, unsigned mode = 0644) {
+    NewFile(path, content, mode).put();
+}
 
 } // namespace tavctl

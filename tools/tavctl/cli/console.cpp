@@ -228,8 +228,8 @@ std::string harmless(std::string_view text) {
 
 std::string one_line(std::string_view text) {
     std::string line = harmless(text);
-    std::ranges::replace_if(
-        line, [](char c) { return c == '\t' || c == '\n'; }, '?');
+    std::ranges::replace(line, '\t', '?');
+    std::ranges::replace(line, '\n', '?');
     return line;
 }
 

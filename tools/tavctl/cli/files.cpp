@@ -1,4 +1,3 @@
-
 #include "cli/cli.h"
 #include "common/owned.h"
 #include "common/regular_file.h"
@@ -86,10 +85,6 @@ NewFile::NewFile(const std::string &path, std::string_view content, unsigned mod
 
 void NewFile::put() {
     if (::rename(temporary_.c_str(), path_.c_str()) != 0) throw system_problem("cannot replace " + path_);
-}
-
-void write_file(const std::string &path, std::string_view content, unsigned mode) {
-    NewFile(path, content, mode).put();
 }
 
 } // namespace tavctl

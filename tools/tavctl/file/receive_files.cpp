@@ -124,9 +124,12 @@ class Receiver {
         ++failed;
         const bool moved = !file.path.empty();
         Record record("type", "failed", "time", file.time, "path", moved ? file.path : file.temporary);
-        out_.say(record.add("error", file.error, "remedy", file.remedy), "{time}  {path}: {error}",
-                 (file.remedy.empty() ? "" : "\n  what to do: " + file.remedy) +
-                     (moved ? "" : "\n  It stays in /tmp for 5 minutes while tavctl runs: copy it before."));
+        out_.say(
+            record.add("error", file.error, "remedy", file.remedy), "{time}  {path}: {error}",
+            (file.remedy.empty() ? "" : "\n  what to do: " + file.remedy) +
+                (moved
+                     ? ""
+                     : "\n  It stays in /tmp; a running tavctl removes it after 5 minutes: copy it before."));
     }
     Console &out_;
     const std::string directory_;

@@ -109,8 +109,7 @@ int send_file(Console &out, const Args &args) {
     const bool tracked = position.get() || size <= kChunk;
     const Wait wait = run_until([&] {
         if (tracked && !transfer.ended && progress.due()) {
-            // One chunk is on its way and the next is read ahead; at the end of the file the last one is
-            // left.
+            // One chunk is on its way and the next is read ahead; at the end only the last one is left.
             const auto read = position.get();
             const uint64_t unsure = read ? 2 * kChunk : kChunk, known = read.value_or(size);
             progress.show(known - std::min(known, unsure));

@@ -15,10 +15,7 @@ using Row = std::array<std::string, kColumns>;
 constexpr std::array<size_t, kColumns> kWidest = {20, 9, 8, 12, 6, 4096}; // on a terminal, in characters
 const Row kTitles = {"NAME", "STATE", "PROCESS", "USER", "AGE", "EXECUTABLE"};
 
-const char *state_text(SocketState state) {
-    constexpr const char *kTexts[] = {"gone", "live", "stale", "forbidden", "other"};
-    return kTexts[static_cast<size_t>(state)];
-}
+constexpr const char *kStates[] = {"gone", "live", "stale", "forbidden", "other"}; // by SocketState
 
 std::string age_text(time_t since) {
     const time_t age = time(nullptr) - since;
@@ -33,7 +30,7 @@ Row row_of(const SocketDirectory &directory, const SocketFile &file) {
     const std::string name = one_line(file.name) + "@" + std::to_string(directory.location);
     const std::string executable = file.executable.substr(file.executable.rfind('/') + 1);
     return {name,
-            state_text(file.state),
+            kStates[static_cast<size_t>(file.state)],
             file.process ? std::to_string(file.process) : "-",
             one_line(file.user),
             age_text(file.made),
@@ -108,7 +105,8 @@ void tell_table(Console &out, const Scan &scan, bool pool) {
 
 Record record_of(const SocketDirectory &directory, const SocketFile &file) {
     Record record("directory", one_line(directory.path), "name", one_line(file.name));
-    record.add("location", directory.location, "state", state_text(file.state), "sending", file.sender != 0);
+    record.add("location", directory.location, "state", kStates[static_cast<size_t>(file.state)], "sending",
+               file.sender != 0);
     if (file.process)
         record.add("process", file.process, "executable", one_line(file.executable));
     else

@@ -236,8 +236,7 @@ Scan scan_everything(const std::vector<std::string> &deploy_types) {
     return scan;
 }
 
-// While the lock is held no endpoint replaces the file, and none can be bound to its path as long as it is
-// there.
+// While the lock is held no endpoint replaces the file, and none can be bound to the path of a file.
 Removal remove_stale(const std::string &path, const SocketFile &file) {
     const UniqueFd directory = open_directory(path);
     if (!directory) return errno == ENOENT ? Removal::kGone : Removal::kFailed;

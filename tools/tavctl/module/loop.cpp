@@ -27,19 +27,15 @@ struct Log {
     uint64_t retries = 0; // attempts to send that the library will repeat
     std::string dropped;  // the first line that reports a dropped message
 };
-Log &kept_log() {
-    static Log log;
-    return log;
-}
+Log kept;
 
 void keep_line(int level, const char *source, int, const char *text, void *) {
-    Log &log = kept_log();
     std::string line(text);
     while (line.ends_with('\n')) line.pop_back();
-    if (log.verbose) std::cerr << "[" << level << " " << source << "] " << harmless(line) << std::endl;
-    log.retries += line.find("retry later") != line.npos;
-    if (log.dropped.empty() && line.find("drop it|") != line.npos) log.dropped = line;
-    if (level <= 2) log.newest = line;
+    if (kept.verbose) std::cerr << "[" << level << " " << source << "] " << harmless(line) << std::endl;
+    kept.retries += line.find("retry later") != line.npos;
+    if (kept.dropped.empty() && line.find("drop it|") != line.npos) kept.dropped = line;
+    if (level <= 2) kept.newest = line;
 }
 
 bool may_end = false;
@@ -87,7 +83,7 @@ double now_seconds() {
 }
 
 void keep_log(bool verbose) {
-    kept_log().verbose = verbose;
+    kept.verbose = verbose;
     const char *level = std::getenv("TAV_LOG_LEVEL");
     if (!verbose)
         error_output_set_level(2);
@@ -97,7 +93,7 @@ void keep_log(bool verbose) {
 }
 
 std::string take_reason() {
-    const std::string line = std::exchange(kept_log().newest, {});
+    const std::string line = std::exchange(kept.newest, {});
     return line.empty() ? line : ": " + line;
 }
 
@@ -116,18 +112,17 @@ void watch_departures() { error_output_set_level(4); }
 // The library writes a line when it repeats an attempt and when it drops a message. Once it has been silent
 // for longer than an attempt and the pause before the next, all messages have left.
 void wait_for_departures(const tav_addr_st &destination) {
-    const Log &log = kept_log();
-    const uint64_t retries_before = log.retries;
-    uint64_t seen = log.retries;
+    const uint64_t retries_before = kept.retries;
+    uint64_t seen = kept.retries;
     double since = now_seconds();
     const Wait ended = run_until([&] {
-        if (log.retries != seen) since = now_seconds();
-        seen = log.retries;
+        if (kept.retries != seen) since = now_seconds();
+        seen = kept.retries;
         const double silent_s = seen == retries_before ? kAttempt_s : kAttemptAndPause_s;
-        return !log.dropped.empty() || now_seconds() - since > silent_s;
+        return !kept.dropped.empty() || now_seconds() - since > silent_s;
     });
     if (ended == Wait::kInterrupted) throw Problem("interrupted before the message had left");
-    if (!log.dropped.empty()) throw Problem("dropped: " + log.dropped, silence(destination).remedy());
+    if (!kept.dropped.empty()) throw Problem("dropped: " + kept.dropped, silence(destination).remedy());
 }
 
 // A new descriptor is the lowest free one: a trial tells which one the library gets.

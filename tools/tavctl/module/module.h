@@ -19,8 +19,7 @@ bool interrupted();
 enum class Wait { kDone, kTimeout, kInterrupted, kNothingLeft };
 // Runs the loop until done() holds or the time is over. done is called after each turn.
 Wait run_until(const std::function<bool()> &done, double limit_s = std::numeric_limits<double>::infinity());
-// Runs the loop for this time, unless interrupted.
-void pause(double seconds);
+void pause(double seconds); // runs the loop for this time, unless interrupted
 // What was passed to the library last leaves while the loop runs, long before this time is over.
 inline constexpr double kLastDeparture_s = 0.05;
 double now_seconds(); // monotonic
@@ -40,9 +39,8 @@ void may_end_process(const std::function<void()> &call);
 tav_addr_st parse_address(const std::string &text, uint8_t flags = 0);
 // The address as it is given on the command line; "?" stands for bytes that no name should have.
 std::string address_text(const tav_addr_st &address);
-// Directory of the socket files of a location.
-std::string socket_directory(int location);
-std::string configuration_directory(); // as the library finds it
+std::string socket_directory(int location); // of the socket files of a location
+std::string configuration_directory();      // as the library finds it
 
 // --- endpoints and exchanges
 // An endpoint of the tool, with a name of its own unless one is given. Throws Problem with the reason and the
@@ -79,9 +77,8 @@ Problem silence(const tav_addr_st &address);
 // Why an exchange ended with a code other than 0.
 Problem failed_exchange(const tav_addr_st &address, int code);
 
-// --- payloads: made from the command line, and shown (payload.cpp)
-// The payload that the options describe, with the header of an application message where one is asked for.
-// Throws Problem.
+// --- payloads: made from the command line, and shown
+// The payload that the options describe, with the header of an application message if they ask for one.
 std::string make_payload(const Args &args);
 uint8_t address_flags(const Args &args); // of the destination
 
@@ -94,8 +91,6 @@ std::string compression_text(const std::string &payload);
 // Adds size and text or hexadecimal digits to the record. Returns the same as lines for people, each after a
 // line end.
 std::string describe_payload(Record &record, std::string_view payload, const Args &args);
-// Writes the bytes alone to standard output.
-void write_raw(std::string_view payload);
 
 // --- what the library has no call for (loop.cpp): whether messages have left, how far a file
 // transfer is, and which received files are unfinished. Each function rests on how the library works inside.

@@ -31,7 +31,7 @@ struct Listener {
     void show(const tav_addr_st &src, uint32_t cmd, std::string_view payload) {
         // The endpoint is closed with the last message, because the library confirms what it still receives.
         if (++seen == args.number("count")) module.close();
-        if (args.has("raw")) return write_raw(payload);
+        if (args.has("raw")) return void(std::cout << payload << std::flush);
         Record record("type", "message", "time", Stamp(), "from", address_text(src), "hostid", src.hostid);
         const std::string lines = describe_payload(record.add("cmd", cmd), payload, args);
         out.say(record, "{time}  from {from}, cmd {cmd}, {size,} bytes", lines);
@@ -165,7 +165,7 @@ int request(Console &out, const Args &args) {
                          static_cast<int32_t>(args.number("timeout")));
     if (answer.wait() == Wait::kInterrupted) throw Problem("interrupted before an answer came");
     if (answer.code != 0) throw failed_exchange(destination, answer.code);
-    if (args.has("raw")) return write_raw(answer.payload), kSuccess;
+    if (args.has("raw")) return std::cout << answer.payload << std::flush, kSuccess;
     Record record("type", "answer", "from", address_text(destination), "cmd", answer.cmd);
     record.add("us", Duration{answer.took()});
     const std::string lines = describe_payload(record, answer.payload, args);
