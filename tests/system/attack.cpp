@@ -144,7 +144,6 @@ auto send_each(uint32_t count, Datagram (*make)(uint32_t)) {
 Datagram claim(uint32_t i) { return Datagram::fragment(i, 0, i % 2 ? 4'294'967'235 : kLargest, kPiece); }
 Datagram two_of_three(uint32_t i) { return Datagram::fragment(i / 2, i % 2, 128'001, kPiece); }
 Datagram scattered(uint32_t i) { return Datagram::fragment(i / 60, i % 60 * 17 % 1015, kLargest, kPiece); }
-Datagram stray_piece(uint32_t i) { return Datagram::fragment(1000 + i, 0, 1'000'000, kPiece); }
 Datagram file_chunk(uint32_t i) {
     Datagram chunk(IPC_FLAG_FILE, "x");
     chunk.header.cmd = i;
@@ -167,17 +166,13 @@ void send_zeros(Victim &victim) {
     std::free(out);
     victim.send_interleaved(20, packed, kCompressed);
 }
-void send_stray_claims(Victim &victim) {
-    for (uint32_t i = 0; i < 24; ++i) {
-        victim.send_interleaved(1, std::string(kLargest, 'f'));
-        victim.send(Datagram::fragment(1000 + i, 0, 1'100'000, kPiece));
+// Whole messages, each with a fragment behind it whose message could reuse the buffer, and never ends.
+template <uint32_t kCount, uint32_t kSize, uint32_t kClaim> void send_strays(Victim &victim) {
+    for (uint32_t i = 0; i < kCount; ++i) {
+        victim.send_interleaved(1, std::string(kSize, 'f'));
+        victim.send(Datagram::fragment(1000 + i, 0, kClaim, kPiece));
         victim.settle();
     }
-}
-void send_stray_pieces(Victim &victim) {
-    victim.send_interleaved(500, std::string(1'000'000, 'f'));
-    victim.settle();
-    send_each(1500, stray_piece)(victim);
 }
 template <uint32_t kCount, uint32_t kSize> void send_many(Victim &victim) {
     victim.send_interleaved(kCount, std::string(kSize, 'f'));
@@ -187,8 +182,8 @@ const Attack attacks[] = {
     {"100,000 fragments that claim 4 GiB or 65 MB", kMost_mib, 32, send_each(kMany, claim)},
     {"100,000 sets of two fragments of three", kMost_mib, 32, send_each(2 * kMany, two_of_three)},
     {"1,000 sets of 60 scattered pieces of 65 MB", kMost_mib, 32, send_each(60'000, scattered)},
-    {"24 messages of 65 MB, each with a stray piece", 128, 32, send_stray_claims},
-    {"500 messages of 1 MB, then 1,500 stray pieces", kMost_mib, 32, send_stray_pieces},
+    {"24 messages of 65 MB, each with a stray piece", 128, 32, send_strays<24, kLargest, 1'100'000>},
+    {"1,500 messages of 0.9 MB, with stray pieces", kMost_mib, 32, send_strays<1500, 900'000, 900'000>},
     {"10 interleaved messages of 65 MB", kMost_mib, 32, send_many<10, kLargest>, 8, kLargest},
     {"40 interleaved messages of 16 MB", kMost_mib, 32, send_many<40, 16'000'000>, 32, 16'000'000},
     {"100,000 envelopes that claim 4 GiB", 16, 32, send_each(kMany, false_envelope)},
