@@ -30,7 +30,8 @@ int on_request(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t reqid, uint32_t
     std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::toupper(c); });
     tav_ipc_response(ipc, src, reqid, 0, text.data(), size);
     // On a later turn, when the response has left.
-    cl_timer_start(0, [](void *context) { static_cast<asio::io_context *>(context)->stop(); }, user);
+    cl_timer_start(
+        0, [](void *context) { static_cast<asio::io_context *>(context)->stop(); }, user);
     return 0;
 }
 
