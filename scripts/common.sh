@@ -3,7 +3,7 @@
 
 jobs=$(($(nproc) + 1))
 passed=0 failed=0
-declare -A background # the process ids of what must end with this script
+declare -A background=() # the process ids of what must end with this script
 
 packages=(cmake ninja-build g++ pkg-config clang-format libuv1-dev zlib1g-dev libssl-dev libcjson-dev
           libjansson-dev uuid-dev libinih-dev libgtest-dev libgmock-dev libbenchmark-dev mandoc)

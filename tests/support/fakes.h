@@ -68,7 +68,7 @@ struct Event {
     void deliver(cl_dunix_t socket, std::string_view datagram, int status = 0);
     cl_dunix_t socket_at(std::string_view path) const; // 0 when there is none
 };
-struct Memory { // xhash_create, heap_push
+struct Memory {                         // xhash_create, heap_push
     int fail_table = 0, fail_push = 0;  // the call from now that fails, 1 is the next
     uint32_t largest_heap = UINT32_MAX; // entries; heap_push fails from there on
 };
