@@ -7,7 +7,7 @@
 namespace tavipc {
 namespace {
 
-constexpr time_t kIdleLimit_s = 10; // prescribed for sets; marks last as long
+constexpr time_t kIdleLimit_s = 10; // of a set, after its last fragment; marks last as long
 // A live set without a fragment for this many seconds has stalled and is evicted first. Two, because the
 // clock counts whole seconds: one second would be anything above zero.
 constexpr time_t kStalled_s = 2;

@@ -39,7 +39,7 @@ int open_queue(tav_ipc_st *ipc) {
     MallocPtr<ipc_queue_st> queue(static_cast<ipc_queue_st *>(std::calloc(1, sizeof(ipc_queue_st))));
     if (!queue) return ENOMEM;
     const cl_dunix_t socket = create_unix_socket(ipc->location, ipc->my_addr.name);
-    if (!socket) return errno;
+    if (!socket) return errno != 0 ? errno : EIO; // another event library may leave it alone
     if (init_ipc_queue(queue.get(), ipc->location, consume_queued, &socket) != 0) {
         TAV_LOG(1, "tav_ipc", "init ipc msg queue failed.");
         destroy_unix_socket(socket);
@@ -123,7 +123,7 @@ tav_ipc_st *create_receiving(const char *name, const Options &options) {
 int start_reception(tav_ipc_st *ipc, cl_dunix_recv_cb handler) {
     if (!handler) return EINVAL;
     const KeepErrno keep;
-    errno = 0; // another event library may leave it alone
+    errno = 0;
     if (cl_dunix_recv_start(ipc->queue->default_mod->sock, handler, ipc) == 0) return 0;
     return errno != 0 ? errno : ENOMEM;
 }

@@ -33,8 +33,8 @@ struct Reassembly {
 
 namespace {
 
-constexpr uint64_t kSweepPeriod_ms = 1000;    // prescribed
-constexpr float kSweepPortion = 1.0f / 60.0f; // of the table in each period; prescribed
+constexpr uint64_t kSweepPeriod_ms = 1000;    // expiry counts whole seconds
+constexpr float kSweepPortion = 1.0f / 60.0f; // of the table in each period: all of it once a minute
 constexpr uint32_t kLargestClaim =
     UINT32_MAX - kHeaderSize;             // bytes; a claim above it would wrap with a header
 constexpr size_t kMostBytes = 512u << 20; // promised: 8 messages of the largest size

@@ -46,7 +46,7 @@ bool restorable(const Incoming &in) {
 
 // Replaces a compressed application message by its plain form. Logs.
 bool ipc_uncompress_msg(Incoming &in) {
-    void *out = nullptr; // the prescribed reserve in front of the message stays unused
+    void *out = nullptr; // the reserve in front of the message stays unused
     const int32_t result = restorable(in) ? tav_msg_uncompress2(in.payload, &out, kHeaderSize, 0)
                                           : static_cast<int32_t>(TAV_COMPRESS_BAD_ARG);
     in.restored.reset(static_cast<unsigned char *>(out));
