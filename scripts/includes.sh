@@ -149,7 +149,7 @@ print_levels() {
 
 mode=${1:-check}
 while read -r file; do exists[$file]=1; done < <(
-    find ./*/ -path ./build -prune -o \( -name '*.h' -o -name '*.c' -o -name '*.cpp' \) -print | sed 's,^\./,,')
+    find . -path ./build -prune -o \( -name '*.h' -o -name '*.c' -o -name '*.cpp' -o -name '*.hpp' \) -print | sed 's,^\./,,')
 read_table
 read_order
 while IFS=: read -r file line text; do
