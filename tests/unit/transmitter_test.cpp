@@ -161,4 +161,19 @@ TEST_F(TransmitterTest, RecordsOfOtherCodeAreSentOrDropped) {
     EXPECT_EQ(w.log.count("msg send failed, retry later|try_times=1", 4), 1);
 }
 
+TEST_F(TransmitterTest, ALineAboutADropMaySettleTheLastSend) {
+    load_ipc_proxy_conf(nullptr);
+    get_ipc_proxy_conf()->eagain_max_retry_times = 0; // the first refusal drops
+    ASSERT_TRUE(module(ipc_, "gamma"));
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(send(ipc_, "hello"), 0);
+    w.event.settles = true;
+    ipc_->queue->mod_count = 5002;
+    w.log.on_line = [&] { EXPECT_EQ(send(ipc_, "x", address("gamma")), 0); };
+    w.event.complete(0, CL_EV_WOULD_BLOCK);
+    w.log.on_line = nullptr;
+    EXPECT_EQ(ipc_->queue->mod_count, 5001) << "beta, once";
+    EXPECT_EQ(xhash_count(ipc_->queue->mods), 1u);
+    ipc_->queue->mod_count = 1;
+}
+
 } // namespace
