@@ -43,9 +43,9 @@ TAVBASE_API void error_output(int level, const char *source, int line, const cha
 TAVBASE_API void error_output_set_level(int level) TAVBASE_NOEXCEPT;
 
 /* Gives every line to sink instead of standard error; null restores standard error. text is the formatted
- * line without a line end, valid during the call. Calls come from any thread, one at a time. A sink may send
- * messages, but not destroy an endpoint, because the line may come from the middle of that endpoint's work. A
- * line that the sink itself writes goes to standard error. */
+ * line without a line end, valid during the call. Calls come from any thread, one at a time. A sink may do
+ * anything, also send messages and destroy endpoints. A line that the sink itself writes goes to standard
+ * error. */
 typedef void (*error_output_sink)(int level, const char *source, int line, const char *text, void *context);
 TAVBASE_API void error_output_set_sink(error_output_sink sink, void *context) TAVBASE_NOEXCEPT;
 
