@@ -1,4 +1,8 @@
 // The send path: where a message goes, how it is built, marked, compressed and cut, and what is refused.
+#include <fstream>
+
+#include <sys/resource.h>
+
 #include "endpoint_world.h"
 #include "ipc/transmitter.h"
 
@@ -221,5 +225,21 @@ TEST_F(SendTest, RawDatagramsOfAnyAlignmentStayTheCallers) {
     }
     EXPECT_EQ(w.random.seeds, std::vector<unsigned>{4});
 }
+
+#ifndef __SANITIZE_ADDRESS__ // its allocator ends the process instead
+TEST_F(SendTest, ShortMemoryRefusesALargeMessageWhole) {
+    const std::string message = pattern(60'000'000);
+    rlimit before{};
+    getrlimit(RLIMIT_AS, &before);
+    rlim_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlimit tight{pages * 4096 + 40'000'000, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
+    const int result = send(ipc_, message, beta_, IPC_FLAG_REQUEST);
+    setrlimit(RLIMIT_AS, &before);
+    EXPECT_EQ(result, IPC_ERR_SENDTO);
+    EXPECT_EQ(w.event.sends.size(), 0u);
+}
+#endif
 
 } // namespace
