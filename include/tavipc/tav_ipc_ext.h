@@ -51,6 +51,26 @@ TAVIPC_API int tav_ipc_exchange_cancel(tav_ipc_st *ipc, uint64_t id) TAVIPC_NOEX
 TAVIPC_API int tav_ipc_response2(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t reqid, uint32_t cmd,
                                  const void *data, uint32_t size) TAVIPC_NOEXCEPT;
 
+/* What became of the messages that an endpoint had accepted. */
+typedef struct tav_ipc_flush_st {
+    uint64_t left;    /* messages that left completely, during this call */
+    uint64_t dropped; /* messages of which at least one datagram was dropped, during this call */
+    uint64_t pending; /* messages that have neither left nor been dropped when it returns */
+} tav_ipc_flush_st;
+
+/* Runs this thread's event loop until every message that the endpoint accepted has left or has been dropped,
+ * also those that callbacks send meanwhile, or until timeout_ms milliseconds have passed (0: one turn without
+ * a wait; negative: no limit). All callbacks of the loop run, and may do anything. result may be null. Returns
+ * 0 when nothing is pending; 1 when the time is over; -1 with errno EINVAL (ipc is null), ESHUTDOWN (a callback
+ * destroyed the endpoint; result then has what is known), or ENOTSUP (the event library has no loop to run).
+ */
+TAVIPC_API int tav_ipc_flush(tav_ipc_st *ipc, int timeout_ms, tav_ipc_flush_st *result) TAVIPC_NOEXCEPT;
+
+/* Stores the messages that the endpoint accepted and that have not left completely, and the bytes of their
+ * datagrams that have not left (headers included). Either pointer may be null. Returns 0; -1 with errno EINVAL
+ * when ipc is null. */
+TAVIPC_API int tav_ipc_pending(tav_ipc_st *ipc, uint64_t *messages, uint64_t *bytes) TAVIPC_NOEXCEPT;
+
 TAVIPC_END_DECLS
 
 #endif /* TAVIPC_TAV_IPC_EXT_H */
