@@ -12,7 +12,29 @@
 #include "ipc/wire.h"
 
 namespace tavipc {
-namespace {} // namespace
+namespace {
+
+void end_waiting(Account &account) {
+    if (--account.outstanding == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, 0);
+}
+
+void end_message(tav_ipc_st *ipc, bool complete) {
+    --ipc->messages.pending;
+    ++(complete ? ipc->messages.left : ipc->messages.dropped);
+}
+
+// The datagram has left or was dropped, and with it perhaps its message.
+void end_datagram(const ipc_queue_msg_st &msg, bool left) {
+    end_waiting(msg.ipc->account);
+    end_waiting(destination_of(*msg.mod).account);
+    FragmentBlock *block = block_of(msg);
+    if (!block) return end_message(msg.ipc, left);
+    MessageFate &fate = block->fate;
+    fate.failed |= !left;
+    if (--fate.outstanding == 0 && fate.submitted) end_message(msg.ipc, !fate.failed);
+}
+
+} // namespace
 
 // --- the life of an account
 
@@ -44,6 +66,12 @@ void account_queued(const ipc_queue_msg_st &msg) {
 
 void account_unqueued(const ipc_queue_msg_st &msg) {
     if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_QUEUED, UINT64_MAX, -uint64_t{msg.size});
+}
+
+void account_left(const ipc_queue_msg_st &msg) {
+    if (!is_counted(msg)) return;
+    BothValues(msg).add(TAV_IPC_STATS_LEFT, 1, msg.size);
+    end_datagram(msg, true);
 }
 
 void account_dropped(const ipc_queue_msg_st &msg, Counter reason) {

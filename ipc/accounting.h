@@ -147,10 +147,6 @@ inline void begin_waiting(Account &account, uint64_t now_ms) {
     if (account.outstanding++ == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, now_ms);
 }
 
-inline void end_waiting(Account &account) {
-    if (--account.outstanding == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, 0);
-}
-
 inline FragmentBlock *block_of(const ipc_queue_msg_st &msg) {
     return msg.data_free ? FragmentBlock::of(msg) : nullptr;
 }
@@ -158,22 +154,6 @@ inline FragmentBlock *block_of(const ipc_queue_msg_st &msg) {
 inline void begin_message(const BothValues &both, tav_ipc_st *ipc) {
     both.add(TAV_IPC_STATS_MESSAGES, 1);
     ++ipc->messages.pending;
-}
-
-inline void end_message(tav_ipc_st *ipc, bool complete) {
-    --ipc->messages.pending;
-    ++(complete ? ipc->messages.left : ipc->messages.dropped);
-}
-
-// The datagram has left or was dropped, and with it perhaps its message.
-inline void end_datagram(const ipc_queue_msg_st &msg, bool left) {
-    end_waiting(msg.ipc->account);
-    end_waiting(destination_of(*msg.mod).account);
-    FragmentBlock *block = block_of(msg);
-    if (!block) return end_message(msg.ipc, left);
-    MessageFate &fate = block->fate;
-    fate.failed |= !left;
-    if (--fate.outstanding == 0 && fate.submitted) end_message(msg.ipc, !fate.failed);
 }
 
 inline void account_accepted(const ipc_queue_msg_st &msg, uint64_t now_ms) {
@@ -186,12 +166,6 @@ inline void account_accepted(const ipc_queue_msg_st &msg, uint64_t now_ms) {
     both.add(TAV_IPC_STATS_FRAGMENTS, 1);
     ++block->fate.outstanding;
     if (!std::exchange(block->fate.begun, true)) begin_message(both, msg.ipc);
-}
-
-inline void account_left(const ipc_queue_msg_st &msg) {
-    if (!is_counted(msg)) return;
-    BothValues(msg).add(TAV_IPC_STATS_LEFT, 1, msg.size);
-    end_datagram(msg, true);
 }
 
 inline HandlerCall::HandlerCall(tav_ipc_st *ipc) : ipc_(ipc) {
