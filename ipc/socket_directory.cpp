@@ -16,11 +16,13 @@
 #include <dirent.h>
 #include <memory>
 #include <string_view>
+#include <sys/socket.h>
 
 #include "common/facts.h"
 #include "common/keep_errno.h"
 #include "common/log.h"
 #include "common/relaxed.h"
+#include "common/unique_fd.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
 #include "tavipc/ipc_queue.h"
@@ -124,6 +126,18 @@ bool socket_path(char *out, size_t size, int32_t location, const char *name) {
 
 void sending_socket_name(char *out, size_t size, pid_t pid, int number) {
     str_snprintf(out, static_cast<int>(size), "ipc%d_%d", static_cast<int>(pid), number);
+}
+
+bool peer_is_present(int32_t location, const char *name) noexcept {
+    char path[sizeof(sockaddr_un)];
+    cl_sockaddr_t address;
+    if (!socket_path(path, sizeof path, location, name) || cl_sockaddr_un_init(&address, path) != 0)
+        return false;
+    const KeepErrno keep;
+    const UniqueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!probe) return true;
+    // A live socket whose queue is full accepts the connection, too.
+    return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address.addr), address.len) == 0;
 }
 
 void remove_stale_socket_files(int32_t location) noexcept {
