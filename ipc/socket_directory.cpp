@@ -71,12 +71,6 @@ class PathWriter {
     bool complete_ = true;
 };
 
-bool directory_path(char *out, size_t size, int32_t location) {
-    PathWriter path(out, size);
-    path.append_directory(location);
-    return path.finish();
-}
-
 struct CloseDirectory {
     void operator()(DIR *directory) const { ::closedir(directory); }
 };
@@ -115,6 +109,12 @@ cl_dunix_t bind_socket(int32_t location, const char *name, char (&path)[kPathSiz
 }
 
 } // namespace
+
+bool directory_path(char *out, size_t size, int32_t location) {
+    PathWriter path(out, size);
+    path.append_directory(location);
+    return path.finish();
+}
 
 bool socket_path(char *out, size_t size, int32_t location, const char *name) {
     if (!out || size == 0) return false;

@@ -13,6 +13,9 @@
 
 namespace tavipc {
 
+// Composes the path of the directory, with a slash at its end, in out. Returns false when it does not fit.
+bool directory_path(char *out, size_t size, int32_t location);
+
 // Composes the path of a socket file in out. Returns false when the name cannot be a file name (see
 // is_file_name) or the path does not fit into size bytes; out then still holds a terminated text for a log
 // line.
