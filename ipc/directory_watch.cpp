@@ -5,6 +5,7 @@
 #include <new>
 #include <sys/inotify.h>
 #include <sys/timerfd.h>
+#include <utility>
 
 #include "common/facts.h"
 #include "common/keep_errno.h"

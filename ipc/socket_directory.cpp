@@ -128,16 +128,21 @@ void sending_socket_name(char *out, size_t size, pid_t pid, int number) {
     str_snprintf(out, static_cast<int>(size), "ipc%d_%d", static_cast<int>(pid), number);
 }
 
-bool peer_is_present(int32_t location, const char *name) noexcept {
+void stats_file_name(char *out, size_t size, pid_t pid) {
+    str_snprintf(out, static_cast<int>(size), "ipc%d.stats", static_cast<int>(pid));
+}
+
+Presence look_for_peer(int32_t location, const char *name) noexcept {
     char path[sizeof(sockaddr_un)];
     cl_sockaddr_t address;
     if (!socket_path(path, sizeof path, location, name) || cl_sockaddr_un_init(&address, path) != 0)
-        return false;
+        return Presence::kAbsent;
     const KeepErrno keep;
     const UniqueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!probe) return true;
+    if (!probe) return Presence::kUnknown;
     // A live socket whose queue is full accepts the connection, too.
-    return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address.addr), address.len) == 0;
+    const auto *peer = reinterpret_cast<const sockaddr *>(&address.addr);
+    return ::connect(probe.get(), peer, address.len) == 0 ? Presence::kPresent : Presence::kAbsent;
 }
 
 void remove_stale_socket_files(int32_t location) noexcept {

@@ -24,10 +24,17 @@ bool socket_path(char *out, size_t size, int32_t location, const char *name);
 // The name of the number-th sending socket of a process.
 void sending_socket_name(char *out, size_t size, pid_t pid, int number);
 
+// The name of the file of a process's counters.
+void stats_file_name(char *out, size_t size, pid_t pid);
+
 // Whether somebody has a socket bound at the name: a killed process leaves its file, which refuses
-// connections. Takes about 5 us. Also true when that cannot be found out, because the process has no
-// descriptor left. False for a name that is no file name, and for a socket that this user may not send to.
-bool peer_is_present(int32_t location, const char *name) noexcept;
+// connections. Takes about 5 us. Absent also for a name that is no file name, and for a socket that this user
+// may not send to. Unknown when the process has no descriptor left.
+enum class Presence { kAbsent, kPresent, kUnknown };
+Presence look_for_peer(int32_t location, const char *name) noexcept;
+inline bool peer_is_present(int32_t location, const char *name) noexcept {
+    return look_for_peer(location, name) != Presence::kAbsent;
+}
 
 // Removes the files of sending sockets whose process is gone and whose socket refuses connections. Runs once
 // in a process and stops after 5 ms (0.2 s when another process holds the directory's lock). Later processes
