@@ -7,13 +7,13 @@
  * monitor sets the mode of its file (chmod, 0600; to what it was is enough): modules watch for changed modes,
  * so the many other files of the directory wake nobody.
  *
- * Each thread of a process with an endpoint there connects a socket of its own, at once, or when it has had the
- * endpoint for a quarter of a second, and sends one TAV_IPC_MONITOR_HELLO. A thread whose first endpoint comes
- * later finds the monitor while the endpoint is made. From then on it sends a copy of each datagram as a
- * tav_ipc_monitor_record_st, without waiting: what the monitor's socket does not take is counted in `missed` of
- * the next copy. A module accepts a monitor only if the socket file belongs to root or to the module's own
- * effective user, and takes commands only from a process of such a user (SCM_CREDENTIALS). Modules leave a
- * monitor whose socket is closed.
+ * Each endpoint there connects a socket of its own: at once, or, if it is younger than a quarter of a second,
+ * when it has that age; one that is made later does it while it is made. It sends one TAV_IPC_MONITOR_HELLO,
+ * and from then on a copy of each datagram as a tav_ipc_monitor_record_st, without waiting: what the monitor's
+ * socket does not take is counted in `missed` of the next copy. An endpoint that the backlog of the monitor
+ * refuses is missing until the mode is set again. A module accepts a monitor only if the socket file belongs to
+ * root or to the module's own effective user, and takes commands only from a process of such a user
+ * (SCM_CREDENTIALS). Modules leave a monitor whose socket is closed.
  *
  * Both records are datagrams of their own. Integers are in host order. A receiver ignores records with another
  * magic, and reads record_size bytes before what follows.
