@@ -3,6 +3,7 @@
 #include <cassert>
 #include <cstring>
 #include <new>
+#include <pthread.h>
 #include <sys/inotify.h>
 #include <sys/timerfd.h>
 #include <utility>
@@ -23,6 +24,8 @@ constexpr long kShortLife_ms = 250; // an endpoint of a command-line tool rarely
 constexpr long kRetry_ms = 5000;
 constexpr uint32_t kModeEvents = IN_ATTRIB | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr uint32_t kFileEvents = kModeEvents | IN_CREATE | IN_DELETE | IN_MOVE;
+
+constexpr pthread_key_t kNoKey = ~pthread_key_t{0}; // functions refuse it
 
 UniqueFd make_timer(long delay_ms) {
     UniqueFd fd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
@@ -45,12 +48,8 @@ class DirectoryWatch {
     void read_events() noexcept;
 
   private:
-    struct AtThreadEnd {
-        bool armed = false;
-        ~AtThreadEnd();
-    };
-    static thread_local DirectoryWatch *of_thread; // a list
-    static thread_local AtThreadEnd at_thread_end;
+    static void at_thread_end(void *first) noexcept;
+    static pthread_key_t thread_key() noexcept;
 
     explicit DirectoryWatch(int32_t location) noexcept : location_(location), forks_(fork_count()) {}
     static void on_ready(cl_io_t, int, void *self) noexcept;
@@ -70,34 +69,45 @@ class DirectoryWatch {
     DirectoryWatch *next_ = nullptr;
 };
 
-constinit thread_local DirectoryWatch *DirectoryWatch::of_thread = nullptr;
-thread_local DirectoryWatch::AtThreadEnd DirectoryWatch::at_thread_end;
-
 // Endpoints may outlive their thread.
-DirectoryWatch::AtThreadEnd::~AtThreadEnd() {
-    while (DirectoryWatch *first = of_thread) {
-        of_thread = first->next_;
-        first->detached_ = true;
-        first->close();
+void DirectoryWatch::at_thread_end(void *first) noexcept {
+    for (auto *watch = static_cast<DirectoryWatch *>(first); watch; watch = watch->next_) {
+        watch->detached_ = true;
+        watch->close();
     }
 }
 
+// The key of each thread's list. A thread_local variable with a destructor would end the process when memory
+// is short.
+pthread_key_t DirectoryWatch::thread_key() noexcept {
+    static const pthread_key_t key = [] {
+        pthread_key_t made = kNoKey;
+        return ::pthread_key_create(&made, at_thread_end) == 0 ? made : kNoKey;
+    }();
+    return key;
+}
+
 DirectoryWatch *DirectoryWatch::get(int32_t location) noexcept {
-    for (DirectoryWatch *found = of_thread; found; found = found->next_)
+    auto *const first = static_cast<DirectoryWatch *>(::pthread_getspecific(thread_key()));
+    for (DirectoryWatch *found = first; found; found = found->next_)
         if (found->location_ == location && found->forks_ == fork_count()) return found;
     auto *made = new (std::nothrow) DirectoryWatch(location);
     if (!made) return nullptr;
-    made->next_ = std::exchange(of_thread, made);
-    at_thread_end.armed = true; // the first use registers its destructor
-    return made;
+    made->next_ = first;
+    if (::pthread_setspecific(thread_key(), made) == 0) return made;
+    made->detached_ = true;
+    delete made;
+    return nullptr;
 }
 
 DirectoryWatch::~DirectoryWatch() {
     close();
     if (detached_) return;
-    DirectoryWatch **link = &of_thread;
+    auto *first = static_cast<DirectoryWatch *>(::pthread_getspecific(thread_key()));
+    DirectoryWatch **link = &first;
     while (*link && *link != this) link = &(*link)->next_;
     if (*link) *link = next_;
+    ::pthread_setspecific(thread_key(), first);
 }
 
 void DirectoryWatch::close() noexcept {

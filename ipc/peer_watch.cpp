@@ -24,7 +24,7 @@ constexpr uint64_t kPass_ms = 1000; // promised in tav_ipc_watch.h
 constexpr uint64_t kBinding_ms = 10;
 
 struct FileIdentity {
-    uint64_t inode = 0; // 0: there is no socket
+    uint64_t inode = 0; // 0: there is no socket, or it cannot be examined
     int64_t born_s = 0;
     uint32_t born_ns = 0;
     bool operator==(const FileIdentity &) const = default;
@@ -127,9 +127,10 @@ int PeerWatches::look(Watch &watch) noexcept {
     const bool changed = std::exchange(watch.changed, false);
     const bool removed = std::exchange(watch.removed, false);
     if (now == Presence::kAbsent && changed && socket != FileIdentity{}) schedule(kBinding_ms);
-    const int event = event_between(watch.state, now, removed || socket != watch.socket);
+    const bool known = socket != FileIdentity{} && watch.socket != FileIdentity{};
+    const int event = event_between(watch.state, now, removed || (known && socket != watch.socket));
     if (now != Presence::kUnknown) watch.state = now;
-    if (now == Presence::kPresent) watch.socket = socket;
+    if (now == Presence::kPresent && socket != FileIdentity{}) watch.socket = socket;
     return event;
 }
 

@@ -142,7 +142,8 @@ Presence look_for_peer(int32_t location, const char *name) noexcept {
     if (!probe) return Presence::kUnknown;
     // A live socket whose queue is full accepts the connection, too.
     const auto *peer = reinterpret_cast<const sockaddr *>(&address.addr);
-    return ::connect(probe.get(), peer, address.len) == 0 ? Presence::kPresent : Presence::kAbsent;
+    if (::connect(probe.get(), peer, address.len) == 0) return Presence::kPresent;
+    return errno == ENOMEM || errno == ENOBUFS || errno == EINTR ? Presence::kUnknown : Presence::kAbsent;
 }
 
 void remove_stale_socket_files(int32_t location) noexcept {

@@ -29,7 +29,7 @@ void stats_file_name(char *out, size_t size, pid_t pid);
 
 // Whether somebody has a socket bound at the name: a killed process leaves its file, which refuses
 // connections. Takes about 5 us. Absent also for a name that is no file name, and for a socket that this user
-// may not send to. Unknown when the process has no descriptor left.
+// may not send to. Unknown when descriptors or memory are short.
 enum class Presence { kAbsent, kPresent, kUnknown };
 Presence look_for_peer(int32_t location, const char *name) noexcept;
 inline bool peer_is_present(int32_t location, const char *name) noexcept {
