@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <ctime>
 
 #include "ipc/destination.h"
 #include "ipc/endpoint.h"
@@ -27,8 +28,9 @@ inline constexpr uint32_t kCountedRecord = 1u << 31;
 
 // --- the life of an account
 
-void open_endpoint_account(tav_ipc_st *ipc);
-void open_destination_account(const tav_ipc_st *ipc, Destination &to);
+// Open the account, for a destination only if it is not open yet. False when memory is short.
+[[nodiscard]] bool open_endpoint_account(tav_ipc_st *ipc);
+[[nodiscard]] bool open_destination_account(const tav_ipc_st *ipc, Destination &to);
 
 // --- a datagram on its way out
 
@@ -70,9 +72,14 @@ void account_delivered(const tav_ipc_st *ipc);
 
 // --- others
 
-// Counts up, or adds to a gauge.
+// Counts up; sets a gauge.
 void account_event(const tav_ipc_st *ipc, Counter counter);
-void account_open(const tav_ipc_st *ipc, Counter gauge, int64_t change);
+void account_gauge(const tav_ipc_st *ipc, Counter gauge, uint64_t value);
+
+// An exchange waits for its answer; got it, or ended without one (how: EXCHANGES_COMPLETED ...). ipc may be
+// null.
+void account_exchange_waits(const tav_ipc_st *ipc);
+void account_exchange_over(const tav_ipc_st *ipc, Counter how);
 
 // Counts a call of an application's callback and measures it.
 class HandlerCall {
@@ -89,17 +96,59 @@ class HandlerCall {
 
 // --- what of it runs for each datagram
 
-inline void add_to(const Account &account, Counter counter, uint64_t amount) {
-    const std::atomic_ref value(account.values()[counter]);
+inline void add_to(uint64_t *values, Counter counter, uint64_t amount) {
+    const std::atomic_ref value(values[counter]);
     value.store(value.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
 }
-inline void set_to(const Account &account, Counter counter, uint64_t amount) {
-    std::atomic_ref(account.values()[counter]).store(amount, std::memory_order_relaxed);
+inline void set_to(uint64_t *values, Counter counter, uint64_t amount) {
+    std::atomic_ref(values[counter]).store(amount, std::memory_order_relaxed);
 }
-inline uint64_t count_of(const Account &account, Counter counter) {
-    return std::atomic_ref(account.values()[counter]).load(std::memory_order_relaxed);
+inline uint64_t count_of(uint64_t *values, Counter counter) {
+    return std::atomic_ref(values[counter]).load(std::memory_order_relaxed);
 }
 
 inline bool is_counted(const ipc_queue_msg_st &msg) { return msg.flags & kCountedRecord; }
+
+// Where the endpoint's and the destination's values of a counted record are: they count the same.
+struct BothValues {
+    uint64_t *ipc, *to;
+
+    explicit BothValues(const ipc_queue_msg_st &msg)
+        : ipc(msg.ipc->account.values), to(destination_of(*msg.mod).account.values) {}
+    // Adds to a count of datagrams, and their bytes to the value behind it.
+    void add(Counter datagrams, uint64_t count, uint64_t bytes) const {
+        for (uint64_t *values : {ipc, to}) {
+            add_to(values, datagrams, count);
+            add_to(values, static_cast<Counter>(datagrams + 1), bytes);
+        }
+    }
+    void add(Counter counter, uint64_t count) const {
+        add_to(ipc, counter, count);
+        add_to(to, counter, count);
+    }
+};
+
+inline void account_in_flight(const ipc_queue_msg_st &msg) {
+    if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_IN_FLIGHT, 1, msg.size);
+}
+inline void account_landed(const ipc_queue_msg_st &msg) {
+    if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_IN_FLIGHT, UINT64_MAX, -uint64_t{msg.size});
+}
+
+inline uint64_t coarse_now_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
+inline HandlerCall::HandlerCall(tav_ipc_st *ipc) : ipc_(ipc), begin_ms_(coarse_now_ms()) {
+    add_to(ipc->account.values, TAV_IPC_STATS_HANDLER_CALLS, 1);
+}
+inline HandlerCall::~HandlerCall() {
+    uint64_t *values = ipc_->account.values;
+    const uint64_t spent_ms = coarse_now_ms() - begin_ms_;
+    if (spent_ms > count_of(values, TAV_IPC_STATS_HANDLER_LONGEST_MS))
+        set_to(values, TAV_IPC_STATS_HANDLER_LONGEST_MS, spent_ms);
+}
 
 } // namespace tavipc

@@ -3,7 +3,7 @@
 //
 // The directory is "/var/zon_ipc<location>", or "/var/<type>/zon_ipc<location>" with a deployment type. An
 // endpoint's socket file has the endpoint's name. The sockets that an endpoint sends through are named
-// "ipc<pid>_<number>".
+// "ipc<pid>_<number>", the file of a process's counters "ipc<pid>.stats".
 #pragma once
 
 #include <cstddef>
@@ -36,7 +36,8 @@ inline bool peer_is_present(int32_t location, const char *name) noexcept {
     return look_for_peer(location, name) != Presence::kAbsent;
 }
 
-// Removes the files of sending sockets whose process is gone and whose socket refuses connections. Runs once
+// Removes the files of sending sockets whose process is gone and whose socket refuses connections, and the
+// files of counters whose process is gone. Runs once
 // in a process and stops after 5 ms (0.2 s when another process holds the directory's lock). Later processes
 // remove what it leaves.
 void remove_stale_socket_files(int32_t location) noexcept;
