@@ -50,10 +50,27 @@ TEST_F(Examples, FileDrop) {
 
 TEST_F(Examples, Coroutines) {
     Process program = place.start("coroutines");
-    for (const char *line : {"request: Success hello", "confirmed: Success", "probe: Request timeout"})
+    for (const char *line : {"request: Success hello", "confirmed: Success", "probe: No such endpoint"})
         program.expect(line);
     program.expect("kept 1, done 1");
     EXPECT_EQ(program.finish(), 0);
+}
+
+TEST_F(Examples, FileTransfer) {
+    const fs::path program = place.config().parent_path() / "bin/file_transfer", directory = place.config();
+    EXPECT_EQ(place.start("file_transfer", {}, {"send", program}).expect(program.string() + ": "),
+              "No such endpoint");
+    Process receiver = place.start("file_transfer", {}, {"receive", directory});
+    receiver.expect("ready");
+    Process sender = place.start("file_transfer", {}, {"send", program});
+    sender.expect("64000 of " + std::to_string(fs::file_size(program)) + " bytes");
+    EXPECT_EQ(sender.finish(), 0);
+    receiver.expect("file_transfer of sender: kept");
+    EXPECT_EQ(fs::file_size(directory / "file_transfer"), fs::file_size(program));
+}
+
+TEST_F(Examples, RequestPool) {
+    place.start("request_pool").expect("answered 10, sum of the squares 28500, cancelled 90");
 }
 
 struct OtherLoops : Examples, testing::WithParamInterface<const char *> {};
