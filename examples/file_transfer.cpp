@@ -30,7 +30,7 @@ int send(const char *path) {
         const tavipc::Task work = send(sender, path, result);
         if (!work.done()) cl_event_loop_run();
     }
-    std::printf("%s: %s\n", path, result ? result.message().c_str() : "sent");
+    std::puts(result ? result.message().c_str() : "sent");
     return result ? 1 : 0;
 }
 
@@ -41,8 +41,8 @@ int receive(const std::string &directory) {
             const std::string name = file.name[0] ? file.name : "unnamed";
             std::error_code failed;
             std::filesystem::copy(file.path, directory + "/" + name, failed); // replaces nothing
-            std::printf("%s of %.10s: %s\n", name.c_str(), file.src.name,
-                        failed ? failed.message().c_str() : "kept");
+            std::printf("%s %s/%s\n", failed ? failed.message().c_str() : "kept", directory.c_str(),
+                        name.c_str());
             std::fflush(stdout);
         }));
     if (!store) return std::printf("no endpoint: %s\n", store.error().message().c_str()), 1;

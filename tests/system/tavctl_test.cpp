@@ -5,7 +5,6 @@
 #include <sstream>
 
 #include <gmock/gmock.h>
-#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -236,25 +235,6 @@ TEST_F(Tavctl, FilesArriveWholeAndReplaceNone) {
         EXPECT_TRUE(fs::is_symlink(directory / "source") && files == 3) << "none is replaced or left over";
     }
     fs::remove_all(other);
-}
-
-TEST_F(Tavctl, UnfinishedFilesGoWithTheReceiver) {
-    const std::string file = write(1);
-    fs::resize_file(file, 2'000'000'000); // takes seconds
-    Process receiver(tool_, {}, {"recvfile", root_, "--as", "in"});
-    receiver.expect("receiving files as in@2");
-    const int watch = inotify_init1(IN_CLOEXEC);
-    ASSERT_GE(inotify_add_watch(watch, "/tmp", IN_CREATE), 0);
-    Process sender(tool_, {}, {"sendfile", "in", file});
-    bool receiving = false;
-    for (alignas(inotify_event) char event[4096]; !receiving && ::read(watch, event, sizeof event) > 0;)
-        for (const auto &fd : fs::directory_iterator("/proc/" + std::to_string(receiver.pid()) + "/fd"))
-            if (std::error_code gone; fs::read_symlink(fd, gone).string().starts_with("/tmp/ipc_file."))
-                receiving = true;
-    receiver.signal(SIGINT);
-    EXPECT_EQ(receiver.expect("0 files received"), ", 1 file unfinished and removed");
-    EXPECT_EQ(receiver.finish(), 0);
-    close(watch);
 }
 
 } // namespace
