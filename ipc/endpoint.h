@@ -22,12 +22,21 @@
 #include "tavipc/ipc_queue.h"
 #include "tavipc/ipc_req_manager.h"
 #include "tavipc/tav_ipc.h"
+#include "tavipc/tav_ipc_file_ext.h"
 
 namespace tavipc {
 struct SendContext;
 struct Reassembly;
 class MonitorTap;
 class PeerWatches;
+struct FileTransfer;
+
+// The callbacks of tav_ipc_on_file.
+struct FileCallbacks {
+    tav_ipc_file_event_cb complete;
+    tav_ipc_file_event_cb progress;
+    void *user;
+};
 } // namespace tavipc
 
 struct tav_ipc_st {
@@ -55,6 +64,8 @@ struct tav_ipc_st {
     tavipc::SendContext *spare_contexts; // of completed sends, for the next ones
     uint32_t spare_context_count;
     tavipc::Reassembly *reassembly; // the sets of frag_table with their buffers; made with it
+    tavipc::FileCallbacks on_file;
+    tavipc::FileTransfer *transfers; // that tav_ipc_file_start began, newest first
     tavipc::Account account;
     struct { // accepted messages
         uint64_t pending, left, dropped;

@@ -1,11 +1,13 @@
 #include "ipc/transmitter.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <new>
 
 #include "common/log.h"
 #include "ipc/accounting.h"
+#include "ipc/exchanges.h"
 #include "ipc/fragment_block.h"
 #include "ipc/ipc_conf.h"
 #include "ipc/wire.h"
@@ -128,7 +130,14 @@ struct RetryRule {
     uint64_t limit; // attempts in all
 };
 
-RetryRule retry_rule(int status) {
+RetryRule retry_rule(const ipc_queue_msg_st &msg, int status) {
+    const auto wish =
+        status == CL_EV_NO_PEER ? exchange_without_peer(msg.ipc, header_of(msg)) : WithoutPeer::kNoExchange;
+    if (wish == WithoutPeer::kGivesUp) return {false, 0, 1};
+    // Due at the next full second of the loop clock: until then it ranks behind all that is sent, after it
+    // nothing waits for it. Once in a second is enough.
+    if (wish == WithoutPeer::kWaits)
+        return {true, static_cast<uint32_t>(1000 - cl_event_loop_now() % 1000), UINT64_MAX};
     if (status != CL_EV_WOULD_BLOCK) return {false, 0, kOtherTries};
     if (!conf_loaded()) return {false, 0, kWouldBlockTries};
     const ipc_proxy_conf_st &conf = *get_ipc_proxy_conf();
@@ -137,7 +146,7 @@ RetryRule retry_rule(int status) {
 
 void put_back_or_drop(ipc_queue_msg_st *msg, int status) {
     const uint64_t now_ms = cl_event_loop_now();
-    const RetryRule rule = retry_rule(status);
+    const RetryRule rule = retry_rule(*msg, status);
     if (rule.fixed_delay)
         ipc_queue_msg_set_retry_later(msg, now_ms, rule.delay_ms);
     else
@@ -146,7 +155,7 @@ void put_back_or_drop(ipc_queue_msg_st *msg, int status) {
     const tav_ipc_hdr_st header = header_of(*msg); // the record may be gone when the lines are written
     const uint32_t tries = msg->try_times;
     const char *reason = cl_ev_strerror(status);
-    const auto limit = static_cast<uint32_t>(rule.limit);
+    const auto limit = static_cast<uint32_t>(std::min<uint64_t>(rule.limit, UINT32_MAX));
     if (rule.limit <= tries) {
         account_dropped(*msg, drop_reason(status));
         TAV_LOG(2, "tav_ipc",

@@ -52,7 +52,7 @@ Finding check_endpoint(const Findings &findings) {
     try {
         const Module module;
         exchange.begin = now_seconds();
-        tav_ipc_probe(module, tav_ipc_get_local_addr(module), Exchange::on_status, &exchange);
+        exchange.start(module, TAV_IPC_EXCHANGE_PROBE, *tav_ipc_get_local_addr(module), 0, {}, kProbe_s);
         exchange.wait(10);
         const bool answered = exchange.ended && exchange.code == 0;
         const std::string text = module.text() + (answered ? " opened, and answered itself in "

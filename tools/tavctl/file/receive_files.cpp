@@ -1,11 +1,12 @@
-// tavctl recvfile: moves each file that arrives into a directory, named after the time of its arrival. The
-// library passes only a temporary path; the sender and the file's name there are not known.
+// tavctl recvfile: moves each file that arrives into a directory, under the name that its sender gave it. One
+// without a name, and one whose name would hide it, is named after the time of its arrival.
 #include <deque>
 #include <future>
 
 #include "agent/agent.h"
 #include "commands.h"
 #include "module/module.h"
+#include "tavipc/tav_ipc_file_ext.h"
 
 namespace tavctl {
 namespace {
@@ -13,7 +14,8 @@ namespace {
 constexpr int kMostNames = 10'000; // with a number after them, for files of one second
 
 struct Received {
-    std::string temporary; // path that the library gave it
+    std::string temporary;  // path that the library gave it
+    std::string from, name; // its sender, and the name that this one gave it
     Stamp time;
     std::string path; // where it is now; empty: still at the temporary path
     FileDigest digest;
@@ -74,7 +76,9 @@ std::string copy(const std::string &from, const std::string &directory, const st
 
 Received store(const std::string &directory, Received received) {
     try {
-        const std::string wanted = directory + "/" + received.time.format("file-%Y%m%d-%H%M%S");
+        const bool named = !received.name.empty() && received.name[0] != '.';
+        const std::string wanted =
+            directory + "/" + (named ? received.name : received.time.format("file-%Y%m%d-%H%M%S"));
         received.path = give_name(received.temporary, wanted);
         if (received.path.empty()) received.path = copy(received.temporary, directory, wanted);
         const UniqueFd file(open(received.path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -97,11 +101,12 @@ class Receiver {
     Receiver(Console &out, std::string directory) : out_(out), directory_(std::move(directory)) {}
     uint64_t arrived = 0, stored = 0, failed = 0;
 
-    static int on_file(tav_ipc_st *, const char *path, void *user) {
+    static void on_file(tav_ipc_st *, const tav_ipc_file_st *file, void *user) {
         auto &self = *static_cast<Receiver *>(user);
         ++self.arrived;
-        self.storing_.push_back(std::async(store, self.directory_, Received{path, Stamp(), {}, {}, {}, {}}));
-        return 0;
+        self.storing_.push_back(
+            std::async(store, self.directory_,
+                       Received{file->path, address_text(file->src), file->name, Stamp(), {}, {}, {}, {}}));
     }
     // Reports the files that are stored. With all: waits for the others.
     void report(bool all) {
@@ -116,9 +121,9 @@ class Receiver {
   private:
     void say(const Received &file) {
         ++stored;
-        Record record("type", "file", "time", file.time, "path", file.path);
-        out_.say(record.add("bytes", file.digest.size, "sha256", file.digest.sha256),
-                 "{time}  {path}, {bytes,} bytes\n  sha256 {sha256}");
+        Record record("type", "file", "time", file.time, "from", file.from, "name", file.name);
+        out_.say(record.add("path", file.path, "bytes", file.digest.size, "sha256", file.digest.sha256),
+                 "{time}  {path}, {bytes,} bytes from {from}\n  sha256 {sha256}");
     }
     void say_failed(const Received &file) {
         ++failed;
@@ -164,7 +169,7 @@ int receive_files(Console &out, const Args &args) {
     Receiver receiver(out, directory);
     {
         const Module module(args.text("as"), true);
-        tav_ipc_file_recv(module, Receiver::on_file, &receiver);
+        tav_ipc_on_file(module, Receiver::on_file, nullptr, &receiver);
         out.say(Record("type", "ready", "as", module.text(), "directory", directory),
                 "receiving files as {as} into {directory}; Ctrl-C ends it");
         run_until([&] {
@@ -173,7 +178,7 @@ int receive_files(Console &out, const Args &args) {
         });
         pause(kLastDeparture_s);
     }
-    const unsigned unfinished = drop_unfinished_files();
+    const unsigned unfinished = tav_ipc_file_drop_unfinished();
     receiver.report(true);
     Record record("type", "end", "files", receiver.stored, "failed", receiver.failed);
     record.add("unfinished", unfinished);

@@ -125,32 +125,4 @@ void wait_for_departures(const tav_addr_st &destination) {
     if (!kept.dropped.empty()) throw Problem("dropped: " + kept.dropped, silence(destination).remedy());
 }
 
-// A new descriptor is the lowest free one: a trial tells which one the library gets.
-FilePosition::FilePosition(int file, const std::function<void()> &begin)
-    : library_fd_(UniqueFd(dup(file)).get()) {
-    fstat(file, &file_);
-    begin();
-}
-
-std::optional<uint64_t> FilePosition::get() const {
-    struct stat now {};
-    if (fstat(library_fd_, &now) != 0 || now.st_dev != file_.st_dev || now.st_ino != file_.st_ino) return {};
-    const off_t at = lseek(library_fd_, 0, SEEK_CUR);
-    return at < 0 ? std::optional<uint64_t>() : at;
-}
-
-// A file that is being received is open for writing; one that is complete is at most open for reading.
-unsigned drop_unfinished_files() {
-    const std::string_view pattern = tavipc::kReceivedFile, prefix = pattern.substr(0, pattern.find('X'));
-    unsigned count = 0;
-    for (const fs::path &fd : files_in("/proc/self/fd")) {
-        std::error_code closed;
-        const std::string target = fs::read_symlink(fd, closed);
-        const fs::perms mode = fs::symlink_status(fd, closed).permissions();
-        const bool writes = !closed && (mode & fs::perms::owner_write) != fs::perms::none;
-        if (writes && target.starts_with(prefix) && unlink(target.c_str()) == 0) ++count;
-    }
-    return count;
-}
-
 } // namespace tavctl

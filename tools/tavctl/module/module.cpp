@@ -121,12 +121,24 @@ Module::Module(const std::string &name, bool accept_files) {
     if (!ipc_) throw refusal(used);
 }
 
-int Exchange::on_status(int32_t code, void *exchange) {
-    auto &self = *static_cast<Exchange *>(exchange);
-    self.ended = true;
-    self.code = code;
-    self.end = now_seconds();
-    return 0;
+void Exchange::start(tav_ipc_st *ipc, int kind, const tav_addr_st &to, uint32_t command,
+                     const std::string &bytes, double timeout_s) {
+    const auto on_end = [](uint64_t, int32_t result, uint32_t answer, const void *data, uint32_t size,
+                           void *exchange) {
+        auto &self = *static_cast<Exchange *>(exchange);
+        self.cmd = answer;
+        self.payload.assign(static_cast<const char *>(data), size);
+        self.finish(result);
+    };
+    if (!tav_ipc_exchange_start(ipc, kind, &to, command, bytes.data(), static_cast<uint32_t>(bytes.size()),
+                                static_cast<uint32_t>(timeout_s * 1000), on_end, this))
+        finish(errno == ENOMEM ? IPC_ERR_NOMEM : IPC_ERR_SENDTO);
+}
+
+void Exchange::finish(int32_t result) {
+    ended = true;
+    code = result;
+    end = now_seconds();
 }
 
 Problem silence(const tav_addr_st &address) {
@@ -153,7 +165,7 @@ Problem silence(const tav_addr_st &address) {
 }
 
 Problem failed_exchange(const tav_addr_st &address, int code) {
-    if (code == IPC_ERR_TIMEOUT) return silence(address);
+    if (code == IPC_ERR_TIMEOUT || code == IPC_ERR_NO_PEER) return silence(address);
     const std::string reason = take_reason();
     return Problem(address_text(address) + ": " + tav_ipc_strerror(code) + " (" + std::to_string(code) + ")",
                    reason.empty() ? "tavctl --verbose shows the library's log" : reason.substr(2));

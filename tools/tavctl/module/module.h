@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "cli/cli.h"
-#include "tavipc/tav_ipc.h"
+#include "tavipc/tav_ipc_ext.h"
 
 namespace tavctl {
 
@@ -22,7 +22,8 @@ Wait run_until(const std::function<bool()> &done, double limit_s = std::numeric_
 void pause(double seconds); // runs the loop for this time, unless interrupted
 // What was passed to the library last leaves while the loop runs, long before this time is over.
 inline constexpr double kLastDeparture_s = 0.05;
-double now_seconds(); // monotonic
+inline constexpr double kProbe_s = 5; // for the answer of a probe: a live library answers at once
+double now_seconds();                 // monotonic
 
 // --- the library's log, kept instead of written (loop.cpp)
 // verbose: each line is also written to standard error, at the level of TAV_LOG_LEVEL (4 when it is not set).
@@ -59,17 +60,22 @@ class Module {
     tav_ipc_st *ipc_;
 };
 
-// The outcome of one confirmed message, probe or file. It must outlive the endpoint, which completes what is
-// outstanding when it is closed.
+// One request, confirmed message, probe or file, and its outcome. It must outlive the endpoint, which
+// completes what is outstanding when it is closed.
 struct Exchange {
     bool ended = false;
-    int32_t code = 0; // of the library
+    int32_t code = 0;    // of the library
+    uint32_t cmd = 0;    // of the response
+    std::string payload; // of the response
     double begin = now_seconds(), end = 0;
     double took() const { return end - begin; }
+    // kind: tav_ipc_exchange_kind
+    void start(tav_ipc_st *ipc, int kind, const tav_addr_st &to, uint32_t command, const std::string &bytes,
+               double timeout_s);
     Wait wait(double limit_s = std::numeric_limits<double>::infinity()) const {
         return run_until([this] { return ended; }, limit_s);
     }
-    static int on_status(int32_t code, void *exchange);
+    void finish(int32_t result);
 };
 
 // Why nobody answers at the address, as far as its socket file shows: a Problem with kNoAnswer.
@@ -92,30 +98,11 @@ std::string compression_text(const std::string &payload);
 // line end.
 std::string describe_payload(Record &record, std::string_view payload, const Args &args);
 
-// --- what the library has no call for (loop.cpp): whether messages have left, how far a file
-// transfer is, and which received files are unfinished. Each function rests on how the library works inside.
+// --- what the library has no call for (loop.cpp)
 
 // Waits until messages that nobody confirms have left for the destination. Call watch_departures before they
 // are sent. Throws Problem when one was dropped, and when the wait was interrupted.
 void watch_departures();
 void wait_for_departures(const tav_addr_st &destination);
-
-// The position in a file that the library reads from: the bytes before it have been read, but for up to two
-// chunks of 64,000 bytes not yet confirmed.
-class FilePosition {
-  public:
-    // begin starts the transfer of the open file.
-    FilePosition(int file, const std::function<void()> &begin);
-    // Empty when the library has closed the file, or never opened it.
-    std::optional<uint64_t> get() const;
-
-  private:
-    int library_fd_;
-    struct stat file_ {};
-};
-
-// Removes the files that this process is receiving and that are not complete; its end would leave them
-// behind. Returns how many there were.
-unsigned drop_unfinished_files();
 
 } // namespace tavctl

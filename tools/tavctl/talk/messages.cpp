@@ -43,18 +43,6 @@ struct Listener {
     }
 };
 
-struct Answer : Exchange {
-    uint32_t cmd = 0;
-    std::string payload;
-
-    static int on_answer(int32_t code, uint32_t cmd, const void *data, uint32_t size, void *user) {
-        auto &self = *static_cast<Answer *>(user);
-        self.cmd = cmd;
-        self.payload.assign(static_cast<const char *>(data), size);
-        return on_status(code, static_cast<Exchange *>(&self));
-    }
-};
-
 struct Server {
     Console &out;
     const Args &args;
@@ -113,7 +101,7 @@ int send(Console &out, const Args &args) {
     const std::string payload = make_payload(args);
     const std::string packed = args.has("compress") ? compression_text(payload) : "";
     const auto cmd = static_cast<uint32_t>(args.number("cmd"));
-    const auto timeout_s = static_cast<int32_t>(args.number("timeout"));
+    const double timeout_s = args.seconds("timeout");
     const bool confirm = !args.has("no-confirm");
     catch_interrupts();
     Exchange exchange;
@@ -125,8 +113,7 @@ int send(Console &out, const Args &args) {
         record.add("confirmed", confirm);
         if (confirm) {
             exchange = {};
-            tav_ipc_send2(module, &destination, cmd, payload.data(), static_cast<uint32_t>(payload.size()),
-                          Exchange::on_status, &exchange, timeout_s);
+            exchange.start(module, TAV_IPC_EXCHANGE_CONFIRMED, destination, cmd, payload, timeout_s);
             if (exchange.wait() == Wait::kInterrupted)
                 throw Problem("interrupted: it is not known whether the message arrived");
             if (exchange.code != 0) throw failed_exchange(destination, exchange.code);
@@ -157,12 +144,11 @@ int request(Console &out, const Args &args) {
     const tav_addr_st destination = parse_address(args.text("NAME"), address_flags(args));
     const std::string payload = make_payload(args);
     catch_interrupts();
-    Answer answer;
+    Exchange answer;
     const Module module;
     answer.begin = now_seconds();
-    tav_ipc_make_request(module, &destination, static_cast<uint32_t>(args.number("cmd")), payload.data(),
-                         static_cast<uint32_t>(payload.size()), Answer::on_answer, &answer,
-                         static_cast<int32_t>(args.number("timeout")));
+    answer.start(module, TAV_IPC_EXCHANGE_REQUEST, destination, static_cast<uint32_t>(args.number("cmd")),
+                 payload, args.seconds("timeout"));
     if (answer.wait() == Wait::kInterrupted) throw Problem("interrupted before an answer came");
     if (answer.code != 0) throw failed_exchange(destination, answer.code);
     if (args.has("raw")) return std::cout << answer.payload << std::flush, kSuccess;
@@ -198,7 +184,7 @@ int probe(Console &out, const Args &args) {
     const Module module;
     while (!args.count_reached(sent) && !interrupted()) {
         exchange = {};
-        tav_ipc_probe(module, &destination, Exchange::on_status, &exchange);
+        exchange.start(module, TAV_IPC_EXCHANGE_PROBE, destination, 0, {}, kProbe_s);
         if (exchange.wait() == Wait::kInterrupted) break; // not counted: it had no time to be answered
         ++sent;
         Record record("type", "probe", "to", who, "number", sent, "code", exchange.code);
