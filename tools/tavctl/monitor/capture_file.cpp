@@ -62,22 +62,25 @@ void CaptureFile::block(uint32_t type, const std::string &body) {
 
 void CaptureFile::add(const Copy &copy) {
     const auto captured = static_cast<uint32_t>(copy.bytes.size());
-    const size_t whole = copy.record.record_size + sizeof copy.header + copy.header.size;
+    // A datagram that is shorter than a header was captured whole.
+    const size_t front = copy.record.record_size + sizeof copy.header;
+    const size_t whole = captured < front ? captured : front + copy.header.size;
     const bool inbound = copy.record.event >= TAV_IPC_MONITOR_RECEIVED;
     block(kPacket,
-          bytes_of(uint32_t{copy.socket}) + time_of(copy.record.time_ns) +
+          bytes_of(uint32_t{copy.place}) + time_of(copy.record.time_ns) +
               bytes_of(captured, std::max(captured, static_cast<uint32_t>(whole))) + aligned(copy.bytes) +
               option(kComment, outcome_text(copy.record.event, copy.record.reason, copy.record.tries)) +
               option(kDirection, bytes_of(uint32_t{inbound ? 1u : 2u})) + option(kEnd, {}));
 }
 
-void CaptureFile::add_statistics(unsigned socket, uint64_t packets, uint64_t missed) {
+void CaptureFile::add_statistics(unsigned interface, uint64_t packets, uint64_t missed) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     const auto time_ns =
         static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
-    block(kStatistics, bytes_of(uint32_t{socket}) + time_of(time_ns) + option(kReceived, bytes_of(packets)) +
-                           option(kMissed, bytes_of(missed)) + option(kEnd, {}));
+    block(kStatistics, bytes_of(uint32_t{interface}) + time_of(time_ns) +
+                           option(kReceived, bytes_of(packets)) + option(kMissed, bytes_of(missed)) +
+                           option(kEnd, {}));
 }
 
 void CaptureFile::flush() {

@@ -13,7 +13,6 @@ namespace {
 constexpr double kReportMissed_s = 1; // time between two lines about missed copies
 constexpr size_t kShownPayload = 256; // bytes, with --hexdump alone
 constexpr size_t kNumbersWidth = 18;  // characters: command code, size and number of fragments
-constexpr size_t kMostPeers = 4096;   // sockets of modules whose missed copies are known
 
 // NAME without its location where that is this machine's own.
 std::string short_text(tav_addr_st address) {
@@ -51,25 +50,23 @@ std::set<std::string> words_of(const Args &args, const char *option, std::span<c
     return words;
 }
 
-// Opens a socket in each directory of an agent that was named and of a location that is asked for (empty:
+// Opens the inlet in each directory of an agent that was named and of a location that is asked for (empty:
 // all). When there is none, the tool's own is made: its modules may come later.
-void open_sockets(std::deque<MonitorSocket> &sockets, std::vector<std::string> &names,
-                  const std::vector<std::string> &deploy_types, const std::set<int> &locations) {
+void open_inlet(Inlet &inlet, const std::vector<std::string> &deploy_types, const std::set<int> &locations) {
     if (locations.empty()) {
-        std::error_code failed; // the first socket then says why
+        std::error_code failed; // opening then says why
         fs::create_directories(socket_directory(tav_get_location()), failed);
     }
     std::optional<Problem> problem;
     for (const SocketDirectory &directory : scan_known(deploy_types).directories) {
         if (!directory.named || !(locations.empty() || locations.contains(directory.location))) continue;
         try {
-            sockets.emplace_back(directory);
-            names.push_back(directory.path);
+            inlet.open(directory);
         } catch (const Problem &refused) {
             problem = refused;
         }
     }
-    if (sockets.empty())
+    if (inlet.places().empty())
         throw problem ? *problem : Problem("there is no socket directory to watch", "start a module first");
     if (problem) std::cerr << "tavctl: " << harmless(problem->what()) << std::endl;
 }
@@ -87,77 +84,49 @@ class Monitor {
         }
         if (std::ranges::any_of(addresses_, [](const auto &address) { return address.loc == 0; }))
             locations.clear();
-        catch_monitor_interrupts();
-        open_sockets(sockets_, names_, args.all("deploy-type"), locations);
-        if (args.has("pcap")) capture_.emplace(args.text("pcap"), names_);
-        counts_.resize(sockets_.size());
+        open_inlet(inlet_, args.all("deploy-type"), locations);
+        std::vector<std::string> names;
+        for (const Inlet::Place &place : inlet_.places()) names.push_back(place.directory);
+        packets_.resize(names.size());
+        if (args.has("pcap")) capture_.emplace(args.text("pcap"), names);
     }
 
     int run() {
         const bool quiet = args_.text("pcap") == "-";
-        if (!quiet) {
-            for (const std::string &name : names_)
-                out_.say(Record("type", "ready", "directory", name),
+        for (const Inlet::Place &place : inlet_.places())
+            if (!quiet)
+                out_.say(Record("type", "ready", "directory", place.directory),
                          "monitoring {directory}; Ctrl-C ends it");
-            if (!capture_) out_.tell(kTitle);
-        }
+        if (!capture_) out_.tell(kTitle);
         while (std::cout && !interrupted() && !is_done()) {
-            wait_for_copies(sockets_);
-            for (unsigned i = 0; i < sockets_.size(); ++i) read_all(i);
+            for (const Copy &copy : inlet_.take())
+                if (!is_done()) take(copy);
             messages_.expire(now_seconds());
             report_missed();
             if (capture_) capture_->flush();
         }
         messages_.end();
         if (capture_) finish_capture();
-        Record record("type", "end", "messages", seen_, "missed", missed(), "ignored", ignored_);
+        Record record("type", "end", "messages", seen_, "missed", inlet_.missed(), "ignored",
+                      inlet_.ignored());
         if (!quiet)
-            out_.say(record, capture_ ? "{messages,datagram}, " : "{messages,message}, ",
-                     grouped(missed()) + " missed" +
-                         (ignored_ ? record.fill(", {ignored,record} ignored") : ""));
+            out_.say(record,
+                     capture_ ? "{messages,datagram}, {missed,} missed"
+                              : "{messages,message}, {missed,} missed",
+                     inlet_.ignored() ? record.fill(", {ignored,record} ignored") : "");
         return kSuccess;
     }
 
   private:
-    struct Counts {
-        uint64_t packets = 0, missed = 0;
-    };
-
     bool is_done() const { return args_.count_reached(seen_); }
 
-    // Copies are taken from the kernel, which holds few of them, before the slower work on them.
-    void read_all(unsigned socket) {
-        constexpr size_t kMostWaiting = 4096; // 520 MB at most
-        std::deque<Copy> copies;
-        for (Copy copy; copies.size() < kMostWaiting && sockets_[socket].receive(copy);) {
-            copy.socket = socket;
-            copies.push_back(std::move(copy));
-        }
-        for (Copy &copy : copies) {
-            if (is_done()) return;
-            if (copy.parse())
-                take(copy);
-            else
-                ++ignored_;
-        }
-    }
-
     void take(const Copy &copy) {
-        count_missed(copy);
         if (copy.record.event == TAV_IPC_MONITOR_HELLO) return greet(copy);
         if (!capture_) return messages_.add(copy);
         if (!wanted(copy.header, copy.record.event)) return;
         capture_->add(copy);
-        ++counts_[copy.socket].packets;
+        ++packets_[copy.place];
         ++seen_;
-    }
-
-    // A module counts from the beginning of its connection.
-    void count_missed(const Copy &copy) {
-        if (peers_.size() >= kMostPeers) peers_.clear();
-        const auto [peer, is_new] = peers_.try_emplace(copy.sender, copy.record.missed);
-        if (is_new || copy.record.missed < peer->second) peer->second = 0;
-        counts_[copy.socket].missed += copy.record.missed - std::exchange(peer->second, copy.record.missed);
     }
 
     void greet(const Copy &copy) {
@@ -167,10 +136,10 @@ class Monitor {
                                                    : args_.has("pcap")    ? TAV_IPC_FRAGMENT_PAYLOAD
                                                    : args_.has("hexdump") ? kShownPayload
                                                                           : 0);
-        if (payload > 0) sockets_[copy.socket].command(copy, TAV_IPC_MONITOR_CAPTURE, payload);
+        if (payload > 0) inlet_.command(copy, TAV_IPC_MONITOR_CAPTURE, payload);
         if (args_.text("pcap") == "-") return;
         out_.say(Record("type", "module", "process", copy.process, "endpoint", name),
-                 "-- process {process} is watched");
+                 "-- {endpoint}, process {process}, is watched");
     }
 
     bool wanted(const tav_ipc_hdr_st &header, unsigned outcome) const {
@@ -213,25 +182,20 @@ class Monitor {
         return "\n  " + one_line(payload);
     }
 
-    uint64_t missed() const {
-        uint64_t sum = 0;
-        for (const Counts &counts : counts_) sum += counts.missed;
-        return sum;
-    }
-
     void report_missed() {
         const double now_s = now_seconds();
-        if (capture_) out_.progress(counted(seen_, "datagram") + ", " + grouped(missed()) + " missed");
-        if (capture_ || missed() == reported_ || now_s < reported_s_ + kReportMissed_s) return;
-        out_.say(Record("type", "missed", "copies", missed() - reported_),
-                 "-- {copies,} missed: too many at once");
-        reported_ = missed();
+        const uint64_t missed = inlet_.missed();
+        if (capture_) out_.progress(counted(seen_, "datagram") + ", " + grouped(missed) + " missed");
+        if (capture_ || missed == reported_ || now_s < reported_s_ + kReportMissed_s) return;
+        out_.say(Record("type", "missed", "copies", missed - reported_),
+                 "-- {copies,} missed: they came faster than they were read");
+        reported_ = missed;
         reported_s_ = now_s;
     }
 
     void finish_capture() {
-        for (unsigned i = 0; i < counts_.size(); ++i)
-            capture_->add_statistics(i, counts_[i].packets, counts_[i].missed);
+        for (unsigned i = 0; i < packets_.size(); ++i)
+            capture_->add_statistics(i, packets_[i], inlet_.places()[i].missed);
         capture_->flush();
     }
 
@@ -239,13 +203,11 @@ class Monitor {
     const Args &args_;
     const std::set<std::string> kinds_, outcomes_;
     std::vector<tav_addr_st> addresses_;
-    std::deque<MonitorSocket> sockets_;
-    std::vector<std::string> names_; // of the sockets' directories
+    Inlet inlet_;
     std::optional<CaptureFile> capture_;
     Messages messages_;
-    std::map<std::string, uint64_t> peers_; // socket address of a module -> copies that it missed
-    std::vector<Counts> counts_;            // by socket
-    uint64_t seen_ = 0, ignored_ = 0, reported_ = 0;
+    std::vector<uint64_t> packets_; // in the file, by directory
+    uint64_t seen_ = 0, reported_ = 0;
     double reported_s_ = 0;
 };
 
@@ -280,18 +242,17 @@ int log_level(Console &out, const Args &args) {
     if (level < 0 || level > 4) throw misuse("\"" + args.text("LEVEL") + "\" is not a log level: 0 to 4");
     const tav_addr_st address = parse_address(args.text("NAME"));
     const Target target = find_module(address);
-    catch_monitor_interrupts();
-    std::deque<MonitorSocket> sockets;
-    sockets.emplace_back(target.directory);
+    Inlet inlet;
+    inlet.open(target.directory);
     const double end = now_seconds() + args.seconds("timeout");
-    bool sent = false;
-    while (!sent || !sockets.front().command_was_read()) {
+    std::optional<Copy> hello;
+    while (!hello || !inlet.command_was_read(*hello)) {
         if (interrupted()) throw Problem("interrupted: it is not known whether the level was set");
         if (now_seconds() > end) throw silence(address);
-        wait_for_copies(sockets);
-        for (Copy copy; sockets.front().receive(copy);)
-            if (copy.parse() && copy.process == target.file.process && !sent)
-                sent = sockets.front().command(copy, TAV_IPC_MONITOR_LOG_LEVEL, static_cast<uint32_t>(level));
+        for (const Copy &copy : inlet.take())
+            if (!hello && copy.process == target.file.process &&
+                inlet.command(copy, TAV_IPC_MONITOR_LOG_LEVEL, static_cast<uint32_t>(level)))
+                hello = copy;
     }
     out.say(Record("name", address_text(address), "process", target.file.process, "level", level),
             "{name}: log level {level} in process {process}");

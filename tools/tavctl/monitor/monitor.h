@@ -1,4 +1,4 @@
-// What tavctl monitor and tavctl log are made of: the socket that makes this process a monitor, the copies of
+// What tavctl monitor and tavctl log are made of: the sockets that make this process a monitor, the copies of
 // datagrams that modules send to it, the messages that these copies show, and capture files.
 #pragma once
 
@@ -14,12 +14,12 @@
 namespace tavctl {
 
 // --- copies (copies.cpp)
-// A record, and the part of a datagram that follows it. Any process may have sent it.
+// A record, and the part of a datagram that follows it. Any process that may write to the socket can send it.
 struct Copy {
-    std::string bytes;   // as received
-    std::string sender;  // the socket address of the module
-    pid_t process = 0;   // of the sender, as the kernel reports it
-    unsigned socket = 0; // number of the monitor's socket that received it
+    std::string bytes;       // as received
+    uint64_t connection = 0; // number of the endpoint's connection
+    pid_t process = 0;       // its process, as the kernel reports it
+    unsigned place = 0;      // number of the directory
     tav_ipc_monitor_record_st record{};
     tav_ipc_hdr_st header{}; // zeros where the datagram has no header
 
@@ -39,26 +39,49 @@ const char *kind_of(const tav_ipc_hdr_st &header);
 std::string reason_text(unsigned reason); // "no_peer"; empty without one
 std::string outcome_text(unsigned outcome, unsigned reason, unsigned tries);
 
-// --- sockets (copies.cpp)
-// Modules of this user, or of all users for root, send copies while it exists. Removes the files of killed
-// monitors first. Throws Problem, also when the modules have no place for another monitor.
-class MonitorSocket {
+// --- what makes this process a monitor (inlet.cpp)
+// The endpoints of this user, or of all users for root, connect to it while it exists. Its sockets' files go
+// with it, and with a process that a signal ends.
+class Inlet {
   public:
-    explicit MonitorSocket(const SocketDirectory &directory);
-    ~MonitorSocket();
-    MonitorSocket(const MonitorSocket &) = delete;
-    int fd() const { return fd_.get(); }
-    bool receive(Copy &copy); // false when nothing waits
-    // Sends a command to the module that the copy came from. False when its socket does not take it.
+    Inlet();
+    ~Inlet();
+    Inlet(const Inlet &) = delete;
+    // Binds a socket in the directory. Throws Problem, also when the modules there serve no further monitor.
+    void open(const SocketDirectory &directory);
+    // Waits at most 0.1 s, then takes what has come, but no more than a certain number. Hellos are among it.
+    std::deque<Copy> take();
+    // Sends a command to the module that the copy came from. False when that is not possible any more.
     bool command(const Copy &copy, tav_ipc_monitor_command command, uint32_t value) const;
-    bool command_was_read() const; // by the module: there is none left on its way
+    bool command_was_read(const Copy &copy) const; // by the module
+
+    struct Place {
+        std::string directory, path;
+        UniqueFd fd;
+        uint64_t missed = 0; // copies that came while nothing more could be taken
+    };
+    const std::deque<Place> &places() const { return places_; }
+    uint64_t missed() const;
+    uint64_t ignored() const { return ignored_; } // records that were damaged or unknown
 
   private:
-    std::string path_, buffer_;
-    UniqueFd fd_;
+    struct Connection {
+        UniqueFd fd;
+        unsigned place;
+        pid_t process;
+        uint64_t missed;
+    };
+    void accept_at(unsigned place);
+    void read(uint64_t number, std::deque<Copy> &copies);
+    void poll_for(int fd, uint64_t number) const;
+
+    UniqueFd poll_;
+    std::deque<Place> places_; // numbers 0, 1, ... in epoll
+    std::map<uint64_t, Connection> connections_;
+    uint64_t next_ = kFirstConnection, ignored_ = 0;
+    std::string buffer_;
+    static constexpr uint64_t kFirstConnection = 1 << 16;
 };
-void catch_monitor_interrupts(); // as catch_interrupts; what ends the process at once removes the files, too
-void wait_for_copies(const std::deque<MonitorSocket> &sockets); // at most 0.1 s
 
 // --- messages (messages.cpp)
 struct Message {
@@ -96,12 +119,12 @@ class Messages {
 };
 
 // --- capture files (capture_file.cpp)
-// A pcapng file of link type 147 (USER0); docs/wire.md describes a packet. One interface for each socket.
+// A pcapng file of link type 147 (USER0); docs/wire.md describes a packet. One interface for each directory.
 class CaptureFile {
   public:
     CaptureFile(const std::string &path, const std::vector<std::string> &interfaces); // "-": standard output
     void add(const Copy &copy);
-    void add_statistics(unsigned socket, uint64_t packets, uint64_t missed);
+    void add_statistics(unsigned interface, uint64_t packets, uint64_t missed);
     void flush(); // throws Problem; when a pipe has no reader any more, standard output counts as failed
 
   private:
