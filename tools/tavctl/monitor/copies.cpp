@@ -34,7 +34,7 @@ std::string reason_text(unsigned reason) {
 std::string outcome_text(unsigned outcome, unsigned reason, unsigned tries) {
     std::string text = reason_text(reason);
     std::ranges::replace(text, '_', ' ');
-    if (outcome == TAV_IPC_MONITOR_WAITING) text = "try " + std::to_string(tries);
+    if (outcome == TAV_IPC_MONITOR_WAITING && tries > 0) text = "try " + std::to_string(tries);
     return kOutcomeNames[outcome] + (text.empty() ? text : ": " + text);
 }
 

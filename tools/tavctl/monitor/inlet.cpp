@@ -146,6 +146,7 @@ std::deque<Copy> Inlet::take() {
         else
             read(number, copies);
     }
+    std::ranges::stable_sort(copies, {}, [](const Copy &copy) { return copy.record.time_ns; });
     return copies;
 }
 
