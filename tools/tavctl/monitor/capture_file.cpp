@@ -24,14 +24,10 @@ template <class... Numbers> std::string bytes_of(const Numbers &...numbers) {
     return bytes;
 }
 
-std::string aligned(std::string_view bytes) {
-    std::string text(bytes);
-    text.resize((text.size() + 3) / 4 * 4);
-    return text;
-}
+std::string_view padding_of(std::string_view bytes) { return std::string_view("\0\0\0", -bytes.size() % 4); }
 
 std::string option(Option code, std::string_view value) {
-    return bytes_of(code, static_cast<uint16_t>(value.size())) + aligned(value);
+    return bytes_of(code, static_cast<uint16_t>(value.size())).append(value).append(padding_of(value));
 }
 
 // A point in time in two words, the upper one first.
@@ -46,17 +42,20 @@ CaptureFile::CaptureFile(const std::string &path, const std::vector<std::string>
     // Messages may be secret: nobody else reads the file. Opening a pipe waits for its reader.
     if (path != "-") owned_ = UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (path != "-" && !owned_) throw system_problem("cannot write " + path);
-    block(kSection, bytes_of(uint32_t{0x1A2B3C4D}, uint16_t{1}, uint16_t{0}, int64_t{-1}) +
-                        option(kApplication, "tavctl " TAVIPC_VERSION) + option(kEnd, {}));
+    block(kSection, {bytes_of(uint32_t{0x1A2B3C4D}, uint16_t{1}, uint16_t{0}, int64_t{-1}),
+                     option(kApplication, "tavctl " TAVIPC_VERSION), option(kEnd, {})});
     for (const std::string &name : interfaces)
-        block(kInterface, bytes_of(kLinkType, uint16_t{0}, uint32_t{0}) + option(kName, name) +
-                              option(kResolution, "\x09") + option(kEnd, {}));
+        block(kInterface, {bytes_of(kLinkType, uint16_t{0}, uint32_t{0}), option(kName, name),
+                           option(kResolution, "\x09"), option(kEnd, {})});
     flush();
 }
 
-void CaptureFile::block(uint32_t type, const std::string &body) {
-    const auto size = static_cast<uint32_t>(body.size() + 3 * sizeof(uint32_t));
-    pending_ += bytes_of(type, size) + body + bytes_of(size);
+void CaptureFile::block(uint32_t type, std::initializer_list<std::string_view> parts) {
+    auto size = static_cast<uint32_t>(3 * sizeof(uint32_t));
+    for (const std::string_view part : parts) size += static_cast<uint32_t>(part.size());
+    pending_ += bytes_of(type, size);
+    for (const std::string_view part : parts) pending_ += part;
+    pending_ += bytes_of(size);
     if (pending_.size() > kBufferSize) flush();
 }
 
@@ -64,13 +63,12 @@ void CaptureFile::add(const Copy &copy) {
     const auto captured = static_cast<uint32_t>(copy.bytes.size());
     // A datagram that is shorter than a header was captured whole.
     const size_t front = copy.record.record_size + sizeof copy.header;
-    const size_t whole = captured < front ? captured : front + copy.header.size;
-    const bool inbound = copy.record.event >= TAV_IPC_MONITOR_RECEIVED;
-    block(kPacket,
-          bytes_of(uint32_t{copy.place}) + time_of(copy.record.time_ns) +
-              bytes_of(captured, std::max(captured, static_cast<uint32_t>(whole))) + aligned(copy.bytes) +
-              option(kComment, outcome_text(copy.record.event, copy.record.reason, copy.record.tries)) +
-              option(kDirection, bytes_of(uint32_t{inbound ? 1u : 2u})) + option(kEnd, {}));
+    const auto whole = static_cast<uint32_t>(captured < front ? captured : front + copy.header.size);
+    const uint32_t direction = copy.record.event >= TAV_IPC_MONITOR_RECEIVED ? 1 : 2;
+    block(kPacket, {bytes_of(uint32_t{copy.place}), time_of(copy.record.time_ns),
+                    bytes_of(captured, std::max(captured, whole)), copy.bytes, padding_of(copy.bytes),
+                    option(kComment, outcome_text(copy.record.event, copy.record.reason, copy.record.tries)),
+                    option(kDirection, bytes_of(direction)), option(kEnd, {})});
 }
 
 void CaptureFile::add_statistics(unsigned interface, uint64_t packets, uint64_t missed) {
@@ -78,9 +76,8 @@ void CaptureFile::add_statistics(unsigned interface, uint64_t packets, uint64_t 
     clock_gettime(CLOCK_REALTIME, &now);
     const auto time_ns =
         static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
-    block(kStatistics, bytes_of(uint32_t{interface}) + time_of(time_ns) +
-                           option(kReceived, bytes_of(packets)) + option(kMissed, bytes_of(missed)) +
-                           option(kEnd, {}));
+    block(kStatistics, {bytes_of(uint32_t{interface}), time_of(time_ns), option(kReceived, bytes_of(packets)),
+                        option(kMissed, bytes_of(missed)), option(kEnd, {})});
 }
 
 void CaptureFile::flush() {

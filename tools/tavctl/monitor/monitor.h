@@ -128,7 +128,7 @@ class CaptureFile {
     void flush(); // throws Problem; when a pipe has no reader any more, standard output counts as failed
 
   private:
-    void block(uint32_t type, const std::string &body);
+    void block(uint32_t type, std::initializer_list<std::string_view> parts);
     const std::string path_;
     UniqueFd owned_;
     std::string pending_; // bytes not yet written
