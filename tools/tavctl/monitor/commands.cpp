@@ -75,7 +75,7 @@ class Monitor {
   public:
     Monitor(Console &out, const Args &args)
         : out_(out), args_(args), kinds_(words_of(args, "kind", kKinds)),
-          outcomes_(words_of(args, "outcome", std::span(kOutcomeNames).subspan(1))),
+          outcomes_(words_of(args, "outcome", std::span(kOutcomeNames).subspan(1))), codes_(args.all("cmd")),
           messages_([this](const Message &message) { report(message); }) {
         std::set<int> locations;
         for (const std::string &name : args.all("NAME")) {
@@ -150,7 +150,7 @@ class Monitor {
             });
         };
         return (addresses_.empty() || is(header.src) || is(header.dest)) &&
-               (!args_.has("cmd") || header.cmd == args_.number("cmd")) &&
+               (codes_.empty() || std::ranges::count(codes_, std::to_string(header.cmd)) > 0) &&
                (kinds_.empty() || kinds_.contains(kind_of(header))) &&
                (outcomes_.empty() || outcomes_.contains(kOutcomeNames[outcome]));
     }
@@ -202,6 +202,7 @@ class Monitor {
     Console &out_;
     const Args &args_;
     const std::set<std::string> kinds_, outcomes_;
+    const std::vector<std::string> codes_; // of commands
     std::vector<tav_addr_st> addresses_;
     Inlet inlet_;
     std::optional<CaptureFile> capture_;
