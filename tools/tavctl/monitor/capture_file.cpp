@@ -65,7 +65,7 @@ void CaptureFile::add(const Copy &copy) {
     const size_t front = copy.record.record_size + sizeof copy.header;
     const auto whole = static_cast<uint32_t>(captured < front ? captured : front + copy.header.size);
     const uint32_t direction = copy.record.event >= TAV_IPC_MONITOR_RECEIVED ? 1 : 2;
-    block(kPacket, {bytes_of(uint32_t{copy.place}), time_of(copy.record.time_ns),
+    block(kPacket, {bytes_of(uint32_t{copy.listener}), time_of(copy.record.time_ns),
                     bytes_of(captured, std::max(captured, whole)), copy.bytes, padding_of(copy.bytes),
                     option(kComment, outcome_text(copy.record.event, copy.record.reason, copy.record.tries)),
                     option(kDirection, bytes_of(direction)), option(kEnd, {})});

@@ -50,9 +50,10 @@ std::set<std::string> words_of(const Args &args, const char *option, std::span<c
     return words;
 }
 
-// Opens the inlet in each directory of an agent that was named and of a location that is asked for (empty:
+// Opens a socket in each directory of an agent that was named and of a location that is asked for (empty:
 // all). When there is none, the tool's own is made: its modules may come later.
-void open_inlet(Inlet &inlet, const std::vector<std::string> &deploy_types, const std::set<int> &locations) {
+void open_sockets(MonitorSockets &sockets, const std::vector<std::string> &deploy_types,
+                  const std::set<int> &locations) {
     if (locations.empty()) {
         std::error_code failed; // opening then says why
         fs::create_directories(socket_directory(tav_get_location()), failed);
@@ -61,12 +62,12 @@ void open_inlet(Inlet &inlet, const std::vector<std::string> &deploy_types, cons
     for (const SocketDirectory &directory : scan_known(deploy_types).directories) {
         if (!directory.named || !(locations.empty() || locations.contains(directory.location))) continue;
         try {
-            inlet.open(directory);
+            sockets.open(directory);
         } catch (const Problem &refused) {
             problem = refused;
         }
     }
-    if (inlet.places().empty())
+    if (sockets.listeners().empty())
         throw problem ? *problem : Problem("there is no socket directory to watch", "start a module first");
     if (problem) std::cerr << "tavctl: " << harmless(problem->what()) << std::endl;
 }
@@ -84,22 +85,23 @@ class Monitor {
         }
         if (std::ranges::any_of(addresses_, [](const auto &address) { return address.loc == 0; }))
             locations.clear();
-        open_inlet(inlet_, args.all("deploy-type"), locations);
+        open_sockets(sockets_, args.all("deploy-type"), locations);
         std::vector<std::string> names;
-        for (const Inlet::Place &place : inlet_.places()) names.push_back(place.directory);
+        for (const MonitorSockets::Listener &listener : sockets_.listeners())
+            names.push_back(listener.directory);
         packets_.resize(names.size());
         if (args.has("pcap")) capture_.emplace(args.text("pcap"), names);
     }
 
     int run() {
         const bool quiet = args_.text("pcap") == "-";
-        for (const Inlet::Place &place : inlet_.places())
+        for (const MonitorSockets::Listener &listener : sockets_.listeners())
             if (!quiet)
-                out_.say(Record("type", "ready", "directory", place.directory),
+                out_.say(Record("type", "ready", "directory", listener.directory),
                          "monitoring {directory}; Ctrl-C ends it");
         if (!capture_) out_.tell(kTitle);
         while (std::cout && !interrupted() && !is_done()) {
-            for (const Copy &copy : inlet_.take())
+            for (const Copy &copy : sockets_.take())
                 if (!is_done()) take(copy);
             messages_.expire(now_seconds());
             report_missed();
@@ -107,13 +109,13 @@ class Monitor {
         }
         messages_.end();
         if (capture_) finish_capture();
-        Record record("type", "end", "messages", seen_, "missed", inlet_.missed(), "ignored",
-                      inlet_.ignored());
+        Record record("type", "end", "messages", seen_, "missed", sockets_.missed(), "ignored",
+                      sockets_.ignored());
         if (!quiet)
             out_.say(record,
                      capture_ ? "{messages,datagram}, {missed,} missed"
                               : "{messages,message}, {missed,} missed",
-                     inlet_.ignored() ? record.fill(", {ignored,record} ignored") : "");
+                     sockets_.ignored() ? record.fill(", {ignored,record} ignored") : "");
         return kSuccess;
     }
 
@@ -121,22 +123,22 @@ class Monitor {
     bool is_done() const { return args_.count_reached(seen_); }
 
     void take(const Copy &copy) {
-        if (copy.record.event == TAV_IPC_MONITOR_HELLO) return greet(copy);
+        if (copy.record.event == TAV_IPC_MONITOR_HELLO) return on_hello(copy);
         if (!capture_) return messages_.add(copy);
         if (!wanted(copy.header, copy.record.event)) return;
         capture_->add(copy);
-        ++packets_[copy.place];
+        ++packets_[copy.listener];
         ++seen_;
     }
 
-    void greet(const Copy &copy) {
+    void on_hello(const Copy &copy) {
         const std::string_view name(copy.record.endpoint,
                                     strnlen(copy.record.endpoint, sizeof copy.record.endpoint));
         const auto payload = static_cast<uint32_t>(args_.has("payload")   ? args_.number("payload")
                                                    : args_.has("pcap")    ? TAV_IPC_FRAGMENT_PAYLOAD
                                                    : args_.has("hexdump") ? kShownPayload
                                                                           : 0);
-        if (payload > 0) inlet_.command(copy, TAV_IPC_MONITOR_CAPTURE, payload);
+        if (payload > 0) sockets_.command(copy, TAV_IPC_MONITOR_CAPTURE, payload);
         if (args_.text("pcap") == "-") return;
         out_.say(Record("type", "module", "process", copy.process, "endpoint", name),
                  "-- {endpoint}, process {process}, is watched");
@@ -184,7 +186,7 @@ class Monitor {
 
     void report_missed() {
         const double now_s = now_seconds();
-        const uint64_t missed = inlet_.missed();
+        const uint64_t missed = sockets_.missed();
         if (capture_) out_.progress(counted(seen_, "datagram") + ", " + grouped(missed) + " missed");
         if (capture_ || missed == reported_ || now_s < reported_s_ + kReportMissed_s) return;
         out_.say(Record("type", "missed", "copies", missed - reported_),
@@ -195,7 +197,7 @@ class Monitor {
 
     void finish_capture() {
         for (unsigned i = 0; i < packets_.size(); ++i)
-            capture_->add_statistics(i, packets_[i], inlet_.places()[i].missed);
+            capture_->add_statistics(i, packets_[i], sockets_.listeners()[i].missed);
         capture_->flush();
     }
 
@@ -204,7 +206,7 @@ class Monitor {
     const std::set<std::string> kinds_, outcomes_;
     const std::vector<std::string> codes_; // of commands
     std::vector<tav_addr_st> addresses_;
-    Inlet inlet_;
+    MonitorSockets sockets_;
     std::optional<CaptureFile> capture_;
     Messages messages_;
     std::vector<uint64_t> packets_; // in the file, by directory
@@ -225,9 +227,7 @@ Target find_module(const tav_addr_st &address) {
             if (!directory.own || directory.location != location || file.name != plain) continue;
             if (file.state != SocketState::kLive && file.state != SocketState::kForbidden) break;
             if (file.process == 0 || (geteuid() != 0 && file.owner != geteuid()))
-                throw Problem(name + " belongs to user " + user_name(file.owner) +
-                                  ": only that user and root "
-                                  "may set its log level",
+                throw Problem("only root and user " + user_name(file.owner) + " may set the level of " + name,
                               "run tavctl as that user, or as root");
             return {directory, file};
         }
@@ -243,16 +243,16 @@ int log_level(Console &out, const Args &args) {
     if (level < 0 || level > 4) throw misuse("\"" + args.text("LEVEL") + "\" is not a log level: 0 to 4");
     const tav_addr_st address = parse_address(args.text("NAME"));
     const Target target = find_module(address);
-    Inlet inlet;
-    inlet.open(target.directory);
+    MonitorSockets sockets;
+    sockets.open(target.directory);
     const double end = now_seconds() + args.seconds("timeout");
     std::optional<Copy> hello;
-    while (!hello || !inlet.command_was_read(*hello)) {
+    while (!hello || !sockets.command_was_read(*hello)) {
         if (interrupted()) throw Problem("interrupted: it is not known whether the level was set");
         if (now_seconds() > end) throw silence(address);
-        for (const Copy &copy : inlet.take())
+        for (const Copy &copy : sockets.take())
             if (!hello && copy.process == target.file.process &&
-                inlet.command(copy, TAV_IPC_MONITOR_LOG_LEVEL, static_cast<uint32_t>(level)))
+                sockets.command(copy, TAV_IPC_MONITOR_LOG_LEVEL, static_cast<uint32_t>(level)))
                 hello = copy;
     }
     out.say(Record("name", address_text(address), "process", target.file.process, "level", level),

@@ -1,3 +1,4 @@
+// One set for each fragmented message that a process sends or receives, from the first copy of a fragment on.
 #include <cstddef>
 
 #include "module/module.h"

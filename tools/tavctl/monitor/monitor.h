@@ -19,7 +19,7 @@ struct Copy {
     std::string bytes;       // as received
     uint64_t connection = 0; // number of the endpoint's connection
     pid_t process = 0;       // its process, as the kernel reports it
-    unsigned place = 0;      // number of the directory
+    unsigned listener = 0;   // number of the directory
     tav_ipc_monitor_record_st record{};
     tav_ipc_hdr_st header{}; // zeros where the datagram has no header
 
@@ -39,14 +39,14 @@ const char *kind_of(const tav_ipc_hdr_st &header);
 std::string reason_text(unsigned reason); // "no_peer"; empty without one
 std::string outcome_text(unsigned outcome, unsigned reason, unsigned tries);
 
-// --- what makes this process a monitor (inlet.cpp)
+// --- what makes this process a monitor (monitor_sockets.cpp)
 // The endpoints of this user, or of all users for root, connect to it while it exists. Its sockets' files go
 // with it, and with a process that a signal ends.
-class Inlet {
+class MonitorSockets {
   public:
-    Inlet();
-    ~Inlet();
-    Inlet(const Inlet &) = delete;
+    MonitorSockets();
+    ~MonitorSockets();
+    MonitorSockets(const MonitorSockets &) = delete;
     // Binds a socket in the directory. Throws Problem, also when the modules there serve no further monitor.
     void open(const SocketDirectory &directory);
     // Waits at most 0.1 s, then takes what has come, but no more than a certain number. Hellos are among it.
@@ -55,28 +55,28 @@ class Inlet {
     bool command(const Copy &copy, tav_ipc_monitor_command command, uint32_t value) const;
     bool command_was_read(const Copy &copy) const; // by the module
 
-    struct Place {
+    struct Listener {
         std::string directory, path;
         UniqueFd fd;
         uint64_t missed = 0; // copies that came while nothing more could be taken
     };
-    const std::deque<Place> &places() const { return places_; }
+    const std::deque<Listener> &listeners() const { return listeners_; }
     uint64_t missed() const;
     uint64_t ignored() const { return ignored_; } // records that were damaged or unknown
 
   private:
     struct Connection {
         UniqueFd fd;
-        unsigned place;
+        unsigned listener;
         pid_t process;
         uint64_t missed;
     };
-    void accept_at(unsigned place);
+    void accept_at(unsigned listener);
     void read(uint64_t number, std::deque<Copy> &copies);
     void poll_for(int fd, uint64_t number) const;
 
     UniqueFd poll_;
-    std::deque<Place> places_; // numbers 0, 1, ... in epoll
+    std::deque<Listener> listeners_; // numbers 0, 1, ... in epoll
     std::map<uint64_t, Connection> connections_;
     uint64_t next_ = kFirstConnection, ignored_ = 0;
     std::string buffer_;
