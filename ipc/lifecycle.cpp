@@ -9,10 +9,13 @@
 #include "common/keep_errno.h"
 #include "common/log.h"
 #include "common/out_of_memory.h"
+#include "ipc/accounting.h"
 #include "ipc/destination.h"
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
 #include "ipc/ipc_file.h"
+#include "ipc/monitor.h"
+#include "ipc/peer_watch.h"
 #include "ipc/reassembly.h"
 #include "ipc/receive.h"
 #include "ipc/send.h"
@@ -71,12 +74,14 @@ int open_endpoint(tav_ipc_st *ipc, const Options &options) {
     ipc->accept_files = options.accept_files;
     if (const int error = open_queue(ipc)) return error;
     arm_destination_sweep(ipc);
-    if (open_requests(ipc)) {
+    if (open_endpoint_account(ipc) && open_requests(ipc)) {
         if (options.accept_files) resume_file_sweep();
+        open_monitor_tap(ipc);
         return 0;
     }
     stop_timer(ipc->mod_sweep_timer);
     close_queue(ipc);
+    close_account(ipc->account);
     return ENOMEM;
 }
 
@@ -160,8 +165,11 @@ void tav_ipc_destroy(tav_ipc_st *ipc) noexcept {
     if (users > 0)
         TAV_LOG(1, "tav_ipc", "[ipc_thread_safe: %s]destroy ipc handler in using: %ld", "tav_ipc_destroy",
                 static_cast<long>(users));
+    close_peer_watches(ipc);
     close_requests(ipc);
     close_queue(ipc);
+    close_monitor_tap(ipc);
     release_fragments(ipc);
     stop_timer(ipc->mod_sweep_timer);
+    close_account(ipc->account);
 }

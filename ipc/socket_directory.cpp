@@ -4,7 +4,7 @@
 // file. The names of sending sockets hold the process id, so nobody would ever replace theirs. Such a stale
 // file is removed by binding a new socket at its path and closing it: the event library replaces only a file
 // whose owner is gone, under the directory's lock, so a live socket is never removed, whatever happens
-// between the look and the removal.
+// between the look and the removal. Files of counters are left behind, too; stats_file knows the stale ones.
 #include "ipc/socket_directory.h"
 
 #include <algorithm>
@@ -16,11 +16,14 @@
 #include <dirent.h>
 #include <memory>
 #include <string_view>
+#include <sys/socket.h>
 
 #include "common/facts.h"
 #include "common/keep_errno.h"
 #include "common/log.h"
 #include "common/relaxed.h"
+#include "common/unique_fd.h"
+#include "ipc/stats_file.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
 #include "tavipc/ipc_queue.h"
@@ -69,15 +72,19 @@ class PathWriter {
     bool complete_ = true;
 };
 
-bool directory_path(char *out, size_t size, int32_t location) {
-    PathWriter path(out, size);
-    path.append_directory(location);
-    return path.finish();
-}
-
 struct CloseDirectory {
     void operator()(DIR *directory) const { ::closedir(directory); }
 };
+
+// Removes the file if it is one of counters whose process is gone.
+bool remove_stale_counters(int32_t location, const char *name) {
+    char same[64], path[sizeof(sockaddr_un)];
+    int pid = 0;
+    if (std::sscanf(name, "ipc%9d.stats", &pid) != 1 || pid <= 0) return false;
+    stats_file_name(same, sizeof same, pid);
+    return std::strcmp(name, same) == 0 && socket_path(path, sizeof path, location, name) &&
+           remove_stale_stats(path);
+}
 
 // Whether the name is that of a sending socket of a process that is gone.
 bool left_behind(const char *name) {
@@ -114,6 +121,12 @@ cl_dunix_t bind_socket(int32_t location, const char *name, char (&path)[kPathSiz
 
 } // namespace
 
+bool directory_path(char *out, size_t size, int32_t location) {
+    PathWriter path(out, size);
+    path.append_directory(location);
+    return path.finish();
+}
+
 bool socket_path(char *out, size_t size, int32_t location, const char *name) {
     if (!out || size == 0) return false;
     PathWriter path(out, size);
@@ -124,6 +137,24 @@ bool socket_path(char *out, size_t size, int32_t location, const char *name) {
 
 void sending_socket_name(char *out, size_t size, pid_t pid, int number) {
     str_snprintf(out, static_cast<int>(size), "ipc%d_%d", static_cast<int>(pid), number);
+}
+
+void stats_file_name(char *out, size_t size, pid_t pid) {
+    str_snprintf(out, static_cast<int>(size), "ipc%d.stats", static_cast<int>(pid));
+}
+
+Presence look_for_peer(int32_t location, const char *name) noexcept {
+    char path[sizeof(sockaddr_un)];
+    cl_sockaddr_t address;
+    if (!socket_path(path, sizeof path, location, name) || cl_sockaddr_un_init(&address, path) != 0)
+        return Presence::kAbsent;
+    const KeepErrno keep;
+    const UniqueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!probe) return Presence::kUnknown;
+    // A live socket whose queue is full accepts the connection, too.
+    const auto *peer = reinterpret_cast<const sockaddr *>(&address.addr);
+    if (::connect(probe.get(), peer, address.len) == 0) return Presence::kPresent;
+    return errno == ENOMEM || errno == ENOBUFS || errno == EINTR ? Presence::kUnknown : Presence::kAbsent;
 }
 
 void remove_stale_socket_files(int32_t location) noexcept {
@@ -137,7 +168,8 @@ void remove_stale_socket_files(int32_t location) noexcept {
     uint32_t removed = 0;
     while (const dirent *file = ::readdir(files.get())) {
         if (cl_event_loop_now() > end_ms) break;
-        removed += left_behind(file->d_name) && remove_stale(location, file->d_name);
+        removed += left_behind(file->d_name) ? remove_stale(location, file->d_name)
+                                             : remove_stale_counters(location, file->d_name);
     }
     if (removed > 0) TAV_LOG(4, "ipc_queue", "removed %u stale socket files in %s", removed, directory);
 }

@@ -1,0 +1,213 @@
+#include "ipc/accounting.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <unistd.h>
+#include <utility>
+
+#include "common/log.h"
+#include "ipc/monitor.h"
+#include "ipc/socket_directory.h"
+#include "ipc/wire.h"
+
+namespace tavipc {
+namespace {
+
+static_assert(TAV_IPC_STATS_ACCEPTED_BYTES == TAV_IPC_STATS_ACCEPTED + 1);
+static_assert(TAV_IPC_STATS_LEFT_BYTES == TAV_IPC_STATS_LEFT + 1);
+static_assert(TAV_IPC_STATS_QUEUED_BYTES == TAV_IPC_STATS_QUEUED + 1);
+static_assert(TAV_IPC_STATS_IN_FLIGHT_BYTES == TAV_IPC_STATS_IN_FLIGHT + 1);
+
+void begin_waiting(Account &account, uint64_t now_ms) {
+    if (account.outstanding++ == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, now_ms);
+}
+
+void end_waiting(Account &account) {
+    if (--account.outstanding == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, 0);
+}
+
+FragmentBlock *block_of(const ipc_queue_msg_st &msg) {
+    return msg.data_free ? FragmentBlock::of(msg) : nullptr;
+}
+
+void begin_message(const BothValues &both, tav_ipc_st *ipc) {
+    both.add(TAV_IPC_STATS_MESSAGES, 1);
+    ++ipc->messages.pending;
+}
+
+void end_message(tav_ipc_st *ipc, bool complete) {
+    --ipc->messages.pending;
+    ++(complete ? ipc->messages.left : ipc->messages.dropped);
+}
+
+// The datagram has left or was dropped, and with it perhaps its message.
+void end_datagram(const ipc_queue_msg_st &msg, bool left) {
+    end_waiting(msg.ipc->account);
+    end_waiting(destination_of(*msg.mod).account);
+    FragmentBlock *block = block_of(msg);
+    if (!block) return end_message(msg.ipc, left);
+    MessageFate &fate = block->fate;
+    fate.failed |= !left;
+    if (--fate.outstanding == 0 && fate.submitted) end_message(msg.ipc, !fate.failed);
+}
+
+void monitor_record(const ipc_queue_msg_st &msg, tav_ipc_monitor_event event, uint32_t reason = 0) {
+    monitor_datagram(msg.ipc, event, msg.data, msg.size, reason, msg.try_times);
+}
+
+} // namespace
+
+// --- the life of an account
+
+bool open_endpoint_account(tav_ipc_st *ipc) {
+    char name[64], path[sizeof(sockaddr_un)];
+    stats_file_name(name, sizeof name, getpid());
+    const bool has_path = socket_path(path, sizeof path, ipc->location, name);
+    if (!open_account(ipc->account, {TAV_IPC_STATS_ENDPOINT, 0, ipc->location, ipc->my_addr.name},
+                      has_path ? path : nullptr))
+        return false;
+    if (ipc->account.own_memory) TAV_LOG(3, "tav_ipc", "counters of %s are not in a file", ipc->my_addr.name);
+    return true;
+}
+
+bool open_destination_account(const tav_ipc_st *ipc, Destination &to) {
+    if (to.account.is_open) return true;
+    const bool is_default = &to.info == ipc->queue->default_mod; // for those that have none of their own
+    return open_account(to.account,
+                        {TAV_IPC_STATS_DESTINATION, account_number(ipc->account), ipc->location,
+                         is_default ? "*" : to.info.name},
+                        nullptr);
+}
+
+// --- a datagram on its way out
+
+void account_accepted(const ipc_queue_msg_st &msg, uint64_t now_ms) {
+    const BothValues both(msg);
+    both.add(TAV_IPC_STATS_ACCEPTED, 1, msg.size);
+    begin_waiting(msg.ipc->account, now_ms);
+    begin_waiting(destination_of(*msg.mod).account, now_ms);
+    FragmentBlock *block = block_of(msg);
+    if (!block) return begin_message(both, msg.ipc);
+    both.add(TAV_IPC_STATS_FRAGMENTS, 1);
+    ++block->fate.outstanding;
+    if (!std::exchange(block->fate.begun, true)) begin_message(both, msg.ipc);
+}
+
+void account_queued(const ipc_queue_msg_st &msg) {
+    if (!is_counted(msg)) return;
+    BothValues(msg).add(TAV_IPC_STATS_QUEUED, 1, msg.size);
+    monitor_record(msg, TAV_IPC_MONITOR_WAITING);
+}
+
+void account_unqueued(const ipc_queue_msg_st &msg) {
+    if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_QUEUED, UINT64_MAX, -uint64_t{msg.size});
+}
+
+void account_left(const ipc_queue_msg_st &msg) {
+    if (!is_counted(msg)) return;
+    BothValues(msg).add(TAV_IPC_STATS_LEFT, 1, msg.size);
+    monitor_record(msg, TAV_IPC_MONITOR_SENT);
+    end_datagram(msg, true);
+}
+
+void account_dropped(const ipc_queue_msg_st &msg, Counter reason) {
+    if (!is_counted(msg)) return;
+    const BothValues both(msg);
+    both.add(reason, 1);
+    both.add(TAV_IPC_STATS_DROPPED_BYTES, msg.size);
+    monitor_record(msg, TAV_IPC_MONITOR_DROPPED, reason);
+    end_datagram(msg, false);
+}
+
+void account_retried(const ipc_queue_msg_st &msg) {
+    if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_RETRIED, 1);
+}
+
+Counter drop_reason(int status) {
+    switch (status) {
+    case CL_EV_NO_PEER:
+        return TAV_IPC_STATS_DROPPED_NO_PEER;
+    case CL_EV_WOULD_BLOCK:
+        return TAV_IPC_STATS_DROPPED_WOULD_BLOCK;
+    case CL_EV_CANCELLED:
+        return TAV_IPC_STATS_DROPPED_CLOSED;
+    default:
+        return TAV_IPC_STATS_DROPPED_OTHER;
+    }
+}
+
+// --- a message
+
+void account_refused(const tav_ipc_st *ipc, const Destination *to, Counter reason) {
+    add_to(ipc->account.values, reason, 1);
+    if (to) add_to(to->account.values, reason, 1);
+}
+
+void account_fragments_submitted(tav_ipc_st *ipc, FragmentBlock &block, bool all) {
+    MessageFate &fate = block.fate;
+    fate.submitted = true;
+    fate.failed |= !all;
+    if (fate.begun && fate.outstanding == 0) end_message(ipc, !fate.failed);
+}
+
+// --- a datagram on its way in
+
+void account_received(const tav_ipc_st *ipc, const void *datagram, uint32_t size) {
+    add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED, 1);
+    add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED_BYTES, size);
+    monitor_datagram(ipc, TAV_IPC_MONITOR_RECEIVED, datagram, size);
+}
+
+void account_bad(const tav_ipc_st *ipc, const void *data, uint32_t size, Counter reason) {
+    add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED, 1);
+    add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED_BYTES, size);
+    add_to(ipc->account.values, reason, 1);
+    monitor_datagram(ipc, TAV_IPC_MONITOR_REFUSED, data, data ? size : 0, reason);
+}
+
+void account_not_taken(const tav_ipc_st *ipc, const tav_ipc_hdr_st &header, const void *payload,
+                       Counter reason) {
+    add_to(ipc->account.values, reason, 1);
+    monitor_parts(ipc, {TAV_IPC_MONITOR_REFUSED, reason, 0, &header, sizeof header, payload, header.size});
+}
+
+void account_delivered(const tav_ipc_st *ipc) { add_to(ipc->account.values, TAV_IPC_STATS_DELIVERED, 1); }
+
+// --- others
+
+void account_event(const tav_ipc_st *ipc, Counter counter) { add_to(ipc->account.values, counter, 1); }
+
+void account_gauge(const tav_ipc_st *ipc, Counter gauge, uint64_t value) {
+    set_to(ipc->account.values, gauge, value);
+}
+
+void account_exchange_waits(const tav_ipc_st *ipc) {
+    add_to(ipc->account.values, TAV_IPC_STATS_EXCHANGES_OPEN, 1);
+}
+
+void account_exchange_over(const tav_ipc_st *ipc, Counter how) {
+    if (!ipc) return;
+    add_to(ipc->account.values, how, 1);
+    add_to(ipc->account.values, TAV_IPC_STATS_EXCHANGES_OPEN, UINT64_MAX);
+}
+
+} // namespace tavipc
+
+using namespace tavipc;
+
+int tav_ipc_get_stats(tav_ipc_st *ipc, const char *destination, tav_ipc_stats_st *stats,
+                      uint32_t size) noexcept {
+    if (!ipc || !stats || size == 0 || size % sizeof(uint64_t) != 0) return errno = EINVAL, -1;
+    const Account *account = &ipc->account;
+    if (destination) {
+        const Destination *to = ipc->queue ? find_destination(*ipc->queue, destination) : nullptr;
+        account = to ? &to->account : nullptr;
+    }
+    if (!account || !account->is_open) return errno = ENOENT, -1;
+    std::memset(stats, 0, size);
+    const uint32_t count = std::min<uint32_t>(size / sizeof(uint64_t), TAV_IPC_STATS_COUNT);
+    std::memcpy(stats->values, account->values, count * sizeof(uint64_t));
+    return 0;
+}
