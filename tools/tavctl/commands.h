@@ -12,6 +12,7 @@ Run trace, explain;                      // look/trace.cpp
 Run probe, send, listen, request, reply; // talk/messages.cpp
 Run send_file;                           // file/send_file.cpp
 Run receive_files;                       // file/receive_files.cpp
+Run monitor, log_level;                  // monitor/commands.cpp
 Run keygen;                              // agent/allowlist_commands.cpp, with the next two lines
 Run allowlist_add, allowlist_remove, allowlist_sign;
 Run allowlist_verify, allowlist_why;

@@ -64,7 +64,7 @@ inline Problem system_problem(const std::string &what, std::string remedy = {}) 
 class Stamp {
   public:
     Stamp();
-    explicit Stamp(time_t seconds) : time_{seconds, 0} {}
+    explicit Stamp(time_t seconds, long nanoseconds = 0) : time_{seconds, nanoseconds} {}
     std::string clock() const;   // local, "12:34:56.789"
     std::string rfc3339() const; // "2026-11-23T12:34:56.789+01:00"
     std::string format(const char *strftime_format) const;
