@@ -64,6 +64,10 @@ int run_module() {
     tav_ipc_recv_start(beta, [](auto...) {});
     flush("reading:", -1);
     std::printf("child: %d\n", in_child(count_in_child));
+    send(to_beta, 1);
+    cl_timer_start(
+        0, [](void *) { send(to_beta, 1), flush("inner:", -1); }, nullptr);
+    flush("outer:", 0);
     send(to_nobody, 1);
     cl_timer_start(
         1, [](void *) { tav_ipc_destroy(alpha), alpha = nullptr; }, nullptr);
@@ -98,6 +102,8 @@ TEST(Stats, AreReadFromOutsideAndOutliveTheProcess) {
     EXPECT_STREQ(childs.records[0].name, "gamma");
     module.say("");
     EXPECT_EQ(module.expect("child: "), "0");
+    EXPECT_TRUE(module.expect("inner: ").starts_with("0, ")) << "in a callback";
+    EXPECT_TRUE(module.expect("outer: ").ends_with(" 0 pending"));
     EXPECT_EQ(module.expect("destroyed: "), "-108, 0 left, 1 dropped, 0 pending");
     module.expect("none");
     EXPECT_FALSE(exists(file_of(module.pid()))) << "with the last endpoint";

@@ -72,6 +72,11 @@ TEST_F(AccountingTest, EachDropAndRefusalHasItsReason) {
     EXPECT_EQ(pending(), 0u);
     w.event.fail_send = 1;
     for (int i = 0; i < 2; ++i) ASSERT_EQ(send(ipc_, "x"), 0); // one waits, the other one, too, behind it
+    tav_ipc_stats_st some{};
+    EXPECT_EQ(tav_ipc_get_stats(ipc_, "gamma", &some, sizeof some), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(tav_ipc_get_stats(ipc_, nullptr, &some, 12), -1);
+    EXPECT_EQ(errno, EINVAL);
     const tavipc::EndpointPin pin(ipc_);
     close(ipc_);
     EXPECT_EQ(ipc_->messages.dropped, dropped_before + 3);
