@@ -3,20 +3,20 @@
  *
  * A monitor binds a socket at "ipc.monitor0" in the socket directory of a location, or at the first free name
  * up to "ipc.monitor3": at most 4 are served. It is a SOCK_SEQPACKET socket, which then listens; a SOCK_DGRAM
- * socket is served, too, but holds net.unix.max_dgram_qlen copies only. When the socket takes connections, the
- * monitor sets the mode of its file (chmod, 0600; to what it was is enough): modules watch for changed modes,
- * so the many other files of the directory wake nobody.
+ * socket is served, too, but holds net.unix.max_dgram_qlen copies only. When the socket takes connections,
+ * the monitor sets the mode of its file (chmod, 0600; to what it was is enough): modules watch for changed
+ * modes, so the many other files of the directory wake nobody.
  *
  * Each endpoint there connects a socket of its own: at once, or, if it is younger than a quarter of a second,
  * when it has that age; one that is made later does it while it is made. It sends one TAV_IPC_MONITOR_HELLO,
- * and from then on a copy of each datagram as a tav_ipc_monitor_record_st, without waiting: what the monitor's
- * socket does not take is counted in `missed` of the next copy. An endpoint that the backlog of the monitor
- * refuses is missing until the mode is set again. A module accepts a monitor only if the socket file belongs to
- * root or to the module's own effective user, and takes commands only from a process of such a user
- * (SCM_CREDENTIALS). Modules leave a monitor whose socket is closed.
+ * and from then on a copy of each datagram as a tav_ipc_monitor_record_st, without waiting: what the
+ * monitor's socket does not take is counted in `missed` of the next copy. An endpoint that the backlog of the
+ * monitor refuses is missing until the mode is set again. A module accepts a monitor only if the socket file
+ * belongs to root or to the module's own effective user, and takes commands only from a process of such a
+ * user (SCM_CREDENTIALS). Modules leave a monitor whose socket is closed.
  *
- * Both records are datagrams of their own. Integers are in host order. A receiver ignores records with another
- * magic, and reads record_size bytes before what follows.
+ * Both records are datagrams of their own. Integers are in host order. A receiver ignores records with
+ * another magic, and reads record_size bytes before what follows.
  */
 #ifndef TAVIPC_TAV_IPC_MONITOR_H
 #define TAVIPC_TAV_IPC_MONITOR_H
@@ -48,12 +48,12 @@ typedef struct tav_ipc_monitor_record_st {
     uint16_t record_size; /* bytes of this record: where the datagram's header begins */
     uint64_t time_ns;     /* CLOCK_REALTIME */
     uint32_t pid;
-    uint16_t event;       /* enum tav_ipc_monitor_event */
-    uint16_t reason;      /* a value of enum tav_ipc_stats_value (DROPPED_..., BAD_...), else 0 */
-    uint64_t missed;      /* copies so far that this monitor's socket did not take */
-    uint32_t captured;    /* bytes of payload that follow the header */
-    uint32_t tries;       /* attempts to send so far */
-    char endpoint[16];    /* name of the endpoint that sent or received it, with NUL */
+    uint16_t event;    /* enum tav_ipc_monitor_event */
+    uint16_t reason;   /* a value of enum tav_ipc_stats_value (DROPPED_..., BAD_...), else 0 */
+    uint64_t missed;   /* copies so far that this monitor's socket did not take */
+    uint32_t captured; /* bytes of payload that follow the header */
+    uint32_t tries;    /* attempts to send so far */
+    char endpoint[16]; /* name of the endpoint that sent or received it, with NUL */
     int32_t location;
     uint32_t reserved;
 } tav_ipc_monitor_record_st;
