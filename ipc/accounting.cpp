@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "ipc/monitor.h"
 #include "ipc/socket_directory.h"
 #include "ipc/wire.h"
 
@@ -32,6 +33,10 @@ void end_datagram(const ipc_queue_msg_st &msg, bool left) {
     MessageFate &fate = block->fate;
     fate.failed |= !left;
     if (--fate.outstanding == 0 && fate.submitted) end_message(msg.ipc, !fate.failed);
+}
+
+void monitor_record(const ipc_queue_msg_st &msg, tav_ipc_monitor_event event, uint32_t reason = 0) {
+    monitor_datagram(msg.ipc, event, msg.data, msg.size, reason, msg.try_times);
 }
 
 } // namespace
@@ -61,7 +66,9 @@ bool open_destination_account(const tav_ipc_st *ipc, Destination &to) {
 // --- a datagram on its way out
 
 void account_queued(const ipc_queue_msg_st &msg) {
-    if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_QUEUED, 1, msg.size);
+    if (!is_counted(msg)) return;
+    BothValues(msg).add(TAV_IPC_STATS_QUEUED, 1, msg.size);
+    monitor_record(msg, TAV_IPC_MONITOR_WAITING);
 }
 
 void account_unqueued(const ipc_queue_msg_st &msg) {
@@ -71,6 +78,7 @@ void account_unqueued(const ipc_queue_msg_st &msg) {
 void account_left(const ipc_queue_msg_st &msg) {
     if (!is_counted(msg)) return;
     BothValues(msg).add(TAV_IPC_STATS_LEFT, 1, msg.size);
+    monitor_record(msg, TAV_IPC_MONITOR_SENT);
     end_datagram(msg, true);
 }
 
@@ -79,6 +87,7 @@ void account_dropped(const ipc_queue_msg_st &msg, Counter reason) {
     const BothValues both(msg);
     both.add(reason, 1);
     both.add(TAV_IPC_STATS_DROPPED_BYTES, msg.size);
+    monitor_record(msg, TAV_IPC_MONITOR_DROPPED, reason);
     end_datagram(msg, false);
 }
 
@@ -115,19 +124,23 @@ void account_fragments_submitted(tav_ipc_st *ipc, FragmentBlock &block, bool all
 
 // --- a datagram on its way in
 
-void account_received(const tav_ipc_st *ipc, const void *, uint32_t size) {
+void account_received(const tav_ipc_st *ipc, const void *datagram, uint32_t size) {
     add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED, 1);
     add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED_BYTES, size);
+    monitor_datagram(ipc, TAV_IPC_MONITOR_RECEIVED, datagram, size);
 }
 
-void account_bad(const tav_ipc_st *ipc, const void *, uint32_t size, Counter reason) {
+void account_bad(const tav_ipc_st *ipc, const void *data, uint32_t size, Counter reason) {
     add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED, 1);
     add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED_BYTES, size);
     add_to(ipc->account.values, reason, 1);
+    monitor_datagram(ipc, TAV_IPC_MONITOR_REFUSED, data, data ? size : 0, reason);
 }
 
-void account_not_taken(const tav_ipc_st *ipc, const tav_ipc_hdr_st &, const void *, Counter reason) {
+void account_not_taken(const tav_ipc_st *ipc, const tav_ipc_hdr_st &header, const void *payload,
+                       Counter reason) {
     add_to(ipc->account.values, reason, 1);
+    monitor_parts(ipc, {TAV_IPC_MONITOR_REFUSED, reason, 0, &header, sizeof header, payload, header.size});
 }
 
 void account_delivered(const tav_ipc_st *ipc) { add_to(ipc->account.values, TAV_IPC_STATS_DELIVERED, 1); }

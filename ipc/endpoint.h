@@ -27,6 +27,8 @@
 namespace tavipc {
 struct SendContext;
 struct Reassembly;
+class MonitorTap;
+class PeerWatches;
 struct FileTransfer;
 
 // The callbacks of tav_ipc_on_file.
@@ -68,6 +70,8 @@ struct tav_ipc_st {
     struct { // accepted messages
         uint64_t pending, left, dropped;
     } messages;
+    tavipc::MonitorTap *monitor_tap;
+    tavipc::PeerWatches *peer_watches; // made with the first watch
 };
 static_assert(std::is_standard_layout_v<tav_ipc_st> && std::is_trivial_v<tav_ipc_st>);
 static_assert(offsetof(tav_ipc_st, my_addr) == 0);

@@ -14,6 +14,8 @@
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
 #include "ipc/ipc_file.h"
+#include "ipc/monitor.h"
+#include "ipc/peer_watch.h"
 #include "ipc/reassembly.h"
 #include "ipc/receive.h"
 #include "ipc/send.h"
@@ -75,6 +77,7 @@ int open_endpoint(tav_ipc_st *ipc, const Options &options) {
     arm_destination_sweep(ipc);
     if (open_endpoint_account(ipc) && open_requests(ipc)) {
         if (options.accept_files) resume_file_sweep();
+        open_monitor_tap(ipc);
         return 0;
     }
     stop_timer(ipc->mod_sweep_timer);
@@ -163,8 +166,10 @@ void tav_ipc_destroy(tav_ipc_st *ipc) noexcept {
     if (users > 0)
         TAV_LOG(1, "tav_ipc", "[ipc_thread_safe: %s]destroy ipc handler in using: %ld", "tav_ipc_destroy",
                 static_cast<long>(users));
+    close_peer_watches(ipc);
     close_requests(ipc);
     close_queue(ipc);
+    close_monitor_tap(ipc);
     release_fragments(ipc);
     stop_timer(ipc->mod_sweep_timer);
     close_account(ipc->account);
