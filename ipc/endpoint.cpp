@@ -1,6 +1,5 @@
 #include "ipc/endpoint.h"
 
-#include <atomic>
 #include <cerrno>
 
 #include "common/log.h"

@@ -27,7 +27,8 @@
 #include "tavcl_ev.h"
 #include "tavipc/tav_agentid.h"
 #include "tavipc/tav_compress.h"
-#include "tavipc/tav_ipc.h"
+#include "tavipc/tav_ipc_ext.h"
+#include "tavipc/tav_ipc_file_ext.h"
 #include "tavipc/tav_ipc_watch.h"
 
 namespace fs = std::filesystem;
@@ -192,9 +193,17 @@ void files() {
     const std::string source = config + "content";
     open_both();
     tav_ipc_send_file(world.alpha, &kBeta, source.c_str(), on_status, &world.completions[0], 2);
+    const auto on_done = [](uint64_t, int32_t code, void *user) { on_status(code, user); };
+    if (tav_ipc_file_start(world.alpha, &kBeta, source.c_str(), "name", 2000, 0, nullptr, on_done,
+                           &world.completions[1]) == 0)
+        on_status(IPC_ERR_NOMEM, &world.completions[1]);
     pass(20'000, 200);
-    expect_completion(0, 0, {IPC_ERR_OPEN_FILE, IPC_ERR_NOMEM, IPC_ERR_SENDTO, IPC_ERR_TIMEOUT, IPC_ERR_IO});
-    expect("files that came", world.files, world.files == (world.completions[0].code == 0), {0, 1});
+    for (const int i : {0, 1})
+        expect_completion(
+            i, 0,
+            {IPC_ERR_OPEN_FILE, IPC_ERR_NOMEM, IPC_ERR_SENDTO, IPC_ERR_TIMEOUT, IPC_ERR_IO, IPC_ERR_NO_PEER});
+    const int sent = (world.completions[0].code == 0) + (world.completions[1].code == 0);
+    expect("files that came", world.files, world.files == sent, {0, 1, 2});
     pass(400'000, 5'000); // received files are removed
     close_both();
 }

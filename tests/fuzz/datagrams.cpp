@@ -205,9 +205,7 @@ class Life : public EndpointWorld {
         on_response(code, 0, data, len, calls);
     }
     static void on_done(uint64_t, int32_t code, void *calls) { on_status(code, calls); }
-    static void on_progress(uint64_t, uint64_t confirmed, uint64_t size, void *) {
-        FUZZ_CHECK(confirmed <= size), current->act();
-    }
+    static void on_progress(uint64_t, uint64_t, uint64_t, void *) { current->act(); }
     static void on_file(tav_ipc_st *, const tav_ipc_file_st *, void *) { current->act(); }
 
     fuzz::Input &in_;

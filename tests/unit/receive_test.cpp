@@ -1,10 +1,10 @@
 // The receive path: what is believed of a datagram, how fragments and compressed payloads are restored, who
 // gets the message, and callbacks that destroy the endpoint under it.
 #include "endpoint_world.h"
-#include "tavipc/tav_ipc_ext.h"
 #include "ipc/reassembly.h"
 #include "ipc/receive.h"
 #include "tavipc/tav_compress.h"
+#include "tavipc/tav_ipc_ext.h"
 
 namespace {
 
