@@ -97,7 +97,7 @@ class Link {
 void Link::open(const char *path, const tav_ipc_monitor_record_st &hello) noexcept {
     close();
     cl_sockaddr_t address;
-    if (!is_trusted_socket(path) || cl_sockaddr_un_init(&address, path) != 0) return;
+    if (cl_sockaddr_un_init(&address, path) != 0) return;
     UniqueFd fd = connect_to(address, SOCK_SEQPACKET);
     connection_ = bool(fd);
     if (!fd) fd = connect_to(address, SOCK_DGRAM);
@@ -204,7 +204,7 @@ void MonitorTap::look(const char *changed) noexcept {
         name[kLength] = static_cast<char>('0' + number);
         if (changed ? std::strcmp(changed, name) != 0 : links_[number].is_open()) continue;
         char path[sizeof(sockaddr_un)];
-        if (!socket_path(path, sizeof path, ipc_->location, name)) continue;
+        if (!socket_path(path, sizeof path, ipc_->location, name) || !is_trusted_socket(path)) continue;
         links_[number].open(path, record(TAV_IPC_MONITOR_HELLO));
     }
 }

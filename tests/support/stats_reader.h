@@ -2,10 +2,13 @@
 #pragma once
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
 
 #include "tavipc/tav_ipc_stats.h"
 
@@ -33,8 +36,11 @@ struct StatsFile {
     tav_ipc_stats_file_st header{};
     std::vector<tav_ipc_stats_record_st> records; // those in use
 
-    explicit StatsFile(const std::string &path) {
-        std::ifstream file(path, std::ios::binary);
+    static std::filesystem::path path(const std::filesystem::path &sockets, pid_t pid) {
+        return sockets / ("ipc" + std::to_string(pid) + ".stats");
+    }
+    StatsFile(const std::filesystem::path &sockets, pid_t pid) {
+        std::ifstream file(path(sockets, pid), std::ios::binary);
         const std::string bytes(std::istreambuf_iterator<char>(file), {});
         if (bytes.size() < sizeof header) return;
         std::memcpy(&header, bytes.data(), sizeof header);

@@ -82,16 +82,14 @@ TEST(Stats, AreReadFromOutsideAndOutliveTheProcess) {
     place.allow({"stats"});
     place.put("stats", std::filesystem::read_symlink("/proc/self/exe"));
     const auto start = [&] { return place.start("stats", {"TAV_LOG_LEVEL=0"}, {"module"}); };
-    const auto file_of = [&](pid_t pid) {
-        return place.sockets() / ("ipc" + std::to_string(pid) + ".stats");
-    };
+    const auto file_of = [&](pid_t pid) { return StatsFile::path(place.sockets(), pid); };
     Process module = start();
     EXPECT_EQ(module.expect("some: "), "0, 3 left, 0 dropped, 0 pending");
     EXPECT_EQ(module.expect("absent: "), "0, 0 left, 3 dropped, 0 pending");
     EXPECT_TRUE(module.expect("busy: ").starts_with("1, "));
     EXPECT_TRUE(module.expect("reading: ").ends_with(" pending"));
     const pid_t child = std::stoi(module.expect("child "));
-    const StatsFile parents(file_of(module.pid())), childs(file_of(child));
+    const StatsFile parents(place.sockets(), module.pid()), childs(place.sockets(), child);
     ASSERT_EQ(parents.records.size(), 4u) << "two endpoints, two destinations";
     EXPECT_EQ(parents.header.pid, static_cast<uint32_t>(module.pid()));
     for (const auto &record : parents.records) EXPECT_EQ(imbalance(record.values), 0) << record.name;
@@ -106,10 +104,11 @@ TEST(Stats, AreReadFromOutsideAndOutliveTheProcess) {
     module.say("");
     module.expect("ready");
     const auto file = file_of(module.pid());
+    const pid_t dead = module.pid();
     EXPECT_EQ(std::filesystem::status(file).permissions() & std::filesystem::perms(022),
               std::filesystem::perms{});
     EXPECT_EQ(module.kill(), -SIGKILL);
-    const StatsFile left(file);
+    const StatsFile left(place.sockets(), dead);
     ASSERT_EQ(left.records.size(), 2u);
     EXPECT_EQ(left.records[1].values[TAV_IPC_STATS_ACCEPTED], 7u);
     EXPECT_TRUE(exists(file_of(child))) << "_exit leaves it";
