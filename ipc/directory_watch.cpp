@@ -22,8 +22,11 @@ namespace {
 
 constexpr long kShortLife_ms = 250; // an endpoint of a command-line tool rarely lives longer
 constexpr long kRetry_ms = 5000;
-constexpr uint32_t kModeEvents = IN_ATTRIB | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr uint32_t kModeEvents = IN_ATTRIB | IN_ONLYDIR;
 constexpr uint32_t kFileEvents = kModeEvents | IN_CREATE | IN_DELETE | IN_MOVE;
+// In the directory above, where few things happen. A removed directory tells nothing itself while it has an
+// open socket.
+constexpr uint32_t kAboveEvents = IN_CREATE | IN_DELETE | IN_MOVE | IN_ONLYDIR;
 
 constexpr pthread_key_t kNoKey = ~pthread_key_t{0}; // functions refuse it
 
@@ -55,7 +58,8 @@ class DirectoryWatch {
     static void on_ready(cl_io_t, int, void *self) noexcept;
     void watch(UniqueFd fd, bool inotify) noexcept;
     void open() noexcept;
-    bool set_events(int fd) const noexcept;
+    void find_directory() noexcept;
+    bool is_about_directory(const inotify_event &event, const char *name) const noexcept;
     void close() noexcept;
     void tell(const char *name, bool removed) const noexcept;
 
@@ -65,6 +69,7 @@ class DirectoryWatch {
     bool inotify_ = false;  // what fd_ is; else a timer
     UnsharedFd fd_;
     cl_io_t io_ = 0;
+    int directory_ = -1, above_ = -1; // inotify's numbers; -1: not watched
     DirectoryListener *listeners_ = nullptr;
     DirectoryWatch *next_ = nullptr;
 };
@@ -114,6 +119,7 @@ void DirectoryWatch::close() noexcept {
     if (cl_io_stop) cl_io_stop(io_);
     io_ = 0;
     fd_.reset();
+    directory_ = above_ = -1;
 }
 
 // The release of the thread's loop ends the watch for the descriptor unseen, so each new listener starts it
@@ -124,7 +130,7 @@ void DirectoryWatch::add(DirectoryListener &listener) noexcept {
     const bool files = listener.interest_ == DirectoryListener::Interest::kFiles;
     if (files && !(fd_ && inotify_)) return open();
     if (!fd_) return watch(make_timer(kShortLife_ms), false);
-    if (files) set_events(fd_.get());
+    if (files) find_directory();
     cl_io_stop(io_);
     io_ = cl_io_start(fd_.get(), CL_IO_READ, on_ready, this);
 }
@@ -136,7 +142,7 @@ void DirectoryWatch::remove(DirectoryListener &listener) noexcept {
     if (!listeners_) {
         delete this;
     } else if (fd_ && inotify_ && listener.interest_ == DirectoryListener::Interest::kFiles) {
-        set_events(fd_.get());
+        find_directory();
     }
 }
 
@@ -148,19 +154,33 @@ void DirectoryWatch::watch(UniqueFd fd, bool inotify) noexcept {
     if (!io_) fd_.reset();
 }
 
-bool DirectoryWatch::set_events(int fd) const noexcept {
+// Watches the directory that has the name now, for the events that the listeners need.
+void DirectoryWatch::find_directory() noexcept {
     char path[kLongestSocketPath + 1];
-    if (!directory_path(path, sizeof path, location_)) return false;
+    if (!directory_path(path, sizeof path, location_)) return;
     uint32_t events = kModeEvents;
     for (const DirectoryListener *listener = listeners_; listener; listener = listener->next_)
         if (listener->interest_ == DirectoryListener::Interest::kFiles) events = kFileEvents;
-    return ::inotify_add_watch(fd, path, events) >= 0;
+    const int older = std::exchange(directory_, ::inotify_add_watch(fd_.get(), path, events));
+    if (older >= 0 && older != directory_) ::inotify_rm_watch(fd_.get(), older);
+    if (above_ >= 0) return;
+    *std::strrchr(path, '/') = '\0';
+    std::strrchr(path, '/')[1] = '\0';
+    above_ = ::inotify_add_watch(fd_.get(), path, kAboveEvents);
+}
+
+bool DirectoryWatch::is_about_directory(const inotify_event &event, const char *name) const noexcept {
+    char path[kLongestSocketPath + 1];
+    if (event.wd != above_) return event.wd == directory_ && (event.mask & IN_IGNORED);
+    if (!name || !directory_path(path, sizeof path, location_)) return true;
+    *std::strrchr(path, '/') = '\0';
+    return std::strcmp(std::strrchr(path, '/') + 1, name) == 0;
 }
 
 void DirectoryWatch::open() noexcept {
-    UniqueFd fd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    if (!fd || !set_events(fd.get())) return watch(make_timer(kRetry_ms), false);
-    watch(std::move(fd), true);
+    watch(UniqueFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)), true);
+    if (fd_) find_directory();
+    if (directory_ < 0 && above_ < 0) return watch(make_timer(kRetry_ms), false);
     tell(nullptr, false); // it may have changed before
 }
 
@@ -182,7 +202,7 @@ void DirectoryWatch::read_events() noexcept {
     constexpr size_t kBytes = 4096; // at least 15 events of the longest names
     alignas(inotify_event) char buffer[kBytes];
     bool lost = false; // the directory
-    while (fd_ && inotify_ && !lost) {
+    while (fd_ && inotify_) {
         const ssize_t size = ::read(fd_.get(), buffer, sizeof buffer);
         if (size <= 0) break;
         for (ssize_t at = 0; at < size;) {
@@ -190,12 +210,14 @@ void DirectoryWatch::read_events() noexcept {
             std::memcpy(&event, buffer + at, sizeof event);
             const char *name = event.len > 0 ? buffer + at + sizeof event : nullptr;
             at += static_cast<ssize_t>(sizeof event + event.len);
-            lost = lost || (event.mask & (IN_IGNORED | IN_MOVE_SELF));
-            // An event without a name is about the directory. One that was lost may have removed anything.
-            tell(name, event.mask & (IN_DELETE | IN_MOVE));
+            lost = lost || is_about_directory(event, name);
+            // Lost events (IN_Q_OVERFLOW, without a number) may have been about anything.
+            if (event.wd == directory_ || event.wd < 0) tell(name, event.mask & (IN_DELETE | IN_MOVE));
         }
     }
-    if (lost) open();
+    if (!lost) return;
+    find_directory();
+    tell(nullptr, false);
 }
 
 void DirectoryListener::start(int32_t location) noexcept {

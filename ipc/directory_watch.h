@@ -5,7 +5,8 @@
 // a listener for files the kernel wakes the thread for changed modes only. Closing an inotify descriptor
 // blocks for about 11 ms, also at the end of the process. So a program that has an endpoint for less than a
 // quarter of a second, as command-line tools do, gets none: a timer's descriptor is watched in its place
-// until then. The same timer retries when the directory is gone or no inotify descriptor is to be had.
+// until then. A timer also retries when no inotify descriptor is to be had. The directory above is watched,
+// too: if the directory is removed and made again, the new one counts.
 //
 // Nothing is noticed with an event library that cannot watch descriptors. A forked child has the listeners of
 // its parent, but they hear nothing there.

@@ -16,6 +16,7 @@
 // KIND is "bytes" or "app", an application message whose body compresses. WHAT is request, confirm or probe.
 // The command code is ID and counts up. US is the monotonic clock in microseconds. DIGEST is a hash of the
 // payload.
+#include <algorithm>
 #include <cinttypes>
 #include <filesystem>
 #include <fstream>
@@ -161,21 +162,19 @@ void send_file(const std::string &to, const std::string &path, int timeout_s) {
     tav_ipc_send_file(endpoint, &dest, path.c_str(), report, nullptr, timeout_s);
 }
 
-void watch(const char *peer, int last_event) {
-    const auto report = [](uint64_t, int event, const char *name, void *last) {
-        say("peer", name, event);
-        if (event == static_cast<int>(reinterpret_cast<intptr_t>(last))) close_endpoint();
-    };
-    if (!tav_ipc_watch(endpoint, peer, report, reinterpret_cast<void *>(intptr_t{last_event})))
-        say("refused");
+void on_peer(uint64_t, int event, const char *name, void *last) {
+    say("peer", name, event);
+    if (event == static_cast<int>(reinterpret_cast<intptr_t>(last))) close_endpoint();
 }
 
 void fork_child() {
-    if (const pid_t child = fork()) return static_cast<void>(waitpid(child, nullptr, 0));
-    size_t found = 0;
-    for (const auto &fd : std::filesystem::directory_iterator("/proc/self/fd"))
-        if (std::error_code gone; std::filesystem::read_symlink(fd, gone) == "anon_inode:inotify") ++found;
-    say("child", found);
+    if (fork() != 0) return static_cast<void>(wait(nullptr));
+    const auto is_inotify = [](const auto &fd) {
+        std::error_code gone;
+        return std::filesystem::read_symlink(fd, gone) == "anon_inode:inotify";
+    };
+    std::filesystem::directory_iterator all("/proc/self/fd");
+    say("child", std::count_if(begin(all), end(all), is_inotify));
     _exit(0);
 }
 
@@ -202,7 +201,7 @@ void execute(const std::string &line) {
     else if (is("descriptors", 2))
         say(limit_descriptors(number(1)) ? "done" : "refused");
     else if (is("watch", 3))
-        watch(w[1].c_str(), std::stoi(w[2]));
+        tav_ipc_watch(endpoint, w[1].c_str(), on_peer, reinterpret_cast<void *>(intptr_t{std::stoi(w[2])}));
     else if (is("fork", 1))
         fork_child();
     else
