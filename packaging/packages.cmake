@@ -65,6 +65,7 @@ machine, and maintains the signed list of executables that may open endpoints.
 .
 This package also contains the agent's directory /usr/lib/tavipc with its
 configuration in /etc/tavipc, the socket directory, the kernel setting for
-longer queues, and the manual pages for administrators.")
+longer queues, a dissector for Wireshark, and the manual pages for
+administrators.")
 
 include(CPack)

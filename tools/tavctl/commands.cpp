@@ -136,7 +136,7 @@ std::set<std::string> candidates(const std::vector<std::string> &words) {
         if (const std::string name = command.name; !complete && name.starts_with(prefix))
             found.insert(name.substr(prefix.size(), name.find(' ', prefix.size()) - prefix.size()));
     if (path == "trace") found.insert({"on", "off", "show"});
-    for (const char *talking : {"probe", "send", "request", "sendfile", "monitor", "log"})
+    for (const char *talking : {"probe", "send", "request", "sendfile"})
         if (path == talking && place == 0) found.merge(live_names());
     return found;
 }

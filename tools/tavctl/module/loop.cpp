@@ -13,11 +13,9 @@ namespace {
 constexpr double kSlice_ms = 100; // a signal does not end a turn of the loop
 
 volatile std::sig_atomic_t interrupts = 0;
-void (*before_death)() = nullptr;
 void on_interrupt(int signal) {
     interrupts = interrupts + 1;
     if (interrupts > 1) {
-        if (before_death) before_death();
         std::signal(signal, SIG_DFL);
         std::raise(signal);
     }
@@ -56,15 +54,11 @@ constexpr double kAttempt_s = 1.2, kAttemptAndPause_s = 2.5;
 
 } // namespace
 
-void catch_interrupts(void (*last_act)()) {
-    before_death = last_act;
-    struct sigaction action {
-    }, before{};
+void catch_interrupts() {
+    struct sigaction action {};
     action.sa_handler = on_interrupt;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGHUP, &action, &before);
-    if (before.sa_handler == SIG_IGN) std::signal(SIGHUP, SIG_IGN); // as nohup sets it
 }
 bool interrupted() { return interrupts > 0; }
 

@@ -11,9 +11,9 @@
 namespace tavctl {
 
 // --- the event loop (loop.cpp)
-// From now on a first Ctrl-C, SIGTERM or SIGHUP ends a wait instead of the process, so that statistics are
-// printed and socket files are removed. A second one ends the process, after last_act in the signal handler.
-void catch_interrupts(void (*last_act)() = nullptr);
+// From now on a first Ctrl-C or SIGTERM ends a wait instead of the process, so that statistics are printed
+// and socket files are removed. A second one ends the process.
+void catch_interrupts();
 bool interrupted();
 
 enum class Wait { kDone, kTimeout, kInterrupted, kNothingLeft };
