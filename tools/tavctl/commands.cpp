@@ -28,6 +28,17 @@ constexpr Command kCommands[] = {
      "--pool  Show each sending socket instead of their number\n"
      "--names  Print only the names of live endpoints\n",
      list},
+    {"stats", "Show the counters of running, stopped and killed modules",
+     "[NAME]  The endpoint: NAME or NAME@LOCATION (default: all)\n"
+     "--deploy-type TYPE  Look below /var/TYPE too (may be repeated)\n"
+     "--prometheus  In the text format that Prometheus scrapes\n",
+     stats},
+    {"top", "Show rates, what waits and what is dropped, as a live table",
+     "-c, --count N=0  End after N tables; 0: until q or an interrupt\n"
+     "-i, --interval SECONDS:0-3600=1  Time between two tables\n"
+     "--sort COLUMN=waiting  The column to sort by\n"
+     "--deploy-type TYPE  Look below /var/TYPE too (may be repeated)\n",
+     top},
     {"probe", "Ask whether an endpoint receives, and measure the round-trip time",
      DESTINATION "-c, --count N=4  Number of probes; 0: until interrupted\n"
                  "-i, --interval SECONDS:0-86400=1  Time between two probes\n",

@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "commands.h"
+#include "counters/counters.h"
 #include "look/sockets.h"
 #include "tavaux.h"
 #include "tavipc/tav_ipc.h"
@@ -10,21 +11,12 @@
 namespace tavctl {
 namespace {
 
-constexpr size_t kColumns = 6;
+constexpr size_t kColumns = 7;
 using Row = std::array<std::string, kColumns>;
-constexpr std::array<size_t, kColumns> kWidest = {20, 9, 8, 12, 6, 4096}; // on a terminal, in characters
-const Row kTitles = {"NAME", "STATE", "PROCESS", "USER", "AGE", "EXECUTABLE"};
+constexpr std::array<size_t, kColumns> kWidest = {20, 9, 8, 12, 6, 8, 4096}; // on a terminal, in characters
+const Row kTitles = {"NAME", "STATE", "PROCESS", "USER", "AGE", "WAITING", "EXECUTABLE"};
 
 constexpr const char *kStates[] = {"gone", "live", "stale", "forbidden", "other"}; // by SocketState
-
-std::string age_text(time_t since) {
-    const time_t age = time(nullptr) - since;
-    if (age < 0) return "-"; // the clock was set back
-    if (age < 60) return std::to_string(age) + " s";
-    if (age < 3600) return std::to_string(age / 60) + " min";
-    if (age < 2L * 86400) return std::to_string(age / 3600) + " h";
-    return std::to_string(age / 86400) + " d";
-}
 
 Row row_of(const SocketDirectory &directory, const SocketFile &file) {
     const std::string name = one_line(file.name) + "@" + std::to_string(directory.location);
@@ -33,7 +25,8 @@ Row row_of(const SocketDirectory &directory, const SocketFile &file) {
             kStates[static_cast<size_t>(file.state)],
             file.process ? std::to_string(file.process) : "-",
             one_line(file.user),
-            age_text(file.made),
+            age_text(static_cast<double>(time(nullptr) - file.made)),
+            file.waiting ? grouped(*file.waiting) : "-",
             executable.empty() ? "-" : one_line(executable)};
 }
 
@@ -111,6 +104,10 @@ Record record_of(const SocketDirectory &directory, const SocketFile &file) {
         record.add("process", file.process, "executable", one_line(file.executable));
     else
         record.add("process", nullptr, "executable", nullptr);
+    if (file.waiting)
+        record.add("waiting", *file.waiting);
+    else
+        record.add("waiting", nullptr);
     return record.add("user", one_line(file.user), "owner", file.owner, "since", Stamp(file.made));
 }
 
@@ -178,10 +175,12 @@ int list(Console &out, const Args &args) {
         for (const std::string &name : live_names()) std::cout << name << '\n';
         return kSuccess;
     }
-    const Scan scan = scan_everything(args.all("deploy-type"));
+    Scan scan = scan_everything(args.all("deploy-type"));
     if (args.has("clean")) return clean(out, scan);
+    const auto counters = read_counters(scan.directories);
     bool any = false;
-    for (const SocketDirectory &directory : scan.directories) {
+    for (SocketDirectory &directory : scan.directories) {
+        for (SocketFile &file : directory.sockets) file.waiting = waiting_of(counters, directory, file);
         any |= !directory.sockets.empty() || directory.strange > 0 || !directory.error.empty();
         for (const SocketFile &file : directory.sockets) out.say(record_of(directory, file), "");
     }

@@ -165,7 +165,7 @@ void read_directory(SocketDirectory &directory) {
         SocketFile file;
         file.name = path.filename();
         if (!look_at(files, file))
-            ++directory.strange;
+            directory.strange += counting_process(file.name) == 0;
         else if (file.state != SocketState::kMissing)
             directory.sockets.push_back(std::move(file));
     }
@@ -189,6 +189,11 @@ std::string user_name(uid_t user) {
     if (const passwd *entry = name.empty() ? getpwuid(user) : nullptr) name = entry->pw_name;
     if (name.empty()) name = std::to_string(user);
     return name;
+}
+
+pid_t counting_process(std::string_view name) {
+    if (!name.starts_with("ipc") || !name.ends_with(".stats")) return 0;
+    return static_cast<pid_t>(std::max(0L, number_of(name.substr(3, name.size() - 9))));
 }
 
 size_t SocketDirectory::count(SocketState state) const {
@@ -217,6 +222,12 @@ SocketState probe_socket(const std::string &path) {
 
 Scan scan_known(const std::vector<std::string> &deploy_types) {
     return read_all(find_known(deploy_types).directories);
+}
+
+std::vector<SocketDirectory> find_directories(const std::vector<std::string> &deploy_types) {
+    Finder finder = find_known(deploy_types);
+    finder.add_open(open_sockets());
+    return std::move(finder.directories);
 }
 
 Scan scan_everything(const std::vector<std::string> &deploy_types) {
