@@ -1,12 +1,14 @@
 #include "ipc/endpoint.h"
 
 #include <atomic>
+#include <cerrno>
 
 #include "common/log.h"
 #include "common/relaxed.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
 #include "tavipc/tav_agentid.h"
+#include "tavipc/tav_ipc_ext.h"
 
 namespace tavipc {
 namespace {
@@ -80,6 +82,15 @@ int tav_ipc_on_request(tav_ipc_st *ipc, tav_ipc_request_cb callback, void *user)
     if (!ipc || !callback) return -1;
     ipc->on_request = callback;
     ipc->on_request_arg = user;
+    return 0;
+}
+
+int tav_ipc_unset_callbacks(tav_ipc_st *ipc, unsigned callbacks) noexcept {
+    constexpr unsigned kAll = TAV_IPC_CALLBACK_MESSAGE | TAV_IPC_CALLBACK_REQUEST | TAV_IPC_CALLBACK_FILE;
+    if (!ipc || callbacks & ~kAll) return errno = EINVAL, -1;
+    if (callbacks & TAV_IPC_CALLBACK_MESSAGE) ipc->msg_recv = nullptr;
+    if (callbacks & TAV_IPC_CALLBACK_REQUEST) ipc->on_request = nullptr;
+    if (callbacks & TAV_IPC_CALLBACK_FILE) ipc->file_recv = nullptr, ipc->on_file = {};
     return 0;
 }
 

@@ -20,10 +20,19 @@
 #include "tavipc/ipc_queue.h"
 #include "tavipc/ipc_req_manager.h"
 #include "tavipc/tav_ipc.h"
+#include "tavipc/tav_ipc_file_ext.h"
 
 namespace tavipc {
 struct SendContext;
 struct Reassembly;
+struct FileTransfer;
+
+// The callbacks of tav_ipc_on_file.
+struct FileCallbacks {
+    tav_ipc_file_event_cb complete;
+    tav_ipc_file_event_cb progress;
+    void *user;
+};
 } // namespace tavipc
 
 struct tav_ipc_st {
@@ -50,7 +59,9 @@ struct tav_ipc_st {
     tavipc::SendContext *in_flight;      // sends whose completion has not come, newest first
     tavipc::SendContext *spare_contexts; // of completed sends, for the next ones
     uint32_t spare_context_count;
-    tavipc::Reassembly *reassembly; // the sets of frag_table with their buffers; made with it
+    tavipc::FileCallbacks on_file;
+    tavipc::FileTransfer *transfers; // that tav_ipc_file_start began, newest first
+    tavipc::Reassembly *reassembly;  // the sets of frag_table with their buffers; made with it
 };
 static_assert(std::is_standard_layout_v<tav_ipc_st> && std::is_trivial_v<tav_ipc_st>);
 static_assert(offsetof(tav_ipc_st, my_addr) == 0);

@@ -37,9 +37,10 @@ struct RequestRecord {
     uint64_t serial; // distinguishes it from a later exchange under the same message id
     Callback callback;
     void *user;
-    int64_t expire_ms = 0;     // on the request clock
-    int32_t send_error = 0;    // only if the message could not be sent
-    bool took_over = false;    // the expiry of the exchange before it is still in the heap
+    int64_t expire_ms = 0;  // on the request clock
+    int32_t send_error = 0; // only if the message could not be sent, or found no peer
+    bool took_over = false; // the expiry of the exchange before it is still in the heap
+    bool waits_for_peer = false;
     tav_ipc_st *ipc = nullptr; // these two with a timer of its own
     uint32_t reqid = 0;
     cl_timer_t timer = 0;
@@ -162,7 +163,7 @@ void ipc_exchange_timeout(void *argument) {
     auto &record = *static_cast<RequestRecord *>(argument);
     record.timer = 0; // if the record is not in the table yet, the manager's next tick ends it
     EndpointPin pin(record.ipc);
-    complete(record.ipc, record.reqid, {IPC_ERR_TIMEOUT});
+    complete(record.ipc, record.reqid, {record.send_error ? record.send_error : int32_t{IPC_ERR_TIMEOUT}});
 }
 
 // 0, or the errno of a call that can send nothing.
@@ -193,7 +194,41 @@ int start_exchange(tav_ipc_st *ipc, const Exchange &exchange, uint32_t timeout_m
     return ipc_req_manager_insert(&ipc->req_mgr, record->reqid, record, INT64_MIN) == 0 ? 0 : ENOMEM;
 }
 
+// The exchange with a timer of its own that the endpoint's own datagram belongs to, or null. An answer has
+// the id of a peer, and the pipe of another location is a proxy's.
+RequestRecord *find_sent(tav_ipc_st *ipc, const tav_ipc_hdr_st &header) {
+    const bool asks = header.flags & (IPC_FLAG_REQUEST | IPC_FLAG_NEED_ACK);
+    if (!asks || header.flags & (IPC_FLAG_RESPONSE | IPC_FLAG_ACK)) return nullptr;
+    if (header.dest.loc != 0 && header.dest.loc != ipc->my_addr.loc) return nullptr;
+    if (tav_addr_cmp(&header.src, &ipc->my_addr) != 0) return nullptr; // forwarded
+    RequestRecord *record = find_record(ipc, header.reqid);
+    return record && record->timer ? record : nullptr;
+}
+
 } // namespace
+
+WithoutPeer exchange_without_peer(tav_ipc_st *ipc, const tav_ipc_hdr_st &header) {
+    RequestRecord *record = find_sent(ipc, header);
+    if (!record) return WithoutPeer::kNoExchange;
+    if (record->waits_for_peer) return WithoutPeer::kWaits;
+    if (record->send_error) return WithoutPeer::kGivesUp; // by an earlier fragment
+    const cl_timer_t soon = cl_timer_start(0, ipc_exchange_timeout, record);
+    if (!soon) return WithoutPeer::kGivesUp; // it times out
+    cl_timer_stop(std::exchange(record->timer, soon));
+    record->send_error = IPC_ERR_NO_PEER;
+    return WithoutPeer::kGivesUp;
+}
+
+uint64_t ipc_start_exchange(tav_ipc_st *ipc, const TimedExchange &exchange, tav_ipc_exchange_cb callback,
+                            void *user) {
+    RequestRecord *record = new_record(callback, user);
+    if (record) record->waits_for_peer = exchange.waits_for_peer;
+    const int error = start_exchange(ipc, exchange.message, exchange.timeout_ms, record);
+    if (error == 0) return exchange_id(*record);
+    if (record) release_record(record);
+    errno = error;
+    return 0;
+}
 
 void ipc_send_with_ack(tav_ipc_st *ipc, Exchange exchange, tav_ipc_status_cb callback, void *user) {
     exchange.flags |= IPC_FLAG_NEED_ACK;
@@ -255,15 +290,14 @@ uint64_t tav_ipc_exchange_start(tav_ipc_st *ipc, int kind, const tav_addr_st *de
                                 const void *data, uint32_t size, uint32_t timeout_ms,
                                 tav_ipc_exchange_cb callback, void *user) noexcept {
     UseGuard guard(ipc, "tav_ipc_exchange_start");
-    int error = check_exchange(ipc, kind, dest, kind == TAV_IPC_EXCHANGE_PROBE ? 0 : size);
-    tav_addr_st address = error ? tav_addr_st{} : *dest;
-    if (kind == TAV_IPC_EXCHANGE_PROBE) address.flags = 0;
-    RequestRecord *record = error ? nullptr : new_record(callback, user);
-    if (!error) error = start_exchange(ipc, exchange_of(kind, &address, cmd, data, size), timeout_ms, record);
-    if (!error) return exchange_id(*record);
-    if (record) release_record(record);
-    errno = error;
-    return 0;
+    const bool waits = kind & TAV_IPC_EXCHANGE_WAIT_FOR_PEER;
+    kind &= ~TAV_IPC_EXCHANGE_WAIT_FOR_PEER;
+    const bool is_probe = kind == TAV_IPC_EXCHANGE_PROBE;
+    if (const int error = check_exchange(ipc, kind, dest, is_probe ? 0 : size)) return errno = error, 0;
+    tav_addr_st address = read_address(dest);
+    if (is_probe) address.flags = 0;
+    return ipc_start_exchange(ipc, {exchange_of(kind, &address, cmd, data, size), timeout_ms, waits},
+                              callback, user);
 }
 
 int tav_ipc_exchange_cancel(tav_ipc_st *ipc, uint64_t id) noexcept {

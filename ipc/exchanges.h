@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "ipc/endpoint.h"
+#include "tavipc/tav_ipc_ext.h"
 
 namespace tavipc {
 
@@ -26,6 +27,23 @@ struct Exchange {
 // Starts an exchange that the peer's library acknowledges (adds IPC_FLAG_NEED_ACK). The callback (may be
 // null) never runs inside this call.
 void ipc_send_with_ack(tav_ipc_st *ipc, Exchange exchange, tav_ipc_status_cb callback, void *user);
+
+// Starts an exchange with a timer of its own, in milliseconds; timeout_s is not used. Returns its id for
+// tav_ipc_exchange_cancel; 0 with errno ENOBUFS, ENOMEM or ESHUTDOWN, and the callback (may be null) never
+// runs. It never runs inside this call either.
+struct TimedExchange {
+    Exchange message;
+    uint32_t timeout_ms;
+    bool waits_for_peer; // else it ends with IPC_ERR_NO_PEER when no endpoint is at its destination
+};
+uint64_t ipc_start_exchange(tav_ipc_st *ipc, const TimedExchange &exchange, tav_ipc_exchange_cb callback,
+                            void *user);
+
+// No endpoint is at the destination of a datagram that this endpoint sent: what the exchange wants that the
+// datagram belongs to. One that does not wait for its peer ends on the next turn of the loop. Reaches no user
+// code.
+enum class WithoutPeer { kNoExchange, kGivesUp, kWaits };
+WithoutPeer exchange_without_peer(tav_ipc_st *ipc, const tav_ipc_hdr_st &header);
 
 // An answer arrived. Ignored if no exchange is outstanding under the id. The callback may destroy the
 // endpoint.

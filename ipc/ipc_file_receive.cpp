@@ -1,13 +1,15 @@
 // Receives whole files: one ReceivedFile per file id in a table of the process.
 //
-// A file is open while it grows and complete after the empty chunk. The sweep releases it 300 seconds after
-// its last data, complete or not, and removes its temporary file. One thread drives all endpoints that accept
-// files, so nothing here is locked.
+// A file is open while it grows, then complete after the empty chunk, or dropped: its record then stays
+// without a temporary file, so that further chunks do not begin a file without its beginning. The sweep
+// releases it 300 seconds after its last data, complete or not, and removes its temporary file. One thread
+// drives all endpoints that accept files, so nothing here is locked.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstdint>
@@ -20,6 +22,7 @@
 #include "common/facts.h"
 #include "common/log.h"
 #include "common/out_of_memory.h"
+#include "common/owned.h"
 #include "common/relaxed.h"
 #include "common/unique_fd.h"
 #include "ipc/endpoint.h"
@@ -37,11 +40,15 @@ constexpr uint32_t kMostReceived = 65'536;
 constexpr uint64_t kLookPeriod_ms = 5000;
 
 struct ReceivedFile {
-    UniqueFd fd; // empty: complete
+    UniqueFd fd; // empty: complete or dropped
     char path[sizeof kReceivedFile];
     tav_addr_st src;
     time_t last_seen_s; // of the wall clock: creation, then the last chunk with data
     pid_t owner;        // a forked child inherits the record, but not the temporary file
+    bool dropped = false;
+    uint64_t received = 0; // bytes
+    uint64_t announced = TAV_IPC_FILE_SIZE_UNKNOWN;
+    MallocPtr<char> name; // announced; null: none
 };
 
 struct Received {
@@ -68,10 +75,23 @@ void close_file(ReceivedFile &file) {
     --received.open;
 }
 
+void remove_temporary(const ReceivedFile &file) {
+    if (!file.dropped && file.owner == ::getpid()) ::unlink(file.path);
+}
+
 void release_file(void *value) {
     const std::unique_ptr<ReceivedFile> file(static_cast<ReceivedFile *>(value));
     close_file(*file);
-    if (file->owner == ::getpid()) ::unlink(file->path);
+    remove_temporary(*file);
+}
+
+// False if the file is not open.
+bool drop_file(ReceivedFile &file) {
+    if (!file.fd) return false;
+    close_file(file);
+    remove_temporary(file);
+    file.dropped = true;
+    return true;
 }
 
 int release_if_old(const void *key, uint32_t key_len, void *value, void *context) {
@@ -168,15 +188,76 @@ ReceivedFile *create_file(uint32_t file_id, const tav_addr_st &src) {
     return file.release();
 }
 
-// Completes the file and reports it. The callback may run the loop, and so the sweep: it gets a copy.
-void complete_file(tav_ipc_st *ipc, ReceivedFile &file) {
-    close_file(file);
+// The entry of the id; one is made for a file that is new. An error if it cannot take more from this source.
+int32_t open_entry(uint32_t file_id, const tav_addr_st &src, ReceivedFile *&file) {
+    file = find_file(received_files(), file_id);
+    if (!file) file = create_file(file_id, src);
+    if (!file) return IPC_ERR_IO;
+    if (tav_addr_cmp(&src, &file->src) != 0) return IPC_ERR_FILE_ID;
+    return file->fd ? IPC_OK : IPC_ERR_FILE_CLOSED;
+}
+
+// What a callback gets: it may run the loop, and so the sweep, or drop the file.
+struct Report {
+    Report(uint32_t file_id, const ReceivedFile &file)
+        : info{file.src, file_id, name, path, file.received, file.announced} {
+        std::memcpy(path, file.path, sizeof path);
+        std::strcpy(name, file.name ? file.name.get() : "");
+    }
     char path[sizeof kReceivedFile];
-    std::memcpy(path, file.path, sizeof path);
-    tav_ipc_emit_file(ipc, path);
+    char name[TAV_IPC_FILE_NAME_MAX + 1];
+    const tav_ipc_file_st info;
+};
+
+void complete_file(tav_ipc_st *ipc, uint32_t file_id, ReceivedFile &file) {
+    close_file(file);
+    const Report report(file_id, file);
+    if (ipc && ipc->on_file.complete)
+        ipc->on_file.complete(ipc, &report.info, ipc->on_file.user);
+    else
+        tav_ipc_emit_file(ipc, report.path);
+}
+
+// A chunk was written. Returns its code: the callback may have dropped the file.
+int32_t report_progress(tav_ipc_st *ipc, uint32_t file_id, const ReceivedFile &file) {
+    if (!ipc || !ipc->on_file.progress) return IPC_OK;
+    const Report report(file_id, file);
+    ipc->on_file.progress(ipc, &report.info, ipc->on_file.user);
+    const ReceivedFile *left = find_file(received.files, file_id);
+    return left && !left->dropped ? IPC_OK : IPC_ERR_FILE_CLOSED;
+}
+
+int drop_if_open(const void *, uint32_t, void *value, void *count) {
+    *static_cast<uint32_t *>(count) += drop_file(*static_cast<ReceivedFile *>(value));
+    return 0;
 }
 
 } // namespace
+
+bool is_announceable(std::string_view name) {
+    if (name.empty() || name.size() > TAV_IPC_FILE_NAME_MAX || name == "." || name == "..") return false;
+    return std::none_of(name.begin(), name.end(),
+                        [](unsigned char byte) { return byte == '/' || byte < 0x20 || byte == 0x7F; });
+}
+
+int32_t receive_announcement(const tav_addr_st &src, uint32_t file_id, const void *payload, uint32_t size,
+                             bool accepts_files) {
+    FileAnnouncement head{};
+    if (size >= sizeof head) std::memcpy(&head, payload, sizeof head);
+    if (std::memcmp(head.mark, kFileMark, sizeof kFileMark) != 0) return IPC_OK; // a probe like any other
+    if (!accepts_files) return IPC_ERR_NOT_SUPPORTED;
+    if (head.kind == kWithdraws) {
+        ReceivedFile *file = find_file(received_files(), file_id);
+        if (file && tav_addr_cmp(&src, &file->src) == 0) drop_file(*file);
+    }
+    if (head.kind != kAnnounces) return IPC_OK;
+    ReceivedFile *file = nullptr;
+    if (const int32_t error = open_entry(file_id, src, file)) return error;
+    const std::string_view name(static_cast<const char *>(payload) + sizeof head, size - sizeof head);
+    if (is_announceable(name)) file->name.reset(strndup(name.data(), name.size()));
+    file->announced = head.size;
+    return IPC_OK;
+}
 
 void resume_file_sweep() {
     if (!received.files || xhash_count(received.files) == 0) return;
@@ -203,14 +284,13 @@ using namespace tavipc;
 int32_t tav_ipc_save_file(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t file_id, const void *data,
                           uint32_t len) noexcept {
     if (!src || (!data && len > 0)) return IPC_ERR_IO;
-    ReceivedFile *file = find_file(received_files(), file_id);
-    if (!file) file = create_file(file_id, *src);
-    if (!file) return IPC_ERR_IO;
-    if (tav_addr_cmp(src, &file->src) != 0) return IPC_ERR_FILE_ID;
-    if (!file->fd) return IPC_ERR_FILE_CLOSED;
-    if (len == 0) return complete_file(ipc, *file), IPC_OK;
+    ReceivedFile *file = nullptr;
+    if (const int32_t error = open_entry(file_id, *src, file)) return error;
+    if (len == 0) return complete_file(ipc, file_id, *file), IPC_OK;
     file->last_seen_s = time(nullptr);
-    return ::write(file->fd.get(), data, len) == static_cast<ssize_t>(len) ? IPC_OK : IPC_ERR_IO;
+    if (::write(file->fd.get(), data, len) != static_cast<ssize_t>(len)) return IPC_ERR_IO;
+    file->received += len;
+    return report_progress(ipc, file_id, *file);
 }
 
 void tav_ipc_emit_file(tav_ipc_st *ipc, const char *path) noexcept {
@@ -219,5 +299,23 @@ void tav_ipc_emit_file(tav_ipc_st *ipc, const char *path) noexcept {
 
 const char *tav_ipc_get_file_path(tav_ipc_st *, uint32_t file_id) noexcept {
     const ReceivedFile *file = received.files ? find_file(received.files, file_id) : nullptr;
-    return file && !file->fd ? file->path : nullptr;
+    return file && !file->fd && !file->dropped ? file->path : nullptr;
+}
+
+int tav_ipc_on_file(tav_ipc_st *ipc, tav_ipc_file_event_cb complete, tav_ipc_file_event_cb progress,
+                    void *user) noexcept {
+    if (!ipc) return errno = EINVAL, -1;
+    ipc->on_file = complete ? FileCallbacks{complete, progress, user} : FileCallbacks{};
+    return 0;
+}
+
+int tav_ipc_file_drop(uint32_t file_id) noexcept {
+    ReceivedFile *file = received.files ? find_file(received.files, file_id) : nullptr;
+    return file && drop_file(*file) ? 0 : (errno = ENOENT, -1);
+}
+
+uint32_t tav_ipc_file_drop_unfinished() noexcept {
+    uint32_t count = 0;
+    if (received.files) xhash_walk(received.files, &count, drop_if_open);
+    return count;
 }

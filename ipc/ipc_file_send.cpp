@@ -14,11 +14,9 @@
 #include <new>
 #include <vector>
 
-#include "common/owned.h"
 #include "common/relaxed.h"
 #include "ipc/exchanges.h"
 #include "ipc/ipc_file.h"
-#include "ipc/wire.h"
 
 namespace tavipc {
 namespace {
@@ -104,45 +102,21 @@ FileIds &file_ids() {
 
 constinit Relaxed<pid_t> generator_seeded_by = 0; // a forked child seeds it again
 
-struct FileSend {
+struct FileSend : FileSource {
     tav_ipc_st *ipc;
     tav_addr_st dest;
-    FilePtr stream; // null after the end of the file
     tav_ipc_status_cb done;
     void *user;
     int32_t timeout_s;
     int32_t file_id;
-    bool ended;      // the empty chunk was sent
-    uint32_t length; // bytes of `chunk` that were read
-    unsigned char chunk[kFragmentPayload];
+    bool ended; // the empty chunk was sent
 };
 
 void end_transfer(FileSend *ended, int32_t result) {
     const std::unique_ptr<FileSend> transfer(ended);
     transfer->stream.reset();
-    file_ids().end(transfer->file_id);
+    end_file_id(transfer->file_id);
     if (transfer->done) transfer->done(result, transfer->user);
-}
-
-// Fills the rest of the chunk.
-void read_more(FileSend &transfer) {
-    transfer.length += static_cast<uint32_t>(std::fread(
-        transfer.chunk + transfer.length, 1, sizeof transfer.chunk - transfer.length, transfer.stream.get()));
-}
-
-// Reads the next chunk; it stays empty after the end of the file.
-void read_chunk(FileSend &transfer) {
-    transfer.length = 0;
-    if (transfer.stream) read_more(transfer);
-}
-
-// The chunk is about to be sent. If it is short, takes what was appended to the file since it was read; if it
-// is still short, it is the last one.
-void complete_chunk(FileSend &transfer) {
-    if (!transfer.stream || transfer.length == sizeof transfer.chunk) return;
-    std::clearerr(transfer.stream.get());
-    read_more(transfer);
-    if (transfer.length < sizeof transfer.chunk) transfer.stream.reset();
 }
 
 // First step of a transfer, and completion of every chunk.
@@ -150,18 +124,46 @@ int ipc_file_send_step(int32_t code, void *argument) {
     auto *transfer = static_cast<FileSend *>(argument);
     if (code != IPC_OK) return end_transfer(transfer, code), 0;
     if (transfer->ended) return end_transfer(transfer, transfer->file_id), 0;
-    complete_chunk(*transfer);
+    transfer->complete_chunk();
     transfer->ended = transfer->length == 0;
     ipc_send_with_ack(transfer->ipc,
                       {&transfer->dest, static_cast<uint32_t>(transfer->file_id), transfer->chunk,
                        transfer->length, IPC_FLAG_FILE, transfer->timeout_s},
                       ipc_file_send_step, transfer);
     // The chunk was copied, and its completion never runs inside the call.
-    if (!transfer->ended) read_chunk(*transfer);
+    if (!transfer->ended) transfer->read_chunk();
     return 0;
 }
 
+// Fills the rest of the chunk.
+void read_more(FileSource &source) {
+    source.length += static_cast<uint32_t>(std::fread(
+        source.chunk + source.length, 1, sizeof source.chunk - source.length, source.stream.get()));
+}
+
 } // namespace
+
+// The caller chose the path, so a FIFO is allowed. Opening and reading one waits for its writer.
+FilePtr FileSource::open(const char *path) {
+    FilePtr stream(std::fopen(path, "rbe"));
+    if (stream) std::setvbuf(stream.get(), nullptr, _IONBF, 0); // fread then fills a chunk with one read
+    return stream;
+}
+
+void FileSource::read_chunk() {
+    length = 0;
+    if (stream) read_more(*this);
+}
+
+void FileSource::complete_chunk() {
+    if (!stream || length == sizeof chunk) return;
+    std::clearerr(stream.get());
+    read_more(*this);
+    if (length < sizeof chunk) stream.reset();
+}
+
+int32_t take_file_id(uint32_t hostid) { return file_ids().take(hostid); }
+void end_file_id(int32_t id) { file_ids().end(id); }
 
 void reset_file_ids() {
     file_ids().clear();
@@ -179,12 +181,10 @@ void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *pat
         if (callback) callback(code, user);
     };
     if (!ipc || !dest) return refuse(IPC_ERR_SENDTO);
-    // The caller chose the path, so a FIFO is allowed. Opening and reading one waits for its writer.
-    FilePtr stream(path ? std::fopen(path, "rbe") : nullptr);
+    FilePtr stream = path ? FileSource::open(path) : nullptr;
     if (!stream) return refuse(IPC_ERR_OPEN_FILE);
-    std::setvbuf(stream.get(), nullptr, _IONBF, 0); // fread then fills a chunk with one read
     std::unique_ptr<FileSend> transfer(new (std::nothrow) FileSend);
-    const int32_t file_id = transfer ? file_ids().take(dest->hostid) : int32_t{IPC_ERR_NOMEM};
+    const int32_t file_id = transfer ? take_file_id(dest->hostid) : int32_t{IPC_ERR_NOMEM};
     if (file_id < 0) return stream.reset(), refuse(file_id);
     transfer->ipc = ipc;
     transfer->dest = *dest;
@@ -194,7 +194,7 @@ void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *pat
     transfer->timeout_s = timeout_s;
     transfer->file_id = file_id;
     transfer->ended = false;
-    read_chunk(*transfer);
+    transfer->read_chunk();
     ipc_file_send_step(IPC_OK, transfer.release());
 }
 

@@ -7,6 +7,7 @@
 #include "common/log.h"
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
+#include "ipc/ipc_file.h"
 #include "ipc/msg_trace.h"
 #include "ipc/reassembly.h"
 #include "ipc/wire.h"
@@ -80,6 +81,11 @@ int32_t save_chunk(tav_ipc_st *ipc, const Incoming &in) {
     return tav_ipc_save_file(ipc, &in.header.src, in.header.cmd, in.payload, in.header.size);
 }
 
+int32_t take_probe(const tav_ipc_st *ipc, const Incoming &in) {
+    return receive_announcement(in.header.src, in.header.cmd, in.payload, in.header.size,
+                                ipc->accept_files != 0);
+}
+
 void dispatch(tav_ipc_st *ipc, const Incoming &in) {
     const tav_ipc_hdr_st &header = in.header;
     if (header.flags & IPC_FLAG_RESPONSE)
@@ -87,7 +93,9 @@ void dispatch(tav_ipc_st *ipc, const Incoming &in) {
     if (header.flags & IPC_FLAG_ACK)
         return ipc_complete_request(ipc, header.reqid, acknowledged_code(in), 0, nullptr, 0);
 
-    const int32_t result = header.flags & IPC_FLAG_FILE ? save_chunk(ipc, in) : IPC_OK;
+    const int32_t result = header.flags & IPC_FLAG_FILE    ? save_chunk(ipc, in)
+                           : header.flags & IPC_FLAG_PROBE ? take_probe(ipc, in)
+                                                           : IPC_OK;
     if (ipc->closed) return; // by the file callback
     if (header.flags & IPC_FLAG_NEED_ACK) acknowledge(ipc, in, result);
     if (ipc->closed) return; // by the sink of a line that the reply logged

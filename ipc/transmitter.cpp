@@ -1,10 +1,12 @@
 #include "ipc/transmitter.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <new>
 
 #include "common/log.h"
+#include "ipc/exchanges.h"
 #include "ipc/fragment_block.h"
 #include "ipc/ipc_conf.h"
 #include "ipc/wire.h"
@@ -34,6 +36,7 @@ namespace {
 
 constexpr uint32_t kWouldBlockTries = 11; // attempts for a busy destination
 constexpr uint32_t kOtherTries = 5;       // attempts for one that is missing or fails
+constexpr uint32_t kPeerWait_ms = 250;    // until the next attempt for an exchange that waits for its peer
 constexpr int64_t kManyModules = 5000;    // with more destinations an idle one goes at once
 constexpr uint32_t kMostSpareContexts = 1024;
 
@@ -120,7 +123,11 @@ struct RetryRule {
     uint64_t limit; // attempts in all
 };
 
-RetryRule retry_rule(int status) {
+RetryRule retry_rule(const ipc_queue_msg_st &msg, int status) {
+    const auto wish =
+        status == CL_EV_NO_PEER ? exchange_without_peer(msg.ipc, header_of(msg)) : WithoutPeer::kNoExchange;
+    if (wish == WithoutPeer::kGivesUp) return {false, 0, 1};
+    if (wish == WithoutPeer::kWaits) return {true, kPeerWait_ms, UINT64_MAX};
     if (status != CL_EV_WOULD_BLOCK) return {false, 0, kOtherTries};
     if (!conf_loaded()) return {false, 0, kWouldBlockTries};
     const ipc_proxy_conf_st &conf = *get_ipc_proxy_conf();
@@ -129,7 +136,7 @@ RetryRule retry_rule(int status) {
 
 void put_back_or_drop(ipc_queue_msg_st *msg, int status) {
     const uint64_t now_ms = cl_event_loop_now();
-    const RetryRule rule = retry_rule(status);
+    const RetryRule rule = retry_rule(*msg, status);
     if (rule.fixed_delay)
         ipc_queue_msg_set_retry_later(msg, now_ms, rule.delay_ms);
     else
@@ -138,7 +145,7 @@ void put_back_or_drop(ipc_queue_msg_st *msg, int status) {
     const tav_ipc_hdr_st header = header_of(*msg); // the record may be gone when the lines are written
     const uint32_t tries = msg->try_times;
     const char *reason = cl_ev_strerror(status);
-    const auto limit = static_cast<uint32_t>(rule.limit);
+    const auto limit = static_cast<uint32_t>(std::min<uint64_t>(rule.limit, UINT32_MAX));
     if (rule.limit <= tries) {
         TAV_LOG(2, "tav_ipc",
                 "msg consume times more than limit, drop it|try_times=%u|try_limit=%u|last_err=%d(%s)"

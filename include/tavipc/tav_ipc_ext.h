@@ -1,5 +1,5 @@
-/* tav_ipc_ext.h - additions to tav_ipc.h: exchanges that can be cancelled, and a response whose result is
- * known.
+/* tav_ipc_ext.h - additions to tav_ipc.h: exchanges that can be cancelled, a response whose result is known,
+ * callbacks that can be unset.
  *
  * The functions carry the symbol version TAVIPC_1. The rules of tav_ipc.h for lifetimes and threads hold here
  * too.
@@ -12,14 +12,17 @@
 #include "tav_api.h"
 #include "tav_ipc.h"
 
-/* Code of an exchange that tav_ipc_exchange_cancel ended. */
-#define IPC_ERR_CANCELLED (-113)
+#define IPC_ERR_CANCELLED (-113) /* tav_ipc_exchange_cancel or tav_ipc_file_cancel ended it */
+#define IPC_ERR_NO_PEER (-114)   /* no endpoint has the destination's name */
 
 /* What an exchange sends, and what completes it with code 0. */
 enum tav_ipc_exchange_kind {
     TAV_IPC_EXCHANGE_REQUEST = 0,   /* a request; the response of the peer's application */
     TAV_IPC_EXCHANGE_CONFIRMED = 1, /* a message; the acknowledgement of the peer's library */
-    TAV_IPC_EXCHANGE_PROBE = 2      /* an empty message that the peer's application does not see; the same */
+    TAV_IPC_EXCHANGE_PROBE = 2,     /* an empty message that the peer's application does not see; the same */
+    /* Added to one of these: without a peer, the message is tried again until one is there or the time-out
+     * has passed. */
+    TAV_IPC_EXCHANGE_WAIT_FOR_PEER = 0x100
 };
 
 /* Completion of the exchange id. code is 0, or negative, or positive if the peer sent such a code. A response
@@ -32,8 +35,12 @@ TAVIPC_BEGIN_DECLS
 
 /* Starts an exchange with dest and returns its id, which the process uses once. The callback (may be null)
  * runs exactly once, and never inside this call: with the answer; with IPC_ERR_TIMEOUT when timeout_ms
- * milliseconds of the monotonic clock have passed; with IPC_ERR_CANCELLED; or with IPC_ERR_CLOSED from inside
- * tav_ipc_destroy. A probe ignores cmd, data, size and the flags of dest.
+ * milliseconds of the monotonic clock have passed; with IPC_ERR_NO_PEER as soon as the kernel has refused the
+ * message because no endpoint of this location has dest's name, also if the peer went while the message
+ * waited (not with TAV_IPC_EXCHANGE_WAIT_FOR_PEER, and not through a proxy endpoint to another location);
+ * with IPC_ERR_CANCELLED; or with IPC_ERR_CLOSED from inside tav_ipc_destroy. A peer that goes after it has
+ * taken the message does not end the exchange. kind is a value of tav_ipc_exchange_kind, perhaps with
+ * TAV_IPC_EXCHANGE_WAIT_FOR_PEER. A probe ignores cmd, data, size and the flags of dest.
  * On failure returns 0, and the callback never runs. errno is then EINVAL (ipc or dest is null, the kind is
  * unknown, dest's name is empty or contains a "/"), EMSGSIZE (size is over TAV_IPC_MESSAGE_MAX), ESHUTDOWN
  * (the endpoint is being destroyed), ENOMEM, or ENOBUFS (too much is in flight to dest). */
@@ -51,6 +58,21 @@ TAVIPC_API int tav_ipc_exchange_cancel(tav_ipc_st *ipc, uint64_t id) TAVIPC_NOEX
 TAVIPC_API int tav_ipc_response2(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t reqid, uint32_t cmd,
                                  const void *data, uint32_t size) TAVIPC_NOEXCEPT;
 
+/* Callbacks of an endpoint, for tav_ipc_unset_callbacks. */
+enum tav_ipc_callback {
+    TAV_IPC_CALLBACK_MESSAGE = 1, /* tav_ipc_msg_recv */
+    TAV_IPC_CALLBACK_REQUEST = 2, /* tav_ipc_on_request */
+    TAV_IPC_CALLBACK_FILE = 4     /* tav_ipc_file_recv, and tav_ipc_on_file of tav_ipc_file_ext.h */
+};
+
+/* Unsets each callback whose bit is in callbacks; the functions that set one refuse null. It takes effect at
+ * once, also inside the callback itself. What arrives then:
+ *   - a message is dropped; if it is a confirmed one the library still acknowledges it
+ *   - a request goes to the message callback, and is dropped if there is none: the requester times out
+ *   - a file is still saved and acknowledged, and removed 5 to 6 minutes after its last data
+ * Returns 0; -1 with errno EINVAL if ipc is null or callbacks has another bit. */
+TAVIPC_API int tav_ipc_unset_callbacks(tav_ipc_st *ipc, unsigned callbacks) TAVIPC_NOEXCEPT;
+
 /* What became of the messages that an endpoint had accepted. */
 typedef struct tav_ipc_flush_st {
     uint64_t left;    /* messages that left completely, during this call */
@@ -60,15 +82,16 @@ typedef struct tav_ipc_flush_st {
 
 /* Runs this thread's event loop until every message that the endpoint accepted has left or has been dropped,
  * also those that callbacks send meanwhile, or until timeout_ms milliseconds have passed (0: one turn without
- * a wait; negative: no limit). All callbacks of the loop run, and may do anything. result may be null. Returns
- * 0 when nothing is pending; 1 when the time is over; -1 with errno EINVAL (ipc is null), ESHUTDOWN (a callback
- * destroyed the endpoint; result then has what is known), or ENOTSUP (the event library has no loop to run).
+ * a wait; negative: no limit). All callbacks of the loop run, and may do anything. result may be null.
+ * Returns 0 when nothing is pending; 1 when the time is over; -1 with errno EINVAL (ipc is null), ESHUTDOWN
+ * (a callback destroyed the endpoint; result then has what is known), or ENOTSUP (the event library has no
+ * loop to run).
  */
 TAVIPC_API int tav_ipc_flush(tav_ipc_st *ipc, int timeout_ms, tav_ipc_flush_st *result) TAVIPC_NOEXCEPT;
 
 /* Stores the messages that the endpoint accepted and that have not left completely, and the bytes of their
- * datagrams that have not left (headers included). Either pointer may be null. Returns 0; -1 with errno EINVAL
- * when ipc is null. */
+ * datagrams that have not left (headers included). Either pointer may be null. Returns 0; -1 with errno
+ * EINVAL when ipc is null. */
 TAVIPC_API int tav_ipc_pending(tav_ipc_st *ipc, uint64_t *messages, uint64_t *bytes) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS

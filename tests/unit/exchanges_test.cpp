@@ -137,6 +137,31 @@ TEST_F(Exchanges, CancellationRunsTheCallbackOnce) {
     EXPECT_THAT(done, ElementsAre("1:-113/0/null", "2:-113/0/null"));
 }
 
+TEST_F(Exchanges, WithAnIdEndWithoutAPeerUnlessTheyWait) {
+    const tav_addr_st beta = address("beta", 0), far = address("beta", 3);
+    const auto begin = [&](const tav_addr_st &to, int kind, uintptr_t tag, const std::string &payload = "") {
+        return tav_ipc_exchange_start(ipc_, kind, &to, 7, payload.data(),
+                                      static_cast<uint32_t>(payload.size()), 60'000, on_exchange,
+                                      reinterpret_cast<void *>(tag));
+    };
+    const auto refuse = [&] { w.event.complete_all(CL_EV_NO_PEER); };
+    begin(beta, TAV_IPC_EXCHANGE_REQUEST, 1, pattern(130'000)), refuse();
+    EXPECT_THAT(done, ElementsAre()) << "from the loop";
+    w.event.advance(0);
+    EXPECT_THAT(std::exchange(done, {}), ElementsAre("1:-114/0/null"));
+    begin(far, TAV_IPC_EXCHANGE_PROBE, 2); // through the proxy
+    tav_ipc_response(ipc_, &beta, last_id() + 1, 9, "", 0);
+    begin(beta, TAV_IPC_EXCHANGE_REQUEST, 3); // the response had a peer's id, which is this one's
+    w.event.complete(4, CL_EV_OK), refuse(), w.event.advance(999);
+    EXPECT_THAT(done, ElementsAre("3:-114/0/null")) << "the second message is tried again";
+    w.event.complete_all(), w.event.sends.clear();
+    const uint64_t id = begin(beta, TAV_IPC_EXCHANGE_CONFIRMED | TAV_IPC_EXCHANGE_WAIT_FOR_PEER, 4);
+    for (int times = 0; times < 40; ++times) refuse(), w.event.advance(250);
+    EXPECT_EQ(w.event.sends.size(), 41u);
+    tav_ipc_exchange_cancel(ipc_, id), refuse(), w.event.advance(10'000);
+    EXPECT_EQ(w.event.pending(), 0u) << "nobody waits any more";
+}
+
 TEST_F(Exchanges, WithAnIdCannotBeginDuringDestruction) {
     start(ipc_, kIdProbe, 1, 1000);
     then = [&](uintptr_t) {

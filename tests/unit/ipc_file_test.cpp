@@ -28,6 +28,23 @@ int on_done(int32_t code, void *) {
     done.push_back(code);
     return -1;
 }
+std::vector<std::string> events; // of a transfer or a received file
+std::function<void()> then_once; // runs in the next event
+void note(const std::string &text) {
+    events.push_back(text);
+    if (const auto action = std::exchange(then_once, nullptr)) action();
+}
+void on_progress(uint64_t, uint64_t confirmed, uint64_t size, void *) {
+    note(std::to_string(confirmed) + '/' + std::to_string(size));
+}
+void on_end(uint64_t, int32_t code, void *) { note(std::to_string(code)); }
+template <char kKind> void on_event(tav_ipc_st *, const tav_ipc_file_st *file, void *) {
+    note(kKind + std::string(file->src.name) + ' ' + file->name + ' ' + std::to_string(file->received) + '/' +
+         std::to_string(static_cast<int64_t>(file->size)));
+}
+std::string announcement(uint32_t kind, uint64_t size, const std::string &name) {
+    return "FILE" + bytes_of(kind) + bytes_of(size) + name;
+}
 int on_file(tav_ipc_st *ipc, const char *path, void *) {
     const size_t sent = fake::world().event.sends.size();
     if (const auto action = std::exchange(then, nullptr)) action(ipc);
@@ -49,7 +66,7 @@ namespace {
 class Files : public EndpointWorld {
   protected:
     Files() {
-        done = {}, received = {}, directory = "/tmp/tXXXXXX", made = 0, device = nullptr;
+        done = {}, received = {}, events = {}, directory = "/tmp/tXXXXXX", made = 0, device = nullptr;
         EXPECT_TRUE(mkdtemp(directory.data()));
     }
     void TearDown() override {
@@ -65,6 +82,18 @@ class Files : public EndpointWorld {
     void send_file(tav_ipc_st *ipc, const char *path = "/dev/null", const char *dest = "beta") {
         const tav_addr_st to = address(dest);
         tav_ipc_send_file(ipc, &to, path, on_done, this, 3);
+    }
+    uint64_t begin(tav_ipc_st *ipc, const char *name) {
+        const tav_addr_st to = address("beta");
+        return tav_ipc_file_start(ipc, &to, path_of(0).c_str(), name, 3000, 0, on_progress, on_end, this);
+    }
+    // A datagram of gamma's file 1. Returns the acknowledged code.
+    int32_t deliver(tav_ipc_st *ipc, uint16_t flag, const std::string &payload, const char *src = "gamma") {
+        const auto flags = static_cast<uint16_t>(flag | IPC_FLAG_NEED_ACK);
+        receive(ipc, {"", {{}, address(src), 5, flags, 0, 1, 0, 0, {}, 0, 0}, payload});
+        int32_t code = 0;
+        std::memcpy(&code, sent(w.event.sends.size() - 1).payload.data(), sizeof code);
+        return code;
     }
     tav_ipc_hdr_st last_sent() const { return sent(w.event.sends.size() - 1).header; }
     void acknowledge(tav_ipc_st *ipc, int32_t code) { answer(ipc, IPC_FLAG_ACK, bytes_of(code)); }
@@ -202,6 +231,70 @@ TEST_F(Files, CallbackRunsBeforeTheReplyAndMayDoAnything) {
     receive(ipc, chunk);
     EXPECT_THAT(received, ElementsAre(path_of(1) + " 0", path_of(2) + " 2")) << "the path stays valid";
     EXPECT_EQ(w.event.sends.size(), 2u);
+}
+
+TEST_F(Files, WithANameAreAnnouncedAndReportProgress) {
+    tav_ipc_st *ipc = open();
+    append(64'034);
+    for (const std::string &bad :
+         std::vector<std::string>{"", "..", "a/b", "a\nb", "\x7f", std::string(256, 'a')})
+        EXPECT_TRUE(begin(ipc, bad.c_str()) == 0 && errno == EINVAL) << bad;
+    const uint64_t id = begin(ipc, "a \xc3\xa4");
+    w.event.advance(3000); // not confirmed: the peer may not know announcements
+    for (int chunk = 0; chunk < 3; ++chunk) acknowledge(ipc, 0);
+    EXPECT_THAT(events, ElementsAre("64000/64034", "64034/64034", "0"));
+    EXPECT_EQ(sent(0).header.flags, IPC_FLAG_PROBE | IPC_FLAG_NEED_ACK);
+    EXPECT_EQ(sent(0).payload, announcement(1, 64'034, "a \xc3\xa4"));
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(sent(i).header.cmd, static_cast<uint32_t>(id));
+    EXPECT_EQ(sent(3).header.size, 0u);
+    EXPECT_EQ(tav_ipc_file_cancel(ipc, id), -1) << "it has ended";
+    begin(ipc, nullptr); // as tav_ipc_send_file
+    EXPECT_EQ(last_sent().flags, IPC_FLAG_FILE | IPC_FLAG_NEED_ACK);
+    acknowledge(ipc, -107), begin(ipc, "x");
+    w.event.complete(w.event.sends.size() - 1, CL_EV_NO_PEER), w.event.advance(0);
+    EXPECT_THAT(std::vector(events.begin() + 3, events.end()), ElementsAre("-107", "-114"));
+}
+
+TEST_F(Files, EndOnceWhereverTheyAreCancelled) {
+    tav_ipc_st *ipc = open();
+    append(200'000);
+    uint64_t id = 0;
+    const auto transfer = [&] {
+        events = {}, id = begin(ipc, "x"), acknowledge(ipc, 0), acknowledge(ipc, 0);
+        EXPECT_LE(std::count_if(events.begin(), events.end(), [](auto &e) { return e[0] == '-'; }), 1);
+    };
+    const std::function<void()> cancel = [&] { tav_ipc_file_cancel(ipc, id); },
+                                reopen = [&] { close(std::exchange(ipc, nullptr)), ipc = open(); };
+    transfer(), cancel();
+    EXPECT_THAT(events, ElementsAre("64000/200000", "-113"));
+    EXPECT_EQ(sent(w.event.sends.size() - 1).payload, announcement(2, UINT64_MAX, ""));
+    for (const auto &[action, code] : {std::pair(cancel, "-113"), {reopen, "-103"}}) {
+        reopen(), then_once = action, transfer();
+        EXPECT_THAT(events, ElementsAre("64000/200000", code)) << "in the progress callback";
+        EXPECT_GE(at_each_line(ipc, transfer, action), 4u); // of a log that each send writes
+    }
+}
+
+TEST_F(Files, TellTheReceiverWhatTheyAre) {
+    tav_ipc_st *ipc = adopt(tav_ipc_create_temp("alpha", 1)), *other = open("beta");
+    tav_ipc_on_file(ipc, on_event<'='>, on_event<'+'>, nullptr);
+    EXPECT_EQ(deliver(other, IPC_FLAG_PROBE, announcement(1, 9, "x")), -109);
+    EXPECT_EQ(deliver(ipc, IPC_FLAG_PROBE, announcement(1, 5, "bad/name")), 0);
+    for (const char *chunk : {"abc", "de", ""}) deliver(ipc, IPC_FLAG_FILE, chunk);
+    EXPECT_THAT(std::exchange(events, {}), ElementsAre("+gamma  3/5", "+gamma  5/5", "=gamma  5/5"));
+    sweep(w.clock.wall_s + 301);
+    deliver(ipc, IPC_FLAG_FILE, "x"); // announced late, and by a stranger
+    EXPECT_EQ(deliver(ipc, IPC_FLAG_PROBE, announcement(1, 1, "evil"), "delta"), -106);
+    EXPECT_EQ(deliver(ipc, IPC_FLAG_PROBE, announcement(1, 1, "good")), 0);
+    deliver(ipc, IPC_FLAG_PROBE, announcement(2, 0, ""), "delta"); // withdraws nothing
+    then_once = [] { EXPECT_EQ(tav_ipc_file_drop(1), 0); };
+    EXPECT_EQ(deliver(ipc, IPC_FLAG_FILE, "y"), -108);
+    EXPECT_EQ(deliver(ipc, IPC_FLAG_FILE, "z"), -108) << "it does not begin anew";
+    EXPECT_EQ(tav_ipc_get_file_path(nullptr, 1), nullptr);
+    EXPECT_THAT(events, ElementsAre("+gamma  1/-1", "+gamma good 2/1"));
+    for (const uint32_t id : {2, 3}) save("gamma", id, "x");
+    EXPECT_EQ(tav_ipc_file_drop_unfinished(), 2u);
+    EXPECT_FALSE(fs::exists(path_of(made)));
 }
 
 } // namespace
