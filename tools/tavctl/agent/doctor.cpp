@@ -48,16 +48,14 @@ std::string remedy_lines(const std::string &remedy) {
 Finding check_endpoint(const Findings &findings) {
     if (!findings.allowed || !findings.has_id || !findings.directory)
         return skip("not tried, because of the findings above");
-    Exchange exchange;
     try {
         const Module module;
-        exchange.begin = now_seconds();
-        tav_ipc_probe(module, tav_ipc_get_local_addr(module), Exchange::on_status, &exchange);
-        exchange.wait(10);
-        const bool answered = exchange.ended && exchange.code == 0;
+        const Outcome probe =
+            exchange(module, TAV_IPC_EXCHANGE_PROBE, *tav_ipc_get_local_addr(module), kProbeTimeout_s);
+        const bool answered = probe.ended && probe.code == 0;
         const std::string text = module.text() + (answered ? " opened, and answered itself in "
                                                            : " opened, but did not answer itself in ");
-        const std::string seen = text + time_text(now_seconds() - exchange.begin);
+        const std::string seen = text + time_text(probe.took_s);
         return answered ? ok(seen) : fail(seen, "tavctl --verbose doctor");
     } catch (const Problem &problem) {
         return fail(problem.what(), problem.remedy());

@@ -1,11 +1,12 @@
-// tavctl recvfile: moves each file that arrives into a directory, named after the time of its arrival. The
-// library passes only a temporary path; the sender and the file's name there are not known.
+// tavctl recvfile: moves each file that arrives into a directory, named after the time of its arrival: the
+// name that its sender gave is only shown.
 #include <deque>
 #include <future>
 
 #include "agent/agent.h"
 #include "commands.h"
 #include "module/module.h"
+#include "tavipc/tav_ipc_file_ext.h"
 
 namespace tavctl {
 namespace {
@@ -13,7 +14,8 @@ namespace {
 constexpr int kMostNames = 10'000; // with a number after them, for files of one second
 
 struct Received {
-    std::string temporary; // path that the library gave it
+    std::string temporary;  // path that the library gave it
+    std::string from, name; // of the sender; name: empty when it gave none
     Stamp time;
     std::string path; // where it is now; empty: still at the temporary path
     FileDigest digest;
@@ -97,11 +99,11 @@ class Receiver {
     Receiver(Console &out, std::string directory) : out_(out), directory_(std::move(directory)) {}
     uint64_t arrived = 0, stored = 0, failed = 0;
 
-    static int on_file(tav_ipc_st *, const char *path, void *user) {
+    static void on_file(tav_ipc_st *, const tav_ipc_file_st *file, void *user) {
         auto &self = *static_cast<Receiver *>(user);
         ++self.arrived;
-        self.storing_.push_back(std::async(store, self.directory_, Received{path, Stamp(), {}, {}, {}, {}}));
-        return 0;
+        Received received{file->path, address_text(file->src), file->name, Stamp(), {}, {}, {}, {}};
+        self.storing_.push_back(std::async(store, self.directory_, std::move(received)));
     }
     // Reports the files that are stored. With all: waits for the others.
     void report(bool all) {
@@ -116,9 +118,11 @@ class Receiver {
   private:
     void say(const Received &file) {
         ++stored;
-        Record record("type", "file", "time", file.time, "path", file.path);
-        out_.say(record.add("bytes", file.digest.size, "sha256", file.digest.sha256),
-                 "{time}  {path}, {bytes,} bytes\n  sha256 {sha256}");
+        Record record("type", "file", "time", file.time, "path", file.path, "from", file.from);
+        record.add("name", file.name, "bytes", file.digest.size, "sha256", file.digest.sha256);
+        const std::string name = file.name.empty() ? "" : record.fill(", \"{name}\"");
+        out_.say(record, "{time}  {path}, {bytes,} bytes from {from}",
+                 name + "\n  sha256 " + file.digest.sha256);
     }
     void say_failed(const Received &file) {
         ++failed;
@@ -164,16 +168,16 @@ int receive_files(Console &out, const Args &args) {
     Receiver receiver(out, directory);
     {
         const Module module(args.text("as"), true);
-        tav_ipc_file_recv(module, Receiver::on_file, &receiver);
+        tav_ipc_on_file(module, Receiver::on_file, nullptr, &receiver);
         out.say(Record("type", "ready", "as", module.text(), "directory", directory),
                 "receiving files as {as} into {directory}; Ctrl-C ends it");
         run_until([&] {
             receiver.report(false);
             return args.count_reached(receiver.arrived);
         });
-        pause(kLastDeparture_s);
+        tav_ipc_flush(module, kLastDepartures_ms, nullptr);
     }
-    const unsigned unfinished = drop_unfinished_files();
+    const unsigned unfinished = tav_ipc_file_drop_unfinished();
     receiver.report(true);
     Record record("type", "end", "files", receiver.stored, "failed", receiver.failed);
     record.add("unfinished", unfinished);

@@ -1,9 +1,8 @@
-// The event loop of a command, the library's log, and what the library has no call for.
+// The event loop of a command, and the library's log.
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 
-#include "common/facts.h"
 #include "module/module.h"
 #include "tavbase.h"
 
@@ -24,8 +23,6 @@ void on_interrupt(int signal) {
 struct Log {
     std::string newest; // line of level 2 or less
     bool verbose = false;
-    uint64_t retries = 0; // attempts to send that the library will repeat
-    std::string dropped;  // the first line that reports a dropped message
 };
 Log kept;
 
@@ -33,8 +30,6 @@ void keep_line(int level, const char *source, int, const char *text, void *) {
     std::string line(text);
     while (line.ends_with('\n')) line.pop_back();
     if (kept.verbose) std::cerr << "[" << level << " " << source << "] " << harmless(line) << std::endl;
-    kept.retries += line.find("retry later") != line.npos;
-    if (kept.dropped.empty() && line.find("drop it|") != line.npos) kept.dropped = line;
     if (level <= 2) kept.newest = line;
 }
 
@@ -49,9 +44,6 @@ void on_abort(int) {
     _exit(kFailure);
 }
 
-// An attempt to send ends after 1 s; the library repeats it after another second, and logs that it will.
-constexpr double kAttempt_s = 1.2, kAttemptAndPause_s = 2.5;
-
 } // namespace
 
 void catch_interrupts() {
@@ -62,16 +54,15 @@ void catch_interrupts() {
 }
 bool interrupted() { return interrupts > 0; }
 
-Wait run_until(const std::function<bool()> &done, double limit_s) {
+bool run_until(const std::function<bool()> &done, double limit_s) {
     const double end = now_seconds() + limit_s;
-    for (;;) {
-        if (done()) return Wait::kDone;
-        if (!std::cout || interrupted()) return Wait::kInterrupted; // without a reader output would be lost
+    while (!done()) {
         const double left_ms = (end - now_seconds()) * 1000;
-        if (left_ms <= 0) return Wait::kTimeout;
-        if (cl_event_loop_run_once(static_cast<int>(std::min(kSlice_ms, left_ms + 1))) <= 0)
-            return done() ? Wait::kDone : Wait::kNothingLeft;
+        if (!std::cout || interrupted() || left_ms <= 0)
+            return false; // without a reader output would be lost
+        if (cl_event_loop_run_once(static_cast<int>(std::min(kSlice_ms, left_ms + 1))) <= 0) return done();
     }
+    return true;
 }
 
 void pause(double seconds) {
@@ -105,52 +96,6 @@ void may_end_process(const std::function<void()> &call) {
     call();
     may_end = false;
     std::signal(SIGABRT, before);
-}
-
-void watch_departures() { error_output_set_level(4); }
-
-// The library writes a line when it repeats an attempt and when it drops a message. Once it has been silent
-// for longer than an attempt and the pause before the next, all messages have left.
-void wait_for_departures(const tav_addr_st &destination) {
-    const uint64_t retries_before = kept.retries;
-    uint64_t seen = kept.retries;
-    double since = now_seconds();
-    const Wait ended = run_until([&] {
-        if (kept.retries != seen) since = now_seconds();
-        seen = kept.retries;
-        const double silent_s = seen == retries_before ? kAttempt_s : kAttemptAndPause_s;
-        return !kept.dropped.empty() || now_seconds() - since > silent_s;
-    });
-    if (ended == Wait::kInterrupted) throw Problem("interrupted before the message had left");
-    if (!kept.dropped.empty()) throw Problem("dropped: " + kept.dropped, silence(destination).remedy());
-}
-
-// A new descriptor is the lowest free one: a trial tells which one the library gets.
-FilePosition::FilePosition(int file, const std::function<void()> &begin)
-    : library_fd_(UniqueFd(dup(file)).get()) {
-    fstat(file, &file_);
-    begin();
-}
-
-std::optional<uint64_t> FilePosition::get() const {
-    struct stat now {};
-    if (fstat(library_fd_, &now) != 0 || now.st_dev != file_.st_dev || now.st_ino != file_.st_ino) return {};
-    const off_t at = lseek(library_fd_, 0, SEEK_CUR);
-    return at < 0 ? std::optional<uint64_t>() : at;
-}
-
-// A file that is being received is open for writing; one that is complete is at most open for reading.
-unsigned drop_unfinished_files() {
-    const std::string_view pattern = tavipc::kReceivedFile, prefix = pattern.substr(0, pattern.find('X'));
-    unsigned count = 0;
-    for (const fs::path &fd : files_in("/proc/self/fd")) {
-        std::error_code closed;
-        const std::string target = fs::read_symlink(fd, closed);
-        const fs::perms mode = fs::symlink_status(fd, closed).permissions();
-        const bool writes = !closed && (mode & fs::perms::owner_write) != fs::perms::none;
-        if (writes && target.starts_with(prefix) && unlink(target.c_str()) == 0) ++count;
-    }
-    return count;
 }
 
 } // namespace tavctl

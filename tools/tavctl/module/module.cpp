@@ -4,6 +4,7 @@
 #include "common/big_endian.h"
 #include "common/facts.h"
 #include "common/owned.h"
+#include "counters/counters.h"
 #include "look/sockets.h"
 #include "module/module.h"
 #include "tavaux.h"
@@ -121,18 +122,42 @@ Module::Module(const std::string &name, bool accept_files) {
     if (!ipc_) throw refusal(used);
 }
 
-int Exchange::on_status(int32_t code, void *exchange) {
-    auto &self = *static_cast<Exchange *>(exchange);
-    self.ended = true;
-    self.code = code;
-    self.end = now_seconds();
-    return 0;
+Outcome exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
+                 uint32_t cmd, std::string_view payload) {
+    constexpr tav_ipc_exchange_cb kOnEnd = [](uint64_t, int32_t code, uint32_t command, const void *data,
+                                              uint32_t size, void *user) {
+        auto &ended = *static_cast<Outcome *>(user);
+        ended = {true, code, command, {static_cast<const char *>(data), size}, now_seconds() + ended.took_s};
+    };
+    Outcome outcome;
+    outcome.took_s = -now_seconds();
+    const uint64_t id = tav_ipc_exchange_start(module, kind, &destination, cmd, payload.data(),
+                                               static_cast<uint32_t>(payload.size()),
+                                               static_cast<uint32_t>(timeout_s * 1000), kOnEnd, &outcome);
+    if (id == 0) throw system_problem("cannot send to " + address_text(destination), "tavctl --verbose");
+    if (run_until([&] { return outcome.ended; })) return outcome;
+    tav_ipc_exchange_cancel(module, id);
+    return {};
 }
 
-Problem silence(const tav_addr_st &address) {
+void wait_for_departures(const Module &module, const tav_addr_st &destination) {
+    constexpr int kSlice_ms = 100; // a signal does not end the call
+    while (tav_ipc_flush(module, kSlice_ms, nullptr) > 0)
+        if (interrupted()) throw Problem("interrupted before the message had left");
+    tav_ipc_stats_st stats{};
+    tav_ipc_get_stats(module, nullptr, &stats, sizeof stats);
+    for (int value = TAV_IPC_STATS_DROPPED_NO_PEER; value < TAV_IPC_STATS_DROPPED_BYTES; ++value) {
+        if (stats.values[value] == 0) continue;
+        const Problem why = silence(destination, "dropped: no endpoint ");
+        if (value == TAV_IPC_STATS_DROPPED_NO_PEER) throw Problem(why.what(), why.remedy());
+        throw Problem(kValues[static_cast<size_t>(value)].meaning, why.remedy());
+    }
+}
+
+Problem silence(const tav_addr_st &address, const std::string &begin) {
     const int own = tav_get_location(), location = address.loc != 0 ? address.loc : own;
     const std::string path = socket_directory(location) + "/" + name_text(address);
-    const std::string silent = "no answer from " + address_text(address);
+    const std::string silent = begin + address_text(address);
     if (location != own)
         return Problem(
             silent, "messages for another location go through its proxy endpoint: does it run? tavctl list",
@@ -153,7 +178,7 @@ Problem silence(const tav_addr_st &address) {
 }
 
 Problem failed_exchange(const tav_addr_st &address, int code) {
-    if (code == IPC_ERR_TIMEOUT) return silence(address);
+    if (code == IPC_ERR_TIMEOUT || code == IPC_ERR_NO_PEER) return silence(address);
     const std::string reason = take_reason();
     return Problem(address_text(address) + ": " + tav_ipc_strerror(code) + " (" + std::to_string(code) + ")",
                    reason.empty() ? "tavctl --verbose shows the library's log" : reason.substr(2));

@@ -7,6 +7,7 @@
 
 #include "cli/cli.h"
 #include "tavipc/tav_ipc.h"
+#include "tavipc/tav_ipc_ext.h"
 
 namespace tavctl {
 
@@ -16,12 +17,12 @@ namespace tavctl {
 void catch_interrupts();
 bool interrupted();
 
-enum class Wait { kDone, kTimeout, kInterrupted, kNothingLeft };
-// Runs the loop until done() holds or the time is over. done is called after each turn.
-Wait run_until(const std::function<bool()> &done, double limit_s = std::numeric_limits<double>::infinity());
+// Runs the loop until done() holds, which is called after each turn. False when the time was over first, or
+// when interrupted.
+bool run_until(const std::function<bool()> &done, double limit_s = std::numeric_limits<double>::infinity());
 void pause(double seconds); // runs the loop for this time, unless interrupted
-// What was passed to the library last leaves while the loop runs, long before this time is over.
-inline constexpr double kLastDeparture_s = 0.05;
+// For tav_ipc_flush: a command that ends waits this long for a receiver that does not read.
+inline constexpr int kLastDepartures_ms = 1000;
 double now_seconds(); // monotonic
 
 // --- the library's log, kept instead of written (loop.cpp)
@@ -59,21 +60,21 @@ class Module {
     tav_ipc_st *ipc_;
 };
 
-// The outcome of one confirmed message, probe or file. It must outlive the endpoint, which completes what is
-// outstanding when it is closed.
-struct Exchange {
-    bool ended = false;
-    int32_t code = 0; // of the library
-    double begin = now_seconds(), end = 0;
-    double took() const { return end - begin; }
-    Wait wait(double limit_s = std::numeric_limits<double>::infinity()) const {
-        return run_until([this] { return ended; }, limit_s);
-    }
-    static int on_status(int32_t code, void *exchange);
+// How a request, confirmed message or probe ended.
+struct Outcome {
+    bool ended = false; // false: interrupted before
+    int32_t code = 0;   // of the library
+    uint32_t cmd = 0;   // of a response, and its payload
+    std::string payload;
+    double took_s = 0;
 };
+inline constexpr double kProbeTimeout_s = 5;
+// kind: of tav_ipc_exchange_start. Throws Problem when the library refuses it.
+Outcome exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
+                 uint32_t cmd = 0, std::string_view payload = {});
 
 // Why nobody answers at the address, as far as its socket file shows: a Problem with kNoAnswer.
-Problem silence(const tav_addr_st &address);
+Problem silence(const tav_addr_st &address, const std::string &begin = "no answer from ");
 // Why an exchange ended with a code other than 0.
 Problem failed_exchange(const tav_addr_st &address, int code);
 
@@ -92,30 +93,8 @@ std::string compression_text(const std::string &payload);
 // line end.
 std::string describe_payload(Record &record, std::string_view payload, const Args &args);
 
-// --- what the library has no call for (loop.cpp): whether messages have left, how far a file
-// transfer is, and which received files are unfinished. Each function rests on how the library works inside.
-
-// Waits until messages that nobody confirms have left for the destination. Call watch_departures before they
-// are sent. Throws Problem when one was dropped, and when the wait was interrupted.
-void watch_departures();
-void wait_for_departures(const tav_addr_st &destination);
-
-// The position in a file that the library reads from: the bytes before it have been read, but for up to two
-// chunks of 64,000 bytes not yet confirmed.
-class FilePosition {
-  public:
-    // begin starts the transfer of the open file.
-    FilePosition(int file, const std::function<void()> &begin);
-    // Empty when the library has closed the file, or never opened it.
-    std::optional<uint64_t> get() const;
-
-  private:
-    int library_fd_;
-    struct stat file_ {};
-};
-
-// Removes the files that this process is receiving and that are not complete; its end would leave them
-// behind. Returns how many there were.
-unsigned drop_unfinished_files();
+// Runs the loop until all that was sent has left. Throws Problem when some of it was dropped, and when the
+// wait was interrupted.
+void wait_for_departures(const Module &module, const tav_addr_st &destination);
 
 } // namespace tavctl
