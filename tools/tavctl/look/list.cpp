@@ -31,7 +31,7 @@ Row row_of(const SocketDirectory &directory, const SocketFile &file) {
 }
 
 std::vector<Row> rows_of(const SocketDirectory &directory, bool pool) {
-    std::vector<Row> rows;
+    std::vector<Row> rows = {kTitles};
     std::map<std::tuple<pid_t, SocketState, pid_t, std::string>, std::pair<size_t, const SocketFile *>>
         senders; // those that share all this: their number, and the oldest
     for (const SocketFile &file : directory.sockets) {
@@ -64,35 +64,17 @@ std::string title_of(const SocketDirectory &directory) {
     return text;
 }
 
-// The columns are the same for all directories.
-void tell_table(Console &out, const Scan &scan, bool pool) {
-    std::vector<std::vector<Row>> tables;
-    std::array<size_t, kColumns> widths{};
-    const auto measure = [&](const Row &row) {
-        for (size_t i = 0; i < kColumns; ++i) widths[i] = std::max(widths[i], row[i].size());
-    };
-    measure(kTitles);
-    for (const SocketDirectory &directory : scan.directories) {
-        tables.push_back(rows_of(directory, pool));
-        std::ranges::for_each(tables.back(), measure);
-    }
+void tell_table(Console &out, const std::vector<Row> &rows) {
     const unsigned width = out.width();
-    const auto tell = [&](const Row &row) {
+    std::array<size_t, kColumns> widths{};
+    for (const Row &row : rows)
+        for (size_t i = 0; i < kColumns; ++i)
+            widths[i] = std::max(widths[i], width ? std::min(row[i].size(), kWidest[i]) : row[i].size());
+    for (const Row &row : rows) {
         std::string line;
-        for (size_t i = 0; i < kColumns; ++i) {
-            const size_t wide = width ? std::min(widths[i], kWidest[i]) : widths[i];
-            line += padded(fit(row[i], width ? static_cast<unsigned>(wide) : 0), wide) + "  ";
-        }
+        for (size_t i = 0; i < kColumns; ++i)
+            line += padded(fit(row[i], width ? static_cast<unsigned>(widths[i]) : 0), widths[i]) + "  ";
         out.tell(fit(line.substr(0, line.find_last_not_of(' ') + 1), width));
-    };
-    bool first = true;
-    for (size_t i = 0; i < tables.size(); ++i) {
-        const SocketDirectory &directory = scan.directories[i];
-        if (tables[i].empty() && directory.strange == 0 && directory.error.empty()) continue;
-        out.tell((first ? "" : "\n") + fit(title_of(directory), width));
-        if (!tables[i].empty()) tell(kTitles);
-        std::ranges::for_each(tables[i], tell);
-        first = false;
     }
 }
 
@@ -121,12 +103,12 @@ bool is_plain(const std::string &name) {
 // False when the file could not be removed.
 bool clean_one(Console &out, const std::string &directory, const SocketFile &file) {
     Record record("path", one_line(directory + "/" + file.name));
-    const Removal removal = remove_stale(directory, file);
-    if (removal == Removal::kRemoved) out.say(record.add("removed", true), "removed {path}");
-    if (removal != Removal::kFailed) return true; // removed, gone by itself, or in use again
-    record.add("removed", false);
-    record.add("error", errno == EWOULDBLOCK ? "another process holds the lock of the directory"
-                                             : std::strerror(errno));
+    const int error = remove_stale(directory, file);
+    if (error == 0) out.say(record.add("removed", true), "removed {path}");
+    if (error == 0 || error == ENOENT) return true; // removed, gone by itself, or in use again
+    record.add("removed", false, "error",
+               error == EWOULDBLOCK ? "another process holds the lock of the directory"
+                                    : std::strerror(error));
     out.say(record, "cannot remove {path}: {error}");
     return false;
 }
@@ -180,11 +162,15 @@ int list(Console &out, const Args &args) {
     const auto counters = read_counters(scan.directories);
     bool any = false;
     for (SocketDirectory &directory : scan.directories) {
-        for (SocketFile &file : directory.sockets) file.waiting = waiting_of(counters, directory, file);
-        any |= !directory.sockets.empty() || directory.strange > 0 || !directory.error.empty();
-        for (const SocketFile &file : directory.sockets) out.say(record_of(directory, file), "");
+        if (directory.sockets.empty() && directory.strange == 0 && directory.error.empty()) continue;
+        for (SocketFile &file : directory.sockets) {
+            file.waiting = waiting_of(counters, directory, file);
+            out.say(record_of(directory, file), "");
+        }
+        out.tell((any ? "\n" : "") + fit(title_of(directory), out.width()));
+        if (!directory.sockets.empty()) tell_table(out, rows_of(directory, args.has("pool")));
+        any = true;
     }
-    tell_table(out, scan, args.has("pool"));
     if (!any) out.tell("No endpoint is open, and none has left a socket file below /var.");
     if (scan.incomplete)
         out.tell(geteuid() == 0

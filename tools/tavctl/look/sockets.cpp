@@ -248,22 +248,21 @@ Scan scan_everything(const std::vector<std::string> &deploy_types) {
 }
 
 // While the lock is held no endpoint replaces the file, and none can be bound to the path of a file.
-Removal remove_stale(const std::string &path, const SocketFile &file) {
+int remove_stale(const std::string &path, const SocketFile &file) {
     const UniqueFd directory = open_directory(path);
-    if (!directory) return errno == ENOENT ? Removal::kGone : Removal::kFailed;
+    if (!directory) return errno;
     for (int tries = 0; flock(directory.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
-        if (errno != EWOULDBLOCK || tries == tavipc::kDirectoryLockTries) return Removal::kFailed;
+        if (errno != EWOULDBLOCK || tries == tavipc::kDirectoryLockTries) return errno;
         usleep(tavipc::kDirectoryLockPause_us);
     }
     for (int look = 0; look < 2; ++look) { // before the probe, and after it
         SocketFile now;
         now.name = file.name;
-        if (!look_at(directory, now) || now.state == SocketState::kMissing) return Removal::kGone;
-        if (now.device != file.device || now.inode != file.inode || now.state != SocketState::kStale)
-            return Removal::kInUse;
+        if (!look_at(directory, now) || now.state != SocketState::kStale || now.device != file.device ||
+            now.inode != file.inode)
+            return ENOENT;
     }
-    if (unlinkat(directory.get(), file.name.c_str(), 0) == 0) return Removal::kRemoved;
-    return errno == ENOENT ? Removal::kGone : Removal::kFailed;
+    return unlinkat(directory.get(), file.name.c_str(), 0) == 0 ? 0 : errno;
 }
 
 } // namespace tavctl

@@ -57,9 +57,8 @@ Scan scan_everything(const std::vector<std::string> &deploy_types);
 // The same directories, without a look at what they contain.
 std::vector<SocketDirectory> find_directories(const std::vector<std::string> &deploy_types);
 
-enum class Removal { kRemoved, kGone, kInUse, kFailed };
 // Removes a file that a scan found stale, if it still is the same and stale, under the lock that an endpoint
-// takes to replace it. kFailed sets errno.
-Removal remove_stale(const std::string &directory, const SocketFile &file);
+// takes to replace it. Returns 0, ENOENT when it has gone or is in use again, or another errno.
+int remove_stale(const std::string &directory, const SocketFile &file);
 
 } // namespace tavctl

@@ -11,14 +11,7 @@ namespace {
 
 constexpr double kSlice_ms = 100; // a signal does not end a turn of the loop
 
-volatile std::sig_atomic_t interrupts = 0;
-void on_interrupt(int signal) {
-    interrupts = interrupts + 1;
-    if (interrupts > 1) {
-        std::signal(signal, SIG_DFL);
-        std::raise(signal);
-    }
-}
+volatile std::sig_atomic_t was_interrupted = 0;
 
 struct Log {
     std::string newest; // line of level 2 or less
@@ -33,26 +26,16 @@ void keep_line(int level, const char *source, int, const char *text, void *) {
     if (level <= 2) kept.newest = line;
 }
 
-bool may_end = false;
-void explain_end() {
-    if (!may_end) return;
-    std::cerr << "tavctl: the library ended the process while it determined the agent id" << take_reason()
-              << "\n  what to do: tavctl doctor" << std::endl;
-}
-void on_abort(int) {
-    explain_end();
-    _exit(kFailure);
-}
-
 } // namespace
 
 void catch_interrupts() {
     struct sigaction action {};
-    action.sa_handler = on_interrupt;
+    action.sa_handler = [](int) { was_interrupted = 1; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }
-bool interrupted() { return interrupts > 0; }
+bool interrupted() { return was_interrupted != 0; }
 
 bool run_until(const std::function<bool()> &done, double limit_s) {
     const double end = now_seconds() + limit_s;
@@ -86,16 +69,6 @@ void keep_log(bool verbose) {
 std::string take_reason() {
     const std::string line = std::exchange(kept.newest, {});
     return line.empty() ? line : ": " + line;
-}
-
-void may_end_process(const std::function<void()> &call) {
-    static const int registered = std::atexit(explain_end);
-    static_cast<void>(registered);
-    const auto before = std::signal(SIGABRT, on_abort);
-    may_end = true;
-    call();
-    may_end = false;
-    std::signal(SIGABRT, before);
 }
 
 } // namespace tavctl

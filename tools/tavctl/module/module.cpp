@@ -9,7 +9,6 @@
 #include "module/module.h"
 #include "tavaux.h"
 #include "tavipc/tav_agentid.h"
-#include "tavipc/tav_compress.h"
 
 namespace tavctl {
 namespace {
@@ -75,6 +74,12 @@ std::string given_bytes(const Args &args) {
                       : read_file(args.text("file"), TAV_IPC_MESSAGE_MAX);
 }
 
+std::span<const uint64_t> values_of(const Module &module) {
+    static tav_ipc_stats_st stats;
+    tav_ipc_get_stats(module, nullptr, &stats, sizeof stats);
+    return stats.values;
+}
+
 } // namespace
 
 tav_addr_st parse_address(const std::string &text, uint8_t flags) {
@@ -118,7 +123,7 @@ Module::Module(const std::string &name, bool accept_files) {
     const std::string used = name.empty() ? std::string("ctl") + digits : name;
     check_may_open(used);
     take_reason();
-    may_end_process([&] { ipc_ = tav_ipc_create_temp(used.c_str(), accept_files); });
+    ipc_ = tav_ipc_create_temp(used.c_str(), accept_files);
     if (!ipc_) throw refusal(used);
 }
 
@@ -140,17 +145,20 @@ Outcome exchange(const Module &module, int kind, const tav_addr_st &destination,
     return {};
 }
 
+uint64_t travelling_bytes(const Module &module) {
+    const auto values = values_of(module);
+    return values[TAV_IPC_STATS_ACCEPTED_BYTES] - sizeof(tav_ipc_hdr_st) * values[TAV_IPC_STATS_ACCEPTED];
+}
+
 void wait_for_departures(const Module &module, const tav_addr_st &destination) {
     constexpr int kSlice_ms = 100; // a signal does not end the call
     while (tav_ipc_flush(module, kSlice_ms, nullptr) > 0)
         if (interrupted()) throw Problem("interrupted before the message had left");
-    tav_ipc_stats_st stats{};
-    tav_ipc_get_stats(module, nullptr, &stats, sizeof stats);
-    for (int value = TAV_IPC_STATS_DROPPED_NO_PEER; value < TAV_IPC_STATS_DROPPED_BYTES; ++value) {
-        if (stats.values[value] == 0) continue;
+    const auto values = values_of(module);
+    for (size_t i = TAV_IPC_STATS_DROPPED_NO_PEER; i < TAV_IPC_STATS_DROPPED_BYTES; ++i) {
+        if (values[i] == 0) continue;
         const Problem why = silence(destination, "dropped: no endpoint ");
-        if (value == TAV_IPC_STATS_DROPPED_NO_PEER) throw Problem(why.what(), why.remedy());
-        throw Problem(kValues[static_cast<size_t>(value)].meaning, why.remedy());
+        throw Problem(i == TAV_IPC_STATS_DROPPED_NO_PEER ? why.what() : kValues[i].meaning, why.remedy());
     }
 }
 
@@ -213,19 +221,6 @@ std::string parse_hex(std::string_view text) {
         bytes += static_cast<char>(byte);
     }
     return bytes;
-}
-
-std::string compression_text(const std::string &payload) {
-    if (payload.size() < tavipc::kCompressMinimum)
-        return ", not compressed: shorter than " + std::to_string(tavipc::kCompressMinimum) + " bytes";
-    void *packed = nullptr;
-    const int result = tav_msg_compress(payload.data(), &packed, 0);
-    const tavipc::MallocPtr<void> owner(packed);
-    if (result == TAV_COMPRESS_NO_GAIN) return ", not compressed: it would not be shorter";
-    if (result != TAV_COMPRESS_OK) return ", not compressed: error " + std::to_string(result);
-    return ", compressed to " +
-           grouped(TAV_APP_HEADER_SIZE + tavipc::load_be32(static_cast<const char *>(packed) + kLengthAt)) +
-           " bytes";
 }
 
 std::string describe_payload(Record &record, std::string_view payload, const Args &args) {

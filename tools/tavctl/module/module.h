@@ -13,7 +13,7 @@ namespace tavctl {
 
 // --- the event loop (loop.cpp)
 // From now on a first Ctrl-C or SIGTERM ends a wait instead of the process, so that statistics are printed
-// and socket files are removed. A second one ends the process.
+// and socket files are removed. A second one of the same kind ends the process.
 void catch_interrupts();
 bool interrupted();
 
@@ -30,10 +30,6 @@ double now_seconds(); // monotonic
 void keep_log(bool verbose);
 // The newest line of level 2 or less since the last call, after ": "; empty without one.
 std::string take_reason();
-
-// The library ends the process when it needs an agent id and cannot determine one. While call runs, the
-// reason is written to standard error then. call does not throw.
-void may_end_process(const std::function<void()> &call);
 
 // --- addresses
 // Reads NAME or NAME@LOCATION; throws misuse. Location 0 is this machine's own.
@@ -86,13 +82,11 @@ uint8_t address_flags(const Args &args); // of the destination
 // Reads hexadecimal text ("00 ff", "00FF", "0x00ff"); throws misuse.
 std::string parse_hex(std::string_view text);
 
-// What compression would make of an application message: ", compressed to 120 bytes", or why it would not.
-std::string compression_text(const std::string &payload);
-
 // Adds size and text or hexadecimal digits to the record. Returns the same as lines for people, each after a
 // line end.
 std::string describe_payload(Record &record, std::string_view payload, const Args &args);
 
+uint64_t travelling_bytes(const Module &module); // of all payloads that it has sent, without headers
 // Runs the loop until all that was sent has left. Throws Problem when some of it was dropped, and when the
 // wait was interrupted.
 void wait_for_departures(const Module &module, const tav_addr_st &destination);

@@ -99,7 +99,6 @@ void say_statistics(Console &out, const std::string &who, uint64_t sent, std::ve
 int send(Console &out, const Args &args) {
     const tav_addr_st destination = parse_address(args.text("NAME"), address_flags(args));
     const std::string payload = make_payload(args);
-    const std::string packed = args.has("compress") ? compression_text(payload) : "";
     const auto cmd = static_cast<uint32_t>(args.number("cmd"));
     const double timeout_s = args.seconds("timeout");
     const bool confirm = !args.has("no-confirm");
@@ -109,6 +108,7 @@ int send(Console &out, const Args &args) {
         if (i > 0) pause(args.seconds("interval"));
         Record record("type", "sent", "to", address_text(destination), "cmd", cmd, "size", payload.size());
         record.add("confirmed", confirm);
+        const uint64_t before = travelling_bytes(module);
         if (confirm) {
             const Outcome sent =
                 exchange(module, TAV_IPC_EXCHANGE_CONFIRMED, destination, timeout_s, cmd, payload);
@@ -118,6 +118,9 @@ int send(Console &out, const Args &args) {
         } else {
             send_plain(module, destination, cmd, payload, timeout_s);
         }
+        const uint64_t travelled = travelling_bytes(module) - before;
+        const std::string packed =
+            travelled < payload.size() ? ", compressed to " + grouped(travelled) + " bytes" : std::string();
         out.say(record, "{to}: {size,} bytes",
                 packed + (confirm ? record.fill(", delivered in {us}") : ", on its way"));
     }
