@@ -107,35 +107,28 @@ complete -o default -F _tavctl tavctl
 // Bash completes file names where this is empty.
 std::set<std::string> candidates(const std::vector<std::string> &words) {
     std::vector<Option> options = options_of(kGlobalOptions);
-    std::string path; // of the command or group
-    bool complete = false, value = false;
-    size_t place = 0;
-    for (const std::string &word : words) {
-        const Option *option = find_option(options, word);
-        if (value || option) {
-            value = !value && !option->value.empty();
-        } else if (complete) {
-            ++place;
-        } else {
-            path += (path.empty() ? "" : " ") + word;
-            for (const Command &command : commands())
-                if (complete = command.name == path; complete) {
-                    for (Option &own : options_of(command.usage)) options.push_back(std::move(own));
-                    break;
-                }
+    std::string path; // of the command or group, with a blank behind it
+    const Command *command = nullptr;
+    for (const std::string &word : words)
+        for (const Command &each : commands()) {
+            const std::string name = std::string(each.name) + " ";
+            if (command || !name.starts_with(path + word + " ")) continue;
+            path += word + " ";
+            if (name != path) break; // a group
+            for (Option &own : options_of(each.usage)) options.push_back(std::move(own));
+            command = &each;
         }
-    }
     std::set<std::string> found;
-    if (value) return found;
+    const Option *last = words.empty() ? nullptr : find_option(options, words.back());
+    if (last && !last->value.empty()) return found;
     for (const Option &option : options)
         if (!option.argument) found.insert(option.names.begin(), option.names.end());
-    const std::string prefix = path + (path.empty() ? "" : " ");
-    for (const Command &command : commands())
-        if (const std::string name = command.name; !complete && name.starts_with(prefix))
-            found.insert(name.substr(prefix.size(), name.find(' ', prefix.size()) - prefix.size()));
-    if (path == "trace") found.insert({"on", "off", "show"});
-    for (const char *talking : {"probe", "send", "request", "sendfile"})
-        if (path == talking && place == 0) found.merge(live_names());
+    for (const Command &each : commands())
+        if (const std::string name = each.name; !command && name.starts_with(path))
+            found.insert(name.substr(path.size(), name.find(' ', path.size()) - path.size()));
+    if (path == "trace ") found.insert({"on", "off", "show"});
+    for (const char *asking : {"probe ", "send ", "request ", "sendfile ", "stats "})
+        if (path == asking) found.merge(live_names());
     return found;
 }
 

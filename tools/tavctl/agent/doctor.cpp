@@ -170,27 +170,25 @@ Finding check_trace_switch() {
                 "tavctl trace off");
 }
 
-void check_environment(Findings &findings) {
+Finding check_environment() {
     const char *root = std::getenv("TAV_INSTALL_ROOT"), *test = std::getenv("IPC_TEST");
-    const bool marks = test && test[0] == '1';
-    if (!root && !marks)
-        findings.add("environment", ok("neither TAV_INSTALL_ROOT nor IPC_TEST changes anything"));
-    if (root)
-        findings.add("environment", warn(std::string("TAV_INSTALL_ROOT is ") + root +
-                                             ": its config directory, if there is one, has identity and "
-                                             "manager; allow-list and agent.ini are beside the executable",
-                                         "unset TAV_INSTALL_ROOT"));
-    if (marks)
-        findings.add("environment", warn(std::string("IPC_TEST is ") + test +
-                                             ": processes started from here mark all messages for the trace",
-                                         "unset IPC_TEST"));
+    if (test && test[0] == '1')
+        return warn(std::string("IPC_TEST is ") + test +
+                        ": processes started from here mark all messages for the trace",
+                    "unset IPC_TEST");
+    if (!root) return ok("neither TAV_INSTALL_ROOT nor IPC_TEST changes anything");
+    return warn(
+        std::string("TAV_INSTALL_ROOT is ") + root +
+            ": its config directory, if there is one, has identity and manager; allow-list and agent.ini "
+            "are beside the executable",
+        "unset TAV_INSTALL_ROOT");
 }
 
 constexpr std::pair<const char *, Finding (*)()> kMachineChecks[] = {
     {"datagram queue", check_queue},          {"send buffer", check_buffers},
     {"open files", check_descriptors},        {"/tmp", check_space},
     {"received files", check_received_files}, {"clock", check_clock},
-    {"trace switch", check_trace_switch}};
+    {"trace switch", check_trace_switch},     {"environment", check_environment}};
 
 } // namespace
 
@@ -230,7 +228,6 @@ int doctor(Console &out, const Args &) {
     Findings findings(out);
     check_agent(findings);
     for (const auto &[name, check] : kMachineChecks) findings.add(name, check());
-    check_environment(findings);
     findings.add("endpoint", check_endpoint(findings));
     return findings.summarize() ? kSuccess : kFailure;
 }

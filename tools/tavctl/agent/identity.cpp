@@ -77,6 +77,7 @@ void make_identity() {
     determining = true;
     const int result = CreateAgentId();
     determining = false;
+    std::signal(SIGABRT, SIG_DFL);
     if (result == 0) return;
     throw Problem("no agent id could be determined" + take_reason(),
                   "run tavctl doctor; a lock that a dead process held is free at the next try");

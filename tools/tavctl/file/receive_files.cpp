@@ -126,14 +126,13 @@ class Receiver {
     }
     void say_failed(const Received &file) {
         ++failed;
-        const bool moved = !file.path.empty();
-        Record record("type", "failed", "time", file.time, "path", moved ? file.path : file.temporary);
-        out_.say(
-            record.add("error", file.error, "remedy", file.remedy), "{time}  {path}: {error}",
-            (file.remedy.empty() ? "" : "\n  what to do: " + file.remedy) +
-                (moved
-                     ? ""
-                     : "\n  It stays in /tmp; a running tavctl removes it after 5 minutes: copy it before."));
+        constexpr char kStays[] =
+            "\n  It stays in /tmp; a running tavctl removes it after 5 minutes: copy it before.";
+        Record record("type", "failed", "time", file.time, "path",
+                      file.path.empty() ? file.temporary : file.path);
+        out_.say(record.add("error", file.error, "remedy", file.remedy), "{time}  {path}: {error}",
+                 (file.remedy.empty() ? "" : "\n  what to do: " + file.remedy) +
+                     (file.path.empty() ? kStays : ""));
     }
     Console &out_;
     const std::string directory_;

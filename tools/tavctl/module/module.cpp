@@ -74,10 +74,10 @@ std::string given_bytes(const Args &args) {
                       : read_file(args.text("file"), TAV_IPC_MESSAGE_MAX);
 }
 
-std::span<const uint64_t> values_of(const Module &module) {
-    static tav_ipc_stats_st stats;
+tav_ipc_stats_st stats_of(const Module &module) {
+    tav_ipc_stats_st stats{};
     tav_ipc_get_stats(module, nullptr, &stats, sizeof stats);
-    return stats.values;
+    return stats;
 }
 
 } // namespace
@@ -146,17 +146,18 @@ Outcome exchange(const Module &module, int kind, const tav_addr_st &destination,
 }
 
 uint64_t travelling_bytes(const Module &module) {
-    const auto values = values_of(module);
-    return values[TAV_IPC_STATS_ACCEPTED_BYTES] - sizeof(tav_ipc_hdr_st) * values[TAV_IPC_STATS_ACCEPTED];
+    const auto stats = stats_of(module);
+    return stats.values[TAV_IPC_STATS_ACCEPTED_BYTES] -
+           sizeof(tav_ipc_hdr_st) * stats.values[TAV_IPC_STATS_ACCEPTED];
 }
 
 void wait_for_departures(const Module &module, const tav_addr_st &destination) {
     constexpr int kSlice_ms = 100; // a signal does not end the call
     while (tav_ipc_flush(module, kSlice_ms, nullptr) > 0)
         if (interrupted()) throw Problem("interrupted before the message had left");
-    const auto values = values_of(module);
+    const auto stats = stats_of(module);
     for (size_t i = TAV_IPC_STATS_DROPPED_NO_PEER; i < TAV_IPC_STATS_DROPPED_BYTES; ++i) {
-        if (values[i] == 0) continue;
+        if (stats.values[i] == 0) continue;
         const Problem why = silence(destination, "dropped: no endpoint ");
         throw Problem(i == TAV_IPC_STATS_DROPPED_NO_PEER ? why.what() : kValues[i].meaning, why.remedy());
     }
