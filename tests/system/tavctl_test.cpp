@@ -210,17 +210,14 @@ TEST_F(Tavctl, ShowsCountersOfRunningStoppedAndKilledModules) {
     EXPECT_THAT(expect(0, {"stats", "beta@2", "--json"}),
                 ContainsRegex("^\\{\"type\":\"endpoint\",\"endpoint\":\"beta\",.*\"received\":3,.*\\}\n$"));
     beta->signal(SIGSTOP);
-    alpha->ask("post beta bytes 100000 300 4 0 0",
-               "posted 303 0"); // more than fits into any queue of a socket
+    alpha->ask("post beta bytes 100000 300 4 0 0", "posted 303 0"); // more than a socket queues
     EXPECT_THAT(expect(0, {"list"}),
                 ContainsRegex(std::string(sockets_) + ": [^/]*alpha@2 +live .* [1-9][0-9,]* +alpha\n"));
     EXPECT_THAT(expect(0, {"top", "-c", "1", "-i", "0.1"}), ContainsRegex("beta@2 +T +[0-9]+ +0 +0 B"));
     EXPECT_EQ(alpha->kill(), -9);
-    EXPECT_THAT(
-        expect(0, {"stats", "alpha"}, ", ended; its last counts:\n  messages                       303 "),
-        Not(HasSubstr("oldest_waiting")));
+    expect(0, {"stats", "alpha"}, ", ended; its last counts:\n  messages                       303 ");
     EXPECT_EQ(beta->kill(), -9);
-    expect(1, {"stats", "gamma"}, "there are no counters of an endpoint gamma");
+    expect(1, {"stats", "nowhere"}, "there are no counters of an endpoint nowhere");
 }
 
 // No process wrote this file: two endpoints have the same hostile name, and one has a destination.
@@ -238,9 +235,8 @@ TEST_F(Tavctl, BelievesNoCounterFile) {
             .write(reinterpret_cast<const char *>(&file), static_cast<std::streamsize>(size));
         return expect(0, std::move(words), text);
     };
-    const std::string metrics =
-                          expect_of(sizeof file, {"stats", "--prometheus"}, "\n# TYPE tavipc_queued gauge\n"),
-                      labels = R"({endpoint="a\"\\??",location="2",pid=")" + pid + "\",destination=\"";
+    const auto metrics = expect_of(sizeof file, {"stats", "--prometheus"}, "\n# TYPE tavipc_queued gauge\n");
+    const auto labels = R"({endpoint="a\"\\??",location="2",pid=")" + pid + "\",destination=\"";
     EXPECT_THAT(metrics,
                 ContainsRegex("_messages_total counter\n[^#]*18446744073709551615\n[^#]*b@2\"} 5\n"));
     EXPECT_THAT(metrics, HasSubstr("\ntavipc_running" + labels + "\"} 0\n"))
