@@ -22,7 +22,7 @@ void print(const char *what, const tavipc::Reply &reply) {
 tavipc::Task ask(tavipc::EndpointRef self, tavipc::Address clerk) {
     print("request", co_await self.request(clerk, 1, as_bytes("hello"), 3s));
     print("confirmed", co_await self.confirmed(clerk, 2, as_bytes("to be kept"), 3s));
-    print("probe", co_await self.probe("nobody", 100ms));
+    print("probe", co_await self.probe("nobody", 1h)); // nobody is there
     cl_event_loop_stop();
 }
 

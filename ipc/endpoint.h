@@ -60,9 +60,9 @@ struct tav_ipc_st {
     tavipc::SendContext *in_flight;      // sends whose completion has not come, newest first
     tavipc::SendContext *spare_contexts; // of completed sends, for the next ones
     uint32_t spare_context_count;
+    tavipc::Reassembly *reassembly; // the sets of frag_table with their buffers; made with it
     tavipc::FileCallbacks on_file;
     tavipc::FileTransfer *transfers; // that tav_ipc_file_start began, newest first
-    tavipc::Reassembly *reassembly;  // the sets of frag_table with their buffers; made with it
     tavipc::Account account;
     struct { // accepted messages
         uint64_t pending, left, dropped;

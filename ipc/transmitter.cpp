@@ -37,7 +37,6 @@ namespace {
 
 constexpr uint32_t kWouldBlockTries = 11; // attempts for a busy destination
 constexpr uint32_t kOtherTries = 5;       // attempts for one that is missing or fails
-constexpr uint32_t kPeerWait_ms = 250;    // until the next attempt for an exchange that waits for its peer
 constexpr int64_t kManyModules = 5000;    // with more destinations an idle one goes at once
 constexpr uint32_t kMostSpareContexts = 1024;
 
@@ -135,7 +134,10 @@ RetryRule retry_rule(const ipc_queue_msg_st &msg, int status) {
     const auto wish =
         status == CL_EV_NO_PEER ? exchange_without_peer(msg.ipc, header_of(msg)) : WithoutPeer::kNoExchange;
     if (wish == WithoutPeer::kGivesUp) return {false, 0, 1};
-    if (wish == WithoutPeer::kWaits) return {true, kPeerWait_ms, UINT64_MAX};
+    // Due at the next full second of the loop clock: until then it ranks behind all that is sent, after it
+    // nothing waits for it. Once in a second is enough.
+    if (wish == WithoutPeer::kWaits)
+        return {true, static_cast<uint32_t>(1000 - cl_event_loop_now() % 1000), UINT64_MAX};
     if (status != CL_EV_WOULD_BLOCK) return {false, 0, kOtherTries};
     if (!conf_loaded()) return {false, 0, kWouldBlockTries};
     const ipc_proxy_conf_st &conf = *get_ipc_proxy_conf();

@@ -1,26 +1,25 @@
 // tavipc.hpp - the C++20 face of libtavipc: endpoints that own their handlers, error codes, coroutines.
 //
-//     tavipc::Endpoint server("server", tavipc::OnRequest([](tavipc::EndpointRef self, const tavipc::Request
-//     &request) {
+//     using namespace tavipc;
+//     Endpoint server("server", OnRequest([](EndpointRef self, const Request &request) {
 //         self.respond(request, request.command, request.payload);
 //     }));
 //     if (!server) return server.error().value();
 //
-// Everything is inline over tav_ipc.h and tav_ipc_ext.h, whose rules for threads, limits and lifetimes hold
-// here. No function throws, and the header compiles without exceptions. It allocates nothing that the C
-// functions do not allocate, except the frames of coroutines.
+// Everything is inline over tav_ipc.h, tav_ipc_ext.h and tav_ipc_file_ext.h, whose rules for threads, limits
+// and lifetimes hold here. No function throws, and the header compiles without exceptions. It allocates
+// nothing that the C functions do not allocate, except the frames of coroutines.
 //
 // Lifetimes:
 //  1. An Endpoint owns its handlers, so it cannot outlive them. A handler may do anything, also destroy or
-//  move the
-//     Endpoint that calls it. After that it must not use its own captures.
+//     move the Endpoint that calls it. After that it must not use its own captures.
 //  2. A payload, and the address beside it, are valid until the handler returns. In a coroutine a reply's
-//  payload is
-//     valid until the next co_await.
+//     payload is valid until the next co_await.
 //  3. Payloads that are sent are copied before the call returns.
 #ifndef TAVIPC_TAVIPC_HPP
 #define TAVIPC_TAVIPC_HPP
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <coroutine>
@@ -38,6 +37,7 @@
 
 #include "tav_ipc.h"
 #include "tav_ipc_ext.h"
+#include "tav_ipc_file_ext.h"
 
 namespace tavipc {
 
@@ -49,7 +49,8 @@ inline const std::error_category &category() noexcept {
     static const class : public std::error_category {
         const char *name() const noexcept override { return "tavipc"; }
         std::string message(int code) const override {
-            return code == IPC_ERR_CANCELLED ? "Cancelled" : tav_ipc_strerror(code);
+            if (code == IPC_ERR_CANCELLED) return "Cancelled";
+            return code == IPC_ERR_NO_PEER ? "No such endpoint" : tav_ipc_strerror(code);
         }
     } instance;
     return instance;
@@ -113,41 +114,63 @@ struct Reply {
     explicit operator bool() const noexcept { return !error; }
 };
 
-// --- exchanges -----------------------------------------------------------------------------------------
+// --- exchanges and files -------------------------------------------------------------------------------
+
+using Timeout = std::chrono::milliseconds;
+
+// A negative time-out is over at once; one of more than 24 days is as good as none.
+inline int32_t milliseconds(Timeout timeout) noexcept {
+    return static_cast<int32_t>(std::clamp<Timeout::rep>(timeout.count(), 0, INT32_MAX));
+}
+
+// What a coroutine can await. It begins then, and destroying a coroutine that awaits it cancels it.
+class Awaitable {
+  public:
+    Awaitable(const Awaitable &) = delete;
+    Awaitable &operator=(const Awaitable &) = delete;
+    bool await_ready() const noexcept { return false; }
+
+  protected:
+    Awaitable(tav_ipc_st *ipc, const Address &to, Timeout timeout) noexcept
+        : ipc_(ipc), to_(to), timeout_ms_(static_cast<uint32_t>(milliseconds(timeout))) {}
+    void resume() { // it has ended
+        id_ = 0;
+        if (const auto coroutine = std::exchange(waiting_, nullptr)) coroutine.resume();
+    }
+    tav_ipc_st *ipc_;
+    Address to_;
+    uint32_t timeout_ms_;
+    uint64_t id_ = 0;                   // 0: not outstanding
+    std::coroutine_handle<> waiting_{}; // null: nobody is resumed
+};
 
 // A request, a confirmed message or a probe. It is sent when a coroutine awaits it: "co_await
-// endpoint.request(...)" gives a Reply. What it was made from must live until then. Destroying a coroutine
-// that awaits it cancels it.
-class [[nodiscard]] Exchange {
+// endpoint.request(...)" gives a Reply. What it was made from must live until then.
+class [[nodiscard]] Exchange : public Awaitable {
   public:
-    using Timeout = std::chrono::milliseconds;
-
     Exchange(tav_ipc_st *ipc, tav_ipc_exchange_kind kind, const Address &to, uint32_t command, Bytes payload,
              Timeout timeout) noexcept
-        : ipc_(ipc), kind_(kind), to_(to), payload_(payload), timeout_(timeout), command_(command) {}
-    Exchange(const Exchange &) = delete;
-    Exchange &operator=(const Exchange &) = delete;
+        : Awaitable(ipc, to, timeout), kind_(kind), payload_(payload), command_(command) {}
     ~Exchange() {
-        waiting_ = nullptr; // nobody is resumed
+        waiting_ = nullptr;
         if (id_ != 0) tav_ipc_exchange_cancel(ipc_, id_);
     }
 
-    bool await_ready() const noexcept { return false; }
+    // co_await endpoint.request(...).wait_for_peer(): without a peer it does not end at once.
+    Exchange &&wait_for_peer() &&noexcept {
+        kind_ |= TAV_IPC_EXCHANGE_WAIT_FOR_PEER;
+        return std::move(*this);
+    }
     bool await_suspend(std::coroutine_handle<> coroutine) noexcept {
         waiting_ = coroutine;
         if (payload_.size() > TAV_IPC_MESSAGE_MAX) return fail(EMSGSIZE);
         id_ = tav_ipc_exchange_start(ipc_, kind_, &to_.raw(), command_, payload_.data(),
-                                     static_cast<uint32_t>(payload_.size()), milliseconds(), completed, this);
+                                     static_cast<uint32_t>(payload_.size()), timeout_ms_, completed, this);
         return id_ != 0 || fail(errno);
     }
     Reply await_resume() const noexcept { return reply_; }
 
   private:
-    // A negative time-out is over at once; one of more than 49 days is as good as none.
-    uint32_t milliseconds() const noexcept {
-        const auto count = timeout_.count();
-        return count < 0 ? 0 : count > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(count);
-    }
     // The coroutine goes on at once.
     bool fail(int error) noexcept {
         reply_.error = make_system_error(error);
@@ -156,20 +179,48 @@ class [[nodiscard]] Exchange {
     static void completed(uint64_t, int32_t code, uint32_t command, const void *data, uint32_t length,
                           void *user) {
         auto &self = *static_cast<Exchange *>(user);
-        self.id_ = 0;
         self.reply_ = {make_error(code), command, {static_cast<const std::byte *>(data), length}};
-        if (const auto coroutine = std::exchange(self.waiting_, nullptr)) coroutine.resume();
+        self.resume();
     }
 
-    tav_ipc_st *ipc_;
-    tav_ipc_exchange_kind kind_;
-    Address to_;
+    int kind_;
     Bytes payload_;
-    Timeout timeout_;
     uint32_t command_;
-    uint64_t id_ = 0; // 0: not outstanding
-    std::coroutine_handle<> waiting_{};
     Reply reply_{};
+};
+
+// A file that is sent: "co_await endpoint.send_file(...)" gives a std::error_code.
+template <class Progress> class [[nodiscard]] FileTransfer : public Awaitable {
+  public:
+    FileTransfer(tav_ipc_st *ipc, const Address &to, const char *path, const char *name, Timeout timeout,
+                 Progress progress) noexcept
+        : Awaitable(ipc, to, timeout), path_(path), name_(name), progress_(std::move(progress)) {}
+    ~FileTransfer() {
+        waiting_ = nullptr;
+        if (id_ != 0) tav_ipc_file_cancel(ipc_, id_);
+    }
+
+    bool await_suspend(std::coroutine_handle<> coroutine) noexcept {
+        waiting_ = coroutine;
+        id_ = tav_ipc_file_start(ipc_, &to_.raw(), path_, name_, timeout_ms_, 0, advanced, ended, this);
+        if (id_ == 0) error_ = make_system_error(errno); // the coroutine goes on at once
+        return id_ != 0;
+    }
+    std::error_code await_resume() const noexcept { return error_; }
+
+  private:
+    static void advanced(uint64_t, uint64_t confirmed, uint64_t size, void *user) {
+        static_cast<FileTransfer *>(user)->progress_(confirmed, size);
+    }
+    static void ended(uint64_t, int32_t code, void *user) {
+        auto &self = *static_cast<FileTransfer *>(user);
+        self.error_ = make_error(code);
+        self.resume();
+    }
+
+    const char *path_, *name_;
+    Progress progress_;
+    std::error_code error_{};
 };
 
 // A coroutine that starts at once and belongs to its Task. Destroying the Task destroys the coroutine where
@@ -208,8 +259,6 @@ class [[nodiscard]] Task {
 // was closed. A reply with IPC_ERR_CLOSED comes from inside the closing: let the coroutine end then.
 class EndpointRef {
   public:
-    using Timeout = Exchange::Timeout;
-
     explicit EndpointRef(tav_ipc_st *ipc) noexcept : ipc_(ipc) {}
 
     tav_ipc_st *handle() const noexcept { return ipc_; } // for the C functions
@@ -232,7 +281,7 @@ class EndpointRef {
 
     // To be awaited: the peer's application answers; the peer's library acknowledges a message; it
     // acknowledges a probe. Errors of the reply: EINVAL, EMSGSIZE, ENOBUFS, ENOMEM, ESHUTDOWN as
-    // tav_ipc_exchange_start, or IPC_ERR_TIMEOUT, IPC_ERR_CLOSED, or the code of the peer.
+    // tav_ipc_exchange_start, or IPC_ERR_NO_PEER, IPC_ERR_TIMEOUT, IPC_ERR_CLOSED, or the code of the peer.
     Exchange request(const Address &to, uint32_t command, Bytes payload, Timeout timeout) const noexcept {
         return {ipc_, TAV_IPC_EXCHANGE_REQUEST, to, command, payload, timeout};
     }
@@ -241,6 +290,19 @@ class EndpointRef {
     }
     Exchange probe(const Address &to, Timeout timeout) const noexcept {
         return {ipc_, TAV_IPC_EXCHANGE_PROBE, to, 0, {}, timeout};
+    }
+    // To be awaited: the peer has the whole file. path, and name (null: none), must live until then.
+    // progress(confirmed, size) gets bytes. Errors as tav_ipc_file_start.
+    template <class Progress>
+    FileTransfer<Progress> send_file(const Address &to, const char *path, const char *name, Timeout timeout,
+                                     Progress progress) const noexcept {
+        return {ipc_, to, path, name, timeout, std::move(progress)};
+    }
+
+    // Runs the loop until all messages have left or been dropped: no error, ETIMEDOUT, or as tav_ipc_flush.
+    std::error_code flush(Timeout timeout) const noexcept {
+        const int result = tav_ipc_flush(ipc_, milliseconds(timeout), nullptr);
+        return make_system_error(result < 0 ? errno : result > 0 ? ETIMEDOUT : 0);
     }
 
   protected:
@@ -257,7 +319,7 @@ template <class F> struct OnRequest { // called with (EndpointRef, const Request
     explicit OnRequest(F function) : call(std::move(function)) {}
     F call;
 };
-template <class F> struct OnFile { // called with (EndpointRef, const char *path); the file is the library's
+template <class F> struct OnFile { // called with (EndpointRef, const tav_ipc_file_st &)
     explicit OnFile(F function) : call(std::move(function)) {}
     F call;
 };
@@ -317,13 +379,12 @@ template <class... Handlers> class Endpoint : public EndpointRef {
             &handler);
     }
     template <class F> void attach(OnFile<F> &handler) noexcept {
-        tav_ipc_file_recv(
+        tav_ipc_on_file(
             ipc_,
-            [](tav_ipc_st *ipc, const char *path, void *user) {
-                static_cast<OnFile<F> *>(user)->call(EndpointRef(ipc), path);
-                return 0;
+            [](tav_ipc_st *ipc, const tav_ipc_file_st *file, void *user) {
+                static_cast<OnFile<F> *>(user)->call(EndpointRef(ipc), *file);
             },
-            &handler);
+            nullptr, &handler);
     }
     static Bytes bytes_at(const void *data, uint32_t size) noexcept {
         return {static_cast<const std::byte *>(data), size};

@@ -3,6 +3,8 @@
 // every message repeats one letter, so that a message mixed of two shows.
 #include "endpoint_world.h"
 #include "harness.h"
+#include "tavipc/tav_ipc_ext.h"
+#include "tavipc/tav_ipc_file_ext.h"
 
 namespace {
 
@@ -38,9 +40,10 @@ class Life : public EndpointWorld {
   private:
     void TestBody() override {}
     void step() {
-        static constexpr void (Life::*kSteps[])() = {
-            &Life::message,  &Life::fragments, &Life::raw,          &Life::relay,  &Life::pass_time,
-            &Life::complete, &Life::exchange,  &Life::send_message, &Life::toggle, &Life::fail_sends};
+        static constexpr void (Life::*kSteps[])() = {&Life::message,    &Life::fragments,    &Life::raw,
+                                                     &Life::relay,      &Life::pass_time,    &Life::complete,
+                                                     &Life::exchange,   &Life::send_message, &Life::toggle,
+                                                     &Life::fail_sends, &Life::cancel};
         (this->*kSteps[in_.u8() % std::size(kSteps)])();
     }
     int act() {
@@ -134,8 +137,7 @@ class Life : public EndpointWorld {
         if (!ipc) {
             ipc = which ? tav_ipc_create_temp("e1", 1) : tav_ipc_create("e0");
             listen(ipc);
-            tav_ipc_file_recv(
-                ipc, [](tav_ipc_st *, const char *, void *) { return current->act(); }, nullptr);
+            tav_ipc_on_file(ipc, on_file, on_file, nullptr);
             return;
         }
         if (std::exchange(closing_[which], true)) return; // completions inside may still use the handle
@@ -152,7 +154,7 @@ class Life : public EndpointWorld {
     }
     void exchange() {
         tav_ipc_st *ipc = slots_[slot()];
-        const uint8_t kind = in_.u8() % 4;
+        const uint8_t kind = in_.u8() % 6;
         const tav_addr_st dest = any_address();
         const int32_t timeout_s = static_cast<int8_t>(in_.u8());
         const std::string data = body('x');
@@ -162,6 +164,18 @@ class Life : public EndpointWorld {
         if (kind == 1) tav_ipc_send2(ipc, &dest, 2, data.data(), size, on_status, calls, timeout_s);
         if (kind == 2) tav_ipc_probe(ipc, &dest, on_status, calls);
         if (kind == 3) tav_ipc_send_file(ipc, &dest, kFile.c_str(), on_status, calls, timeout_s);
+        if (kind < 4) return;
+        const auto ms = static_cast<uint32_t>(timeout_s & 0x7F) * 10;
+        last_id_ = kind == 4 ? tav_ipc_exchange_start(ipc, size & 0x101, &dest, 1, data.data(), size, ms,
+                                                      on_exchange, calls)
+                             : tav_ipc_file_start(ipc, &dest, kFile.c_str(), size % 4 ? "name" : nullptr, ms,
+                                                  0, on_progress, on_done, calls);
+        if (last_id_ == 0) *calls = 1;
+    }
+    void cancel() {
+        tav_ipc_st *ipc = slots_[slot()];
+        if (tav_ipc_exchange_cancel(ipc, last_id_) != 0) tav_ipc_file_cancel(ipc, last_id_);
+        tav_ipc_file_drop(static_cast<uint32_t>(last_id_));
     }
     void complete() {
         const uint8_t nth = in_.u8(), status = in_.u8();
@@ -187,11 +201,21 @@ class Life : public EndpointWorld {
         return on_status(code, calls);
     }
 
+    static void on_exchange(uint64_t, int32_t code, uint32_t, const void *data, uint32_t len, void *calls) {
+        on_response(code, 0, data, len, calls);
+    }
+    static void on_done(uint64_t, int32_t code, void *calls) { on_status(code, calls); }
+    static void on_progress(uint64_t, uint64_t confirmed, uint64_t size, void *) {
+        FUZZ_CHECK(confirmed <= size), current->act();
+    }
+    static void on_file(tav_ipc_st *, const tav_ipc_file_st *, void *) { current->act(); }
+
     fuzz::Input &in_;
     tav_ipc_st *slots_[2] = {};
     bool closing_[2] = {}, tainted_ = false;      // tainted: the input wrote a datagram of its own
     std::vector<std::unique_ptr<int>> exchanges_; // calls of each callback
     unsigned depth_ = 0;
+    uint64_t last_id_ = 0; // of the newest exchange or transfer with one
     static inline Life *current;
 };
 

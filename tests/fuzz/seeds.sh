@@ -30,7 +30,7 @@ exchange() { printf %s "\\x06\\x00\\x0$1\\x01\\x05\\x00\\x08\\x05"; }           
 seed datagrams '\x01' "$(message 0 01 00 08)" "$(message 1 02 00 09)" "$(message 0 03 02 08)" '\x05\x00\x00'
 seed datagrams '\x01' "$(fragment 3 0)" "$(fragment 3 2)" "$(fragment 3 1)" "$(fragment 17 0)" '\x04\x03'
 for shape in 0 1 2 4 5 6; do seed datagrams '\x00' "$(fragment $shape 0)" "$(fragment $shape 1)" '\x04\x04\x04\x05'; done
-for kind in 0 1 2 3; do
+for kind in 0 1 2 3 4 5; do
     seed datagrams '\x01' "$(exchange $kind)" '\x03\x00\x03\x00\x05\x00\x00\x03\x00\x03\x00' "$(message 0 81 06 00)" '\x00\x01' '\x04\x05'
     seed datagrams '\x01' "$(message 1 1$kind 06 08)" "$(message 1 1$kind 06 08)" '\x08\x01' "$(message 0 1$kind 06 08)"
 done

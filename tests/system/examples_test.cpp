@@ -37,23 +37,27 @@ TEST_F(Examples, RequestServer) {
     EXPECT_EQ(client.finish(), 0);
 }
 
-TEST_F(Examples, FileDrop) {
-    const fs::path program = place.config().parent_path() / "bin/file_drop";
-    Process receiver = place.start("file_drop", {}, {"receive", place.config()});
-    receiver.expect("ready");
-    Process sender = place.start("file_drop", {}, {"send", program});
-    sender.expect("sent");
-    EXPECT_EQ(sender.finish(), 0);
-    const fs::path kept = receiver.expect("kept ");
-    EXPECT_EQ(fs::file_size(kept), fs::file_size(program));
+TEST_F(Examples, Files) {
+    for (const char *name : {"file_drop", "file_transfer"}) {
+        const fs::path program = place.config().parent_path() / "bin" / name;
+        Process receiver = place.start(name, {}, {"receive", place.config()});
+        receiver.expect("ready");
+        Process sender = place.start(name, {}, {"send", program});
+        sender.expect("sent");
+        EXPECT_EQ(sender.finish(), 0);
+        const fs::path kept = receiver.expect("kept ");
+        EXPECT_EQ(fs::file_size(kept), fs::file_size(program));
+    }
+    EXPECT_TRUE(fs::exists(place.config() / "file_transfer")) << "it is sent with its name";
 }
 
 TEST_F(Examples, Coroutines) {
     Process program = place.start("coroutines");
-    for (const char *line : {"request: Success hello", "confirmed: Success", "probe: Request timeout"})
+    for (const char *line : {"request: Success hello", "confirmed: Success", "probe: No such endpoint"})
         program.expect(line);
     program.expect("kept 1, done 1");
     EXPECT_EQ(program.finish(), 0);
+    place.start("request_pool").expect("answered 10, sum of the squares 28500, cancelled 90");
 }
 
 struct OtherLoops : Examples, testing::WithParamInterface<const char *> {};

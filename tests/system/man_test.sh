@@ -47,8 +47,10 @@ compile c++ -std=c++20 "$place/hello.cpp"
 page=include/tavipc/tavipc.hpp
 for compiler in c++ clang++; do
     if command -v $compiler >/dev/null; then
-        compile $compiler -std=c++20 examples/coroutines.cpp
-        compile $compiler -std=c++20 -fno-exceptions examples/coroutines.cpp
+        for program in coroutines file_transfer request_pool; do
+            compile $compiler -std=c++20 examples/$program.cpp
+            compile $compiler -std=c++20 -fno-exceptions examples/$program.cpp
+        done
     fi
 done
 

@@ -156,7 +156,7 @@ TEST_F(Exchanges, WithAnIdEndWithoutAPeerUnlessTheyWait) {
     EXPECT_THAT(done, ElementsAre("3:-114/0/null")) << "the second message is tried again";
     w.event.complete_all(), w.event.sends.clear();
     const uint64_t id = begin(beta, TAV_IPC_EXCHANGE_CONFIRMED | TAV_IPC_EXCHANGE_WAIT_FOR_PEER, 4);
-    for (int times = 0; times < 40; ++times) refuse(), w.event.advance(250);
+    for (int times = 0; times < 40; ++times) refuse(), w.event.advance(1000);
     EXPECT_EQ(w.event.sends.size(), 41u);
     tav_ipc_exchange_cancel(ipc_, id), refuse(), w.event.advance(10'000);
     EXPECT_EQ(w.event.pending(), 0u) << "nobody waits any more";

@@ -29,10 +29,9 @@ int on_done(int32_t code, void *) {
     return -1;
 }
 std::vector<std::string> events; // of a transfer or a received file
-std::function<void()> then_once; // runs in the next event
 void note(const std::string &text) {
     events.push_back(text);
-    if (const auto action = std::exchange(then_once, nullptr)) action();
+    if (const auto action = std::exchange(then, nullptr)) action(nullptr);
 }
 void on_progress(uint64_t, uint64_t confirmed, uint64_t size, void *) {
     note(std::to_string(confirmed) + '/' + std::to_string(size));
@@ -269,7 +268,7 @@ TEST_F(Files, EndOnceWhereverTheyAreCancelled) {
     EXPECT_THAT(events, ElementsAre("64000/200000", "-113"));
     EXPECT_EQ(sent(w.event.sends.size() - 1).payload, announcement(2, UINT64_MAX, ""));
     for (const auto &[action, code] : {std::pair(cancel, "-113"), {reopen, "-103"}}) {
-        reopen(), then_once = action, transfer();
+        reopen(), then = [&](auto) { action(); }, transfer();
         EXPECT_THAT(events, ElementsAre("64000/200000", code)) << "in the progress callback";
         EXPECT_GE(at_each_line(ipc, transfer, action), 4u); // of a log that each send writes
     }
@@ -287,7 +286,7 @@ TEST_F(Files, TellTheReceiverWhatTheyAre) {
     EXPECT_EQ(deliver(ipc, IPC_FLAG_PROBE, announcement(1, 1, "evil"), "delta"), -106);
     EXPECT_EQ(deliver(ipc, IPC_FLAG_PROBE, announcement(1, 1, "good")), 0);
     deliver(ipc, IPC_FLAG_PROBE, announcement(2, 0, ""), "delta"); // withdraws nothing
-    then_once = [] { EXPECT_EQ(tav_ipc_file_drop(1), 0); };
+    then = [](auto) { EXPECT_EQ(tav_ipc_file_drop(1), 0); };
     EXPECT_EQ(deliver(ipc, IPC_FLAG_FILE, "y"), -108);
     EXPECT_EQ(deliver(ipc, IPC_FLAG_FILE, "z"), -108) << "it does not begin anew";
     EXPECT_EQ(tav_ipc_get_file_path(nullptr, 1), nullptr);

@@ -1,6 +1,7 @@
 // The receive path: what is believed of a datagram, how fragments and compressed payloads are restored, who
 // gets the message, and callbacks that destroy the endpoint under it.
 #include "endpoint_world.h"
+#include "tavipc/tav_ipc_ext.h"
 #include "ipc/reassembly.h"
 #include "ipc/receive.h"
 #include "tavipc/tav_compress.h"
@@ -93,9 +94,10 @@ TEST_F(ReceiveTest, FlagsDecideWhoGetsTheMessage) {
             address("beta", 2, 0, 55), *tav_ipc_get_local_addr(ipc_), 99, IPC_FLAG_ACK, 0, 0, 4, 0, {}, 0, 0};
         EXPECT_EQ(w.event.sends[0].bytes, (Datagram{"", expected, bytes_of(result)}.bytes()));
     }
-    ipc_->on_request = nullptr;
+    EXPECT_EQ(tav_ipc_unset_callbacks(ipc_, 8), -1);
+    tav_ipc_unset_callbacks(ipc_, TAV_IPC_CALLBACK_REQUEST);
     EXPECT_EQ(feed(message("hello", kRequest)), Calls{got("hello")});
-    ipc_->msg_recv = nullptr;
+    tav_ipc_unset_callbacks(ipc_, TAV_IPC_CALLBACK_MESSAGE);
     EXPECT_EQ(feed(message("hello")), Calls{});
 }
 

@@ -1,5 +1,5 @@
-// tavctl recvfile: moves each file that arrives into a directory, named after the time of its arrival: the
-// name that its sender gave is only shown.
+// tavctl recvfile: moves each file that arrives into a directory, under the name that its sender gave it. One
+// without a name, and one whose name would hide it, is named after the time of its arrival.
 #include <deque>
 #include <future>
 
@@ -76,7 +76,9 @@ std::string copy(const std::string &from, const std::string &directory, const st
 
 Received store(const std::string &directory, Received received) {
     try {
-        const std::string wanted = directory + "/" + received.time.format("file-%Y%m%d-%H%M%S");
+        const bool named = !received.name.empty() && received.name[0] != '.';
+        const std::string wanted =
+            directory + "/" + (named ? received.name : received.time.format("file-%Y%m%d-%H%M%S"));
         received.path = give_name(received.temporary, wanted);
         if (received.path.empty()) received.path = copy(received.temporary, directory, wanted);
         const UniqueFd file(open(received.path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -120,9 +122,7 @@ class Receiver {
         ++stored;
         Record record("type", "file", "time", file.time, "path", file.path, "from", file.from);
         record.add("name", file.name, "bytes", file.digest.size, "sha256", file.digest.sha256);
-        const std::string name = file.name.empty() ? "" : record.fill(", \"{name}\"");
-        out_.say(record, "{time}  {path}, {bytes,} bytes from {from}",
-                 name + "\n  sha256 " + file.digest.sha256);
+        out_.say(record, "{time}  {path}, {bytes,} bytes from {from}\n  sha256 {sha256}");
     }
     void say_failed(const Received &file) {
         ++failed;
