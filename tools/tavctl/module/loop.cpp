@@ -11,7 +11,16 @@ namespace {
 
 constexpr double kSlice_ms = 100; // a signal does not end a turn of the loop
 
-volatile std::sig_atomic_t was_interrupted = 0;
+volatile std::sig_atomic_t interrupts = 0;
+void (*before_death)() = nullptr;
+void on_interrupt(int signal) {
+    interrupts = interrupts + 1;
+    if (interrupts > 1) {
+        if (before_death) before_death();
+        std::signal(signal, SIG_DFL);
+        std::raise(signal);
+    }
+}
 
 struct Log {
     std::string newest; // line of level 2 or less
@@ -28,14 +37,17 @@ void keep_line(int level, const char *source, int, const char *text, void *) {
 
 } // namespace
 
-void catch_interrupts() {
-    struct sigaction action {};
-    action.sa_handler = [](int) { was_interrupted = 1; };
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
+void catch_interrupts(void (*last_act)()) {
+    before_death = last_act;
+    struct sigaction action {
+    }, before{};
+    action.sa_handler = on_interrupt;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGHUP, &action, &before);
+    if (before.sa_handler == SIG_IGN) std::signal(SIGHUP, SIG_IGN); // as nohup sets it
 }
-bool interrupted() { return was_interrupted != 0; }
+bool interrupted() { return interrupts > 0; }
 
 bool run_until(const std::function<bool()> &done, double limit_s) {
     const double end = now_seconds() + limit_s;

@@ -12,9 +12,9 @@
 namespace tavctl {
 
 // --- the event loop (loop.cpp)
-// From now on a first Ctrl-C or SIGTERM ends a wait instead of the process, so that statistics are printed
-// and socket files are removed. A second one of the same kind ends the process.
-void catch_interrupts();
+// From now on a first Ctrl-C, SIGTERM or SIGHUP ends a wait instead of the process, so that statistics are
+// printed and socket files are removed. A second one ends the process, after last_act in the signal handler.
+void catch_interrupts(void (*last_act)() = nullptr);
 bool interrupted();
 
 // Runs the loop until done() holds, which is called after each turn. False when the time was over first, or
