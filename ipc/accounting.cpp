@@ -8,32 +8,15 @@
 #include <utility>
 
 #include "common/log.h"
+#include "ipc/monitor.h"
 #include "ipc/socket_directory.h"
 #include "ipc/wire.h"
 
 namespace tavipc {
 namespace {
 
-static_assert(TAV_IPC_STATS_ACCEPTED_BYTES == TAV_IPC_STATS_ACCEPTED + 1);
-static_assert(TAV_IPC_STATS_LEFT_BYTES == TAV_IPC_STATS_LEFT + 1);
-static_assert(TAV_IPC_STATS_QUEUED_BYTES == TAV_IPC_STATS_QUEUED + 1);
-static_assert(TAV_IPC_STATS_IN_FLIGHT_BYTES == TAV_IPC_STATS_IN_FLIGHT + 1);
-
-void begin_waiting(Account &account, uint64_t now_ms) {
-    if (account.outstanding++ == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, now_ms);
-}
-
 void end_waiting(Account &account) {
     if (--account.outstanding == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, 0);
-}
-
-FragmentBlock *block_of(const ipc_queue_msg_st &msg) {
-    return msg.data_free ? FragmentBlock::of(msg) : nullptr;
-}
-
-void begin_message(const BothValues &both, tav_ipc_st *ipc) {
-    both.add(TAV_IPC_STATS_MESSAGES, 1);
-    ++ipc->messages.pending;
 }
 
 void end_message(tav_ipc_st *ipc, bool complete) {
@@ -50,6 +33,10 @@ void end_datagram(const ipc_queue_msg_st &msg, bool left) {
     MessageFate &fate = block->fate;
     fate.failed |= !left;
     if (--fate.outstanding == 0 && fate.submitted) end_message(msg.ipc, !fate.failed);
+}
+
+void monitor_record(const ipc_queue_msg_st &msg, tav_ipc_monitor_event event, uint32_t reason = 0) {
+    monitor_datagram(msg.ipc, event, msg.data, msg.size, reason, msg.try_times);
 }
 
 } // namespace
@@ -78,20 +65,10 @@ bool open_destination_account(const tav_ipc_st *ipc, Destination &to) {
 
 // --- a datagram on its way out
 
-void account_accepted(const ipc_queue_msg_st &msg, uint64_t now_ms) {
-    const BothValues both(msg);
-    both.add(TAV_IPC_STATS_ACCEPTED, 1, msg.size);
-    begin_waiting(msg.ipc->account, now_ms);
-    begin_waiting(destination_of(*msg.mod).account, now_ms);
-    FragmentBlock *block = block_of(msg);
-    if (!block) return begin_message(both, msg.ipc);
-    both.add(TAV_IPC_STATS_FRAGMENTS, 1);
-    ++block->fate.outstanding;
-    if (!std::exchange(block->fate.begun, true)) begin_message(both, msg.ipc);
-}
-
 void account_queued(const ipc_queue_msg_st &msg) {
-    if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_QUEUED, 1, msg.size);
+    if (!is_counted(msg)) return;
+    BothValues(msg).add(TAV_IPC_STATS_QUEUED, 1, msg.size);
+    monitor_record(msg, TAV_IPC_MONITOR_WAITING);
 }
 
 void account_unqueued(const ipc_queue_msg_st &msg) {
@@ -101,6 +78,7 @@ void account_unqueued(const ipc_queue_msg_st &msg) {
 void account_left(const ipc_queue_msg_st &msg) {
     if (!is_counted(msg)) return;
     BothValues(msg).add(TAV_IPC_STATS_LEFT, 1, msg.size);
+    monitor_record(msg, TAV_IPC_MONITOR_SENT);
     end_datagram(msg, true);
 }
 
@@ -109,6 +87,7 @@ void account_dropped(const ipc_queue_msg_st &msg, Counter reason) {
     const BothValues both(msg);
     both.add(reason, 1);
     both.add(TAV_IPC_STATS_DROPPED_BYTES, msg.size);
+    monitor_record(msg, TAV_IPC_MONITOR_DROPPED, reason);
     end_datagram(msg, false);
 }
 
@@ -145,19 +124,23 @@ void account_fragments_submitted(tav_ipc_st *ipc, FragmentBlock &block, bool all
 
 // --- a datagram on its way in
 
-void account_received(const tav_ipc_st *ipc, const void *, uint32_t size) {
+void account_received(const tav_ipc_st *ipc, const void *datagram, uint32_t size) {
     add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED, 1);
     add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED_BYTES, size);
+    monitor_datagram(ipc, TAV_IPC_MONITOR_RECEIVED, datagram, size);
 }
 
-void account_bad(const tav_ipc_st *ipc, const void *, uint32_t size, Counter reason) {
+void account_bad(const tav_ipc_st *ipc, const void *data, uint32_t size, Counter reason) {
     add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED, 1);
     add_to(ipc->account.values, TAV_IPC_STATS_RECEIVED_BYTES, size);
     add_to(ipc->account.values, reason, 1);
+    monitor_datagram(ipc, TAV_IPC_MONITOR_REFUSED, data, data ? size : 0, reason);
 }
 
-void account_not_taken(const tav_ipc_st *ipc, const tav_ipc_hdr_st &, const void *, Counter reason) {
+void account_not_taken(const tav_ipc_st *ipc, const tav_ipc_hdr_st &header, const void *payload,
+                       Counter reason) {
     add_to(ipc->account.values, reason, 1);
+    monitor_parts(ipc, {TAV_IPC_MONITOR_REFUSED, reason, 0, &header, sizeof header, payload, header.size});
 }
 
 void account_delivered(const tav_ipc_st *ipc) { add_to(ipc->account.values, TAV_IPC_STATS_DELIVERED, 1); }
@@ -178,6 +161,14 @@ void account_exchange_over(const tav_ipc_st *ipc, Counter how) {
     if (!ipc) return;
     add_to(ipc->account.values, how, 1);
     add_to(ipc->account.values, TAV_IPC_STATS_EXCHANGES_OPEN, UINT64_MAX);
+}
+
+void account_handler_time(const tav_ipc_st *ipc, const timespec &begin, const timespec &end) {
+    const int64_t spent_ms =
+        (int64_t{end.tv_sec} - begin.tv_sec) * 1000 + (int64_t{end.tv_nsec} - begin.tv_nsec) / 1'000'000;
+    uint64_t *values = ipc->account.values;
+    if (spent_ms > static_cast<int64_t>(count_of(values, TAV_IPC_STATS_HANDLER_LONGEST_MS)))
+        set_to(values, TAV_IPC_STATS_HANDLER_LONGEST_MS, static_cast<uint64_t>(spent_ms));
 }
 
 } // namespace tavipc

@@ -14,6 +14,8 @@
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
 #include "ipc/ipc_file.h"
+#include "ipc/monitor.h"
+#include "ipc/peer_watch.h"
 #include "ipc/reassembly.h"
 #include "ipc/receive.h"
 #include "ipc/send.h"
@@ -52,6 +54,7 @@ int open_queue(tav_ipc_st *ipc) {
 }
 
 void close_queue(tav_ipc_st *ipc) {
+    settle_sent(0);         // what has left counts as that
     abandon_in_flight(ipc); // closing the sockets completes these sends
     assert(nothing_in_flight(*ipc->queue));
     MallocPtr<ipc_queue_st> queue(std::exchange(ipc->queue, nullptr));
@@ -74,6 +77,7 @@ int open_endpoint(tav_ipc_st *ipc, const Options &options) {
     arm_destination_sweep(ipc);
     if (open_endpoint_account(ipc) && open_requests(ipc)) {
         if (options.accept_files) resume_file_sweep();
+        open_monitor_tap(ipc);
         return 0;
     }
     stop_timer(ipc->mod_sweep_timer);
@@ -162,8 +166,10 @@ void tav_ipc_destroy(tav_ipc_st *ipc) noexcept {
     if (users > 0)
         TAV_LOG(1, "tav_ipc", "[ipc_thread_safe: %s]destroy ipc handler in using: %ld", "tav_ipc_destroy",
                 static_cast<long>(users));
+    close_peer_watches(ipc);
     close_requests(ipc);
     close_queue(ipc);
+    close_monitor_tap(ipc);
     release_fragments(ipc);
     stop_timer(ipc->mod_sweep_timer);
     close_account(ipc->account);

@@ -16,11 +16,13 @@
 #include <dirent.h>
 #include <memory>
 #include <string_view>
+#include <sys/socket.h>
 
 #include "common/facts.h"
 #include "common/keep_errno.h"
 #include "common/log.h"
 #include "common/relaxed.h"
+#include "common/unique_fd.h"
 #include "ipc/stats_file.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
@@ -69,12 +71,6 @@ class PathWriter {
     size_t left_; // bytes, with the terminator's, so never 0
     bool complete_ = true;
 };
-
-bool directory_path(char *out, size_t size, int32_t location) {
-    PathWriter path(out, size);
-    path.append_directory(location);
-    return path.finish();
-}
 
 struct CloseDirectory {
     void operator()(DIR *directory) const { ::closedir(directory); }
@@ -125,6 +121,12 @@ cl_dunix_t bind_socket(int32_t location, const char *name, char (&path)[kPathSiz
 
 } // namespace
 
+bool directory_path(char *out, size_t size, int32_t location) {
+    PathWriter path(out, size);
+    path.append_directory(location);
+    return path.finish();
+}
+
 bool socket_path(char *out, size_t size, int32_t location, const char *name) {
     if (!out || size == 0) return false;
     PathWriter path(out, size);
@@ -139,6 +141,20 @@ void sending_socket_name(char *out, size_t size, pid_t pid, int number) {
 
 void stats_file_name(char *out, size_t size, pid_t pid) {
     str_snprintf(out, static_cast<int>(size), "ipc%d.stats", static_cast<int>(pid));
+}
+
+Presence look_for_peer(int32_t location, const char *name) noexcept {
+    char path[sizeof(sockaddr_un)];
+    cl_sockaddr_t address;
+    if (!socket_path(path, sizeof path, location, name) || cl_sockaddr_un_init(&address, path) != 0)
+        return Presence::kAbsent;
+    const KeepErrno keep;
+    const UniqueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!probe) return Presence::kUnknown;
+    // A live socket whose queue is full accepts the connection, too.
+    const auto *peer = reinterpret_cast<const sockaddr *>(&address.addr);
+    if (::connect(probe.get(), peer, address.len) == 0) return Presence::kPresent;
+    return errno == ENOMEM || errno == ENOBUFS || errno == EINTR ? Presence::kUnknown : Presence::kAbsent;
 }
 
 void remove_stale_socket_files(int32_t location) noexcept {

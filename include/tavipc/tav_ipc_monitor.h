@@ -1,12 +1,19 @@
 /* tav_ipc_monitor.h - what a running module tells a monitor: copies of its messages, and what a monitor may
  * ask of it.
  *
- * A monitor binds a Unix datagram socket "ipc<pid>.monitor" in the socket directory of a location. Each
- * process with an endpoint there notices the file at once, connects a socket of its own to it, and sends one
- * TAV_IPC_MONITOR_HELLO. From then on it sends a copy of each datagram as a tav_ipc_monitor_record_st, without
- * waiting: what the monitor's socket does not take is counted in `missed` of the next copy. A module accepts a
- * monitor only if the socket file belongs to root or to the module's own effective user, and takes commands
- * only from a process of such a user (SCM_CREDENTIALS). At most 4 monitors at a time are served.
+ * A monitor binds a socket at "ipc.monitor0" in the socket directory of a location, or at the first free name
+ * up to "ipc.monitor3": at most 4 are served. It is a SOCK_SEQPACKET socket, which then listens; a SOCK_DGRAM
+ * socket is served, too, but holds net.unix.max_dgram_qlen copies only. When the socket takes connections, the
+ * monitor sets the mode of its file (chmod, 0600; to what it was is enough): modules watch for changed modes,
+ * so the many other files of the directory wake nobody.
+ *
+ * Each endpoint there connects a socket of its own: at once, or, if it is younger than a quarter of a second,
+ * when it has that age; one that is made later does it while it is made. It sends one TAV_IPC_MONITOR_HELLO,
+ * and from then on a copy of each datagram as a tav_ipc_monitor_record_st, without waiting: what the monitor's
+ * socket does not take is counted in `missed` of the next copy. An endpoint that the backlog of the monitor
+ * refuses is missing until the mode is set again. A module accepts a monitor only if the socket file belongs to
+ * root or to the module's own effective user, and takes commands only from a process of such a user
+ * (SCM_CREDENTIALS). Modules leave a monitor whose socket is closed.
  *
  * Both records are datagrams of their own. Integers are in host order. A receiver ignores records with another
  * magic, and reads record_size bytes before what follows.
@@ -18,8 +25,11 @@
 
 enum {
     TAV_IPC_MONITOR_MAGIC = 0x4e4f4d54, /* "TMON" in memory on a little-endian machine */
-    TAV_IPC_MONITOR_VERSION = 1
+    TAV_IPC_MONITOR_VERSION = 1,
+    TAV_IPC_MONITOR_MAX = 4 /* names, from 0 */
 };
+
+#define TAV_IPC_MONITOR_NAME "ipc.monitor" /* and a digit */
 
 enum tav_ipc_monitor_event {
     TAV_IPC_MONITOR_HELLO = 0,    /* a module has connected; no datagram follows */
@@ -53,7 +63,7 @@ enum tav_ipc_monitor_command {
     TAV_IPC_MONITOR_LOG_LEVEL = 2 /* value: the log level of the process, 0 to 4 */
 };
 
-/* From the monitor to the address that a hello came from. */
+/* From the monitor: to the connection, or for a SOCK_DGRAM socket to the address that a hello came from. */
 typedef struct tav_ipc_monitor_command_st {
     uint32_t magic;
     uint16_t version;

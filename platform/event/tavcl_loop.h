@@ -4,7 +4,8 @@
  * The rules of tavcl_ev.h hold here, too: handles are values and never reused, a callback may call anything,
  * fork makes all handles stale in the child. Two functions may be called from any thread: cl_event_loop_wake
  * and cl_event_loop_post. Two may be called in a signal handler: cl_event_loop_wake, and cl_event_loop_stop
- * of tavcl_ev.h. A library in place of this one may lack all functions of this header; libtavipc uses none.
+ * of tavcl_ev.h. A library in place of this one may lack all functions of this header: without
+ * cl_io_start libtavipc notices no monitors, and notices peers up to a second late.
  */
 #ifndef TAVIPC_TAVCL_LOOP_H
 #define TAVIPC_TAVCL_LOOP_H

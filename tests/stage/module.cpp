@@ -7,6 +7,8 @@
 //   exchange WHAT DEST ID SIZE TIMEOUT                exchanging ID DIGEST, exchanged ID CODE DIGEST
 //   file DEST PATH TIMEOUT                            sending SIZE DIGEST (of a regular file), file RESULT
 //   descriptors N (the limit of open descriptors)     done
+//   watch PEER EVENT (which closes the endpoint)      for each event: peer PEER EVENT
+//   fork                                              child N (inotify descriptors that it has)
 //   (a message, a request or a file arrives)          msg SOURCE CMD SIZE US DIGEST,
 //                                                     asked SOURCE CMD SIZE DIGEST, got SIZE DIGEST
 //   (a line of the log)                               log LEVEL SOURCE TEXT
@@ -24,11 +26,13 @@
 #include <vector>
 
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <uv.h>
 
 #include "tavbase.h"
 #include "tavcl_ev.h"
 #include "tavipc/tav_ipc.h"
+#include "tavipc/tav_ipc_watch.h"
 
 namespace {
 
@@ -157,6 +161,24 @@ void send_file(const std::string &to, const std::string &path, int timeout_s) {
     tav_ipc_send_file(endpoint, &dest, path.c_str(), report, nullptr, timeout_s);
 }
 
+void watch(const char *peer, int last_event) {
+    const auto report = [](uint64_t, int event, const char *name, void *last) {
+        say("peer", name, event);
+        if (event == static_cast<int>(reinterpret_cast<intptr_t>(last))) close_endpoint();
+    };
+    if (!tav_ipc_watch(endpoint, peer, report, reinterpret_cast<void *>(intptr_t{last_event})))
+        say("refused");
+}
+
+void fork_child() {
+    if (const pid_t child = fork()) return static_cast<void>(waitpid(child, nullptr, 0));
+    size_t found = 0;
+    for (const auto &fd : std::filesystem::directory_iterator("/proc/self/fd"))
+        if (std::error_code gone; std::filesystem::read_symlink(fd, gone) == "anon_inode:inotify") ++found;
+    say("child", found);
+    _exit(0);
+}
+
 bool limit_descriptors(rlim_t number) {
     const rlimit limit{number, number};
     return setrlimit(RLIMIT_NOFILE, &limit) == 0;
@@ -179,6 +201,10 @@ void execute(const std::string &line) {
         send_file(w[1], w[2], std::stoi(w[3]));
     else if (is("descriptors", 2))
         say(limit_descriptors(number(1)) ? "done" : "refused");
+    else if (is("watch", 3))
+        watch(w[1].c_str(), std::stoi(w[2]));
+    else if (is("fork", 1))
+        fork_child();
     else
         say("cannot:", line);
 }

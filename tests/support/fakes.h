@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "tavbase.h"
-#include "tavcl_ev.h"
+#include "tavcl_loop.h"
 
 namespace fake {
 

@@ -1,0 +1,218 @@
+#include "ipc/directory_watch.h"
+
+#include <cassert>
+#include <cstring>
+#include <new>
+#include <pthread.h>
+#include <sys/inotify.h>
+#include <sys/timerfd.h>
+#include <utility>
+
+#include "common/facts.h"
+#include "common/keep_errno.h"
+#include "ipc/socket_directory.h"
+#include "ipc/unshared_fd.h"
+#include "tavcl_loop.h"
+
+#pragma weak cl_io_start // another event library may lack them
+#pragma weak cl_io_stop
+
+namespace tavipc {
+namespace {
+
+constexpr long kShortLife_ms = 250; // an endpoint of a command-line tool rarely lives longer
+constexpr long kRetry_ms = 5000;
+constexpr uint32_t kModeEvents = IN_ATTRIB | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr uint32_t kFileEvents = kModeEvents | IN_CREATE | IN_DELETE | IN_MOVE;
+
+constexpr pthread_key_t kNoKey = ~pthread_key_t{0}; // functions refuse it
+
+UniqueFd make_timer(long delay_ms) {
+    UniqueFd fd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    const itimerspec once{{}, {delay_ms / 1000, delay_ms % 1000 * 1'000'000}};
+    if (fd && ::timerfd_settime(fd.get(), 0, &once, nullptr) != 0) fd.reset();
+    return fd;
+}
+
+} // namespace
+
+// What the listeners of one thread and location share. It lives from the first to the last of them.
+class DirectoryWatch {
+  public:
+    // The calling thread's; made on first use. Null when memory is short.
+    static DirectoryWatch *get(int32_t location) noexcept;
+    ~DirectoryWatch();
+
+    void add(DirectoryListener &listener) noexcept;
+    void remove(DirectoryListener &listener) noexcept; // may delete the watch
+    void read_events() noexcept;
+
+  private:
+    static void at_thread_end(void *first) noexcept;
+    static pthread_key_t thread_key() noexcept;
+
+    explicit DirectoryWatch(int32_t location) noexcept : location_(location), forks_(fork_count()) {}
+    static void on_ready(cl_io_t, int, void *self) noexcept;
+    void watch(UniqueFd fd, bool inotify) noexcept;
+    void open() noexcept;
+    bool set_events(int fd) const noexcept;
+    void close() noexcept;
+    void tell(const char *name, bool removed) const noexcept;
+
+    const int32_t location_;
+    const uint32_t forks_;
+    bool detached_ = false; // its thread has ended
+    bool inotify_ = false;  // what fd_ is; else a timer
+    UnsharedFd fd_;
+    cl_io_t io_ = 0;
+    DirectoryListener *listeners_ = nullptr;
+    DirectoryWatch *next_ = nullptr;
+};
+
+// Endpoints may outlive their thread.
+void DirectoryWatch::at_thread_end(void *first) noexcept {
+    for (auto *watch = static_cast<DirectoryWatch *>(first); watch; watch = watch->next_) {
+        watch->detached_ = true;
+        watch->close();
+    }
+}
+
+// The key of each thread's list. A thread_local variable with a destructor would end the process when memory
+// is short.
+pthread_key_t DirectoryWatch::thread_key() noexcept {
+    static const pthread_key_t key = [] {
+        pthread_key_t made = kNoKey;
+        return ::pthread_key_create(&made, at_thread_end) == 0 ? made : kNoKey;
+    }();
+    return key;
+}
+
+DirectoryWatch *DirectoryWatch::get(int32_t location) noexcept {
+    auto *const first = static_cast<DirectoryWatch *>(::pthread_getspecific(thread_key()));
+    for (DirectoryWatch *found = first; found; found = found->next_)
+        if (found->location_ == location && found->forks_ == fork_count()) return found;
+    auto *made = new (std::nothrow) DirectoryWatch(location);
+    if (!made) return nullptr;
+    made->next_ = first;
+    if (::pthread_setspecific(thread_key(), made) == 0) return made;
+    made->detached_ = true;
+    delete made;
+    return nullptr;
+}
+
+DirectoryWatch::~DirectoryWatch() {
+    close();
+    if (detached_) return;
+    auto *first = static_cast<DirectoryWatch *>(::pthread_getspecific(thread_key()));
+    DirectoryWatch **link = &first;
+    while (*link && *link != this) link = &(*link)->next_;
+    if (*link) *link = next_;
+    ::pthread_setspecific(thread_key(), first);
+}
+
+void DirectoryWatch::close() noexcept {
+    if (cl_io_stop) cl_io_stop(io_);
+    io_ = 0;
+    fd_.reset();
+}
+
+// The release of the thread's loop ends the watch for the descriptor unseen, so each new listener starts it
+// again.
+void DirectoryWatch::add(DirectoryListener &listener) noexcept {
+    listener.next_ = std::exchange(listeners_, &listener);
+    if (!cl_io_start || !cl_io_stop) return;
+    const bool files = listener.interest_ == DirectoryListener::Interest::kFiles;
+    if (files && !(fd_ && inotify_)) return open();
+    if (!fd_) return watch(make_timer(kShortLife_ms), false);
+    if (files) set_events(fd_.get());
+    cl_io_stop(io_);
+    io_ = cl_io_start(fd_.get(), CL_IO_READ, on_ready, this);
+}
+
+void DirectoryWatch::remove(DirectoryListener &listener) noexcept {
+    DirectoryListener **link = &listeners_;
+    while (*link != &listener) link = &(*link)->next_;
+    *link = listener.next_;
+    if (!listeners_) {
+        delete this;
+    } else if (fd_ && inotify_ && listener.interest_ == DirectoryListener::Interest::kFiles) {
+        set_events(fd_.get());
+    }
+}
+
+void DirectoryWatch::watch(UniqueFd fd, bool inotify) noexcept {
+    close();
+    if (!fd_.take(std::move(fd))) return;
+    inotify_ = inotify;
+    io_ = cl_io_start(fd_.get(), CL_IO_READ, on_ready, this);
+    if (!io_) fd_.reset();
+}
+
+bool DirectoryWatch::set_events(int fd) const noexcept {
+    char path[kLongestSocketPath + 1];
+    if (!directory_path(path, sizeof path, location_)) return false;
+    uint32_t events = kModeEvents;
+    for (const DirectoryListener *listener = listeners_; listener; listener = listener->next_)
+        if (listener->interest_ == DirectoryListener::Interest::kFiles) events = kFileEvents;
+    return ::inotify_add_watch(fd, path, events) >= 0;
+}
+
+void DirectoryWatch::open() noexcept {
+    UniqueFd fd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!fd || !set_events(fd.get())) return watch(make_timer(kRetry_ms), false);
+    watch(std::move(fd), true);
+    tell(nullptr, false); // it may have changed before
+}
+
+void DirectoryWatch::tell(const char *name, bool removed) const noexcept {
+    for (const DirectoryListener *listener = listeners_; listener; listener = listener->next_)
+        listener->handler_(listener->owner_, name, removed);
+}
+
+void DirectoryWatch::on_ready(cl_io_t, int, void *self) noexcept {
+    const KeepErrno keep;
+    auto &watch = *static_cast<DirectoryWatch *>(self);
+    if (watch.inotify_)
+        watch.read_events();
+    else
+        watch.open();
+}
+
+void DirectoryWatch::read_events() noexcept {
+    constexpr size_t kBytes = 4096; // at least 15 events of the longest names
+    alignas(inotify_event) char buffer[kBytes];
+    bool lost = false; // the directory
+    while (fd_ && inotify_ && !lost) {
+        const ssize_t size = ::read(fd_.get(), buffer, sizeof buffer);
+        if (size <= 0) break;
+        for (ssize_t at = 0; at < size;) {
+            inotify_event event;
+            std::memcpy(&event, buffer + at, sizeof event);
+            const char *name = event.len > 0 ? buffer + at + sizeof event : nullptr;
+            at += static_cast<ssize_t>(sizeof event + event.len);
+            lost = lost || (event.mask & (IN_IGNORED | IN_MOVE_SELF));
+            // An event without a name is about the directory. One that was lost may have removed anything.
+            tell(name, event.mask & (IN_DELETE | IN_MOVE));
+        }
+    }
+    if (lost) open();
+}
+
+void DirectoryListener::start(int32_t location) noexcept {
+    assert(!watch_);
+    const KeepErrno keep;
+    watch_ = DirectoryWatch::get(location);
+    if (watch_) watch_->add(*this);
+}
+
+void DirectoryListener::stop() noexcept {
+    const KeepErrno keep;
+    if (watch_) std::exchange(watch_, nullptr)->remove(*this);
+}
+
+void DirectoryListener::catch_up() noexcept {
+    const KeepErrno keep;
+    if (watch_) watch_->read_events();
+}
+
+} // namespace tavipc

@@ -1,0 +1,53 @@
+// Tells endpoints at once, through the loop of their thread, what changes in their socket directory.
+//
+// All listeners of one thread and location share one inotify descriptor, because a user may have few of them
+// (fs.inotify.max_user_instances, often 128), and an endpoint's directory sees many files of others: without
+// a listener for files the kernel wakes the thread for changed modes only. Closing an inotify descriptor
+// blocks for about 11 ms, also at the end of the process. So a program that has an endpoint for less than a
+// quarter of a second, as command-line tools do, gets none: a timer's descriptor is watched in its place
+// until then. The same timer retries when the directory is gone or no inotify descriptor is to be had.
+//
+// Nothing is noticed with an event library that cannot watch descriptors. A forked child has the listeners of
+// its parent, but they hear nothing there.
+#pragma once
+
+#include <cstdint>
+
+namespace tavipc {
+
+class DirectoryWatch;
+
+class DirectoryListener {
+  public:
+    enum class Interest {
+        kModes, // the mode or owner of a file has changed
+        kFiles  // and a file has come, gone or been renamed
+    };
+    // What may have changed: one file, or everything if name is null. removed: a file of this name has gone,
+    // or has been replaced by renaming another. Handlers reach no user code, and neither start nor stop
+    // listeners.
+    using Handler = void (*)(void *owner, const char *name, bool removed);
+
+    DirectoryListener(Interest interest, Handler handler, void *owner) noexcept
+        : interest_(interest), handler_(handler), owner_(owner) {}
+    ~DirectoryListener() { stop(); }
+    DirectoryListener(const DirectoryListener &) = delete;
+    DirectoryListener &operator=(const DirectoryListener &) = delete;
+
+    // Starts on the calling thread, once. Listening is best effort: there is no result.
+    void start(int32_t location) noexcept;
+    // On the same thread, or after its end.
+    void stop() noexcept;
+    // Handles what has changed until now, for all listeners of the watch.
+    void catch_up() noexcept;
+
+  private:
+    friend class DirectoryWatch;
+    const Interest interest_;
+    const Handler handler_;
+    void *const owner_;
+    DirectoryWatch *watch_ = nullptr;
+    DirectoryListener *next_ = nullptr;
+};
+
+} // namespace tavipc

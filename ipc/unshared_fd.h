@@ -1,0 +1,40 @@
+// Descriptors of libtavipc that a forked child does not keep: the child's copy of an inotify descriptor would
+// take the parent's events, and one of a connection would hide the parent's end from the other side.
+//
+// All are in one list of the process. The child closes them before fork returns, those of threads that do not
+// exist in the child included. Their owners find them empty then.
+#pragma once
+
+#include <cstdint>
+
+#include "common/unique_fd.h"
+
+namespace tavipc {
+
+class UnsharedFd {
+  public:
+    UnsharedFd() = default;
+    ~UnsharedFd() { reset(); }
+    UnsharedFd(const UnsharedFd &) = delete;
+    UnsharedFd &operator=(const UnsharedFd &) = delete;
+
+    // Closes what it has and takes fd. False, with errno set, when fd is empty or memory is short.
+    [[nodiscard]] bool take(UniqueFd fd) noexcept;
+    void reset() noexcept;
+    int get() const noexcept { return fd_; }
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+
+  private:
+    static void close_all_in_child() noexcept;
+    static bool watch_forks() noexcept;
+
+    int fd_ = -1;
+    UnsharedFd *next_ = nullptr;
+    UnsharedFd **link_ = nullptr; // what points at this one
+};
+
+// How often a fork has made this process from its first ancestor with an UnsharedFd: what has another value
+// belongs to the parent.
+uint32_t fork_count() noexcept;
+
+} // namespace tavipc
