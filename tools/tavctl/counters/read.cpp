@@ -80,7 +80,10 @@ class Reader {
 
     void read_records() {
         const size_t size = header_.record_size;
-        const size_t most = (kLargestFile - header_.header_size) / size;
+        struct stat info {};
+        fstat(fd_, &info); // the header may claim more records than the file has
+        const size_t there = std::min(static_cast<size_t>(info.st_size), kLargestFile);
+        const size_t most = there > header_.header_size ? (there - header_.header_size) / size : 0;
         const std::string all =
             read_at(fd_, size * std::min<size_t>(header_.record_count, most), header_.header_size);
         std::map<uint32_t, EndpointCounters> endpoints; // by number
