@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -105,6 +106,9 @@ class Record {
     void put(const std::string &name, const Stamp &time);
     void put(const std::string &name, const Duration &time);
     void put(const std::string &name, std::nullptr_t) { fields_.push_back({name, "null", "-"}); }
+    template <class Value> void put(const std::string &name, const std::optional<Value> &value) {
+        value ? put(name, *value) : put(name, nullptr);
+    }
     template <class Number>
     requires std::is_integral_v<Number>
     void put(const std::string &name, Number number) {

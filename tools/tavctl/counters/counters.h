@@ -4,7 +4,6 @@
 #pragma once
 
 #include <array>
-#include <optional>
 
 #include "look/sockets.h"
 #include "tavipc/tav_ipc_stats.h"

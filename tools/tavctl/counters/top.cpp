@@ -2,7 +2,6 @@
 // elsewhere one table after the other.
 #include <cmath>
 #include <csignal>
-#include <optional>
 #include <tuple>
 
 #include <poll.h>
@@ -204,9 +203,7 @@ void tell(Console &out, Look look, Column sorted, bool first) {
     for (const Row &row : look.rows) {
         Record record("type", "endpoint", "time", now, "endpoint", row.name, "process", row.process);
         record.add("state", kProcessStates[static_cast<size_t>(row.state)]);
-        for (const auto &[name, rate] : {std::pair("out", row.out), std::pair("out_bytes", row.out_bytes),
-                                         std::pair("in", row.in), std::pair("in_bytes", row.in_bytes)})
-            rate ? record.add(name, *rate) : record.add(name, nullptr);
+        record.add("out", row.out, "out_bytes", row.out_bytes, "in", row.in, "in_bytes", row.in_bytes);
         record.add("waiting", row.waiting, "oldest_s", row.oldest_s, "drops", row.drops, "new_drops",
                    row.new_drops);
         out.say(record, "", line_of(row));

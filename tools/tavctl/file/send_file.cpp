@@ -80,10 +80,8 @@ void say_delivered(Console &out, Record &&record, const Transfer &transfer, uint
                          digest.size != static_cast<uint64_t>(info.st_size);
     const double rate = static_cast<double>(digest.size) / transfer.took_s;
     record.add("seconds", transfer.took_s, "rate", rate, "file_id", file_id, "changed", changed);
-    if (changed)
-        record.add("bytes", nullptr, "sha256", nullptr);
-    else
-        record.add("bytes", digest.size, "sha256", digest.sha256);
+    record.add("bytes", changed ? std::nullopt : std::optional(digest.size));
+    record.add("sha256", changed ? std::nullopt : std::optional(digest.sha256));
     const std::string pattern =
         std::string(changed ? "{to}: about " : "{to}: ") + grouped(digest.size) + " bytes delivered in " +
         time_text(transfer.took_s) + ", " + bytes_text(rate) + "/s, file id {file_id}\n  " +

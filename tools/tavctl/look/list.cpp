@@ -82,14 +82,9 @@ Record record_of(const SocketDirectory &directory, const SocketFile &file) {
     Record record("directory", one_line(directory.path), "name", one_line(file.name));
     record.add("location", directory.location, "state", kStates[static_cast<size_t>(file.state)], "sending",
                file.sender != 0);
-    if (file.process)
-        record.add("process", file.process, "executable", one_line(file.executable));
-    else
-        record.add("process", nullptr, "executable", nullptr);
-    if (file.waiting)
-        record.add("waiting", *file.waiting);
-    else
-        record.add("waiting", nullptr);
+    const auto process = file.process ? std::optional(file.process) : std::nullopt;
+    const auto executable = file.process ? std::optional(one_line(file.executable)) : std::nullopt;
+    record.add("process", process, "executable", executable, "waiting", file.waiting);
     return record.add("user", one_line(file.user), "owner", file.owner, "since", Stamp(file.made));
 }
 

@@ -1,8 +1,6 @@
 // Socket files: whether a process has one open, and all of them on this machine.
 #pragma once
 
-#include <optional>
-
 #include "cli/cli.h"
 
 namespace tavctl {

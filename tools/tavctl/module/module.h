@@ -3,7 +3,6 @@
 
 #include <functional>
 #include <limits>
-#include <optional>
 
 #include "cli/cli.h"
 #include "tavipc/tav_ipc.h"
