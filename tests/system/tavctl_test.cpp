@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "installation.h"
+#include "tavipc/tav_ipc_stats.h"
 
 namespace {
 
@@ -196,6 +197,55 @@ TEST_F(Tavctl, MakesHostileNamesHarmless) {
     expect(0, {"doctor"}, "files that are not sockets");
     EXPECT_THAT(expect(0, {"list", "--clean"}), Not(HasSubstr(at)));
     for (const int fd : sockets) close(fd);
+}
+
+TEST_F(Tavctl, ShowsCountersOfRunningStoppedAndKilledModules) {
+    const auto alpha = start("alpha"), beta = start("beta");
+    alpha->ask("post beta bytes 100 3 1 0 0", "posted 3 0");
+    beta->expect("msg alpha 3 ");
+    EXPECT_THAT(
+        expect(0, {"stats", "alpha"}, "\n  to beta@2: messages 3, accepted 3, accepted_bytes 480, left 3"),
+        ContainsRegex("alpha@2, process [0-9]+ \\(alpha\\), running.*\n  messages +3  messages "));
+    EXPECT_THAT(expect(0, {"stats", "beta@2", "--json"}),
+                ContainsRegex("^\\{\"type\":\"endpoint\",\"endpoint\":\"beta\",.*\"received\":3,.*\\}\n$"));
+    beta->signal(SIGSTOP);
+    alpha->ask("post beta bytes 100000 300 4 0 0", "posted 303 0"); // more than a socket queues
+    EXPECT_THAT(expect(0, {"list"}),
+                ContainsRegex(std::string(sockets_) + ": [^/]*alpha@2 +live .* [1-9][0-9,]* +alpha\n"));
+    EXPECT_THAT(expect(0, {"top", "-c", "1", "-i", "0.1"}), ContainsRegex("beta@2 +T +[0-9]+ +0 +0 B"));
+    EXPECT_EQ(alpha->kill(), -9);
+    expect(0, {"stats", "alpha"}, ", ended; its last counts:\n  messages                       303 ");
+    EXPECT_EQ(beta->kill(), -9);
+    expect(1, {"stats", "nowhere"}, "there are no counters of an endpoint nowhere");
+}
+
+// No process wrote this file: two endpoints have the same hostile name, and one has a destination.
+TEST_F(Tavctl, BelievesNoCounterFile) {
+    fs::create_directory(sockets_);
+    const std::string pid = std::to_string(getpid());
+    struct {
+        tav_ipc_stats_file_st header{"TAVSTAT", 1, 40, 448, 3, 1, static_cast<uint32_t>(getpid()), 0, 1};
+        tav_ipc_stats_record_st records[3]{{1, 1, 0, 2, "a\"\\\n\033", 1, 0, {UINT64_MAX}},
+                                           {1, 1, 1, 2, "a\"\\\n\033", 1, 0, {}},
+                                           {2, 1, 0, 2, "b", 1, 0, {5}}};
+    } file;
+    const auto expect_of = [&](size_t size, Words words, const std::string &text = {}) {
+        std::ofstream(sockets_ / ("ipc" + pid + ".stats"), std::ios::binary)
+            .write(reinterpret_cast<const char *>(&file), static_cast<std::streamsize>(size));
+        return expect(0, std::move(words), text);
+    };
+    const auto metrics = expect_of(sizeof file, {"stats", "--prometheus"}, "\n# TYPE tavipc_queued gauge\n");
+    const auto labels = R"({endpoint="a\"\\??",location="2",pid=")" + pid + "\",destination=\"";
+    EXPECT_THAT(metrics,
+                ContainsRegex("_messages_total counter\n[^#]*18446744073709551615\n[^#]*b@2\"} 5\n"));
+    EXPECT_THAT(metrics, HasSubstr("\ntavipc_running" + labels + "\"} 0\n"))
+        << "another process has begun then";
+    for (const size_t size : {0, 39, 40, 41, 500, 1000, 1383}) expect_of(size, {"stats", "--json"});
+    file.header.record_count = file.header.value_count = UINT32_MAX;
+    expect_of(sizeof file, {"stats"}, "a\"\\??@2, process");
+    file.header.record_size = 8;
+    expect_of(sizeof file, {"stats"}, "its header is damaged");
+    EXPECT_THAT(expect(0, {"list"}), Not(HasSubstr(sockets_))) << "it is no file of another kind";
 }
 
 TEST_F(Tavctl, DoctorFindsWhatIsBrokenAndChangesNothing) {

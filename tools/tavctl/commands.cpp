@@ -28,6 +28,17 @@ constexpr Command kCommands[] = {
      "--pool  Show each sending socket instead of their number\n"
      "--names  Print only the names of live endpoints\n",
      list},
+    {"stats", "Show the counters of running, stopped and killed modules",
+     "[NAME]  The endpoint: NAME or NAME@LOCATION (default: all)\n"
+     "--deploy-type TYPE  Look below /var/TYPE too (may be repeated)\n"
+     "--prometheus  In the text format that Prometheus scrapes\n",
+     stats},
+    {"top", "Show rates, what waits and what is dropped, as a live table",
+     "-c, --count N=0  End after N tables; 0: until q or an interrupt\n"
+     "-i, --interval SECONDS:0-3600=1  Time between two tables\n"
+     "--sort COLUMN=waiting  The column to sort by\n"
+     "--deploy-type TYPE  Look below /var/TYPE too (may be repeated)\n",
+     top},
     {"probe", "Ask whether an endpoint receives, and measure the round-trip time",
      DESTINATION "-c, --count N=4  Number of probes; 0: until interrupted\n"
                  "-i, --interval SECONDS:0-86400=1  Time between two probes\n",
@@ -109,35 +120,28 @@ complete -o default -F _tavctl tavctl
 // Bash completes file names where this is empty.
 std::set<std::string> candidates(const std::vector<std::string> &words) {
     std::vector<Option> options = options_of(kGlobalOptions);
-    std::string path; // of the command or group
-    bool complete = false, value = false;
-    size_t place = 0;
-    for (const std::string &word : words) {
-        const Option *option = find_option(options, word);
-        if (value || option) {
-            value = !value && !option->value.empty();
-        } else if (complete) {
-            ++place;
-        } else {
-            path += (path.empty() ? "" : " ") + word;
-            for (const Command &command : commands())
-                if (complete = command.name == path; complete) {
-                    for (Option &own : options_of(command.usage)) options.push_back(std::move(own));
-                    break;
-                }
+    std::string path; // of the command or group, with a blank behind it
+    const Command *command = nullptr;
+    for (const std::string &word : words)
+        for (const Command &each : commands()) {
+            const std::string name = std::string(each.name) + " ";
+            if (command || !name.starts_with(path + word + " ")) continue;
+            path += word + " ";
+            if (name != path) break; // a group
+            for (Option &own : options_of(each.usage)) options.push_back(std::move(own));
+            command = &each;
         }
-    }
     std::set<std::string> found;
-    if (value) return found;
+    const Option *last = words.empty() ? nullptr : find_option(options, words.back());
+    if (last && !last->value.empty()) return found;
     for (const Option &option : options)
         if (!option.argument) found.insert(option.names.begin(), option.names.end());
-    const std::string prefix = path + (path.empty() ? "" : " ");
-    for (const Command &command : commands())
-        if (const std::string name = command.name; !complete && name.starts_with(prefix))
-            found.insert(name.substr(prefix.size(), name.find(' ', prefix.size()) - prefix.size()));
-    if (path == "trace") found.insert({"on", "off", "show"});
-    for (const char *talking : {"probe", "send", "request", "sendfile"})
-        if (path == talking && place == 0) found.merge(live_names());
+    for (const Command &each : commands())
+        if (const std::string name = each.name; !command && name.starts_with(path))
+            found.insert(name.substr(path.size(), name.find(' ', path.size()) - path.size()));
+    if (path == "trace ") found.insert({"on", "off", "show"});
+    for (const char *asking : {"probe ", "send ", "request ", "sendfile ", "stats "})
+        if (path == asking) found.merge(live_names());
     return found;
 }
 

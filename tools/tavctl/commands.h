@@ -8,6 +8,7 @@
 namespace tavctl {
 
 Run list;                                // look/list.cpp
+Run stats, top;                          // counters/stats.cpp, counters/top.cpp
 Run trace, explain;                      // look/trace.cpp
 Run probe, send, listen, request, reply; // talk/messages.cpp
 Run send_file;                           // file/send_file.cpp

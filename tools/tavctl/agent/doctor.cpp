@@ -48,16 +48,14 @@ std::string remedy_lines(const std::string &remedy) {
 Finding check_endpoint(const Findings &findings) {
     if (!findings.allowed || !findings.has_id || !findings.directory)
         return skip("not tried, because of the findings above");
-    Exchange exchange;
     try {
         const Module module;
-        exchange.begin = now_seconds();
-        exchange.start(module, TAV_IPC_EXCHANGE_PROBE, *tav_ipc_get_local_addr(module), 0, {}, kProbe_s);
-        exchange.wait(10);
-        const bool answered = exchange.ended && exchange.code == 0;
+        const Outcome probe =
+            exchange(module, TAV_IPC_EXCHANGE_PROBE, *tav_ipc_get_local_addr(module), kProbeTimeout_s);
+        const bool answered = probe.ended && probe.code == 0;
         const std::string text = module.text() + (answered ? " opened, and answered itself in "
                                                            : " opened, but did not answer itself in ");
-        const std::string seen = text + time_text(now_seconds() - exchange.begin);
+        const std::string seen = text + time_text(probe.took_s);
         return answered ? ok(seen) : fail(seen, "tavctl --verbose doctor");
     } catch (const Problem &problem) {
         return fail(problem.what(), problem.remedy());
@@ -172,27 +170,25 @@ Finding check_trace_switch() {
                 "tavctl trace off");
 }
 
-void check_environment(Findings &findings) {
+Finding check_environment() {
     const char *root = std::getenv("TAV_INSTALL_ROOT"), *test = std::getenv("IPC_TEST");
-    const bool marks = test && test[0] == '1';
-    if (!root && !marks)
-        findings.add("environment", ok("neither TAV_INSTALL_ROOT nor IPC_TEST changes anything"));
-    if (root)
-        findings.add("environment", warn(std::string("TAV_INSTALL_ROOT is ") + root +
-                                             ": its config directory, if there is one, has identity and "
-                                             "manager; allow-list and agent.ini are beside the executable",
-                                         "unset TAV_INSTALL_ROOT"));
-    if (marks)
-        findings.add("environment", warn(std::string("IPC_TEST is ") + test +
-                                             ": processes started from here mark all messages for the trace",
-                                         "unset IPC_TEST"));
+    if (test && test[0] == '1')
+        return warn(std::string("IPC_TEST is ") + test +
+                        ": processes started from here mark all messages for the trace",
+                    "unset IPC_TEST");
+    if (!root) return ok("neither TAV_INSTALL_ROOT nor IPC_TEST changes anything");
+    return warn(
+        std::string("TAV_INSTALL_ROOT is ") + root +
+            ": its config directory, if there is one, has identity and manager; allow-list and agent.ini "
+            "are beside the executable",
+        "unset TAV_INSTALL_ROOT");
 }
 
 constexpr std::pair<const char *, Finding (*)()> kMachineChecks[] = {
     {"datagram queue", check_queue},          {"send buffer", check_buffers},
     {"open files", check_descriptors},        {"/tmp", check_space},
     {"received files", check_received_files}, {"clock", check_clock},
-    {"trace switch", check_trace_switch}};
+    {"trace switch", check_trace_switch},     {"environment", check_environment}};
 
 } // namespace
 
@@ -232,7 +228,6 @@ int doctor(Console &out, const Args &) {
     Findings findings(out);
     check_agent(findings);
     for (const auto &[name, check] : kMachineChecks) findings.add(name, check());
-    check_environment(findings);
     findings.add("endpoint", check_endpoint(findings));
     return findings.summarize() ? kSuccess : kFailure;
 }

@@ -1,4 +1,5 @@
 // tavctl id: the identity of this agent, as its files show it. Only --create stores one.
+#include <csignal>
 #include <cstdlib>
 
 #include "agent/agent.h"
@@ -61,10 +62,22 @@ bool has_value(const std::string &path, const char *section, const char *key) {
     return value && *value;
 }
 
+bool determining = false;
+void explain_end() {
+    if (std::exchange(determining, false))
+        std::cerr << "tavctl: the library ended the process while it determined the agent id" << take_reason()
+                  << "\n  what to do: tavctl doctor" << std::endl;
+}
+
+// When the library cannot determine an id, it may end the process, with exit or abort.
 void make_identity() {
     if (IsCNAPPAgent()) return;
-    int result = 0;
-    may_end_process([&] { result = CreateAgentId(); });
+    std::atexit(explain_end);
+    std::signal(SIGABRT, [](int) { explain_end(), _exit(kFailure); });
+    determining = true;
+    const int result = CreateAgentId();
+    determining = false;
+    std::signal(SIGABRT, SIG_DFL);
     if (result == 0) return;
     throw Problem("no agent id could be determined" + take_reason(),
                   "run tavctl doctor; a lock that a dead process held is free at the next try");

@@ -1,5 +1,4 @@
 #include <numeric>
-#include <regex>
 #include <sstream>
 
 #include "module/module.h"
@@ -210,16 +209,14 @@ Option::Option(const std::string &line) : argument(line[0] != '-') {
         (word[0] == '-' ? names.emplace_back() : value) = word;
     }
     // [ NAME ... ] : LEAST - MOST = DEFAULT !
-    static const std::regex kForm(R"((\[?)([A-Z]+)(\.\.\.)?\]?(?::(\d+)-(\d+))?(?:=(.+))?(!?))");
-    std::smatch part;
     const std::string form = value;
-    if (std::regex_match(form, part, kForm)) {
-        required = argument ? part[1].length() == 0 : part[7].length() > 0;
-        value = part[2];
-        repeated = part[3].matched;
-        if (part[4].matched) least = std::stod(part[4]), most = std::stod(part[5]);
-        preset = part[6];
-    }
+    const size_t begin = form[0] == '[', range = form.find(':'), equal = form.find('=');
+    value = form.substr(begin, form.find_first_of(".]:=!") - begin);
+    required = argument ? begin == 0 : form.ends_with('!');
+    repeated = form.find("...") != form.npos;
+    if (range != form.npos)
+        least = std::stod(form.substr(range + 1)), most = std::stod(form.substr(form.find('-', range) + 1));
+    if (equal != form.npos) preset = form.substr(equal + 1);
     if (argument) names.push_back(std::exchange(value, {}));
     key = argument ? names[0] : names.back().substr(2);
 }

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -105,6 +106,9 @@ class Record {
     void put(const std::string &name, const Stamp &time);
     void put(const std::string &name, const Duration &time);
     void put(const std::string &name, std::nullptr_t) { fields_.push_back({name, "null", "-"}); }
+    template <class Value> void put(const std::string &name, const std::optional<Value> &value) {
+        value ? put(name, *value) : put(name, nullptr);
+    }
     template <class Number>
     requires std::is_integral_v<Number>
     void put(const std::string &name, Number number) {
@@ -146,6 +150,7 @@ long number_of(std::string_view text);                   // the number that is t
 std::string grouped(uint64_t number);                    // 65,471,999
 std::string counted(uint64_t number, const char *thing); // "1 file", "2 files"
 std::string bytes_text(double bytes);                    // "312 B", "64.0 kB", "1.2 GB"
+std::string age_text(double seconds);                    // "5 s", "3 min", "2 d"; "-" if negative
 std::string time_text(double seconds);                   // "47 us", "1.3 ms", "2.5 s", "3 min 20 s"
 
 // --- layout

@@ -176,6 +176,15 @@ std::string time_text(double seconds) {
     return std::to_string(whole / 60) + " min " + std::to_string(whole % 60) + " s";
 }
 
+std::string age_text(double seconds) {
+    if (seconds < 0) return "-"; // the clock was set back
+    const auto whole = static_cast<uint64_t>(seconds);
+    if (whole < 60) return std::to_string(whole) + " s";
+    if (whole < 3600) return std::to_string(whole / 60) + " min";
+    if (whole < 2 * 86400) return std::to_string(whole / 3600) + " h";
+    return std::to_string(whole / 86400) + " d";
+}
+
 Stamp::Stamp() { clock_gettime(CLOCK_REALTIME, &time_); }
 
 std::string Stamp::format(const char *strftime_format) const {

@@ -15,7 +15,7 @@ constexpr int kMostNames = 10'000; // with a number after them, for files of one
 
 struct Received {
     std::string temporary;  // path that the library gave it
-    std::string from, name; // its sender, and the name that this one gave it
+    std::string from, name; // of the sender; name: empty when it gave none
     Stamp time;
     std::string path; // where it is now; empty: still at the temporary path
     FileDigest digest;
@@ -104,9 +104,8 @@ class Receiver {
     static void on_file(tav_ipc_st *, const tav_ipc_file_st *file, void *user) {
         auto &self = *static_cast<Receiver *>(user);
         ++self.arrived;
-        self.storing_.push_back(
-            std::async(store, self.directory_,
-                       Received{file->path, address_text(file->src), file->name, Stamp(), {}, {}, {}, {}}));
+        Received received{file->path, address_text(file->src), file->name, Stamp(), {}, {}, {}, {}};
+        self.storing_.push_back(std::async(store, self.directory_, std::move(received)));
     }
     // Reports the files that are stored. With all: waits for the others.
     void report(bool all) {
@@ -121,20 +120,19 @@ class Receiver {
   private:
     void say(const Received &file) {
         ++stored;
-        Record record("type", "file", "time", file.time, "from", file.from, "name", file.name);
-        out_.say(record.add("path", file.path, "bytes", file.digest.size, "sha256", file.digest.sha256),
-                 "{time}  {path}, {bytes,} bytes from {from}\n  sha256 {sha256}");
+        Record record("type", "file", "time", file.time, "path", file.path, "from", file.from);
+        record.add("name", file.name, "bytes", file.digest.size, "sha256", file.digest.sha256);
+        out_.say(record, "{time}  {path}, {bytes,} bytes from {from}\n  sha256 {sha256}");
     }
     void say_failed(const Received &file) {
         ++failed;
-        const bool moved = !file.path.empty();
-        Record record("type", "failed", "time", file.time, "path", moved ? file.path : file.temporary);
-        out_.say(
-            record.add("error", file.error, "remedy", file.remedy), "{time}  {path}: {error}",
-            (file.remedy.empty() ? "" : "\n  what to do: " + file.remedy) +
-                (moved
-                     ? ""
-                     : "\n  It stays in /tmp; a running tavctl removes it after 5 minutes: copy it before."));
+        constexpr char kStays[] =
+            "\n  It stays in /tmp; a running tavctl removes it after 5 minutes: copy it before.";
+        Record record("type", "failed", "time", file.time, "path",
+                      file.path.empty() ? file.temporary : file.path);
+        out_.say(record.add("error", file.error, "remedy", file.remedy), "{time}  {path}: {error}",
+                 (file.remedy.empty() ? "" : "\n  what to do: " + file.remedy) +
+                     (file.path.empty() ? kStays : ""));
     }
     Console &out_;
     const std::string directory_;
@@ -176,7 +174,7 @@ int receive_files(Console &out, const Args &args) {
             receiver.report(false);
             return args.count_reached(receiver.arrived);
         });
-        pause(kLastDeparture_s);
+        tav_ipc_flush(module, kLastDepartures_ms, nullptr);
     }
     const unsigned unfinished = tav_ipc_file_drop_unfinished();
     receiver.report(true);

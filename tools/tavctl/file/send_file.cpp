@@ -10,23 +10,38 @@
 namespace tavctl {
 namespace {
 
-// Shows how far a transfer is: on a terminal ten times a second, elsewhere every ten seconds.
-class Progress {
+// A transfer, and how far it is: shown on a terminal ten times a second, elsewhere every ten seconds.
+class Transfer {
   public:
-    Progress(Console &out, uint64_t size) : out_(out), size_(static_cast<double>(size)) {}
-    bool due() const { return now_seconds() - shown_ > (out_.shows_progress() ? 0.1 : 10); }
-    void show(uint64_t bytes) {
-        shown_ = now_seconds();
-        if (bytes > done_) moved_ = shown_;
-        done_ = bytes;
-        const double known = static_cast<double>(bytes), rate = known / (shown_ - begin_);
+    Transfer(Console &out, uint64_t size) : out_(out), size_(static_cast<double>(size)) {}
+    uint64_t confirmed = 0; // bytes that have arrived for sure
+    bool ended = false;
+    int32_t code = 0;
+    double took_s = 0;
+
+    void show() {
+        const double now = now_seconds(), known = static_cast<double>(confirmed),
+                     rate = known / (now - begin_);
+        if (ended || now - shown_ < (out_.shows_progress() ? 0.1 : 10)) return;
+        shown_ = now;
         std::string text = bytes_text(known) + " of " + bytes_text(size_);
         if (size_ > 0) text = std::to_string(static_cast<int>(100 * known / size_)) + " %  " + text;
-        if (shown_ - moved_ > 2)
-            text += ", no confirmation for " + time_text(std::floor(shown_ - moved_));
+        if (now - moved_ > 2)
+            text += ", no confirmation for " + time_text(std::floor(now - moved_));
         else if (rate >= 1)
             text += ", " + bytes_text(rate) + "/s, " + time_text(std::ceil((size_ - known) / rate)) + " left";
         out_.shows_progress() ? out_.progress(text) : out_.tell(text);
+    }
+    static void on_progress(uint64_t, uint64_t confirmed, uint64_t, void *transfer) {
+        auto &self = *static_cast<Transfer *>(transfer);
+        self.confirmed = confirmed;
+        self.moved_ = now_seconds();
+    }
+    static void on_end(uint64_t, int32_t code, void *transfer) {
+        auto &self = *static_cast<Transfer *>(transfer);
+        self.ended = true;
+        self.code = code;
+        self.took_s = now_seconds() - self.begin_;
     }
 
   private:
@@ -34,19 +49,6 @@ class Progress {
     const double size_; // bytes
     const double begin_ = now_seconds();
     double shown_ = begin_, moved_ = begin_;
-    uint64_t done_ = 0; // bytes
-};
-
-struct Transfer : Exchange {
-    Transfer(Console &out, uint64_t size) : progress(out, size) {}
-    Progress progress;
-    uint64_t id = 0, confirmed = 0; // bytes
-    static void on_progress(uint64_t, uint64_t confirmed, uint64_t, void *transfer) {
-        static_cast<Transfer *>(transfer)->confirmed = confirmed;
-    }
-    static void on_done(uint64_t, int32_t code, void *transfer) {
-        static_cast<Transfer *>(transfer)->finish(code);
-    }
 };
 
 Problem failed_transfer(const tav_addr_st &destination, int32_t code, uint64_t done) {
@@ -69,23 +71,20 @@ Problem failed_transfer(const tav_addr_st &destination, int32_t code, uint64_t d
 
 // Reports what arrived. What the digest's thread read may differ from what the library read when the file was
 // changed meanwhile.
-void say_delivered(Console &out, Record &&record, const Transfer &transfer, int file, const struct stat &info,
-                   const FileDigest &digest) {
+void say_delivered(Console &out, Record &&record, const Transfer &transfer, uint32_t file_id, int file,
+                   const struct stat &info, const FileDigest &digest) {
     struct stat after {};
     const bool changed = fstat(file, &after) != 0 || after.st_size != info.st_size ||
                          after.st_mtim.tv_sec != info.st_mtim.tv_sec ||
                          after.st_mtim.tv_nsec != info.st_mtim.tv_nsec ||
                          digest.size != static_cast<uint64_t>(info.st_size);
-    const double rate = static_cast<double>(digest.size) / transfer.took();
-    record.add("seconds", transfer.took(), "rate", rate, "file_id", static_cast<uint32_t>(transfer.id),
-               "changed", changed);
-    if (changed)
-        record.add("bytes", nullptr, "sha256", nullptr);
-    else
-        record.add("bytes", digest.size, "sha256", digest.sha256);
+    const double rate = static_cast<double>(digest.size) / transfer.took_s;
+    record.add("seconds", transfer.took_s, "rate", rate, "file_id", file_id, "changed", changed);
+    record.add("bytes", changed ? std::nullopt : std::optional(digest.size));
+    record.add("sha256", changed ? std::nullopt : std::optional(digest.sha256));
     const std::string pattern =
         std::string(changed ? "{to}: about " : "{to}: ") + grouped(digest.size) + " bytes delivered in " +
-        time_text(transfer.took()) + ", " + bytes_text(rate) + "/s, file id {file_id}\n  " +
+        time_text(transfer.took_s) + ", " + bytes_text(rate) + "/s, file id {file_id}\n  " +
         (changed
              ? "the file changed meanwhile: what arrived may mix both versions; the receiver knows its size"
              : "sha256 {sha256}");
@@ -96,46 +95,40 @@ void say_delivered(Console &out, Record &&record, const Transfer &transfer, int 
 
 int send_file(Console &out, const Args &args) {
     const tav_addr_st destination = parse_address(args.text("NAME"));
-    const std::string path = args.text("FILE"), name = fs::path(path).filename();
+    const std::string path = args.text("FILE");
     const UniqueFd file = open_regular_file(path);
     struct stat info {};
     fstat(file.get(), &info);
     catch_interrupts();
     Transfer transfer(out, static_cast<uint64_t>(info.st_size));
     const Module module;
-    transfer.begin = now_seconds();
-    transfer.id = tav_ipc_file_start( // by the descriptor: the file that was looked at
-        module, &destination, ("/proc/self/fd/" + std::to_string(file.get())).c_str(), name.c_str(),
-        static_cast<uint32_t>(args.seconds("timeout") * 1000), 0, Transfer::on_progress, Transfer::on_done,
-        &transfer);
-    if (transfer.id == 0 && errno == EINVAL)
-        throw Problem("the name of " + harmless(path) + " has control characters", "send a link to it");
-    if (transfer.id == 0)
-        throw system_problem("cannot send " + harmless(path),
-                             "it needs one more descriptor, memory and /proc");
+    const std::string name = fs::path(path).filename(), open = "/proc/self/fd/" + std::to_string(file.get());
+    const bool named = name.size() <= TAV_IPC_FILE_NAME_MAX && name == harmless(name);
+    const auto timeout_ms = static_cast<uint32_t>(args.seconds("timeout") * 1000);
+    const uint64_t id = tav_ipc_file_start(module, &destination, open.c_str(), // the file that was looked at
+                                           named ? name.c_str() : nullptr, timeout_ms, 0,
+                                           Transfer::on_progress, Transfer::on_end, &transfer);
+    if (id == 0)
+        throw system_problem("the library cannot send the file", "it needs a descriptor: see ulimit -n");
     std::atomic<bool> stop = false;
     std::future<FileDigest> background = std::async([&] { return digest_of(file.get(), stop); });
     const struct Stopper { // before the future waits for its thread
         std::atomic<bool> &stop;
         ~Stopper() { stop = true; }
     } stopper{stop};
-    const Wait wait = run_until([&] {
-        if (!transfer.ended && transfer.progress.due()) transfer.progress.show(transfer.confirmed);
-        return transfer.ended;
-    });
-    if (wait == Wait::kInterrupted) {
-        tav_ipc_file_cancel(module, transfer.id); // the receiver drops what it has
+    if (!run_until([&] { return transfer.show(), transfer.ended; })) {
+        tav_ipc_file_cancel(module, id); // tells the receiver
+        tav_ipc_flush(module, kLastDepartures_ms, nullptr);
         throw Problem("interrupted when at least " + grouped(transfer.confirmed) + " bytes had arrived",
-                      "send it again");
+                      "the receiver drops the unfinished file; send it again");
     }
-    if (!transfer.ended) throw Problem("the event loop ended before the transfer did");
-    if (transfer.code != 0) throw failed_transfer(destination, transfer.code, transfer.confirmed);
+    if (transfer.code < 0) throw failed_transfer(destination, transfer.code, transfer.confirmed);
     const FileDigest digest = background.get();
     if (digest.error != 0)
         throw Problem("cannot read " + harmless(path) + " beyond " + grouped(digest.size) +
                       " bytes: " + strerror(digest.error) + "; what arrived ends there or before");
     say_delivered(out, Record("type", "file", "to", address_text(destination), "path", path), transfer,
-                  file.get(), info, digest);
+                  static_cast<uint32_t>(id), file.get(), info, digest);
     return kSuccess;
 }
 

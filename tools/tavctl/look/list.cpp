@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "commands.h"
+#include "counters/counters.h"
 #include "look/sockets.h"
 #include "tavaux.h"
 #include "tavipc/tav_ipc.h"
@@ -10,21 +11,12 @@
 namespace tavctl {
 namespace {
 
-constexpr size_t kColumns = 6;
+constexpr size_t kColumns = 7;
 using Row = std::array<std::string, kColumns>;
-constexpr std::array<size_t, kColumns> kWidest = {20, 9, 8, 12, 6, 4096}; // on a terminal, in characters
-const Row kTitles = {"NAME", "STATE", "PROCESS", "USER", "AGE", "EXECUTABLE"};
+constexpr std::array<size_t, kColumns> kWidest = {20, 9, 8, 12, 6, 8, 4096}; // on a terminal, in characters
+const Row kTitles = {"NAME", "STATE", "PROCESS", "USER", "AGE", "WAITING", "EXECUTABLE"};
 
 constexpr const char *kStates[] = {"gone", "live", "stale", "forbidden", "other"}; // by SocketState
-
-std::string age_text(time_t since) {
-    const time_t age = time(nullptr) - since;
-    if (age < 0) return "-"; // the clock was set back
-    if (age < 60) return std::to_string(age) + " s";
-    if (age < 3600) return std::to_string(age / 60) + " min";
-    if (age < 2L * 86400) return std::to_string(age / 3600) + " h";
-    return std::to_string(age / 86400) + " d";
-}
 
 Row row_of(const SocketDirectory &directory, const SocketFile &file) {
     const std::string name = one_line(file.name) + "@" + std::to_string(directory.location);
@@ -33,12 +25,13 @@ Row row_of(const SocketDirectory &directory, const SocketFile &file) {
             kStates[static_cast<size_t>(file.state)],
             file.process ? std::to_string(file.process) : "-",
             one_line(file.user),
-            age_text(file.made),
+            age_text(static_cast<double>(time(nullptr) - file.made)),
+            file.waiting ? grouped(*file.waiting) : "-",
             executable.empty() ? "-" : one_line(executable)};
 }
 
 std::vector<Row> rows_of(const SocketDirectory &directory, bool pool) {
-    std::vector<Row> rows;
+    std::vector<Row> rows = {kTitles};
     std::map<std::tuple<pid_t, SocketState, pid_t, std::string>, std::pair<size_t, const SocketFile *>>
         senders; // those that share all this: their number, and the oldest
     for (const SocketFile &file : directory.sockets) {
@@ -71,35 +64,17 @@ std::string title_of(const SocketDirectory &directory) {
     return text;
 }
 
-// The columns are the same for all directories.
-void tell_table(Console &out, const Scan &scan, bool pool) {
-    std::vector<std::vector<Row>> tables;
-    std::array<size_t, kColumns> widths{};
-    const auto measure = [&](const Row &row) {
-        for (size_t i = 0; i < kColumns; ++i) widths[i] = std::max(widths[i], row[i].size());
-    };
-    measure(kTitles);
-    for (const SocketDirectory &directory : scan.directories) {
-        tables.push_back(rows_of(directory, pool));
-        std::ranges::for_each(tables.back(), measure);
-    }
+void tell_table(Console &out, const std::vector<Row> &rows) {
     const unsigned width = out.width();
-    const auto tell = [&](const Row &row) {
+    std::array<size_t, kColumns> widths{};
+    for (const Row &row : rows)
+        for (size_t i = 0; i < kColumns; ++i)
+            widths[i] = std::max(widths[i], width ? std::min(row[i].size(), kWidest[i]) : row[i].size());
+    for (const Row &row : rows) {
         std::string line;
-        for (size_t i = 0; i < kColumns; ++i) {
-            const size_t wide = width ? std::min(widths[i], kWidest[i]) : widths[i];
-            line += padded(fit(row[i], width ? static_cast<unsigned>(wide) : 0), wide) + "  ";
-        }
+        for (size_t i = 0; i < kColumns; ++i)
+            line += padded(fit(row[i], width ? static_cast<unsigned>(widths[i]) : 0), widths[i]) + "  ";
         out.tell(fit(line.substr(0, line.find_last_not_of(' ') + 1), width));
-    };
-    bool first = true;
-    for (size_t i = 0; i < tables.size(); ++i) {
-        const SocketDirectory &directory = scan.directories[i];
-        if (tables[i].empty() && directory.strange == 0 && directory.error.empty()) continue;
-        out.tell((first ? "" : "\n") + fit(title_of(directory), width));
-        if (!tables[i].empty()) tell(kTitles);
-        std::ranges::for_each(tables[i], tell);
-        first = false;
     }
 }
 
@@ -107,10 +82,9 @@ Record record_of(const SocketDirectory &directory, const SocketFile &file) {
     Record record("directory", one_line(directory.path), "name", one_line(file.name));
     record.add("location", directory.location, "state", kStates[static_cast<size_t>(file.state)], "sending",
                file.sender != 0);
-    if (file.process)
-        record.add("process", file.process, "executable", one_line(file.executable));
-    else
-        record.add("process", nullptr, "executable", nullptr);
+    const auto process = file.process ? std::optional(file.process) : std::nullopt;
+    const auto executable = file.process ? std::optional(one_line(file.executable)) : std::nullopt;
+    record.add("process", process, "executable", executable, "waiting", file.waiting);
     return record.add("user", one_line(file.user), "owner", file.owner, "since", Stamp(file.made));
 }
 
@@ -124,12 +98,12 @@ bool is_plain(const std::string &name) {
 // False when the file could not be removed.
 bool clean_one(Console &out, const std::string &directory, const SocketFile &file) {
     Record record("path", one_line(directory + "/" + file.name));
-    const Removal removal = remove_stale(directory, file);
-    if (removal == Removal::kRemoved) out.say(record.add("removed", true), "removed {path}");
-    if (removal != Removal::kFailed) return true; // removed, gone by itself, or in use again
-    record.add("removed", false);
-    record.add("error", errno == EWOULDBLOCK ? "another process holds the lock of the directory"
-                                             : std::strerror(errno));
+    const int error = remove_stale(directory, file);
+    if (error == 0) out.say(record.add("removed", true), "removed {path}");
+    if (error == 0 || error == ENOENT) return true; // removed, gone by itself, or in use again
+    record.add("removed", false, "error",
+               error == EWOULDBLOCK ? "another process holds the lock of the directory"
+                                    : std::strerror(error));
     out.say(record, "cannot remove {path}: {error}");
     return false;
 }
@@ -178,14 +152,20 @@ int list(Console &out, const Args &args) {
         for (const std::string &name : live_names()) std::cout << name << '\n';
         return kSuccess;
     }
-    const Scan scan = scan_everything(args.all("deploy-type"));
+    Scan scan = scan_everything(args.all("deploy-type"));
     if (args.has("clean")) return clean(out, scan);
+    const auto counters = read_counters(scan.directories);
     bool any = false;
-    for (const SocketDirectory &directory : scan.directories) {
-        any |= !directory.sockets.empty() || directory.strange > 0 || !directory.error.empty();
-        for (const SocketFile &file : directory.sockets) out.say(record_of(directory, file), "");
+    for (SocketDirectory &directory : scan.directories) {
+        if (directory.sockets.empty() && directory.strange == 0 && directory.error.empty()) continue;
+        for (SocketFile &file : directory.sockets) {
+            file.waiting = waiting_of(counters, directory, file);
+            out.say(record_of(directory, file), "");
+        }
+        out.tell((any ? "\n" : "") + fit(title_of(directory), out.width()));
+        if (!directory.sockets.empty()) tell_table(out, rows_of(directory, args.has("pool")));
+        any = true;
     }
-    tell_table(out, scan, args.has("pool"));
     if (!any) out.tell("No endpoint is open, and none has left a socket file below /var.");
     if (scan.incomplete)
         out.tell(geteuid() == 0

@@ -153,6 +153,11 @@ bool look_at(const UniqueFd &directory, SocketFile &file) {
     return true;
 }
 
+// The socket of a monitor listens for modules, and no endpoint has a name of this length.
+bool is_monitor(const SocketFile &file) {
+    return file.state == SocketState::kNoSocket && file.name.starts_with("ipc.monitor");
+}
+
 UniqueFd open_directory(const std::string &path) {
     return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
@@ -165,8 +170,8 @@ void read_directory(SocketDirectory &directory) {
         SocketFile file;
         file.name = path.filename();
         if (!look_at(files, file))
-            ++directory.strange;
-        else if (file.state != SocketState::kMissing)
+            directory.strange += counting_process(file.name) == 0;
+        else if (file.state != SocketState::kMissing && !is_monitor(file))
             directory.sockets.push_back(std::move(file));
     }
     std::ranges::sort(directory.sockets, {},
@@ -189,6 +194,11 @@ std::string user_name(uid_t user) {
     if (const passwd *entry = name.empty() ? getpwuid(user) : nullptr) name = entry->pw_name;
     if (name.empty()) name = std::to_string(user);
     return name;
+}
+
+pid_t counting_process(std::string_view name) {
+    if (!name.starts_with("ipc") || !name.ends_with(".stats")) return 0;
+    return static_cast<pid_t>(std::max(0L, number_of(name.substr(3, name.size() - 9))));
 }
 
 size_t SocketDirectory::count(SocketState state) const {
@@ -219,6 +229,12 @@ Scan scan_known(const std::vector<std::string> &deploy_types) {
     return read_all(find_known(deploy_types).directories);
 }
 
+std::vector<SocketDirectory> find_directories(const std::vector<std::string> &deploy_types) {
+    Finder finder = find_known(deploy_types);
+    finder.add_open(open_sockets());
+    return std::move(finder.directories);
+}
+
 Scan scan_everything(const std::vector<std::string> &deploy_types) {
     const Inodes inodes = open_sockets();
     Finder finder = find_known(deploy_types);
@@ -237,22 +253,21 @@ Scan scan_everything(const std::vector<std::string> &deploy_types) {
 }
 
 // While the lock is held no endpoint replaces the file, and none can be bound to the path of a file.
-Removal remove_stale(const std::string &path, const SocketFile &file) {
+int remove_stale(const std::string &path, const SocketFile &file) {
     const UniqueFd directory = open_directory(path);
-    if (!directory) return errno == ENOENT ? Removal::kGone : Removal::kFailed;
+    if (!directory) return errno;
     for (int tries = 0; flock(directory.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
-        if (errno != EWOULDBLOCK || tries == tavipc::kDirectoryLockTries) return Removal::kFailed;
+        if (errno != EWOULDBLOCK || tries == tavipc::kDirectoryLockTries) return errno;
         usleep(tavipc::kDirectoryLockPause_us);
     }
     for (int look = 0; look < 2; ++look) { // before the probe, and after it
         SocketFile now;
         now.name = file.name;
-        if (!look_at(directory, now) || now.state == SocketState::kMissing) return Removal::kGone;
-        if (now.device != file.device || now.inode != file.inode || now.state != SocketState::kStale)
-            return Removal::kInUse;
+        if (!look_at(directory, now) || now.state != SocketState::kStale || now.device != file.device ||
+            now.inode != file.inode)
+            return ENOENT;
     }
-    if (unlinkat(directory.get(), file.name.c_str(), 0) == 0) return Removal::kRemoved;
-    return errno == ENOENT ? Removal::kGone : Removal::kFailed;
+    return unlinkat(directory.get(), file.name.c_str(), 0) == 0 ? 0 : errno;
 }
 
 } // namespace tavctl

@@ -27,6 +27,7 @@ struct SocketFile {
     pid_t process = 0;      // that has it open; 0: not known
     std::string executable; // of that process; empty: not known
     std::string user;       // of that process, or else the owner of the file
+    std::optional<uint64_t> waiting; // datagrams that its endpoint has yet to send; empty: not known
 };
 
 struct SocketDirectory {
@@ -45,14 +46,17 @@ struct Scan {
     std::vector<SocketDirectory> directories;
     bool incomplete = false; // the process of some sockets is not visible to this one
 };
+pid_t counting_process(std::string_view name); // the N of "ipcN.stats", a file of counters; else 0
+
 // The directories of the tool's own deployment type, of none and of these types.
 Scan scan_known(const std::vector<std::string> &deploy_types);
 // Also all others below /var that have an open socket, and the processes.
 Scan scan_everything(const std::vector<std::string> &deploy_types);
+// The same directories, without a look at what they contain.
+std::vector<SocketDirectory> find_directories(const std::vector<std::string> &deploy_types);
 
-enum class Removal { kRemoved, kGone, kInUse, kFailed };
 // Removes a file that a scan found stale, if it still is the same and stale, under the lock that an endpoint
-// takes to replace it. kFailed sets errno.
-Removal remove_stale(const std::string &directory, const SocketFile &file);
+// takes to replace it. Returns 0, ENOENT when it has gone or is in use again, or another errno.
+int remove_stale(const std::string &directory, const SocketFile &file);
 
 } // namespace tavctl

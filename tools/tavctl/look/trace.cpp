@@ -147,30 +147,30 @@ int trace(Console &out, const Args &args) {
 
 int explain(Console &out, const Args &args) {
     if (args.has("HEX") && args.has("file")) throw misuse("give HEX or --file, not both");
-    const Datagram datagram(args.has("file") ? read_file(args.text("file"), kLongestInput)
-                            : args.has("HEX")
-                                ? parse_hex(args.text("HEX"))
-                                : parse_hex(read_descriptor(STDIN_FILENO, "standard input", kLongestInput)));
+    std::string hex = args.text("HEX");
+    if (hex.empty() && !args.has("file"))
+        hex = read_descriptor(STDIN_FILENO, "standard input", kLongestInput);
+    const Datagram datagram(args.has("file") ? read_file(args.text("file"), kLongestInput) : parse_hex(hex));
     const tav_ipc_hdr_st &header = datagram.header;
     const std::string objection = datagram.objection();
     const bool right = header.magic == datagram.expected, fragment = datagram.fragment;
     Record record;
-    std::string text = " 0  dest       " + add_address(record, "dest", header.dest);
-    text += "16  src        " + add_address(record, "src", header.src);
-    record.add("reqid", header.reqid, "flags", header.flags);
-    record.add("flag_names", flags_text(header.flags, kMessageFlags));
-    text += "32  reqid      {reqid}\n36  flags      " + hex_number(header.flags, 4) + ": {flag_names}\n";
-    record.add("rflags", header.rflags, "cmd", header.cmd, "size", header.size, "frag_orig",
-               header.frag_orig);
-    text += "38  rflags     " + hex_number(header.rflags, 4) + "\n40  cmd        {cmd}\n";
-    text += "44  size       {size,} bytes\n48  frag_orig  {frag_orig,}";
-    record.add("fragment", fragment, "sequence", datagram.sequence, "frag_id", header.frag_id);
-    text += fragment ? " bytes in the whole message\n52  frag_word  fragment {sequence}\n"
-                     : "\n52  frag_word  not a fragment\n";
-    record.add("magic", header.magic, "magic_expected", datagram.expected, "payload", datagram.payload);
-    text += "54  frag_id    {frag_id}\n56  magic      " + hex_number(header.magic, 8) +
-            (right ? ", right" : ", WRONG: it should be " + hex_number(datagram.expected, 8)) +
-            "\n60  payload    {payload,} bytes here";
+    const std::string dest = add_address(record, "dest", header.dest),
+                      src = add_address(record, "src", header.src);
+    record.add("reqid", header.reqid, "flags", header.flags, "flag_names",
+               flags_text(header.flags, kMessageFlags));
+    record.add("rflags", header.rflags, "cmd", header.cmd, "size", header.size, "frag_orig", header.frag_orig,
+               "fragment", fragment, "sequence", datagram.sequence, "frag_id", header.frag_id, "magic",
+               header.magic, "magic_expected", datagram.expected, "payload", datagram.payload);
+    const std::string text =
+        " 0  dest       " + dest + "16  src        " + src + "32  reqid      {reqid}\n36  flags      " +
+        hex_number(header.flags, 4) + ": {flag_names}\n38  rflags     " + hex_number(header.rflags, 4) +
+        "\n40  cmd        {cmd}\n44  size       {size,} bytes\n48  frag_orig  {frag_orig,}" +
+        (fragment ? " bytes in the whole message\n52  frag_word  fragment {sequence}"
+                  : "\n52  frag_word  not a fragment") +
+        "\n54  frag_id    {frag_id}\n56  magic      " + hex_number(header.magic, 8) +
+        (right ? ", right" : ", WRONG: it should be " + hex_number(datagram.expected, 8)) +
+        "\n60  payload    {payload,} bytes here";
     out.say(record.add("valid", objection.empty()), text);
     if (!objection.empty()) out.tell("  " + objection);
     return objection.empty() ? kSuccess : kFailure;

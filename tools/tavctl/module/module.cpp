@@ -4,11 +4,11 @@
 #include "common/big_endian.h"
 #include "common/facts.h"
 #include "common/owned.h"
+#include "counters/counters.h"
 #include "look/sockets.h"
 #include "module/module.h"
 #include "tavaux.h"
 #include "tavipc/tav_agentid.h"
-#include "tavipc/tav_compress.h"
 
 namespace tavctl {
 namespace {
@@ -74,6 +74,12 @@ std::string given_bytes(const Args &args) {
                       : read_file(args.text("file"), TAV_IPC_MESSAGE_MAX);
 }
 
+tav_ipc_stats_st stats_of(const Module &module) {
+    tav_ipc_stats_st stats{};
+    tav_ipc_get_stats(module, nullptr, &stats, sizeof stats);
+    return stats;
+}
+
 } // namespace
 
 tav_addr_st parse_address(const std::string &text, uint8_t flags) {
@@ -117,34 +123,50 @@ Module::Module(const std::string &name, bool accept_files) {
     const std::string used = name.empty() ? std::string("ctl") + digits : name;
     check_may_open(used);
     take_reason();
-    may_end_process([&] { ipc_ = tav_ipc_create_temp(used.c_str(), accept_files); });
+    ipc_ = tav_ipc_create_temp(used.c_str(), accept_files);
     if (!ipc_) throw refusal(used);
 }
 
-void Exchange::start(tav_ipc_st *ipc, int kind, const tav_addr_st &to, uint32_t command,
-                     const std::string &bytes, double timeout_s) {
-    const auto on_end = [](uint64_t, int32_t result, uint32_t answer, const void *data, uint32_t size,
-                           void *exchange) {
-        auto &self = *static_cast<Exchange *>(exchange);
-        self.cmd = answer;
-        self.payload.assign(static_cast<const char *>(data), size);
-        self.finish(result);
+Outcome exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
+                 uint32_t cmd, std::string_view payload) {
+    constexpr tav_ipc_exchange_cb kOnEnd = [](uint64_t, int32_t code, uint32_t command, const void *data,
+                                              uint32_t size, void *user) {
+        auto &ended = *static_cast<Outcome *>(user);
+        ended = {true, code, command, {static_cast<const char *>(data), size}, now_seconds() + ended.took_s};
     };
-    if (!tav_ipc_exchange_start(ipc, kind, &to, command, bytes.data(), static_cast<uint32_t>(bytes.size()),
-                                static_cast<uint32_t>(timeout_s * 1000), on_end, this))
-        finish(errno == ENOMEM ? IPC_ERR_NOMEM : IPC_ERR_SENDTO);
+    Outcome outcome;
+    outcome.took_s = -now_seconds();
+    const uint64_t id = tav_ipc_exchange_start(module, kind, &destination, cmd, payload.data(),
+                                               static_cast<uint32_t>(payload.size()),
+                                               static_cast<uint32_t>(timeout_s * 1000), kOnEnd, &outcome);
+    if (id == 0) throw system_problem("cannot send to " + address_text(destination), "tavctl --verbose");
+    if (run_until([&] { return outcome.ended; })) return outcome;
+    tav_ipc_exchange_cancel(module, id);
+    return {};
 }
 
-void Exchange::finish(int32_t result) {
-    ended = true;
-    code = result;
-    end = now_seconds();
+uint64_t travelling_bytes(const Module &module) {
+    const auto stats = stats_of(module);
+    return stats.values[TAV_IPC_STATS_ACCEPTED_BYTES] -
+           sizeof(tav_ipc_hdr_st) * stats.values[TAV_IPC_STATS_ACCEPTED];
 }
 
-Problem silence(const tav_addr_st &address) {
+void wait_for_departures(const Module &module, const tav_addr_st &destination) {
+    constexpr int kSlice_ms = 100; // a signal does not end the call
+    while (tav_ipc_flush(module, kSlice_ms, nullptr) > 0)
+        if (interrupted()) throw Problem("interrupted before the message had left");
+    const auto stats = stats_of(module);
+    for (size_t i = TAV_IPC_STATS_DROPPED_NO_PEER; i < TAV_IPC_STATS_DROPPED_BYTES; ++i) {
+        if (stats.values[i] == 0) continue;
+        const Problem why = silence(destination, "dropped: no endpoint ");
+        throw Problem(i == TAV_IPC_STATS_DROPPED_NO_PEER ? why.what() : kValues[i].meaning, why.remedy());
+    }
+}
+
+Problem silence(const tav_addr_st &address, const std::string &begin) {
     const int own = tav_get_location(), location = address.loc != 0 ? address.loc : own;
     const std::string path = socket_directory(location) + "/" + name_text(address);
-    const std::string silent = "no answer from " + address_text(address);
+    const std::string silent = begin + address_text(address);
     if (location != own)
         return Problem(
             silent, "messages for another location go through its proxy endpoint: does it run? tavctl list",
@@ -200,19 +222,6 @@ std::string parse_hex(std::string_view text) {
         bytes += static_cast<char>(byte);
     }
     return bytes;
-}
-
-std::string compression_text(const std::string &payload) {
-    if (payload.size() < tavipc::kCompressMinimum)
-        return ", not compressed: shorter than " + std::to_string(tavipc::kCompressMinimum) + " bytes";
-    void *packed = nullptr;
-    const int result = tav_msg_compress(payload.data(), &packed, 0);
-    const tavipc::MallocPtr<void> owner(packed);
-    if (result == TAV_COMPRESS_NO_GAIN) return ", not compressed: it would not be shorter";
-    if (result != TAV_COMPRESS_OK) return ", not compressed: error " + std::to_string(result);
-    return ", compressed to " +
-           grouped(TAV_APP_HEADER_SIZE + tavipc::load_be32(static_cast<const char *>(packed) + kLengthAt)) +
-           " bytes";
 }
 
 std::string describe_payload(Record &record, std::string_view payload, const Args &args) {

@@ -3,37 +3,32 @@
 
 #include <functional>
 #include <limits>
-#include <optional>
 
 #include "cli/cli.h"
+#include "tavipc/tav_ipc.h"
 #include "tavipc/tav_ipc_ext.h"
 
 namespace tavctl {
 
 // --- the event loop (loop.cpp)
-// From now on a first Ctrl-C or SIGTERM ends a wait instead of the process, so that statistics are printed
-// and socket files are removed. A second one ends the process.
-void catch_interrupts();
+// From now on a first Ctrl-C, SIGTERM or SIGHUP ends a wait instead of the process, so that statistics are
+// printed and socket files are removed. A second one ends the process, after last_act in the signal handler.
+void catch_interrupts(void (*last_act)() = nullptr);
 bool interrupted();
 
-enum class Wait { kDone, kTimeout, kInterrupted, kNothingLeft };
-// Runs the loop until done() holds or the time is over. done is called after each turn.
-Wait run_until(const std::function<bool()> &done, double limit_s = std::numeric_limits<double>::infinity());
+// Runs the loop until done() holds, which is called after each turn. False when the time was over first, or
+// when interrupted.
+bool run_until(const std::function<bool()> &done, double limit_s = std::numeric_limits<double>::infinity());
 void pause(double seconds); // runs the loop for this time, unless interrupted
-// What was passed to the library last leaves while the loop runs, long before this time is over.
-inline constexpr double kLastDeparture_s = 0.05;
-inline constexpr double kProbe_s = 5; // for the answer of a probe: a live library answers at once
-double now_seconds();                 // monotonic
+// For tav_ipc_flush: a command that ends waits this long for a receiver that does not read.
+inline constexpr int kLastDepartures_ms = 1000;
+double now_seconds(); // monotonic
 
 // --- the library's log, kept instead of written (loop.cpp)
 // verbose: each line is also written to standard error, at the level of TAV_LOG_LEVEL (4 when it is not set).
 void keep_log(bool verbose);
 // The newest line of level 2 or less since the last call, after ": "; empty without one.
 std::string take_reason();
-
-// The library ends the process when it needs an agent id and cannot determine one. While call runs, the
-// reason is written to standard error then. call does not throw.
-void may_end_process(const std::function<void()> &call);
 
 // --- addresses
 // Reads NAME or NAME@LOCATION; throws misuse. Location 0 is this machine's own.
@@ -60,26 +55,21 @@ class Module {
     tav_ipc_st *ipc_;
 };
 
-// One request, confirmed message, probe or file, and its outcome. It must outlive the endpoint, which
-// completes what is outstanding when it is closed.
-struct Exchange {
-    bool ended = false;
-    int32_t code = 0;    // of the library
-    uint32_t cmd = 0;    // of the response
-    std::string payload; // of the response
-    double begin = now_seconds(), end = 0;
-    double took() const { return end - begin; }
-    // kind: tav_ipc_exchange_kind
-    void start(tav_ipc_st *ipc, int kind, const tav_addr_st &to, uint32_t command, const std::string &bytes,
-               double timeout_s);
-    Wait wait(double limit_s = std::numeric_limits<double>::infinity()) const {
-        return run_until([this] { return ended; }, limit_s);
-    }
-    void finish(int32_t result);
+// How a request, confirmed message or probe ended.
+struct Outcome {
+    bool ended = false; // false: interrupted before
+    int32_t code = 0;   // of the library
+    uint32_t cmd = 0;   // of a response, and its payload
+    std::string payload;
+    double took_s = 0;
 };
+inline constexpr double kProbeTimeout_s = 5;
+// kind: of tav_ipc_exchange_start. Throws Problem when the library refuses it.
+Outcome exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
+                 uint32_t cmd = 0, std::string_view payload = {});
 
 // Why nobody answers at the address, as far as its socket file shows: a Problem with kNoAnswer.
-Problem silence(const tav_addr_st &address);
+Problem silence(const tav_addr_st &address, const std::string &begin = "no answer from ");
 // Why an exchange ended with a code other than 0.
 Problem failed_exchange(const tav_addr_st &address, int code);
 
@@ -91,18 +81,13 @@ uint8_t address_flags(const Args &args); // of the destination
 // Reads hexadecimal text ("00 ff", "00FF", "0x00ff"); throws misuse.
 std::string parse_hex(std::string_view text);
 
-// What compression would make of an application message: ", compressed to 120 bytes", or why it would not.
-std::string compression_text(const std::string &payload);
-
 // Adds size and text or hexadecimal digits to the record. Returns the same as lines for people, each after a
 // line end.
 std::string describe_payload(Record &record, std::string_view payload, const Args &args);
 
-// --- what the library has no call for (loop.cpp)
-
-// Waits until messages that nobody confirms have left for the destination. Call watch_departures before they
-// are sent. Throws Problem when one was dropped, and when the wait was interrupted.
-void watch_departures();
-void wait_for_departures(const tav_addr_st &destination);
+uint64_t travelling_bytes(const Module &module); // of all payloads that it has sent, without headers
+// Runs the loop until all that was sent has left. Throws Problem when some of it was dropped, and when the
+// wait was interrupted.
+void wait_for_departures(const Module &module, const tav_addr_st &destination);
 
 } // namespace tavctl

@@ -99,32 +99,32 @@ void say_statistics(Console &out, const std::string &who, uint64_t sent, std::ve
 int send(Console &out, const Args &args) {
     const tav_addr_st destination = parse_address(args.text("NAME"), address_flags(args));
     const std::string payload = make_payload(args);
-    const std::string packed = args.has("compress") ? compression_text(payload) : "";
     const auto cmd = static_cast<uint32_t>(args.number("cmd"));
     const double timeout_s = args.seconds("timeout");
     const bool confirm = !args.has("no-confirm");
     catch_interrupts();
-    Exchange exchange;
     const Module module;
-    if (!confirm) watch_departures();
     for (uint64_t i = 0; i < args.number("count") && !interrupted(); ++i) {
         if (i > 0) pause(args.seconds("interval"));
         Record record("type", "sent", "to", address_text(destination), "cmd", cmd, "size", payload.size());
         record.add("confirmed", confirm);
+        const uint64_t before = travelling_bytes(module);
         if (confirm) {
-            exchange = {};
-            exchange.start(module, TAV_IPC_EXCHANGE_CONFIRMED, destination, cmd, payload, timeout_s);
-            if (exchange.wait() == Wait::kInterrupted)
-                throw Problem("interrupted: it is not known whether the message arrived");
-            if (exchange.code != 0) throw failed_exchange(destination, exchange.code);
-            record.add("us", Duration{exchange.took()});
+            const Outcome sent =
+                exchange(module, TAV_IPC_EXCHANGE_CONFIRMED, destination, timeout_s, cmd, payload);
+            if (!sent.ended) throw Problem("interrupted: it is not known whether the message arrived");
+            if (sent.code != 0) throw failed_exchange(destination, sent.code);
+            record.add("us", Duration{sent.took_s});
         } else {
             send_plain(module, destination, cmd, payload, timeout_s);
         }
+        const uint64_t travelled = travelling_bytes(module) - before;
+        const std::string packed =
+            travelled < payload.size() ? ", compressed to " + grouped(travelled) + " bytes" : std::string();
         out.say(record, "{to}: {size,} bytes",
                 packed + (confirm ? record.fill(", delivered in {us}") : ", on its way"));
     }
-    if (!confirm) wait_for_departures(destination);
+    if (!confirm) wait_for_departures(module, destination);
     return interrupted() ? kFailure : kSuccess;
 }
 
@@ -144,16 +144,14 @@ int request(Console &out, const Args &args) {
     const tav_addr_st destination = parse_address(args.text("NAME"), address_flags(args));
     const std::string payload = make_payload(args);
     catch_interrupts();
-    Exchange answer;
     const Module module;
-    answer.begin = now_seconds();
-    answer.start(module, TAV_IPC_EXCHANGE_REQUEST, destination, static_cast<uint32_t>(args.number("cmd")),
-                 payload, args.seconds("timeout"));
-    if (answer.wait() == Wait::kInterrupted) throw Problem("interrupted before an answer came");
+    const Outcome answer = exchange(module, TAV_IPC_EXCHANGE_REQUEST, destination, args.seconds("timeout"),
+                                    static_cast<uint32_t>(args.number("cmd")), payload);
+    if (!answer.ended) throw Problem("interrupted before an answer came");
     if (answer.code != 0) throw failed_exchange(destination, answer.code);
     if (args.has("raw")) return std::cout << answer.payload << std::flush, kSuccess;
     Record record("type", "answer", "from", address_text(destination), "cmd", answer.cmd);
-    record.add("us", Duration{answer.took()});
+    record.add("us", Duration{answer.took_s});
     const std::string lines = describe_payload(record, answer.payload, args);
     out.say(record, "{from} answered after {us}: cmd {cmd}, {size,} bytes", lines);
     return kSuccess;
@@ -169,7 +167,7 @@ int reply(Console &out, const Args &args) {
     tav_ipc_on_request(module, Server::on_request, &server);
     out.say(Record("type", "ready", "as", module.text()), "answering as {as}; Ctrl-C ends it");
     run_until([&] { return server.is_done(); });
-    if (server.is_done()) pause(kLastDeparture_s);
+    tav_ipc_flush(module, kLastDepartures_ms, nullptr);
     out.say(Record("type", "end", "answered", server.answered), "{answered,request} answered");
     return kSuccess;
 }
@@ -180,24 +178,22 @@ int probe(Console &out, const Args &args) {
     uint64_t sent = 0;
     std::vector<double> times; // of the answers, in seconds
     catch_interrupts();
-    Exchange exchange;
     const Module module;
     while (!args.count_reached(sent) && !interrupted()) {
-        exchange = {};
-        exchange.start(module, TAV_IPC_EXCHANGE_PROBE, destination, 0, {}, kProbe_s);
-        if (exchange.wait() == Wait::kInterrupted) break; // not counted: it had no time to be answered
+        const Outcome answer = exchange(module, TAV_IPC_EXCHANGE_PROBE, destination, kProbeTimeout_s);
+        if (!answer.ended) break; // not counted: it had no time to be answered
         ++sent;
-        Record record("type", "probe", "to", who, "number", sent, "code", exchange.code);
-        if (exchange.code == 0) {
-            times.push_back(exchange.took());
-            out.say(record.add("us", Duration{exchange.took()}), "{to}: number {number,}, {us}");
+        Record record("type", "probe", "to", who, "number", sent, "code", answer.code);
+        if (answer.code == 0) {
+            times.push_back(answer.took_s);
+            out.say(record.add("us", Duration{answer.took_s}), "{to}: number {number,}, {us}");
         } else {
-            const Problem why = failed_exchange(destination, exchange.code);
+            const Problem why = failed_exchange(destination, answer.code);
             const bool first = sent == times.size() + 1;
             out.say(record.add("error", why.what()), "{error}",
                     first ? "\n  what to do: " + why.remedy() : std::string());
         }
-        if (!args.count_reached(sent)) pause(args.seconds("interval") - (now_seconds() - exchange.begin));
+        if (!args.count_reached(sent)) pause(args.seconds("interval") - answer.took_s);
     }
     say_statistics(out, who, sent, times);
     if (sent == 0) return kFailure; // interrupted before one could be answered
