@@ -28,8 +28,8 @@ static const char *const kNames[] = {"lo", "eth0", "eth1", "exactly-15-long"};
 static struct Stage {
     int first = 0, last = 3, without_mac = -1, routed = 2; // interfaces
     int connect_error = 0, wait_result = 1, socket = 900, sem_open_error = 0, semaphore = 1;
-    unsigned long failing = 0;               // a request of ioctl, or one of these calls
-    std::function<void()> while_computing{}; // what another process does then
+    unsigned long failing = 0;                                // a request of ioctl, or one of these calls
+    std::function<void()> while_computing{}, while_listing{}; // what others do then
     std::string vmid = "123", events{};
     timespec deadline{};
 } stage;
@@ -72,6 +72,7 @@ int own_ioctl(int, unsigned long request, void *argument) {
     if (request == stage.failing) return fail(EIO);
     if (request == FIONBIO) return 0;
     if (request == SIOCGIFCONF) {
+        if (stage.while_listing) stage.while_listing();
         auto *all = static_cast<ifconf *>(argument);
         for (int i = stage.first; i <= stage.last; ++i)
             strcpy(all->ifc_req[i - stage.first].ifr_name, kNames[i]);
@@ -316,6 +317,23 @@ TEST_F(AgentId, IsMadeFromTheMacOnTheRouteToTheManager) {
     expect_id(kRemote, "", {.failing = SIOCGIFCONF}, 0, "");
     expect_id(kRemote, "", {.failing = SIOCGIFFLAGS}, 0, "");
     expect_id(kRemote, "", {.socket = -1}, 0, "");
+}
+
+TEST_F(AgentId, OtherThreadsNeverGetAnUnfinishedId) {
+    put("server.ini", kLocal);
+    put("machineid", id_bytes(5) + kMacs); // so each call lists the interfaces
+    const auto run = [&] {
+        int calls = 0;
+        EXPECT_EQ(CreateAgentId(), 5u);
+        stage.while_listing = [&] {
+            const Stage before = std::exchange(stage, {.sem_open_error = EACCES}); // only the cache is left
+            EXPECT_EQ(CreateAgentId(), 5u);
+            stage = before, ++calls;
+        };
+        EXPECT_EQ(CreateAgentId(), 5u);
+        exit(HasFailure() || calls != 1);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(AgentId, AdaptersOfVirtualMachinesAreExcluded) {
