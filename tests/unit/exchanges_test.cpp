@@ -91,6 +91,7 @@ TEST_F(Exchanges, AnAnswerCompletesOnce) {
         EXPECT_THAT(std::exchange(done, {}), ElementsAre(result));
     }
     EXPECT_EQ(ipc_req_manager_count(&ipc_->req_mgr), 0u);
+    EXPECT_STREQ(tav_ipc_strerror(1), "Unkown error");
 }
 
 TEST_F(Exchanges, TimeOutsCountWholeSeconds) {
@@ -181,8 +182,10 @@ TEST_F(Exchanges, WithAnIdReportWhyTheyCannotBegin) {
     module(ipc_)->sending_bytes = 0;
     w.event.fail_timers = 1;
     EXPECT_EQ(reason(ipc_, 0), ENOMEM);
-    w.event.advance(5000);
+    start(nullptr, kProbe, 1); // of those without an id, the callback reports it later
     EXPECT_THAT(done, ElementsAre());
+    w.event.advance(5000);
+    EXPECT_THAT(done, ElementsAre("1:-101"));
 }
 
 } // namespace
