@@ -222,6 +222,7 @@ TEST_F(AgentId, FullDiskLeavesAShorterMachineid) {
                             tavipc::GetLocalMacList().get());
         setrlimit(RLIMIT_FSIZE, &all);
         EXPECT_EQ(machineid(), "\4\3\2\1BBBBBBAAAAAA"s.substr(0, size));
+        EXPECT_EQ(w.log.count("Failed to save", 2), size == 2 ? 1 : 3) << "as soon as it is full";
     }
 }
 
