@@ -83,6 +83,12 @@ TEST_F(ForkTest, ChildrenUnderTrafficTakeNothingFromTheParent) {
 
 TEST_F(ForkTest, ChildrenUnderTrafficForgetTheCallersLoop) {
     for (const int result : {0, -1}) EXPECT_EQ(cl_event_loop_attach(&callers_), result);
+    static bool due;
+    cl_timer_start(
+        50, [](void *) { due = true; }, nullptr);
+    int turns = 0;
+    for (; !due; ++turns) cl_event_loop_run_once(5);
+    EXPECT_LT(turns, 30) << "a turn waits";
     turn_ = [this] { uv_run(&callers_, UV_RUN_NOWAIT); };
     send_while_forking();
     cl_event_loop_release();
