@@ -8,8 +8,6 @@
 
 #include "tavbase.h"
 
-namespace {
-
 // A table of int keys whose values are the same ints on the heap; live counts those not released yet.
 class Xhash : public ::testing::Test {
   protected:
@@ -116,5 +114,3 @@ TEST(Heap, GivesEntriesInOrderAndOnlyDestroy2Releases) {
     heap_destroy2(heap);
     EXPECT_EQ(released, static_cast<int>(model.size()));
 }
-
-} // namespace

@@ -7,8 +7,6 @@
 #include "event_fixture.h"
 #include "tavcl_loop.h"
 
-namespace {
-
 cl_loop_t g_loop = 0;
 std::string g_calls;
 char a[] = "a", b[] = "b", c[] = "c";
@@ -116,5 +114,3 @@ TEST_F(EmbedTest, SignalWatchesAndHandlesEndInAForkedChild) {
     cl_event_loop_release();
     EXPECT_EQ(signal(SIGUSR2, SIG_DFL), SIG_IGN) << "restored";
 }
-
-} // namespace

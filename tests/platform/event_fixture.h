@@ -37,7 +37,8 @@ inline cl_sockaddr_t address_of(const std::string &path) {
 // A datagram socket without the event library: a peer that reads and dies when the test wants it.
 class RawPeer {
   public:
-    explicit RawPeer(const std::string &path = {}) {
+    explicit RawPeer(const std::string &path = {}, int type = SOCK_DGRAM)
+        : fd_(socket(AF_UNIX, type | SOCK_CLOEXEC, 0)) {
         if (path.empty()) return;
         const cl_sockaddr_t address = address_of(path);
         EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr *>(&address.addr), address.len), 0) << path;
@@ -60,7 +61,7 @@ class RawPeer {
     }
 
   private:
-    const int fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int fd_;
 };
 
 class EventTest : public testing::Test {

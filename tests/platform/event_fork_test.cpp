@@ -6,8 +6,6 @@
 
 #include "event_fixture.h"
 
-namespace {
-
 class ForkTest : public EventTest {
   protected:
     ForkTest() { uv_loop_init(&callers_); }
@@ -94,5 +92,3 @@ TEST_F(ForkTest, ChildrenUnderTrafficForgetTheCallersLoop) {
     cl_event_loop_release();
     EXPECT_EQ(uv_loop_close(&callers_), 0);
 }
-
-} // namespace

@@ -3,8 +3,6 @@
 
 #include "event_fixture.h"
 
-namespace {
-
 class SendTest : public EventTest {
   protected:
     SendTest() { cl_dunix_set_send_wait(60'000); }
@@ -148,5 +146,3 @@ TEST_F(SendTest, ManyDestinationsUseFewDescriptorsAndGiveThemBack) {
     for (int i = 0; i < 100; ++i) send_numbered("nobody" + std::to_string(i), i, i + 1);
     EXPECT_EQ(open_descriptors() - before, 200) << "there is no listener";
 }
-
-} // namespace

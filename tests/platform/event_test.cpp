@@ -13,8 +13,6 @@ extern "C" __attribute__((visibility("default"))) int usleep(useconds_t us) {
     return std::this_thread::sleep_for(std::chrono::microseconds(us)), 0;
 }
 
-namespace {
-
 class LoopTest : public EventTest {
   protected:
     // Starts a timer that appends its name to fired_ and then runs `then`.
@@ -168,11 +166,11 @@ TEST_F(SocketFileTest, WrongAddressesLiveSocketsAndOtherFilesAreRefused) {
         EXPECT_EQ(cl_sockaddr_un_init(&address, wrong.c_str()), -1);
         EXPECT_EQ(cl_dunix_create(&address, nullptr, nullptr), 0u);
     }
-    const RawPeer live(path("live")), full(path("full"));
+    const RawPeer live(path("live")), full(path("full")), stream(path("stream"), SOCK_STREAM);
     while (RawPeer().send(path("full"), "x")) continue;
     directory_.write("plain", "text");
     std::filesystem::create_symlink(path("nowhere"), path("link"));
-    for (const char *name : {"live", "full", "plain", "link"}) {
+    for (const char *name : {"live", "full", "stream", "plain", "link"}) {
         EXPECT_EQ(create(name), 0u) << name;
         EXPECT_EQ(errno, EADDRINUSE) << name;
     }
@@ -202,5 +200,3 @@ TEST_F(SocketFileTest, OneOfManyReplacesAStaleFile) {
         ASSERT_EQ(made, 1);
     }
 }
-
-} // namespace

@@ -11,8 +11,6 @@
 using namespace tavipc::stage;
 namespace fs = std::filesystem;
 
-namespace {
-
 constexpr size_t kChunk = 64'000; // bytes of a file in one datagram
 
 // A module with an endpoint of its name that accepts files; usually with a clock that the test moves.
@@ -188,5 +186,3 @@ TEST_F(Modules, WhatADeadSenderBeganIsRemoved) {
     EXPECT_EQ(beta.finish(), 0);
     EXPECT_FALSE(beta.heard("got"));
 }
-
-} // namespace

@@ -15,8 +15,6 @@
 
 using namespace tavipc::stage;
 
-namespace {
-
 constexpr uint32_t kMessages = 300;
 std::atomic<int> busy = 2, failures = 0, log_lines = 0;
 
@@ -76,8 +74,6 @@ TEST(Threads, EachHasItsOwnEndpoint) {
     Process module = place.start("threads", {"IPC_TEST=1", "TAV_LOG_LEVEL=4"}, {"module"});
     EXPECT_EQ(module.expect("", 90s), "0 failures, traced");
 }
-
-} // namespace
 
 int main(int argc, char **argv) {
     if (argc == 2 && argv[1] == std::string_view("module")) return run_module();

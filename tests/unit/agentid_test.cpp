@@ -112,8 +112,6 @@ void freeifaddrs(ifaddrs *) noexcept {}
 
 } // extern "C"
 
-namespace {
-
 const std::string kRemote = "[config]\naddr = 192.0.2.7\n", kLocal = "[config]\naddr = 127.0.0.1\n";
 const std::string kType = "linux" + std::string(28, '\0'),
                   kZero(6, '\0'), kMacs = "AAAAAACCCCCCBBBBBB", kLocked = "open post close unlink ";
@@ -353,5 +351,3 @@ TEST_F(AgentId, ProcessEndsWithoutIdentityAfterCleaningUp) {
     stage.vmid = "0";
     EXPECT_EXIT(CreateAgentId(), testing::KilledBySignal(SIGABRT), "");
 }
-
-} // namespace

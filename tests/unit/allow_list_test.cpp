@@ -32,8 +32,6 @@ extern "C" int RSA_public_decrypt(int size, const unsigned char *from, unsigned 
     return static_cast<int>(signed_text->copy(reinterpret_cast<char *>(to), static_cast<size_t>(size)));
 }
 
-namespace {
-
 namespace fs = std::filesystem;
 using std::string_literals::operator""s;
 
@@ -156,5 +154,3 @@ TEST_F(AllowList, RefusesAProcessWithoutAName) {
     refuses("get process name failed\nget process name failed\n", 0);
     EXPECT_FALSE(tavipc::read_whole_file("/", 10'485'761));
 }
-
-} // namespace

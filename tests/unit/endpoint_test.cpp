@@ -4,8 +4,6 @@
 #include "endpoint_world.h"
 #include "ipc/receive.h"
 
-namespace {
-
 using tavipc::ipc_on_recv;
 
 class EndpointTest : public EndpointWorld {
@@ -147,5 +145,3 @@ TEST_F(EndpointTest, DestroyedRecordLivesUntilItsLastFrameIsLeft) {
     EXPECT_EQ(tav_ipc_recv_start(ipc, ipc_on_recv), nullptr);
     EXPECT_EQ(errno, EINVAL);
 }
-
-} // namespace

@@ -9,8 +9,6 @@
 
 using testing::ElementsAre;
 
-namespace {
-
 enum Kind { kRequest, kConfirmed, kProbe, kIdRequest, kIdConfirmed, kIdProbe };
 
 std::vector<std::string> done;       // "tag:code", of a callback with an answer "tag:code/cmd/payload"
@@ -187,5 +185,3 @@ TEST_F(Exchanges, WithAnIdReportWhyTheyCannotBegin) {
     w.event.advance(5000);
     EXPECT_THAT(done, ElementsAre("1:-101"));
 }
-
-} // namespace

@@ -14,8 +14,6 @@
 using testing::ElementsAre;
 namespace fs = std::filesystem;
 
-namespace {
-
 std::vector<int32_t> done;              // codes of finished transfers
 std::vector<std::string> received;      // paths, each with the number of datagrams sent before
 std::function<void(tav_ipc_st *)> then; // runs in the next callback
@@ -35,16 +33,12 @@ int on_file(tav_ipc_st *ipc, const char *path, void *) {
     return -1;
 }
 
-} // namespace
-
 extern "C" int getrlimit(__rlimit_resource_t, rlimit *limit) noexcept { return *limit = {80, 80}, 0; }
 extern "C" int mkstemp(char *path) {
     EXPECT_STREQ(path, "/tmp/ipc_file.XXXXXX");
     std::strcpy(path, path_of(++made).c_str());
     return device ? open(device, O_RDWR) : open(path, O_RDWR | O_CREAT | O_EXCL, 0600);
 }
-
-namespace {
 
 class Files : public EndpointWorld {
   protected:
@@ -203,5 +197,3 @@ TEST_F(Files, CallbackRunsBeforeTheReplyAndMayDoAnything) {
     EXPECT_THAT(received, ElementsAre(path_of(1) + " 0", path_of(2) + " 2")) << "the path stays valid";
     EXPECT_EQ(w.event.sends.size(), 2u);
 }
-
-} // namespace

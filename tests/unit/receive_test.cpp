@@ -5,8 +5,6 @@
 #include "ipc/receive.h"
 #include "tavipc/tav_compress.h"
 
-namespace {
-
 constexpr uint16_t kNeed = IPC_FLAG_NEED_ACK, kRequest = IPC_FLAG_REQUEST;
 
 class ReceiveTest : public EndpointWorld {
@@ -266,5 +264,3 @@ TEST_F(ReceiveTest, NothingIsDeliveredOnceALineHasDestroyedTheEndpoint) {
     };
     EXPECT_GE(at_each_line(ipc_, scenario, [&] { close(std::exchange(ipc_, nullptr)); }), 4u);
 }
-
-} // namespace

@@ -6,8 +6,6 @@
 #include "endpoint_world.h"
 #include "ipc/transmitter.h"
 
-namespace {
-
 using tavipc::kSmallClassBytes;
 
 class SendTest : public EndpointWorld {
@@ -241,5 +239,3 @@ TEST_F(SendTest, ShortMemoryRefusesALargeMessageWhole) {
     EXPECT_EQ(w.event.sends.size(), 0u);
 }
 #endif
-
-} // namespace

@@ -6,8 +6,6 @@
 #include "ipc/ipc_conf.h"
 #include "ipc/transmitter.h"
 
-namespace {
-
 constexpr uint32_t kSmall = tavipc::kSmallClassBytes, kLarge = tavipc::kLargeClassBytes;
 
 class TransmitterTest : public EndpointWorld {
@@ -175,5 +173,3 @@ TEST_F(TransmitterTest, ALineAboutADropMaySettleTheLastSend) {
     EXPECT_EQ(xhash_count(ipc_->queue->mods), 1u);
     ipc_->queue->mod_count = 1;
 }
-
-} // namespace
