@@ -9,8 +9,7 @@
 #include "tavbase.h"
 
 // A table of int keys whose values are the same ints on the heap; live counts those not released yet.
-class Xhash : public ::testing::Test {
-  protected:
+struct Xhash : ::testing::Test {
     ~Xhash() override {
         xhash_destroy(table);
         EXPECT_EQ(live, 0);

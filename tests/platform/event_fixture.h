@@ -64,8 +64,7 @@ class RawPeer {
     const int fd_;
 };
 
-class EventTest : public testing::Test {
-  protected:
+struct EventTest : testing::Test {
     using OnDatagram = std::function<void(const std::string &data, const cl_sockaddr_t &from, int status)>;
 
     void TearDown() override { cl_event_loop_release(); }

@@ -6,8 +6,7 @@
 
 #include "event_fixture.h"
 
-class ForkTest : public EventTest {
-  protected:
+struct ForkTest : EventTest {
     ForkTest() { uv_loop_init(&callers_); }
     // Forks. The child has no socket of any thread and no valid handle. A socket of its own sends to the
     // parent and receives.

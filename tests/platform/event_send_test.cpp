@@ -3,8 +3,7 @@
 
 #include "event_fixture.h"
 
-class SendTest : public EventTest {
-  protected:
+struct SendTest : EventTest {
     SendTest() { cl_dunix_set_send_wait(60'000); }
     // Sends datagrams that begin with their number.
     void send_numbered(const std::string &to, int first, int end, size_t size = 0) {

@@ -13,8 +13,7 @@ extern "C" __attribute__((visibility("default"))) int usleep(useconds_t us) {
     return std::this_thread::sleep_for(std::chrono::microseconds(us)), 0;
 }
 
-class LoopTest : public EventTest {
-  protected:
+struct LoopTest : EventTest {
     // Starts a timer that appends its name to fired_ and then runs `then`.
     cl_timer_t plan(
         const std::string &name, uint64_t delay_ms, std::function<void()> then = [] {}) {
@@ -83,8 +82,7 @@ TEST_F(LoopTest, StopInsideASingleTurnEndsTheInnermostRunAroundIt) {
     EXPECT_EQ(cl_event_loop_run_once(-1), 0) << "nothing to wait for";
 }
 
-class ReceiveTest : public EventTest {
-  protected:
+struct ReceiveTest : EventTest {
     void send_letters(const std::string &letters) const {
         for (const char letter : letters) EXPECT_TRUE(RawPeer().send(path("s"), std::string(1, letter)));
     }

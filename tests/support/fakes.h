@@ -101,8 +101,7 @@ inline bool test_runs = false;
 } // namespace fake
 
 // Fixture: a fresh world for every test.
-class FakeWorld : public ::testing::Test {
-  protected:
+struct FakeWorld : ::testing::Test {
     FakeWorld() {
         fake::world() = fake::World{}, fake::test_runs = true;
         static uint64_t days = 0; // rate limits outlive a test: each begins long after the one before

@@ -121,8 +121,7 @@ uint32_t crc(const std::string &text) {
     return orlask_crc32(text.data(), static_cast<uint32_t>(text.size()));
 }
 
-class AgentId : public FakeWorld {
-  protected:
+struct AgentId : FakeWorld {
     AgentId() {
         for (const char *sub : {"config", "bin", "root/config"}) fs::create_directories(dir / sub);
         w.deployment.base = dir / "bin";

@@ -47,8 +47,7 @@ std::string list_of(const std::string &entry) {
 const std::string kName = sha256("the_name"), kList = list_of(kName), kDigest = sha256(kList),
                   kSignature = std::string(342, 'A') + "=="; // 256 bytes in base64
 
-class AllowList : public FakeWorld {
-  protected:
+struct AllowList : FakeWorld {
     AllowList() {
         for (const char *name : {"bin", "config"}) fs::create_directories(root / name);
         w.deployment.base = root / "bin";

@@ -6,8 +6,7 @@
 
 using tavipc::ipc_on_recv;
 
-class EndpointTest : public EndpointWorld {
-  protected:
+struct EndpointTest : EndpointWorld {
     bool receives(const std::string &name) const {
         return w.event.sockets.at(w.event.socket_at("/var/zon_ipc259/" + name)).recv;
     }

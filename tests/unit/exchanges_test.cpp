@@ -29,8 +29,7 @@ void on_exchange(uint64_t, int32_t code, uint32_t cmd, const void *data, uint32_
     on_response(code, cmd, data, len, user);
 }
 
-class Exchanges : public EndpointWorld {
-  protected:
+struct Exchanges : EndpointWorld {
     Exchanges() { done = {}, then = nullptr; }
 
     // The time-out is in seconds, of an exchange with an id in milliseconds. Returns the id.

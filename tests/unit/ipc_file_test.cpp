@@ -40,8 +40,7 @@ extern "C" int mkstemp(char *path) {
     return device ? open(device, O_RDWR) : open(path, O_RDWR | O_CREAT | O_EXCL, 0600);
 }
 
-class Files : public EndpointWorld {
-  protected:
+struct Files : EndpointWorld {
     Files() {
         done = {}, received = {}, directory = "/tmp/tXXXXXX", made = 0, device = nullptr;
         EXPECT_TRUE(mkdtemp(directory.data()));

@@ -7,8 +7,7 @@
 
 constexpr uint16_t kNeed = IPC_FLAG_NEED_ACK, kRequest = IPC_FLAG_REQUEST;
 
-class ReceiveTest : public EndpointWorld {
-  protected:
+struct ReceiveTest : EndpointWorld {
     using Calls = std::vector<Call>;
     ReceiveTest() { listen(ipc_); }
 

@@ -8,8 +8,7 @@
 
 using tavipc::kSmallClassBytes;
 
-class SendTest : public EndpointWorld {
-  protected:
+struct SendTest : EndpointWorld {
     std::string pipe(size_t index) const { return sent(index).path.substr(sent(index).path.rfind('/') + 1); }
     // "pipe:reqid" of each datagram.
     std::string sends() const {
