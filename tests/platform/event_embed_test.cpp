@@ -1,8 +1,5 @@
 // The loop inside another loop, calls from threads and signal handlers, watches.
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/wait.h>
-#include <thread>
 
 #include "event_fixture.h"
 #include "tavcl_loop.h"

@@ -3,12 +3,15 @@
 
 #include <cstring>
 #include <deque>
+#include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "tavcl_ev.h"

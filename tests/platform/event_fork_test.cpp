@@ -1,7 +1,5 @@
 // fork, and a libuv loop of the caller's: the parent loses nothing, and the child starts without a loop.
 #include <latch>
-#include <sys/wait.h>
-#include <thread>
 #include <uv.h>
 
 #include "event_fixture.h"

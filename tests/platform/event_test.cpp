@@ -1,9 +1,7 @@
 // Timers and runs of the loop, reception, and the file of a socket.
 #include <barrier>
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <thread>
 
 #include "event_fixture.h"
 

@@ -4,10 +4,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <dlfcn.h>
 #include <memory>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include "tavaux.h"
 

@@ -2,15 +2,11 @@
 // sleep, the semaphore, and the system calls about network interfaces.
 #include <arpa/inet.h>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/poll.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <uuid/uuid.h>
 
 #include "agentid/conf_dir.h"

@@ -2,12 +2,8 @@
 // nothing. Signatures of a real key are in the tests of the built libraries.
 #define OPENSSL_SUPPRESS_DEPRECATED
 
-#include <dlfcn.h>
-#include <filesystem>
-#include <fstream>
 #include <optional>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <openssl/err.h>
 #include <openssl/rsa.h>

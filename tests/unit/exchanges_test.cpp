@@ -2,8 +2,6 @@
 // once, whatever its callback does.
 #include <cerrno>
 
-#include <gmock/gmock.h>
-
 #include "endpoint_world.h"
 #include "tavipc/tav_ipc_ext.h"
 

@@ -1,12 +1,6 @@
 // Whole files: the chunks that a sender sends and when it stops, and what a receiver keeps and for how long.
-#include <filesystem>
-#include <fstream>
 
-#include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
-
-#include <gmock/gmock.h>
 
 #include "endpoint_world.h"
 #include "ipc/ipc_file.h"

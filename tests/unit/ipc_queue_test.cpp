@@ -1,7 +1,5 @@
 #include "tavipc/ipc_queue.h"
 
-#include <unistd.h>
-
 #include "fakes.h"
 
 static std::function<void(ipc_queue_msg_st *)> on_consume;

@@ -1,7 +1,4 @@
 // The send path: where a message goes, how it is built, marked, compressed and cut, and what is refused.
-#include <fstream>
-
-#include <sys/resource.h>
 
 #include "endpoint_world.h"
 #include "ipc/transmitter.h"

@@ -1,7 +1,6 @@
 // Transmission: what is tried at once and what waits, how refusals are retried and for how long, and the
 // in-flight limits.
 #include <array>
-#include <fstream>
 #include <optional>
 
 #include "endpoint_world.h"

@@ -1,9 +1,7 @@
 // The header of a datagram, and the lines that trace it.
 #include "ipc/msg_trace.h"
 
-#include <fcntl.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include "fakes.h"
 #include "ipc/wire.h"
