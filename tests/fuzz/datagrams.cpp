@@ -1,6 +1,7 @@
 // The life of two endpoints in a fake world, described by the input: datagrams that reach them, sends,
 // exchanges, files, completions, time; and inside each callback the next step of the same input. The body of
-// every message repeats one letter, so that a message mixed of two shows.
+// every message repeats one letter, so that a message mixed of two shows. The counters balance after every
+// step.
 #include "endpoint_world.h"
 #include "harness.h"
 #include "tavipc/tav_ipc_ext.h"
@@ -22,7 +23,11 @@ class Life : public EndpointWorld {
         for (const size_t slot : {0, 1}) open_or_close(slot);
     }
     void run() {
-        for (unsigned i = 0; i < kMaxSteps && !in_.empty(); ++i) step();
+        for (unsigned i = 0; i < kMaxSteps && !in_.empty(); ++i) {
+            step();
+            for (const size_t slot : {0, 1})
+                if (slots_[slot]) check_balance(slots_[slot]);
+        }
         in_ = fuzz::Input(nullptr, 0);
         for (const size_t slot : {0, 1})
             if (slots_[slot]) open_or_close(slot);
@@ -39,6 +44,13 @@ class Life : public EndpointWorld {
 
   private:
     void TestBody() override {}
+    static void check_balance(tav_ipc_st *ipc) {
+        for (const char *destination : {static_cast<const char *>(nullptr), "e0", "e1", "p0"}) {
+            tav_ipc_stats_st counters{}; // stays zero without such a destination
+            (void)tav_ipc_get_stats(ipc, destination, &counters, sizeof counters);
+            FUZZ_CHECK(imbalance(counters.values) == 0);
+        }
+    }
     void step() {
         static constexpr void (Life::*kSteps[])() = {&Life::message,    &Life::fragments,    &Life::raw,
                                                      &Life::relay,      &Life::pass_time,    &Life::complete,

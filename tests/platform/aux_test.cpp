@@ -15,8 +15,6 @@ int dirutils_path_transform(const char *path, char *out, int size) noexcept {
     return str_snprintf(out, static_cast<size_t>(size), "%s%s", g_base.c_str(), path + 1) > 0 ? 0 : -1;
 }
 
-namespace {
-
 // Exits with 0 if these are the facts, in the order of tavaux.h, whichever thread asks first.
 void check_facts(const std::string &expected) {
     for (std::jthread threads[8]; auto &thread : threads)
@@ -54,5 +52,3 @@ TEST(Deployment, FactsOfTheFileOrDefaults) {
                  "hostid = 4294967295\n[locations]\n4 = cloud\n",
                  "4 cloud tmp/demo 1 4294967295 container 10");
 }
-
-} // namespace

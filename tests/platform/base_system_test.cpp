@@ -37,8 +37,6 @@ extern "C" int poll(pollfd *fds, nfds_t number, int timeout_ms) {
 }
 #pragma GCC visibility pop
 
-namespace {
-
 std::string run(const std::string &command, size_t size = 64) {
     std::string out(size + 8, '#');
     const int result = shell_execute(command.c_str(), out.data(), static_cast<int>(size));
@@ -129,5 +127,3 @@ TEST(Resolver, GivesIpv4TextOrLeavesTheBufferAlone) {
     EXPECT_EQ(get_ipaddr_by_host("localhost", ip), 1);
     EXPECT_TRUE(std::string_view(ip).starts_with("127.")) << ip;
 }
-
-} // namespace

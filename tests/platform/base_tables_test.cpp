@@ -8,11 +8,8 @@
 
 #include "tavbase.h"
 
-namespace {
-
 // A table of int keys whose values are the same ints on the heap; live counts those not released yet.
-class Xhash : public ::testing::Test {
-  protected:
+struct Xhash : ::testing::Test {
     ~Xhash() override {
         xhash_destroy(table);
         EXPECT_EQ(live, 0);
@@ -116,5 +113,3 @@ TEST(Heap, GivesEntriesInOrderAndOnlyDestroy2Releases) {
     heap_destroy2(heap);
     EXPECT_EQ(released, static_cast<int>(model.size()));
 }
-
-} // namespace

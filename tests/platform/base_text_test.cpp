@@ -14,8 +14,6 @@
 #include "tavbase.h"
 #include "temp_dir.h"
 
-namespace {
-
 using namespace std::string_literals;
 
 TEST(Strings, AreBoundedAndFound) {
@@ -153,5 +151,3 @@ TEST(Log, WithoutASinkALineIsOneWriteThatAPipeTakesWhole) {
         EXPECT_THAT(line, testing::MatchesRegex("[0-9-]{10} [0-9:]{8}[.][0-9]{3}Z L"s + expected));
     }
 }
-
-} // namespace

@@ -1,13 +1,8 @@
 // The loop inside another loop, calls from threads and signal handlers, watches.
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/wait.h>
-#include <thread>
 
 #include "event_fixture.h"
 #include "tavcl_loop.h"
-
-namespace {
 
 cl_loop_t g_loop = 0;
 std::string g_calls;
@@ -116,5 +111,3 @@ TEST_F(EmbedTest, SignalWatchesAndHandlesEndInAForkedChild) {
     cl_event_loop_release();
     EXPECT_EQ(signal(SIGUSR2, SIG_DFL), SIG_IGN) << "restored";
 }
-
-} // namespace

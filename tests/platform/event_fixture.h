@@ -3,12 +3,15 @@
 
 #include <cstring>
 #include <deque>
+#include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "tavcl_ev.h"
@@ -37,7 +40,8 @@ inline cl_sockaddr_t address_of(const std::string &path) {
 // A datagram socket without the event library: a peer that reads and dies when the test wants it.
 class RawPeer {
   public:
-    explicit RawPeer(const std::string &path = {}) {
+    explicit RawPeer(const std::string &path = {}, int type = SOCK_DGRAM)
+        : fd_(socket(AF_UNIX, type | SOCK_CLOEXEC, 0)) {
         if (path.empty()) return;
         const cl_sockaddr_t address = address_of(path);
         EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr *>(&address.addr), address.len), 0) << path;
@@ -60,11 +64,10 @@ class RawPeer {
     }
 
   private:
-    const int fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int fd_;
 };
 
-class EventTest : public testing::Test {
-  protected:
+struct EventTest : testing::Test {
     using OnDatagram = std::function<void(const std::string &data, const cl_sockaddr_t &from, int status)>;
 
     void TearDown() override { cl_event_loop_release(); }

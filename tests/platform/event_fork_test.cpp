@@ -1,15 +1,10 @@
 // fork, and a libuv loop of the caller's: the parent loses nothing, and the child starts without a loop.
 #include <latch>
-#include <sys/wait.h>
-#include <thread>
 #include <uv.h>
 
 #include "event_fixture.h"
 
-namespace {
-
-class ForkTest : public EventTest {
-  protected:
+struct ForkTest : EventTest {
     ForkTest() { uv_loop_init(&callers_); }
     // Forks. The child has no socket of any thread and no valid handle. A socket of its own sends to the
     // parent and receives.
@@ -83,10 +78,14 @@ TEST_F(ForkTest, ChildrenUnderTrafficTakeNothingFromTheParent) {
 
 TEST_F(ForkTest, ChildrenUnderTrafficForgetTheCallersLoop) {
     for (const int result : {0, -1}) EXPECT_EQ(cl_event_loop_attach(&callers_), result);
+    static bool due;
+    cl_timer_start(
+        50, [](void *) { due = true; }, nullptr);
+    int turns = 0;
+    for (; !due; ++turns) cl_event_loop_run_once(5);
+    EXPECT_LT(turns, 30) << "a turn waits";
     turn_ = [this] { uv_run(&callers_, UV_RUN_NOWAIT); };
     send_while_forking();
     cl_event_loop_release();
     EXPECT_EQ(uv_loop_close(&callers_), 0);
 }
-
-} // namespace

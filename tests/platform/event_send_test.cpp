@@ -3,10 +3,7 @@
 
 #include "event_fixture.h"
 
-namespace {
-
-class SendTest : public EventTest {
-  protected:
+struct SendTest : EventTest {
     SendTest() { cl_dunix_set_send_wait(60'000); }
     // Sends datagrams that begin with their number.
     void send_numbered(const std::string &to, int first, int end, size_t size = 0) {
@@ -148,5 +145,3 @@ TEST_F(SendTest, ManyDestinationsUseFewDescriptorsAndGiveThemBack) {
     for (int i = 0; i < 100; ++i) send_numbered("nobody" + std::to_string(i), i, i + 1);
     EXPECT_EQ(open_descriptors() - before, 200) << "there is no listener";
 }
-
-} // namespace

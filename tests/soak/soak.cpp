@@ -4,8 +4,9 @@
 // is delivered twice or changed, nothing that was refused is delivered, and
 // - a message is delivered, or a log line says that it was dropped, or its sender or receiver was killed or
 //   closed (modules are stopped for less than the ten seconds after which fragments expire);
-// - an exchange or file completes once, unless its sender was killed: with the right answer, or refused, or
-//   with a log line of a drop between its modules, or because one of them was disturbed.
+// - an exchange or file completes once, unless its sender was killed: with the right answer, or refused (a
+//   file also because another sender drew its id), or with a log line of a drop between its modules, or
+//   because one of them was disturbed.
 #include <algorithm>
 #include <array>
 #include <csignal>
@@ -37,6 +38,7 @@ enum Kind { kMessage, kRequest, kConfirm, kProbe, kFile };
 const std::string kKindNames[] = {"message", "request", "confirm", "probe", "file"};
 enum Fault { kNone, kKilled, kStopped, kClosed };
 const std::string kFaultNames[] = {"", " killed", " stopped", " closed"};
+const std::string kIdTaken = "refused, -106, another sender drew its id";
 
 struct Entry {
     Kind kind;
@@ -85,7 +87,10 @@ class Soak {
             if (module.process->finish() != 0) fail(module.name + " did not end well");
             take_events(module);
         }
-        for (size_t id = 1; id < entries_.size(); ++id) account_for(entries_[id]);
+        std::for_each(entries_.begin() + 1, entries_.end(),
+                      [this](const Entry &entry) { account_for(entry); });
+        if (verdicts_["file: " + kIdTaken] > 1 + verdicts_["file: succeeded"] / 100)
+            fail("files are refused for their ids too often");
         for (const auto &[what, count] : verdicts_) std::printf("%8d  %s\n", count, what.c_str());
         return failures_ == 0;
     }
@@ -257,6 +262,14 @@ class Soak {
              excuse + ", code " + to_string(entry.code) + ", arrived " + to_string(entry.delivered) +
              " times: " + verdict);
     }
+    // Fragments seed the generator with the clock, so two senders can draw the same file id in a second. The
+    // receiver then refuses the later file.
+    bool has_rival(const Entry &file) const {
+        return std::any_of(entries_.begin() + 1, entries_.end(), [&file](const Entry &other) {
+            return other.kind == kFile && other.round == file.round && other.to == file.to &&
+                   other.from != file.from;
+        });
+    }
     std::string judge(const Entry &entry, const std::string &excuse) {
         const bool message = entry.kind == kMessage, success = entry.code >= 0;
         const bool killed = fault_of(entry, entry.from) == kKilled;
@@ -272,6 +285,7 @@ class Soak {
             return "FAILURE: wrong answer";
         if (success && (entry.delivered || entry.kind == kProbe)) return "succeeded";
         if (entry.code == -101 || (message && !success)) return "refused, " + code;
+        if (entry.code == -106 && has_rival(entry)) return kIdTaken;
         if (!excuse.empty()) return (success ? "not delivered" : code) + excuse;
         for (const auto &[from, to] : {std::pair{entry.from, entry.to}, {entry.to, entry.from}})
             if (!success && drops_[{entry.round, from, to}]-- > 0) return code + ", with a log line";

@@ -49,8 +49,7 @@ inline std::string app_message(size_t size, uint8_t priority = 0, char method = 
     return text.replace(16, 4, bytes_of(htonl(static_cast<uint32_t>(static_cast<int>(size) - 20 + lie))));
 }
 
-class EndpointWorld : public FakeWorld {
-  protected:
+struct EndpointWorld : FakeWorld {
     struct Call {
         std::string kind, from, payload;
         uint32_t reqid, cmd;

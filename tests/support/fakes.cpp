@@ -4,10 +4,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <dlfcn.h>
 #include <memory>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include "tavaux.h"
 
@@ -154,7 +152,7 @@ void cl_dunix_close(cl_dunix_t socket, void (*)(void *), void *) noexcept {
         if (event.sends[i].socket == socket && !event.sends[i].done) event.complete(i, CL_EV_CANCELLED);
 }
 int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *context) noexcept {
-    if (event.fail_recv > 0) return --event.fail_recv, errno = 0, -1;
+    if (event.fail_recv > 0) return --event.fail_recv, -1; // leaves errno alone
     fake::Socket &receiving = event.sockets.at(socket);
     receiving = {receiving.path, callback, context};
     return 0;

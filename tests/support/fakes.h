@@ -4,12 +4,18 @@
 
 #include <cstring>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include "tavbase.h"
 #include "tavcl_loop.h"
@@ -101,8 +107,7 @@ inline bool test_runs = false;
 } // namespace fake
 
 // Fixture: a fresh world for every test.
-class FakeWorld : public ::testing::Test {
-  protected:
+struct FakeWorld : ::testing::Test {
     FakeWorld() {
         fake::world() = fake::World{}, fake::test_runs = true;
         static uint64_t days = 0; // rate limits outlive a test: each begins long after the one before

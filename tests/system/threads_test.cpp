@@ -15,8 +15,6 @@
 
 using namespace tavipc::stage;
 
-namespace {
-
 constexpr uint32_t kMessages = 300;
 std::atomic<int> busy = 2, failures = 0, log_lines = 0;
 
@@ -24,26 +22,22 @@ struct Worker {
     std::set<uint32_t> messages{}; // their command codes
     uint32_t answers = 0;
 
-    static int on_message(tav_ipc_st *, const tav_addr_st *, uint32_t cmd, const void *, uint32_t size,
-                          void *self) {
-        failures += size != 100 || !static_cast<Worker *>(self)->messages.insert(cmd).second;
-        return 0;
-    }
-    static int on_request(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t id, uint32_t cmd,
-                          const void *data, uint32_t size, void *) {
-        tav_ipc_response(ipc, src, id, cmd, data, size);
-        return 0;
-    }
-    static int on_answer(int32_t code, uint32_t, const void *, uint32_t size, void *self) {
-        failures += code != 0 || size != 100'000;
-        return ++static_cast<Worker *>(self)->answers, 0;
-    }
     void run(const char *name, const char *peer_name, std::barrier<> &both) {
         tav_addr_st peer{};
         std::strcpy(peer.name, peer_name);
         const std::string payload(100'000, 'p');
         tav_ipc_st *ipc = tav_ipc_create(name);
         cl_dunix_set_send_wait(60'000);
+        const auto on_message = [](auto, auto, uint32_t cmd, auto, uint32_t size, void *self) {
+            return failures += size != 100 || !static_cast<Worker *>(self)->messages.insert(cmd).second, 0;
+        };
+        const auto on_request = [](auto own, auto src, auto id, auto cmd, auto data, uint32_t size, auto) {
+            return tav_ipc_response(own, src, id, cmd, data, size), 0;
+        };
+        const auto on_answer = [](int32_t code, uint32_t, auto, uint32_t size, void *self) {
+            failures += code != 0 || size != 100'000;
+            return ++static_cast<Worker *>(self)->answers, 0;
+        };
         tav_ipc_msg_recv(ipc, on_message, this);
         tav_ipc_on_request(ipc, on_request, this);
         both.arrive_and_wait();
@@ -76,8 +70,6 @@ TEST(Threads, EachHasItsOwnEndpoint) {
     Process module = place.start("threads", {"IPC_TEST=1", "TAV_LOG_LEVEL=4"}, {"module"});
     EXPECT_EQ(module.expect("", 90s), "0 failures, traced");
 }
-
-} // namespace
 
 int main(int argc, char **argv) {
     if (argc == 2 && argv[1] == std::string_view("module")) return run_module();

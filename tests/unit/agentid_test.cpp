@@ -2,15 +2,11 @@
 // sleep, the semaphore, and the system calls about network interfaces.
 #include <arpa/inet.h>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/poll.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <uuid/uuid.h>
 
 #include "agentid/conf_dir.h"
@@ -28,8 +24,8 @@ static const char *const kNames[] = {"lo", "eth0", "eth1", "exactly-15-long"};
 static struct Stage {
     int first = 0, last = 3, without_mac = -1, routed = 2; // interfaces
     int connect_error = 0, wait_result = 1, socket = 900, sem_open_error = 0, semaphore = 1;
-    unsigned long failing = 0;               // a request of ioctl, or one of these calls
-    std::function<void()> while_computing{}; // what another process does then
+    unsigned long failing = 0;                                // a request of ioctl, or one of these calls
+    std::function<void()> while_computing{}, while_listing{}; // what others do then
     std::string vmid = "123", events{};
     timespec deadline{};
 } stage;
@@ -72,6 +68,7 @@ int own_ioctl(int, unsigned long request, void *argument) {
     if (request == stage.failing) return fail(EIO);
     if (request == FIONBIO) return 0;
     if (request == SIOCGIFCONF) {
+        if (stage.while_listing) stage.while_listing();
         auto *all = static_cast<ifconf *>(argument);
         for (int i = stage.first; i <= stage.last; ++i)
             strcpy(all->ifc_req[i - stage.first].ifr_name, kNames[i]);
@@ -111,8 +108,6 @@ void freeifaddrs(ifaddrs *) noexcept {}
 
 } // extern "C"
 
-namespace {
-
 const std::string kRemote = "[config]\naddr = 192.0.2.7\n", kLocal = "[config]\naddr = 127.0.0.1\n";
 const std::string kType = "linux" + std::string(28, '\0'),
                   kZero(6, '\0'), kMacs = "AAAAAACCCCCCBBBBBB", kLocked = "open post close unlink ";
@@ -122,8 +117,7 @@ uint32_t crc(const std::string &text) {
     return orlask_crc32(text.data(), static_cast<uint32_t>(text.size()));
 }
 
-class AgentId : public FakeWorld {
-  protected:
+struct AgentId : FakeWorld {
     AgentId() {
         for (const char *sub : {"config", "bin", "root/config"}) fs::create_directories(dir / sub);
         w.deployment.base = dir / "bin";
@@ -221,6 +215,7 @@ TEST_F(AgentId, FullDiskLeavesAShorterMachineid) {
                             tavipc::GetLocalMacList().get());
         setrlimit(RLIMIT_FSIZE, &all);
         EXPECT_EQ(machineid(), "\4\3\2\1BBBBBBAAAAAA"s.substr(0, size));
+        EXPECT_EQ(w.log.count("Failed to save", 2), size == 2 ? 1 : 3) << "as soon as it is full";
     }
 }
 
@@ -318,6 +313,23 @@ TEST_F(AgentId, IsMadeFromTheMacOnTheRouteToTheManager) {
     expect_id(kRemote, "", {.socket = -1}, 0, "");
 }
 
+TEST_F(AgentId, OtherThreadsNeverGetAnUnfinishedId) {
+    put("server.ini", kLocal);
+    put("machineid", id_bytes(5) + kMacs); // so each call lists the interfaces
+    const auto run = [&] {
+        int calls = 0;
+        EXPECT_EQ(CreateAgentId(), 5u);
+        stage.while_listing = [&] {
+            const Stage before = std::exchange(stage, {.sem_open_error = EACCES}); // only the cache is left
+            EXPECT_EQ(CreateAgentId(), 5u);
+            stage = before, ++calls;
+        };
+        EXPECT_EQ(CreateAgentId(), 5u);
+        exit(HasFailure() || calls != 1);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(AgentId, AdaptersOfVirtualMachinesAreExcluded) {
     unsigned char first[6] = {0x00, 0x05, 0x69}, last[6] = {0x80, 0x00, 0x27}, none[6] = {0x08, 0x00, 0x27};
     EXPECT_EQ(IsExcludeAdapter(first), 1);
@@ -334,5 +346,3 @@ TEST_F(AgentId, ProcessEndsWithoutIdentityAfterCleaningUp) {
     stage.vmid = "0";
     EXPECT_EXIT(CreateAgentId(), testing::KilledBySignal(SIGABRT), "");
 }
-
-} // namespace

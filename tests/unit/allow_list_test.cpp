@@ -2,12 +2,8 @@
 // nothing. Signatures of a real key are in the tests of the built libraries.
 #define OPENSSL_SUPPRESS_DEPRECATED
 
-#include <dlfcn.h>
-#include <filesystem>
-#include <fstream>
 #include <optional>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <openssl/err.h>
 #include <openssl/rsa.h>
@@ -32,8 +28,6 @@ extern "C" int RSA_public_decrypt(int size, const unsigned char *from, unsigned 
     return static_cast<int>(signed_text->copy(reinterpret_cast<char *>(to), static_cast<size_t>(size)));
 }
 
-namespace {
-
 namespace fs = std::filesystem;
 using std::string_literals::operator""s;
 
@@ -49,8 +43,7 @@ std::string list_of(const std::string &entry) {
 const std::string kName = sha256("the_name"), kList = list_of(kName), kDigest = sha256(kList),
                   kSignature = std::string(342, 'A') + "=="; // 256 bytes in base64
 
-class AllowList : public FakeWorld {
-  protected:
+struct AllowList : FakeWorld {
     AllowList() {
         for (const char *name : {"bin", "config"}) fs::create_directories(root / name);
         w.deployment.base = root / "bin";
@@ -156,5 +149,3 @@ TEST_F(AllowList, RefusesAProcessWithoutAName) {
     refuses("get process name failed\nget process name failed\n", 0);
     EXPECT_FALSE(tavipc::read_whole_file("/", 10'485'761));
 }
-
-} // namespace

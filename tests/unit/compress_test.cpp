@@ -5,8 +5,6 @@
 #include "common/owned.h"
 #include "tavipc/tav_compress.h"
 
-namespace {
-
 using namespace std::string_literals;
 
 const std::string kZeros(1000, '\0');
@@ -89,5 +87,3 @@ TEST(Zlib, WrappersCarry32BitLengths) {
     EXPECT_EQ(data, kZeros);
     EXPECT_EQ(lengths[1], 0xA5A5A5A5);
 }
-
-} // namespace

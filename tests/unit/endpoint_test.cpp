@@ -4,12 +4,9 @@
 #include "endpoint_world.h"
 #include "ipc/receive.h"
 
-namespace {
-
 using tavipc::ipc_on_recv;
 
-class EndpointTest : public EndpointWorld {
-  protected:
+struct EndpointTest : EndpointWorld {
     bool receives(const std::string &name) const {
         return w.event.sockets.at(w.event.socket_at("/var/zon_ipc259/" + name)).recv;
     }
@@ -147,5 +144,3 @@ TEST_F(EndpointTest, DestroyedRecordLivesUntilItsLastFrameIsLeft) {
     EXPECT_EQ(tav_ipc_recv_start(ipc, ipc_on_recv), nullptr);
     EXPECT_EQ(errno, EINVAL);
 }
-
-} // namespace

@@ -2,14 +2,10 @@
 // once, whatever its callback does.
 #include <cerrno>
 
-#include <gmock/gmock.h>
-
 #include "endpoint_world.h"
 #include "tavipc/tav_ipc_ext.h"
 
 using testing::ElementsAre;
-
-namespace {
 
 enum Kind { kRequest, kConfirmed, kProbe, kIdRequest, kIdConfirmed, kIdProbe };
 
@@ -31,8 +27,7 @@ void on_exchange(uint64_t, int32_t code, uint32_t cmd, const void *data, uint32_
     on_response(code, cmd, data, len, user);
 }
 
-class Exchanges : public EndpointWorld {
-  protected:
+struct Exchanges : EndpointWorld {
     Exchanges() { done = {}, then = nullptr; }
 
     // The time-out is in seconds, of an exchange with an id in milliseconds. Returns the id.
@@ -91,6 +86,7 @@ TEST_F(Exchanges, AnAnswerCompletesOnce) {
         EXPECT_THAT(std::exchange(done, {}), ElementsAre(result));
     }
     EXPECT_EQ(ipc_req_manager_count(&ipc_->req_mgr), 0u);
+    EXPECT_STREQ(tav_ipc_strerror(1), "Unkown error");
 }
 
 TEST_F(Exchanges, TimeOutsCountWholeSeconds) {
@@ -206,8 +202,8 @@ TEST_F(Exchanges, WithAnIdReportWhyTheyCannotBegin) {
     module(ipc_)->sending_bytes = 0;
     w.event.fail_timers = 1;
     EXPECT_EQ(reason(ipc_, 0), ENOMEM);
-    w.event.advance(5000);
+    start(nullptr, kProbe, 1); // of those without an id, the callback reports it later
     EXPECT_THAT(done, ElementsAre());
+    w.event.advance(5000);
+    EXPECT_THAT(done, ElementsAre("1:-101"));
 }
-
-} // namespace

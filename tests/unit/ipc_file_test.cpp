@@ -1,20 +1,12 @@
 // Whole files: the chunks that a sender sends and when it stops, and what a receiver keeps and for how long.
-#include <filesystem>
-#include <fstream>
 
-#include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
-
-#include <gmock/gmock.h>
 
 #include "endpoint_world.h"
 #include "ipc/ipc_file.h"
 
 using testing::ElementsAre;
 namespace fs = std::filesystem;
-
-namespace {
 
 std::vector<int32_t> done;              // codes of finished transfers
 std::vector<std::string> received;      // paths, each with the number of datagrams sent before
@@ -51,8 +43,6 @@ int on_file(tav_ipc_st *ipc, const char *path, void *) {
     return -1;
 }
 
-} // namespace
-
 extern "C" int getrlimit(__rlimit_resource_t, rlimit *limit) noexcept { return *limit = {80, 80}, 0; }
 extern "C" int mkstemp(char *path) {
     EXPECT_STREQ(path, "/tmp/ipc_file.XXXXXX");
@@ -60,10 +50,7 @@ extern "C" int mkstemp(char *path) {
     return device ? open(device, O_RDWR) : open(path, O_RDWR | O_CREAT | O_EXCL, 0600);
 }
 
-namespace {
-
-class Files : public EndpointWorld {
-  protected:
+struct Files : EndpointWorld {
     Files() {
         done = {}, received = {}, events = {}, directory = "/tmp/tXXXXXX", made = 0, device = nullptr;
         EXPECT_TRUE(mkdtemp(directory.data()));
@@ -292,5 +279,3 @@ TEST_F(Files, TellTheReceiverWhatTheyAre) {
     EXPECT_EQ(tav_ipc_file_drop_unfinished(), 2u);
     EXPECT_FALSE(fs::exists(path_of(made)));
 }
-
-} // namespace

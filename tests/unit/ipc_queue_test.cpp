@@ -1,13 +1,10 @@
 #include "tavipc/ipc_queue.h"
 
-#include <unistd.h>
-
 #include "fakes.h"
 
 static std::function<void(ipc_queue_msg_st *)> on_consume;
 
-class QueueTest : public FakeWorld {
-  protected:
+struct QueueTest : FakeWorld {
     QueueTest() { restart(2); }
     ~QueueTest() override {
         destroy_ipc_queue(&q_);

@@ -6,8 +6,7 @@
 using Ids = std::vector<uint32_t>;
 static Ids released;
 
-class ReqManagerTest : public FakeWorld {
-  protected:
+struct ReqManagerTest : FakeWorld {
     ReqManagerTest() {
         released.clear();
         ipc_req_manager_init(

@@ -6,12 +6,9 @@
 #include "tavipc/tav_compress.h"
 #include "tavipc/tav_ipc_ext.h"
 
-namespace {
-
 constexpr uint16_t kNeed = IPC_FLAG_NEED_ACK, kRequest = IPC_FLAG_REQUEST;
 
-class ReceiveTest : public EndpointWorld {
-  protected:
+struct ReceiveTest : EndpointWorld {
     using Calls = std::vector<Call>;
     ReceiveTest() { listen(ipc_); }
 
@@ -188,6 +185,8 @@ TEST_F(ReceiveTest, UnfinishedMessagesAreBoundedAndTheOldestIsCompleted) {
     EXPECT_EQ(feed(fragment(1), fragment(2)), Calls{got(pattern(130'000))});
     EXPECT_EQ(whole_from(5499), 0u) << "no set that can never be complete";
     pass(3, 0);
+    // The oldest goes on, and two new ones take the room that is left.
+    for (const uint32_t host : {1000, 7000, 7001}) other.header.src.hostid = host, feed(other);
     EXPECT_EQ(whole_from(6000), 1u) << "messages that do not go on make way";
     pass(11);
     EXPECT_EQ(sets(), 0u);
@@ -257,4 +256,12 @@ TEST_F(ReceiveTest, CallbackMayDestroyItsEndpointAndReadOn) {
     EXPECT_EQ(feed(fragment(0, 64'001), fragment(1, 64'001)), Calls{got(pattern(64'001))});
 }
 
-} // namespace
+TEST_F(ReceiveTest, NothingIsDeliveredOnceALineHasDestroyedTheEndpoint) {
+    const auto scenario = [&] {
+        listen(ipc_);
+        w.event.fail_send = 1; // of the acknowledgement
+        feed(message("hello", kNeed | IPC_FLAG_TRACE));
+        EXPECT_EQ(calls_.size(), ipc_ ? 1u : 0u);
+    };
+    EXPECT_GE(at_each_line(ipc_, scenario, [&] { close(std::exchange(ipc_, nullptr)); }), 4u);
+}

@@ -1,17 +1,11 @@
 // The send path: where a message goes, how it is built, marked, compressed and cut, and what is refused.
-#include <fstream>
-
-#include <sys/resource.h>
 
 #include "endpoint_world.h"
 #include "ipc/transmitter.h"
 
-namespace {
-
 using tavipc::kSmallClassBytes;
 
-class SendTest : public EndpointWorld {
-  protected:
+struct SendTest : EndpointWorld {
     std::string pipe(size_t index) const { return sent(index).path.substr(sent(index).path.rfind('/') + 1); }
     // "pipe:reqid" of each datagram.
     std::string sends() const {
@@ -241,5 +235,3 @@ TEST_F(SendTest, ShortMemoryRefusesALargeMessageWhole) {
     EXPECT_EQ(w.event.sends.size(), 0u);
 }
 #endif
-
-} // namespace
