@@ -9,6 +9,7 @@
 #include "common/keep_errno.h"
 #include "common/log.h"
 #include "common/out_of_memory.h"
+#include "ipc/accounting.h"
 #include "ipc/destination.h"
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
@@ -70,6 +71,7 @@ int open_endpoint(tav_ipc_st *ipc, const Options &options) {
     if (options.temp) ipc->my_addr.flags |= ADDR_FLAG_TEMP;
     ipc->accept_files = options.accept_files;
     if (const int error = open_queue(ipc)) return error;
+    open_endpoint_account(ipc);
     arm_destination_sweep(ipc);
     if (open_requests(ipc)) {
         if (options.accept_files) resume_file_sweep();
@@ -77,6 +79,7 @@ int open_endpoint(tav_ipc_st *ipc, const Options &options) {
     }
     stop_timer(ipc->mod_sweep_timer);
     close_queue(ipc);
+    close_account(ipc->account);
     return ENOMEM;
 }
 
@@ -164,4 +167,5 @@ void tav_ipc_destroy(tav_ipc_st *ipc) noexcept {
     close_queue(ipc);
     release_fragments(ipc);
     stop_timer(ipc->mod_sweep_timer);
+    close_account(ipc->account);
 }

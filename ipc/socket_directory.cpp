@@ -126,6 +126,10 @@ void sending_socket_name(char *out, size_t size, pid_t pid, int number) {
     str_snprintf(out, static_cast<int>(size), "ipc%d_%d", static_cast<int>(pid), number);
 }
 
+void stats_file_name(char *out, size_t size, pid_t pid) {
+    str_snprintf(out, static_cast<int>(size), "ipc%d.stats", static_cast<int>(pid));
+}
+
 void remove_stale_socket_files(int32_t location) noexcept {
     if (stale_files_removed) return;
     stale_files_removed = true;

@@ -21,6 +21,9 @@ bool socket_path(char *out, size_t size, int32_t location, const char *name);
 // The name of the number-th sending socket of a process.
 void sending_socket_name(char *out, size_t size, pid_t pid, int number);
 
+// The name of the file of a process's counters.
+void stats_file_name(char *out, size_t size, pid_t pid);
+
 // Removes the files of sending sockets whose process is gone and whose socket refuses connections. Runs once
 // in a process and stops after 5 ms (0.2 s when another process holds the directory's lock). Later processes
 // remove what it leaves.
