@@ -16,8 +16,8 @@ struct Both {
     Account &ipc;
     Account &to;
 
-    explicit Both(const ipc_queue_msg_st &msg)
-        : ipc(msg.ipc->account), to(destination_of(*msg.mod).account) {}
+    explicit Both(const ipc_queue_msg_st &msg) : Both(*msg.ipc, destination_of(*msg.mod)) {}
+    Both(tav_ipc_st &from, Destination &destination) : ipc(from.account), to(destination.account) {}
     void add(Counter counter, uint64_t amount) const {
         add_to(ipc, counter, amount);
         add_to(to, counter, amount);
@@ -99,6 +99,17 @@ void account_accepted(const ipc_queue_msg_st &msg, uint64_t now_ms) {
     both.add(TAV_IPC_STATS_FRAGMENTS, 1);
     ++block->fate.outstanding;
     if (!std::exchange(block->fate.begun, true)) begin_message(both, msg.ipc);
+}
+
+void account_sent_at_once(tav_ipc_st *ipc, Destination &to, FragmentBlock *block, uint32_t size) {
+    const Both both(*ipc, to);
+    both.add(TAV_IPC_STATS_ACCEPTED, 1);
+    both.add(TAV_IPC_STATS_ACCEPTED_BYTES, size);
+    both.add(TAV_IPC_STATS_LEFT, 1);
+    both.add(TAV_IPC_STATS_LEFT_BYTES, size);
+    if (block) both.add(TAV_IPC_STATS_FRAGMENTS, 1);
+    if (!block || !std::exchange(block->fate.begun, true)) begin_message(both, ipc);
+    if (!block) end_message(ipc, true);
 }
 
 void account_queued(const ipc_queue_msg_st &msg) {

@@ -241,7 +241,9 @@ bool send_directly(const Route &route, const tav_ipc_hdr_st &header, const void 
     if (!is_first(rank, *route.ipc->queue)) return false;
     const iovec parts[] = {{const_cast<tav_ipc_hdr_st *>(&header), kHeaderSize},
                            {const_cast<void *>(payload), header.size}};
-    return send_now(to.sock, route.address, parts, 2) == CL_EV_OK;
+    if (send_now(to.sock, route.address, parts, 2) != CL_EV_OK) return false;
+    account_sent_at_once(route.ipc, *route.to, route.block, kHeaderSize + header.size);
+    return true;
 }
 
 // A record with its datagram; null when memory is short.

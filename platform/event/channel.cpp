@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <cstring>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -35,6 +36,17 @@ constexpr uint32_t kTryAgainPushes = 8;
 constexpr uint32_t kTryAgainBytes = 256 * 1024; // four fragments, whose copying is dear enough to try sooner
 // The writable event comes when a quarter of the buffer is used: five of twenty datagrams (see channel.h).
 constexpr int64_t kDatagramsInLoweredBuffer = 20;
+
+// Bytes. The parts of a datagram up to this size are joined first: send takes a tenth of a microsecond less
+// than sendmsg with several parts.
+constexpr size_t kJoinUpTo = 2048;
+
+void join(const iovec *parts, size_t count, char *whole) {
+    for (size_t i = 0; i < count; ++i) {
+        if (parts[i].iov_len > 0) memcpy(whole, parts[i].iov_base, parts[i].iov_len);
+        whole += parts[i].iov_len;
+    }
+}
 
 // Estimates what the kernel charges to the send buffer for a datagram: its own record, and the bytes in
 // blocks of powers of two, above 16 KiB in pages. All constants are in bytes.
@@ -123,6 +135,11 @@ int Channel::send_connected(const Datagram &datagram) noexcept {
     make_room_for(datagram.len);
     if (datagram.count == 1)
         return ::send(fd_.get(), datagram.parts->iov_base, datagram.len, kFlags) < 0 ? errno : 0;
+    if (datagram.len <= kJoinUpTo) {
+        char whole[kJoinUpTo];
+        join(datagram.parts, datagram.count, whole);
+        return ::send(fd_.get(), whole, datagram.len, kFlags) < 0 ? errno : 0;
+    }
     msghdr message{};
     message.msg_iov = const_cast<iovec *>(datagram.parts);
     message.msg_iovlen = datagram.count;
