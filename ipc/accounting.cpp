@@ -1,9 +1,12 @@
 #include "ipc/accounting.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <unistd.h>
+#include <utility>
 
-#include "common/keep_errno.h"
 #include "common/log.h"
 #include "ipc/socket_directory.h"
 #include "ipc/wire.h"
@@ -34,7 +37,7 @@ void begin_waiting(Account &account, uint64_t now_ms) {
 }
 
 void end_waiting(Account &account) {
-    if (--account.outstanding == 0) set_to(account, TAV_IPC_STATS_WAITING_SINCE_MS, 0);
+    if (account.record && --account.outstanding == 0) set_to(account, TAV_IPC_STATS_WAITING_SINCE_MS, 0);
 }
 
 void begin_message(const Both &both, tav_ipc_st *ipc) {
@@ -68,21 +71,24 @@ uint64_t coarse_now_ms() {
 
 // --- the life of an account
 
-void open_endpoint_account(tav_ipc_st *ipc) {
+bool open_endpoint_account(tav_ipc_st *ipc) {
     char name[64], path[sizeof(sockaddr_un)];
     stats_file_name(name, sizeof name, getpid());
-    const KeepErrno keep;
-    const AccountLabel label{TAV_IPC_STATS_ENDPOINT, 0, ipc->location, ipc->my_addr.name};
     const bool has_path = socket_path(path, sizeof path, ipc->location, name);
-    if (!open_account(ipc->account, label, has_path ? path : nullptr))
-        TAV_LOG(4, "tav_ipc", "counters of %s are not in a file", ipc->my_addr.name);
+    if (!open_account(ipc->account, {TAV_IPC_STATS_ENDPOINT, 0, ipc->location, ipc->my_addr.name},
+                      has_path ? path : nullptr))
+        return false;
+    if (ipc->account.own_memory) TAV_LOG(3, "tav_ipc", "counters of %s are not in a file", ipc->my_addr.name);
+    return true;
 }
 
-void open_destination_account(const tav_ipc_st *ipc, Destination &to) {
+bool open_destination_account(const tav_ipc_st *ipc, Destination &to) {
+    if (to.account.record) return true;
     const bool is_default = &to.info == ipc->queue->default_mod; // for those that have none of their own
-    const AccountLabel label{TAV_IPC_STATS_DESTINATION, account_number(ipc->account), ipc->location,
-                             is_default ? "*" : to.info.name};
-    open_account(to.account, label, nullptr);
+    return open_account(to.account,
+                        {TAV_IPC_STATS_DESTINATION, account_number(ipc->account), ipc->location,
+                         is_default ? "*" : to.info.name},
+                        nullptr);
 }
 
 // --- a datagram on its way out
@@ -198,8 +204,16 @@ void account_delivered(const tav_ipc_st *ipc) { add_to(ipc->account, TAV_IPC_STA
 
 void account_event(const tav_ipc_st *ipc, Counter counter) { add_to(ipc->account, counter, 1); }
 
-void account_open(const tav_ipc_st *ipc, Counter gauge, int64_t change) {
-    add_to(ipc->account, gauge, static_cast<uint64_t>(change));
+void account_gauge(const tav_ipc_st *ipc, Counter gauge, uint64_t value) {
+    set_to(ipc->account, gauge, value);
+}
+
+void account_exchange_waits(const tav_ipc_st *ipc) { add_to(ipc->account, TAV_IPC_STATS_EXCHANGES_OPEN, 1); }
+
+void account_exchange_over(const tav_ipc_st *ipc, Counter how) {
+    if (!ipc) return;
+    add_to(ipc->account, how, 1);
+    add_to(ipc->account, TAV_IPC_STATS_EXCHANGES_OPEN, UINT64_MAX);
 }
 
 HandlerCall::HandlerCall(tav_ipc_st *ipc) : ipc_(ipc), begin_ms_(coarse_now_ms()) {
@@ -213,3 +227,20 @@ HandlerCall::~HandlerCall() {
 }
 
 } // namespace tavipc
+
+using namespace tavipc;
+
+int tav_ipc_get_stats(tav_ipc_st *ipc, const char *destination, tav_ipc_stats_st *stats,
+                      uint32_t size) noexcept {
+    if (!ipc || !stats || size == 0 || size % sizeof(uint64_t) != 0) return errno = EINVAL, -1;
+    const Account *account = &ipc->account;
+    if (destination) {
+        const Destination *to = ipc->queue ? find_destination(*ipc->queue, destination) : nullptr;
+        account = to ? &to->account : nullptr;
+    }
+    if (!account || !account->record) return errno = ENOENT, -1;
+    std::memset(stats, 0, size);
+    const uint32_t count = std::min<uint32_t>(size / sizeof(uint64_t), TAV_IPC_STATS_COUNT);
+    std::memcpy(stats->values, account->record->values, count * sizeof(uint64_t));
+    return 0;
+}

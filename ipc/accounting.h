@@ -27,8 +27,9 @@ inline constexpr uint32_t kCountedRecord = 1u << 31;
 
 // --- the life of an account
 
-void open_endpoint_account(tav_ipc_st *ipc);
-void open_destination_account(const tav_ipc_st *ipc, Destination &to);
+// Open the account, for a destination only if it is not open yet. False when memory is short.
+[[nodiscard]] bool open_endpoint_account(tav_ipc_st *ipc);
+[[nodiscard]] bool open_destination_account(const tav_ipc_st *ipc, Destination &to);
 
 // --- a datagram on its way out
 
@@ -72,9 +73,14 @@ void account_delivered(const tav_ipc_st *ipc);
 
 // --- others
 
-// Counts up, or adds to a gauge.
+// Counts up; sets a gauge.
 void account_event(const tav_ipc_st *ipc, Counter counter);
-void account_open(const tav_ipc_st *ipc, Counter gauge, int64_t change);
+void account_gauge(const tav_ipc_st *ipc, Counter gauge, uint64_t value);
+
+// An exchange waits for its answer; got it, or ended without one (how: EXCHANGES_COMPLETED ...). ipc may be
+// null.
+void account_exchange_waits(const tav_ipc_st *ipc);
+void account_exchange_over(const tav_ipc_st *ipc, Counter how);
 
 // Counts a call of an application's callback and measures it.
 class HandlerCall {

@@ -71,9 +71,8 @@ int open_endpoint(tav_ipc_st *ipc, const Options &options) {
     if (options.temp) ipc->my_addr.flags |= ADDR_FLAG_TEMP;
     ipc->accept_files = options.accept_files;
     if (const int error = open_queue(ipc)) return error;
-    open_endpoint_account(ipc);
     arm_destination_sweep(ipc);
-    if (open_requests(ipc)) {
+    if (open_endpoint_account(ipc) && open_requests(ipc)) {
         if (options.accept_files) resume_file_sweep();
         return 0;
     }

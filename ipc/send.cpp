@@ -161,7 +161,8 @@ int send_to_pipe(tav_ipc_st *ipc, const char *pipe, const tav_ipc_hdr_st &header
     else if (!make_target(ipc, name, now_ms, target))
         return IPC_ERR_SENDTO;
     remember_address(target);
-    if (!target.to->account.record) open_destination_account(ipc, *target.to);
+    if (!open_destination_account(ipc, *target.to))
+        return refuse(ipc, nullptr, TAV_IPC_STATS_REFUSED_NO_MEMORY);
 
     const uint32_t priority = message_priority(header.flags, payload, header.size);
     if (over_limit(ipc, *target.to, header, priority)) return IPC_ERR_SENDTO;
