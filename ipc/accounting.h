@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <ctime>
 
 #include "ipc/destination.h"
 #include "ipc/endpoint.h"
@@ -97,17 +98,60 @@ class HandlerCall {
 
 // --- what of it runs for each datagram
 
-inline void add_to(const Account &account, Counter counter, uint64_t amount) {
-    const std::atomic_ref value(account.values()[counter]);
+inline void add_to(uint64_t *values, Counter counter, uint64_t amount) {
+    const std::atomic_ref value(values[counter]);
     value.store(value.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
 }
-inline void set_to(const Account &account, Counter counter, uint64_t amount) {
-    std::atomic_ref(account.values()[counter]).store(amount, std::memory_order_relaxed);
+inline void set_to(uint64_t *values, Counter counter, uint64_t amount) {
+    std::atomic_ref(values[counter]).store(amount, std::memory_order_relaxed);
 }
-inline uint64_t count_of(const Account &account, Counter counter) {
-    return std::atomic_ref(account.values()[counter]).load(std::memory_order_relaxed);
+inline uint64_t count_of(uint64_t *values, Counter counter) {
+    return std::atomic_ref(values[counter]).load(std::memory_order_relaxed);
 }
 
 inline bool is_counted(const ipc_queue_msg_st &msg) { return msg.flags & kCountedRecord; }
+
+// Where the endpoint's and the destination's values of a counted record are: they count the same.
+struct BothValues {
+    uint64_t *ipc, *to;
+
+    BothValues(const Account &of_ipc, const Account &of_to) : ipc(of_ipc.values), to(of_to.values) {}
+    explicit BothValues(const ipc_queue_msg_st &msg)
+        : BothValues(msg.ipc->account, destination_of(*msg.mod).account) {}
+    // Adds to a count of datagrams, and their bytes to the value behind it.
+    void add(Counter datagrams, uint64_t count, uint64_t bytes) const {
+        for (uint64_t *values : {ipc, to}) {
+            add_to(values, datagrams, count);
+            add_to(values, static_cast<Counter>(datagrams + 1), bytes);
+        }
+    }
+    void add(Counter counter, uint64_t count) const {
+        add_to(ipc, counter, count);
+        add_to(to, counter, count);
+    }
+};
+
+inline void account_in_flight(const ipc_queue_msg_st &msg) {
+    if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_IN_FLIGHT, 1, msg.size);
+}
+inline void account_landed(const ipc_queue_msg_st &msg) {
+    if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_IN_FLIGHT, UINT64_MAX, -uint64_t{msg.size});
+}
+
+inline uint64_t coarse_now_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
+inline HandlerCall::HandlerCall(tav_ipc_st *ipc) : ipc_(ipc), begin_ms_(coarse_now_ms()) {
+    add_to(ipc->account.values, TAV_IPC_STATS_HANDLER_CALLS, 1);
+}
+inline HandlerCall::~HandlerCall() {
+    uint64_t *values = ipc_->account.values;
+    const uint64_t spent_ms = coarse_now_ms() - begin_ms_;
+    if (spent_ms > count_of(values, TAV_IPC_STATS_HANDLER_LONGEST_MS))
+        set_to(values, TAV_IPC_STATS_HANDLER_LONGEST_MS, spent_ms);
+}
 
 } // namespace tavipc

@@ -39,7 +39,7 @@ class DirectSendTest : public EndpointWorld {
         w.event.complete_all();
         for (const fake::LogLine &line : w.log.lines) left_.push_back(line.text);
         for (int value = 0; value < TAV_IPC_STATS_COUNT; ++value)
-            left_.push_back(std::to_string(ipc_->account.values()[value]));
+            left_.push_back(std::to_string(ipc_->account.values[value]));
         return std::pair(left_, ipc_->messages.left);
     }
 
