@@ -28,8 +28,9 @@ class BusyPoll {
             callbacks_run_ = callbacks_run;
             return true;
         }
+        if (now_us >= until_us_) return false;
         sched_yield();
-        return now_us < until_us_;
+        return true;
     }
 
   private:
