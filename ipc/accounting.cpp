@@ -14,26 +14,8 @@
 namespace tavipc {
 namespace {
 
-static_assert(TAV_IPC_STATS_ACCEPTED_BYTES == TAV_IPC_STATS_ACCEPTED + 1);
-static_assert(TAV_IPC_STATS_LEFT_BYTES == TAV_IPC_STATS_LEFT + 1);
-static_assert(TAV_IPC_STATS_QUEUED_BYTES == TAV_IPC_STATS_QUEUED + 1);
-static_assert(TAV_IPC_STATS_IN_FLIGHT_BYTES == TAV_IPC_STATS_IN_FLIGHT + 1);
-
-void begin_waiting(Account &account, uint64_t now_ms) {
-    if (account.outstanding++ == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, now_ms);
-}
-
 void end_waiting(Account &account) {
     if (--account.outstanding == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, 0);
-}
-
-FragmentBlock *block_of(const ipc_queue_msg_st &msg) {
-    return msg.data_free ? FragmentBlock::of(msg) : nullptr;
-}
-
-void begin_message(const BothValues &both, tav_ipc_st *ipc) {
-    both.add(TAV_IPC_STATS_MESSAGES, 1);
-    ++ipc->messages.pending;
 }
 
 void end_message(tav_ipc_st *ipc, bool complete) {
@@ -77,18 +59,6 @@ bool open_destination_account(const tav_ipc_st *ipc, Destination &to) {
 }
 
 // --- a datagram on its way out
-
-void account_accepted(const ipc_queue_msg_st &msg, uint64_t now_ms) {
-    const BothValues both(msg);
-    both.add(TAV_IPC_STATS_ACCEPTED, 1, msg.size);
-    begin_waiting(msg.ipc->account, now_ms);
-    begin_waiting(destination_of(*msg.mod).account, now_ms);
-    FragmentBlock *block = block_of(msg);
-    if (!block) return begin_message(both, msg.ipc);
-    both.add(TAV_IPC_STATS_FRAGMENTS, 1);
-    ++block->fate.outstanding;
-    if (!std::exchange(block->fate.begun, true)) begin_message(both, msg.ipc);
-}
 
 void account_sent_at_once(tav_ipc_st *ipc, Destination &to, FragmentBlock *block, uint32_t size) {
     const BothValues both(ipc->account, to.account);
@@ -187,6 +157,14 @@ void account_exchange_over(const tav_ipc_st *ipc, Counter how) {
     if (!ipc) return;
     add_to(ipc->account.values, how, 1);
     add_to(ipc->account.values, TAV_IPC_STATS_EXCHANGES_OPEN, UINT64_MAX);
+}
+
+void account_handler_time(const tav_ipc_st *ipc, const timespec &begin, const timespec &end) {
+    const int64_t spent_ms =
+        (int64_t{end.tv_sec} - begin.tv_sec) * 1000 + (int64_t{end.tv_nsec} - begin.tv_nsec) / 1'000'000;
+    uint64_t *values = ipc->account.values;
+    if (spent_ms > static_cast<int64_t>(count_of(values, TAV_IPC_STATS_HANDLER_LONGEST_MS)))
+        set_to(values, TAV_IPC_STATS_HANDLER_LONGEST_MS, static_cast<uint64_t>(spent_ms));
 }
 
 } // namespace tavipc

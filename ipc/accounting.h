@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <utility>
 
 #include "ipc/destination.h"
 #include "ipc/endpoint.h"
@@ -83,6 +84,8 @@ void account_gauge(const tav_ipc_st *ipc, Counter gauge, uint64_t value);
 void account_exchange_waits(const tav_ipc_st *ipc);
 void account_exchange_over(const tav_ipc_st *ipc, Counter how);
 
+void account_handler_time(const tav_ipc_st *ipc, const timespec &begin, const timespec &end);
+
 // Counts a call of an application's callback and measures it.
 class HandlerCall {
   public:
@@ -93,7 +96,7 @@ class HandlerCall {
 
   private:
     tav_ipc_st *ipc_; // the caller pins it
-    uint64_t begin_ms_;
+    timespec begin_{};
 };
 
 // --- what of it runs for each datagram
@@ -138,20 +141,45 @@ inline void account_landed(const ipc_queue_msg_st &msg) {
     if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_IN_FLIGHT, UINT64_MAX, -uint64_t{msg.size});
 }
 
-inline uint64_t coarse_now_ms() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+static_assert(TAV_IPC_STATS_ACCEPTED_BYTES == TAV_IPC_STATS_ACCEPTED + 1);
+static_assert(TAV_IPC_STATS_LEFT_BYTES == TAV_IPC_STATS_LEFT + 1);
+static_assert(TAV_IPC_STATS_QUEUED_BYTES == TAV_IPC_STATS_QUEUED + 1);
+static_assert(TAV_IPC_STATS_IN_FLIGHT_BYTES == TAV_IPC_STATS_IN_FLIGHT + 1);
+
+inline void begin_waiting(Account &account, uint64_t now_ms) {
+    if (account.outstanding++ == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, now_ms);
 }
 
-inline HandlerCall::HandlerCall(tav_ipc_st *ipc) : ipc_(ipc), begin_ms_(coarse_now_ms()) {
+inline FragmentBlock *block_of(const ipc_queue_msg_st &msg) {
+    return msg.data_free ? FragmentBlock::of(msg) : nullptr;
+}
+
+inline void begin_message(const BothValues &both, tav_ipc_st *ipc) {
+    both.add(TAV_IPC_STATS_MESSAGES, 1);
+    ++ipc->messages.pending;
+}
+
+inline void account_accepted(const ipc_queue_msg_st &msg, uint64_t now_ms) {
+    const BothValues both(msg);
+    both.add(TAV_IPC_STATS_ACCEPTED, 1, msg.size);
+    begin_waiting(msg.ipc->account, now_ms);
+    begin_waiting(destination_of(*msg.mod).account, now_ms);
+    FragmentBlock *block = block_of(msg);
+    if (!block) return begin_message(both, msg.ipc);
+    both.add(TAV_IPC_STATS_FRAGMENTS, 1);
+    ++block->fate.outstanding;
+    if (!std::exchange(block->fate.begun, true)) begin_message(both, msg.ipc);
+}
+
+inline HandlerCall::HandlerCall(tav_ipc_st *ipc) : ipc_(ipc) {
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &begin_);
     add_to(ipc->account.values, TAV_IPC_STATS_HANDLER_CALLS, 1);
 }
 inline HandlerCall::~HandlerCall() {
-    uint64_t *values = ipc_->account.values;
-    const uint64_t spent_ms = coarse_now_ms() - begin_ms_;
-    if (spent_ms > count_of(values, TAV_IPC_STATS_HANDLER_LONGEST_MS))
-        set_to(values, TAV_IPC_STATS_HANDLER_LONGEST_MS, spent_ms);
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &end);
+    const bool same_tick = end.tv_nsec == begin_.tv_nsec && end.tv_sec == begin_.tv_sec;
+    if (!same_tick) account_handler_time(ipc_, begin_, end);
 }
 
 } // namespace tavipc
