@@ -27,10 +27,9 @@ static int run_module() {
     int received = 0;
     tav_ipc_st *ipc = tav_ipc_create("one");
     const tav_addr_st self = *tav_ipc_get_local_addr(ipc);
-    const auto count = [](tav_ipc_st *, const tav_addr_st *, uint32_t, const void *, uint32_t, void *to) {
-        return ++*static_cast<int *>(to), 0;
-    };
-    tav_ipc_msg_recv(ipc, count, &received);
+    tav_ipc_msg_recv(
+        ipc, [](auto, auto, auto, auto, auto, void *count) { return ++*static_cast<int *>(count), 0; },
+        &received);
     const std::string payload(64'001, 'p');
     for (const uint32_t size : {100u, 100u, 64'001u}) tav_ipc_send(ipc, &self, 0, payload.data(), size);
     while (received < 3) cl_event_loop_run_once(100);
