@@ -11,8 +11,9 @@ namespace {
 
 constexpr unsigned kMaxPerTurn = 64; // datagrams for one readable event; tavcl_ev.h promises it
 constexpr unsigned kSingles = 4; // drains that found one datagram or none, until a drain asks for one only
-constexpr unsigned kFew = 4;     // datagrams of a fetch, unless many wait
-constexpr unsigned kFullFetches = 2; // of kFew in a row: many wait
+constexpr uint32_t kLarge = 16 * 1024; // bytes
+constexpr unsigned kFew = 4;           // datagrams of a fetch, unless many wait
+constexpr unsigned kFullFetches = 2;   // of kFew in a row: many wait
 
 // Returns the batch to its pool at the end of a drain.
 struct BatchLoan {
@@ -65,6 +66,7 @@ void Receiver::drain() noexcept {
 }
 
 unsigned Receiver::next_fetch() const noexcept {
+    if (last_len_ >= kLarge) return 1;
     return full_in_a_row_ < kFullFetches ? kFew : RecvBatch::kSlots;
 }
 
@@ -89,6 +91,7 @@ unsigned Receiver::fetch(RecvBatch &batch, unsigned most) noexcept {
 }
 
 void Receiver::deliver(const RecvBatch::Datagram &datagram, int status) noexcept {
+    last_len_ = datagram.len;
     if (status == CL_EV_OK && !datagram.data) status = CL_EV_TOO_BIG;
     loop_.count_callback();
     callback_(socket_, datagram.data, datagram.len, datagram.from, status, context_);

@@ -11,7 +11,7 @@
 // neither side sleeps. It fetches four at a time at first. If it took all that a peer has outstanding, the
 // peer would have nothing to do until the first of them is answered, and would sleep; then both sides would
 // wake each other up by turns. When fetches of four keep being full, many datagrams wait, and larger fetches
-// cost less.
+// cost less. Large datagrams are fetched one at a time, into a buffer that stays in the cache.
 #pragma once
 
 #include "fd_watch.h"
@@ -49,6 +49,7 @@ class Receiver {
     cl_dunix_recv_cb callback_ = nullptr; // null: not started, or closed
     void *context_ = nullptr;
     RecvBatch *fetched_ = nullptr;
+    uint32_t last_len_ = 0;      // bytes of the datagram that was delivered last
     unsigned full_in_a_row_ = 0; // full fetches of four
     unsigned singles_ = 0;       // drains in a row that found no more than one datagram
 };
