@@ -87,6 +87,8 @@ class MessageLink : public Link {
 };
 
 std::unique_ptr<Link> make_tavipc(const Ends &ends);
+std::unique_ptr<Link> make_busy_poll(const Ends &ends);
+std::unique_ptr<Link> make_batching(const Ends &ends);
 std::unique_ptr<Link> make_raw_pair(const Ends &ends); // two datagram sockets, connected to one another
 std::unique_ptr<Link> make_raw_open(const Ends &ends); // sockets that receive from everybody
 std::unique_ptr<Link> make_mmsg(const Ends &ends);     // as the pair, many datagrams a system call

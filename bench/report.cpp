@@ -152,6 +152,7 @@ constexpr const char *kNotes[] = {
     "raw-pair: two plain datagram sockets, connected to each other. raw-open: any process may send to the "
     "receiver.",
     "mmsg: raw-pair with sendmmsg and recvmmsg, which transfer many datagrams in one call.",
+    "busy-poll, batching: tavipc with these settings of its event library.",
     "A white slit marks a bar that is longer than the axis; its ratio is on the other side of the line."};
 
 std::string svg_text(double x, int y, const char *anchor, const std::string &text) {
@@ -179,7 +180,8 @@ void write_svg(const std::string &path, const std::vector<WorkResults> &all) {
     const auto at = [&](double times) {
         return kLeft + (std::clamp(std::log2(times), kFrom, kTo) - kFrom) / (kTo - kFrom) * kWidth;
     };
-    const char *colours[] = {"", "#4269d0", "#97bbf5", "#6cc5b0", "#efb118", "#ff725c", "#a463f2", "#9c6b4e"};
+    const char *colours[] = {"",        "#4269d0", "#97bbf5", "#6cc5b0", "#efb118",
+                             "#ff725c", "#a463f2", "#9c6b4e", "#ff8ab7", "#9498a0"};
     std::string rows, legend;
     int y = 40;
     for (const WorkResults &results : all) {

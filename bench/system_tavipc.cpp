@@ -1,10 +1,12 @@
 // tavipc: an endpoint each, addressed by name; the server answers to where a message came from.
+// busy-poll, batching: the same with this setting of the event library, at both ends.
 #include <cerrno>
 #include <cstring>
 
 #include <unistd.h>
 
 #include "link.h"
+#include "tavcl_loop.h"
 #include "tavipc/tav_ipc.h"
 
 namespace bench {
@@ -13,6 +15,7 @@ namespace {
 constexpr int kSendsPerTurn = 64;
 constexpr size_t kPlainLimit = 30'000'000;
 constexpr int32_t kTimeoutS = 60;
+constexpr uint32_t kBusyPollUs = 50; // as long as the wake-up of another core takes
 
 class TavipcLink : public Link {
   public:
@@ -119,5 +122,15 @@ class TavipcLink : public Link {
 } // namespace
 
 std::unique_ptr<Link> make_tavipc(const Ends &ends) { return std::make_unique<TavipcLink>(ends); }
+
+std::unique_ptr<Link> make_busy_poll(const Ends &ends) {
+    check(cl_event_loop_set_busy_poll(kBusyPollUs) == 0, "cl_event_loop_set_busy_poll");
+    return make_tavipc(ends);
+}
+
+std::unique_ptr<Link> make_batching(const Ends &ends) {
+    check(cl_event_loop_set_batching(kSendsPerTurn, 0) == 0, "cl_event_loop_set_batching");
+    return make_tavipc(ends);
+}
 
 } // namespace bench

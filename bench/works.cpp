@@ -11,8 +11,10 @@ namespace bench {
 namespace {
 
 constexpr char kPeers[] = "tavipc raw-pair raw-open zeromq nng sd-bus";
-constexpr char kWithBatches[] = "tavipc raw-pair raw-open mmsg zeromq nng sd-bus";
-constexpr char kMany[] = "tavipc raw-open zeromq nng";
+constexpr char kTrips[] = "tavipc raw-pair raw-open zeromq nng sd-bus busy-poll";
+constexpr char kRequestPeers[] = "tavipc raw-pair raw-open zeromq nng sd-bus busy-poll batching";
+constexpr char kWithBatches[] = "tavipc raw-pair raw-open mmsg zeromq nng sd-bus batching";
+constexpr char kMany[] = "tavipc raw-open zeromq nng batching";
 constexpr size_t kLargest = 65'471'999;
 constexpr unsigned kBulk = 938; // of 64,000 bytes: 60 MB
 
@@ -20,19 +22,19 @@ using enum Unit;
 using enum Kind;
 
 constexpr Work kWorks[] = {
-    {"trip-160", "round trip of 160 bytes, two cores", kPeers, kMicrosecondsEach, kRoundTrip, 160, 8000},
+    {"trip-160", "round trip of 160 bytes, two cores", kTrips, kMicrosecondsEach, kRoundTrip, 160, 8000},
     {"trip-160-one-core",
      "round trip of 160 bytes, one core",
-     kPeers,
+     kTrips,
      kMicrosecondsEach,
      kRoundTrip,
      160,
      20000,
      {.one_core = true}},
-    {"trip-64k", "round trip of 64,000 bytes, two cores", kPeers, kMicrosecondsEach, kRoundTrip, 64000, 4000},
+    {"trip-64k", "round trip of 64,000 bytes, two cores", kTrips, kMicrosecondsEach, kRoundTrip, 64000, 4000},
     {"trip-64k-one-core",
      "round trip of 64,000 bytes, one core",
-     kPeers,
+     kTrips,
      kMicrosecondsEach,
      kRoundTrip,
      64000,
@@ -42,10 +44,11 @@ constexpr Work kWorks[] = {
     {"way-1084", "one way, 1,084 bytes", kWithBatches, kThousandsPerSecond, kOneWay, 1084, 150'000},
     {"way-64k", "one way, 64,000 bytes", kWithBatches, kThousandsPerSecond, kOneWay, 64000, 12'000},
     {"large", "a message of 65 MB", kWithBatches, kMillisecondsEach, kRoundTrip, kLargest, 4, {.reply = 1}},
-    {"request-1", "requests of 160 bytes, 1 outstanding", kPeers, kThousandsPerSecond, kRequests, 160, 8000},
+    {"request-1", "requests of 160 bytes, 1 outstanding", kRequestPeers, kThousandsPerSecond, kRequests, 160,
+     8000},
     {"request-8",
      "requests of 160 bytes, 8 outstanding",
-     kPeers,
+     kRequestPeers,
      kThousandsPerSecond,
      kRequests,
      160,
@@ -53,7 +56,7 @@ constexpr Work kWorks[] = {
      {.window = 8}},
     {"request-64",
      "requests of 160 bytes, 64 outstanding",
-     kPeers,
+     kRequestPeers,
      kThousandsPerSecond,
      kRequests,
      160,
@@ -106,8 +109,11 @@ constexpr Work kWorks[] = {
 };
 
 constexpr System kSystems[] = {
-    {"tavipc", make_tavipc}, {"raw-pair", make_raw_pair}, {"raw-open", make_raw_open}, {"mmsg", make_mmsg},
-    {"zeromq", make_zeromq}, {"nng", make_nng},           {"sd-bus", make_sdbus},      {"cp", nullptr},
+    {"tavipc", make_tavipc},       {"raw-pair", make_raw_pair},
+    {"raw-open", make_raw_open},   {"mmsg", make_mmsg},
+    {"zeromq", make_zeromq},       {"nng", make_nng},
+    {"sd-bus", make_sdbus},        {"cp", nullptr},
+    {"busy-poll", make_busy_poll}, {"batching", make_batching},
 };
 
 std::string payload(size_t size) {

@@ -40,6 +40,8 @@ void account_accepted(const ipc_queue_msg_st &msg, uint64_t now_ms);
 // It entered or left the delivery queue.
 void account_queued(const ipc_queue_msg_st &msg);
 void account_unqueued(const ipc_queue_msg_st &msg);
+// It was accepted and left in the same call, without a record. block: null, or that of its message.
+void account_sent_at_once(tav_ipc_st *ipc, Destination &to, FragmentBlock *block, uint32_t size);
 // The event library got it; gave it back, or was given up.
 void account_in_flight(const ipc_queue_msg_st &msg);
 void account_landed(const ipc_queue_msg_st &msg);
@@ -116,8 +118,9 @@ inline bool is_counted(const ipc_queue_msg_st &msg) { return msg.flags & kCounte
 struct BothValues {
     uint64_t *ipc, *to;
 
+    BothValues(const Account &of_ipc, const Account &of_to) : ipc(of_ipc.values), to(of_to.values) {}
     explicit BothValues(const ipc_queue_msg_st &msg)
-        : ipc(msg.ipc->account.values), to(destination_of(*msg.mod).account.values) {}
+        : BothValues(msg.ipc->account, destination_of(*msg.mod).account) {}
     // Adds to a count of datagrams, and their bytes to the value behind it.
     void add(Counter datagrams, uint64_t count, uint64_t bytes) const {
         for (uint64_t *values : {ipc, to}) {

@@ -1,6 +1,9 @@
 // Hands datagrams to the event library, settles the sends whose outcome is known, and retries the datagrams
 // that a destination refused.
 //
+// A datagram for which nothing has to wait leaves inside submit, out of the caller's memory, and is done then.
+// Every other one becomes a record.
+//
 // A record (ipc_queue_msg_st) has one owner at a time: the frame that works on it; the queue, while it waits;
 // or the event library, during an attempt. Each attempt has a SendContext, which links the record, its
 // destination and its endpoint until the completion. The completion releases the record or puts it back into
@@ -39,8 +42,8 @@ struct Route {
 };
 
 // Sends a datagram of header, with its check value set, and header.size bytes of payload (null: zeros), or
-// queues it behind traffic that waits. Both are copied. Returns 0: sent, queued, or dropped with a log line;
-// -101: no record could be made. Can reach user code.
+// queues it behind traffic that waits. What has not left in this call is copied. Returns 0: sent, queued, or
+// dropped with a log line; -101: no record could be made. Can reach user code.
 [[nodiscard]] int submit(const Route &route, const tav_ipc_hdr_st &header, const void *payload);
 
 // The queue's consume callback: sends a record that is due.

@@ -5,9 +5,9 @@
 // States:
 //
 //   free      waiting_ is empty; a datagram is sent at once
+//   batching  if the loop batches: datagrams wait in waiting_, in order, until their batch leaves (batches.h)
 //   stalled   the destination was full; datagrams wait in waiting_, in order, until the socket is writable,
-//   and
-//             then as many leave as the destination takes
+//             and then as many leave as the destination takes
 //
 // While stalled, the send buffer is lowered to twenty datagrams of the current size. The kernel reports a
 // socket writable only when three quarters of its buffer are free. The sender is therefore woken when five of
@@ -23,7 +23,9 @@
 #pragma once
 
 #include <cstdint>
+#include <sys/uio.h>
 
+#include "batches.h"
 #include "fd_watch.h"
 #include "private_fd.h"
 #include "send_queue.h"
@@ -43,23 +45,34 @@ class Channel {
     Channel &operator=(const Channel &) = delete;
 
     void send(Send *send) noexcept;
+    // Sends a datagram of several parts, len bytes in all, if nothing waits. Returns an enum cl_ev_status.
+    int send_now(const iovec *parts, size_t count, uint32_t len) noexcept;
     // Takes out all waiting sends. Only destruction is allowed afterwards.
     SendQueue take_waiting() noexcept { return std::move(waiting_); }
 
-    bool stalled() const noexcept { return !waiting_.empty(); }
+    bool waits() const noexcept { return !waiting_.empty(); }
     uint64_t last_used_ms() const noexcept { return last_used_ms_; }
     const cl_sockaddr_t &destination() const noexcept { return destination_; }
 
   private:
+    // What one system call sends.
+    struct Datagram {
+        const iovec *parts;
+        size_t count; // of parts
+        uint32_t len; // bytes in all
+    };
     int try_send(const Send &send, uint64_t now) noexcept;
-    int send_connected(const Send &send) noexcept;
-    int send_by_path(const Send &send) noexcept;
+    int try_send(const Datagram &datagram, uint64_t now) noexcept;
+    int send_connected(const Datagram &datagram) noexcept;
+    int send_by_path(const Datagram &datagram) noexcept;
     bool open_descriptor() noexcept;
     void close_descriptor() noexcept;
     int connect_afresh(uint64_t now) noexcept;
     void notice_new_owner(uint64_t now) noexcept;
 
-    void stall(Send *send, uint64_t now) noexcept;
+    void add_to_batch(Send *send) noexcept;
+    void send_batch() noexcept;
+    void stall(uint64_t now) noexcept;
     void wait_for_room() noexcept;
     void flush() noexcept;
     unsigned send_many() noexcept;
@@ -91,7 +104,10 @@ class Channel {
     uint64_t last_used_ms_ = 0;
     uint64_t last_progress_ms_ = 0;
     int last_unread_ = 0; // bytes as the kernel counts them
-    uint32_t pushed_ = 0; // sends added to waiting_ since send() last tried to flush
+    bool stalled_ = false;
+    Batches::Member batch_;
+    uint32_t batched_ = 0; // sends in the batch
+    uint32_t pushed_ = 0;  // sends added to waiting_ since send() last tried to flush
     uint32_t pushed_bytes_ = 0;
 };
 

@@ -64,10 +64,14 @@ bool ChannelSet::evict() noexcept {
     while (channels_.size() >= kMaxChannels) {
         auto oldest = channels_.end();
         for (auto at = channels_.begin(); at != channels_.end(); ++at)
-            if (!at->second->stalled() &&
+            if (!at->second->waits() &&
                 (oldest == channels_.end() || at->second->last_used_ms() < oldest->second->last_used_ms()))
                 oldest = at;
-        if (oldest == channels_.end()) return false;
+        if (oldest == channels_.end()) {
+            if (loop_.batches().empty()) return false;
+            loop_.batches().send_all(); // a channel with a batch is idle then, unless that begins a stall
+            continue;
+        }
         if (last_ == oldest->second.get()) last_ = nullptr;
         channels_.erase(oldest);
     }
@@ -86,7 +90,7 @@ void ChannelSet::sweep() noexcept {
     sweep_timer_ = 0;
     last_ = nullptr;
     std::erase_if(channels_, [now](const auto &entry) {
-        return !entry.second->stalled() && now - entry.second->last_used_ms() >= kIdle_ms;
+        return !entry.second->waits() && now - entry.second->last_used_ms() >= kIdle_ms;
     });
     if (!channels_.empty()) start_sweep();
 }

@@ -15,6 +15,12 @@ inline uint64_t clock_ms() noexcept {
     return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
 }
 
+inline uint64_t clock_us() noexcept {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
 // The same clock at the kernel's last timer tick, a few milliseconds ago at most. Cheaper, because it reads
 // no hardware counter.
 inline uint64_t coarse_clock_ms() noexcept {

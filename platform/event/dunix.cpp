@@ -29,10 +29,19 @@ bool Dunix::send(const cl_sockaddr_t &address, const void *data, uint32_t len, c
     return false;
 }
 
-// Reports what has left already as sent, and the rest as cancelled. Everything is closed before the first
-// callback. In a child that abandons the loop, report() only frees the records; a fork in a callback from
-// here is such a case.
+int Dunix::send_now(const cl_sockaddr_t &address, const iovec *parts, size_t count, uint32_t len) noexcept
+    try {
+    Channel *channel = channels_.find_or_make(address);
+    return channel ? channel->send_now(parts, count, len) : CL_EV_IO;
+} catch (const std::bad_alloc &) {
+    return -1;
+}
+
+// Reports what has left already as sent, batches included, and the rest as cancelled. Everything is closed
+// before the first callback. In a child that abandons the loop, report() only frees the records; a fork in a
+// callback from here is such a case.
 void Dunix::close() noexcept {
+    if (!loop_.abandoned()) loop_.batches().send_all();
     receiver_.close();
     SendQueue unreported = loop_.take_finished(id_);
     SendQueue waiting = channels_.close();

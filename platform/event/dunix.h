@@ -19,6 +19,9 @@ class Dunix : public std::enable_shared_from_this<Dunix> {
     // False when memory is short; the callback is then never called.
     bool send(const cl_sockaddr_t &address, const void *data, uint32_t len, cl_dunix_send_cb callback,
               void *context) noexcept;
+    // Sends a datagram of several parts, if it can leave now. Returns an enum cl_ev_status, or -1 when memory
+    // is short.
+    int send_now(const cl_sockaddr_t &address, const iovec *parts, size_t count, uint32_t len) noexcept;
     // Calls back for every send that is not reported yet. The caller keeps this object alive, and has taken
     // it out of the table, so that its id is stale.
     void close() noexcept;

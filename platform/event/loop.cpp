@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <charconv>
 #include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <new>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -28,6 +31,16 @@ unsigned channels_allowed() {
     return static_cast<unsigned>(std::min(kMostChannels, files.rlim_cur / 4));
 }
 
+// A number that an operator has set in the environment; 0 when there is none.
+uint32_t setting(const char *name) {
+    const char *text = std::getenv(name);
+    uint32_t value = 0;
+    if (!text) return 0;
+    const char *end = text + std::strlen(text);
+    const auto [stop, error] = std::from_chars(text, end, value);
+    return error == std::errc() && stop == end ? value : 0;
+}
+
 template <class Handle> Loop &loop_of(Handle *handle) { return *static_cast<Loop *>(handle->data); }
 
 } // namespace
@@ -45,6 +58,8 @@ std::unique_ptr<Loop> Loop::make(uv_loop_t *foreign) noexcept {
 bool Loop::open(uv_loop_t *foreign) noexcept {
     if (!uv_.open(foreign)) return false;
     most_channels_ = channels_allowed();
+    set_busy_poll_us(setting("TAV_BUSY_POLL_US"));
+    batches_.set(setting("TAV_BATCH_DATAGRAMS"), setting("TAV_BATCH_US"));
     uv_prepare_init(uv_.get(), &prepare_);
     uv_check_init(uv_.get(), &check_);
     uv_idle_init(uv_.get(), &idle_);
@@ -111,13 +126,16 @@ Loop::Frame::Frame(Loop &on, bool is_once) noexcept
       was_reporting(on.reporting_) {
     loop.frame_ = this;
     loop.reporting_ = false;
+    loop.busy_poll_.begin();
 }
 
 Loop::Frame::~Frame() {
     assert(loop.frame_ == this);
     loop.frame_ = outer;
     loop.reporting_ = was_reporting;
-    if (!loop.abandoned_) loop.prepare_other_loops_wait();
+    if (loop.abandoned_) return;
+    loop.batches_.send_all();
+    loop.prepare_other_loops_wait();
 }
 
 int Loop::run() noexcept {
@@ -177,11 +195,13 @@ void Loop::stop() noexcept {
 }
 
 void Loop::before_poll() noexcept {
+    batches_.send_all();
     report_finished();
     uv_.set_waiting(true);
     const Frame *frame = frame_;
     const bool had_its_turn = frame && frame->once && callbacks_run_ != frame->callbacks_before;
-    set_idle(!finished_.empty() || had_its_turn || (frame && frame->stopped));
+    set_idle(!finished_.empty() || !batches_.empty() || had_its_turn || (frame && frame->stopped) ||
+             busy_poll_.spins(callbacks_run_));
     if (!idling_) wake_for_timers();
     uv_.forget_changes();
 }
@@ -247,7 +267,7 @@ void Loop::prepare_other_loops_wait() noexcept {
 }
 
 int Loop::timeout_ms() const noexcept {
-    if (!finished_.empty() || mailbox_.pending() || uv_.changed()) return 0;
+    if (!finished_.empty() || !batches_.empty() || mailbox_.pending() || uv_.changed()) return 0;
     const uint64_t due = timers_.next_due_ms();
     const uint64_t now = clock_ms();
     if (due == kNever) return -1;

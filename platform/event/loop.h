@@ -9,6 +9,9 @@
 // (nudge). Each phase handles what was there when it began; what its callbacks add comes in a later phase. A
 // callback may run the loop again, so every phase takes an item out of its list before it calls back.
 //
+// If the loop batches (batches.h), the prepare phase first sends all batches. If it polls busily
+// (busy_poll.h), the prepare phase keeps the idle handle active for that time.
+//
 // The loop is alive (the prepare handle is referenced) while held_ is not 0: one for each timer of a user,
 // each receiving socket and each send that is not yet reported. All other handles are unreferenced.
 //
@@ -27,6 +30,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "batches.h"
+#include "busy_poll.h"
 #include "fd_watch.h"
 #include "mailbox.h"
 #include "private_fd.h"
@@ -90,6 +95,14 @@ class Loop {
     uint64_t send_wait_ms() const noexcept { return send_wait_ms_; }
     void set_send_wait_ms(uint64_t wait_ms) noexcept { send_wait_ms_ = wait_ms; }
 
+    void set_busy_poll_us(uint32_t limit_us) noexcept { busy_poll_.set(limit_us); }
+    Batches &batches() noexcept { return batches_; }
+    // Makes sure that a turn comes soon and does not wait.
+    void nudge() noexcept {
+        set_idle(true);
+        if (other_loop_waits()) mailbox_.ring();
+    }
+
     // Counts the channels with a descriptor, of all sockets together.
     bool may_open_channel() const noexcept { return channels_ < most_channels_; }
     void channel_opened() noexcept { ++channels_; }
@@ -132,10 +145,6 @@ class Loop {
     void turn_at_once() noexcept;
     bool other_loop_waits() const noexcept { return embedding_ && !frame_; }
     void prepare_other_loops_wait() noexcept;
-    void nudge() noexcept {
-        set_idle(true);
-        if (other_loop_waits()) mailbox_.ring();
-    }
     void set_idle(bool on) noexcept;
 
     UvLoop uv_;
@@ -164,6 +173,9 @@ class Loop {
     bool reporting_ = false;    // report_finished is the innermost of our frames on the stack
     uint64_t send_wait_ms_ = kDefaultSendWait_ms;
     static constexpr uint64_t kDefaultSendWait_ms = 1000; // documented in tavcl_ev.h
+
+    Batches batches_;
+    BusyPoll busy_poll_;
 
     unsigned channels_ = 0;
     unsigned most_channels_ = 0;

@@ -1,5 +1,6 @@
 #include "receiver.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "loop.h"
@@ -10,6 +11,9 @@ namespace {
 
 constexpr unsigned kMaxPerTurn = 64; // datagrams for one readable event; tavcl_ev.h promises it
 constexpr unsigned kSingles = 4; // drains that found one datagram or none, until a drain asks for one only
+constexpr uint32_t kLarge = 16 * 1024; // bytes
+constexpr unsigned kFew = 4;           // datagrams of a fetch, unless many wait
+constexpr unsigned kFullFetches = 2;   // of kFew in a row: many wait
 
 // Returns the batch to its pool at the end of a drain.
 struct BatchLoan {
@@ -48,8 +52,9 @@ void Receiver::drain() noexcept {
     unsigned fetched = 0;
     for (unsigned left = most; callback_ && left > 0; --left) {
         if (!fetched_ || fetched_->empty()) {
-            if (fetched == 1 || (!own.batch && !(own.batch = batches_.take()))) break;
-            const unsigned count = fetch(*own.batch, left);
+            if (!own.batch && !(own.batch = batches_.take())) break;
+            const unsigned count = fetch(*own.batch, std::min(left, next_fetch()));
+            note_fetched(count);
             if (count == 0) break;
             fetched += count;
             fetched_ = own.batch.get();
@@ -58,6 +63,18 @@ void Receiver::drain() noexcept {
     }
     if (fetched_ == own.batch.get()) fetched_ = nullptr;
     singles_ = fetched <= 1 ? singles_ + 1 : 0;
+}
+
+unsigned Receiver::next_fetch() const noexcept {
+    if (last_len_ >= kLarge) return 1;
+    return full_in_a_row_ < kFullFetches ? kFew : RecvBatch::kSlots;
+}
+
+void Receiver::note_fetched(unsigned count) noexcept {
+    if (full_in_a_row_ < kFullFetches)
+        full_in_a_row_ = count == kFew ? full_in_a_row_ + 1 : 0;
+    else if (count <= kFew)
+        full_in_a_row_ = 0;
 }
 
 // Returns the number of datagrams that the batch holds.
@@ -74,6 +91,7 @@ unsigned Receiver::fetch(RecvBatch &batch, unsigned most) noexcept {
 }
 
 void Receiver::deliver(const RecvBatch::Datagram &datagram, int status) noexcept {
+    last_len_ = datagram.len;
     if (status == CL_EV_OK && !datagram.data) status = CL_EV_TOO_BIG;
     loop_.count_callback();
     callback_(socket_, datagram.data, datagram.len, datagram.from, status, context_);

@@ -6,9 +6,12 @@
 // unless the socket was closed.
 //
 // When datagrams arrive one by one, a second fetch finds nothing and wastes a third of a microsecond. A drain
-// then fetches one, and only every fourth drain asks for more. When many arrive, a drain fetches until none
-// is left: the next datagram of a fast sender arrives before the loop has completed its turn, and neither
-// side sleeps.
+// then fetches one, and only every fourth drain asks for more. When several arrive, a drain fetches until
+// none is left: the next datagram of a fast sender arrives before the loop has completed its turn, and
+// neither side sleeps. It fetches four at a time at first. If it took all that a peer has outstanding, the
+// peer would have nothing to do until the first of them is answered, and would sleep; then both sides would
+// wake each other up by turns. When fetches of four keep being full, many datagrams wait, and larger fetches
+// cost less. Large datagrams are fetched one at a time, into a buffer that stays in the cache.
 #pragma once
 
 #include "fd_watch.h"
@@ -34,6 +37,8 @@ class Receiver {
 
   private:
     unsigned fetch(RecvBatch &batch, unsigned most) noexcept;
+    unsigned next_fetch() const noexcept;
+    void note_fetched(unsigned count) noexcept;
     void deliver(const RecvBatch::Datagram &datagram, int status) noexcept;
 
     Loop &loop_;
@@ -44,7 +49,9 @@ class Receiver {
     cl_dunix_recv_cb callback_ = nullptr; // null: not started, or closed
     void *context_ = nullptr;
     RecvBatch *fetched_ = nullptr;
-    unsigned singles_ = 0; // drains in a row that found no more than one datagram
+    uint32_t last_len_ = 0;      // bytes of the datagram that was delivered last
+    unsigned full_in_a_row_ = 0; // full fetches of four
+    unsigned singles_ = 0;       // drains in a row that found no more than one datagram
 };
 
 } // namespace tavcl_ev

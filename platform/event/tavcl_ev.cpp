@@ -96,6 +96,16 @@ int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void
     return found && found->send(*address, data, len, callback, context) ? 0 : -1;
 }
 
+int cl_dunix_send_now(cl_dunix_t socket, const cl_sockaddr_t *address, const iovec *parts,
+                      size_t count) noexcept {
+    Dunix *found = address && parts && count > 0 ? find(socket) : nullptr;
+    if (!found) return -1;
+    size_t len = 0;
+    for (size_t i = 0; i < count; ++i)
+        if (__builtin_add_overflow(len, parts[i].iov_len, &len) || len > UINT32_MAX) return CL_EV_TOO_BIG;
+    return found->send_now(*address, parts, count, static_cast<uint32_t>(len));
+}
+
 void cl_dunix_settle(size_t bytes, cl_dunix_send_cb callback) noexcept {
     if (ThreadEvents *events = ThreadEvents::existing()) events->loop().settle(bytes, callback);
 }

@@ -25,6 +25,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 
 #ifdef __cplusplus
@@ -141,6 +142,16 @@ typedef void (*cl_dunix_send_cb)(cl_dunix_t socket, int status, void *context);
  * system call go to the callback. */
 CL_EV_API int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void *data,
                                uint32_t len, cl_dunix_send_cb callback, void *context) CL_EV_NOEXCEPT;
+
+/* Sends a datagram that consists of `count` parts, one after the other, now or not at all. The kernel copies
+ * the parts before the call returns. Returns CL_EV_OK when the datagram has left. It leaves behind all that
+ * the socket was given for this destination. Nothing is sent, kept or called back when the result is another
+ * one: CL_EV_WOULD_BLOCK when the destination is full, earlier datagrams wait for it, or the loop batches
+ * (tavcl_loop.h); CL_EV_NO_PEER, CL_EV_TOO_BIG or CL_EV_IO as in a completion; -1 when the socket is not
+ * valid, address or parts is null, count is 0 or memory is short. cl_dunix_sendto2 may follow, which can
+ * wait. A library in place of this one may lack it. */
+CL_EV_API int cl_dunix_send_now(cl_dunix_t socket, const cl_sockaddr_t *address, const struct iovec *parts,
+                                size_t count) CL_EV_NOEXCEPT;
 
 /* Completes this thread's finished sends in order once their data total at least `bytes`, up to the first
  * with another callback than this one, so no other code runs. Else does nothing, at the cost of a comparison.

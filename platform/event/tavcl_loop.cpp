@@ -27,6 +27,20 @@ int cl_event_loop_dispatch() noexcept {
     return result;
 }
 
+int cl_event_loop_set_busy_poll(uint32_t microseconds) noexcept {
+    ThreadEvents *events = ThreadEvents::get();
+    if (!events) return -1;
+    events->loop().set_busy_poll_us(microseconds);
+    return 0;
+}
+
+int cl_event_loop_set_batching(uint32_t max_datagrams, uint32_t max_microseconds) noexcept {
+    ThreadEvents *events = ThreadEvents::get();
+    if (!events) return -1;
+    events->loop().batches().set(max_datagrams, max_microseconds);
+    return 0;
+}
+
 cl_loop_t cl_event_loop_self() noexcept {
     ThreadEvents *events = ThreadEvents::get();
     return events ? events->loop().handle() : 0;

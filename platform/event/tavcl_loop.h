@@ -1,5 +1,6 @@
 /* tavcl_loop.h - additions to the agent's event library: the loop inside another loop, calls from other
- * threads and from signal handlers, watches for descriptors and signals.
+ * threads and from signal handlers, watches for descriptors and signals, settings that trade CPU time or
+ * delay for speed.
  *
  * The rules of tavcl_ev.h hold here, too: handles are values and never reused, a callback may call anything,
  * fork makes all handles stale in the child. Two functions may be called from any thread: cl_event_loop_wake
@@ -57,6 +58,33 @@ CL_EV_API int cl_event_loop_wake(cl_loop_t loop) CL_EV_NOEXCEPT;
  * short: the function then never runs. */
 CL_EV_API int cl_event_loop_post(cl_loop_t loop, void (*function)(void *argument),
                                  void *argument) CL_EV_NOEXCEPT;
+
+/* --- speed ---------------------------------------------------------------------------------------- */
+
+/* Busy polling: cl_event_loop_run and cl_event_loop_run_once of this thread look for work again and again for
+ * this long before they sleep; so does uv_run on an attached loop. What comes in that time is handled within
+ * a few microseconds instead of a wake-up of the thread, which takes 25 to 50. The price is CPU time: each
+ * wait costs up to the given time of a core, a thread whose work comes more often than that uses a whole
+ * core. The thread offers its core to others meanwhile. Timers, signals and calls from other threads are
+ * served as always; a loop inside another loop (cl_event_loop_fd) does not poll busily. 0, the default, turns
+ * it off. An operator can set the default with the environment variable TAV_BUSY_POLL_US. The setting ends
+ * with the loop. Returns 0; -1 when no loop can be made. */
+CL_EV_API int cl_event_loop_set_busy_poll(uint32_t microseconds) CL_EV_NOEXCEPT;
+
+/* Batching: datagrams of this thread for destinations that are not full wait until the end of the loop's
+ * turn, and those for one destination leave with one system call. A destination's datagrams leave earlier
+ * when max_datagrams of them wait. All leave earlier when a send finds that the first one has waited
+ * max_microseconds (0: no limit). They also leave when cl_event_loop_run, cl_event_loop_run_once or
+ * cl_event_loop_dispatch returns, when a socket of the thread is closed, when the loop is released and when
+ * the thread ends, exit included. A thread that sends outside of its loop must run a turn afterwards. The
+ * order for each destination is kept.
+ *   A send that was accepted can be lost when the process is killed, or ends without exit, before its batch
+ * leaves. Without batching, what the destination's queue has room for has left when the send returns.
+ *   Data must stay valid until the completion, as always. max_datagrams 0 or 1, the default, turns batching
+ * off; what waits then leaves at once. An operator can set the defaults with the environment variables
+ * TAV_BATCH_DATAGRAMS and TAV_BATCH_US. The setting ends with the loop. Returns 0; -1 when no loop can be
+ * made. */
+CL_EV_API int cl_event_loop_set_batching(uint32_t max_datagrams, uint32_t max_microseconds) CL_EV_NOEXCEPT;
 
 /* --- watches for descriptors --------------------------------------------------------------------- */
 

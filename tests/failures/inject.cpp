@@ -115,7 +115,7 @@ using Any = long(long, long, long, long, long, long);
 // clang-format off
 #define CALLS(X) \
     X(socket, -1, EMFILE, ENOBUFS) X(bind, -1, EACCES, ENOSPC) X(connect, -1, EACCES, ENOMEM, EINTR) \
-    X(setsockopt, -1, ENOBUFS) X(getsockopt, -1, ENOBUFS) X(send, -1, ENOBUFS, ENOMEM, EINTR) \
+    X(setsockopt, -1, ENOBUFS) X(getsockopt, -1, ENOBUFS) X(send, -1, ENOBUFS, ENOMEM, EINTR) X(sendmsg, -1, ENOBUFS, EINTR) \
     X(sendto, -1, ENOBUFS, EINTR) X(sendmmsg, -1, ENOBUFS, EINTR) X(recvmmsg, -1, ENOMEM, EINTR) \
     X(epoll_create1, -1, EMFILE, ENOMEM) X(epoll_ctl, -1, ENOSPC, ENOMEM) X(epoll_pwait, -1, EINTR) \
     X(eventfd, -1, EMFILE) X(pipe2, -1, EMFILE) X(timerfd_create, -1, EMFILE, ENOMEM) \

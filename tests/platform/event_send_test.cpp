@@ -53,6 +53,7 @@ TEST_F(SendTest, AStalledDestinationIsReportedOnceAfterTheWaitAndDelaysNoOther) 
     cl_dunix_set_send_wait(10'000);
     send_numbered("stalled", 0, 40);
     send_numbered("other", 40, 45);
+    cl_event_loop_run_once(0);
     EXPECT_EQ(other.read().size(), 5u);
     skip(9);
     EXPECT_EQ(stalled.read(1).size(), 1u); // too little to wake the sender, but progress
