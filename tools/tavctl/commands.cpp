@@ -140,7 +140,7 @@ std::set<std::string> candidates(const std::vector<std::string> &words) {
         if (const std::string name = each.name; !command && name.starts_with(path))
             found.insert(name.substr(path.size(), name.find(' ', path.size()) - path.size()));
     if (path == "trace ") found.insert({"on", "off", "show"});
-    for (const char *asking : {"probe ", "send ", "request ", "sendfile ", "stats "})
+    for (const char *asking : {"probe ", "send ", "request ", "sendfile ", "stats ", "monitor ", "log "})
         if (path == asking) found.merge(live_names());
     return found;
 }
