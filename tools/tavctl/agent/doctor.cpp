@@ -50,7 +50,7 @@ Finding check_endpoint(const Findings &findings) {
         return skip("not tried, because of the findings above");
     try {
         const Module module;
-        const Outcome probe =
+        const Answer probe =
             exchange(module, TAV_IPC_EXCHANGE_PROBE, *tav_ipc_get_local_addr(module), kProbeTimeout_s);
         const bool answered = probe.ended && probe.code == 0;
         const std::string text = module.text() + (answered ? " opened, and answered itself in "

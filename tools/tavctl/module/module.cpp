@@ -127,14 +127,14 @@ Module::Module(const std::string &name, bool accept_files) {
     if (!ipc_) throw refusal(used);
 }
 
-Outcome exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
-                 uint32_t cmd, std::string_view payload) {
+Answer exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
+                uint32_t cmd, std::string_view payload) {
     constexpr tav_ipc_exchange_cb kOnEnd = [](uint64_t, int32_t code, uint32_t command, const void *data,
                                               uint32_t size, void *user) {
-        auto &ended = *static_cast<Outcome *>(user);
+        auto &ended = *static_cast<Answer *>(user);
         ended = {true, code, command, {static_cast<const char *>(data), size}, now_seconds() + ended.took_s};
     };
-    Outcome outcome;
+    Answer outcome;
     outcome.took_s = -now_seconds();
     const uint64_t id = tav_ipc_exchange_start(module, kind, &destination, cmd, payload.data(),
                                                static_cast<uint32_t>(payload.size()),

@@ -56,7 +56,7 @@ class Module {
 };
 
 // How a request, confirmed message or probe ended.
-struct Outcome {
+struct Answer {
     bool ended = false; // false: interrupted before
     int32_t code = 0;   // of the library
     uint32_t cmd = 0;   // of a response, and its payload
@@ -65,8 +65,8 @@ struct Outcome {
 };
 inline constexpr double kProbeTimeout_s = 5;
 // kind: of tav_ipc_exchange_start. Throws Problem when the library refuses it.
-Outcome exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
-                 uint32_t cmd = 0, std::string_view payload = {});
+Answer exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
+                uint32_t cmd = 0, std::string_view payload = {});
 
 // Why nobody answers at the address, as far as its socket file shows: a Problem with kNoAnswer.
 Problem silence(const tav_addr_st &address, const std::string &begin = "no answer from ");

@@ -110,7 +110,7 @@ int send(Console &out, const Args &args) {
         record.add("confirmed", confirm);
         const uint64_t before = travelling_bytes(module);
         if (confirm) {
-            const Outcome sent =
+            const Answer sent =
                 exchange(module, TAV_IPC_EXCHANGE_CONFIRMED, destination, timeout_s, cmd, payload);
             if (!sent.ended) throw Problem("interrupted: it is not known whether the message arrived");
             if (sent.code != 0) throw failed_exchange(destination, sent.code);
@@ -145,8 +145,8 @@ int request(Console &out, const Args &args) {
     const std::string payload = make_payload(args);
     catch_interrupts();
     const Module module;
-    const Outcome answer = exchange(module, TAV_IPC_EXCHANGE_REQUEST, destination, args.seconds("timeout"),
-                                    static_cast<uint32_t>(args.number("cmd")), payload);
+    const Answer answer = exchange(module, TAV_IPC_EXCHANGE_REQUEST, destination, args.seconds("timeout"),
+                                   static_cast<uint32_t>(args.number("cmd")), payload);
     if (!answer.ended) throw Problem("interrupted before an answer came");
     if (answer.code != 0) throw failed_exchange(destination, answer.code);
     if (args.has("raw")) return std::cout << answer.payload << std::flush, kSuccess;
@@ -180,7 +180,7 @@ int probe(Console &out, const Args &args) {
     catch_interrupts();
     const Module module;
     while (!args.count_reached(sent) && !interrupted()) {
-        const Outcome answer = exchange(module, TAV_IPC_EXCHANGE_PROBE, destination, kProbeTimeout_s);
+        const Answer answer = exchange(module, TAV_IPC_EXCHANGE_PROBE, destination, kProbeTimeout_s);
         if (!answer.ended) break; // not counted: it had no time to be answered
         ++sent;
         Record record("type", "probe", "to", who, "number", sent, "code", answer.code);
