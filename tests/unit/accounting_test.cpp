@@ -76,7 +76,7 @@ TEST_F(AccountingTest, ReceivedDatagramsAndExchangesAreCountedByKind) {
     Datagram misfit = fragment;
     misfit.header.frag_orig = 100;
     packed.header.flags = IPC_FLAG_COMPRESSED;
-    const auto got = [&](std::vector<int> counters, const std::string &bytes, int status = 0) {
+    const auto got = [&](const std::vector<int> &counters, const std::string &bytes, int status = 0) {
         expect_counts(counters, [&] { receive(ipc_, bytes, status); });
     };
     got({TAV_IPC_STATS_BAD_SHORT}, "short");
