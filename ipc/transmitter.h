@@ -1,8 +1,8 @@
 // Hands datagrams to the event library, settles the sends whose outcome is known, and retries the datagrams
 // that a destination refused.
 //
-// A datagram for which nothing has to wait leaves inside submit, out of the caller's memory, and is done then.
-// Every other one becomes a record.
+// A datagram for which nothing has to wait leaves inside submit, out of the caller's memory, and is done
+// then. Every other one becomes a record.
 //
 // A record (ipc_queue_msg_st) has one owner at a time: the frame that works on it; the queue, while it waits;
 // or the event library, during an attempt. Each attempt has a SendContext, which links the record, its
