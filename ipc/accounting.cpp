@@ -65,13 +65,16 @@ bool open_destination_account(const tav_ipc_st *ipc, Destination &to) {
 
 // --- a datagram on its way out
 
-void account_sent_at_once(tav_ipc_st *ipc, Destination &to, FragmentBlock *block, uint32_t size) {
+void account_sent_at_once(tav_ipc_st *ipc, Destination &to, FragmentBlock *block,
+                          const tav_ipc_hdr_st &header, const void *payload) {
+    const uint32_t size = sizeof header + header.size;
     const BothValues both(ipc->account, to.account);
     both.add(TAV_IPC_STATS_ACCEPTED, 1, size);
     both.add(TAV_IPC_STATS_LEFT, 1, size);
     if (block) both.add(TAV_IPC_STATS_FRAGMENTS, 1);
     if (!block || !std::exchange(block->fate.begun, true)) begin_message(both, ipc);
     if (!block) end_message(ipc, true);
+    monitor_parts(ipc, {TAV_IPC_MONITOR_SENT, 0, 1, &header, sizeof header, payload, header.size});
 }
 
 void account_queued(const ipc_queue_msg_st &msg) {

@@ -41,7 +41,8 @@ void account_accepted(const ipc_queue_msg_st &msg, uint64_t now_ms);
 void account_queued(const ipc_queue_msg_st &msg);
 void account_unqueued(const ipc_queue_msg_st &msg);
 // It was accepted and left in the same call, without a record. block: null, or that of its message.
-void account_sent_at_once(tav_ipc_st *ipc, Destination &to, FragmentBlock *block, uint32_t size);
+void account_sent_at_once(tav_ipc_st *ipc, Destination &to, FragmentBlock *block,
+                          const tav_ipc_hdr_st &header, const void *payload);
 // The event library got it; gave it back, or was given up.
 void account_in_flight(const ipc_queue_msg_st &msg);
 void account_landed(const ipc_queue_msg_st &msg);

@@ -251,7 +251,7 @@ bool send_directly(const Route &route, const tav_ipc_hdr_st &header, const void 
     const iovec parts[] = {{const_cast<tav_ipc_hdr_st *>(&header), kHeaderSize},
                            {const_cast<void *>(payload), header.size}};
     if (send_now(to.sock, route.address, parts, 2) != CL_EV_OK) return false;
-    account_sent_at_once(route.ipc, *route.to, route.block, kHeaderSize + header.size);
+    account_sent_at_once(route.ipc, *route.to, route.block, header, payload);
     return true;
 }
 
