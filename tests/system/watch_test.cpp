@@ -131,7 +131,7 @@ TEST_F(Watch, MonitorsOfTheModulesUserGetCopies) {
     const Monitor datagrams(names + "0", SOCK_DGRAM);
     while (std::string_view(datagrams.next(TAV_IPC_MONITOR_HELLO).endpoint) != "alpha")
         ;
-    alpha.say("post beta bytes 160 1 9 0 0\nclose"); // before the message can leave
+    alpha.say("post nobody bytes 160 1 9 0 0\nclose"); // while the message waits
     while (datagrams.next(TAV_IPC_MONITOR_DROPPED).reason != TAV_IPC_STATS_DROPPED_CLOSED)
         ;
     EXPECT_EQ(alpha.finish(), 0);
