@@ -1,0 +1,273 @@
+#include "bridge.h"
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "common/datagram.h"
+#include "common/facts.h"
+#include "common/log.h"
+#include "notify.h"
+#include "tavaux.h"
+
+namespace tavbridge {
+namespace {
+
+constexpr int kHubLocation = 4;         // its modules write to _prx0 to _prx7
+constexpr size_t kMostUnsent = 8 << 20; // bytes in nats.c for the socket, then the bridge reads nothing more
+constexpr size_t kMostHeard = 4096;     // endpoints of other locations
+constexpr uint64_t kTick_ms = 500;
+constexpr uint64_t kLook_ms = 1;         // while something is held: the library has no call for "it left"
+constexpr uint64_t kKeepAliveTicks = 20; // 10 s: a third of the time after which the engine delivers again
+constexpr uint64_t kStop_ms = 5000, kQuiet_ms = 50;
+constexpr const char *kEndpoint = "tavbridge", *kDurableEndpoint = "tavbridgd";
+
+uint64_t in_use(const cl_sockaddr_t *from) { return from ? from->len : 0; }
+
+std::string socket_path(int location, const std::string &name) {
+    const char *type = GetDeployTypeStr();
+    return tavipc::kSocketRoot + (type ? std::string(type) + '/' : "") + tavipc::kSocketDirectory +
+           std::to_string(location) + '/' + name;
+}
+
+} // namespace
+
+Bridge::Bridge(const Settings &settings) : settings_(settings) {}
+
+Bridge::~Bridge() {
+    cl_timer_stop(look_timer_);
+    cl_timer_stop(tick_timer_);
+    for (const Pipe &pipe : pipes_)
+        if (pipe.socket) cl_dunix_close(pipe.socket, nullptr, nullptr);
+    deliveries_.reset();
+    outbox_.reset();
+    engine_.reset();
+}
+
+bool Bridge::start(std::string &reason) {
+    home_.any_to_all = settings_.any_to_all;
+    home_.reachable = settings_.reachable;
+    if (!settings_.ipc_conf.empty()) {
+        load_ipc_proxy_conf(settings_.ipc_conf.c_str());
+        home_.durable = !(get_ipc_proxy_conf()->options & 1); // disable_offline_cache
+    }
+    if (!open_endpoints(reason)) return false;
+    Engine::Handler handler;
+    handler.connected = [this] {
+        counters_.add(kReconnects);
+        error_output(3, "tav_bridge", __LINE__, "connected to the engine");
+        notify("STATUS=connected");
+        outbox_->resend(cl_event_loop_now());
+        resume_if_possible();
+    };
+    handler.disconnected = [this] {
+        error_output(2, "tav_bridge", __LINE__, "lost the connection to the engine");
+        notify("STATUS=not connected");
+        pause();
+    };
+    handler.ready = [this] { outbox_->resend(cl_event_loop_now()); };
+    handler.control = [this](Message message) { on_message(std::move(message), false); };
+    handler.durable = [this](Message message) { on_message(std::move(message), true); };
+    handler.answered = [this](uint64_t id, bool stored, bool before) {
+        outbox_->answered(id, stored, before);
+        resume_if_possible();
+    };
+    engine_ = std::make_unique<Engine>(settings_, home_, std::move(handler));
+    outbox_ = std::make_unique<Outbox>(*engine_, counters_, settings_.waiting_bytes);
+    deliveries_ = std::make_unique<Deliveries>(*engine_, counters_, durable_.get(), settings_.attempts);
+    if (!open_pipes(reason) || !engine_->start(reason)) return false;
+    tick();
+    return true;
+}
+
+bool Bridge::open_endpoints(std::string &reason) {
+    control_.reset(tav_ipc_create(kEndpoint));
+    if (control_) durable_.reset(tav_ipc_create_non_recv(kDurableEndpoint, 0));
+    if (!durable_) {
+        reason = std::string("no endpoint: ") + std::strerror(errno);
+        return false;
+    }
+    const tav_addr_st *own = tav_ipc_get_local_addr(control_.get());
+    home_.place = {own->loc, own->hostid};
+    if (own->loc == 0 || own->hostid == 0) {
+        reason = "this installation has no location or no host id";
+        return false;
+    }
+    const auto answer = [](tav_ipc_st *, const tav_addr_st *source, uint32_t reqid, uint32_t command,
+                           const void *, uint32_t, void *self) {
+        static_cast<Bridge *>(self)->on_request(*source, reqid, command);
+        return 0;
+    };
+    tav_ipc_on_request(control_.get(), answer, this);
+    return true;
+}
+
+bool Bridge::open_pipes(std::string &reason) {
+    const bool hub = home_.place.location == kHubLocation;
+    for (size_t i = 0; i < (hub ? pipes_.size() : 1); ++i) {
+        const std::string path =
+            socket_path(tav_get_location(), hub ? "_prx" + std::to_string(i) : "_proxy_");
+        cl_sockaddr_t address;
+        errno = ENAMETOOLONG;
+        pipes_[i] = {this, 0, i > 0};
+        if (cl_sockaddr_un_init(&address, path.c_str()) == 0)
+            pipes_[i].socket = cl_dunix_create(&address, nullptr, nullptr);
+        if (!pipes_[i].socket) {
+            reason = path + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+// --- from local modules to the engine
+
+void Bridge::on_datagram(const Pipe &pipe, const void *data, uint32_t size, std::string_view from) try {
+    if (pipe.copies) return counters_.add(kHubCopies);
+    last_read_ms_ = cl_event_loop_now();
+    forward(data, size, from);
+    if (!engine_->connected() || outbox_->full() || engine_->unsent_bytes() > kMostUnsent) pause();
+} catch (const std::bad_alloc &) {
+    counters_.drop(kNoMemory, nullptr, "from a module");
+}
+
+void Bridge::forward(const void *data, uint32_t size, std::string_view from) {
+    Subject subject;
+    const Drop reason = judge_outgoing(home_, data, size, subject);
+    tav_ipc_hdr_st header{};
+    if (reason != kShort) header = tavipc::read_header(data);
+    if (reason != kNoDrop) return counters_.drop(reason, &header, "from a module");
+    const uint32_t length = tavipc::kHeaderSize + header.size; // the library ignores what follows, too
+    const std::string text = subject_text(settings_.domain, subject);
+    if (subject.kind != Class::kControl)
+        return outbox_->add(text, message_id(data, length, from), data, length, cl_event_loop_now());
+    if (engine_->publish(text, {static_cast<const char *>(data), length}))
+        counters_.add(kSentControl);
+    else
+        counters_.drop(kNoEngine, &header, "from a module");
+}
+
+void Bridge::pause() {
+    look_soon();
+    if (std::exchange(paused_, true)) return;
+    counters_.add(kPauses);
+    cl_dunix_recv_stop(pipes_[0].socket);
+}
+
+void Bridge::resume_if_possible() {
+    if (!paused_ || !engine_->connected() || !outbox_->roomy() || engine_->unsent_bytes() > kMostUnsent / 2)
+        return;
+    const auto receive = [](cl_dunix_t, const void *data, uint32_t size, const cl_sockaddr_t *from,
+                            int status, void *context) {
+        const auto *pipe = static_cast<const Pipe *>(context);
+        const size_t used = std::min<size_t>(in_use(from), sizeof from->addr);
+        if (status == CL_EV_OK)
+            pipe->bridge->on_datagram(*pipe, data, size, {reinterpret_cast<const char *>(from), used});
+    };
+    paused_ = false;
+    for (Pipe &pipe : pipes_)
+        if (pipe.socket && cl_dunix_recv_start(pipe.socket, receive, &pipe) != 0) paused_ = true;
+}
+
+// --- from the engine to local modules
+
+void Bridge::on_message(Message message, bool durable) {
+    const std::string_view datagram = content(message.get());
+    const auto subject = parse_subject(settings_.domain, natsMsg_GetSubject(message.get()));
+    const bool right_class = subject && durable == (subject->kind != Class::kControl);
+    const auto size = static_cast<uint32_t>(datagram.size());
+    const Drop reason = right_class ? judge_incoming(home_, *subject, datagram.data(), size) : kBadSubject;
+    tav_ipc_hdr_st header{};
+    if (size >= tavipc::kHeaderSize) header = tavipc::read_header(datagram.data());
+    if (reason != kNoDrop) {
+        counters_.drop(reason, &header, "from the engine");
+        if (durable) engine_->answer(message.get(), "+TERM");
+        return;
+    }
+    remember(header.src);
+    if (durable) {
+        deliveries_->add(std::move(message), subject->name);
+        return look_soon();
+    }
+    if (tav_ipc_send_raw(control_.get(), subject->name.c_str(), datagram.data()) == IPC_OK)
+        counters_.add(kHandedControl);
+    else
+        counters_.drop(kRefused, &header, "from the engine");
+}
+
+void Bridge::remember(const tav_addr_st &source) {
+    const Heard key{source.loc, source.hostid, tavipc::name_text(source).text};
+    const auto at = heard_.find(key);
+    if (at == heard_.end() && heard_.size() >= kMostHeard) return;
+    heard_[key] = cl_event_loop_now();
+}
+
+// --- what it tells
+
+void Bridge::on_request(const tav_addr_st &source, uint32_t reqid, uint32_t command) try {
+    if (source.loc != home_.place.location) return; // other machines need not know
+    std::string text;
+    if (command == kTellCounters) text = counters_text();
+    if (command == kTellHeard) text = heard_text();
+    tav_ipc_response(control_.get(), &source, reqid, command, text.data(),
+                     static_cast<uint32_t>(text.size()));
+} catch (const std::bad_alloc &) {
+    TAV_LOG_LIMITED(1, "tav_bridge", "memory is short for an answer");
+}
+
+std::string Bridge::counters_text() const {
+    const auto line = [](const char *name, uint64_t value) {
+        return name + (' ' + std::to_string(value)) + '\n';
+    };
+    return line("connected", engine_->connected()) + line("ready", engine_->ready()) +
+           line("paused", paused_) + line("waiting", outbox_->waiting()) +
+           line("waiting_bytes", outbox_->bytes()) + line("held", deliveries_->held()) +
+           line("unsent_bytes", engine_->unsent_bytes()) + counters_.text();
+}
+
+std::string Bridge::heard_text() const {
+    std::string text;
+    const uint64_t now_ms = cl_event_loop_now();
+    for (const auto &[key, at_ms] : heard_)
+        text += key.name + ' ' + std::to_string(key.location) + ' ' + std::to_string(key.hostid) + ' ' +
+                std::to_string((now_ms - at_ms) / 1000) + '\n';
+    return text;
+}
+
+// --- time
+
+void Bridge::look_soon() {
+    if (!look_timer_)
+        look_timer_ = cl_timer_start(
+            kLook_ms, [](void *self) { static_cast<Bridge *>(self)->look(); }, this);
+}
+
+void Bridge::look() try {
+    look_timer_ = 0;
+    const bool held = deliveries_->poll();
+    resume_if_possible();
+    const uint64_t now_ms = cl_event_loop_now();
+    if (stop_by_ms_ &&
+        (now_ms >= stop_by_ms_ || (outbox_->waiting() == 0 && now_ms - last_read_ms_ > kQuiet_ms)))
+        return cl_event_loop_stop();
+    if (held || stop_by_ms_ || (paused_ && engine_->connected())) look_soon();
+} catch (const std::bad_alloc &) {
+    look_soon();
+}
+
+void Bridge::tick() {
+    tick_timer_ = cl_timer_start(
+        kTick_ms, [](void *self) { static_cast<Bridge *>(self)->tick(); }, this);
+    outbox_->resend_late(cl_event_loop_now());
+    if (++ticks_ % kKeepAliveTicks == 0) deliveries_->keep_alive();
+    notify("WATCHDOG=1");
+    look_soon();
+}
+
+void Bridge::stop() {
+    stop_by_ms_ = cl_event_loop_now() + kStop_ms;
+    look_soon();
+}
+
+} // namespace tavbridge

@@ -1,0 +1,79 @@
+// Durable datagrams on their way from the engine to local sockets.
+//
+// Each destination has a queue of messages and one batch that was handed to the local library. When the
+// library has nothing more of that batch, the counters of the destination say what became of it: all left,
+// and the batch is acknowledged; or some were dropped, and the batch goes back to the engine for a later try,
+// since the counters do not say which. Priorities reorder datagrams inside the library, so single ones cannot
+// be told apart earlier.
+//
+// The engine gives out at most `window` messages without an acknowledgement, which bounds what is held here.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "engine.h"
+
+namespace tavbridge {
+
+// The place of a message in its stream, from the subject for its acknowledgement:
+// "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>", with the domain and
+// a hash of the account before the stream, and a token at the end, in newer servers.
+struct Origin {
+    std::string key; // stream and sequence
+    uint64_t times = 0;
+};
+Origin parse_origin(std::string_view reply);
+
+// The newest keys of messages that were delivered: a message whose acknowledgement was lost comes again.
+class Recent {
+  public:
+    bool contains(const std::string &key) const { return keys_.contains(key); }
+    void add(const std::string &key);
+
+  private:
+    std::set<std::string> keys_;
+    std::deque<std::set<std::string>::iterator> order_;
+};
+
+class Deliveries {
+  public:
+    Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, uint64_t attempts)
+        : engine_(engine), counters_(counters), endpoint_(endpoint), attempts_(attempts) {}
+
+    // Takes a message whose subject and datagram were judged.
+    void add(Message message, const std::string &name);
+    // Looks at the batches, and hands over what waits. Returns whether anything is held.
+    bool poll();
+    // Tells the engine that what is held is still being worked on.
+    void keep_alive();
+    size_t held() const { return held_.size(); }
+
+  private:
+    struct Item {
+        Message message;
+        Origin origin;
+    };
+    struct Queue {
+        std::deque<Item> waiting;
+        std::vector<Item> batch;
+        uint64_t drops = 0; // of the destination before the batch
+    };
+    void settle(const std::string &name, Queue &queue);
+    void finish(Item &item, bool left);
+    void hand_over(const std::string &name, Queue &queue);
+
+    Engine &engine_;
+    Counters &counters_;
+    tav_ipc_st *const endpoint_;
+    const uint64_t attempts_;
+    std::map<std::string, Queue> queues_;
+    std::set<std::string> held_; // keys
+    Recent recent_;
+};
+
+} // namespace tavbridge
