@@ -113,6 +113,7 @@ Destination *new_destination(cl_dunix_t sock, uint64_t now_ms) {
 
 void release_destination(void *memory) {
     auto *destination = static_cast<Destination *>(memory);
+    if (destination) close_account(destination->account);
     if (destination && destination->pins > 0)
         destination->abandoned = true;
     else

@@ -13,6 +13,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "ipc/stats_file.h"
 #include "tavipc/ipc_queue.h"
 
 namespace tavipc {
@@ -24,7 +25,8 @@ struct Destination {
     const char *deploy_type; // for which the address was composed
     size_t pipe_at;          // where the pipe's name begins in the path of address
     uint32_t pins;
-    bool abandoned; // its queue is gone, the last pin releases it
+    bool abandoned;  // its queue is gone, the last pin releases it
+    Account account; // opened with the first message that an endpoint sends to it
 
     // Whether address is that of the pipe.
     bool leads_to(const char *pipe) const;

@@ -17,6 +17,7 @@
 #include <type_traits>
 
 #include "common/owned.h"
+#include "ipc/stats_file.h"
 #include "tavipc/ipc_queue.h"
 #include "tavipc/ipc_req_manager.h"
 #include "tavipc/tav_ipc.h"
@@ -51,6 +52,10 @@ struct tav_ipc_st {
     tavipc::SendContext *spare_contexts; // of completed sends, for the next ones
     uint32_t spare_context_count;
     tavipc::Reassembly *reassembly; // the sets of frag_table with their buffers; made with it
+    tavipc::Account account;
+    struct { // accepted messages
+        uint64_t pending, left, dropped;
+    } messages;
 };
 static_assert(std::is_standard_layout_v<tav_ipc_st> && std::is_trivial_v<tav_ipc_st>);
 static_assert(offsetof(tav_ipc_st, my_addr) == 0);

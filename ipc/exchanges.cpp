@@ -12,6 +12,7 @@
 #include "common/log.h"
 #include "common/out_of_memory.h"
 #include "common/relaxed.h"
+#include "ipc/accounting.h"
 #include "ipc/wire.h"
 #include "tavipc/tav_ipc_ext.h"
 
@@ -90,9 +91,11 @@ void remove_finished(tav_ipc_st *ipc, uint32_t reqid, uint64_t serial) {
 }
 
 // Completes what is outstanding under the id, if anything is. The endpoint may be closed afterwards.
-void complete(tav_ipc_st *ipc, uint32_t reqid, const Answer &answer) {
+void complete(tav_ipc_st *ipc, uint32_t reqid, const Answer &answer,
+              Counter how = TAV_IPC_STATS_EXCHANGES_ENDED) {
     RequestRecord *record = find_record(ipc, reqid);
     if (!record) return;
+    if (record->callback.index() != 0) account_exchange_over(ipc, how);
     const uint64_t serial = record->serial;
     if (finish(*record, answer)) remove_finished(ipc, reqid, serial);
 }
@@ -110,6 +113,7 @@ void ipc_req_timeout(uint32_t reqid, void *value, void *argument) {
     const uint64_t serial = record.serial;
     const int64_t expire_ms = record.expire_ms;
     if (record.took_over && expire_ms >= static_cast<int64_t>(ipc_req_now())) return;
+    if (record.callback.index() != 0) account_exchange_over(ipc, TAV_IPC_STATS_EXCHANGES_TIMED_OUT);
     if (!finish(record, {IPC_ERR_TIMEOUT})) return;
     TAV_LOG(4, "tav_ipc", "req[%u] timeout, expire=%lld", reqid, static_cast<long long>(expire_ms));
     remove_finished(ipc, reqid, serial);
@@ -149,10 +153,13 @@ void ipc_send_request(tav_ipc_st *ipc, const Exchange &exchange, Callback callba
     if (result == IPC_OK && ipc->closed) result = IPC_ERR_CLOSED;
     if (result != IPC_OK) {
         record->send_error = result;
+        if (ipc) account_event(ipc, TAV_IPC_STATS_EXCHANGES_ENDED);
         if (!cl_timer_start(kDefer_ms, ipc_req_deferred_fail, record)) out_of_memory("tav_ipc", __LINE__);
     } else if (ipc_req_manager_insert(&ipc->req_mgr, reqid, record, record->expire_ms) != 0) {
         TAV_LOG(0, "tav_ipc", "memory not enough");
         std::exit(0);
+    } else {
+        account_exchange_waits(ipc);
     }
 }
 
@@ -162,7 +169,7 @@ void ipc_exchange_timeout(void *argument) {
     auto &record = *static_cast<RequestRecord *>(argument);
     record.timer = 0; // if the record is not in the table yet, the manager's next tick ends it
     EndpointPin pin(record.ipc);
-    complete(record.ipc, record.reqid, {IPC_ERR_TIMEOUT});
+    complete(record.ipc, record.reqid, {IPC_ERR_TIMEOUT}, TAV_IPC_STATS_EXCHANGES_TIMED_OUT);
 }
 
 // 0, or the errno of a call that can send nothing.
@@ -190,7 +197,9 @@ int start_exchange(tav_ipc_st *ipc, const Exchange &exchange, uint32_t timeout_m
     (void)take_over(ipc, record->reqid);
     if (ipc->closed) return ESHUTDOWN;
     // The manager's entry has expired already: it leaves the heap at the next tick.
-    return ipc_req_manager_insert(&ipc->req_mgr, record->reqid, record, INT64_MIN) == 0 ? 0 : ENOMEM;
+    if (ipc_req_manager_insert(&ipc->req_mgr, record->reqid, record, INT64_MIN) != 0) return ENOMEM;
+    account_exchange_waits(ipc);
+    return 0;
 }
 
 } // namespace
@@ -203,7 +212,7 @@ void ipc_send_with_ack(tav_ipc_st *ipc, Exchange exchange, tav_ipc_status_cb cal
 void ipc_complete_request(tav_ipc_st *ipc, uint32_t reqid, int32_t code, uint32_t cmd, const void *data,
                           uint32_t len) {
     EndpointPin pin(ipc);
-    complete(ipc, reqid, {code, cmd, data, len});
+    complete(ipc, reqid, {code, cmd, data, len}, TAV_IPC_STATS_EXCHANGES_COMPLETED);
 }
 
 bool open_requests(tav_ipc_st *ipc) {

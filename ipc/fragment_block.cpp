@@ -5,6 +5,7 @@
 #include <new>
 
 #include "ipc/huge_pages.h"
+#include "tavipc/ipc_queue.h"
 
 namespace tavipc {
 
@@ -28,8 +29,16 @@ unsigned char *FragmentBlock::take_slot() noexcept {
     return slot->datagram;
 }
 
+FragmentBlock::Slot *FragmentBlock::slot_of(void *datagram) noexcept {
+    return reinterpret_cast<Slot *>(static_cast<unsigned char *>(datagram) - offsetof(Slot, datagram));
+}
+
+FragmentBlock *FragmentBlock::of(const ipc_queue_msg_st &msg) noexcept {
+    return msg.data_free == release_slot ? slot_of(msg.data)->block : nullptr;
+}
+
 void FragmentBlock::release_slot(void *datagram, uint32_t) noexcept {
-    auto *slot = reinterpret_cast<Slot *>(static_cast<unsigned char *>(datagram) - offsetof(Slot, datagram));
+    Slot *slot = slot_of(datagram);
     FragmentBlock *block = slot->block;
     slot->next_free = block->free_;
     block->free_ = slot;

@@ -9,10 +9,22 @@
 
 #include "ipc/wire.h"
 
+struct ipc_queue_msg_st;
+
 namespace tavipc {
+
+// What has become of the message so far; ipc/accounting keeps it.
+struct MessageFate {
+    uint32_t outstanding; // fragments that have neither left nor been dropped
+    bool begun;           // a fragment was accepted
+    bool submitted;       // no further fragment comes
+    bool failed;          // a fragment was dropped or refused
+};
 
 class FragmentBlock {
   public:
+    MessageFate fate{};
+
     struct Drop {
         void operator()(FragmentBlock *block) const noexcept { drop(block); }
     };
@@ -26,6 +38,8 @@ class FragmentBlock {
     unsigned char *take_slot() noexcept;
     // Releases a slot. A record's data_free.
     static void release_slot(void *datagram, uint32_t size) noexcept;
+    // The block that a record's datagram lies in; null if the record has it inline.
+    static FragmentBlock *of(const ipc_queue_msg_st &msg) noexcept;
 
   private:
     struct Slot {
@@ -35,6 +49,7 @@ class FragmentBlock {
     };
 
     FragmentBlock() = default;
+    static Slot *slot_of(void *datagram) noexcept;
     static void drop(FragmentBlock *block) noexcept;
     Slot *slots() noexcept { return reinterpret_cast<Slot *>(this + 1); }
 

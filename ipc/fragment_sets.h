@@ -95,6 +95,7 @@ class FragmentSets {
     FragmentSet *victim(time_t now_s, const FragmentSet *except) const;
     // Any set or mark; null when there is none.
     FragmentSet *any() const { return waiting_.oldest() ? waiting_.oldest() : marks_.oldest(); }
+    size_t live() const { return live_; } // without the marks
     size_t bytes() const { return live_ * kSetBytes; }
 
   private:

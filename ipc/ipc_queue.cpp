@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "ipc/accounting.h"
 #include "ipc/destination.h"
 #include "ipc/teardown_watch.h"
 #include "tavaux.h"
@@ -141,7 +142,10 @@ void destroy_ipc_queue(ipc_queue_st *queue) noexcept {
     if (!queue) return;
     tavipc::mark_torn_down(queue->destroyed);
     tavipc::stop_timer(*queue);
-    while (ipc_queue_msg_st *msg = ipc_queue_pop(queue)) free_ipc_queue_msg(msg);
+    while (ipc_queue_msg_st *msg = ipc_queue_pop(queue)) {
+        tavipc::account_dropped(*msg, TAV_IPC_STATS_DROPPED_CLOSED);
+        free_ipc_queue_msg(msg);
+    }
     tavipc::stop_timer(*queue); // a push from a record's data_free has armed it again
     heap_destroy(std::exchange(queue->heap, nullptr));
     if (queue->default_mod) destroy_unix_socket(std::exchange(queue->default_mod->sock, 0));
@@ -164,6 +168,7 @@ int ipc_queue_push(ipc_queue_st *queue, ipc_queue_msg_st **msg, uint64_t now_ms)
     *msg = nullptr;
     mod_info_st &mod = tavipc::module_of(*queue, record);
     tavipc::count_in(mod.queued, mod.queued_bytes, record.size);
+    tavipc::account_queued(record);
     // The armed timer may belong to a record that has left the queue, so the old top decides, not the timer.
     if (!first || record.retry_later < first->retry_later) tavipc::stop_timer(*queue);
     return tavipc::arm_timer(*queue, now_ms) ? 0 : -1;
@@ -179,6 +184,7 @@ ipc_queue_msg_st *ipc_queue_pop(ipc_queue_st *queue) noexcept {
     auto *msg = static_cast<ipc_queue_msg_st *>(entry);
     mod_info_st &mod = tavipc::module_of(*queue, *msg);
     tavipc::count_out(mod.queued, mod.queued_bytes, msg->size);
+    tavipc::account_unqueued(*msg);
     return msg;
 }
 

@@ -9,6 +9,7 @@
 #include "common/keep_errno.h"
 #include "common/log.h"
 #include "common/out_of_memory.h"
+#include "ipc/accounting.h"
 #include "ipc/destination.h"
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
@@ -71,12 +72,13 @@ int open_endpoint(tav_ipc_st *ipc, const Options &options) {
     ipc->accept_files = options.accept_files;
     if (const int error = open_queue(ipc)) return error;
     arm_destination_sweep(ipc);
-    if (open_requests(ipc)) {
+    if (open_endpoint_account(ipc) && open_requests(ipc)) {
         if (options.accept_files) resume_file_sweep();
         return 0;
     }
     stop_timer(ipc->mod_sweep_timer);
     close_queue(ipc);
+    close_account(ipc->account);
     return ENOMEM;
 }
 
@@ -164,4 +166,5 @@ void tav_ipc_destroy(tav_ipc_st *ipc) noexcept {
     close_queue(ipc);
     release_fragments(ipc);
     stop_timer(ipc->mod_sweep_timer);
+    close_account(ipc->account);
 }

@@ -8,6 +8,7 @@
 
 #include "common/log.h"
 #include "common/out_of_memory.h"
+#include "ipc/accounting.h"
 #include "ipc/fragment_sets.h"
 #include "ipc/msg_trace.h"
 #include "ipc/wire.h"
@@ -44,6 +45,10 @@ void trace_incomplete(const tav_ipc_hdr_st &header) {
     TAV_TRACE(&header, "Fragment(%d) not complete, dropped", static_cast<int>(header.frag_id));
 }
 
+void account_sets(const tav_ipc_st *ipc) {
+    if (ipc->reassembly) account_gauge(ipc, TAV_IPC_STATS_SETS_OPEN, ipc->reassembly->sets.live());
+}
+
 // --- the bound
 
 void log_too_many(size_t held_bytes) {
@@ -60,6 +65,8 @@ bool evict(tav_ipc_st *ipc, const FragmentSet *except, time_t now_s) {
     const tav_ipc_hdr_st header = set->header;
     reassembly.buffers.drop(set->buffer);
     reassembly.sets.mark_evicted(*set, now_s);
+    account_event(ipc, TAV_IPC_STATS_SETS_EVICTED);
+    account_sets(ipc);
     log_too_many(held_bytes);
     trace_incomplete(header);
     return true;
@@ -74,7 +81,7 @@ void keep_within_bound(tav_ipc_st *ipc, time_t now_s) {
 // --- the sweep
 
 struct Sweep {
-    Reassembly &reassembly;
+    const tav_ipc_st *ipc;
     time_t now_s;
     FragmentSet *expired = nullptr; // out of the table, linked by `beside`
 };
@@ -84,7 +91,8 @@ int collect_expired(const void *, uint32_t, void *value, void *context) {
     for (auto *set = static_cast<FragmentSet *>(value); set;) {
         FragmentSet *next = set->beside;
         if (is_expired(*set, sweep.now_s)) {
-            set = sweep.reassembly.remove(*set).release();
+            set = sweep.ipc->reassembly->remove(*set).release();
+            if (!set->evicted) account_event(sweep.ipc, TAV_IPC_STATS_SETS_EXPIRED);
             set->beside = std::exchange(sweep.expired, set);
         }
         set = next;
@@ -95,8 +103,9 @@ int collect_expired(const void *, uint32_t, void *value, void *context) {
 // Everything is in order again before the first trace: its sink may close the endpoint.
 void frag_expire_tick(void *argument) {
     auto *ipc = static_cast<tav_ipc_st *>(argument);
-    Sweep sweep{*ipc->reassembly, time(nullptr)};
+    Sweep sweep{ipc, time(nullptr)};
     xhash_walk_partial(ipc->frag_table, ipc->frag_cookie, &sweep, collect_expired);
+    account_sets(ipc);
     ipc->frag_timer = cl_timer_start(kSweepPeriod_ms, frag_expire_tick, ipc);
     ReassemblyBuffers &buffers = ipc->reassembly->buffers;
     buffers.release_old_spares(sweep.now_s);
@@ -211,14 +220,19 @@ std::optional<RebuiltMessage> accept(Reassembly &reassembly, FragmentSet &set, c
 
 std::optional<RebuiltMessage> add_fragment(tav_ipc_st *ipc, const tav_ipc_hdr_st &header,
                                            const unsigned char *payload) {
-    if (!ensure_reassembly(ipc)) return std::nullopt;
+    if (!ensure_reassembly(ipc)) {
+        account_not_taken(ipc, header, payload, TAV_IPC_STATS_BAD_OTHER);
+        return std::nullopt;
+    }
     const time_t now_s = time(nullptr);
     std::optional<RebuiltMessage> message;
     FragmentSet *set = find_or_create(ipc, header, now_s);
-    if (set && fits(*set, header)) {
-        set = with_buffer(ipc, set, header, now_s);
-        if (set) message = accept(*ipc->reassembly, *set, header, payload, now_s);
-    }
+    set = set && fits(*set, header) ? with_buffer(ipc, set, header, now_s) : nullptr;
+    if (set)
+        message = accept(*ipc->reassembly, *set, header, payload, now_s);
+    else
+        account_not_taken(ipc, header, payload, TAV_IPC_STATS_BAD_FRAGMENT);
+    account_sets(ipc);
     keep_within_bound(ipc, now_s);
     return message;
 }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "ipc/accounting.h"
 #include "ipc/endpoint.h"
 #include "ipc/exchanges.h"
 #include "ipc/msg_trace.h"
@@ -28,11 +29,17 @@ struct Incoming {
     MallocPtr<unsigned char> restored; // from a compressed message
 };
 
-bool validate(const void *data, uint32_t len, int status, Incoming &in) {
-    if (status != 0 || !data || len < kHeaderSize) return false;
+// Counts the datagram. Returns whether its header is sound.
+bool validate(const tav_ipc_st *ipc, const void *data, uint32_t len, int status, Incoming &in) {
+    const auto bad = [&](Counter reason) { return account_bad(ipc, data, len, reason), false; };
+    if (status != 0 || !data) return bad(TAV_IPC_STATS_BAD_OTHER);
+    if (len < kHeaderSize) return bad(TAV_IPC_STATS_BAD_SHORT);
     in.header = read_header(data);
     in.payload = static_cast<const unsigned char *>(data) + kHeaderSize;
-    return in.header.size <= len - kHeaderSize && tav_ipc_hdr_magic(&in.header) == in.header.magic;
+    if (in.header.size > len - kHeaderSize) return bad(TAV_IPC_STATS_BAD_SIZE);
+    if (tav_ipc_hdr_magic(&in.header) != in.header.magic) return bad(TAV_IPC_STATS_BAD_CHECK);
+    account_received(ipc, data, len);
+    return true;
 }
 
 // Do the lengths in the message lie inside it, and is the restored size acceptable?
@@ -45,12 +52,13 @@ bool restorable(const Incoming &in) {
 }
 
 // Replaces a compressed application message by its plain form. Logs.
-bool ipc_uncompress_msg(Incoming &in) {
+bool ipc_uncompress_msg(const tav_ipc_st *ipc, Incoming &in) {
     void *out = nullptr; // the reserve in front of the message stays unused
     const int32_t result = restorable(in) ? tav_msg_uncompress2(in.payload, &out, kHeaderSize, 0)
                                           : static_cast<int32_t>(TAV_COMPRESS_BAD_ARG);
     in.restored.reset(static_cast<unsigned char *>(out));
     if (result != TAV_COMPRESS_OK) {
+        account_not_taken(ipc, in.header, in.payload, TAV_IPC_STATS_BAD_COMPRESSED);
         TAV_LOG_LIMITED(2, "tav_ipc", "uncompress msg failed, ret = %d", result);
         return false;
     }
@@ -92,6 +100,8 @@ void dispatch(tav_ipc_st *ipc, const Incoming &in) {
     if (header.flags & IPC_FLAG_NEED_ACK) acknowledge(ipc, in, result);
     if (ipc->closed) return; // by the sink of a line that the reply logged
     if (header.flags & (IPC_FLAG_FILE | IPC_FLAG_PROBE)) return;
+    if (!ipc->msg_recv && !ipc->on_request) return;
+    const HandlerCall call(ipc);
     if ((header.flags & IPC_FLAG_REQUEST) && ipc->on_request)
         ipc->on_request(ipc, &header.src, header.reqid, header.cmd, in.payload, header.size,
                         ipc->on_request_arg);
@@ -100,9 +110,11 @@ void dispatch(tav_ipc_st *ipc, const Incoming &in) {
 }
 
 void restore_and_dispatch(tav_ipc_st *ipc, Incoming &in) {
-    if ((in.header.flags & IPC_FLAG_COMPRESSED) && !ipc_uncompress_msg(in)) return;
+    if ((in.header.flags & IPC_FLAG_COMPRESSED) && !ipc_uncompress_msg(ipc, in)) return;
     TAV_TRACE(&in.header, "recv from dunix");
-    if (!ipc->closed) dispatch(ipc, in); // else closed by the sink of a line
+    if (ipc->closed) return; // by the sink of a line
+    account_delivered(ipc);
+    dispatch(ipc, in);
 }
 
 // Replaces a fragment by the message that it completes.
@@ -123,7 +135,7 @@ void ipc_on_recv(cl_dunix_t, const void *data, uint32_t len, const cl_sockaddr_t
     if (!ipc) return;
     Incoming in{}; // outlives the guard: its memory is freed last
     UseGuard guard(ipc, "ipc_on_recv");
-    if (!validate(data, len, status, in)) return;
+    if (!validate(ipc, data, len, status, in)) return;
     if (is_fragment(in.header) && !reassemble(ipc, in)) return;
     restore_and_dispatch(ipc, in);
     if (in.rebuilt) give_back(ipc, std::move(in.rebuilt));

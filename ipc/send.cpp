@@ -12,6 +12,7 @@
 #include "common/log.h"
 #include "common/owned.h"
 #include "common/relaxed.h"
+#include "ipc/accounting.h"
 #include "ipc/destination.h"
 #include "ipc/fragment_block.h"
 #include "ipc/msg_trace.h"
@@ -91,6 +92,7 @@ bool over_limit(const tav_ipc_st *ipc, const Destination &to, const tav_ipc_hdr_
                 uint32_t priority) {
     const uint32_t limit = in_flight_class(header.flags & IPC_FLAGS_CONTROL, priority);
     if (uint64_t{header.size} + to.info.sending_bytes < limit) return false;
+    account_refused(ipc, &to, TAV_IPC_STATS_REFUSED_BUDGET);
     TAV_LOG_LIMITED(2, "tav_ipc", "to many messages, IPC:[%s@%u:%x],MSG:[%s@%u:%x]->[%s@%u:%x] drop it",
                     name_text(ipc->my_addr).text, ipc->my_addr.hostid, ipc->my_addr.flags,
                     name_text(header.src).text, header.src.hostid, header.src.flags,
@@ -98,7 +100,13 @@ bool over_limit(const tav_ipc_st *ipc, const Destination &to, const tav_ipc_hdr_
     return true;
 }
 
-int refuse_huge(const tav_ipc_hdr_st &header) {
+int refuse(const tav_ipc_st *ipc, const Destination *to, Counter reason) {
+    account_refused(ipc, to, reason);
+    return IPC_ERR_SENDTO;
+}
+
+int refuse_huge(const tav_ipc_st *ipc, const tav_ipc_hdr_st &header) {
+    account_refused(ipc, nullptr, TAV_IPC_STATS_REFUSED_SIZE);
     TAV_TRACE(&header, "too huge, dropped: %u", header.size);
     if (header.flags & IPC_FLAG_RESPONSE) // nobody sees the result of tav_ipc_response
         TAV_LOG_LIMITED(2, "tav_ipc", "response is too large, drop it|reqid=%u|dest=[%u:%s:%u]|size=%u",
@@ -107,14 +115,11 @@ int refuse_huge(const tav_ipc_hdr_st &header) {
     return IPC_ERR_SENDTO;
 }
 
-int send_fragments(Route route, const tav_ipc_hdr_st &message, const void *payload) {
+// Submits the fragments one after the other. Returns as submit does.
+int submit_fragments(Route route, const tav_ipc_hdr_st &message, uint32_t count, const void *payload) {
     tav_ipc_hdr_st header = message; // all fragments carry the message's id
     header.frag_orig = message.size;
     header.frag_id = static_cast<uint16_t>(ipc_rand_by_time() & 0xFFFF);
-    const uint32_t count = (message.size + kFragmentPayload - 1) / kFragmentPayload;
-    const auto block = FragmentBlock::create(count);
-    if (!block) return IPC_ERR_SENDTO;
-    route.block = block.get();
     for (uint32_t i = 0; i < count; ++i) {
         const uint32_t offset = i * kFragmentPayload;
         const uint32_t rest = message.size - offset;
@@ -129,13 +134,23 @@ int send_fragments(Route route, const tav_ipc_hdr_st &message, const void *paylo
     return IPC_OK;
 }
 
+int send_fragments(Route route, const tav_ipc_hdr_st &message, const void *payload) {
+    const uint32_t count = (message.size + kFragmentPayload - 1) / kFragmentPayload;
+    const auto block = FragmentBlock::create(count);
+    if (!block) return IPC_ERR_SENDTO;
+    route.block = block.get();
+    const int result = submit_fragments(route, message, count, payload);
+    account_fragments_submitted(route.ipc, *block, result == IPC_OK);
+    return result;
+}
+
 // Sends one message (header without magic, header.size payload bytes) to one pipe. The endpoint is pinned.
 int send_to_pipe(tav_ipc_st *ipc, const char *pipe, const tav_ipc_hdr_st &header, const void *payload) {
     if (!ipc->queue) return IPC_ERR_SENDTO;
-    if (header.size > kMaxMessage) return refuse_huge(header);
+    if (header.size > kMaxMessage) return refuse_huge(ipc, header);
     const NameText name = name_text(header.dest);
     Target target;
-    if (!find_target(ipc, pipe, name, target)) return IPC_ERR_SENDTO;
+    if (!find_target(ipc, pipe, name, target)) return refuse(ipc, nullptr, TAV_IPC_STATS_REFUSED_OTHER);
     TAV_TRACE(&header, "send via dunix:%s", target.address->addr.sun_path);
 
     settle_sent();
@@ -146,12 +161,15 @@ int send_to_pipe(tav_ipc_st *ipc, const char *pipe, const tav_ipc_hdr_st &header
     else if (!make_target(ipc, name, now_ms, target))
         return IPC_ERR_SENDTO;
     remember_address(target);
+    if (!open_destination_account(ipc, *target.to))
+        return refuse(ipc, nullptr, TAV_IPC_STATS_REFUSED_NO_MEMORY);
 
     const uint32_t priority = message_priority(header.flags, payload, header.size);
     if (over_limit(ipc, *target.to, header, priority)) return IPC_ERR_SENDTO;
     const Route route{ipc, &*target.to, target.address, priority, now_ms, nullptr};
-    return header.size <= kFragmentPayload ? submit(route, header, payload)
-                                           : send_fragments(route, header, payload);
+    const int result = header.size <= kFragmentPayload ? submit(route, header, payload)
+                                                       : send_fragments(route, header, payload);
+    return result == IPC_OK ? IPC_OK : refuse(ipc, &*target.to, TAV_IPC_STATS_REFUSED_NO_MEMORY);
 }
 
 // --- a message to its pipe or pipes

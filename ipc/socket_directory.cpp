@@ -4,7 +4,7 @@
 // file. The names of sending sockets hold the process id, so nobody would ever replace theirs. Such a stale
 // file is removed by binding a new socket at its path and closing it: the event library replaces only a file
 // whose owner is gone, under the directory's lock, so a live socket is never removed, whatever happens
-// between the look and the removal.
+// between the look and the removal. Files of counters are left behind, too; stats_file knows the stale ones.
 #include "ipc/socket_directory.h"
 
 #include <algorithm>
@@ -21,6 +21,7 @@
 #include "common/keep_errno.h"
 #include "common/log.h"
 #include "common/relaxed.h"
+#include "ipc/stats_file.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
 #include "tavipc/ipc_queue.h"
@@ -79,6 +80,16 @@ struct CloseDirectory {
     void operator()(DIR *directory) const { ::closedir(directory); }
 };
 
+// Removes the file if it is one of counters whose process is gone.
+bool remove_stale_counters(int32_t location, const char *name) {
+    char same[64], path[sizeof(sockaddr_un)];
+    int pid = 0;
+    if (std::sscanf(name, "ipc%9d.stats", &pid) != 1 || pid <= 0) return false;
+    stats_file_name(same, sizeof same, pid);
+    return std::strcmp(name, same) == 0 && socket_path(path, sizeof path, location, name) &&
+           remove_stale_stats(path);
+}
+
 // Whether the name is that of a sending socket of a process that is gone.
 bool left_behind(const char *name) {
     char same[64];
@@ -126,6 +137,10 @@ void sending_socket_name(char *out, size_t size, pid_t pid, int number) {
     str_snprintf(out, static_cast<int>(size), "ipc%d_%d", static_cast<int>(pid), number);
 }
 
+void stats_file_name(char *out, size_t size, pid_t pid) {
+    str_snprintf(out, static_cast<int>(size), "ipc%d.stats", static_cast<int>(pid));
+}
+
 void remove_stale_socket_files(int32_t location) noexcept {
     if (stale_files_removed) return;
     stale_files_removed = true;
@@ -137,7 +152,8 @@ void remove_stale_socket_files(int32_t location) noexcept {
     uint32_t removed = 0;
     while (const dirent *file = ::readdir(files.get())) {
         if (cl_event_loop_now() > end_ms) break;
-        removed += left_behind(file->d_name) && remove_stale(location, file->d_name);
+        removed += left_behind(file->d_name) ? remove_stale(location, file->d_name)
+                                             : remove_stale_counters(location, file->d_name);
     }
     if (removed > 0) TAV_LOG(4, "ipc_queue", "removed %u stale socket files in %s", removed, directory);
 }

@@ -3,7 +3,7 @@
 //
 // The directory is "/var/zon_ipc<location>", or "/var/<type>/zon_ipc<location>" with a deployment type. An
 // endpoint's socket file has the endpoint's name. The sockets that an endpoint sends through are named
-// "ipc<pid>_<number>".
+// "ipc<pid>_<number>", the file of a process's counters "ipc<pid>.stats".
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,11 @@ bool socket_path(char *out, size_t size, int32_t location, const char *name);
 // The name of the number-th sending socket of a process.
 void sending_socket_name(char *out, size_t size, pid_t pid, int number);
 
-// Removes the files of sending sockets whose process is gone and whose socket refuses connections. Runs once
+// The name of the file of a process's counters.
+void stats_file_name(char *out, size_t size, pid_t pid);
+
+// Removes the files of sending sockets whose process is gone and whose socket refuses connections, and the
+// files of counters whose process is gone. Runs once
 // in a process and stops after 5 ms (0.2 s when another process holds the directory's lock). Later processes
 // remove what it leaves.
 void remove_stale_socket_files(int32_t location) noexcept;

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "common/log.h"
+#include "ipc/accounting.h"
 #include "ipc/fragment_block.h"
 #include "ipc/ipc_conf.h"
 #include "ipc/wire.h"
@@ -54,6 +55,7 @@ SendContext *begin_attempt(ipc_queue_msg_st &msg, Destination &to) {
     if (context->next) context->next->link = &context->next;
     ipc->in_flight = context;
     count_in(to.info.sending, to.info.sending_bytes, msg.size);
+    account_in_flight(msg);
     return context;
 }
 
@@ -64,6 +66,7 @@ void take_out(SendContext &context) {
     *context.link = context.next;
     if (context.next) context.next->link = context.link;
     context.link = nullptr;
+    account_landed(*context.msg);
     count_out(info.sending, info.sending_bytes, context.size);
 }
 
@@ -88,7 +91,7 @@ tav_ipc_hdr_st header_of(const ipc_queue_msg_st &msg) {
 
 void ipc_msg_send_done(cl_dunix_t socket, int status, void *argument);
 
-enum class Attempt { kTaken, kNoCapacity, kRefused };
+enum class Attempt { kTaken, kNoCapacity, kNoMemory, kRefused };
 
 // Hands the record to the event library, if the destination's in-flight class has capacity. Unless it was
 // taken the record stays the caller's, and nothing of the endpoint or the destination is used after the log
@@ -98,7 +101,7 @@ Attempt attempt(ipc_queue_msg_st &msg) {
     const uint32_t limit = in_flight_class(msg.flags & IPC_QUEUE_MSG_CONTROL, msg.priority);
     if (uint64_t{msg.size} + to.info.sending_bytes >= limit) return Attempt::kNoCapacity;
     SendContext *context = begin_attempt(msg, to);
-    if (!context) return Attempt::kRefused;
+    if (!context) return Attempt::kNoMemory;
     const int result =
         cl_dunix_sendto2(to.info.sock, &msg.dest, msg.data, msg.size, ipc_msg_send_done, context);
     if (result == 0) return Attempt::kTaken;
@@ -110,6 +113,11 @@ Attempt attempt(ipc_queue_msg_st &msg) {
                      header.reqid, fragment_sequence(header), header.frag_id, header.size);
     }
     return Attempt::kRefused;
+}
+
+Counter drop_reason_of(Attempt result) {
+    if (result == Attempt::kNoCapacity) return TAV_IPC_STATS_DROPPED_BUDGET;
+    return result == Attempt::kNoMemory ? TAV_IPC_STATS_DROPPED_NO_MEMORY : TAV_IPC_STATS_DROPPED_OTHER;
 }
 
 // --- completions
@@ -140,6 +148,7 @@ void put_back_or_drop(ipc_queue_msg_st *msg, int status) {
     const char *reason = cl_ev_strerror(status);
     const auto limit = static_cast<uint32_t>(rule.limit);
     if (rule.limit <= tries) {
+        account_dropped(*msg, drop_reason(status));
         TAV_LOG(2, "tav_ipc",
                 "msg consume times more than limit, drop it|try_times=%u|try_limit=%u|last_err=%d(%s)"
                 "|" DATAGRAM_FORMAT,
@@ -148,6 +157,7 @@ void put_back_or_drop(ipc_queue_msg_st *msg, int status) {
         return;
     }
     msg->flags |= IPC_QUEUE_MSG_RETRIED;
+    account_retried(*msg);
     ipc_queue_push(msg->ipc->queue, &msg, now_ms); // the pointer, not the result, shows who owns the record
     if (!msg) {
         TAV_LOG(4, "tav_ipc",
@@ -155,6 +165,7 @@ void put_back_or_drop(ipc_queue_msg_st *msg, int status) {
                 tries, limit, status, reason, DATAGRAM_ARGUMENTS(header));
         return;
     }
+    account_dropped(*msg, TAV_IPC_STATS_DROPPED_NO_MEMORY);
     TAV_LOG(2, "tav_ipc", "msg set retry failed, drop it|try_times=%u|last_err=%d(%s)|" DATAGRAM_FORMAT,
             tries, status, reason, DATAGRAM_ARGUMENTS(header));
     free_ipc_queue_msg(msg);
@@ -163,6 +174,10 @@ void put_back_or_drop(ipc_queue_msg_st *msg, int status) {
 void ipc_msg_send_done_set_retry(ipc_queue_msg_st *msg, int status) {
     UseGuard guard(msg->ipc, "ipc_msg_send_done_set_retry");
     if (status != CL_EV_OK && msg->ipc->queue) return put_back_or_drop(msg, status);
+    if (status == CL_EV_OK)
+        account_left(*msg);
+    else
+        account_dropped(*msg, TAV_IPC_STATS_DROPPED_CLOSED);
     if (status == CL_EV_OK && (msg->flags & IPC_QUEUE_MSG_RETRIED) && error_output_check(4)) {
         const tav_ipc_hdr_st header = header_of(*msg);
         error_output(4, "tav_ipc", __LINE__, "msg retry success|try_times=%u|" DATAGRAM_FORMAT,
@@ -200,7 +215,7 @@ ipc_queue_msg_st *make_record(const Route &route, const tav_ipc_hdr_st &header, 
     msg->retry_later = route.now_ms;
     msg->priority = route.priority;
     msg->try_times = 0;
-    msg->flags = header.flags & IPC_FLAGS_CONTROL ? IPC_QUEUE_MSG_CONTROL : 0;
+    msg->flags = (header.flags & IPC_FLAGS_CONTROL ? IPC_QUEUE_MSG_CONTROL : 0) | kCountedRecord;
     msg->size = size;
     unsigned char *datagram = route.block ? route.block->take_slot() : msg->inline_data;
     msg->data = datagram;
@@ -213,6 +228,11 @@ ipc_queue_msg_st *make_record(const Route &route, const tav_ipc_hdr_st &header, 
     return msg;
 }
 
+void drop(ipc_queue_msg_st *msg, Counter reason) {
+    account_dropped(*msg, reason);
+    free_ipc_queue_msg(msg);
+}
+
 // Sends a new record at once, unless it ranks behind a record that waits.
 void send_or_queue(ipc_queue_msg_st *msg, const tav_ipc_hdr_st &header) {
     const tav_ipc_st *ipc = msg->ipc;
@@ -222,10 +242,11 @@ void send_or_queue(ipc_queue_msg_st *msg, const tav_ipc_hdr_st &header) {
         msg->try_times = 1;
         if (attempt(*msg) == Attempt::kTaken) return;
         ipc_queue_msg_set_retry_later_random(msg, now_ms);
-        if (!ipc->queue) return free_ipc_queue_msg(msg); // destroyed from the log line
+        if (!ipc->queue) return drop(msg, TAV_IPC_STATS_DROPPED_CLOSED); // destroyed from the log line
     }
     ipc_queue_push(ipc->queue, &msg, now_ms);
     if (!msg) return;
+    account_dropped(*msg, TAV_IPC_STATS_DROPPED_NO_MEMORY);
     TAV_LOG(2, "tav_ipc", "msg set send later failed, drop it|try_times=%u|" DATAGRAM_FORMAT, msg->try_times,
             DATAGRAM_ARGUMENTS(header));
     free_ipc_queue_msg(msg);
@@ -238,6 +259,7 @@ int submit(const Route &route, const tav_ipc_hdr_st &plain, const void *payload)
     header.magic = check_value(header);
     ipc_queue_msg_st *msg = make_record(route, header, payload);
     if (!msg) return IPC_ERR_SENDTO;
+    account_accepted(*msg, route.now_ms);
     send_or_queue(msg, header);
     return IPC_OK;
 }
@@ -245,8 +267,11 @@ int submit(const Route &route, const tav_ipc_hdr_st &plain, const void *payload)
 // A record that cannot be sent now has waited already, so it is dropped. Other code may have queued it,
 // without an endpoint even.
 int consume_queued(uint64_t, ipc_queue_msg_st *msg) {
+    const EndpointPin pin(msg->ipc);
+    const DestinationPin to(msg->mod ? &destination_of(*msg->mod) : nullptr);
     const Attempt result = msg->ipc && msg->ipc->queue ? attempt(*msg) : Attempt::kRefused;
     if (result == Attempt::kTaken) return IPC_OK;
+    account_dropped(*msg, drop_reason_of(result));
     if (result == Attempt::kNoCapacity) {
         const tav_ipc_hdr_st header = header_of(*msg);
         if (header.flags & IPC_FLAG_RESPONSE) // the requester waits for it
@@ -268,6 +293,7 @@ void settle_sent() {
 void abandon_in_flight(tav_ipc_st *ipc) {
     while (SendContext *context = ipc->in_flight) {
         take_out(*context);
+        account_dropped(*context->msg, TAV_IPC_STATS_DROPPED_CLOSED);
         context->ipc = nullptr;
     }
     while (SendContext *context = ipc->spare_contexts) {

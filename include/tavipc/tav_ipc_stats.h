@@ -3,8 +3,9 @@
  * Each endpoint has a record of counters, and each of its destinations has one. The records of a process are
  * in a file that the process maps, "ipc<pid>.stats" in the socket directory of the process's first endpoint,
  * so any program that may read the file sees them, even when the process is stopped, hangs or has been
- * killed. The file goes when the process's last endpoint is destroyed. Other processes remove the file of a
- * process that has ended without that, as they remove its sending sockets.
+ * killed. The file goes when the process's last endpoint is destroyed, and at exit. Other processes remove the
+ * file of a process that was killed, as they remove its sending sockets. A process that cannot make the file
+ * keeps its counters in memory. While it lives it holds a lock (flock) on the file, so a reader takes none.
  *
  * File layout: a tav_ipc_stats_file_st, padded to header_size bytes; then record_count records of record_size
  * bytes each. A record is a tav_ipc_stats_record_st, whose value_count values may be more or fewer than this
@@ -30,7 +31,7 @@
  * the order of the values in a record. New ones come at the end. */
 /* clang-format off */
 #define TAV_IPC_STATS_VALUES(X)                                                                              \
-    X(MESSAGES,            "messages",            C, "messages accepted for sending")                        \
+    X(MESSAGES,            "messages",            C, "messages of which a datagram was accepted")            \
     X(ACCEPTED,            "accepted",            C, "datagrams accepted for sending")                       \
     X(ACCEPTED_BYTES,      "accepted_bytes",      C, "bytes of accepted datagrams")                          \
     X(FRAGMENTS,           "fragments",           C, "accepted datagrams that are fragments")                \
@@ -52,7 +53,7 @@
     X(QUEUED_BYTES,        "queued_bytes",        G, "their bytes")                                          \
     X(IN_FLIGHT,           "in_flight",           G, "datagrams handed to the event library, outcome unknown") \
     X(IN_FLIGHT_BYTES,     "in_flight_bytes",     G, "their bytes")                                          \
-    X(WAITING_SINCE_MS,    "waiting_since_ms",    G, "since when something has waited without a break, CLOCK_MONOTONIC; 0: nothing waits") \
+    X(WAITING_SINCE_MS,    "waiting_since_ms",    G, "since when without a break something has been queued or in flight, CLOCK_MONOTONIC; 0: nothing is") \
     X(RECEIVED,            "received",            C, "datagrams received")                                   \
     X(RECEIVED_BYTES,      "received_bytes",      C, "bytes of received datagrams")                          \
     X(DELIVERED,           "delivered",           C, "messages given to the application or the library")     \

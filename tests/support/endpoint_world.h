@@ -59,6 +59,7 @@ class EndpointWorld : public FakeWorld {
 
     EndpointWorld() {
         tavipc::reset_process_state();
+        tavipc::keep_stats_in_memory(true);
         unsetenv("IPC_TEST");
     }
     void TearDown() override {
