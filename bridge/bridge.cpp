@@ -14,7 +14,7 @@
 namespace tavbridge {
 namespace {
 
-constexpr int kHubLocation = 4;         // its modules write to _prx0 to _prx7
+constexpr int kHubLocation = 4, kHubPipes = 8; // its modules write to _prx0 to _prx7
 constexpr size_t kMostUnsent = 8 << 20; // bytes in nats.c for the socket, then the bridge reads nothing more
 constexpr size_t kMostHeard = 4096;     // endpoints of other locations
 constexpr uint64_t kTick_ms = 500;
@@ -22,8 +22,6 @@ constexpr uint64_t kLook_ms = 1;         // while something is held: the library
 constexpr uint64_t kKeepAliveTicks = 20; // 10 s: a third of the time after which the engine delivers again
 constexpr uint64_t kStop_ms = 5000, kQuiet_ms = 50;
 constexpr const char *kEndpoint = "tavbridge", *kDurableEndpoint = "tavbridgd";
-
-uint64_t in_use(const cl_sockaddr_t *from) { return from ? from->len : 0; }
 
 std::string socket_path(int location, const std::string &name) {
     const char *type = GetDeployTypeStr();
@@ -38,8 +36,6 @@ Bridge::Bridge(const Settings &settings) : settings_(settings) {}
 Bridge::~Bridge() {
     cl_timer_stop(look_timer_);
     cl_timer_stop(tick_timer_);
-    for (const Pipe &pipe : pipes_)
-        if (pipe.socket) cl_dunix_close(pipe.socket, nullptr, nullptr);
     deliveries_.reset();
     outbox_.reset();
     engine_.reset();
@@ -58,7 +54,7 @@ bool Bridge::start(std::string &reason) {
         counters_.add(kReconnects);
         error_output(3, "tav_bridge", __LINE__, "connected to the engine");
         notify("STATUS=connected");
-        outbox_->resend(cl_event_loop_now());
+        outbox_->resend(cl_event_loop_now(), true);
         resume_if_possible();
     };
     handler.disconnected = [this] {
@@ -66,7 +62,7 @@ bool Bridge::start(std::string &reason) {
         notify("STATUS=not connected");
         pause();
     };
-    handler.ready = [this] { outbox_->resend(cl_event_loop_now()); };
+    handler.ready = [this] { outbox_->resend(cl_event_loop_now(), true); };
     handler.control = [this](Message message) { on_message(std::move(message), false); };
     handler.durable = [this](Message message) { on_message(std::move(message), true); };
     handler.answered = [this](uint64_t id, bool stored, bool before) {
@@ -74,7 +70,8 @@ bool Bridge::start(std::string &reason) {
         resume_if_possible();
     };
     engine_ = std::make_unique<Engine>(settings_, home_, std::move(handler));
-    outbox_ = std::make_unique<Outbox>(*engine_, counters_, settings_.waiting_bytes);
+    outbox_ = std::make_unique<Outbox>(*engine_, counters_, settings_.waiting_bytes,
+                                       [this](uint64_t ticket) { pipes_.front()->done(ticket); });
     deliveries_ = std::make_unique<Deliveries>(*engine_, counters_, durable_.get(), settings_.attempts);
     if (!open_pipes(reason) || !engine_->start(reason)) return false;
     tick();
@@ -103,71 +100,69 @@ bool Bridge::open_endpoints(std::string &reason) {
     return true;
 }
 
+// The hub's modules write each message to all its pipes: only what comes through the first one counts.
 bool Bridge::open_pipes(std::string &reason) {
     const bool hub = home_.place.location == kHubLocation;
-    for (size_t i = 0; i < (hub ? pipes_.size() : 1); ++i) {
+    for (int i = 0; i < (hub ? kHubPipes : 1); ++i) {
         const std::string path =
             socket_path(tav_get_location(), hub ? "_prx" + std::to_string(i) : "_proxy_");
-        cl_sockaddr_t address;
-        errno = ENAMETOOLONG;
-        pipes_[i] = {this, 0, i > 0};
-        if (cl_sockaddr_un_init(&address, path.c_str()) == 0)
-            pipes_[i].socket = cl_dunix_create(&address, nullptr, nullptr);
-        if (!pipes_[i].socket) {
+        pipes_.push_back(
+            std::make_unique<Pipe>([this, i](uint64_t ticket, std::string_view data, std::string_view from) {
+                if (i == 0) return on_datagram(ticket, data, from);
+                counters_.add(kHubCopies);
+                pipes_[i]->done(ticket);
+            }));
+        if (!pipes_.back()->open(path)) {
             reason = path + ": " + std::strerror(errno);
             return false;
         }
+        if (i > 0) pipes_.back()->read(true);
     }
     return true;
 }
 
 // --- from local modules to the engine
 
-void Bridge::on_datagram(const Pipe &pipe, const void *data, uint32_t size, std::string_view from) try {
-    if (pipe.copies) return counters_.add(kHubCopies);
+void Bridge::on_datagram(uint64_t ticket, std::string_view data, std::string_view from) try {
     last_read_ms_ = cl_event_loop_now();
-    forward(data, size, from);
+    if (!forward(ticket, data, from)) pipes_.front()->done(ticket);
     if (!engine_->connected() || outbox_->full() || engine_->unsent_bytes() > kMostUnsent) pause();
 } catch (const std::bad_alloc &) {
     counters_.drop(kNoMemory, nullptr, "from a module");
+    pipes_.front()->done(ticket);
 }
 
-void Bridge::forward(const void *data, uint32_t size, std::string_view from) {
+// Whether the datagram has to stay in the socket until it is stored.
+bool Bridge::forward(uint64_t ticket, std::string_view data, std::string_view from) {
     Subject subject;
-    const Drop reason = judge_outgoing(home_, data, size, subject);
+    const Drop reason = judge_outgoing(home_, data.data(), static_cast<uint32_t>(data.size()), subject);
     tav_ipc_hdr_st header{};
-    if (reason != kShort) header = tavipc::read_header(data);
-    if (reason != kNoDrop) return counters_.drop(reason, &header, "from a module");
-    const uint32_t length = tavipc::kHeaderSize + header.size; // the library ignores what follows, too
+    if (reason != kShort) header = tavipc::read_header(data.data());
+    if (reason != kNoDrop) return counters_.drop(reason, &header, "from a module"), false;
+    data = data.substr(0, tavipc::kHeaderSize + header.size); // the library ignores what follows, too
     const std::string text = subject_text(settings_.domain, subject);
-    if (subject.kind != Class::kControl)
-        return outbox_->add(text, message_id(data, length, from), data, length, cl_event_loop_now());
-    if (engine_->publish(text, {static_cast<const char *>(data), length}))
+    if (subject.kind != Class::kControl) {
+        std::string id = message_id(data.data(), static_cast<uint32_t>(data.size()), from);
+        outbox_->add(ticket, text, std::move(id), data, cl_event_loop_now());
+        return true;
+    }
+    if (engine_->publish(text, data))
         counters_.add(kSentControl);
     else
         counters_.drop(kNoEngine, &header, "from a module");
+    return false;
 }
 
 void Bridge::pause() {
     look_soon();
-    if (std::exchange(paused_, true)) return;
+    if (!pipes_.front()->reading()) return;
     counters_.add(kPauses);
-    cl_dunix_recv_stop(pipes_[0].socket);
+    pipes_.front()->read(false);
 }
 
 void Bridge::resume_if_possible() {
-    if (!paused_ || !engine_->connected() || !outbox_->roomy() || engine_->unsent_bytes() > kMostUnsent / 2)
-        return;
-    const auto receive = [](cl_dunix_t, const void *data, uint32_t size, const cl_sockaddr_t *from,
-                            int status, void *context) {
-        const auto *pipe = static_cast<const Pipe *>(context);
-        const size_t used = std::min<size_t>(in_use(from), sizeof from->addr);
-        if (status == CL_EV_OK)
-            pipe->bridge->on_datagram(*pipe, data, size, {reinterpret_cast<const char *>(from), used});
-    };
-    paused_ = false;
-    for (Pipe &pipe : pipes_)
-        if (pipe.socket && cl_dunix_recv_start(pipe.socket, receive, &pipe) != 0) paused_ = true;
+    if (engine_->connected() && outbox_->roomy() && engine_->unsent_bytes() <= kMostUnsent / 2)
+        pipes_.front()->read(true);
 }
 
 // --- from the engine to local modules
@@ -221,7 +216,7 @@ std::string Bridge::counters_text() const {
         return name + (' ' + std::to_string(value)) + '\n';
     };
     return line("connected", engine_->connected()) + line("ready", engine_->ready()) +
-           line("paused", paused_) + line("waiting", outbox_->waiting()) +
+           line("paused", !pipes_.front()->reading()) + line("waiting", outbox_->waiting()) +
            line("waiting_bytes", outbox_->bytes()) + line("held", deliveries_->held()) +
            line("unsent_bytes", engine_->unsent_bytes()) + counters_.text();
 }
@@ -251,7 +246,7 @@ void Bridge::look() try {
     if (stop_by_ms_ &&
         (now_ms >= stop_by_ms_ || (outbox_->waiting() == 0 && now_ms - last_read_ms_ > kQuiet_ms)))
         return cl_event_loop_stop();
-    if (held || stop_by_ms_ || (paused_ && engine_->connected())) look_soon();
+    if (held || stop_by_ms_ || (!pipes_.front()->reading() && engine_->connected())) look_soon();
 } catch (const std::bad_alloc &) {
     look_soon();
 }
@@ -259,7 +254,7 @@ void Bridge::look() try {
 void Bridge::tick() {
     tick_timer_ = cl_timer_start(
         kTick_ms, [](void *self) { static_cast<Bridge *>(self)->tick(); }, this);
-    outbox_->resend_late(cl_event_loop_now());
+    outbox_->resend(cl_event_loop_now(), false);
     if (++ticks_ % kKeepAliveTicks == 0) deliveries_->keep_alive();
     notify("WATCHDOG=1");
     look_soon();

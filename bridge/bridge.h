@@ -8,12 +8,12 @@
 // hold their messages.
 #pragma once
 
-#include <array>
 #include <map>
 #include <memory>
 
 #include "deliveries.h"
 #include "outbox.h"
+#include "pipe.h"
 
 namespace tavbridge {
 
@@ -39,11 +39,6 @@ class Bridge {
     struct Endpoint {
         void operator()(tav_ipc_st *endpoint) const { tav_ipc_destroy(endpoint); }
     };
-    struct Pipe {
-        Bridge *bridge = nullptr;
-        cl_dunix_t socket = 0;
-        bool copies = false; // the hub writes each message to all its pipes: only the first one counts
-    };
     struct Heard {
         uint8_t location;
         uint32_t hostid;
@@ -53,8 +48,8 @@ class Bridge {
 
     bool open_endpoints(std::string &reason);
     bool open_pipes(std::string &reason);
-    void on_datagram(const Pipe &pipe, const void *data, uint32_t size, std::string_view from);
-    void forward(const void *data, uint32_t size, std::string_view from);
+    void on_datagram(uint64_t ticket, std::string_view data, std::string_view from);
+    bool forward(uint64_t ticket, std::string_view data, std::string_view from);
     void on_message(Message message, bool durable);
     void on_request(const tav_addr_st &source, uint32_t reqid, uint32_t command);
     void remember(const tav_addr_st &source);
@@ -73,9 +68,8 @@ class Bridge {
     std::unique_ptr<Engine> engine_;
     std::unique_ptr<Outbox> outbox_;
     std::unique_ptr<Deliveries> deliveries_;
-    std::array<Pipe, 8> pipes_;
+    std::vector<std::unique_ptr<Pipe>> pipes_;
     std::map<Heard, uint64_t> heard_; // when, on the loop's clock
-    bool paused_ = true;
     uint64_t last_read_ms_ = 0, stop_by_ms_ = 0, ticks_ = 0;
     cl_timer_t look_timer_ = 0, tick_timer_ = 0;
 };

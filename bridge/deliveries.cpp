@@ -3,8 +3,6 @@
 #include "common/datagram.h"
 #include "tavipc/tav_ipc_stats.h"
 
-#pragma weak tav_ipc_get_stats
-
 namespace tavbridge {
 namespace {
 
@@ -21,7 +19,6 @@ struct Fate {
 // What the library has of a destination's datagrams, and how many it has dropped.
 Fate fate_of(tav_ipc_st *endpoint, const std::string &name) {
     tav_ipc_stats_st stats;
-    if (!tav_ipc_get_stats) return {};
     if (tav_ipc_get_stats(endpoint, name.c_str(), &stats, sizeof stats) != 0) return {};
     const auto &v = stats.values;
     return {v[TAV_IPC_STATS_QUEUED] + v[TAV_IPC_STATS_IN_FLIGHT] > 0,

@@ -16,11 +16,10 @@ void Outbox::send(Entry &entry, uint64_t id, uint64_t now_ms) {
     engine_.publish_durable(entry.subject, entry.id_header, id, entry.datagram);
 }
 
-void Outbox::add(std::string subject, std::string id_header, const void *datagram, uint32_t size,
+void Outbox::add(uint64_t ticket, std::string subject, std::string id_header, std::string_view datagram,
                  uint64_t now_ms) {
-    Entry entry{std::move(subject), std::move(id_header), {static_cast<const char *>(datagram), size}};
-    entries_.push_back(std::move(entry));
-    bytes_ += size + kOverhead;
+    entries_.push_back({std::move(subject), std::move(id_header), std::string(datagram), ticket, 0});
+    bytes_ += datagram.size() + kOverhead;
     ++waiting_;
     counters_.add(kSentDurable);
     send(entries_.back(), first_ + entries_.size() - 1, now_ms);
@@ -38,25 +37,16 @@ void Outbox::answered(uint64_t id, bool stored, bool before) {
     if (before) counters_.add(kDuplicates);
     bytes_ -= entry.datagram.size() + kOverhead;
     --waiting_;
+    const uint64_t ticket = entry.ticket;
     entry = {};
     for (; !entries_.empty() && entries_.front().due_ms == 0; ++first_) entries_.pop_front();
+    stored_(ticket);
 }
 
-void Outbox::resend(uint64_t now_ms) {
+void Outbox::resend(uint64_t now_ms, bool all) {
     uint64_t id = first_;
     for (Entry &entry : entries_) {
-        if (entry.due_ms != 0) {
-            counters_.add(kRepeated);
-            send(entry, id, now_ms);
-        }
-        ++id;
-    }
-}
-
-void Outbox::resend_late(uint64_t now_ms) {
-    uint64_t id = first_;
-    for (Entry &entry : entries_) {
-        if (entry.due_ms != 0 && entry.due_ms <= now_ms) {
+        if (entry.due_ms != 0 && (all || entry.due_ms <= now_ms)) {
             counters_.add(kRepeated);
             send(entry, id, now_ms);
         }

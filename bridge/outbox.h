@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <string>
 
 #include "counters.h"
@@ -16,17 +17,16 @@ class Engine;
 
 class Outbox {
   public:
-    Outbox(Engine &engine, Counters &counters, uint64_t most_bytes)
-        : engine_(engine), counters_(counters), most_bytes_(most_bytes) {}
+    // stored(ticket) runs when the engine has the datagram with this ticket.
+    Outbox(Engine &engine, Counters &counters, uint64_t most_bytes, std::function<void(uint64_t)> stored)
+        : engine_(engine), counters_(counters), most_bytes_(most_bytes), stored_(std::move(stored)) {}
 
-    void add(std::string subject, std::string id_header, const void *datagram, uint32_t size,
+    void add(uint64_t ticket, std::string subject, std::string id_header, std::string_view datagram,
              uint64_t now_ms);
     // The engine's answer: stored, or not, which is tried again.
     void answered(uint64_t id, bool stored, bool before);
-    // Gives the engine everything that it has not confirmed.
-    void resend(uint64_t now_ms);
-    // Gives it again what it refused or did not answer in time.
-    void resend_late(uint64_t now_ms);
+    // Gives the engine again what it refused or did not answer in time; all that it has not confirmed.
+    void resend(uint64_t now_ms, bool all);
 
     bool full() const { return bytes_ >= most_bytes_; }
     bool roomy() const { return bytes_ <= most_bytes_ / 2; }
@@ -36,6 +36,7 @@ class Outbox {
   private:
     struct Entry {
         std::string subject, id_header, datagram;
+        uint64_t ticket = 0;
         uint64_t due_ms = 0; // when it is given again; 0: confirmed
     };
     void send(Entry &entry, uint64_t id, uint64_t now_ms);
@@ -43,6 +44,7 @@ class Outbox {
     Engine &engine_;
     Counters &counters_;
     const uint64_t most_bytes_;
+    const std::function<void(uint64_t)> stored_;
     std::deque<Entry> entries_;
     uint64_t first_ = 1; // id of the first entry
     uint64_t bytes_ = 0, waiting_ = 0;

@@ -16,7 +16,6 @@ class Dunix : public std::enable_shared_from_this<Dunix> {
 
     void set_id(cl_dunix_t id) noexcept { id_ = id; }
     bool start_receiving(cl_dunix_recv_cb callback, void *context) noexcept;
-    void pause_receiving() noexcept { receiver_.pause(); }
     // False when memory is short; the callback is then never called.
     bool send(const cl_sockaddr_t &address, const void *data, uint32_t len, cl_dunix_send_cb callback,
               void *context) noexcept;

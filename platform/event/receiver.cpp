@@ -29,19 +29,10 @@ bool Receiver::start(int fd, cl_dunix_t socket, cl_dunix_recv_cb callback, void 
         fd_ = fd;
         socket_ = socket;
         loop_.hold();
-    } else if (paused_ && !watch_.start_reading()) {
-        return false;
     }
-    paused_ = false;
     callback_ = callback;
     context_ = context;
     return true;
-}
-
-void Receiver::pause() noexcept {
-    if (!callback_) return;
-    watch_.stop();
-    paused_ = true;
 }
 
 void Receiver::close() noexcept {
@@ -57,7 +48,7 @@ void Receiver::drain() noexcept {
     unsigned fetched = 0;
     for (unsigned left = most; callback_ && left > 0; --left) {
         if (!fetched_ || fetched_->empty()) {
-            if (paused_ || fetched == 1 || (!own.batch && !(own.batch = batches_.take()))) break;
+            if (fetched == 1 || (!own.batch && !(own.batch = batches_.take()))) break;
             const unsigned count = fetch(*own.batch, left);
             if (count == 0) break;
             fetched += count;

@@ -28,8 +28,6 @@ class Receiver {
     // Starts, or replaces the callback. ready(owner) must call drain(). Returns false on failure.
     bool start(int fd, cl_dunix_t socket, cl_dunix_recv_cb callback, void *context, FdWatch::Handler ready,
                void *owner) noexcept;
-    // Fetches nothing more until start(). What was fetched already is still delivered.
-    void pause() noexcept;
     // The caller keeps this object alive until drain() has returned.
     void drain() noexcept;
     void close() noexcept;
@@ -46,7 +44,6 @@ class Receiver {
     cl_dunix_recv_cb callback_ = nullptr; // null: not started, or closed
     void *context_ = nullptr;
     RecvBatch *fetched_ = nullptr;
-    bool paused_ = false;
     unsigned singles_ = 0; // drains in a row that found no more than one datagram
 };
 

@@ -45,14 +45,6 @@ int cl_event_loop_post(cl_loop_t loop, void (*function)(void *), void *argument)
     return mailbox && mailbox->post(function, argument) ? 0 : -1;
 }
 
-int cl_dunix_recv_stop(cl_dunix_t socket) noexcept {
-    ThreadEvents *events = ThreadEvents::existing();
-    tavcl_ev::Dunix *found = events ? events->find_socket(socket) : nullptr;
-    if (!found) return -1;
-    found->pause_receiving();
-    return 0;
-}
-
 cl_io_t cl_io_start(int fd, int events, cl_io_cb callback, void *argument) noexcept try {
     errno = ENOMEM;
     ThreadEvents *thread = ThreadEvents::get();

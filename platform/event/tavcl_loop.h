@@ -57,13 +57,6 @@ CL_EV_API int cl_event_loop_wake(cl_loop_t loop) CL_EV_NOEXCEPT;
 CL_EV_API int cl_event_loop_post(cl_loop_t loop, void (*function)(void *argument),
                                  void *argument) CL_EV_NOEXCEPT;
 
-/* --- back-pressure ------------------------------------------------------------------------------- */
-
-/* Stops reading from the socket until the next cl_dunix_recv_start: senders then find it full, and wait. At most
- * 63 datagrams that were read already still reach the callback in this turn of the loop. The socket keeps
- * cl_event_loop_run running. Returns 0, also when it does not receive; -1 when the handle is stale or 0. */
-CL_EV_API int cl_dunix_recv_stop(cl_dunix_t socket) CL_EV_NOEXCEPT;
-
 /* --- watches for descriptors --------------------------------------------------------------------- */
 
 enum cl_io_events {
