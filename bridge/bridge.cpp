@@ -15,8 +15,10 @@ namespace tavbridge {
 namespace {
 
 constexpr int kHubLocation = 4, kHubPipes = 8; // its modules write to _prx0 to _prx7
-constexpr size_t kMostUnsent = 8 << 20; // bytes in nats.c for the socket, then the bridge reads nothing more
-constexpr size_t kMostHeard = 4096;     // endpoints of other locations
+// Bytes in nats.c for the socket, then the bridge reads nothing more: after each part that the socket takes,
+// nats.c moves the rest to the front.
+constexpr size_t kMostUnsent = 512 << 10;
+constexpr size_t kMostHeard = 4096; // endpoints of other locations
 constexpr uint64_t kTick_ms = 500;
 constexpr uint64_t kLook_ms = 1;         // while something is held: the library has no call for "it left"
 constexpr uint64_t kKeepAliveTicks = 20; // 10 s: a third of the time after which the engine delivers again
