@@ -79,32 +79,4 @@ int check(const Settings &settings, const Problems &problems, const Place &home)
     return check_consumer(made, all, consumer_name(home, any, true)) && good ? 0 : 1;
 }
 
-void print_permissions(const Settings &settings, const Place &home) {
-    const std::string tav = "tav." + settings.domain + '.', location = std::to_string(home.location);
-    const std::string host = std::to_string(home.hostid), here = tav + location + '.';
-    const Class any = settings.any_to_all ? Class::kAll : Class::kDurable;
-    std::vector<std::string> publish = {tav + "*.*.*.*." + location + '.' + host};
-    for (const Resource &resource : resources(settings, home)) {
-        if (!resource.look_subject.empty()) publish.push_back(resource.look_subject);
-        publish.push_back(resource.make_subject);
-    }
-    for (const bool to_any : {false, true}) {
-        const Class kind = to_any ? any : Class::kDurable;
-        const std::string name = stream_name(settings, kind) + '.' + consumer_name(home, kind, to_any);
-        publish.push_back("$JS.API.CONSUMER.INFO." + name);
-        publish.push_back("$JS.ACK." + name + ".>");
-    }
-    const std::vector<std::string> subscribe = {here + host + ".*.c.*.*", here + "any.*.c.*.*",
-                                                "_INBOX." + here + host + ".>", "_INBOX." + here + "any.d"};
-    const auto print = [](const char *what, const std::vector<std::string> &subjects) {
-        std::printf("  %s: { allow: [\n", what);
-        for (const std::string &subject : subjects) std::printf("    \"%s\"\n", subject.c_str());
-        std::printf("  ] }\n");
-    };
-    std::printf("permissions: {\n");
-    print("publish", publish);
-    print("subscribe", subscribe);
-    std::printf("}\n");
-}
-
 } // namespace tavbridge

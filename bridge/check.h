@@ -1,4 +1,4 @@
-// What "tav-bridge --check" and "--permissions" print.
+// What "tav-bridge --check" prints.
 #pragma once
 
 #include "settings.h"
@@ -8,7 +8,5 @@ namespace tavbridge {
 // Prints what is wrong with the settings; then, whether the engine can be reached with them, and the state of
 // the streams and consumers. Returns the exit status: 0 when everything is right.
 int check(const Settings &settings, const Problems &problems, const Place &home);
-// Prints the permissions that the engine's configuration has to give to this bridge.
-void print_permissions(const Settings &settings, const Place &home);
 
 } // namespace tavbridge

@@ -22,11 +22,10 @@ constexpr const char *kSettingsFile = "@/../config/tav-bridge.ini";
 
 void usage(FILE *out) {
     std::fputs(
-        "usage: tav-bridge [-c FILE] [--check | --permissions]\n"
+        "usage: tav-bridge [-c FILE] [--check]\n"
         "  -c, --config FILE  the settings; default: config/tav-bridge.ini beside the directory of the "
         "executable\n"
         "  --check            tests every setting, the engine, the streams and the consumers, and ends\n"
-        "  --permissions      prints what the engine's configuration has to permit to this bridge, and ends\n"
         "  --version, --help\n",
         out);
 }
@@ -59,10 +58,9 @@ int serve(const Settings &settings, const Problems &problems) {
 }
 
 int run(int argc, char **argv) {
-    enum { kCheck = 256, kPermissions, kVersion, kHelp };
+    enum { kCheck = 256, kVersion, kHelp };
     static constexpr option options[] = {{"config", required_argument, nullptr, 'c'},
                                          {"check", no_argument, nullptr, kCheck},
-                                         {"permissions", no_argument, nullptr, kPermissions},
                                          {"version", no_argument, nullptr, kVersion},
                                          {"help", no_argument, nullptr, kHelp},
                                          {nullptr, 0, nullptr, 0}};
@@ -82,10 +80,7 @@ int run(int argc, char **argv) {
     const Settings settings = load_settings(path.empty() ? default_path() : path, problems);
     if (what == 0) return serve(settings, problems);
     const Place home{static_cast<uint8_t>(tav_get_location()), tav_get_hostid()};
-    if (what == kCheck) return check(settings, problems, home);
-    if (!problems.empty()) return fail(problems.front());
-    print_permissions(settings, home);
-    return EXIT_SUCCESS;
+    return check(settings, problems, home);
 }
 
 } // namespace

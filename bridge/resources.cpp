@@ -7,7 +7,8 @@ namespace {
 constexpr int64_t kConnect_ms = 2000; // for one attempt; the loop may wait this long for nats.c's lock
 constexpr int64_t kPing_ms = 5000;    // a server that does not answer two of these is gone
 constexpr int kPings = 2;
-constexpr int kReadAtOnce = 256 << 10; // bytes: a bridge that reads slowly lets the engine hold up all senders
+constexpr int kReadAtOnce =
+    256 << 10; // bytes: a bridge that reads slowly lets the engine hold up all senders
 constexpr uint64_t kAcknowledge_s = 30; // then the engine delivers again; deliveries.h says "+WPI" before
 
 std::string quoted(const std::string &text) { return '"' + text + '"'; } // tokens and numbers need no more
