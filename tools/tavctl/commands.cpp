@@ -26,7 +26,8 @@ constexpr Command kCommands[] = {
      "--deploy-type TYPE  Look below /var/TYPE too (may be repeated)\n"
      "--clean  Remove stale files, never a live one\n"
      "--pool  Show each sending socket instead of their number\n"
-     "--names  Print only the names of live endpoints\n",
+     "--names  Print only the names of live endpoints\n"
+     "--all  Also endpoints of other locations that the bridge has heard\n",
      list},
     {"probe", "Ask whether an endpoint receives, and measure the round-trip time",
      DESTINATION "-c, --count N=4  Number of probes; 0: until interrupted\n"

@@ -55,4 +55,7 @@ enum class Removal { kRemoved, kGone, kInUse, kFailed };
 // takes to replace it. kFailed sets errno.
 Removal remove_stale(const std::string &directory, const SocketFile &file);
 
+// Shows the endpoints of other locations that the bridge has heard (heard.cpp). Returns the exit status.
+int tell_heard(Console &out);
+
 } // namespace tavctl
