@@ -12,6 +12,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <ctime>
+#include <utility>
 
 #include "ipc/destination.h"
 #include "ipc/endpoint.h"
@@ -80,6 +82,8 @@ void account_gauge(const tav_ipc_st *ipc, Counter gauge, uint64_t value);
 void account_exchange_waits(const tav_ipc_st *ipc);
 void account_exchange_over(const tav_ipc_st *ipc, Counter how);
 
+void account_handler_time(const tav_ipc_st *ipc, const timespec &begin, const timespec &end);
+
 // Counts a call of an application's callback and measures it.
 class HandlerCall {
   public:
@@ -90,22 +94,89 @@ class HandlerCall {
 
   private:
     tav_ipc_st *ipc_; // the caller pins it
-    uint64_t begin_ms_;
+    timespec begin_{};
 };
 
 // --- what of it runs for each datagram
 
-inline void add_to(const Account &account, Counter counter, uint64_t amount) {
-    const std::atomic_ref value(account.values()[counter]);
+inline void add_to(uint64_t *values, Counter counter, uint64_t amount) {
+    const std::atomic_ref value(values[counter]);
     value.store(value.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
 }
-inline void set_to(const Account &account, Counter counter, uint64_t amount) {
-    std::atomic_ref(account.values()[counter]).store(amount, std::memory_order_relaxed);
+inline void set_to(uint64_t *values, Counter counter, uint64_t amount) {
+    std::atomic_ref(values[counter]).store(amount, std::memory_order_relaxed);
 }
-inline uint64_t count_of(const Account &account, Counter counter) {
-    return std::atomic_ref(account.values()[counter]).load(std::memory_order_relaxed);
+inline uint64_t count_of(uint64_t *values, Counter counter) {
+    return std::atomic_ref(values[counter]).load(std::memory_order_relaxed);
 }
 
 inline bool is_counted(const ipc_queue_msg_st &msg) { return msg.flags & kCountedRecord; }
+
+// Where the endpoint's and the destination's values of a counted record are: they count the same.
+struct BothValues {
+    uint64_t *ipc, *to;
+
+    explicit BothValues(const ipc_queue_msg_st &msg)
+        : ipc(msg.ipc->account.values), to(destination_of(*msg.mod).account.values) {}
+    // Adds to a count of datagrams, and their bytes to the value behind it.
+    void add(Counter datagrams, uint64_t count, uint64_t bytes) const {
+        for (uint64_t *values : {ipc, to}) {
+            add_to(values, datagrams, count);
+            add_to(values, static_cast<Counter>(datagrams + 1), bytes);
+        }
+    }
+    void add(Counter counter, uint64_t count) const {
+        add_to(ipc, counter, count);
+        add_to(to, counter, count);
+    }
+};
+
+inline void account_in_flight(const ipc_queue_msg_st &msg) {
+    if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_IN_FLIGHT, 1, msg.size);
+}
+inline void account_landed(const ipc_queue_msg_st &msg) {
+    if (is_counted(msg)) BothValues(msg).add(TAV_IPC_STATS_IN_FLIGHT, UINT64_MAX, -uint64_t{msg.size});
+}
+
+static_assert(TAV_IPC_STATS_ACCEPTED_BYTES == TAV_IPC_STATS_ACCEPTED + 1);
+static_assert(TAV_IPC_STATS_LEFT_BYTES == TAV_IPC_STATS_LEFT + 1);
+static_assert(TAV_IPC_STATS_QUEUED_BYTES == TAV_IPC_STATS_QUEUED + 1);
+static_assert(TAV_IPC_STATS_IN_FLIGHT_BYTES == TAV_IPC_STATS_IN_FLIGHT + 1);
+
+inline void begin_waiting(Account &account, uint64_t now_ms) {
+    if (account.outstanding++ == 0) set_to(account.values, TAV_IPC_STATS_WAITING_SINCE_MS, now_ms);
+}
+
+inline FragmentBlock *block_of(const ipc_queue_msg_st &msg) {
+    return msg.data_free ? FragmentBlock::of(msg) : nullptr;
+}
+
+inline void begin_message(const BothValues &both, tav_ipc_st *ipc) {
+    both.add(TAV_IPC_STATS_MESSAGES, 1);
+    ++ipc->messages.pending;
+}
+
+inline void account_accepted(const ipc_queue_msg_st &msg, uint64_t now_ms) {
+    const BothValues both(msg);
+    both.add(TAV_IPC_STATS_ACCEPTED, 1, msg.size);
+    begin_waiting(msg.ipc->account, now_ms);
+    begin_waiting(destination_of(*msg.mod).account, now_ms);
+    FragmentBlock *block = block_of(msg);
+    if (!block) return begin_message(both, msg.ipc);
+    both.add(TAV_IPC_STATS_FRAGMENTS, 1);
+    ++block->fate.outstanding;
+    if (!std::exchange(block->fate.begun, true)) begin_message(both, msg.ipc);
+}
+
+inline HandlerCall::HandlerCall(tav_ipc_st *ipc) : ipc_(ipc) {
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &begin_);
+    add_to(ipc->account.values, TAV_IPC_STATS_HANDLER_CALLS, 1);
+}
+inline HandlerCall::~HandlerCall() {
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &end);
+    const bool same_tick = end.tv_nsec == begin_.tv_nsec && end.tv_sec == begin_.tv_sec;
+    if (!same_tick) account_handler_time(ipc_, begin_, end);
+}
 
 } // namespace tavipc

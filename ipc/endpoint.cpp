@@ -1,7 +1,5 @@
 #include "ipc/endpoint.h"
 
-#include <atomic>
-
 #include "common/log.h"
 #include "common/relaxed.h"
 #include "ipc/wire.h"
@@ -14,9 +12,6 @@ namespace {
 constexpr uint64_t kDestinationSweep_ms = 3'600'000; // an hour, as destinations may be idle that long
 
 constinit Relaxed<uint32_t> host_id = 0; // cached; 0: not known
-
-// The first thread inside writes it while a second one may read it: the guard exists to report that.
-std::atomic_ref<pthread_t> owner(tav_ipc_st *ipc) { return std::atomic_ref(ipc->owner_thread); }
 
 void destination_sweep_tick(void *argument) {
     auto *ipc = static_cast<tav_ipc_st *>(argument);
@@ -34,28 +29,14 @@ void arm_destination_sweep(tav_ipc_st *ipc) {
 
 void reset_host_id() { host_id = 0; }
 
-UseGuard::UseGuard(tav_ipc_st *ipc, const char *label) : pin_(ipc), ipc_(ipc) {
-    if (!ipc_) return;
-    const int users = atomic_add_and_fetch(&ipc_->use_count, 1);
-    const pthread_t self = pthread_self();
-    if (users == 1) {
-        owner(ipc_).store(self, std::memory_order_relaxed);
-        return;
-    }
+void UseGuard::report_other_thread(int users, pthread_t self, const char *label) const {
     const pthread_t conflicting = owner(ipc_).load(std::memory_order_relaxed);
-    if (users > 1 && conflicting != self) {
-        TAV_LOG(
-            1, "tav_ipc",
+    if (conflicting == self) return;
+    TAV_LOG(1, "tav_ipc",
             "[ipc_thread_safe: %s]concurrent access ipc handler: %ld, ipc_name: %.10s, curr_thread_id: %ld, "
             "conflict_thread_id: %ld",
             label, static_cast<long>(users), ipc_->my_addr.name, static_cast<long>(self),
             static_cast<long>(conflicting));
-    }
-}
-
-UseGuard::~UseGuard() {
-    if (!ipc_ || atomic_add_and_fetch(&ipc_->use_count, -1) != 0) return;
-    owner(ipc_).store(0, std::memory_order_relaxed);
 }
 
 } // namespace tavipc

@@ -9,6 +9,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cassert>
 #include <cstdint>
 #include <cstdlib>
@@ -86,12 +87,27 @@ class EndpointPin {
 // thread is normal. The log line may destroy the endpoint.
 class UseGuard {
   public:
-    UseGuard(tav_ipc_st *ipc, const char *label);
-    ~UseGuard();
+    UseGuard(tav_ipc_st *ipc, const char *label) : pin_(ipc), ipc_(ipc) {
+        if (!ipc_) return;
+        const int users = atomic_add_and_fetch(&ipc_->use_count, 1);
+        const pthread_t self = pthread_self();
+        if (users == 1)
+            owner(ipc_).store(self, std::memory_order_relaxed);
+        else if (users > 1)
+            report_other_thread(users, self, label);
+    }
+    ~UseGuard() {
+        if (!ipc_ || atomic_add_and_fetch(&ipc_->use_count, -1) != 0) return;
+        owner(ipc_).store(0, std::memory_order_relaxed);
+    }
     UseGuard(const UseGuard &) = delete;
     UseGuard &operator=(const UseGuard &) = delete;
 
   private:
+    // The first thread inside writes it while a second one may read it: the guard exists to report that.
+    static std::atomic_ref<pthread_t> owner(tav_ipc_st *ipc) { return std::atomic_ref(ipc->owner_thread); }
+    void report_other_thread(int users, pthread_t self, const char *label) const;
+
     const EndpointPin pin_; // first: it outlasts the count
     tav_ipc_st *ipc_;
 };

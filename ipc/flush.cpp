@@ -50,7 +50,7 @@ int tav_ipc_flush(tav_ipc_st *ipc, int timeout_ms, tav_ipc_flush_st *result) noe
 int tav_ipc_pending(tav_ipc_st *ipc, uint64_t *messages, uint64_t *bytes) noexcept {
     if (!ipc) return errno = EINVAL, -1;
     if (messages) *messages = ipc->messages.pending;
-    const auto count = [ipc](Counter counter) { return count_of(ipc->account, counter); };
+    const auto count = [ipc](Counter counter) { return count_of(ipc->account.values, counter); };
     if (bytes)
         *bytes = ipc->closed ? 0
                              : count(TAV_IPC_STATS_ACCEPTED_BYTES) - count(TAV_IPC_STATS_LEFT_BYTES) -

@@ -52,6 +52,7 @@ int open_queue(tav_ipc_st *ipc) {
 }
 
 void close_queue(tav_ipc_st *ipc) {
+    settle_sent(0);         // what has left counts as that
     abandon_in_flight(ipc); // closing the sockets completes these sends
     assert(nothing_in_flight(*ipc->queue));
     MallocPtr<ipc_queue_st> queue(std::exchange(ipc->queue, nullptr));

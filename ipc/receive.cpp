@@ -21,12 +21,13 @@ namespace {
 constexpr uint32_t kMaxRestored = 256u << 20; // bytes
 constexpr uint32_t kEnvelopeHeader = 4;       // bytes: the length of what is inside
 
-// A message under dispatch. Its payload lies in the datagram, or in one of the buffers that it owns.
+// A message under dispatch. Its payload lies in the datagram, or in one of the buffers that it owns. Most
+// messages are one datagram: for them nothing of it is cleared or released.
 struct Incoming {
     tav_ipc_hdr_st header;
     const unsigned char *payload;
-    ReassemblyBuffer rebuilt;          // from fragments
-    MallocPtr<unsigned char> restored; // from a compressed message
+    std::optional<ReassemblyBuffer> rebuilt; // from fragments
+    MallocPtr<unsigned char> restored;       // from a compressed message
 };
 
 // Counts the datagram. Returns whether its header is sound.
@@ -123,7 +124,7 @@ bool reassemble(tav_ipc_st *ipc, Incoming &in) {
     if (!message) return false;
     in.header = message->header;
     in.rebuilt = std::move(message->payload);
-    in.payload = in.rebuilt.data();
+    in.payload = in.rebuilt->data();
     return true;
 }
 
@@ -133,12 +134,12 @@ void ipc_on_recv(cl_dunix_t, const void *data, uint32_t len, const cl_sockaddr_t
                  void *context) {
     auto *ipc = static_cast<tav_ipc_st *>(context);
     if (!ipc) return;
-    Incoming in{}; // outlives the guard: its memory is freed last
+    Incoming in; // outlives the guard: its memory is freed last
     UseGuard guard(ipc, "ipc_on_recv");
     if (!validate(ipc, data, len, status, in)) return;
     if (is_fragment(in.header) && !reassemble(ipc, in)) return;
     restore_and_dispatch(ipc, in);
-    if (in.rebuilt) give_back(ipc, std::move(in.rebuilt));
+    if (in.rebuilt) give_back(ipc, *std::move(in.rebuilt));
 }
 
 } // namespace tavipc

@@ -218,6 +218,11 @@ bool need_file(const char *path) {
 
 // --- records
 
+tav_ipc_stats_record_st *record_of(const Account &account) {
+    return reinterpret_cast<tav_ipc_stats_record_st *>(reinterpret_cast<unsigned char *>(account.values) -
+                                                       offsetof(tav_ipc_stats_record_st, values));
+}
+
 void fill(tav_ipc_stats_record_st &record, const AccountLabel &label, uint32_t owner) {
     ++record.generation;
     record.owner = owner;
@@ -255,25 +260,26 @@ tav_ipc_stats_record_st *take_record_in_file(const AccountLabel &label, const ch
 
 } // namespace
 
-constinit uint64_t lost_counts[TAV_IPC_STATS_MAX] = {};
-
 bool open_account(Account &account, const AccountLabel &label, const char *path) {
-    account = {take_record_in_file(label, path), 0, false};
-    if (account.record) return true;
-    account.record = static_cast<tav_ipc_stats_record_st *>(std::calloc(1, sizeof *account.record));
-    account.own_memory = true;
-    return account.record;
+    auto *record = take_record_in_file(label, path);
+    const bool own_memory = !record;
+    if (!record) record = static_cast<tav_ipc_stats_record_st *>(std::calloc(1, kRecordBytes));
+    if (!record) return false;
+    account = {record->values, 0, true, own_memory};
+    return true;
 }
 
 void close_account(Account &account) {
-    tav_ipc_stats_record_st *record = account.record;
+    static constinit uint64_t lost_counts[TAV_IPC_STATS_MAX];
+    if (!account.is_open) return;
+    tav_ipc_stats_record_st *record = record_of(account);
     const bool own_memory = account.own_memory;
-    account = {};
+    account = {lost_counts, 0, false, false}; // frames that still have a datagram in hand count there
     if (own_memory) return std::free(record);
     const KeepErrno keep;
     const std::lock_guard lock(g_mutex);
     const uint32_t number = g_file.number_of(record);
-    if (number == UINT32_MAX) return; // not open, or a copy of the record of this process's parent
+    if (number == UINT32_MAX) return; // a copy of the record of this process's parent
     std::atomic_ref(record->kind).store(TAV_IPC_STATS_FREE, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
     ++record->generation;
@@ -283,7 +289,7 @@ void close_account(Account &account) {
 
 uint32_t account_number(const Account &account) {
     const std::lock_guard lock(g_mutex);
-    return g_file.number_of(account.record);
+    return account.is_open ? g_file.number_of(record_of(account)) : UINT32_MAX;
 }
 
 bool remove_stale_stats(const char *path) {

@@ -1,9 +1,9 @@
 // The file of counters: the records of this process's endpoints and destinations, mapped, for other programs.
 //
 // The first endpoint of a process makes the file in its socket directory. The last one removes it, or exit
-// does. The owner holds a lock (flock) on it, which the kernel releases with the process: a file whose lock is
-// free is stale. A record that finds no place in the file, or whose file cannot be made, is in memory of this
-// process alone; whoever counts sees no difference. tav_ipc_stats.h describes the layout.
+// does. The owner holds a lock (flock) on it, which the kernel releases with the process: a file whose lock
+// is free is stale. A record that finds no place in the file, or whose file cannot be made, is in memory of
+// this process alone; whoever counts sees no difference. tav_ipc_stats.h describes the layout.
 //
 // All endpoints of the process share the file, so taking and freeing a record locks a mutex. Counting does
 // not: one thread writes a record's values. Space for a record is allocated before the record is used, so a
@@ -17,15 +17,12 @@
 
 namespace tavipc {
 
-// The counters of an endpoint or of a destination. Zeroed memory is an account that is not open: what is
-// counted there is lost.
+// The counters of an endpoint or of a destination. Zeroed memory is an account that was never open.
 struct Account {
-    tav_ipc_stats_record_st *record; // null: not open
-    uint32_t outstanding;            // datagrams accepted that have neither left nor been dropped
-    bool own_memory;                 // the record is not in the file
-
-    // Where to count.
-    uint64_t *values() const;
+    uint64_t *values;     // where to count, once it has been open; when it is closed, what nobody reads
+    uint32_t outstanding; // datagrams accepted that have neither left nor been dropped
+    bool is_open;
+    bool own_memory; // the record is not in the file
 };
 
 // What a new record says about its owner.
@@ -49,8 +46,5 @@ bool remove_stale_stats(const char *path);
 
 // For tests: endpoints make no file from now on.
 void keep_stats_in_memory(bool on);
-
-extern uint64_t lost_counts[TAV_IPC_STATS_MAX];
-inline uint64_t *Account::values() const { return record ? record->values : lost_counts; }
 
 } // namespace tavipc

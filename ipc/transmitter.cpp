@@ -283,11 +283,10 @@ int consume_queued(uint64_t, ipc_queue_msg_st *msg) {
     return IPC_ERR_SENDTO;
 }
 
-void settle_sent() {
-    constexpr size_t kHeldBytes = size_t{256} * 1024; // about four large datagrams, so they stay in the cache
+void settle_sent(size_t held_bytes) {
     // Lines of completions that ran inside a log sink would pass the sink by.
     if (error_output_in_sink && error_output_in_sink()) return;
-    if (cl_dunix_settle) cl_dunix_settle(kHeldBytes, ipc_msg_send_done);
+    if (cl_dunix_settle) cl_dunix_settle(held_bytes, ipc_msg_send_done);
 }
 
 void abandon_in_flight(tav_ipc_st *ipc) {

@@ -8,6 +8,7 @@
 // an orphan only releases the record.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "ipc/destination.h"
@@ -45,12 +46,15 @@ struct Route {
 // The queue's consume callback: sends a record that is due.
 int consume_queued(uint64_t now_ms, ipc_queue_msg_st *msg);
 
-// Settles this thread's finished sends when they hold more than 256 KiB, so a sender that does not let the
-// loop run fills memory that is still in the cache. Settling writes log lines, and the sink of a log line may
-// send, settle other sends, and destroy any endpoint. It may also release every destination that is idle. So
-// a frame that holds an endpoint or a destination across this call, or across any log line, pins it
+// Of finished sends: about four large datagrams, so they stay in the cache.
+inline constexpr size_t kHeldBytes = size_t{256} * 1024;
+
+// Settles this thread's finished sends when they hold at least that many bytes, so a sender that does not let
+// the loop run fills memory that is still in the cache. Settling writes log lines, and the sink of a log line
+// may send, settle other sends, and destroy any endpoint. It may also release every destination that is idle.
+// So a frame that holds an endpoint or a destination across this call, or across any log line, pins it
 // (EndpointPin, DestinationPin), and looks at the endpoint's queue before it goes on.
-void settle_sent();
+void settle_sent(size_t held_bytes = kHeldBytes);
 
 // Ends all attempts of the endpoint, whose completions then only release their records.
 void abandon_in_flight(tav_ipc_st *ipc);

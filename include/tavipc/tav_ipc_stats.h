@@ -119,7 +119,7 @@ TAVIPC_BEGIN_DECLS
 /* Copies the counters of the endpoint (destination null), or those of one of its destinations by name.
  * size is sizeof(tav_ipc_stats_st) of the caller, at least 8: that many bytes are set; values that the library
  * does not know are 0. Returns 0; -1 with errno EINVAL (ipc or stats is null, size is no multiple of 8 or 0)
- * or ENOENT (the endpoint has no such destination, or no longer). */
+ * or ENOENT (the endpoint has no such destination, or no longer, or is destroyed). */
 TAVIPC_API int tav_ipc_get_stats(tav_ipc_st *ipc, const char *destination, tav_ipc_stats_st *stats,
                                  uint32_t size) TAVIPC_NOEXCEPT;
 

@@ -9,6 +9,7 @@
 #include "ipc/ipc_process.h"
 #include "ipc/send.h"
 #include "ipc/wire.h"
+#include "stats_reader.h"
 
 template <typename T> std::string bytes_of(const T &value) {
     return {reinterpret_cast<const char *>(&value), sizeof value};
@@ -130,6 +131,20 @@ class EndpointWorld : public FakeWorld {
     Datagram sent(size_t index) const {
         const fake::Send &send = w.event.sends.at(index);
         return {send.path, tavipc::read_header(send.bytes.data()), send.bytes.substr(tavipc::kHeaderSize)};
+    }
+    static tav_ipc_stats_st stats(tav_ipc_st *ipc, const char *destination = nullptr) {
+        tav_ipc_stats_st result{};
+        EXPECT_EQ(tav_ipc_get_stats(ipc, destination, &result, sizeof result), 0);
+        return result;
+    }
+    static void expect_balanced(tav_ipc_st *ipc, const char *destination = "beta") {
+        const tav_ipc_stats_st all = stats(ipc);
+        tav_ipc_stats_st part{};
+        (void)tav_ipc_get_stats(ipc, destination, &part, sizeof part); // zeros if there is none
+        EXPECT_EQ(imbalance(all.values), 0);
+        EXPECT_EQ(imbalance(part.values), 0);
+        const auto &messages = ipc->messages;
+        EXPECT_EQ(all.values[TAV_IPC_STATS_MESSAGES], messages.pending + messages.left + messages.dropped);
     }
     mod_info_st *module(tav_ipc_st *ipc, const char *name = "beta") {
         return ipc_queue_find_mod(ipc->queue, name);
