@@ -108,12 +108,12 @@ bool Bridge::open_pipes(std::string &reason) {
     for (int i = 0; i < (hub ? kHubPipes : 1); ++i) {
         const std::string path =
             socket_path(tav_get_location(), hub ? "_prx" + std::to_string(i) : "_proxy_");
-        pipes_.push_back(
-            std::make_unique<Pipe>([this, i](uint64_t ticket, std::string_view data, std::string_view from) {
-                if (i == 0) return on_datagram(ticket, data, from);
-                counters_.add(kHubCopies);
-                pipes_[i]->done(ticket);
-            }));
+        const auto take = [this, i](uint64_t ticket, std::string_view data, std::string_view from) {
+            if (i == 0) return on_datagram(ticket, data, from);
+            counters_.add(kHubCopies);
+            pipes_[static_cast<size_t>(i)]->done(ticket);
+        };
+        pipes_.push_back(std::make_unique<Pipe>(take, [this](bool begin) { engine_->batch(begin); }));
         if (!pipes_.back()->open(path)) {
             reason = path + ": " + std::strerror(errno);
             return false;

@@ -1,5 +1,7 @@
 #include "deliveries.h"
 
+#include <charconv>
+
 #include "common/datagram.h"
 #include "tavipc/tav_ipc_stats.h"
 
@@ -35,22 +37,26 @@ std::string later(uint64_t times) {
 } // namespace
 
 Origin parse_origin(std::string_view reply) {
-    std::vector<std::string> tokens(1);
-    for (const char c : reply)
-        if (c == '.')
-            tokens.emplace_back();
-        else
-            tokens.back() += c;
+    std::vector<std::string_view> tokens;
+    for (size_t begin = 0; begin <= reply.size();) {
+        const size_t dot = std::min(reply.find('.', begin), reply.size());
+        tokens.push_back(reply.substr(begin, dot - begin));
+        begin = dot + 1;
+    }
     const size_t stream = tokens.size() == 9 ? 2 : 4;
     if (tokens.size() != 9 && tokens.size() < 11) return {};
-    return {tokens[stream] + '.' + tokens[stream + 3],
-            std::strtoull(tokens[stream + 2].c_str(), nullptr, 10)};
+    Origin origin;
+    const std::string_view sequence = tokens[stream + 3], times = tokens[stream + 2];
+    std::from_chars(sequence.data(), sequence.data() + sequence.size(), origin.key);
+    std::from_chars(times.data(), times.data() + times.size(), origin.times);
+    // A bridge has two streams at most.
+    if (origin.key) origin.key = origin.key << 1 | tokens[stream].ends_with("_ALL");
+    return origin;
 }
 
-void Recent::add(const std::string &key) {
-    const auto [at, added] = keys_.insert(key);
-    if (!added) return;
-    order_.push_back(at);
+void Recent::add(uint64_t key) {
+    if (!keys_.insert(key).second) return;
+    order_.push_back(key);
     if (order_.size() <= kRecent) return;
     keys_.erase(order_.front());
     order_.pop_front();
@@ -59,7 +65,7 @@ void Recent::add(const std::string &key) {
 void Deliveries::add(Message message, const std::string &name) {
     const char *reply = natsMsg_GetReply(message.get());
     Item item{std::move(message), parse_origin(reply ? reply : "")};
-    if (item.origin.key.empty()) return; // not from a stream
+    if (item.origin.key == 0) return; // not from a stream
     if (held_.contains(item.origin.key)) return counters_.add(kRedelivered);
     if (recent_.contains(item.origin.key)) {
         counters_.add(kRedelivered);

@@ -12,8 +12,8 @@
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "engine.h"
@@ -24,7 +24,7 @@ namespace tavbridge {
 // "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>", with the domain and
 // a hash of the account before the stream, and a token at the end, in newer servers.
 struct Origin {
-    std::string key; // stream and sequence
+    uint64_t key = 0; // stream and sequence; 0: none
     uint64_t times = 0;
 };
 Origin parse_origin(std::string_view reply);
@@ -32,12 +32,12 @@ Origin parse_origin(std::string_view reply);
 // The newest keys of messages that were delivered: a message whose acknowledgement was lost comes again.
 class Recent {
   public:
-    bool contains(const std::string &key) const { return keys_.contains(key); }
-    void add(const std::string &key);
+    bool contains(uint64_t key) const { return keys_.contains(key); }
+    void add(uint64_t key);
 
   private:
-    std::set<std::string> keys_;
-    std::deque<std::set<std::string>::iterator> order_;
+    std::unordered_set<uint64_t> keys_;
+    std::deque<uint64_t> order_;
 };
 
 class Deliveries {
@@ -72,7 +72,7 @@ class Deliveries {
     tav_ipc_st *const endpoint_;
     const uint64_t attempts_;
     std::map<std::string, Queue> queues_;
-    std::set<std::string> held_; // keys
+    std::unordered_set<uint64_t> held_; // keys
     Recent recent_;
 };
 

@@ -112,8 +112,12 @@ void Engine::run(int action, int value) try {
         watch(0);
         if (fd_ >= 0) close(fd_);
         fd_ = value;
+        writing_ = false;
         watch(CL_IO_READ);
+    } else if (action == kWrite && batching_) {
+        writing_ = value;
     } else if (action == kRead || action == kWrite) {
+        if (action == kWrite) writing_ = value;
         watch(value ? events_ | bit : events_ & ~bit);
     } else if (action == kDetach) {
         watch(0);
@@ -139,13 +143,24 @@ void Engine::watch(int events) {
     if (!events || fd_ < 0) return;
     const auto ready = [](cl_io_t, int now, void *self) {
         auto *engine = static_cast<Engine *>(self);
+        engine->batch(true);
         if (now & CL_IO_READ) {
             natsConnection_ProcessReadEvent(engine->connection_.get());
             engine->drain();
         }
-        if (now & engine->events_ & CL_IO_WRITE) natsConnection_ProcessWriteEvent(engine->connection_.get());
+        engine->batch(false);
     };
     io_ = cl_io_start(fd_, events, ready, this);
+}
+
+void Engine::batch(bool begin) {
+    batching_ = true;
+    if (begin) return;
+    // nats.c says inside the call whether it has written everything.
+    if (writing_ && fd_ >= 0 && connection_) natsConnection_ProcessWriteEvent(connection_.get());
+    batching_ = false;
+    if (writing_ != ((events_ & CL_IO_WRITE) != 0))
+        watch(writing_ ? events_ | CL_IO_WRITE : events_ & ~CL_IO_WRITE);
 }
 
 // --- messages

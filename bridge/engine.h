@@ -73,6 +73,8 @@ class Engine {
     // Bytes that nats.c holds for the socket.
     size_t unsent_bytes() const;
 
+    // Between batch(true) and batch(false) nats.c's socket is not written to; then it is, at once.
+    void batch(bool begin);
     bool publish(const std::string &subject, std::string_view datagram);
     bool publish_durable(const std::string &subject, const std::string &id_header, uint64_t id,
                          std::string_view datagram);
@@ -117,6 +119,7 @@ class Engine {
     bool connected_ = false, ready_ = false, closing_ = false;
     int fd_ = -1; // our own duplicate, so nats.c can close its descriptor at any time
     int events_ = 0;
+    bool batching_ = false, writing_ = false; // writing_: nats.c has bytes for the socket
     cl_io_t io_ = 0;
     std::vector<Resource> resources_;
     size_t resource_ = 0;

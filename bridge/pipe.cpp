@@ -98,6 +98,7 @@ void Pipe::read(bool reading) {
 // What is done is taken out at the end, so the socket's length limits the loop.
 void Pipe::look() try {
     looking_ = true;
+    around_(true);
     while (reading_) {
         seen_.push_back({0, false}); // first: memory may be short
         sockaddr_un from{};
@@ -122,8 +123,10 @@ void Pipe::look() try {
                  path_of(from, message.msg_namelen));
     }
     looking_ = false;
+    around_(false);
     take_done();
 } catch (const std::bad_alloc &) {
+    around_(false);
     looking_ = reading_ = false; // the bridge begins again soon
 }
 

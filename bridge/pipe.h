@@ -26,7 +26,9 @@ class Pipe {
     // Gets each datagram once, with the sender's address. The ticket is for done(), which it may call itself.
     using Handler = std::function<void(uint64_t ticket, std::string_view datagram, std::string_view from)>;
 
-    explicit Pipe(Handler handler) : handler_(std::move(handler)) {}
+    // around(true) runs before it reads, around(false) after.
+    Pipe(Handler handler, std::function<void(bool)> around)
+        : handler_(std::move(handler)), around_(std::move(around)) {}
     ~Pipe();
     Pipe(const Pipe &) = delete;
 
@@ -48,6 +50,7 @@ class Pipe {
     void take_done();
 
     const Handler handler_;
+    const std::function<void(bool)> around_;
     std::string own_path_; // of a socket that it made
     tavipc::UniqueFd socket_, set_;
     cl_io_t io_ = 0;

@@ -248,6 +248,36 @@ void native_take(natsConnection *, natsSubscription *, natsMsg *message, void *a
     ++native_got;
 }
 
+// The round trip of a request between two connections: what the engine itself takes.
+int native_requests(const char *url, size_t count) {
+    natsConnection *in = nullptr, *out = nullptr;
+    natsSubscription *subscription = nullptr;
+    const auto answer = [](natsConnection *nc, natsSubscription *, natsMsg *message, void *) {
+        natsConnection_PublishString(nc, natsMsg_GetReply(message), "pong");
+        natsMsg_Destroy(message);
+    };
+    natsOptions *options = nullptr;
+    natsOptions_Create(&options);
+    natsOptions_SetURL(options, url);
+    natsOptions_SetSendAsap(options, true);
+    natsStatus s = natsConnection_Connect(&in, options);
+    if (s == NATS_OK) s = natsConnection_Connect(&out, options);
+    if (s == NATS_OK) s = natsConnection_Subscribe(&subscription, in, "native.r", answer, nullptr);
+    if (s == NATS_OK) s = natsConnection_Flush(in);
+    std::vector<double> times;
+    while (s == NATS_OK && times.size() < count) {
+        natsMsg *reply = nullptr;
+        const auto begin = Clock::now();
+        s = natsConnection_RequestString(&reply, out, "native.r", "ping", 1000);
+        times.push_back(seconds_since(begin) * 1e6);
+        natsMsg_Destroy(reply);
+    }
+    std::sort(times.begin(), times.end());
+    std::printf("native round trip: median %.0f us, 99 %% %.0f us, %s\n", times[times.size() / 2],
+                times[times.size() * 99 / 100], natsStatus_GetText(s));
+    return s == NATS_OK ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
 int native(const char *url, bool durable, size_t size, uint64_t count) {
     natsConnection *in = nullptr, *out = nullptr;
     natsSubscription *subscription = nullptr;
@@ -304,6 +334,8 @@ int main(int argc, char **argv) {
     if (mode == "ping" && argc == 4) return ping(argv[2], std::stoull(argv[3]));
     if (mode == "echo") return echo();
     if (mode == "hold" && argc > 3) return hold(argv[2], argv + 3);
+    if (mode == "native" && argc == 6 && std::string_view(argv[3]) == "request")
+        return native_requests(argv[2], std::stoull(argv[5]));
     if (mode == "native" && argc == 6)
         return native(argv[2], std::string_view(argv[3]) == "durable", std::stoull(argv[4]),
                       std::stoull(argv[5]));
