@@ -1,7 +1,5 @@
 #include "deliveries.h"
 
-#include <charconv>
-
 #include "common/datagram.h"
 #include "tavipc/tav_ipc_stats.h"
 
@@ -35,24 +33,6 @@ std::string later(uint64_t times) {
 }
 
 } // namespace
-
-Origin parse_origin(std::string_view reply) {
-    std::vector<std::string_view> tokens;
-    for (size_t begin = 0; begin <= reply.size();) {
-        const size_t dot = std::min(reply.find('.', begin), reply.size());
-        tokens.push_back(reply.substr(begin, dot - begin));
-        begin = dot + 1;
-    }
-    const size_t stream = tokens.size() == 9 ? 2 : 4;
-    if (tokens.size() != 9 && tokens.size() < 11) return {};
-    Origin origin;
-    const std::string_view sequence = tokens[stream + 3], times = tokens[stream + 2];
-    std::from_chars(sequence.data(), sequence.data() + sequence.size(), origin.key);
-    std::from_chars(times.data(), times.data() + times.size(), origin.times);
-    // A bridge has two streams at most.
-    if (origin.key) origin.key = origin.key << 1 | tokens[stream].ends_with("_ALL");
-    return origin;
-}
 
 void Recent::add(uint64_t key) {
     if (!keys_.insert(key).second) return;

@@ -20,15 +20,6 @@
 
 namespace tavbridge {
 
-// The place of a message in its stream, from the subject for its acknowledgement:
-// "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>", with the domain and
-// a hash of the account before the stream, and a token at the end, in newer servers.
-struct Origin {
-    uint64_t key = 0; // stream and sequence; 0: none
-    uint64_t times = 0;
-};
-Origin parse_origin(std::string_view reply);
-
 // The newest keys of messages that were delivered: a message whose acknowledgement was lost comes again.
 class Recent {
   public:

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cstring>
+#include <vector>
 
 #include "common/datagram.h"
 
@@ -131,6 +132,24 @@ std::string message_id(const void *datagram, uint32_t size, std::string_view soc
                                      static_cast<unsigned long long>(hash(socket.data(), socket.size())),
                                      static_cast<unsigned long long>(hash(datagram, size)));
     return {text, static_cast<size_t>(length)};
+}
+
+Origin parse_origin(std::string_view reply) {
+    std::vector<std::string_view> tokens;
+    for (size_t begin = 0; begin <= reply.size();) {
+        const size_t dot = std::min(reply.find('.', begin), reply.size());
+        tokens.push_back(reply.substr(begin, dot - begin));
+        begin = dot + 1;
+    }
+    const size_t stream = tokens.size() == 9 ? 2 : 4;
+    if (tokens.size() != 9 && tokens.size() < 11) return {};
+    Origin origin;
+    const std::string_view sequence = tokens[stream + 3], times = tokens[stream + 2];
+    std::from_chars(sequence.data(), sequence.data() + sequence.size(), origin.key);
+    std::from_chars(times.data(), times.data() + times.size(), origin.times);
+    // A bridge has two streams at most.
+    if (origin.key) origin.key = origin.key << 1 | tokens[stream].ends_with("_ALL");
+    return origin;
 }
 
 } // namespace tavbridge

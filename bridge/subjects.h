@@ -59,4 +59,13 @@ Drop judge_incoming(const Home &home, const Subject &subject, const void *datagr
 // socket and a hash of the bytes are part of it, too.
 std::string message_id(const void *datagram, uint32_t size, std::string_view socket);
 
+// The place of a message in its stream, from the subject for its acknowledgement:
+// "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>", with the domain and
+// a hash of the account before the stream, and a token at the end, in newer servers.
+struct Origin {
+    uint64_t key = 0; // stream and sequence; 0: none
+    uint64_t times = 0;
+};
+Origin parse_origin(std::string_view reply);
+
 } // namespace tavbridge
