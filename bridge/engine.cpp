@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 #include <random>
+#include <utility>
 
 #include <unistd.h>
 
@@ -14,12 +15,30 @@ namespace {
 constexpr int64_t kReconnect_ms = 250; // between attempts
 constexpr uint64_t kAnswer_ms = 5000;  // for a request about a stream or consumer
 constexpr uint64_t kRetry_ms = 1000;   // after one that failed
+constexpr uint64_t kAudit_ms = 30'000; // as long as the engine waits for an acknowledgement
 constexpr int kPending = 65536;        // bytes that nats.c keeps while it reconnects; the outbox has the rest
 enum Action : int { kAttach, kRead, kWrite, kDetach, kUp, kDown };
 
 // The number at the end of an inbox's subject; 0 without one.
 uint64_t number_at_end(std::string_view subject) {
     return std::strtoull(std::string(subject.substr(subject.rfind('.') + 1)).c_str(), nullptr, 10);
+}
+
+// The sum of the numbers in "subjects":{"...":N,...} of a stream's state.
+uint64_t sum_of_subjects(std::string_view answer) {
+    constexpr std::string_view kSubjects = "\"subjects\":{";
+    uint64_t sum = 0;
+    size_t at = answer.find(kSubjects);
+    if (at == answer.npos) return 0;
+    const size_t end = std::min(answer.find('}', at), answer.size());
+    for (at += kSubjects.size(); (at = answer.find("\":", at)) < end; at += 2)
+        sum += std::strtoull(std::string(answer.substr(at + 2, 20)).c_str(), nullptr, 10);
+    return sum;
+}
+
+bool is_zero(std::string_view answer, std::string_view name) {
+    const size_t at = answer.find(name);
+    return at != answer.npos && std::atoll(std::string(answer.substr(at + name.size(), 20)).c_str()) == 0;
 }
 
 std::string new_inbox(const Settings &settings, const Place &home) {
@@ -224,7 +243,7 @@ void Engine::take_answer(Message message) {
     const std::string_view text = content(message.get());
     const uint64_t id = number_at_end(natsMsg_GetSubject(message.get()));
     if (id & 1) {
-        if (id == asked_) take_resource(text);
+        if (id == asked_) ready_ ? take_audit(text) : take_resource(text);
         return;
     }
     const bool stored = text.find("\"seq\":") != text.npos && text.find("\"error\"") == text.npos;
@@ -260,21 +279,27 @@ void Engine::answer(natsMsg *message, const char *text) {
 
 // --- streams and consumers: each is looked for, and made when it is not there
 
+void Engine::ask(const std::string &subject, const std::string &body) {
+    asked_ = (asked_ + 2) | 1;
+    const std::string reply = inbox_ + '.' + std::to_string(asked_);
+    natsConnection_PublishRequest(connection_.get(), subject.c_str(), reply.c_str(), body.data(),
+                                  static_cast<int>(body.size()));
+}
+
 void Engine::next_resource() {
     cl_timer_stop(timer_);
     timer_ = 0;
     if (!connected_ || resources_.empty()) return;
     if (resource_ == resources_.size()) {
         ready_ = true;
+        resource_ = resources_.size(); // the first audit begins with the timer
+        timer_ = cl_timer_start(
+            kAudit_ms, [](void *self) { static_cast<Engine *>(self)->audit(0); }, this);
         return handler_.ready();
     }
     const Resource &resource = resources_[resource_];
     const bool make = making_ || resource.look_subject.empty();
-    asked_ = (asked_ + 2) | 1;
-    const std::string reply = inbox_ + '.' + std::to_string(asked_), body = make ? resource.make_body : "";
-    natsConnection_PublishRequest(connection_.get(),
-                                  (make ? resource.make_subject : resource.look_subject).c_str(),
-                                  reply.c_str(), body.data(), static_cast<int>(body.size()));
+    ask(make ? resource.make_subject : resource.look_subject, make ? resource.make_body : "");
     retry_resource();
 }
 
@@ -309,6 +334,46 @@ void Engine::retry_resource() {
     };
     cl_timer_stop(timer_);
     timer_ = cl_timer_start(kAnswer_ms, again, this);
+}
+
+// --- audit: one consumer after the other
+
+// Asks what the stream has for the next consumer. Without an answer the next audit begins anew.
+void Engine::audit(size_t resource) {
+    if (resource == 0) {
+        cl_timer_stop(timer_);
+        timer_ = cl_timer_start(
+            kAudit_ms, [](void *self) { static_cast<Engine *>(self)->audit(0); }, this);
+    }
+    while (resource < resources_.size() && resources_[resource].count_subject.empty()) ++resource;
+    resource_ = resource;
+    audit_step_ = kCount;
+    if (ready_ && resource < resources_.size())
+        ask(resources_[resource].count_subject, resources_[resource].count_body);
+}
+
+void Engine::take_audit(std::string_view answer) {
+    if (resource_ >= resources_.size()) return;
+    Resource &resource = resources_[resource_];
+    if (answer.find("\"error\"") != answer.npos) return audit(resource_ + 1);
+    if (audit_step_ == kCount) {
+        stored_ = sum_of_subjects(answer);
+        audit_step_ = kState;
+        return ask(resource.state_subject, "");
+    }
+    if (audit_step_ == kDelete) {
+        TAV_LOG(2, "tav_bridge", "%s: %llu messages were passed over, making it anew",
+                resource.make_subject.c_str(), static_cast<unsigned long long>(stored_));
+        ready_ = false;
+        resource_ = 0;
+        return next_resource();
+    }
+    const bool idle = is_zero(answer, "\"num_ack_pending\":") && is_zero(answer, "\"num_pending\":");
+    const bool before = std::exchange(resource.suspected, idle && stored_ > 0);
+    if (!before || !resource.suspected) return audit(resource_ + 1);
+    resource.suspected = false;
+    audit_step_ = kDelete;
+    ask(resource.delete_subject, "");
 }
 
 } // namespace tavbridge

@@ -5,6 +5,10 @@
 // ones that are emptied without a wait after each read, so no thread of nats.c handles messages. JetStream is
 // used by its subjects, since the calls of nats.c for it wait for answers.
 //
+// A server that was killed may come back with messages in its stream that its consumer passes over. So the
+// bridge compares the two twice a minute, and makes a consumer anew that twice had nothing to do while
+// messages waited.
+//
 // While the connection is down no function of nats.c is called that could wait for its lock.
 #pragma once
 
@@ -45,6 +49,9 @@ Options make_options(const Settings &settings, std::string &reason);
 // of the one that makes it. A request without a body does not exist.
 struct Resource {
     std::string look_subject, make_subject, make_body;
+    // Of a consumer of a work queue, for the audit: what the stream has for it, its state, its end.
+    std::string count_subject = {}, count_body = {}, state_subject = {}, delete_subject = {};
+    bool suspected = false;
 };
 std::vector<Resource> resources(const Settings &settings, const Place &home);
 std::string stream_name(const Settings &settings, Class kind);
@@ -103,9 +110,12 @@ class Engine {
     void take_control(Message message);
     void take_durable(Message message);
     void take_answer(Message message);
+    void ask(const std::string &subject, const std::string &body);
     void next_resource();
     void take_resource(std::string_view answer);
     void retry_resource();
+    void audit(size_t resource);
+    void take_audit(std::string_view answer);
 
     const Settings &settings_;
     const Home &home_;
@@ -126,6 +136,8 @@ class Engine {
     bool making_ = false;
     uint64_t asked_ = 0; // number of the request for a resource that waits for its answer
     cl_timer_t timer_ = 0;
+    enum { kCount, kState, kDelete } audit_step_ = kCount;
+    uint64_t stored_ = 0; // messages in the stream for the consumer under audit
 };
 
 } // namespace tavbridge

@@ -8,7 +8,7 @@ cd "$(dirname "$(readlink -f "$0")")/.."
 build=$(readlink -f "$1") messages=${2:-1000000} faults=${3:-100}
 ((EUID == 0)) || { echo "bridge_soak.sh: network namespaces need root" >&2; exit 1; }
 source scripts/bridge_sites.sh
-tag=tvs$$
+tag=tvs$$ replicas=${TAVIPC_SOAK_REPLICAS:-3}
 declare -A location=([a]=2 [b]=3 [c]=5) next=([a]=b [b]=c [c]=a) number=([a]=1 [b]=2 [c]=3)
 RANDOM=${TAVIPC_SOAK_SEED:-1}
 
@@ -52,7 +52,7 @@ kill_server() {
 checked() { inside "$1" "$place/$1/bin/tav-bridge" --check; }
 
 for site in a b c; do
-    make_site $site "${location[$site]}" "100${number[$site]}" nats://127.0.0.1:4222 $'replicas = 3\nwindow = 1024\nattempts = 1000000'
+    make_site $site "${location[$site]}" "100${number[$site]}" nats://127.0.0.1:4222 "replicas = $replicas"$'\nwindow = 1024\nattempts = 1000000'
     printf 'server_name: %s\nlisten: "127.0.0.1:4222"\njetstream { store_dir: "%s" }\ncluster { name: soak, listen: "10.215.0.%d:6222"
   routes: [ "nats://10.215.0.1:6222", "nats://10.215.0.2:6222", "nats://10.215.0.3:6222" ] }\n' \
         $site "$place/$site/engine" "${number[$site]}" >"$place/$site/server.conf"
