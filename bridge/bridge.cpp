@@ -8,7 +8,7 @@
 #include "common/datagram.h"
 #include "common/facts.h"
 #include "common/log.h"
-#include "notify.h"
+#include "common/service.h"
 #include "tavaux.h"
 
 namespace tavbridge {
@@ -55,18 +55,19 @@ bool Bridge::start(std::string &reason) {
     handler.connected = [this] {
         counters_.add(kReconnects);
         error_output(3, "tav_bridge", __LINE__, "connected to the engine");
-        notify("STATUS=connected");
+        tavipc::notify("STATUS=connected");
         outbox_->resend(cl_event_loop_now(), true);
         resume_if_possible();
     };
     handler.disconnected = [this] {
         error_output(2, "tav_bridge", __LINE__, "lost the connection to the engine");
-        notify("STATUS=not connected");
+        tavipc::notify("STATUS=not connected");
         pause();
     };
     handler.ready = [this] { outbox_->resend(cl_event_loop_now(), true); };
     handler.control = [this](Message message) { on_message(std::move(message), false); };
     handler.durable = [this](Message message) { on_message(std::move(message), true); };
+    handler.holding = [this] { return deliveries_->held() > 0; };
     handler.answered = [this](uint64_t id, bool stored, bool before) {
         outbox_->answered(id, stored, before);
         resume_if_possible();
@@ -258,7 +259,7 @@ void Bridge::tick() {
         kTick_ms, [](void *self) { static_cast<Bridge *>(self)->tick(); }, this);
     outbox_->resend(cl_event_loop_now(), false);
     if (++ticks_ % kKeepAliveTicks == 0) deliveries_->keep_alive();
-    notify("WATCHDOG=1");
+    tavipc::notify("WATCHDOG=1");
     look_soon();
 }
 

@@ -12,10 +12,12 @@
 namespace tavbridge {
 namespace {
 
+constexpr int64_t kEnd_ms = 2000;      // for threads of nats.c to end
 constexpr int64_t kReconnect_ms = 250; // between attempts
 constexpr uint64_t kAnswer_ms = 5000;  // for a request about a stream or consumer
 constexpr uint64_t kRetry_ms = 1000;   // after one that failed
 constexpr uint64_t kAudit_ms = 30'000; // as long as the engine waits for an acknowledgement
+constexpr int kStuck = 2;              // audits without progress
 constexpr int kPending = 65536;        // bytes that nats.c keeps while it reconnects; the outbox has the rest
 enum Action : int { kAttach, kRead, kWrite, kDetach, kUp, kDown };
 
@@ -24,21 +26,22 @@ uint64_t number_at_end(std::string_view subject) {
     return std::strtoull(std::string(subject.substr(subject.rfind('.') + 1)).c_str(), nullptr, 10);
 }
 
-// The sum of the numbers in "subjects":{"...":N,...} of a stream's state.
-uint64_t sum_of_subjects(std::string_view answer) {
-    constexpr std::string_view kSubjects = "\"subjects\":{";
-    uint64_t sum = 0;
-    size_t at = answer.find(kSubjects);
-    if (at == answer.npos) return 0;
-    const size_t end = std::min(answer.find('}', at), answer.size());
-    for (at += kSubjects.size(); (at = answer.find("\":", at)) < end; at += 2)
-        sum += std::strtoull(std::string(answer.substr(at + 2, 20)).c_str(), nullptr, 10);
-    return sum;
+// The number behind the name at or after a place in JSON text; 0 without one.
+uint64_t number_after(std::string_view json, std::string_view name, size_t from = 0) {
+    const size_t at = json.find(name, from);
+    return at == json.npos
+               ? 0
+               : std::strtoull(std::string(json.substr(at + name.size(), 20)).c_str(), nullptr, 10);
 }
 
-bool is_zero(std::string_view answer, std::string_view name) {
-    const size_t at = answer.find(name);
-    return at != answer.npos && std::atoll(std::string(answer.substr(at + name.size(), 20)).c_str()) == 0;
+// The sum of the numbers in "subjects":{"...":N,...} of a stream's state.
+uint64_t sum_of_subjects(std::string_view json) {
+    uint64_t sum = 0;
+    const size_t begin = json.find("\"subjects\":{");
+    if (begin == json.npos) return 0;
+    const size_t end = std::min(json.find('}', begin), json.size());
+    for (size_t at = begin + 11; (at = json.find("\":", at + 1)) < end;) sum += number_after(json, "\":", at);
+    return sum;
 }
 
 std::string new_inbox(const Settings &settings, const Place &home) {
@@ -66,6 +69,7 @@ Engine::~Engine() {
     closing_ = true;
     subscriptions_.clear();
     connection_.reset();
+    nats_CloseAndWait(kEnd_ms); // its threads call this object
     cl_timer_stop(timer_);
     watch(0);
     if (fd_ >= 0) close(fd_);
@@ -292,10 +296,8 @@ void Engine::next_resource() {
     if (!connected_ || resources_.empty()) return;
     if (resource_ == resources_.size()) {
         ready_ = true;
-        resource_ = resources_.size(); // the first audit begins with the timer
-        timer_ = cl_timer_start(
-            kAudit_ms, [](void *self) { static_cast<Engine *>(self)->audit(0); }, this);
-        return handler_.ready();
+        handler_.ready();
+        return audit(0);
     }
     const Resource &resource = resources_[resource_];
     const bool make = making_ || resource.look_subject.empty();
@@ -356,22 +358,24 @@ void Engine::take_audit(std::string_view answer) {
     if (resource_ >= resources_.size()) return;
     Resource &resource = resources_[resource_];
     if (answer.find("\"error\"") != answer.npos) return audit(resource_ + 1);
+    if (audit_step_ == kDelete) { // it is made again
+        ready_ = false;
+        resource_ = 0;
+        return next_resource();
+    }
     if (audit_step_ == kCount) {
         stored_ = sum_of_subjects(answer);
         audit_step_ = kState;
         return ask(resource.state_subject, "");
     }
-    if (audit_step_ == kDelete) {
-        TAV_LOG(2, "tav_bridge", "%s: %llu messages were passed over, making it anew",
-                resource.make_subject.c_str(), static_cast<unsigned long long>(stored_));
-        ready_ = false;
-        resource_ = 0;
-        return next_resource();
-    }
-    const bool idle = is_zero(answer, "\"num_ack_pending\":") && is_zero(answer, "\"num_pending\":");
-    const bool before = std::exchange(resource.suspected, idle && stored_ > 0);
-    if (!before || !resource.suspected) return audit(resource_ + 1);
-    resource.suspected = false;
+    const uint64_t before =
+        std::exchange(resource.delivered, number_after(answer, "\"delivered\":{\"consumer_seq\":"));
+    const bool moves = stored_ == 0 || resource.delivered != before || handler_.holding();
+    resource.stuck = moves ? 0 : resource.stuck + 1;
+    if (resource.stuck < kStuck) return audit(resource_ + 1);
+    TAV_LOG(2, "tav_bridge", "the engine does not deliver %llu messages: the consumer is made anew, %s",
+            static_cast<unsigned long long>(stored_), resource.delete_subject.c_str());
+    resource.stuck = 0;
     audit_step_ = kDelete;
     ask(resource.delete_subject, "");
 }

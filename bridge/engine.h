@@ -5,9 +5,9 @@
 // ones that are emptied without a wait after each read, so no thread of nats.c handles messages. JetStream is
 // used by its subjects, since the calls of nats.c for it wait for answers.
 //
-// A server that was killed may come back with messages in its stream that its consumer passes over. So the
-// bridge compares the two twice a minute, and makes a consumer anew that twice had nothing to do while
-// messages waited.
+// A server that was killed may come back with a consumer that delivers nothing more, or passes over messages
+// of its stream. So the bridge looks twice a minute, and makes a consumer anew for which messages waited a
+// minute without a delivery, while the bridge itself held none.
 //
 // While the connection is down no function of nats.c is called that could wait for its lock.
 #pragma once
@@ -51,7 +51,8 @@ struct Resource {
     std::string look_subject, make_subject, make_body;
     // Of a consumer of a work queue, for the audit: what the stream has for it, its state, its end.
     std::string count_subject = {}, count_body = {}, state_subject = {}, delete_subject = {};
-    bool suspected = false;
+    uint64_t delivered = 0; // by the consumer, at the audit before
+    int stuck = 0;          // audits in a row that found messages and no delivery
 };
 std::vector<Resource> resources(const Settings &settings, const Place &home);
 std::string stream_name(const Settings &settings, Class kind);
@@ -64,6 +65,7 @@ class Engine {
         std::function<void()> connected, disconnected;
         std::function<void()> ready; // the streams and consumers are there
         std::function<void(Message)> control, durable;
+        std::function<bool()> holding; // whether durable messages are held
         // The engine's answer to publish_durable: whether it has stored the datagram, and whether it had it
         // already.
         std::function<void(uint64_t id, bool stored, bool before)> answered;
@@ -126,7 +128,8 @@ class Engine {
     std::atomic<int> posted_{0};
     Connection connection_;
     std::vector<Subscription> subscriptions_;
-    bool connected_ = false, ready_ = false, closing_ = false;
+    bool connected_ = false, ready_ = false;
+    std::atomic<bool> closing_{false};
     int fd_ = -1; // our own duplicate, so nats.c can close its descriptor at any time
     int events_ = 0;
     bool batching_ = false, writing_ = false; // writing_: nats.c has bytes for the socket

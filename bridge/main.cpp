@@ -4,12 +4,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include <getopt.h>
-
 #include "bridge.h"
 #include "check.h"
 #include "common/log.h"
-#include "notify.h"
+#include "common/service.h"
 #include "tavaux.h"
 #include "tavbase.h"
 
@@ -47,40 +45,33 @@ int serve(const Settings &settings, const Problems &problems) {
     std::string reason;
     if (!bridge.start(reason)) return fail(reason);
     const auto stop = [](cl_signal_t, int, void *argument) {
-        notify("STOPPING=1");
+        tavipc::notify("STOPPING=1");
         static_cast<Bridge *>(argument)->stop();
     };
     cl_signal_start(SIGTERM, stop, &bridge);
     cl_signal_start(SIGINT, stop, &bridge);
-    notify("READY=1");
+    tavipc::notify("READY=1");
     cl_event_loop_run();
     return EXIT_SUCCESS;
 }
 
-int run(int argc, char **argv) {
-    enum { kCheck = 256, kVersion, kHelp };
-    static constexpr option options[] = {{"config", required_argument, nullptr, 'c'},
-                                         {"check", no_argument, nullptr, kCheck},
-                                         {"version", no_argument, nullptr, kVersion},
-                                         {"help", no_argument, nullptr, kHelp},
-                                         {nullptr, 0, nullptr, 0}};
+int run(const std::vector<std::string> &words) {
+    bool only_check = false;
     std::string path;
-    int what = 0;
-    for (int found; (found = getopt_long(argc, argv, "c:", options, nullptr)) != -1;) {
-        if (found == '?') return usage(stderr), kMisuse;
-        if (found == 'c')
-            path = optarg;
+    for (size_t i = 1; i < words.size(); ++i) {
+        if (words[i] == "--help") return usage(stdout), EXIT_SUCCESS;
+        if (words[i] == "--version") return std::puts("tav-bridge " TAVIPC_VERSION), EXIT_SUCCESS;
+        if (words[i] == "--check")
+            only_check = true;
+        else if ((words[i] == "-c" || words[i] == "--config") && i + 1 < words.size())
+            path = words[++i];
         else
-            what = found;
+            return usage(stderr), kMisuse;
     }
-    if (optind < argc) return usage(stderr), kMisuse;
-    if (what == kHelp) return usage(stdout), EXIT_SUCCESS;
-    if (what == kVersion) return std::puts("tav-bridge " TAVIPC_VERSION), EXIT_SUCCESS;
     Problems problems;
     const Settings settings = load_settings(path.empty() ? default_path() : path, problems);
-    if (what == 0) return serve(settings, problems);
-    const Place home{static_cast<uint8_t>(tav_get_location()), tav_get_hostid()};
-    return check(settings, problems, home);
+    if (!only_check) return serve(settings, problems);
+    return check(settings, problems, {static_cast<uint8_t>(tav_get_location()), tav_get_hostid()});
 }
 
 } // namespace
@@ -88,7 +79,7 @@ int run(int argc, char **argv) {
 int main(int argc, char **argv) {
     std::signal(SIGPIPE, SIG_IGN);
     try {
-        const int status = run(argc, argv);
+        const int status = run({argv, argv + argc});
         cl_event_loop_release();
         return status;
     } catch (const std::exception &error) {

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdlib>
 #include <new>
 
 #include <fcntl.h>
@@ -12,6 +11,7 @@
 
 #include "common/datagram.h"
 #include "common/log.h"
+#include "common/service.h"
 
 namespace tavbridge {
 namespace {
@@ -19,26 +19,6 @@ namespace {
 constexpr size_t kBuffer =
     tavipc::kHeaderSize + tavipc::kFragmentPayload + 4096; // bytes: longer ones are no datagrams
 constexpr int kFirstPassed = 3;                            // sd_listen_fds(3)
-
-std::string_view path_of(const sockaddr_un &address, socklen_t length) {
-    const size_t used =
-        length > offsetof(sockaddr_un, sun_path) ? length - offsetof(sockaddr_un, sun_path) : 0;
-    return {address.sun_path, strnlen(address.sun_path, std::min(used, sizeof address.sun_path))};
-}
-
-// The descriptor that the service manager has passed for the path, or -1.
-int passed_socket(const std::string &path) {
-    const char *pid = std::getenv("LISTEN_PID"), *count = std::getenv("LISTEN_FDS");
-    if (!pid || !count || std::atoi(pid) != getpid()) return -1;
-    for (int fd = kFirstPassed; fd < kFirstPassed + std::atoi(count); ++fd) {
-        sockaddr_un address{};
-        socklen_t length = sizeof address;
-        if (getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) == 0 &&
-            address.sun_family == AF_UNIX && path_of(address, length) == path)
-            return fd;
-    }
-    return -1;
-}
 
 int bound_socket(const std::string &path) {
     cl_sockaddr_t address;
@@ -62,7 +42,7 @@ Pipe::~Pipe() {
 }
 
 bool Pipe::open(const std::string &path) {
-    int fd = passed_socket(path);
+    int fd = tavipc::passed_socket(path);
     if (fd < 0) {
         fd = bound_socket(path);
         if (fd >= 0) own_path_ = path;
@@ -120,7 +100,7 @@ void Pipe::look() try {
             setsockopt(socket_.get(), SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset);
         }
         handler_(first_ + seen_.size() - 1, {buffer_.data(), size > buffer_.size() ? 0 : size},
-                 path_of(from, message.msg_namelen));
+                 tavipc::path_of(from, message.msg_namelen));
     }
     looking_ = false;
     around_(false);

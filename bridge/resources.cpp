@@ -41,20 +41,15 @@ Resource consumer(const Settings &settings, const Place &home, Class kind, bool 
     const std::string deliver = "_INBOX." + prefix(settings) + location +
                                 (shared ? ".any.d" : "." + host + ".d." + static_cast<char>(kind));
     Resource made = {
-        "",
-        "$JS.API.CONSUMER.CREATE." + stream + '.' + name + '.' + filter,
+        "", "$JS.API.CONSUMER.CREATE." + stream + '.' + name + '.' + filter,
         "{\"stream_name\":" + quoted(stream) + ",\"config\":{\"durable_name\":" + quoted(name) +
             ",\"name\":" + quoted(name) + ",\"deliver_subject\":" + quoted(deliver) +
             (shared ? ",\"deliver_group\":\"one\"" : "") + ",\"filter_subject\":" + quoted(filter) +
             ",\"deliver_policy\":\"all\",\"replay_policy\":\"instant\",\"ack_policy\":\"explicit\",\"ack_"
             "wait\":" +
             std::to_string(kAcknowledge_s * 1'000'000'000) +
-            ",\"max_deliver\":-1,\"max_ack_pending\":" + std::to_string(settings.window) + "}}",
-        "",
-        "",
-        "",
-        ""};
-    if (kind == Class::kAll) return made; // what others have not acknowledged stays there
+            ",\"max_deliver\":-1,\"max_ack_pending\":" + std::to_string(settings.window) + "}}"};
+    if (kind == Class::kAll) return made; // what other machines have not acknowledged stays in that stream
     made.count_subject = "$JS.API.STREAM.INFO." + stream;
     made.count_body = "{\"subjects_filter\":" + quoted(filter) + '}';
     made.state_subject = "$JS.API.CONSUMER.INFO." + stream + '.' + name;

@@ -43,7 +43,18 @@ start_keeper() { # site: keeps the socket, and starts the bridge again when it h
     process[keeper-$1]=$!
 }
 kill_bridge() { kill -9 "$(tail -n 1 "$place/keeper-$1.txt" | cut -d' ' -f2)" 2>/dev/null || true; }
+# The servers write what they have confirmed a moment later, so two of three that are killed at the same time may forget it:
+# the next server is killed when all replicas of the stream are current again.
+healed() {
+    local answer
+    # shellcheck disable=SC2016 # the other shell's
+    answer=$(inside "$1" timeout 3 bash -c 'exec 3<>/dev/tcp/127.0.0.1/4222
+        printf "CONNECT {}\r\nSUB r 1\r\nPUB \$JS.API.STREAM.INFO.TAV_load r 0\r\n\r\n" >&3
+        while read -r line <&3; do case $line in *stream_info_response*) echo "$line"; break ;; esac; done')
+    [[ $answer == *'"leader"'* && $answer != *'"current":false'* && $answer != *'"offline":true'* ]]
+}
 kill_server() {
+    until_ok 120 healed "$1"
     kill -9 "${process[server-$1]}"
     wait "${process[server-$1]}" 2>/dev/null || true
     sleep 1
