@@ -110,7 +110,7 @@ inline uint64_t count_of(uint64_t *values, Counter counter) {
     return std::atomic_ref(values[counter]).load(std::memory_order_relaxed);
 }
 
-inline bool is_counted(const ipc_queue_msg_st &msg) { return msg.flags & kCountedRecord; }
+inline bool is_counted(const ipc_queue_msg_st &msg) { return (msg.flags & kCountedRecord) && msg.mod; }
 
 // Where the endpoint's and the destination's values of a counted record are: they count the same.
 struct BothValues {

@@ -29,6 +29,11 @@ void arm_destination_sweep(tav_ipc_st *ipc) {
 
 void reset_host_id() { host_id = 0; }
 
+UseGuard::~UseGuard() {
+    if (!ipc_ || atomic_add_and_fetch(&ipc_->use_count, -1) != 0) return;
+    owner(ipc_).store(0, std::memory_order_relaxed);
+}
+
 void UseGuard::report_other_thread(int users, pthread_t self, const char *label) const {
     const pthread_t conflicting = owner(ipc_).load(std::memory_order_relaxed);
     if (conflicting == self) return;

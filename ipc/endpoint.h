@@ -96,10 +96,7 @@ class UseGuard {
         else if (users > 1)
             report_other_thread(users, self, label);
     }
-    ~UseGuard() {
-        if (!ipc_ || atomic_add_and_fetch(&ipc_->use_count, -1) != 0) return;
-        owner(ipc_).store(0, std::memory_order_relaxed);
-    }
+    ~UseGuard();
     UseGuard(const UseGuard &) = delete;
     UseGuard &operator=(const UseGuard &) = delete;
 

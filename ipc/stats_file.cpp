@@ -185,12 +185,12 @@ void make_private() {
     constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
     const size_t used = kHeaderBytes + g_file.highest * kRecordBytes;
     void *copy = ::mmap(nullptr, kFileBytes, PROT_READ | PROT_WRITE, kFlags, -1, 0);
-    if (copy == MAP_FAILED) {
-        ::mmap(g_file.base, kFileBytes, PROT_READ | PROT_WRITE, kFlags | MAP_FIXED, -1, 0);
-        return;
+    if (copy != MAP_FAILED) {
+        std::memcpy(copy, g_file.base, used); // beyond them the file may have holes: reading them costs space
+        if (::mremap(copy, kFileBytes, kFileBytes, MREMAP_MAYMOVE | MREMAP_FIXED, g_file.base) != MAP_FAILED)
+            return;
     }
-    std::memcpy(copy, g_file.base, used); // beyond them the file may have holes, which cost space when read
-    ::mremap(copy, kFileBytes, kFileBytes, MREMAP_MAYMOVE | MREMAP_FIXED, g_file.base);
+    (void)::mmap(g_file.base, kFileBytes, PROT_READ | PROT_WRITE, kFlags | MAP_FIXED, -1, 0);
 }
 
 void before_fork() { g_mutex.lock(); }
@@ -270,7 +270,7 @@ bool open_account(Account &account, const AccountLabel &label, const char *path)
 }
 
 void close_account(Account &account) {
-    static constinit uint64_t lost_counts[TAV_IPC_STATS_MAX];
+    alignas(8) static constinit uint64_t lost_counts[TAV_IPC_STATS_MAX];
     if (!account.is_open) return;
     tav_ipc_stats_record_st *record = record_of(account);
     const bool own_memory = account.own_memory;

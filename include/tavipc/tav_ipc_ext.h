@@ -61,16 +61,16 @@ typedef struct tav_ipc_flush_st {
 /* Runs this thread's event loop until every message that the endpoint accepted has left or has been dropped,
  * also those that callbacks send meanwhile, or until timeout_ms milliseconds have passed (0: one turn without
  * a wait; negative: no limit). All callbacks of the loop run, and may do anything. A callback may call this
- * function, the sink of a log line may not: the message that the line is about could not be settled meanwhile.
- * result may be null. Returns 0 when nothing is pending; 1 when the time is over, or when nothing is left in
- * the loop that could settle a message; -1 with errno EINVAL (ipc is null), EDEADLK (called in a log sink),
- * ESHUTDOWN (the endpoint is destroyed, perhaps by a callback meanwhile; result has what is known), or ENOTSUP
- * (the event library has no loop to run). */
+ * function, the sink of a log line may not: the message that the line is about could not be settled
+ * meanwhile. result may be null. Returns 0 when nothing is pending; 1 when the time is over, or when nothing
+ * is left in the loop that could settle a message; -1 with errno EINVAL (ipc is null), EDEADLK (called in a
+ * log sink), ESHUTDOWN (the endpoint is destroyed, perhaps by a callback meanwhile; result has what is
+ * known), or ENOTSUP (the event library has no loop to run). */
 TAVIPC_API int tav_ipc_flush(tav_ipc_st *ipc, int timeout_ms, tav_ipc_flush_st *result) TAVIPC_NOEXCEPT;
 
 /* Stores the number of messages that the endpoint accepted and that have neither left completely nor been
- * dropped, and the bytes of their datagrams that have not left (headers included). Either pointer may be null. Returns 0; -1 with errno EINVAL
- * when ipc is null. */
+ * dropped, and the bytes of their datagrams that have not left (headers included). Either pointer may be
+ * null. Returns 0; -1 with errno EINVAL when ipc is null. */
 TAVIPC_API int tav_ipc_pending(tav_ipc_st *ipc, uint64_t *messages, uint64_t *bytes) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS

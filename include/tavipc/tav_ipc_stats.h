@@ -3,9 +3,10 @@
  * Each endpoint has a record of counters, and each of its destinations has one. The records of a process are
  * in a file that the process maps, "ipc<pid>.stats" in the socket directory of the process's first endpoint,
  * so any program that may read the file sees them, even when the process is stopped, hangs or has been
- * killed. The file goes when the process's last endpoint is destroyed, and at exit. Other processes remove the
- * file of a process that was killed, as they remove its sending sockets. A process that cannot make the file
- * keeps its counters in memory. While it lives it holds a lock (flock) on the file, so a reader takes none.
+ * killed. The file goes when the process's last endpoint is destroyed, and at exit. Other processes remove
+ * the file of a process that was killed, as they remove its sending sockets. A process that cannot make the
+ * file keeps its counters in memory. While it lives it holds a lock (flock) on the file, so a reader takes
+ * none.
  *
  * File layout: a tav_ipc_stats_file_st, padded to header_size bytes; then record_count records of record_size
  * bytes each. A record is a tav_ipc_stats_record_st, whose value_count values may be more or fewer than this
@@ -87,7 +88,7 @@ enum tav_ipc_stats_kind {
 };
 
 typedef struct tav_ipc_stats_record_st {
-    uint32_t kind;       /* enum tav_ipc_stats_kind; written last when a record is taken, first when it is freed */
+    uint32_t kind; /* enum tav_ipc_stats_kind; written last when a record is taken, first when it is freed */
     uint32_t generation; /* changes whenever the record is taken or freed */
     uint32_t owner;      /* number of the endpoint's record, its own for an endpoint */
     int32_t location;    /* number in the name of the socket directory */
@@ -105,8 +106,8 @@ typedef struct tav_ipc_stats_file_st {
     uint32_t record_count; /* records in the file, used or not */
     uint32_t value_count;  /* values that this process keeps in a record */
     uint32_t pid;
-    uint32_t hidden;       /* endpoints and destinations that found no free record */
-    uint64_t started;      /* the process's start time, field 22 of /proc/<pid>/stat */
+    uint32_t hidden;  /* endpoints and destinations that found no free record */
+    uint64_t started; /* the process's start time, field 22 of /proc/<pid>/stat */
 } tav_ipc_stats_file_st;
 
 /* A copy of one record's values. */
@@ -117,9 +118,9 @@ typedef struct tav_ipc_stats_st {
 TAVIPC_BEGIN_DECLS
 
 /* Copies the counters of the endpoint (destination null), or those of one of its destinations by name.
- * size is sizeof(tav_ipc_stats_st) of the caller, at least 8: that many bytes are set; values that the library
- * does not know are 0. Returns 0; -1 with errno EINVAL (ipc or stats is null, size is no multiple of 8 or 0)
- * or ENOENT (the endpoint has no such destination, or no longer, or is destroyed). */
+ * size is sizeof(tav_ipc_stats_st) of the caller, at least 8: that many bytes are set; values that the
+ * library does not know are 0. Returns 0; -1 with errno EINVAL (ipc or stats is null, size is no multiple of
+ * 8 or 0) or ENOENT (the endpoint has no such destination, or no longer, or is destroyed). */
 TAVIPC_API int tav_ipc_get_stats(tav_ipc_st *ipc, const char *destination, tav_ipc_stats_st *stats,
                                  uint32_t size) TAVIPC_NOEXCEPT;
 

@@ -1,35 +1,24 @@
 // Reads a file of counters as another program does, and checks that counters balance.
 #pragma once
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-
 #include "tavipc/tav_ipc_stats.h"
 
-inline uint64_t dropped(const uint64_t *values) {
-    uint64_t sum = 0;
-    for (int i = TAV_IPC_STATS_DROPPED_NO_PEER; i <= TAV_IPC_STATS_DROPPED_OTHER; ++i) sum += values[i];
-    return sum;
-}
-
-// What accounts for more or fewer datagrams or bytes than were accepted; 0: balanced.
+// By how much what became of datagrams, or of their bytes, differs from what was accepted; 0: it balances.
 inline int64_t imbalance(const uint64_t *v) {
-    const uint64_t count = v[TAV_IPC_STATS_ACCEPTED] - v[TAV_IPC_STATS_LEFT] - dropped(v) -
-                           v[TAV_IPC_STATS_QUEUED] - v[TAV_IPC_STATS_IN_FLIGHT];
+    uint64_t count = v[TAV_IPC_STATS_ACCEPTED] - v[TAV_IPC_STATS_LEFT] - v[TAV_IPC_STATS_QUEUED] -
+                     v[TAV_IPC_STATS_IN_FLIGHT];
+    for (int i = TAV_IPC_STATS_DROPPED_NO_PEER; i <= TAV_IPC_STATS_DROPPED_OTHER; ++i) count -= v[i];
     const uint64_t bytes = v[TAV_IPC_STATS_ACCEPTED_BYTES] - v[TAV_IPC_STATS_LEFT_BYTES] -
                            v[TAV_IPC_STATS_DROPPED_BYTES] - v[TAV_IPC_STATS_QUEUED_BYTES] -
                            v[TAV_IPC_STATS_IN_FLIGHT_BYTES];
     const bool waits = v[TAV_IPC_STATS_QUEUED] + v[TAV_IPC_STATS_IN_FLIGHT] > 0;
-    const bool since = v[TAV_IPC_STATS_WAITING_SINCE_MS] != 0;
-    return count != 0   ? static_cast<int64_t>(count)
-           : bytes != 0 ? static_cast<int64_t>(bytes)
-                        : waits != since;
+    if (waits != (v[TAV_IPC_STATS_WAITING_SINCE_MS] != 0)) return INT64_MAX;
+    return static_cast<int64_t>(count != 0 ? count : bytes);
 }
 
 struct StatsFile {
@@ -41,13 +30,9 @@ struct StatsFile {
     }
     StatsFile(const std::filesystem::path &sockets, pid_t pid) {
         std::ifstream file(path(sockets, pid), std::ios::binary);
-        const std::string bytes(std::istreambuf_iterator<char>(file), {});
-        if (bytes.size() < sizeof header) return;
-        std::memcpy(&header, bytes.data(), sizeof header);
-        for (uint32_t i = 0; i < header.record_count; ++i) {
-            tav_ipc_stats_record_st record;
-            std::memcpy(&record, bytes.data() + header.header_size + i * header.record_size, sizeof record);
+        file.read(reinterpret_cast<char *>(&header), sizeof header).seekg(header.header_size);
+        tav_ipc_stats_record_st record;
+        while (file.read(reinterpret_cast<char *>(&record), sizeof record))
             if (record.kind != TAV_IPC_STATS_FREE) records.push_back(record);
-        }
     }
 };
