@@ -144,11 +144,11 @@ Origin parse_origin(std::string_view reply) {
     const size_t stream = tokens.size() == 9 ? 2 : 4;
     if (tokens.size() != 9 && tokens.size() < 11) return {};
     Origin origin;
-    const std::string_view sequence = tokens[stream + 3], times = tokens[stream + 2];
-    std::from_chars(sequence.data(), sequence.data() + sequence.size(), origin.key);
-    std::from_chars(times.data(), times.data() + times.size(), origin.times);
-    // A bridge has two streams at most.
-    if (origin.key) origin.key = origin.key << 1 | tokens[stream].ends_with("_ALL");
+    uint64_t sequence = 0, time = 0;
+    if (!read_number(tokens[stream + 3], sequence) || !read_number(tokens[stream + 5], time)) return {};
+    if (sequence == 0 || !read_number(tokens[stream + 2], origin.times)) return {};
+    // A bridge has two streams at most. A server that was killed may use the last sequence numbers again.
+    origin.key = (sequence << 1 | tokens[stream].ends_with("_ALL")) * 0x9E3779B97F4A7C15u ^ time;
     return origin;
 }
 

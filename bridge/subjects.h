@@ -63,7 +63,7 @@ std::string message_id(const void *datagram, uint32_t size, std::string_view soc
 // "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>", with the domain and
 // a hash of the account before the stream, and a token at the end, in newer servers.
 struct Origin {
-    uint64_t key = 0; // stream and sequence; 0: none
+    uint64_t key = 0; // of stream, sequence and time; 0: none
     uint64_t times = 0;
 };
 Origin parse_origin(std::string_view reply);

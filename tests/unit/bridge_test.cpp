@@ -118,10 +118,13 @@ TEST(Bridge, OnlyTheSameDatagramOfTheSameSocketHasTheSameId) {
 }
 
 TEST(Bridge, PlaceInTheStreamIsFoundInOldAndNewReplies) {
-    EXPECT_EQ(parse_origin("$JS.ACK.TAV_d.L3_31.2.77.80.1700000000.5").key, 77u << 1);
-    EXPECT_EQ(parse_origin("$JS.ACK.TAV_d.L3_31.2.77.80.1700000000.5").times, 2u);
-    EXPECT_EQ(parse_origin("$JS.ACK.TAV_d_ALL.L3_31.2.77.80.1700000000.5").key, (77u << 1) + 1);
-    EXPECT_EQ(parse_origin("$JS.ACK.hub.hash.TAV_d.L3_31.3.77.80.1700000000.5.token").key, 77u << 1);
+    const Origin first = parse_origin("$JS.ACK.TAV_d.L3_31.2.77.80.1700000000.5");
+    EXPECT_EQ(first.times, 2u);
+    EXPECT_EQ(parse_origin("$JS.ACK.hub.hash.TAV_d.L3_31.3.77.81.1700000000.4.token").key, first.key);
+    for (const char *another :
+         {"$JS.ACK.TAV_d_ALL.L3_31.2.77.80.1700000000.5", "$JS.ACK.TAV_d.L3_31.2.78.80.1700000000.5",
+          "$JS.ACK.TAV_d.L3_31.2.77.80.1700000001.5"}) // the last after a server was killed
+        EXPECT_NE(parse_origin(another).key, first.key) << another;
     for (const char *other :
          {"", "_INBOX.x", "$JS.ACK.TAV_d.L3_31.x.y.80.1700000000.5", "$JS.ACK.a.b.c.d.e.f.g.h"})
         EXPECT_EQ(parse_origin(other).key, 0u) << other;
