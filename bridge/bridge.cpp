@@ -23,6 +23,7 @@ constexpr uint64_t kTick_ms = 500;
 constexpr uint64_t kLook_ms = 1;         // while something is held: the library has no call for "it left"
 constexpr uint64_t kKeepAliveTicks = 20; // 10 s: a third of the time after which the engine delivers again
 constexpr uint64_t kStop_ms = 5000, kQuiet_ms = 50;
+constexpr const char *kLater = "-NAK {\"delay\":60000000000}"; // ns
 constexpr const char *kEndpoint = "tavbridge", *kDurableEndpoint = "tavbridgd";
 
 std::string socket_path(int location, const std::string &name) {
@@ -180,7 +181,8 @@ void Bridge::on_message(Message message, bool durable) {
     if (size >= tavipc::kHeaderSize) header = tavipc::read_header(datagram.data());
     if (reason != kNoDrop) {
         counters_.drop(reason, &header, "from the engine");
-        if (durable) engine_->answer(message.get(), "+TERM");
+        // What is not for this machine must not be taken from the machine that it is for.
+        if (durable) engine_->answer(message.get(), reason == kNotHere ? kLater : "+TERM");
         return;
     }
     remember(header.src);

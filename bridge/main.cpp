@@ -2,6 +2,7 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "bridge.h"
@@ -41,6 +42,7 @@ int fail(const std::string &reason) {
 
 int serve(const Settings &settings, const Problems &problems) {
     if (!problems.empty()) return fail(problems.front());
+    if (!std::getenv("TAV_LOG_LEVEL")) error_output_set_level(3); // drops and connections
     Bridge bridge(settings);
     std::string reason;
     if (!bridge.start(reason)) return fail(reason);

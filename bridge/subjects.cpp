@@ -112,14 +112,14 @@ Drop judge_outgoing(const Home &home, const void *datagram, uint32_t size, Subje
 }
 
 Drop judge_incoming(const Home &home, const Subject &subject, const void *datagram, uint32_t size) {
+    if (subject.to.location != home.place.location) return kNotHere;
+    if (subject.to.hostid != 0 && subject.to.hostid != home.place.hostid) return kNotHere;
     tav_ipc_hdr_st header;
     if (const Drop bad = judge_form(datagram, size, header); bad != kNoDrop) return bad;
     if (!(Place{header.src.loc, header.src.hostid} == subject.from)) return kForgedSource;
     if (header.src.loc == home.place.location) return kLoop;
     if (!(Place{header.dest.loc, header.dest.hostid} == subject.to)) return kBadSubject;
     if (subject.name != tavipc::name_text(header.dest).text) return kBadSubject;
-    if (subject.to.location != home.place.location) return kNotHere;
-    if (subject.to.hostid != 0 && subject.to.hostid != home.place.hostid) return kNotHere;
     return kNoDrop;
 }
 
