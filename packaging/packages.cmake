@@ -9,6 +9,9 @@ if(DEFINED ENV{DEBEMAIL} AND DEFINED ENV{DEBFULLNAME}) # who ships the packages,
   set(CPACK_PACKAGE_CONTACT "$ENV{DEBFULLNAME} <$ENV{DEBEMAIL}>")
 endif()
 set(CPACK_COMPONENTS_ALL runtime development tools)
+if(TARGET tav-bridge)
+  list(APPEND CPACK_COMPONENTS_ALL bridge)
+endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_SET_DESTDIR ON) # /etc is not below the prefix
 set(CPACK_STRIP_FILES ON)
@@ -67,5 +70,17 @@ This package also contains the agent's directory /usr/lib/tavipc with its
 configuration in /etc/tavipc, the socket directory, the kernel setting for
 longer queues, a dissector for Wireshark, and the manual pages for
 administrators.")
+
+set(CPACK_DEBIAN_BRIDGE_PACKAGE_NAME tavipc-bridge)
+set(CPACK_DEBIAN_BRIDGE_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_BRIDGE_PACKAGE_DEPENDS "libtavipc0 ${same_version}, tavipc-tools ${same_version}")
+set(CPACK_DEBIAN_BRIDGE_PACKAGE_SUGGESTS nats-server)
+set(CPACK_COMPONENT_BRIDGE_DESCRIPTION "messages between the processes of an endpoint agent - bridge
+tav-bridge joins the locations of a machine, and agents of many machines,
+through NATS servers with JetStream. Messages are stored until the receiving
+module's socket has taken them.
+.
+The service is not started: it needs a configuration and a place in the
+allow-list, see tav-bridge(8).")
 
 include(CPack)

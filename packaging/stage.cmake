@@ -16,11 +16,11 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     "tavipc (${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}) unstable; urgency=medium\n\n"
     "  * Built from its source; changelog.gz lists the changes.\n\n"
     " -- ${CPACK_PACKAGE_CONTACT}  ${date}\n")
-  file(GLOB_RECURSE pages ${usr}/share/man/*.[1357])
+  file(GLOB_RECURSE pages ${usr}/share/man/*.[13578])
   set(plain ${doc}/changelog ${doc}/changelog.Debian)
   foreach(page IN LISTS pages)
     file(READ ${page} start LIMIT 200)
-    if(start MATCHES "^\\.so man[1357]/([^\n]+)\n")
+    if(start MATCHES "^\\.so man[13578]/([^\n]+)\n")
       file(REMOVE ${page})
       file(CREATE_LINK ${CMAKE_MATCH_1}.gz ${page}.gz SYMBOLIC)
     else()

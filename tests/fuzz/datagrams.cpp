@@ -2,6 +2,7 @@
 // exchanges, files, completions, time; and inside each callback the next step of the same input. The body of
 // every message repeats one letter, so that a message mixed of two shows. The counters balance after every
 // step.
+#include "bridge/subjects.h"
 #include "endpoint_world.h"
 #include "harness.h"
 #include "tavipc/tav_ipc_ext.h"
@@ -52,10 +53,10 @@ class Life : public EndpointWorld {
         }
     }
     void step() {
-        static constexpr void (Life::*kSteps[])() = {&Life::message,    &Life::fragments,    &Life::raw,
-                                                     &Life::relay,      &Life::pass_time,    &Life::complete,
-                                                     &Life::exchange,   &Life::send_message, &Life::toggle,
-                                                     &Life::fail_sends, &Life::cancel};
+        static constexpr void (Life::*kSteps[])() = {
+            &Life::message,   &Life::fragments,  &Life::raw,      &Life::relay,
+            &Life::pass_time, &Life::complete,   &Life::exchange, &Life::send_message,
+            &Life::toggle,    &Life::fail_sends, &Life::cancel,   &Life::from_engine};
         (this->*kSteps[in_.u8() % std::size(kSteps)])();
     }
     int act() {
@@ -142,6 +143,30 @@ class Life : public EndpointWorld {
         }
         for (const size_t to : {0, 1})
             if (path.ends_with("/e" + std::to_string(to))) deliver(to, bytes);
+    }
+    // What the engine gives to a bridge reaches a socket under a plain name only.
+    void from_engine() {
+        tainted_ = true;
+        const uint8_t shape = in_.u8();
+        std::string subject = in_.text(shape & 63), bytes = in_.text(60 + in_.u8());
+        const tavbridge::Home home{{3, 55}, true, true, {}};
+        if ((shape & 64) && bytes.size() >= 60) { // one that fits
+            Datagram d{"", tavipc::read_header(bytes.data()), bytes.substr(60)};
+            d.header.dest.loc = 3, d.header.dest.hostid = 55;
+            bytes = d.bytes();
+            subject = tavbridge::subject_text("d", {home.place,
+                                                    tavipc::name_text(d.header.dest).text,
+                                                    tavbridge::Class::kDurable,
+                                                    {d.header.src.loc, d.header.src.hostid}});
+        }
+        const auto copy = fuzz::exact(bytes);
+        const auto size = static_cast<uint32_t>(bytes.size());
+        const auto parsed = tavbridge::parse_subject("d", subject);
+        if (!parsed || tavbridge::judge_incoming(home, *parsed, copy.get(), size) != tavbridge::kNoDrop)
+            return;
+        FUZZ_CHECK(parsed->name.find_first_of("/.*> ") == std::string::npos && parsed->name[0] != '\0');
+        tavbridge::message_id(copy.get(), size, subject);
+        if (slots_[0]) tav_ipc_send_raw(slots_[0], parsed->name.c_str(), copy.get());
     }
     void toggle() { open_or_close(slot()); }
     void open_or_close(size_t which) {

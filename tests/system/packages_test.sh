@@ -31,8 +31,8 @@ field() { dpkg-deb -f "$packages/$1"_*.deb "$2"; }
 
 unpacked() {
     local package
-    must test "$(find "$packages" -maxdepth 1 -name '*.deb' | wc -l)" = 3
-    for package in libtavipc0 libtavipc-dev tavipc-tools; do
+    must test "$(find "$packages" -maxdepth 1 -name '*.deb' | wc -l)" = 4
+    for package in libtavipc0 libtavipc-dev tavipc-tools tavipc-bridge; do
         must dpkg-deb -x "$packages/$package"_*.deb "$root"
         must dpkg-deb -e "$packages/$package"_*.deb "$place/$package"
         dpkg-deb -c "$packages/$package"_*.deb | awk '{print $1, $2, $6}' | tee "$place/$package.list" | grep -v '^d' |
@@ -46,12 +46,14 @@ unpacked() {
     must grep -q 'activate-noawait ldconfig' "$place/libtavipc0/triggers"
     must test "$(field libtavipc-dev Depends)" = "libtavipc0 (= $(field libtavipc0 Version))"
     must grep -q "libtavipc0 (= $(field libtavipc0 Version))" <<<"$(field tavipc-tools Depends)"
+    must grep -q 'libnats3.4 (' <<<"$(field tavipc-bridge Depends)"
+    must test -s "$root/usr/share/doc/tavipc-bridge/examples/tav-bridge.ini"
     must grep -q 'libuv1 (' <<<"$(field libtavipc0 Depends)"
 }
 
 lean() { # stripped, without paths of the build
     local file
-    for file in "$agent/bin/tavctl" "$libraries"/lib{tavipc,tavbase,tavaux,tavcl_ev}.so.0; do
+    for file in "$agent/bin/tavctl" "$agent/bin/tav-bridge" "$libraries"/lib{tavipc,tavbase,tavaux,tavcl_ev}.so.0; do
         must test -r "$file"
         must_not grep -E 'RPATH|RUNPATH' <<<"$(readelf -d "$file")"
         must_not grep debug_info <<<"$(readelf -S "$file")"

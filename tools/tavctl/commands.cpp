@@ -26,7 +26,8 @@ constexpr Command kCommands[] = {
      "--deploy-type TYPE  Look below /var/TYPE too (may be repeated)\n"
      "--clean  Remove stale files, never a live one\n"
      "--pool  Show each sending socket instead of their number\n"
-     "--names  Print only the names of live endpoints\n",
+     "--names  Print only the names of live endpoints\n"
+     "--all  Also endpoints of other locations that the bridge has heard\n",
      list},
     {"stats", "Show the counters of running, stopped and killed modules",
      "[NAME]  The endpoint: NAME or NAME@LOCATION (default: all)\n"

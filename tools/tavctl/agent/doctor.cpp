@@ -184,11 +184,33 @@ Finding check_environment() {
         "unset TAV_INSTALL_ROOT");
 }
 
-constexpr std::pair<const char *, Finding (*)()> kMachineChecks[] = {
-    {"datagram queue", check_queue},          {"send buffer", check_buffers},
-    {"open files", check_descriptors},        {"/tmp", check_space},
-    {"received files", check_received_files}, {"clock", check_clock},
-    {"trace switch", check_trace_switch},     {"environment", check_environment}};
+// What tav-bridge says itself, if this agent has one: server, streams, and how much waits for this location.
+Finding check_bridge() {
+    const std::string program = fs::path(own_executable()).parent_path() / "tav-bridge";
+    if (access((config_beside(own_executable()) + "/tav-bridge.ini").c_str(), F_OK) != 0 ||
+        access(program.c_str(), X_OK) != 0)
+        return skip("this agent has no bridge to other locations");
+    FILE *output = popen((quoted(program) + " --check 2>&1").c_str(), "r");
+    if (!output) return warn("tav-bridge --check cannot be started", "tav-bridge --check");
+    std::string seen, failed;
+    for (char line[512]; std::fgets(line, sizeof line, output);) {
+        const std::string text = std::string(line).substr(0, std::strcspn(line, "\n"));
+        if (failed.empty() && !text.starts_with("ok ")) failed = text;
+        seen = text;
+    }
+    if (pclose(output) == 0) return ok(seen.substr(std::min<size_t>(5, seen.size())));
+    return fail("tav-bridge --check: " + failed, quoted(program) + " --check");
+}
+
+constexpr std::pair<const char *, Finding (*)()> kMachineChecks[] = {{"datagram queue", check_queue},
+                                                                     {"send buffer", check_buffers},
+                                                                     {"open files", check_descriptors},
+                                                                     {"/tmp", check_space},
+                                                                     {"received files", check_received_files},
+                                                                     {"clock", check_clock},
+                                                                     {"trace switch", check_trace_switch},
+                                                                     {"environment", check_environment},
+                                                                     {"bridge", check_bridge}};
 
 } // namespace
 

@@ -171,7 +171,7 @@ int list(Console &out, const Args &args) {
         out.tell(geteuid() == 0
                      ? "\nThe process of some sockets is in another namespace, perhaps of a container."
                      : "\nThis user does not see everything; root does.");
-    return kSuccess;
+    return args.has("all") ? tell_heard(out) : kSuccess;
 }
 
 } // namespace tavctl

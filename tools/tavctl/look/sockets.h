@@ -59,4 +59,7 @@ std::vector<SocketDirectory> find_directories(const std::vector<std::string> &de
 // takes to replace it. Returns 0, ENOENT when it has gone or is in use again, or another errno.
 int remove_stale(const std::string &directory, const SocketFile &file);
 
+// Shows the endpoints of other locations that the bridge has heard (heard.cpp). Returns the exit status.
+int tell_heard(Console &out);
+
 } // namespace tavctl

@@ -1,0 +1,70 @@
+// Durable datagrams on their way from the engine to local sockets.
+//
+// Each destination has a queue of messages and one batch that was handed to the local library. When the
+// library has nothing more of that batch, the counters of the destination say what became of it: all left,
+// and the batch is acknowledged; or some were dropped, and the batch goes back to the engine for a later try,
+// since the counters do not say which. Priorities reorder datagrams inside the library, so single ones cannot
+// be told apart earlier.
+//
+// The engine gives out at most `window` messages without an acknowledgement, which bounds what is held here.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "engine.h"
+
+namespace tavbridge {
+
+// The newest keys of messages that were delivered: a message whose acknowledgement was lost comes again.
+class Recent {
+  public:
+    bool contains(uint64_t key) const { return keys_.contains(key); }
+    void add(uint64_t key);
+
+  private:
+    std::unordered_set<uint64_t> keys_;
+    std::deque<uint64_t> order_;
+};
+
+class Deliveries {
+  public:
+    Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, uint64_t attempts)
+        : engine_(engine), counters_(counters), endpoint_(endpoint), attempts_(attempts) {}
+
+    // Takes a message whose subject and datagram were judged.
+    void add(Message message, const std::string &name);
+    // Looks at the batches, and hands over what waits. Returns whether anything is held.
+    bool poll();
+    // Tells the engine that what is held is still being worked on.
+    void keep_alive();
+    size_t held() const { return held_.size(); }
+
+  private:
+    struct Item {
+        Message message;
+        Origin origin;
+    };
+    struct Queue {
+        std::deque<Item> waiting;
+        std::vector<Item> batch;
+        uint64_t drops = 0; // of the destination before the batch
+    };
+    void settle(const std::string &name, Queue &queue);
+    void finish(Item &item, bool left);
+    void hand_over(const std::string &name, Queue &queue);
+
+    Engine &engine_;
+    Counters &counters_;
+    tav_ipc_st *const endpoint_;
+    const uint64_t attempts_;
+    std::map<std::string, Queue> queues_;
+    std::unordered_set<uint64_t> held_; // keys
+    Recent recent_;
+};
+
+} // namespace tavbridge

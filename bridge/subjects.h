@@ -1,0 +1,71 @@
+// The engine's subjects, and who may send what to whom.
+//
+// A datagram travels under "tav.<domain>.<location>.<hostid or any>.<name>.<class>.<location>.<hostid>": its
+// destination, its class, and the machine whose bridge sent it. The server's permissions bind the last two to
+// the bridge's credentials, so a receiving bridge can compare them with the source in the header. Every token
+// is checked: no wildcard, dot, blank or control character gets into a subject.
+#pragma once
+
+#include <bitset>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "counters.h"
+
+namespace tavbridge {
+
+enum class Class : char {
+    kControl = 'c', // core messages, at most once: what has a time-out of its own
+    kDurable = 'd', // stored until one machine has it
+    kAll = 'a'      // stored until each machine of the location has it
+};
+
+struct Place {
+    uint8_t location = 0;
+    uint32_t hostid = 0; // 0: any machine of the location
+    bool operator==(const Place &) const = default;
+};
+
+struct Subject {
+    Place to;
+    std::string name; // of the destination
+    Class kind = Class::kControl;
+    Place from;
+};
+
+// Whether the text can be one token of a subject.
+bool is_token(std::string_view text);
+// The text for a subject whose name is a token.
+std::string subject_text(std::string_view domain, const Subject &subject);
+// Nothing for a text in any other form.
+std::optional<Subject> parse_subject(std::string_view domain, std::string_view text);
+
+// What a bridge knows of itself.
+struct Home {
+    Place place;
+    bool durable = true;        // false: everything is control traffic
+    bool any_to_all = true;     // host id 0 means all machines of the location, else one of them
+    std::bitset<256> reachable; // locations that it sends to
+};
+
+// Judges a datagram of a local module: kNoDrop, and the subject under which it goes out; or why it does not.
+Drop judge_outgoing(const Home &home, const void *datagram, uint32_t size, Subject &subject);
+// Judges a datagram that came from the engine under the subject, for a local socket.
+Drop judge_incoming(const Home &home, const Subject &subject, const void *datagram, uint32_t size);
+
+// The id by which the engine recognises a datagram that it is given twice: source, message id and fragment
+// number. These begin anew when a module restarts and some modules choose ids themselves, so the sending
+// socket and a hash of the bytes are part of it, too.
+std::string message_id(const void *datagram, uint32_t size, std::string_view socket);
+
+// The place of a message in its stream, from the subject for its acknowledgement:
+// "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>", with the domain and
+// a hash of the account before the stream, and a token at the end, in newer servers.
+struct Origin {
+    uint64_t key = 0; // of stream, sequence and time; 0: none
+    uint64_t times = 0;
+};
+Origin parse_origin(std::string_view reply);
+
+} // namespace tavbridge
