@@ -278,6 +278,7 @@ int native_requests(const char *url, size_t count) {
         times.push_back(seconds_since(begin) * 1e6);
         natsMsg_Destroy(reply);
     }
+    if (s != NATS_OK) return EXIT_FAILURE;
     std::sort(times.begin(), times.end());
     std::printf("native round trip: median %.0f us, 99 %% %.0f us, %s\n", times[times.size() / 2],
                 times[times.size() * 99 / 100], natsStatus_GetText(s));
