@@ -39,7 +39,8 @@ UniqueFd make_timer(long delay_ms) {
 
 } // namespace
 
-// What the listeners of one thread and location share. It lives from the first to the last of them.
+// What the listeners of one thread and location share. It lives from the first to the last of them; with an
+// inotify descriptor to the end of the thread (rest).
 class DirectoryWatch {
   public:
     // The calling thread's; made on first use. Null when memory is short.
@@ -59,6 +60,7 @@ class DirectoryWatch {
     void watch(UniqueFd fd, bool inotify) noexcept;
     void open() noexcept;
     void find_directory() noexcept;
+    void rest() noexcept;
     bool is_about_directory(const inotify_event &event, const char *name) const noexcept;
     void close() noexcept;
     void tell(const char *name, bool removed) const noexcept;
@@ -76,9 +78,12 @@ class DirectoryWatch {
 
 // Endpoints may outlive their thread.
 void DirectoryWatch::at_thread_end(void *first) noexcept {
-    for (auto *watch = static_cast<DirectoryWatch *>(first); watch; watch = watch->next_) {
+    for (auto *watch = static_cast<DirectoryWatch *>(first); watch;) {
+        DirectoryWatch *const next = watch->next_;
         watch->detached_ = true;
         watch->close();
+        if (!watch->listeners_) delete watch;
+        watch = next;
     }
 }
 
@@ -125,12 +130,14 @@ void DirectoryWatch::close() noexcept {
 // The release of the thread's loop ends the watch for the descriptor unseen, so each new listener starts it
 // again.
 void DirectoryWatch::add(DirectoryListener &listener) noexcept {
+    const bool rested = fd_ && !listeners_;
     listener.next_ = std::exchange(listeners_, &listener);
     if (!cl_io_start || !cl_io_stop) return;
     const bool files = listener.interest_ == DirectoryListener::Interest::kFiles;
     if (files && !(fd_ && inotify_)) return open();
     if (!fd_) return watch(make_timer(kShortLife_ms), false);
-    if (files) find_directory();
+    if (files || rested) find_directory();
+    if (inotify_ && directory_ < 0 && above_ < 0) return watch(make_timer(kRetry_ms), false);
     cl_io_stop(io_);
     io_ = cl_io_start(fd_.get(), CL_IO_READ, on_ready, this);
 }
@@ -139,11 +146,21 @@ void DirectoryWatch::remove(DirectoryListener &listener) noexcept {
     DirectoryListener **link = &listeners_;
     while (*link != &listener) link = &(*link)->next_;
     *link = listener.next_;
-    if (!listeners_) {
+    const bool has_inotify = fd_ && inotify_;
+    if (!listeners_ && has_inotify)
+        rest();
+    else if (!listeners_)
         delete this;
-    } else if (fd_ && inotify_ && listener.interest_ == DirectoryListener::Interest::kFiles) {
+    else if (has_inotify && listener.interest_ == DirectoryListener::Interest::kFiles)
         find_directory();
-    }
+}
+
+// Keeps the descriptor for the thread's next listener, and watches nothing. What is in its queue is about
+// numbers that are not given again.
+void DirectoryWatch::rest() noexcept {
+    cl_io_stop(std::exchange(io_, 0));
+    for (int *number : {&directory_, &above_})
+        if (const int old = std::exchange(*number, -1); old >= 0) ::inotify_rm_watch(fd_.get(), old);
 }
 
 void DirectoryWatch::watch(UniqueFd fd, bool inotify) noexcept {

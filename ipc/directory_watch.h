@@ -3,10 +3,11 @@
 // All listeners of one thread and location share one inotify descriptor, because a user may have few of them
 // (fs.inotify.max_user_instances, often 128), and an endpoint's directory sees many files of others: without
 // a listener for files the kernel wakes the thread for changed modes only. Closing an inotify descriptor
-// blocks for about 11 ms, also at the end of the process. So a program that has an endpoint for less than a
-// quarter of a second, as command-line tools do, gets none: a timer's descriptor is watched in its place
-// until then. A timer also retries when no inotify descriptor is to be had. The directory above is watched,
-// too: if the directory is removed and made again, the new one counts.
+// blocks for about 11 ms if it watches something, or did some milliseconds ago, also at the end of the
+// process. So the thread keeps its descriptor to its end: without listeners it watches nothing. And a program
+// that has an endpoint for less than a quarter of a second, as command-line tools do, gets none: a timer's
+// descriptor is watched in its place until then. A timer also retries when no inotify descriptor is to be
+// had. The directory above is watched, too: if the directory is removed and made again, the new one counts.
 //
 // Nothing is noticed with an event library that cannot watch descriptors. A forked child has the listeners of
 // its parent, but they hear nothing there.

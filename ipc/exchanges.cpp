@@ -180,7 +180,7 @@ int start_exchange(tav_ipc_st *ipc, const Exchange &exchange, uint32_t timeout_m
     record->ipc = ipc;
     record->timer = cl_timer_start(timeout_ms, ipc_exchange_timeout, record);
     if (!record->timer) return ENOMEM;
-    if (send_exchange(ipc, exchange, &record->reqid) != IPC_OK) return ENOBUFS;
+    if (send_exchange(ipc, exchange, &record->reqid) != IPC_OK) return ipc->closed ? ESHUTDOWN : ENOBUFS;
     (void)take_over(ipc, record->reqid);
     if (ipc->closed) return ESHUTDOWN;
     // The manager's entry has expired already: it leaves the heap at the next tick.

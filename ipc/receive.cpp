@@ -144,6 +144,7 @@ void ipc_on_recv(cl_dunix_t, const void *data, uint32_t len, const cl_sockaddr_t
     if (!ipc) return;
     Incoming in; // outlives the guard: its memory is freed last
     UseGuard guard(ipc, "ipc_on_recv");
+    if (ipc->closed) return; // by the sink of the guard's line
     if (!validate(ipc, data, len, status, in)) return;
     if (is_fragment(in.header) && !reassemble(ipc, in)) return;
     restore_and_dispatch(ipc, in);

@@ -62,7 +62,6 @@ struct File {
 constinit std::mutex g_mutex;
 constinit File g_file;
 constinit bool g_in_memory = false;
-constinit bool g_watches_forks = false;
 
 bool is_same(const struct stat &one, const struct stat &other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
@@ -98,17 +97,28 @@ uint64_t now_ms() {
 
 // --- the file
 
-// Gets space for all bytes before end. Else a write to the mapping could end the process.
+// A write over this limit would end the process by a signal.
+bool size_allowed() {
+    rlimit limit{};
+    return ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur >= kFileBytes;
+}
+
+// Gets space for all bytes before end. Else a write to the mapping could end the process. A write reserves
+// the space, but most file systems choose the blocks only when they write them to the disk, half a minute
+// later. A file that is gone by then never had any. posix_fallocate would take blocks at once, and to free
+// them costs some milliseconds in the close.
 bool allocate(size_t end) {
+    static constinit const unsigned char zeros[kAllocation] = {};
     if (end <= g_file.allocated) return true;
-    if (!owns_descriptor()) return false;
-    end = std::min((end + kAllocation - 1) / kAllocation * kAllocation, kFileBytes);
-    const auto from = static_cast<off_t>(g_file.allocated);
-    int error;
-    do error = ::posix_fallocate(g_file.fd, from, static_cast<off_t>(end) - from);
-    while (error == EINTR);
-    if (error != 0) return false;
-    g_file.allocated = end;
+    if (!owns_descriptor() || !size_allowed()) return false;
+    while (g_file.allocated < end) {
+        const size_t size = std::min(kAllocation, kFileBytes - g_file.allocated);
+        ssize_t written;
+        do written = ::pwrite(g_file.fd, zeros, size, static_cast<off_t>(g_file.allocated));
+        while (written < 0 && errno == EINTR);
+        if (written != static_cast<ssize_t>(size)) return false;
+        g_file.allocated += size;
+    }
     return true;
 }
 
@@ -130,12 +140,6 @@ UniqueFd create_locked(const char *path) {
         if (is_at(identity, path)) return fd;
     }
     return UniqueFd();
-}
-
-// A file over this limit would end the process by a signal.
-bool size_allowed() {
-    rlimit limit{};
-    return ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur >= kFileBytes;
 }
 
 void write_header() {
@@ -205,11 +209,13 @@ void after_fork_in_child() {
     g_mutex.unlock();
 }
 
+// When the library is loaded: a fork that begins before the handlers are known could take a locked mutex into
+// the child.
+const bool g_watches_forks = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
+
 // Called under g_mutex.
 bool need_file(const char *path) {
     if (g_file.base) return true;
-    if (!g_watches_forks)
-        g_watches_forks = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
     if (!g_watches_forks || !size_allowed()) return false;
     if (map_file(create_locked(path), path)) return true;
     if (g_file.fd >= 0) remove_file();

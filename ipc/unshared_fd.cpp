@@ -1,6 +1,5 @@
 #include "ipc/unshared_fd.h"
 
-#include <atomic>
 #include <mutex>
 #include <pthread.h>
 
@@ -15,16 +14,10 @@ constinit Relaxed<uint32_t> forks = 0;
 
 } // namespace
 
-bool UnsharedFd::watch_forks() noexcept {
-    static constinit std::atomic<bool> watching = false;
-    static constinit std::mutex mutex;
-    if (watching.load(std::memory_order_acquire)) return true;
-    const std::lock_guard lock(mutex);
-    const auto before = [] { list_mutex.lock(); };
-    const auto in_parent = [] { list_mutex.unlock(); };
-    if (!watching && pthread_atfork(before, in_parent, close_all_in_child) == 0) watching = true;
-    return watching;
-}
+// When the library is loaded: a fork that begins before the handlers are known could take a locked mutex into
+// the child.
+const bool UnsharedFd::watches_forks_ =
+    pthread_atfork([] { list_mutex.lock(); }, [] { list_mutex.unlock(); }, close_all_in_child) == 0;
 
 void UnsharedFd::close_all_in_child() noexcept {
     while (UnsharedFd *first = list) {
@@ -39,7 +32,7 @@ void UnsharedFd::close_all_in_child() noexcept {
 bool UnsharedFd::take(UniqueFd fd) noexcept {
     reset();
     if (!fd) return false;
-    if (!watch_forks()) return errno = ENOMEM, false;
+    if (!watches_forks_) return errno = ENOMEM, false;
     const std::lock_guard lock(list_mutex);
     fd_ = fd.release();
     next_ = std::exchange(list, this);

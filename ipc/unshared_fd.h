@@ -26,7 +26,7 @@ class UnsharedFd {
 
   private:
     static void close_all_in_child() noexcept;
-    static bool watch_forks() noexcept;
+    static const bool watches_forks_; // false: memory was short
 
     int fd_ = -1;
     UnsharedFd *next_ = nullptr;

@@ -78,10 +78,12 @@ class Loop {
     // Takes a record whose outcome is known. Its callback runs in a later phase.
     void finish(Send *send, int status) noexcept;
     // Reports what has finished so far, if its data total at least `bytes`, up to the first send with another
-    // callback. Does nothing inside such a callback: the frame that called it goes on with the rest, and the
-    // stack does not grow with the number of sends.
+    // callback; with 0 bytes the batches leave before. Does nothing inside such a callback: the frame that
+    // called it goes on with the rest, and the stack does not grow with the number of sends.
     void settle(size_t bytes, cl_dunix_send_cb callback) noexcept {
-        if (finished_bytes_ >= bytes && !reporting_) report_finished(callback);
+        if (finished_bytes_ < bytes || reporting_) return;
+        if (bytes == 0) batches_.send_all();
+        report_finished(callback);
     }
     // Takes out the finished sends of a socket that is closing. Each then goes through report().
     SendQueue take_finished(cl_dunix_t socket) noexcept;

@@ -155,6 +155,7 @@ CL_EV_API int cl_dunix_send_now(cl_dunix_t socket, const cl_sockaddr_t *address,
 
 /* Completes this thread's finished sends in order once their data total at least `bytes`, up to the first
  * with another callback than this one, so no other code runs. Else does nothing, at the cost of a comparison.
+ * With 0 bytes the datagrams of batches (see tavcl_loop.h) leave before.
  * It also does nothing inside the completion of a send: the rest completes after it. For a sender of much
  * data that does not let the loop run: few buffers then serve for many datagrams. A library in place of this
  * one may lack it. */

@@ -86,9 +86,14 @@ TEST_F(SpeedTest, ABatchLeavesWhenItIsFullOldOrTheTurnEnds) {
     EXPECT_EQ(both(), std::pair(Texts{"6"}, Texts{}));
     cl_event_loop_set_batching(100, 0);
     send_all("peer", {"7", "8"});
+    cl_dunix_settle(1, nullptr);
+    EXPECT_EQ(both(), none);
+    cl_dunix_settle(0, nullptr);
+    EXPECT_EQ(reported_, 9);
+    send_all("peer", {"9"});
     close(socket_);
-    EXPECT_EQ(both(), std::pair(Texts({"7", "8"}), Texts{}));
-    EXPECT_EQ(statuses_, (std::map<int, int>{{CL_EV_OK, 9}}));
+    EXPECT_EQ(both(), std::pair(Texts({"7", "8", "9"}), Texts{}));
+    EXPECT_EQ(statuses_, (std::map<int, int>{{CL_EV_OK, 10}}));
 }
 
 TEST_F(SpeedTest, BatchesToABusyPeerKeepTheOrder) {

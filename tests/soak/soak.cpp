@@ -18,6 +18,7 @@
 #include <random>
 
 #include "../support/stats_reader.h"
+#include "entry.h"
 #include "installation.h"
 
 using namespace tavipc::stage;
@@ -34,25 +35,7 @@ constexpr std::chrono::milliseconds kSparesKept = 12s; // a receiver keeps buffe
 constexpr long kGrowth_kib = 32 * 1024, kGrowth_descriptors = kModules; // heap; a socket for each destination
 constexpr uint32_t kOurIds = 0x80000000; // message ids that modules give; the library's count from 1
 
-enum Kind { kMessage, kRequest, kConfirm, kProbe, kFile };
-const std::string kKindNames[] = {"message", "request", "confirm", "probe", "file"};
-enum Fault { kNone, kKilled, kStopped, kClosed };
-const std::string kFaultNames[] = {"", " killed", " stopped", " closed"};
 const std::string kIdTaken = "refused, -106, another sender drew its id";
-
-struct Entry {
-    Kind kind;
-    size_t from, to, round;
-    uint32_t size;
-    int delivered = 0, completed = 0, code = 0; // completed: the call returned, or the callback ran
-    bool dropped = false, changed = false;
-    std::string digest{}, answer{}; // the former as sent or as delivered, whichever is read first
-
-    void compare(const std::string &other) {
-        changed |= !digest.empty() && digest != other;
-        digest = other;
-    }
-};
 
 struct Module {
     std::string name;
@@ -72,7 +55,7 @@ class Soak {
         for (Module &module : modules_) start(module);
     }
     ~Soak() {
-        std::for_each(temporaries_.begin(), temporaries_.end(), [](auto &path) { fs::remove(path); });
+        std::ranges::for_each(temporaries_, [](auto &path) { fs::remove(path); });
     }
 
     bool run(double minutes) {

@@ -80,6 +80,18 @@ TEST_F(Watch, PeersAppearGoAndAreReplaced) {
     alpha.ask("watch beta 0", "peer beta 1"); // destroys the endpoint when the peer goes
     heir.say("close");
     alpha.expect("closed");
+    const auto watched = [&] { // directories, with the descriptor that the thread keeps
+        int count = 0;
+        for (const auto &file : fs::directory_iterator("/proc/" + std::to_string(alpha.pid()) + "/fdinfo")) {
+            std::ifstream lines(file.path());
+            for (std::string line; std::getline(lines, line);) count += line.starts_with("inotify wd:");
+        }
+        return count;
+    };
+    alpha.ask("open alpha", "opened ");
+    EXPECT_EQ(watched(), 2);
+    alpha.ask("close", "closed");
+    EXPECT_EQ(watched(), 0);
     EXPECT_EQ(alpha.finish(), 0); // its loop can be closed
 }
 

@@ -263,5 +263,12 @@ TEST_F(ReceiveTest, NothingIsDeliveredOnceALineHasDestroyedTheEndpoint) {
         feed(message("hello", kNeed | IPC_FLAG_TRACE));
         EXPECT_EQ(calls_.size(), ipc_ ? 1u : 0u);
     };
-    EXPECT_GE(at_each_line(ipc_, scenario, [&] { close(std::exchange(ipc_, nullptr)); }), 4u);
+    const auto close_it = [&] { close(std::exchange(ipc_, nullptr)); };
+    EXPECT_GE(at_each_line(ipc_, scenario, close_it), 4u);
+    const auto other_thread = [&] {
+        ipc_->use_count = 1; // is inside, so that the guard writes a line
+        feed(fragment(0, 64'001));
+        EXPECT_TRUE(ipc_ || w.event.timers.empty());
+    };
+    EXPECT_GE(at_each_line(ipc_, other_thread, close_it), 1u);
 }
