@@ -108,7 +108,7 @@ int refuse(const tav_ipc_st *ipc, const Destination *to, Counter reason) {
 int refuse_huge(const tav_ipc_st *ipc, const tav_ipc_hdr_st &header) {
     account_refused(ipc, nullptr, TAV_IPC_STATS_REFUSED_SIZE);
     TAV_TRACE(&header, "too huge, dropped: %u", header.size);
-    if (header.flags & IPC_FLAG_RESPONSE) // nobody sees the result of tav_ipc_response
+    if (header.flags & IPC_FLAG_RESPONSE) // tav_ipc_response returns no result
         TAV_LOG_LIMITED(2, "tav_ipc", "response is too large, drop it|reqid=%u|dest=[%u:%s:%u]|size=%u",
                         header.reqid, header.dest.hostid, name_text(header.dest).text, header.dest.loc,
                         header.size);

@@ -6,7 +6,7 @@
  * The chunks of a file have no place for its name and size. A transfer with a name therefore begins with a
  * probe that announces both, before the first chunk (docs/wire.md describes it). A peer whose library does
  * not know announcements acknowledges the probe, ignores the rest, and gets the same chunks as ever. A file
- * that nobody announced has an empty name.
+ * that was not announced has an empty name.
  */
 #ifndef TAVIPC_TAV_IPC_FILE_EXT_H
 #define TAVIPC_TAV_IPC_FILE_EXT_H
@@ -17,7 +17,7 @@
 #include "tav_ipc.h"
 
 #define TAV_IPC_FILE_NAME_MAX 255            /* bytes of a file's name */
-#define TAV_IPC_FILE_SIZE_UNKNOWN UINT64_MAX /* nobody has said how large the file is */
+#define TAV_IPC_FILE_SIZE_UNKNOWN UINT64_MAX /* the size was not announced */
 
 /* Flag of tav_ipc_file_start: as TAV_IPC_EXCHANGE_WAIT_FOR_PEER, for each message of the transfer. */
 #define TAV_IPC_FILE_WAIT_FOR_PEER 1u
@@ -57,8 +57,8 @@ TAVIPC_API uint64_t tav_ipc_file_start(tav_ipc_st *ipc, const tav_addr_st *dest,
                                        void *user) TAVIPC_NOEXCEPT;
 
 /* Ends the transfer id of the same endpoint: done runs inside this call with IPC_ERR_CANCELLED. If the
- * transfer has a name, the peer is told, and drops what it has. Returns 0; -1 with errno ENOENT if the
- * transfer is unknown or has ended. */
+ * transfer has a name, the peer is notified, and drops what it has received. Returns 0; -1 with errno ENOENT
+ * if the transfer is unknown or has ended. */
 TAVIPC_API int tav_ipc_file_cancel(tav_ipc_st *ipc, uint64_t id) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS

@@ -5,7 +5,7 @@
  * up to "ipc.monitor3": at most 4 are served. It is a SOCK_SEQPACKET socket, which then listens; a SOCK_DGRAM
  * socket is served, too, but holds net.unix.max_dgram_qlen copies only. When the socket takes connections,
  * the monitor sets the mode of its file (chmod, 0600; to what it was is enough): modules watch for changed
- * modes, so the many other files of the directory wake nobody.
+ * modes, so the many other files of the directory do not wake them.
  *
  * Each endpoint of the location connects a socket of its own: at once, or, if it is younger than a quarter of
  * a second, at that age. An endpoint that is made later connects while it is made. It sends one

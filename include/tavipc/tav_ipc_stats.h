@@ -39,7 +39,7 @@
     X(LEFT,                "left",                C, "datagrams that the destination's socket took")         \
     X(LEFT_BYTES,          "left_bytes",          C, "bytes of datagrams that left")                         \
     X(RETRIED,             "retried",             C, "attempts that were repeated later")                    \
-    X(DROPPED_NO_PEER,     "dropped_no_peer",     C, "drops: nobody listened at the destination")            \
+    X(DROPPED_NO_PEER,     "dropped_no_peer",     C, "drops: no listener at the destination")                \
     X(DROPPED_WOULD_BLOCK, "dropped_would_block", C, "drops: the destination did not read")                  \
     X(DROPPED_BUDGET,      "dropped_budget",      C, "drops: waited, then too much was in flight")           \
     X(DROPPED_NO_MEMORY,   "dropped_no_memory",   C, "drops: memory was short")                              \

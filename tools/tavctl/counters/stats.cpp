@@ -13,7 +13,7 @@ constexpr char kOldest[] = "for how long something has waited without a break";
 // Whether a destination has the value, too: these are about sending.
 constexpr bool is_of_destination(size_t value) { return value <= TAV_IPC_STATS_WAITING_SINCE_MS; }
 
-constexpr size_t kNameWidth = 21, kValueWidth = 15; // characters
+constexpr size_t kNameWidth = 21, kValueWidth = 15; // characters: an indented name; its number
 
 // A value as people read it.
 struct Shown {

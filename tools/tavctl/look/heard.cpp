@@ -10,7 +10,7 @@ namespace {
 
 constexpr const char *kBridge = "tavbridge";
 constexpr uint32_t kTellHeard = 2;
-constexpr double kPatience_s = 3;
+constexpr double kPatience_s = 3; // the bridge is on this machine and answers in milliseconds
 
 } // namespace
 

@@ -68,7 +68,7 @@ inline constexpr double kProbeTimeout_s = 5;
 Answer exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
                 uint32_t cmd = 0, std::string_view payload = {});
 
-// Why nobody answers at the address, as far as its socket file shows: a Problem with kNoAnswer.
+// Why no endpoint answers at the address, as far as its socket file shows: a Problem with kNoAnswer.
 Problem silence(const tav_addr_st &address, const std::string &begin = "no answer from ");
 // Why an exchange ended with a code other than 0.
 Problem failed_exchange(const tav_addr_st &address, int code);

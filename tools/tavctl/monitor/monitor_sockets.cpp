@@ -15,11 +15,11 @@
 namespace tavctl {
 namespace {
 
-constexpr size_t kMostListeners = 16;
+constexpr size_t kMostListeners = 16;     // directories; a machine rarely has more than a few
 constexpr size_t kMostConnections = 4096; // any process that may write to the socket can connect
 constexpr size_t kMostCopies = 1024;      // taken at once: 130 MB at most
 constexpr size_t kCopySize = 65'535 + sizeof(tav_ipc_hdr_st) + TAV_IPC_FRAGMENT_PAYLOAD; // bytes, at most
-constexpr int kWait_ms = 100;
+constexpr int kWait_ms = 100; // Ctrl-C and --count are noticed within it
 
 // Paths of this process's sockets, for its signal handler.
 char files[kMostListeners][tavipc::kLongestSocketPath + 1];
@@ -101,7 +101,7 @@ void MonitorSockets::open(const SocketDirectory &directory) {
                              "run tavctl as the user of the modules, or as root");
     char(&file)[sizeof files[0]] = files[listeners_.size()];
     file[path.copy(file, path.size())] = '\0';
-    // The change of the mode tells the modules. Those of other users connect to root's monitor.
+    // Modules watch for the change of the mode. Those of other users connect to root's monitor.
     if (listen(fd.get(), SOMAXCONN) != 0 || chmod(path.c_str(), geteuid() == 0 ? 0666 : 0600) != 0)
         throw unlink(path.c_str()), system_problem("cannot watch " + directory.path);
     poll_for(fd.get(), listeners_.size());
@@ -157,7 +157,7 @@ std::deque<Copy> MonitorSockets::take() {
     for (int i = 0; i < ready; ++i) {
         const uint64_t number = events[i].data.u64;
         if (number == kMostListeners)
-            std::cout.setstate(std::ios::badbit); // nobody reads it any more
+            std::cout.setstate(std::ios::badbit); // its reader has gone
         else if (number < kMostListeners)
             accept_at(static_cast<unsigned>(number));
         else
