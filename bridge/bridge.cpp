@@ -25,7 +25,7 @@ constexpr uint64_t kKeepAliveTicks = 20; // 10 s: a third of the time after whic
 constexpr uint64_t kStop_ms = 5000;      // at most, to store what was read; service managers wait 90 s
 constexpr uint64_t kQuiet_ms = 50;       // without a datagram: the senders have finished
 constexpr const char *kLater = "-NAK {\"delay\":60000000000}"; // ns
-constexpr const char *kEndpoint = "tavbridge", *kDurableEndpoint = "tavbridgd";
+constexpr const char *kDurableEndpoint = "tavbridgd";          // control traffic has tavipc::kBridgeEndpoint
 
 std::string socket_path(int location, const std::string &name) {
     const char *type = GetDeployTypeStr();
@@ -84,7 +84,7 @@ bool Bridge::start(std::string &reason) {
 }
 
 bool Bridge::open_endpoints(std::string &reason) {
-    control_.reset(tav_ipc_create(kEndpoint));
+    control_.reset(tav_ipc_create(tavipc::kBridgeEndpoint));
     if (control_) durable_.reset(tav_ipc_create_non_recv(kDurableEndpoint, 0));
     if (!durable_) {
         reason = std::string("no endpoint: ") + std::strerror(errno);
@@ -209,8 +209,8 @@ void Bridge::remember(const tav_addr_st &source) {
 void Bridge::on_request(const tav_addr_st &source, uint32_t reqid, uint32_t command) try {
     if (source.loc != home_.place.location) return; // other machines need not know
     std::string text;
-    if (command == kTellCounters) text = counters_text();
-    if (command == kTellHeard) text = heard_text();
+    if (command == tavipc::kBridgeCounters) text = counters_text();
+    if (command == tavipc::kBridgeHeard) text = heard_text();
     tav_ipc_response(control_.get(), &source, reqid, command, text.data(),
                      static_cast<uint32_t>(text.size()));
 } catch (const std::bad_alloc &) {
