@@ -1,5 +1,5 @@
-// The payload is copied exactly once: from the caller's buffer into the record or fragment slot that the
-// event library sends from.
+// The payload of a datagram that leaves at once is not copied. Otherwise it is copied once: from the caller's
+// buffer into the record or fragment slot that the event library sends from.
 //
 // Every log line can reach user code, and so can settle_sent. The frames here hold an EndpointPin and a
 // DestinationPin, and look at ipc->queue after such a call: null means that the endpoint was destroyed.

@@ -38,10 +38,10 @@ struct SendContext {
 
 namespace {
 
-constexpr uint32_t kWouldBlockTries = 11; // attempts for a busy destination
-constexpr uint32_t kOtherTries = 5;       // attempts for one that is missing or fails
-constexpr int64_t kManyModules = 5000;    // with more destinations an idle one goes at once
-constexpr uint32_t kMostSpareContexts = 1024;
+constexpr uint32_t kWouldBlockTries = 11;     // attempts for a busy destination
+constexpr uint32_t kOtherTries = 5;           // attempts for one that is missing or fails
+constexpr int64_t kManyModules = 5000;        // with more destinations an idle one goes at once
+constexpr uint32_t kMostSpareContexts = 1024; // attempts of a burst between two turns of the loop
 
 // --- attempts under way
 
