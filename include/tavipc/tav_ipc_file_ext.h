@@ -5,7 +5,7 @@
  *
  * The chunks of a file have no place for its name and size. A transfer with a name therefore begins with a
  * probe that announces both, before the first chunk (docs/wire.md describes it). A peer whose library does
- * not know announcements acknowledges the probe, ignores the rest, and gets the same chunks as ever. A file
+ * not know announcements acknowledges the probe, ignores the rest, and gets the same chunks. A file
  * that was not announced has an empty name.
  */
 #ifndef TAVIPC_TAV_IPC_FILE_EXT_H
