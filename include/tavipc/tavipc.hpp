@@ -118,7 +118,7 @@ struct Reply {
 
 using Timeout = std::chrono::milliseconds;
 
-// A negative time-out is over at once; one of more than 24 days never ends.
+// A negative time-out ends at once; a longer one than 24 days is cut to 24 days.
 inline int32_t milliseconds(Timeout timeout) noexcept {
     return static_cast<int32_t>(std::clamp<Timeout::rep>(timeout.count(), 0, INT32_MAX));
 }
