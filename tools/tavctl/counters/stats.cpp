@@ -116,7 +116,7 @@ void write_metric(const std::string &name, const char *help, bool gauge, const s
 }
 
 // A scraper refuses all when two lines have the same labels, so the second is left out: that of an ended
-// process, or one of a process that lies.
+// process, or of a forged file.
 int write_prometheus(const std::vector<CounterFile> &files,
                      const std::function<bool(const Counters &)> &wanted) {
     std::vector<Series> all;

@@ -1,4 +1,4 @@
-// tavctl monitor and tavctl log. Neither opens an endpoint: modules come to them.
+// tavctl monitor and tavctl log. Neither opens an endpoint: modules connect to them.
 #include <optional>
 #include <set>
 
