@@ -63,7 +63,7 @@ struct Answer {
     std::string payload;
     double took_s = 0;
 };
-inline constexpr double kProbeTimeout_s = 5;
+inline constexpr double kProbeTimeout_s = 5; // as tav_ipc_probe
 // kind: of tav_ipc_exchange_start. Throws Problem when the library refuses it.
 Answer exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
                 uint32_t cmd = 0, std::string_view payload = {});
