@@ -81,7 +81,7 @@ constexpr Command kCommands[] = {
      receive_files},
     {"monitor", "Show the messages of running modules as they are sent and received",
      "[NAME...]  Only those from or to these endpoints\n"
-     "--deploy-type TYPE  Watch below /var/TYPE too (may be repeated)\n"
+     "--deploy-type TYPE  Monitor below /var/TYPE too (may be repeated)\n"
      "--cmd CODE:0-4294967295  Only this command code\n"
      "--kind KIND  Only message, request, answer, ack, probe or file (may be repeated)\n"
      "--outcome WORD  Only sent, waiting, dropped, received, refused or incomplete (may be repeated)\n"
