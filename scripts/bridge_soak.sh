@@ -2,7 +2,8 @@
 # bridge_soak.sh BUILD [MESSAGES] [FAULTS] - three sites in network namespaces, each with a server of one cluster (streams
 # with three replicas) and a bridge whose socket a keeper holds. Each site sends a third of the messages (160 bytes to 100 KB)
 # to the next one, while links are cut and bridges and servers are killed with -9. Needs root. Then it accounts for every
-# message: lost, changed, twice. Defaults: 1,000,000 messages, 100 faults.
+# message: lost, changed, twice. Defaults: 1,000,000 messages, 100 faults. TAVIPC_SOAK_SEED=N repeats the faults,
+# TAVIPC_SOAK_REPLICAS=1 keeps each stream on one server, TAVBRIDGE_RATE=N limits each sender to N messages a second.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 build=$(readlink -f "$1") messages=${2:-1000000} faults=${3:-100}

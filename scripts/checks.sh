@@ -84,7 +84,7 @@ run_valgrind() {
 }
 
 sources() {
-    find agentid bench common compress examples include ipc platform tests tools -name '*.h' -o -name '*.c' -o -name '*.cpp' -o -name '*.hpp'
+    find agentid bench bridge common compress examples include ipc platform tests tools -name '*.h' -o -name '*.c' -o -name '*.cpp' -o -name '*.hpp'
 }
 
 check_format() {

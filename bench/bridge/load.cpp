@@ -98,8 +98,14 @@ int send_all(const std::string &to, uint64_t count, uint64_t seed, size_t size) 
     tav_ipc_st *ipc = open_endpoint(("s" + std::to_string(getpid() % 10000000)).c_str());
     const tav_addr_st dest = address(to);
     std::vector<char> bytes;
+    const char *limit = std::getenv("TAVBRIDGE_RATE"); // messages a second
+    const double rate = limit ? std::atof(limit) : 1e12;
     const auto begin = Clock::now();
     for (uint64_t number = 0; number < count;) {
+        if (static_cast<double>(number) > rate * seconds_since(begin)) {
+            cl_event_loop_run_once(1);
+            continue;
+        }
         bytes.resize(size_of(number, seed, size));
         fill(bytes, number, seed);
         uint64_t waiting = 0;
@@ -272,6 +278,7 @@ int native_requests(const char *url, size_t count) {
         times.push_back(seconds_since(begin) * 1e6);
         natsMsg_Destroy(reply);
     }
+    if (s != NATS_OK) return EXIT_FAILURE;
     std::sort(times.begin(), times.end());
     std::printf("native round trip: median %.0f us, 99 %% %.0f us, %s\n", times[times.size() / 2],
                 times[times.size() * 99 / 100], natsStatus_GetText(s));
