@@ -15,16 +15,17 @@ namespace tavbridge {
 namespace {
 
 constexpr int kHubLocation = 4, kHubPipes = 8; // its modules write to _prx0 to _prx7
-// Bytes in nats.c for the socket, then the bridge reads nothing more: after each part that the socket takes,
-// nats.c moves the rest to the front.
+// Bytes that nats.c may hold for its socket before the bridge stops reading. nats.c moves all of them in
+// memory after each partial write, so more of them cost time.
 constexpr size_t kMostUnsent = 512 << 10;
-constexpr size_t kMostHeard = 4096; // endpoints of other locations
-constexpr uint64_t kTick_ms = 500;
-constexpr uint64_t kLook_ms = 1;         // while something is held: the library has no call for "it left"
+constexpr size_t kMostHeard = 4096;      // endpoints of other locations to remember: about 400 KB
+constexpr uint64_t kTick_ms = 500;       // resends, keep-alives and the watchdog need no finer one
+constexpr uint64_t kLook_ms = 1;         // while datagrams are held: the library has no callback for "left"
 constexpr uint64_t kKeepAliveTicks = 20; // 10 s: a third of the time after which the engine delivers again
-constexpr uint64_t kStop_ms = 5000, kQuiet_ms = 50;
+constexpr uint64_t kStop_ms = 5000;      // at most, to store what was read; service managers wait 90 s
+constexpr uint64_t kQuiet_ms = 50;       // without a datagram: the senders have finished
 constexpr const char *kLater = "-NAK {\"delay\":60000000000}"; // ns
-constexpr const char *kEndpoint = "tavbridge", *kDurableEndpoint = "tavbridgd";
+constexpr const char *kDurableEndpoint = "tavbridgd";          // control traffic has tavipc::kBridgeEndpoint
 
 std::string socket_path(int location, const std::string &name) {
     const char *type = GetDeployTypeStr();
@@ -83,7 +84,7 @@ bool Bridge::start(std::string &reason) {
 }
 
 bool Bridge::open_endpoints(std::string &reason) {
-    control_.reset(tav_ipc_create(kEndpoint));
+    control_.reset(tav_ipc_create(tavipc::kBridgeEndpoint));
     if (control_) durable_.reset(tav_ipc_create_non_recv(kDurableEndpoint, 0));
     if (!durable_) {
         reason = std::string("no endpoint: ") + std::strerror(errno);
@@ -104,7 +105,7 @@ bool Bridge::open_endpoints(std::string &reason) {
     return true;
 }
 
-// The hub's modules write each message to all its pipes: only what comes through the first one counts.
+// The hub's modules write each message to all its pipes: only the first one's copy is forwarded.
 bool Bridge::open_pipes(std::string &reason) {
     const bool hub = home_.place.location == kHubLocation;
     for (int i = 0; i < (hub ? kHubPipes : 1); ++i) {
@@ -203,13 +204,13 @@ void Bridge::remember(const tav_addr_st &source) {
     heard_[key] = cl_event_loop_now();
 }
 
-// --- what it tells
+// --- answers to modules
 
 void Bridge::on_request(const tav_addr_st &source, uint32_t reqid, uint32_t command) try {
     if (source.loc != home_.place.location) return; // other machines need not know
     std::string text;
-    if (command == kTellCounters) text = counters_text();
-    if (command == kTellHeard) text = heard_text();
+    if (command == tavipc::kBridgeCounters) text = counters_text();
+    if (command == tavipc::kBridgeHeard) text = heard_text();
     tav_ipc_response(control_.get(), &source, reqid, command, text.data(),
                      static_cast<uint32_t>(text.size()));
 } catch (const std::bad_alloc &) {

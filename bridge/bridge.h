@@ -17,13 +17,6 @@
 
 namespace tavbridge {
 
-// What the endpoint "tavbridge" answers, to modules of its own machine.
-enum Command : uint32_t {
-    kTellCounters = 1, // "NAME VALUE" lines
-    kTellHeard =
-        2 // "NAME LOCATION HOSTID SECONDS" lines: endpoints of other locations, and when they were heard
-};
-
 class Bridge {
   public:
     explicit Bridge(const Settings &settings);

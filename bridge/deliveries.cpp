@@ -9,6 +9,7 @@ namespace {
 constexpr size_t kRecent = 65536;         // messages, many windows
 constexpr uint64_t kBatchBytes = 8 << 20; // of one batch: the library refuses 32 MiB to a destination
 constexpr size_t kBatch = 256;            // datagrams: most of a window
+// Pause before another attempt: 5 s more each time, because a module restarts in seconds; at most a minute.
 constexpr uint64_t kTryAgain_s = 5, kMostTryAgain_s = 60;
 
 struct Fate {

@@ -1,10 +1,10 @@
 // Durable datagrams on their way from the engine to local sockets.
 //
-// Each destination has a queue of messages and one batch that was handed to the local library. When the
-// library has nothing more of that batch, the counters of the destination say what became of it: all left,
-// and the batch is acknowledged; or some were dropped, and the batch goes back to the engine for a later try,
-// since the counters do not say which. Priorities reorder datagrams inside the library, so single ones cannot
-// be told apart earlier.
+// Each destination has a queue of messages and one batch that was handed to the local library. When nothing
+// of that batch waits in the library, the counters of the destination show its outcome. If all datagrams
+// left, the batch is acknowledged. If some were dropped, the whole batch goes back to the engine for another
+// attempt, because the counters do not show which. Priorities reorder datagrams inside the library, so the
+// outcome of a single one cannot be seen earlier.
 //
 // The engine gives out at most `window` messages without an acknowledgement, which bounds what is held here.
 #pragma once

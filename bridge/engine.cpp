@@ -13,7 +13,7 @@ namespace tavbridge {
 namespace {
 
 constexpr int64_t kEnd_ms = 2000;      // for threads of nats.c to end
-constexpr int64_t kReconnect_ms = 250; // between attempts
+constexpr int64_t kReconnect_ms = 250; // between attempts: a refused one costs little
 constexpr int kPending = 65536;        // bytes that nats.c keeps while it reconnects; the outbox has the rest
 enum Action : int { kAttach, kRead, kWrite, kDetach, kUp, kDown };
 

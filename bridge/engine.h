@@ -5,9 +5,9 @@
 // ones that are emptied without a wait after each read, so no thread of nats.c handles messages. JetStream is
 // used by its subjects, since the calls of nats.c for it wait for answers.
 //
-// A server that was killed may come back with a consumer that delivers nothing more, or passes over messages
-// of its stream. So the bridge looks twice a minute, and makes a consumer anew for which messages waited a
-// minute without a delivery, while the bridge itself held none.
+// After a server was killed and restarted, a consumer may deliver nothing more or skip messages of its
+// stream. The bridge therefore checks twice a minute. If messages waited for a consumer for a minute without
+// a delivery, while the bridge itself held none, it deletes the consumer and creates it again.
 //
 // While the connection is down no function of nats.c is called that could wait for its lock.
 #pragma once
@@ -82,7 +82,8 @@ class Engine {
     // Bytes that nats.c holds for the socket.
     size_t unsent_bytes() const;
 
-    // Between batch(true) and batch(false) nats.c's socket is not written to; then it is, at once.
+    // Between batch(true) and batch(false) the writes of nats.c to its socket are delayed; batch(false) makes
+    // them.
     void batch(bool begin);
     bool publish(const std::string &subject, std::string_view datagram);
     bool publish_durable(const std::string &subject, const std::string &id_header, uint64_t id,

@@ -16,7 +16,7 @@ namespace {
 
 using namespace tavbridge;
 
-constexpr int kMisuse = 2;
+constexpr int kMisuse = 2; // exit status
 constexpr const char *kSettingsFile = "@/../config/tav-bridge.ini";
 
 void usage(FILE *out) {

@@ -5,9 +5,9 @@
 namespace tavbridge {
 namespace {
 
-constexpr uint64_t kAnswer_ms = 5000; // a cluster elects a new leader in less
-constexpr uint64_t kRefused_ms = 1000;
-constexpr uint64_t kOverhead = 300; // bytes of an entry beside its datagram
+constexpr uint64_t kAnswer_ms = 5000;  // a cluster elects a new leader in less
+constexpr uint64_t kRefused_ms = 1000; // pause after a refusal: a full stream empties slowly
+constexpr uint64_t kOverhead = 300;    // bytes of an entry beside its datagram
 
 } // namespace
 

@@ -16,9 +16,9 @@
 namespace tavbridge {
 namespace {
 
-constexpr size_t kBuffer =
-    tavipc::kHeaderSize + tavipc::kFragmentPayload + 4096; // bytes: longer ones are no datagrams
-constexpr int kFirstPassed = 3;                            // sd_listen_fds(3)
+// Bytes; a longer datagram is not one of the library's.
+constexpr size_t kBuffer = tavipc::kHeaderSize + tavipc::kFragmentPayload + 4096;
+constexpr int kFirstPassed = 3; // sd_listen_fds(3)
 
 int bound_socket(const std::string &path) {
     cl_sockaddr_t address;

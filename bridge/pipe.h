@@ -5,7 +5,7 @@
 // socket, too (a socket unit), it survives a bridge that is killed, and the next one reads it again; the
 // engine then recognises by their ids the datagrams that it has.
 //
-// SO_PEEK_OFF makes each look begin behind the one before. The socket stays readable while it has such
+// SO_PEEK_OFF makes each peek begin behind the one before. The socket stays readable while it has such
 // datagrams, so it is watched edge-triggered, in an epoll set of its own.
 #pragma once
 

@@ -1,4 +1,4 @@
-// The part of Engine that looks after streams and consumers.
+// The functions of Engine that make streams and consumers and check that they still work.
 #include <algorithm>
 #include <utility>
 

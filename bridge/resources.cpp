@@ -7,8 +7,8 @@ namespace {
 constexpr int64_t kConnect_ms = 2000; // for one attempt; the loop may wait this long for nats.c's lock
 constexpr int64_t kPing_ms = 5000;    // a server that does not answer two of these is gone
 constexpr int kPings = 2;
-constexpr int kReadAtOnce =
-    256 << 10; // bytes: a bridge that reads slowly lets the engine hold up all senders
+// Bytes for one read from the engine: the engine delays all senders for a bridge that reads slowly.
+constexpr int kReadAtOnce = 256 << 10;
 constexpr uint64_t kAcknowledge_s = 30; // then the engine delivers again; deliveries.h says "+WPI" before
 
 std::string quoted(const std::string &text) { return '"' + text + '"'; } // tokens and numbers need no more
@@ -91,7 +91,7 @@ Options make_options(const Settings &settings, std::string &reason) {
     set(natsOptions_SetMaxPingsOut(made, kPings));
     set(natsOptions_SetIOBufSize(made, kReadAtOnce));
     set(natsOptions_SetName(made, "tav-bridge"));
-    // Servers that the engine tells of may be anywhere: only those in the file are used.
+    // Only the servers in the file are used: those that the engine announces may be anywhere.
     set(natsOptions_SetIgnoreDiscoveredServers(made, true));
     if (settings.tls()) set(natsOptions_SetSecure(made, true));
     if (!settings.ca.empty()) set(natsOptions_LoadCATrustedCertificates(made, settings.ca.c_str()));

@@ -15,7 +15,7 @@ namespace tavbridge {
 namespace {
 
 constexpr uint64_t kLeastStream = 1 << 20, kMostStream = uint64_t{1} << 50; // bytes
-constexpr uint64_t kMostAge_s = 366 * 86400;
+constexpr uint64_t kMostAge_s = 366 * 86400; // a year; more is probably in another unit
 constexpr uint64_t kLeastWaiting = 1 << 20, kMostWaiting = uint64_t{1} << 32; // bytes: some datagrams; memory
 constexpr uint64_t kMostWindow = 4096; // datagrams of up to 64,060 bytes: 262 MB
 

@@ -9,7 +9,7 @@
 namespace tavbridge {
 namespace {
 
-constexpr size_t kTokens = 8;
+constexpr size_t kTokens = 8; // of a subject; see subjects.h
 
 template <typename Number> bool read_number(std::string_view text, Number &number) {
     const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), number);

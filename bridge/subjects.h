@@ -41,7 +41,7 @@ std::string subject_text(std::string_view domain, const Subject &subject);
 // Nothing for a text in any other form.
 std::optional<Subject> parse_subject(std::string_view domain, std::string_view text);
 
-// What a bridge knows of itself.
+// A bridge's own place and policy.
 struct Home {
     Place place;
     bool durable = true;        // false: everything is control traffic

@@ -1,4 +1,4 @@
-// Names and limits of the running system that the libraries and tavctl share.
+// Names and limits of the running system that the libraries, tavctl and tav-bridge share.
 #pragma once
 
 #include <cstddef>
@@ -25,5 +25,12 @@ inline constexpr uint32_t kCompressMinimum = 148;
 inline constexpr char kReceivedFile[] = "/tmp/ipc_file.XXXXXX";   // for mkstemp
 inline constexpr char kTraceSwitch[] = "/tmp/ipc_debug";          // traces every message while it exists
 inline constexpr char kIdentityLock[] = "/tav_agentid_mutexlock"; // named semaphore, below /dev/shm/sem.
+
+// tav-bridge answers requests of its own machine at this endpoint. The command code selects the answer.
+inline constexpr char kBridgeEndpoint[] = "tavbridge";
+enum BridgeCommand : uint32_t {
+    kBridgeCounters = 1, // "NAME VALUE" lines
+    kBridgeHeard = 2 // "NAME LOCATION HOSTID SECONDS" lines: endpoints of other locations, time since heard
+};
 
 } // namespace tavipc

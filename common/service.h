@@ -1,4 +1,5 @@
-// What a service manager gives to a process and is told by it, as sd_notify(3) and sd_listen_fds(3) describe.
+// The protocol with a service manager: notifications and passed sockets, as sd_notify(3) and sd_listen_fds(3)
+// describe.
 #pragma once
 
 #include <algorithm>
@@ -15,7 +16,7 @@
 
 namespace tavipc {
 
-// Tells about the state of the service. Does nothing without a manager.
+// Reports the state of the service. Does nothing without a manager.
 inline void notify(const char *state) noexcept {
     const char *path = std::getenv("NOTIFY_SOCKET");
     sockaddr_un address{};

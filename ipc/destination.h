@@ -1,7 +1,7 @@
 // Destinations: the named endpoints that a queue's messages are sent to.
 //
 // A destination is made at the first look-up of its name. It lives until it is idle (nothing queued, nothing
-// in flight, no pin) and somebody asks for its release: the hourly sweep, or the transmitter when there are
+// in flight, no pin) and is released by the hourly sweep, or by the transmitter when there are
 // very many. Destroying the queue releases all destinations; one that is pinned then lives on, without a
 // socket, until its last pin goes.
 #pragma once

@@ -21,11 +21,11 @@ namespace tavipc {
 namespace {
 
 constexpr long kShortLife_ms = 250; // an endpoint of a command-line tool rarely lives longer
-constexpr long kRetry_ms = 5000;
+constexpr long kRetry_ms = 5000;    // without a descriptor: rare, and a late notice of monitors does no harm
 constexpr uint32_t kModeEvents = IN_ATTRIB | IN_ONLYDIR;
 constexpr uint32_t kFileEvents = kModeEvents | IN_CREATE | IN_DELETE | IN_MOVE;
-// In the directory above, where few things happen. A removed directory tells nothing itself while it has an
-// open socket.
+// In the directory above, which changes rarely. A removed directory reports no event of its own while one of
+// its sockets is open.
 constexpr uint32_t kAboveEvents = IN_CREATE | IN_DELETE | IN_MOVE | IN_ONLYDIR;
 
 constexpr pthread_key_t kNoKey = ~pthread_key_t{0}; // functions refuse it

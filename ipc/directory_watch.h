@@ -1,16 +1,16 @@
-// Tells endpoints at once, through the loop of their thread, what changes in their socket directory.
+// Reports changes of the socket directory to endpoints at once, through the loop of their thread.
 //
 // All listeners of one thread and location share one inotify descriptor, because a user may have few of them
-// (fs.inotify.max_user_instances, often 128), and an endpoint's directory sees many files of others: without
-// a listener for files the kernel wakes the thread for changed modes only. Closing an inotify descriptor
-// blocks for about 11 ms if it watches something, or did some milliseconds ago, also at the end of the
-// process. So the thread keeps its descriptor to its end: without listeners it watches nothing. And a program
-// that has an endpoint for less than a quarter of a second, as command-line tools do, gets none: a timer's
-// descriptor is watched in its place until then. A timer also retries when no inotify descriptor is to be
-// had. The directory above is watched, too: if the directory is removed and made again, the new one counts.
+// (fs.inotify.max_user_instances, often 128). Other processes make many files in the directory: without a
+// listener for files the kernel wakes the thread for changed modes only. Closing an inotify descriptor blocks
+// for about 11 ms if it watches something, or did some milliseconds ago, also at the end of the process. The
+// thread therefore keeps its descriptor to its end; without listeners it watches nothing. A program that has
+// an endpoint for less than a quarter of a second, as command-line tools do, gets none: the loop watches a
+// timer's descriptor until then. A timer also retries if no inotify descriptor can be made. The directory
+// above is watched, too: if the directory is removed and made again, the new one is watched.
 //
-// Nothing is noticed with an event library that cannot watch descriptors. A forked child has the listeners of
-// its parent, but they hear nothing there.
+// If the event library cannot watch descriptors, no change is reported. A forked child has the listeners of
+// its parent, but gets no reports.
 #pragma once
 
 #include <cstdint>

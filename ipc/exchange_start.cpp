@@ -1,4 +1,4 @@
-// The exported functions of exchanges with an id, but for cancellation: they check what they are given.
+// The exported functions that start exchanges with an id. They check their arguments.
 #include <cerrno>
 
 #include "ipc/endpoint.h"

@@ -80,7 +80,7 @@ class FragmentSets {
 
     // The set or mark of the fragment's message; null when there is none.
     FragmentSet *find(const tav_ipc_hdr_st &fragment) const;
-    // Have so many sets the fragment's key that no other is made?
+    // Whether too many sets have the fragment's key for another one.
     bool is_full(const tav_ipc_hdr_st &fragment) const;
     // Makes the set of a fragment's message, which has none. Null when memory is short.
     FragmentSet *create(const tav_ipc_hdr_st &fragment, time_t now_s);

@@ -143,7 +143,7 @@ void on_answer(uint64_t, int32_t code, uint32_t, const void *, uint32_t, void *u
                            transfer->user);
 }
 
-// Tells the peer that no more chunks come. Nobody waits for its answer.
+// Reports to the peer that no more chunks come, without waiting for an answer.
 void withdraw(tav_ipc_st *ipc, const tav_addr_st &dest, uint32_t file_id) {
     FileAnnouncement head{{}, kWithdraws, TAV_IPC_FILE_SIZE_UNKNOWN};
     std::memcpy(head.mark, kFileMark, sizeof kFileMark);

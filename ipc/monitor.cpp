@@ -27,7 +27,7 @@ namespace {
 // Bytes of send buffer: about 1,400 small copies that the monitor has not read. The kernel grants twice this,
 // or its limit (net.core.wmem_max).
 constexpr int kSendBuffer = 512 << 10;
-constexpr int kHighestLogLevel = 4;
+constexpr int kHighestLogLevel = 4;                           // the levels of tavbase.h
 constexpr size_t kNameSize = sizeof TAV_IPC_MONITOR_NAME + 1; // with the digit and NUL
 
 bool is_trusted(uid_t user) { return user == 0 || user == ::geteuid(); }
@@ -52,7 +52,7 @@ void prepare(int fd) {
         ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
 }
 
-// Empty when nobody is to be had there.
+// Empty when there is no monitor, or it refuses.
 UniqueFd connect_to(const cl_sockaddr_t &address, int type) {
     UniqueFd fd(::socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd) return fd;
@@ -140,7 +140,7 @@ void Link::send(tav_ipc_monitor_record_st record, const MonitoredDatagram &datag
     }
 }
 
-// Takes one command. False when there is none that is to be followed.
+// Reads one command. False when there is none, or it is not allowed.
 bool Link::receive(tav_ipc_monitor_command_st &command) noexcept {
     iovec part{&command, sizeof command};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))]; // no space for descriptors
@@ -195,7 +195,7 @@ class MonitorTap {
     DirectoryListener listener_{DirectoryListener::Interest::kModes, on_change, this};
 };
 
-// Connects to the monitor of that name anew, or (null) to all that there is no link to.
+// Connects again to the monitor of that name, or (null) to all that the endpoint has no link to.
 void MonitorTap::look(const char *changed) noexcept {
     constexpr size_t kLength = sizeof TAV_IPC_MONITOR_NAME - 1;
     if (changed && std::strncmp(changed, TAV_IPC_MONITOR_NAME, kLength) != 0) return;

@@ -46,10 +46,10 @@ struct Watch {
     char name[TAV_IPC_NAME_SIZE];
     tav_ipc_watch_cb callback;
     void *user;
-    Presence state = Presence::kUnknown; // what the callback knows
+    Presence state = Presence::kUnknown; // as last reported to the callback
     FileIdentity socket{};               // of the peer that is present
-    bool changed = false;                // since the last pass: the directory told of the name
-    bool removed = false;                // and that its file went
+    bool changed = false;                // since the last pass: the directory reported the name
+    bool removed = false;                // and that its file was removed
 };
 
 } // namespace

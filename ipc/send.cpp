@@ -1,5 +1,5 @@
-// The payload is copied exactly once: from the caller's buffer into the record or fragment slot that the
-// event library sends from.
+// The payload of a datagram that leaves at once is not copied. Otherwise it is copied once: from the caller's
+// buffer into the record or fragment slot that the event library sends from.
 //
 // Every log line can reach user code, and so can settle_sent. The frames here hold an EndpointPin and a
 // DestinationPin, and look at ipc->queue after such a call: null means that the endpoint was destroyed.
@@ -108,7 +108,7 @@ int refuse(const tav_ipc_st *ipc, const Destination *to, Counter reason) {
 int refuse_huge(const tav_ipc_st *ipc, const tav_ipc_hdr_st &header) {
     account_refused(ipc, nullptr, TAV_IPC_STATS_REFUSED_SIZE);
     TAV_TRACE(&header, "too huge, dropped: %u", header.size);
-    if (header.flags & IPC_FLAG_RESPONSE) // nobody sees the result of tav_ipc_response
+    if (header.flags & IPC_FLAG_RESPONSE) // tav_ipc_response returns no result
         TAV_LOG_LIMITED(2, "tav_ipc", "response is too large, drop it|reqid=%u|dest=[%u:%s:%u]|size=%u",
                         header.reqid, header.dest.hostid, name_text(header.dest).text, header.dest.loc,
                         header.size);

@@ -1,10 +1,11 @@
 // Paths are composed without printf: the send path needs one for each new destination.
 //
 // A killed process leaves its socket files behind. The next endpoint of the same name replaces an endpoint's
-// file. The names of sending sockets hold the process id, so nobody would ever replace theirs. Such a stale
-// file is removed by binding a new socket at its path and closing it: the event library replaces only a file
-// whose owner is gone, under the directory's lock, so a live socket is never removed, whatever happens
-// between the look and the removal. Files of counters are left behind, too; stats_file knows the stale ones.
+// file. The names of sending sockets contain the process id, so no later endpoint would replace their files.
+// Such a stale file is removed by binding a new socket at its path and closing it: the event library replaces
+// only a file whose owner is gone, under the directory's lock, so a live socket is never removed, whatever
+// happens between the look and the removal. Files of counters are left behind, too; stats_file knows the
+// stale ones.
 #include "ipc/socket_directory.h"
 
 #include <algorithm>

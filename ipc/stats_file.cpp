@@ -24,12 +24,12 @@
 namespace tavipc {
 namespace {
 
-constexpr uint32_t kRecords = 512;   // endpoints and destinations of a busy module many times over
+constexpr uint32_t kRecords = 512;   // several times the endpoints and destinations of a busy module
 constexpr size_t kHeaderBytes = 64;  // keeps the records aligned
 constexpr size_t kAllocation = 4096; // bytes: a page of the common sizes, or a part of one
 constexpr int kCreateAttempts = 3;   // other processes may remove the new file while it is not locked
-constexpr mode_t kFileMode = 0644;   // whoever could truncate the file could stop this process by SIGBUS
-constexpr size_t kPathBytes = 108;   // as an address of a socket
+constexpr mode_t kFileMode = 0644; // only the owner writes: a truncated file would end this process by SIGBUS
+constexpr size_t kPathBytes = 108; // as an address of a socket
 constexpr size_t kRecordBytes = sizeof(tav_ipc_stats_record_st);
 constexpr size_t kFileBytes = kHeaderBytes + kRecords * kRecordBytes;
 
@@ -184,7 +184,7 @@ struct AtExit {
 // --- fork
 
 // Puts copies of the used records in the place of the mapping, in a forked child. Without memory for copies
-// the records are zeros: nobody else sees them any more.
+// the records are zeros: no other process can see them.
 void make_private() {
     constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
     const size_t used = kHeaderBytes + g_file.highest * kRecordBytes;

@@ -2,8 +2,8 @@
 //
 // The first endpoint of a process makes the file in its socket directory. The last one removes it, or exit
 // does. The owner holds a lock (flock) on it, which the kernel releases with the process: a file whose lock
-// is free is stale. A record that finds no place in the file, or whose file cannot be made, is in memory of
-// this process alone; whoever counts sees no difference. tav_ipc_stats.h describes the layout.
+// is free is stale. If the file is full or cannot be made, a record is in private memory; callers see no
+// difference. tav_ipc_stats.h describes the layout.
 //
 // All endpoints of the process share the file, so taking and freeing a record locks a mutex. Counting does
 // not: one thread writes a record's values. Space for a record is allocated before the record is used, so a
@@ -19,7 +19,7 @@ namespace tavipc {
 
 // The counters of an endpoint or of a destination. Zeroed memory is an account that was never open.
 struct Account {
-    uint64_t *values;     // where to count, once it has been open; when it is closed, what nobody reads
+    uint64_t *values;     // where to count; after the account is closed, memory that is never read
     uint32_t outstanding; // datagrams accepted that have neither left nor been dropped
     bool is_open;
     bool own_memory; // the record is not in the file

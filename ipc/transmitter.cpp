@@ -38,10 +38,10 @@ struct SendContext {
 
 namespace {
 
-constexpr uint32_t kWouldBlockTries = 11; // attempts for a busy destination
-constexpr uint32_t kOtherTries = 5;       // attempts for one that is missing or fails
-constexpr int64_t kManyModules = 5000;    // with more destinations an idle one goes at once
-constexpr uint32_t kMostSpareContexts = 1024;
+constexpr uint32_t kWouldBlockTries = 11;     // attempts for a busy destination
+constexpr uint32_t kOtherTries = 5;           // attempts for one that is missing or fails
+constexpr int64_t kManyModules = 5000;        // with more destinations an idle one goes at once
+constexpr uint32_t kMostSpareContexts = 1024; // attempts of a burst between two turns of the loop
 
 // --- attempts under way
 
@@ -240,7 +240,7 @@ bool is_first(const ipc_queue_msg_st &msg, const ipc_queue_st &queue) {
 bool send_directly(const Route &route, const tav_ipc_hdr_st &header, const void *payload) {
     const auto send_now = direct_send();
     const mod_info_st &to = route.to->info;
-    // With so many destinations each completion releases its destination.
+    // Above this number of destinations each completion releases its destination.
     if (!send_now || !payload || route.ipc->queue->mod_count > kManyModules) return false;
     const uint32_t limit = in_flight_class(header.flags & IPC_FLAGS_CONTROL, route.priority);
     if (uint64_t{kHeaderSize} + header.size + to.sending_bytes >= limit) return false;

@@ -1,8 +1,8 @@
 // Descriptors of libtavipc that a forked child does not keep: the child's copy of an inotify descriptor would
-// take the parent's events, and one of a connection would hide the parent's end from the other side.
+// take the parent's events, and a copy of a connection would keep it open after the parent has closed it.
 //
-// All are in one list of the process. The child closes them before fork returns, those of threads that do not
-// exist in the child included. Their owners find them empty then.
+// All are in one list of the process. The child closes them before fork returns, also those of threads that
+// do not exist in the child. Their owners find them empty then.
 #pragma once
 
 #include <cstdint>

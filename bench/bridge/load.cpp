@@ -1,15 +1,20 @@
 // tavbridge-load - traffic for the bridge's benchmark and long run. Each mode is a process of its own.
 //
-//   send DEST COUNT SEED SIZE   sends numbered messages (SIZE 0: 160 bytes to 100 KB), waits until all have
-//   left sink SOURCES                receives them; with each line of input, and at its end, it prints an
-//   account ping DEST COUNT             requests one after the other; prints the median round trip echo
-//   answers them hold PATH COMMAND...        keeps the socket PATH, passes it to the command and restarts
-//   that when it ends native URL CLASS SIZE COUNT nats.c's own publisher and subscriber: CLASS is core or
-//   durable
+//   send DEST COUNT SEED SIZE
+//     sends numbered messages (SIZE 0: 160 bytes to 100 KB), and waits until all have left
+//   sink SOURCES
+//     receives them; with each line of input, and at its end, it prints an account
+//   ping DEST COUNT
+//     sends requests one after the other; prints the median round trip
+//   echo
+//     answers them
+//   hold PATH COMMAND...
+//     keeps the socket PATH, passes it to the command, and starts the command again when it ends
+//   native URL CLASS SIZE COUNT
+//     nats.c's own publisher and subscriber (native.h); CLASS is core, durable or request
 //
 // A message is its number and its seed, then bytes that follow from both.
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -20,7 +25,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <nats/nats.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -29,6 +33,7 @@
 #include <unistd.h>
 
 #include "common/datagram.h"
+#include "native.h"
 #include "tavcl_loop.h"
 #include "tavipc/tav_ipc.h"
 #include "tavipc/tav_ipc_ext.h"
@@ -243,92 +248,6 @@ int hold(const char *path, char **command) {
         waitpid(child, nullptr, 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
-}
-
-// --- what nats.c reaches itself
-
-std::atomic<uint64_t> native_got{0};
-void native_take(natsConnection *, natsSubscription *, natsMsg *message, void *acknowledge) {
-    if (acknowledge) natsMsg_Ack(message, nullptr);
-    natsMsg_Destroy(message);
-    ++native_got;
-}
-
-// The round trip of a request between two connections: what the engine itself takes.
-int native_requests(const char *url, size_t count) {
-    natsConnection *in = nullptr, *out = nullptr;
-    natsSubscription *subscription = nullptr;
-    const auto answer = [](natsConnection *nc, natsSubscription *, natsMsg *message, void *) {
-        natsConnection_PublishString(nc, natsMsg_GetReply(message), "pong");
-        natsMsg_Destroy(message);
-    };
-    natsOptions *options = nullptr;
-    natsOptions_Create(&options);
-    natsOptions_SetURL(options, url);
-    natsOptions_SetSendAsap(options, true);
-    natsStatus s = natsConnection_Connect(&in, options);
-    if (s == NATS_OK) s = natsConnection_Connect(&out, options);
-    if (s == NATS_OK) s = natsConnection_Subscribe(&subscription, in, "native.r", answer, nullptr);
-    if (s == NATS_OK) s = natsConnection_Flush(in);
-    std::vector<double> times;
-    while (s == NATS_OK && times.size() < count) {
-        natsMsg *reply = nullptr;
-        const auto begin = Clock::now();
-        s = natsConnection_RequestString(&reply, out, "native.r", "ping", 1000);
-        times.push_back(seconds_since(begin) * 1e6);
-        natsMsg_Destroy(reply);
-    }
-    if (s != NATS_OK) return EXIT_FAILURE;
-    std::sort(times.begin(), times.end());
-    std::printf("native round trip: median %.0f us, 99 %% %.0f us, %s\n", times[times.size() / 2],
-                times[times.size() * 99 / 100], natsStatus_GetText(s));
-    return s == NATS_OK ? EXIT_SUCCESS : EXIT_FAILURE;
-}
-
-int native(const char *url, bool durable, size_t size, uint64_t count) {
-    natsConnection *in = nullptr, *out = nullptr;
-    natsSubscription *subscription = nullptr;
-    jsCtx *js_in = nullptr, *js_out = nullptr;
-    const std::vector<char> bytes(size + tavipc::kHeaderSize, 'x');
-    natsStatus s = natsConnection_ConnectTo(&in, url);
-    if (s == NATS_OK) s = natsConnection_ConnectTo(&out, url);
-    if (s == NATS_OK && durable) {
-        jsStreamConfig stream;
-        jsStreamConfig_Init(&stream);
-        const char *subject = "native.x";
-        stream.Name = "NATIVE";
-        stream.Subjects = &subject;
-        stream.SubjectsLen = 1;
-        stream.Retention = js_WorkQueuePolicy;
-        natsConnection_JetStream(&js_in, in, nullptr);
-        natsConnection_JetStream(&js_out, out, nullptr);
-        js_AddStream(nullptr, js_out, &stream, nullptr, nullptr);
-        jsSubOptions options;
-        jsSubOptions_Init(&options);
-        options.ManualAck = true;
-        options.Config.Durable = "native";
-        options.Config.MaxAckPending = 256; // as the bridge's window
-        s = js_Subscribe(&subscription, js_in, subject, native_take, js_in, nullptr, &options, nullptr);
-    } else if (s == NATS_OK) {
-        s = natsConnection_Subscribe(&subscription, in, "native.x", native_take, nullptr);
-        natsSubscription_SetPendingLimits(subscription, -1, -1);
-        natsConnection_Flush(in);
-    }
-    const auto begin = Clock::now();
-    for (uint64_t i = 0; s == NATS_OK && i < count; ++i) {
-        while (i - native_got > 4096) std::this_thread::sleep_for(std::chrono::microseconds(50));
-        s = durable
-                ? js_PublishAsync(js_out, "native.x", bytes.data(), static_cast<int>(bytes.size()), nullptr)
-                : natsConnection_Publish(out, "native.x", bytes.data(), static_cast<int>(bytes.size()));
-    }
-    natsConnection_Flush(out);
-    while (s == NATS_OK && native_got < count && seconds_since(begin) < 120)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    std::printf("native %s: %llu of %zu bytes in %.3f s, %s\n", durable ? "durable" : "core",
-                static_cast<unsigned long long>(native_got.load()), size, seconds_since(begin),
-                natsStatus_GetText(s));
-    if (durable) js_DeleteStream(js_out, "NATIVE", nullptr, nullptr);
-    return s == NATS_OK ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 } // namespace

@@ -57,7 +57,7 @@ TAVIPC_API int ipc_req_manager_pop_timeout(ipc_req_manager_st *manager, int64_t 
 TAVIPC_API void ipc_req_manager_walk(ipc_req_manager_st *manager,
                                      int (*visit)(uint32_t reqid, void *record, void *argument),
                                      void *argument) TAVIPC_NOEXCEPT;
-/* The number of requests in the table. */
+/* Returns the number of requests in the table. */
 TAVIPC_API uint32_t ipc_req_manager_count(const ipc_req_manager_st *manager) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS

@@ -70,16 +70,16 @@ TAVIPC_API unsigned int StoreAgentIdByRuvo(unsigned int id) TAVIPC_NOEXCEPT
 
 TAVIPC_BEGIN_DECLS
 
-/* The manager's address (dotted IPv4, at most ip_size bytes with the NUL) and IPC port (host order, default
- * 8083), from server.ini and server_port.ini. Returns 0 on success; 6 if ip or port is null or ip_size below
- * 1; 14 if the address cannot be resolved; otherwise the errno of the failure, which may be 0 if a key is
- * absent. */
+/* Stores the manager's address (dotted IPv4, at most ip_size bytes with the NUL) in ip and its IPC port (host
+ * order, default 8083) in *port, from server.ini and server_port.ini. Returns 0 on success; 6 if ip or port
+ * is null or ip_size below 1; 14 if the address cannot be resolved; otherwise the errno of the failure, which
+ * may be 0 if a key is absent. */
 TAVIPC_API int GetMgrAddr(char *ip, int ip_size, unsigned short *port) TAVIPC_NOEXCEPT;
 
 /* The VM id, 0 = not known yet. */
 TAVIPC_API extern uint64_t g_vmid;
 
-/* GetVMID(true) and GetVMID(false). */
+/* Return GetVMID(true) and GetVMID(false). */
 TAVIPC_API uint64_t tav_get_vmidid(void) TAVIPC_NOEXCEPT;
 TAVIPC_API uint64_t tav_get_vmidid_from_G2HProxy(void) TAVIPC_NOEXCEPT;
 

@@ -20,9 +20,9 @@ enum tav_compress_result {
     TAV_COMPRESS_NO_GAIN = 9000,   /* empty input, or the envelope would not be shorter, and not forced */
     TAV_COMPRESS_TOO_SHORT = 9001, /* an envelope has at least 4 bytes */
     TAV_COMPRESS_BAD_ARG = 9002,   /* null argument, or a message of the wrong method */
-    TAV_COMPRESS_NO_MEMORY =
-        9003 /* memory cannot be allocated, or the length of the result exceeds 32 bits */
-};           /* other (negative) results are codes of zlib */
+    TAV_COMPRESS_NO_MEMORY = 9003  /* memory is short, or the length of the result exceeds 32 bits */
+};
+/* Other (negative) results are codes of zlib. */
 
 #define TAV_COMPRESS_FORCE 1 /* keep an envelope that is not shorter, accept an empty input */
 

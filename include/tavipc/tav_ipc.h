@@ -82,16 +82,16 @@ typedef struct tav_ipc_hdr_st {
 /* Result codes: 0, or negative; the positive ones are for applications' own replies. */
 enum tav_ipc_result {
     IPC_OK = 0,
-    IPC_ERR_SENDTO = -101,
-    IPC_ERR_TIMEOUT = -102,
-    IPC_ERR_CLOSED = -103,
-    IPC_ERR_OPEN_FILE = -104,
-    IPC_ERR_NOMEM = -105,
-    IPC_ERR_FILE_ID = -106,
-    IPC_ERR_IO = -107,
-    IPC_ERR_FILE_CLOSED = -108,
-    IPC_ERR_NOT_SUPPORTED = -109,
-    IPC_ERR_PROTO = -110,
+    IPC_ERR_SENDTO = -101,        /* refused; tav_ipc_send lists the reasons */
+    IPC_ERR_TIMEOUT = -102,       /* no answer in time */
+    IPC_ERR_CLOSED = -103,        /* the endpoint was destroyed */
+    IPC_ERR_OPEN_FILE = -104,     /* the file to send cannot be opened */
+    IPC_ERR_NOMEM = -105,         /* memory is short */
+    IPC_ERR_FILE_ID = -106,       /* the file id is in use */
+    IPC_ERR_IO = -107,            /* the peer cannot write the file */
+    IPC_ERR_FILE_CLOSED = -108,   /* the peer has completed or dropped the file */
+    IPC_ERR_NOT_SUPPORTED = -109, /* the peer accepts no files */
+    IPC_ERR_PROTO = -110,         /* this one and those below: the library never reports them */
     IPC_ERR_LOOP = -111,
     IPC_ERR_NOT_READY = -112,
     IPC_ERR_CMD_NOT_FOUND = 1002,
@@ -253,15 +253,16 @@ TAVIPC_API int tav_ipc_send_with_flags(tav_ipc_st *ipc, const tav_addr_st *dest,
 TAVIPC_API int tav_ipc_send_raw(tav_ipc_st *ipc, const char *dpipe, const void *datagram) TAVIPC_NOEXCEPT;
 
 /* --- exchanges -----------------------------------------------------------------------------------
- * Each completes exactly once, through its callback (null: nobody is told): with the answer;
+ * Each completes exactly once, through its callback (which may be null): with the answer;
  * with IPC_ERR_TIMEOUT when timeout_s seconds have passed (counted in whole seconds of the wall clock and
  * looked at once a second, so up to two seconds late; 0 ends with the second, a negative one at once);
  * with IPC_ERR_CLOSED when the endpoint is destroyed, from inside tav_ipc_destroy; or with the send path's
  * IPC_ERR_SENDTO (null arguments too) from the loop, 1 ms later. On an endpoint that is being destroyed
  * nothing is sent and the exchange completes 1 ms later with IPC_ERR_CLOSED. The callback never runs from
  * inside the starting call, and may do anything. Short memory ends the process with exit status 0.
- * That 1 ms is the thread's loop's: what is not told when the loop is released, or its thread ends, is never
- * told, and destructors of static and thread_local objects, which come later still, must start none. */
+ * A timer of the thread's loop measures that 1 ms. If the loop is released or the thread ends before, the
+ * callback never runs. Destructors of static and thread_local objects run later still and must not start an
+ * exchange. */
 
 /* Sends a request; the peer's application answers it with tav_ipc_response. */
 TAVIPC_API void tav_ipc_make_request(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd, const void *data,
@@ -296,17 +297,18 @@ TAVIPC_API void tav_ipc_probe(tav_ipc_st *ipc, const tav_addr_st *dest, tav_ipc_
 TAVIPC_API void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *path,
                                   tav_ipc_status_cb callback, void *user, int32_t timeout_s) TAVIPC_NOEXCEPT;
 
-/* A random transfer id, not negative, for a destination's host id. */
+/* Returns a random transfer id, not negative, for a destination's host id. */
 TAVIPC_API int32_t tav_ipc_get_random_file_id(uint32_t hostid) TAVIPC_NOEXCEPT;
 
-/* Saves one chunk of the file file_id from src: len bytes, 0 = the file is complete (the endpoint's file
- * callback then runs, and may destroy the endpoint). 0; IPC_ERR_FILE_ID when another source uses the id,
- * IPC_ERR_FILE_CLOSED when the file is complete already, IPC_ERR_IO when it cannot be written. */
+/* Saves one chunk of the file file_id from src: len bytes of data. With len 0 the file is complete: the
+ * endpoint's file callback runs, and may destroy the endpoint. Returns 0; IPC_ERR_FILE_ID when another source
+ * uses the id; IPC_ERR_FILE_CLOSED when the file is complete already or was dropped; IPC_ERR_IO when it
+ * cannot be made or written, src is null, or data is null and len is not 0. */
 TAVIPC_API int32_t tav_ipc_save_file(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t file_id,
                                      const void *data, uint32_t len) TAVIPC_NOEXCEPT;
 
-/* The path of a complete received file, valid until the library removes it; null when the id is unknown or
- * the file is still being written. ipc is not used. */
+/* Returns the path of a complete received file, valid until the library removes it; null when the id is
+ * unknown or the file is still being written. ipc is not used. */
 TAVIPC_API const char *tav_ipc_get_file_path(tav_ipc_st *ipc, uint32_t file_id) TAVIPC_NOEXCEPT;
 
 /* --- diagnosis and configuration ---------------------------------------------------------------- */

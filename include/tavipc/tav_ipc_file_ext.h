@@ -5,8 +5,8 @@
  *
  * The chunks of a file have no place for its name and size. A transfer with a name therefore begins with a
  * probe that announces both, before the first chunk (docs/wire.md describes it). A peer whose library does
- * not know announcements acknowledges the probe, ignores the rest, and gets the same chunks as ever. A file
- * that nobody announced has an empty name.
+ * not know announcements acknowledges the probe, ignores the rest, and gets the same chunks. A file
+ * that was not announced has an empty name.
  */
 #ifndef TAVIPC_TAV_IPC_FILE_EXT_H
 #define TAVIPC_TAV_IPC_FILE_EXT_H
@@ -17,11 +17,10 @@
 #include "tav_ipc.h"
 
 #define TAV_IPC_FILE_NAME_MAX 255            /* bytes of a file's name */
-#define TAV_IPC_FILE_SIZE_UNKNOWN UINT64_MAX /* nobody has said how large the file is */
+#define TAV_IPC_FILE_SIZE_UNKNOWN UINT64_MAX /* the size was not announced */
 
-/* Flags of tav_ipc_file_start. */
-#define TAV_IPC_FILE_WAIT_FOR_PEER                                                                           \
-    1u /* as TAV_IPC_EXCHANGE_WAIT_FOR_PEER, for each message of the transfer */
+/* Flag of tav_ipc_file_start: as TAV_IPC_EXCHANGE_WAIT_FOR_PEER, for each message of the transfer. */
+#define TAV_IPC_FILE_WAIT_FOR_PEER 1u
 
 /* --- sending ----------------------------------------------------------------------------------- */
 
@@ -30,8 +29,8 @@
  * each confirmed chunk. It may do anything, also cancel the transfer and destroy the endpoint. */
 typedef void (*tav_ipc_file_progress_cb)(uint64_t id, uint64_t confirmed, uint64_t size, void *user);
 
-/* The transfer id has ended: code 0 when the peer has the whole file, else a negative code (or the peer's).
- */
+/* The transfer id has ended. code is 0 when the peer has the whole file, else negative (or the peer's). It
+ * may do anything, also destroy the endpoint. */
 typedef void (*tav_ipc_file_done_cb)(uint64_t id, int32_t code, void *user);
 
 TAVIPC_BEGIN_DECLS
@@ -39,8 +38,8 @@ TAVIPC_BEGIN_DECLS
 /* Sends the file at path to dest, up to its end or to where it cannot be read, and returns the id of the
  * transfer, which the process uses once. Its low 32 bits are the file id at the receiver.
  *   - name: the file's name for the receiver, 1 to TAV_IPC_FILE_NAME_MAX bytes without "/" and without
- * control characters (0 to 31 and 127), not "." or "..". It is copied. Null: no announcement is sent, and the
- *     receiver sees neither name nor size.
+ *     control characters (0 to 31 and 127), not "." or "..". It is copied. Null: no announcement is sent,
+ *     and the receiver sees neither name nor size.
  *   - timeout_ms: limits the wait for each confirmation, in milliseconds of the monotonic clock. A peer that
  *     does not confirm the announcement in this time gets the chunks without it.
  *   - flags: 0 or TAV_IPC_FILE_WAIT_FOR_PEER
@@ -58,8 +57,8 @@ TAVIPC_API uint64_t tav_ipc_file_start(tav_ipc_st *ipc, const tav_addr_st *dest,
                                        void *user) TAVIPC_NOEXCEPT;
 
 /* Ends the transfer id of the same endpoint: done runs inside this call with IPC_ERR_CANCELLED. If the
- * transfer has a name, the peer is told, and drops what it has. Returns 0; -1 with errno ENOENT if the
- * transfer is unknown or has ended. */
+ * transfer has a name, the peer is notified, and drops what it has received. Returns 0; -1 with errno ENOENT
+ * if the transfer is unknown or has ended. */
 TAVIPC_API int tav_ipc_file_cancel(tav_ipc_st *ipc, uint64_t id) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS

@@ -14,8 +14,8 @@
  * aligned 64-bit word that a single thread writes; a reader may find values of different moments beside each
  * other. A record whose generation has changed while it was read belongs to another endpoint or destination.
  *
- * Counts are of datagrams, where nothing else is said: a message of more than 64,000 bytes is several. For
- * each record, at any time when no function of the library runs:
+ * Counts are of datagrams unless the meaning says otherwise: a message of more than 64,000 bytes is several.
+ * For each record, at any time when no function of the library runs:
  *   accepted = left + dropped_no_peer + dropped_would_block + dropped_budget + dropped_no_memory
  *            + dropped_closed + dropped_other + queued + in_flight
  * and the same for their bytes, in which the header of 60 bytes counts, with dropped_bytes for all reasons.
@@ -39,7 +39,7 @@
     X(LEFT,                "left",                C, "datagrams that the destination's socket took")         \
     X(LEFT_BYTES,          "left_bytes",          C, "bytes of datagrams that left")                         \
     X(RETRIED,             "retried",             C, "attempts that were repeated later")                    \
-    X(DROPPED_NO_PEER,     "dropped_no_peer",     C, "drops: nobody listened at the destination")            \
+    X(DROPPED_NO_PEER,     "dropped_no_peer",     C, "drops: no listener at the destination")                \
     X(DROPPED_WOULD_BLOCK, "dropped_would_block", C, "drops: the destination did not read")                  \
     X(DROPPED_BUDGET,      "dropped_budget",      C, "drops: waited, then too much was in flight")           \
     X(DROPPED_NO_MEMORY,   "dropped_no_memory",   C, "drops: memory was short")                              \
@@ -65,7 +65,7 @@
     X(BAD_COMPRESSED,      "bad_compressed",      C, "received: a payload that cannot be decompressed")      \
     X(BAD_OTHER,           "bad_other",           C, "received: not taken for another reason")               \
     X(SETS_EXPIRED,        "sets_expired",        C, "unfinished messages that were given up after a time-out") \
-    X(SETS_EVICTED,        "sets_evicted",        C, "unfinished messages that made place for others")       \
+    X(SETS_EVICTED,        "sets_evicted",        C, "unfinished messages that were dropped for others")     \
     X(SETS_OPEN,           "sets_open",           G, "messages under reassembly")                            \
     X(EXCHANGES_OPEN,      "exchanges_open",      G, "requests, confirmed messages and probes that wait")    \
     X(EXCHANGES_COMPLETED, "exchanges_completed", C, "exchanges that got an answer")                         \
@@ -117,10 +117,10 @@ typedef struct tav_ipc_stats_st {
 
 TAVIPC_BEGIN_DECLS
 
-/* Copies the counters of the endpoint (destination null), or those of one of its destinations by name.
- * size is sizeof(tav_ipc_stats_st) of the caller, at least 8: that many bytes are set; values that the
- * library does not know are 0. Returns 0; -1 with errno EINVAL (ipc or stats is null, size is no multiple of
- * 8 or 0) or ENOENT (the endpoint has no such destination, or no longer, or is destroyed). */
+/* Copies to *stats the counters of the endpoint (destination is null), or those of its destination with that
+ * name. size is sizeof(tav_ipc_stats_st) of the caller, at least 8: that many bytes are set; values that the
+ * library does not know are 0. Returns 0; -1 with errno EINVAL (ipc or stats is null, size is 0 or not a
+ * multiple of 8) or ENOENT (the endpoint has no such destination, or no longer has it, or is destroyed). */
 TAVIPC_API int tav_ipc_get_stats(tav_ipc_st *ipc, const char *destination, tav_ipc_stats_st *stats,
                                  uint32_t size) TAVIPC_NOEXCEPT;
 

@@ -1,11 +1,11 @@
-/* tav_ipc_watch.h - tells an endpoint when a peer's endpoint appears, goes or is replaced.
+/* tav_ipc_watch.h - callbacks when a peer's endpoint appears, goes or is replaced.
  *
  * A peer is present when a process has its socket open; the file alone, which a killed process leaves behind,
  * does not count. A peer that opens or closes its endpoint is noticed at once. One that ends without closing
- * it (killed, crashed) is noticed within a second, because nothing tells of it. A second is also the rule
- * with an event library without cl_io_start, or where no inotify descriptor is to be had. What happens and is
- * undone in between may stay unnoticed. A peer is looked for in the endpoint's own location, where messages
- * go to it directly; whether a proxy reaches a peer of another location is not known.
+ * it (killed, crashed) is noticed within a second, because the kernel reports no event for it. The same holds
+ * for all changes if the event library has no cl_io_start, or no inotify descriptor can be made. A change
+ * that is undone within this second may stay unnoticed. A watch covers the endpoint's own location only; it
+ * cannot show whether a proxy reaches a peer of another location.
  *
  * The functions carry the symbol version TAVIPC_1. The rules of tav_ipc.h for lifetimes and threads hold here
  * too.

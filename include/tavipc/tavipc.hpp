@@ -1,4 +1,4 @@
-// tavipc.hpp - the C++20 face of libtavipc: endpoints that own their handlers, error codes, coroutines.
+// tavipc.hpp - the C++20 interface of libtavipc: endpoints that own their handlers, error codes, coroutines.
 //
 //     using namespace tavipc;
 //     Endpoint server("server", OnRequest([](EndpointRef self, const Request &request) {
@@ -118,7 +118,7 @@ struct Reply {
 
 using Timeout = std::chrono::milliseconds;
 
-// A negative time-out is over at once; one of more than 24 days is as good as none.
+// A negative time-out ends at once; a longer one than 24 days is cut to 24 days.
 inline int32_t milliseconds(Timeout timeout) noexcept {
     return static_cast<int32_t>(std::clamp<Timeout::rep>(timeout.count(), 0, INT32_MAX));
 }
@@ -255,7 +255,7 @@ class [[nodiscard]] Task {
 
 // --- endpoints -----------------------------------------------------------------------------------------
 
-// An endpoint that somebody else owns. Copying it copies a pointer, which must not be used after the endpoint
+// An endpoint that other code owns. Copying it copies a pointer, which must not be used after the endpoint
 // was closed. A reply with IPC_ERR_CLOSED comes from inside the closing: let the coroutine end then.
 class EndpointRef {
   public:

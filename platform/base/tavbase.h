@@ -3,12 +3,13 @@
  *
  * This header is the contract that any replacement of libtavbase must meet.
  *
- *  1. No function throws. Unless its comment says otherwise, a function that is given a null pointer in place
- * of an object returns its failure result. Destroy and free functions ignore null.
- *  2. The log, the clock and atomic_add_and_fetch may be used by several threads at the same time, also in a
- * child that was forked meanwhile. Any other object (table, heap, INI file) belongs to one thread at a time.
- *  3. "Bounded" functions never write beyond the given size, and always end the text with a NUL when size >
- * 0.
+ *  1. No function throws. Unless its comment says otherwise, a function that is given a null pointer in
+ *     place of an object returns its failure result. Destroy and free functions ignore null.
+ *  2. The log, the clock and atomic_add_and_fetch may be used by several threads at the same time, also in
+ *     a child that was forked meanwhile. Any other object (table, heap, INI file) belongs to one thread at
+ *     a time.
+ *  3. "Bounded" functions never write beyond the given size, and always end the text with a NUL when size
+ *     is above 0.
  */
 #ifndef TAVIPC_TAVBASE_H
 #define TAVIPC_TAVBASE_H
@@ -55,8 +56,8 @@ TAVBASE_API int error_output_in_sink(void) TAVBASE_NOEXCEPT;
 
 /* --- bounded strings -------------------------------------------------------------------------- */
 
-/* Like snprintf, but the result is the number of characters stored, without the NUL: at most size - 1, and 0
- * when size is 0 or formatting fails. */
+/* Like snprintf and vsnprintf, but the result is the number of characters stored, without the NUL: at most
+ * size - 1, and 0 when size is 0 or formatting fails. */
 TAVBASE_API int str_snprintf(char *buffer, size_t size, const char *format, ...) TAVBASE_NOEXCEPT
     TAVBASE_PRINTF(3, 4);
 TAVBASE_API int str_magic_vsprintf(char *buffer, size_t size, const char *format,
@@ -97,6 +98,7 @@ TAVBASE_API int xhash_search(const xhash_t *table, const void *key, uint32_t key
 /* Removes the entry, then releases its value, and returns 0; -1 without such an entry. key may point into the
  * value. */
 TAVBASE_API int xhash_delete(xhash_t *table, const void *key, uint32_t key_len) TAVBASE_NOEXCEPT;
+/* Returns the number of entries; 0 for null. */
 TAVBASE_API uint32_t xhash_count(const xhash_t *table) TAVBASE_NOEXCEPT;
 /* Visits every entry; allocates nothing. Returns 0, the visitor's non-zero result, or -1 for a null table or
  * visitor. */
@@ -105,7 +107,8 @@ TAVBASE_API int xhash_walk(xhash_t *table, void *context, xhash_visitor visit) T
 /* A position for partial walks. Each call of xhash_walk_partial visits at least the given fraction (above 0,
  * at most 1) of the table and then continues from there, around the end. ceil(1/fraction) calls visit every
  * entry of a table that does not grow. Deletions and growth between calls are allowed. Results and memory are
- * those of xhash_walk. */
+ * those of xhash_walk. xhash_cookie_create returns null when memory is short; xhash_cookie_destroy releases
+ * the position. */
 TAVBASE_API xhash_cookie_t *xhash_cookie_create(float fraction) TAVBASE_NOEXCEPT;
 TAVBASE_API void xhash_cookie_destroy(xhash_cookie_t *cookie) TAVBASE_NOEXCEPT;
 TAVBASE_API int xhash_walk_partial(xhash_t *table, xhash_cookie_t *cookie, void *context,
@@ -116,16 +119,20 @@ TAVBASE_API int xhash_walk_partial(xhash_t *table, xhash_cookie_t *cookie, void 
 typedef struct heap heap_t;
 typedef int (*heap_compare)(const void *a, const void *b);
 
+/* Return a new heap, which the caller releases with heap_destroy or heap_destroy2; null when compare is null
+ * or memory is short. release (may be null) is used by heap_destroy2 only. The last argument is reserved,
+ * pass 0. */
 TAVBASE_API heap_t *heap_create(heap_compare compare) TAVBASE_NOEXCEPT;
-/* release (may be null) is used by heap_destroy2 only. The last argument is reserved, pass 0. */
 TAVBASE_API heap_t *heap_create2(void (*release)(void *entry), heap_compare compare,
                                  uint32_t reserved) TAVBASE_NOEXCEPT;
-/* Returns 0, or -1 when memory is short: the heap is then unchanged. */
+/* Adds entry (not null). Returns 0, or -1 when memory is short: the heap is then unchanged. */
 TAVBASE_API int heap_push(heap_t *heap, void *entry) TAVBASE_NOEXCEPT;
-/* Takes the first entry out and stores it in *entry (entry may be null). It is not released. Returns 0, or -1
- * when the heap is empty. Allocates nothing. */
+/* Takes out the entry that compares lowest and stores it in *entry (entry may be null). It is not released.
+ * Returns 0, or -1 when the heap is empty. Allocates nothing. */
 TAVBASE_API int heap_pop(heap_t *heap, void **entry) TAVBASE_NOEXCEPT;
-TAVBASE_API void *heap_top(const heap_t *heap) TAVBASE_NOEXCEPT; /* null when empty */
+/* Returns the entry that heap_pop would take, which stays in the heap; null when it is empty. */
+TAVBASE_API void *heap_top(const heap_t *heap) TAVBASE_NOEXCEPT;
+/* Returns the number of entries; 0 for null. */
 TAVBASE_API uint32_t heap_count(const heap_t *heap) TAVBASE_NOEXCEPT;
 TAVBASE_API void heap_destroy(heap_t *heap) TAVBASE_NOEXCEPT;  /* entries stay the caller's */
 TAVBASE_API void heap_destroy2(heap_t *heap) TAVBASE_NOEXCEPT; /* entries are released */
@@ -142,6 +149,7 @@ TAVBASE_API ini_file_t *ini_file_load(const char *path) TAVBASE_NOEXCEPT;
 /* Returns the value, which the file owns, or null. Leaves errno alone. */
 TAVBASE_API const char *ini_file_get(const ini_file_t *file, const char *section,
                                      const char *key) TAVBASE_NOEXCEPT;
+/* Releases the file and all values that came from it. */
 TAVBASE_API void ini_file_free(ini_file_t *file) TAVBASE_NOEXCEPT;
 
 /* --- clock and counters ----------------------------------------------------------------------- */

@@ -2,7 +2,7 @@
 //
 // A handle is a slot number (low 16 bits) and that slot's generation. A look-up takes no lock: it counts
 // itself as a user of the slot, in the same word as the generation. A loop that ends raises the generation
-// and waits until no user is left, so nobody writes to a descriptor that has been closed. A user makes no
+// and waits until no user is left, so no thread writes to a descriptor that has been closed. A user makes no
 // system call that waits, and a signal handler on the waiting thread has returned by then.
 #pragma once
 

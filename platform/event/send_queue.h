@@ -89,8 +89,8 @@ class SendPool {
     }
 
   private:
-    static constexpr size_t kMaxKept =
-        1024; // records, 64 KiB: those of a burst between two turns of the loop
+    // Records, 64 KiB: those of a burst between two turns of the loop.
+    static constexpr size_t kMaxKept = 1024;
     Send *free_ = nullptr;
     size_t kept_ = 0;
 };

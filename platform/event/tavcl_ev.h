@@ -12,13 +12,17 @@
  *     very socket that called it, stop the loop, run the loop nested.
  *  4. No function throws; no function writes to standard output or error.
  *  5. fork may be called anywhere but in a signal handler, also in a callback. Nothing changes for the
- * parent. In the child, the loop of the forking thread is gone and all its handles are stale: its sockets and
- * those of the other threads are closed, their files stay, and no callback of the parent's sends and timers
- * runs. The child can make timers and sockets of its own at once. If a callback forked, its cl_event_loop_run
- * in the child returns 0 when the callback has returned; a nested one returns first. The child's copy of a
- *     caller's libuv loop (cl_event_loop_attach) is left alone and keeps handles that never become active, so
- *     it cannot be closed; the child may call uv_loop_fork on it and attach it again. fork of a thread that
- *     never used this library closes the inherited sockets, too. Not covered: _Fork, vfork and clone.
+ *     parent. In the child:
+ *       - The loop of the forking thread is gone and all its handles are stale. Its sockets and those of the
+ *         other threads are closed, also if the forking thread never used this library. Their files stay.
+ *       - No callback of the parent's sends and timers runs.
+ *       - Timers and sockets of its own can be made at once.
+ *       - If a callback forked, its cl_event_loop_run returns 0 when the callback has returned; a nested one
+ *         returns first.
+ *       - The copy of a caller's libuv loop (cl_event_loop_attach) is left alone and keeps handles that never
+ *         become active, so it cannot be closed. uv_loop_fork may be called on it, and it may be attached
+ *         again.
+ *     Not covered: _Fork, vfork and clone.
  */
 #ifndef TAVIPC_TAVCL_EV_H
 #define TAVIPC_TAVCL_EV_H
@@ -125,8 +129,8 @@ typedef void (*cl_dunix_recv_cb)(cl_dunix_t socket, const void *data, uint32_t l
                                  int status, void *context);
 
 /* Starts reception, or replaces the callback and context if it has started already. Delivers at most 64
- * datagrams in one turn of the loop, so that timers and other sockets are served as well. Returns 0, or -1.
- */
+ * datagrams in one turn of the loop, so that timers and other sockets are served as well. Returns 0; -1 when
+ * the socket is not valid, callback is null or memory is short. */
 CL_EV_API int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *context) CL_EV_NOEXCEPT;
 
 /* Completion of one accepted send; status is one of enum cl_ev_status. */

@@ -185,7 +185,7 @@ TEST_F(ReceiveTest, UnfinishedMessagesAreBoundedAndTheOldestIsCompleted) {
     EXPECT_EQ(feed(fragment(1), fragment(2)), Calls{got(pattern(130'000))});
     EXPECT_EQ(whole_from(5499), 0u) << "no set that can never be complete";
     pass(3, 0);
-    // The oldest goes on, and two new ones take the room that is left.
+    // The oldest goes on, and two new ones take the space that is left.
     for (const uint32_t host : {1000, 7000, 7001}) other.header.src.hostid = host, feed(other);
     EXPECT_EQ(whole_from(6000), 1u) << "messages that do not go on make way";
     pass(11);

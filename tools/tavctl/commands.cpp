@@ -44,6 +44,19 @@ constexpr Command kCommands[] = {
      DESTINATION "-c, --count N=4  Number of probes; 0: until interrupted\n"
                  "-i, --interval SECONDS:0-86400=1  Time between two probes\n",
      probe},
+    {"monitor", "Show the messages of running modules as they are sent and received",
+     "[NAME...]  Only those from or to these endpoints\n"
+     "--deploy-type TYPE  Monitor below /var/TYPE too (may be repeated)\n"
+     "--cmd CODE:0-4294967295  Only this command code\n"
+     "--kind KIND  Only message, request, answer, ack, probe or file (may be repeated)\n"
+     "--outcome WORD  Only sent, waiting, dropped, received, refused or incomplete (may be repeated)\n"
+     "--payload N:0-64000  Show at most N bytes of each payload\n"
+     "--hexdump  Payloads as hexadecimal rows, also where they are text\n"
+     "--pcap FILE  Write the datagrams to a pcapng file instead (-: standard output)\n"
+     "-c, --count N=0  End after N messages or, in a file, datagrams; 0: when interrupted\n",
+     monitor},
+    {"log", "Set the log level of a running module",
+     DESTINATION "LEVEL  0 to 4: as TAV_LOG_LEVEL\n" TIMEOUT "2  Wait this long for the module\n", log_level},
     {"trace", "Switch the message trace, and explain its lines", "ACTION  on, off or show\n", trace},
     {"explain", "Decode the header of a datagram and verify its check value",
      "[HEX]  The datagram in hexadecimal (default: standard input)\n"
@@ -79,19 +92,6 @@ constexpr Command kCommands[] = {
      "--as NAME  The endpoint's name (default: one of its own)\n"
      "-c, --count N=0  End after N files; 0: when interrupted\n",
      receive_files},
-    {"monitor", "Show the messages of running modules as they are sent and received",
-     "[NAME...]  Only those from or to these endpoints\n"
-     "--deploy-type TYPE  Watch below /var/TYPE too (may be repeated)\n"
-     "--cmd CODE:0-4294967295  Only this command code\n"
-     "--kind KIND  Only message, request, answer, ack, probe or file (may be repeated)\n"
-     "--outcome WORD  Only sent, waiting, dropped, received, refused or incomplete (may be repeated)\n"
-     "--payload N:0-64000  Show at most N bytes of each payload\n"
-     "--hexdump  Payloads as hexadecimal rows, also where they are text\n"
-     "--pcap FILE  Write the datagrams to a pcapng file instead (-: standard output)\n"
-     "-c, --count N=0  End after N messages or, in a file, datagrams; 0: when interrupted\n",
-     monitor},
-    {"log", "Set the log level of a running module",
-     DESTINATION "LEVEL  0 to 4: as TAV_LOG_LEVEL\n" TIMEOUT "2  Wait this long for the module\n", log_level},
     {"allowlist keygen", "Make a key pair; a private key is never replaced",
      "--private FILE!  File for the private half\n--public FILE!  File for the public half\n", keygen},
     {"allowlist add", "Add executables by name, and sign the list",

@@ -63,8 +63,8 @@ Finding check_endpoint(const Findings &findings) {
 }
 
 // --- what the machine gives to modules: queues, buffers, descriptors, space for files, the clock
-constexpr long kFewDatagrams = 64;
-constexpr rlim_t kFewDescriptors = 1024;
+constexpr long kFewDatagrams = 64;       // the kernel's default is 10, that of the Debian packages 512
+constexpr rlim_t kFewDescriptors = 1024; // the usual limit; a process keeps half for received files
 constexpr double kLittleSpace = 100e6, kNoSpace = 1e6; // bytes
 constexpr time_t kKeptFile_s = 600; // a living receiver removes a file 6 minutes after its last data
 constexpr int kEarliestYear = 2020; // of a clock that was ever set

@@ -120,7 +120,7 @@ void check_sockets(Findings &findings) {
 
 // Executables beside the tool that could not open an endpoint. Among many programs that is no fault.
 Finding check_modules() {
-    constexpr size_t kMostModules = 32;
+    constexpr size_t kMostModules = 32; // executables: a bin directory with more is not an agent's own
     const fs::path self = own_executable(), bin = self.parent_path();
     const SignedList files(config_beside(self));
     const auto entries = files.entries_of(files.read_list());

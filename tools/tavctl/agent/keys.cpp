@@ -8,7 +8,7 @@
 namespace tavctl {
 namespace {
 
-constexpr int kKeyBits = 2048;
+constexpr int kKeyBits = 2048; // RSA; allowlist keygen makes this size, and the tool accepts no other
 
 using Bio = std::unique_ptr<BIO, Releaser<BIO_free_all>>;
 using PemReader = EVP_PKEY *(*)(BIO *, EVP_PKEY **, pem_password_cb *, void *);

@@ -1,6 +1,6 @@
-// The counters of all processes, read from the files that they map. No process helps, so it may hang, be
-// stopped, or have been killed. Every process may write its own file as it likes, at any time: a file is
-// copied with pread, never mapped, and nothing in it is believed unchecked.
+// The counters of all processes, read from the files that they map. The processes may hang, be stopped, or
+// have been killed. A process may write anything to its own file at any time: a file is copied with pread,
+// never mapped, and everything in it is checked.
 #pragma once
 
 #include <array>
@@ -13,7 +13,7 @@ namespace tavctl {
 // One record.
 struct Counters {
     uint32_t number = 0, generation = 0; // together they tell records of one file apart
-    std::string name;                    // harmless
+    std::string name;                    // printable
     int location = 0;
     uint64_t since_ms = 0; // CLOCK_MONOTONIC
     std::array<uint64_t, TAV_IPC_STATS_COUNT> values{};

@@ -13,7 +13,7 @@ constexpr char kOldest[] = "for how long something has waited without a break";
 // Whether a destination has the value, too: these are about sending.
 constexpr bool is_of_destination(size_t value) { return value <= TAV_IPC_STATS_WAITING_SINCE_MS; }
 
-constexpr size_t kNameWidth = 21, kValueWidth = 15; // characters
+constexpr size_t kNameWidth = 21, kValueWidth = 15; // characters: an indented name; its number
 
 // A value as people read it.
 struct Shown {
@@ -116,7 +116,7 @@ void write_metric(const std::string &name, const char *help, bool gauge, const s
 }
 
 // A scraper refuses all when two lines have the same labels, so the second is left out: that of an ended
-// process, or one of a process that lies.
+// process, or of a forged file.
 int write_prometheus(const std::vector<CounterFile> &files,
                      const std::function<bool(const Counters &)> &wanted) {
     std::vector<Series> all;

@@ -35,12 +35,12 @@ constexpr std::array<ColumnInfo, kColumns> kTable = {{{"name", "NAME", 'n', -13}
 constexpr const char *kKeys = "q quit; sort by: n name, s state, p process, o O out, i I in, w waiting,\n"
                               "t oldest, d drops";
 
-// What an endpoint did between two looks.
+// What an endpoint did between two readings of its counters.
 struct Row {
     std::string name;
     pid_t process = 0;
     ProcessState state = ProcessState::kRunning;
-    std::optional<double> out, out_bytes, in, in_bytes; // a second; empty at the first look
+    std::optional<double> out, out_bytes, in, in_bytes; // per second; empty at the first reading
     uint64_t waiting = 0, drops = 0, new_drops = 0;
     double oldest_s = 0;
 };
@@ -50,7 +50,7 @@ struct Look {
     size_t processes = 0, ended = 0, unusable = 0, hidden = 0;
 };
 
-// Keeps the counters of the last look, and makes differences.
+// Keeps the counters of the last reading, and computes differences.
 class Watcher {
   public:
     explicit Watcher(const Args &args) : deploy_types_(args.all("deploy-type")) {}
@@ -94,7 +94,7 @@ class Watcher {
                 0,
                 endpoint.oldest_s()};
         if (!last || file.time <= last->time) return row;
-        const auto gain = [&](size_t value) { // 0 when the file is not what it should be
+        const auto gain = [&](size_t value) { // 0 if the file is damaged
             return endpoint.values[value] - std::min(endpoint.values[value], last->values[value]);
         };
         const auto rate = [&](size_t value) {

@@ -1,24 +1,23 @@
-// tavctl list --all: the endpoints of other locations that the bridge of this one has heard. The bridge
-// answers the command code 2 with a line for each: name, location, host id, seconds since then.
+// tavctl list --all: the endpoints of other locations from which the bridge of this one has had messages.
 #include <sstream>
 
+#include "common/facts.h"
 #include "look/sockets.h"
 #include "module/module.h"
 
 namespace tavctl {
 namespace {
 
-constexpr const char *kBridge = "tavbridge";
-constexpr uint32_t kTellHeard = 2;
-constexpr double kPatience_s = 3;
+constexpr double kPatience_s = 3; // the bridge is on this machine and answers in milliseconds
 
 } // namespace
 
 int tell_heard(Console &out) {
-    const tav_addr_st bridge = parse_address(kBridge);
+    const tav_addr_st bridge = parse_address(tavipc::kBridgeEndpoint);
     catch_interrupts();
     const Module module;
-    const Answer answer = exchange(module, TAV_IPC_EXCHANGE_REQUEST, bridge, kPatience_s, kTellHeard);
+    const Answer answer =
+        exchange(module, TAV_IPC_EXCHANGE_REQUEST, bridge, kPatience_s, tavipc::kBridgeHeard);
     if (!answer.ended) return kFailure;
     if (answer.code != 0) throw failed_exchange(bridge, answer.code);
     std::istringstream rows(answer.payload);

@@ -63,12 +63,12 @@ struct Answer {
     std::string payload;
     double took_s = 0;
 };
-inline constexpr double kProbeTimeout_s = 5;
+inline constexpr double kProbeTimeout_s = 5; // as tav_ipc_probe
 // kind: of tav_ipc_exchange_start. Throws Problem when the library refuses it.
 Answer exchange(const Module &module, int kind, const tav_addr_st &destination, double timeout_s,
                 uint32_t cmd = 0, std::string_view payload = {});
 
-// Why nobody answers at the address, as far as its socket file shows: a Problem with kNoAnswer.
+// Why no endpoint answers at the address, as far as its socket file shows: a Problem with kNoAnswer.
 Problem silence(const tav_addr_st &address, const std::string &begin = "no answer from ");
 // Why an exchange ended with a code other than 0.
 Problem failed_exchange(const tav_addr_st &address, int code);

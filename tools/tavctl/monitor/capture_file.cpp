@@ -39,7 +39,7 @@ std::string time_of(uint64_t ns) {
 
 CaptureFile::CaptureFile(const std::string &path, const std::vector<std::string> &interfaces)
     : path_(path == "-" ? "standard output" : path) {
-    // Messages may be secret: nobody else reads the file. Opening a pipe waits for its reader.
+    // Messages may be secret, so only its owner may read the file. Opening a pipe waits for its reader.
     if (path != "-") owned_ = UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (path != "-" && !owned_) throw system_problem("cannot write " + path);
     block(kSection, {bytes_of(uint32_t{0x1A2B3C4D}, uint16_t{1}, uint16_t{0}, int64_t{-1}),

@@ -1,4 +1,4 @@
-// tavctl monitor and tavctl log. Neither opens an endpoint: modules come to them.
+// tavctl monitor and tavctl log. Neither opens an endpoint: modules connect to them.
 #include <optional>
 #include <set>
 
@@ -68,7 +68,7 @@ void open_sockets(MonitorSockets &sockets, const std::vector<std::string> &deplo
         }
     }
     if (sockets.listeners().empty())
-        throw problem ? *problem : Problem("there is no socket directory to watch", "start a module first");
+        throw problem ? *problem : Problem("there is no socket directory to monitor", "start a module first");
     if (problem) std::cerr << "tavctl: " << harmless(problem->what()) << std::endl;
 }
 
@@ -141,7 +141,7 @@ class Monitor {
         if (payload > 0) sockets_.command(copy, TAV_IPC_MONITOR_CAPTURE, payload);
         if (args_.text("pcap") == "-") return;
         out_.say(Record("type", "module", "process", copy.process, "endpoint", name),
-                 "-- {endpoint}, process {process}, is watched");
+                 "-- {endpoint}, process {process}, is monitored");
     }
 
     bool wanted(const tav_ipc_hdr_st &header, unsigned outcome) const {

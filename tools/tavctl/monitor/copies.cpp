@@ -1,4 +1,4 @@
-// What a copy says: record and header, and the words for kinds, outcomes and reasons.
+// The content of a copy: record and header, and the words for kinds, outcomes and reasons.
 #include "monitor/monitor.h"
 #include "tavipc/tav_ipc_stats.h"
 

@@ -7,8 +7,8 @@
 namespace tavctl {
 namespace {
 
-constexpr double kQuiet_s = 10; // a receiver gives up an unfinished message after the same time
-constexpr size_t kMostSets = 256;
+constexpr double kQuiet_s = 10;   // a receiver gives up an unfinished message after the same time
+constexpr size_t kMostSets = 256; // bounds memory; the oldest set is then reported as incomplete
 
 Message message_of(const Copy &copy) {
     Message message;

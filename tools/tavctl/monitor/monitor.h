@@ -1,4 +1,4 @@
-// What tavctl monitor and tavctl log are made of: the sockets that make this process a monitor, the copies of
+// Components of tavctl monitor and tavctl log: the sockets that make this process a monitor, the copies of
 // datagrams that modules send to it, the messages that these copies show, and capture files.
 #pragma once
 
@@ -96,7 +96,7 @@ struct Message {
 };
 
 // Joins the copies of fragments, so that a message is reported once. It is also reported when it begins to
-// wait, and, as incomplete, when nothing more was heard of it for a while or its place is needed.
+// wait, and, as incomplete, when no copy came for a while or another message needs its place.
 class Messages {
   public:
     using Report = std::function<void(const Message &)>;

@@ -15,11 +15,11 @@
 namespace tavctl {
 namespace {
 
-constexpr size_t kMostListeners = 16;
+constexpr size_t kMostListeners = 16;     // directories; a machine rarely has more than a few
 constexpr size_t kMostConnections = 4096; // any process that may write to the socket can connect
 constexpr size_t kMostCopies = 1024;      // taken at once: 130 MB at most
 constexpr size_t kCopySize = 65'535 + sizeof(tav_ipc_hdr_st) + TAV_IPC_FRAGMENT_PAYLOAD; // bytes, at most
-constexpr int kWait_ms = 100;
+constexpr int kWait_ms = 100; // Ctrl-C and --count are noticed within it
 
 // Paths of this process's sockets, for its signal handler.
 char files[kMostListeners][tavipc::kLongestSocketPath + 1];
@@ -88,7 +88,8 @@ MonitorSockets::~MonitorSockets() {
 bool MonitorSockets::interrupted() const { return was_interrupted != 0; }
 
 void MonitorSockets::open(const SocketDirectory &directory) {
-    if (listeners_.size() == kMostListeners) throw Problem("there are too many socket directories to watch");
+    if (listeners_.size() == kMostListeners)
+        throw Problem("there are too many socket directories to monitor");
     UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const mode_t before = umask(0177);
     const std::string path = bind_in(directory, fd.get());
@@ -97,13 +98,13 @@ void MonitorSockets::open(const SocketDirectory &directory) {
         throw Problem("modules in " + directory.path + " serve no further monitor",
                       "end one of the " + std::to_string(TAV_IPC_MONITOR_MAX) + " that are running");
     if (path.empty())
-        throw system_problem("cannot watch " + directory.path,
+        throw system_problem("cannot monitor " + directory.path,
                              "run tavctl as the user of the modules, or as root");
     char(&file)[sizeof files[0]] = files[listeners_.size()];
     file[path.copy(file, path.size())] = '\0';
-    // The change of the mode tells the modules. Those of other users connect to root's monitor.
+    // Modules watch for the change of the mode. Those of other users connect to root's monitor.
     if (listen(fd.get(), SOMAXCONN) != 0 || chmod(path.c_str(), geteuid() == 0 ? 0666 : 0600) != 0)
-        throw unlink(path.c_str()), system_problem("cannot watch " + directory.path);
+        throw unlink(path.c_str()), system_problem("cannot monitor " + directory.path);
     poll_for(fd.get(), listeners_.size());
     listeners_.push_back({directory.path, path, std::move(fd)});
 }
@@ -157,7 +158,7 @@ std::deque<Copy> MonitorSockets::take() {
     for (int i = 0; i < ready; ++i) {
         const uint64_t number = events[i].data.u64;
         if (number == kMostListeners)
-            std::cout.setstate(std::ios::badbit); // nobody reads it any more
+            std::cout.setstate(std::ios::badbit); // its reader has gone
         else if (number < kMostListeners)
             accept_at(static_cast<unsigned>(number));
         else
