@@ -199,9 +199,12 @@ void Loop::before_poll() noexcept {
     report_finished();
     uv_.set_waiting(true);
     const Frame *frame = frame_;
-    const bool had_its_turn = frame && frame->once && callbacks_run_ != frame->callbacks_before;
+    const bool once = frame && frame->once;
+    const bool had_its_turn = once && callbacks_run_ != frame->callbacks_before;
+    // On the caller's loop run_once cannot repeat a turn without work: it would return without a wait.
+    const bool may_spin = !(once && uv_.foreign());
     set_idle(!finished_.empty() || !batches_.empty() || had_its_turn || (frame && frame->stopped) ||
-             busy_poll_.spins(callbacks_run_));
+             (may_spin && busy_poll_.spins(callbacks_run_)));
     if (!idling_) wake_for_timers();
     uv_.forget_changes();
 }

@@ -62,13 +62,14 @@ CL_EV_API int cl_event_loop_post(cl_loop_t loop, void (*function)(void *argument
 /* --- speed ---------------------------------------------------------------------------------------- */
 
 /* Busy polling: cl_event_loop_run and cl_event_loop_run_once of this thread look for work again and again for
- * this long before they sleep; so does uv_run on an attached loop. What comes in that time is handled within
- * a few microseconds instead of a wake-up of the thread, which takes 25 to 50. The price is CPU time: each
- * wait costs up to the given time of a core, a thread whose work comes more often than that uses a whole
- * core. The thread offers its core to others meanwhile. Timers, signals and calls from other threads are
- * served as always; a loop inside another loop (cl_event_loop_fd) does not poll busily. 0, the default, turns
- * it off. An operator can set the default with the environment variable TAV_BUSY_POLL_US. The setting ends
- * with the loop. Returns 0; -1 when no loop can be made. */
+ * this long before they sleep. On an attached loop uv_run and cl_event_loop_run do so, but not
+ * cl_event_loop_run_once. What comes in that time is handled within a few microseconds instead of a wake-up
+ * of the thread, which takes 25 to 50. The price is CPU time: each wait costs up to the given time of a core,
+ * a thread whose work comes more often than that uses a whole core. The thread offers its core to others
+ * meanwhile. Timers, signals and calls from other threads are served as always; a loop inside another loop
+ * (cl_event_loop_fd) does not poll busily. 0, the default, turns it off. An operator can set the default with
+ * the environment variable TAV_BUSY_POLL_US. The setting ends with the loop. Returns 0; -1 when no loop can
+ * be made. */
 CL_EV_API int cl_event_loop_set_busy_poll(uint32_t microseconds) CL_EV_NOEXCEPT;
 
 /* Batching: datagrams of this thread for destinations that are not full wait until the end of the loop's

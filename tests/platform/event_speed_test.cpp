@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/uio.h>
+#include <uv.h>
 
 #include "event_fixture.h"
 #include "tavcl_loop.h"
@@ -134,6 +135,21 @@ TEST_F(SpeedTest, ABusyLoopServesEverythingAndSleepsWhenItsTimeIsUp) {
         EXPECT_EQ(cl_event_loop_run(), 1);
         EXPECT_EQ(turns, 2);
     }
+}
+
+TEST_F(SpeedTest, ASingleTurnWaitsOnTheCallersBusyLoop) {
+    cl_event_loop_release();
+    uv_loop_t callers;
+    ASSERT_EQ(uv_loop_init(&callers), 0);
+    ASSERT_EQ(cl_event_loop_attach(&callers), 0);
+    cl_event_loop_set_busy_poll(60'000'000);
+    bool due = false;
+    cl_timer_start(
+        1, [](void *fired) { *static_cast<bool *>(fired) = true; }, &due);
+    cl_event_loop_run_once(-1);
+    EXPECT_TRUE(due);
+    cl_event_loop_release();
+    EXPECT_EQ(uv_loop_close(&callers), 0);
 }
 
 } // namespace
