@@ -44,7 +44,7 @@ constexpr Command kCommands[] = {
      DESTINATION "-c, --count N=4  Number of probes; 0: until interrupted\n"
                  "-i, --interval SECONDS:0-86400=1  Time between two probes\n",
      probe},
-    {"trace", "Switch the message trace, and explain its lines", "ACTION  on, off or show\n", trace},
+    {"trace", "Switch the message trace, or show whether it is on", "ACTION  on, off or show\n", trace},
     {"explain", "Decode the header of a datagram and verify its check value",
      "[HEX]  The datagram in hexadecimal (default: standard input)\n"
      "-f, --file FILE  The datagram's bytes are in this file\n",
