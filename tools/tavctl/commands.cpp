@@ -57,7 +57,7 @@ constexpr Command kCommands[] = {
      monitor},
     {"log", "Set the log level of a running module",
      DESTINATION "LEVEL  0 to 4: as TAV_LOG_LEVEL\n" TIMEOUT "2  Wait this long for the module\n", log_level},
-    {"trace", "Switch the message trace, and explain its lines", "ACTION  on, off or show\n", trace},
+    {"trace", "Switch the message trace, or show whether it is on", "ACTION  on, off or show\n", trace},
     {"explain", "Decode the header of a datagram and verify its check value",
      "[HEX]  The datagram in hexadecimal (default: standard input)\n"
      "-f, --file FILE  The datagram's bytes are in this file\n",

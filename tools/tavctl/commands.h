@@ -14,9 +14,8 @@ Run probe, send, listen, request, reply; // talk/messages.cpp
 Run send_file;                           // file/send_file.cpp
 Run receive_files;                       // file/receive_files.cpp
 Run monitor, log_level;                  // monitor/commands.cpp
-Run keygen;                              // agent/allowlist_commands.cpp, with the next two lines
-Run allowlist_add, allowlist_remove, allowlist_sign;
-Run allowlist_verify, allowlist_why;
+Run keygen, allowlist_add, allowlist_remove, allowlist_sign, allowlist_verify,
+    allowlist_why; // agent/allowlist_commands.cpp
 Run show_identity; // agent/identity.cpp
 Run doctor;        // agent/doctor.cpp
 Run completion;    // commands.cpp

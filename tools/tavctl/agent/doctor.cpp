@@ -53,9 +53,9 @@ Finding check_endpoint(const Findings &findings) {
         const Answer probe =
             exchange(module, TAV_IPC_EXCHANGE_PROBE, *tav_ipc_get_local_addr(module), kProbeTimeout_s);
         const bool answered = probe.ended && probe.code == 0;
-        const std::string text = module.text() + (answered ? " opened, and answered itself in "
-                                                           : " opened, but did not answer itself in ");
-        const std::string seen = text + time_text(probe.took_s);
+        const char *how =
+            answered ? " opened, and answered itself in " : " opened, but did not answer itself in ";
+        const std::string seen = module.text() + how + time_text(probe.took_s);
         return answered ? ok(seen) : fail(seen, "tavctl --verbose doctor");
     } catch (const Problem &problem) {
         return fail(problem.what(), problem.remedy());
@@ -67,7 +67,7 @@ constexpr long kFewDatagrams = 64;       // the kernel's default is 10, that of 
 constexpr rlim_t kFewDescriptors = 1024; // the usual limit; a process keeps half for received files
 constexpr double kLittleSpace = 100e6, kNoSpace = 1e6; // bytes
 constexpr time_t kKeptFile_s = 600; // a living receiver removes a file 6 minutes after its last data
-constexpr int kEarliestYear = 2020; // of a clock that was ever set
+constexpr time_t kEarliest_s = 1'577'836'800; // 2020: no clock that was ever set shows less
 
 std::optional<long> setting(const char *path) {
     long value = 0;
@@ -149,18 +149,14 @@ Finding check_received_files() {
 }
 
 Finding check_clock() {
-    const time_t now = time(nullptr);
-    tm date{};
-    gmtime_r(&now, &date);
-    char seen[64];
-    strftime(seen, sizeof seen, "%Y-%m-%d %H:%M:%S UTC", &date);
-    if (date.tm_year + 1900 < kEarliestYear)
-        return fail(std::string("it shows ") + seen, as_root("timedatectl set-time 'YYYY-MM-DD HH:MM:SS'"));
+    const std::string seen = Stamp().format("%Y-%m-%d %H:%M:%S %Z");
+    if (time(nullptr) < kEarliest_s)
+        return fail("it shows " + seen, as_root("timedatectl set-time 'YYYY-MM-DD HH:MM:SS'"));
     timex state{};
     if (adjtimex(&state) == TIME_ERROR || (state.status & STA_UNSYNC))
-        return warn(seen + std::string(", not kept by a time service; a step of the clock affects time-outs"),
+        return warn(seen + ", not kept by a time service; a step of the clock affects time-outs",
                     as_root("timedatectl set-ntp true"));
-    return ok(seen + std::string(", kept by a time service"));
+    return ok(seen + ", kept by a time service");
 }
 
 Finding check_trace_switch() {

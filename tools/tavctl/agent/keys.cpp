@@ -38,8 +38,6 @@ Key parse_key(const std::string &text, const std::string &name, PemReader read, 
     return key;
 }
 
-bool exists(const std::string &path) { return ::access(path.c_str(), F_OK) == 0; }
-
 } // namespace
 
 void throw_crypto_problem(const std::string &what) {
@@ -62,16 +60,18 @@ std::string public_pem(EVP_PKEY *key) {
 }
 
 void make_key_pair(const std::string &private_path, const std::string &public_path, bool if_missing) {
-    if (exists(private_path)) {
+    if (fs::exists(private_path)) {
         if (!if_missing)
             throw Problem(private_path +
                               " exists and is kept: lists signed with a lost key cannot be renewed",
                           "give another name, or sign with this key");
-        if (!exists(public_path)) write_file(public_path, public_pem(load_private_key(private_path).get()));
+        if (!fs::exists(public_path))
+            write_file(public_path, public_pem(load_private_key(private_path).get()));
         return;
     }
-    if (!if_missing && (exists(public_path) || public_path == private_path))
-        throw Problem(public_path + (exists(public_path) ? " exists and is kept" : " would be both halves"),
+    if (!if_missing && (fs::exists(public_path) || public_path == private_path))
+        throw Problem(public_path +
+                          (fs::exists(public_path) ? " exists and is kept" : " would be both halves"),
                       "give another name for the public half");
     const Key key(EVP_RSA_gen(kKeyBits));
     if (!key) throw_crypto_problem("cannot generate a key");

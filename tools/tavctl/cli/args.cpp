@@ -161,6 +161,7 @@ std::string CommandLine::help() const {
         std::string name = option.names[0];
         for (size_t i = 1; i < option.names.size(); ++i) name += ", " + option.names[i];
         if (!option.value.empty()) name += " " + option.value;
+        if (option.argument && option.repeated) name += "...";
         if (option.argument) arguments += option.required ? " " + name : " [" + name + "]";
         (option.argument ? argument_lines : option_lines) +=
             padded("  " + name, kHelpColumn) + option.help +

@@ -59,4 +59,6 @@ struct ValueInfo {
 };
 extern const std::array<ValueInfo, TAV_IPC_STATS_COUNT> kValues;
 
+pid_t counting_process(std::string_view name); // the N of "ipcN.stats", a file of counters; else 0
+
 } // namespace tavctl

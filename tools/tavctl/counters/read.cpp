@@ -147,6 +147,11 @@ double seconds_since(uint64_t begin_ms) {
 
 } // namespace
 
+pid_t counting_process(std::string_view name) {
+    if (!name.starts_with("ipc") || !name.ends_with(".stats")) return 0;
+    return static_cast<pid_t>(std::max(0L, number_of(name.substr(3, name.size() - 9))));
+}
+
 #define VALUE_INFO(name, text, kind, meaning) {text, meaning, #kind[0] == 'G'},
 const std::array<ValueInfo, TAV_IPC_STATS_COUNT> kValues = {{TAV_IPC_STATS_VALUES(VALUE_INFO)}};
 #undef VALUE_INFO

@@ -176,8 +176,10 @@ int stats(Console &out, const Args &args) {
         }
     }
     if (!any && !name.empty())
-        throw Problem("there are no counters of an endpoint " + harmless(given),
-                      "tavctl list shows the endpoints; a module of an older library has no counters");
+        throw Problem(
+            "there are no counters of an endpoint " + harmless(given),
+            "tavctl list shows the endpoints, and directories that this user may not read; a module of an "
+            "older library has no counters");
     if (!any) out.tell("No process has counters below /var.");
     return kSuccess;
 }

@@ -23,14 +23,9 @@ struct Received {
 };
 
 Problem cannot_move(const std::string &what, const std::string &directory) {
-    const int reason = errno;
-    std::error_code error;
-    const auto free = static_cast<double>(fs::space(directory, error).available);
-    errno = reason;
+    const bool full = errno == ENOSPC || errno == EDQUOT;
     return system_problem(what + " to " + harmless(directory),
-                          reason == ENOSPC || reason == EDQUOT
-                              ? "make room: " + bytes_text(free) + " free in " + harmless(directory)
-                              : "may this user write there? Is it mounted read-only?");
+                          full ? "make room there" : "may this user write there? Is it mounted read-only?");
 }
 
 // Gives a file the wanted name, or the first free one with a number after it, and returns its path; empty
@@ -60,12 +55,7 @@ std::string copy(const std::string &from, const std::string &directory, const st
     std::error_code error;
     if (target) fs::copy_file(from, temporary, fs::copy_options::overwrite_existing, error);
     if (error) errno = error.value();
-    if (!target || error || fsync(target.get()) != 0) {
-        const int reason = errno;
-        static_cast<void>(ftruncate(target.get(), 0)); // the message shows the free space
-        errno = reason;
-        throw cannot_move("cannot copy it", directory);
-    }
+    if (!target || error || fsync(target.get()) != 0) throw cannot_move("cannot copy it", directory);
     std::string path = give_name(temporary, wanted);
     if (path.empty()) throw Problem("the copy " + temporary + " is gone");
     unlink(from.c_str());

@@ -1,12 +1,14 @@
 // tavctl list: the endpoints, whose they are, and the files that killed processes have left.
 #include <array>
+#include <sstream>
 #include <tuple>
 
 #include "commands.h"
+#include "common/facts.h"
 #include "counters/counters.h"
 #include "look/sockets.h"
+#include "module/module.h"
 #include "tavaux.h"
-#include "tavipc/tav_ipc.h"
 
 namespace tavctl {
 namespace {
@@ -131,6 +133,28 @@ int clean(Console &out, const Scan &scan) {
                  " stale in directories of other deployment types: clean them with --deploy-type TYPE.");
     if (failed > 0) out.tell_remedy("run it as the owner of the directory, or as root");
     return failed > 0 ? kFailure : kSuccess;
+}
+
+// The endpoints of other locations from which the bridge of this one has had messages. It answers the command
+// code with a line for each: name, location, host id, seconds since then.
+int tell_heard(Console &out) {
+    constexpr double kPatience_s = 3; // the bridge is on this machine and answers in milliseconds
+    const tav_addr_st bridge = parse_address(tavipc::kBridgeEndpoint);
+    catch_interrupts();
+    const Module module;
+    const Answer answer =
+        exchange(module, TAV_IPC_EXCHANGE_REQUEST, bridge, kPatience_s, tavipc::kBridgeHeard);
+    if (!answer.ended) return kFailure;
+    if (answer.code != 0) throw failed_exchange(bridge, answer.code);
+    std::istringstream rows(answer.payload);
+    std::string name;
+    unsigned location = 0, hostid = 0, age_s = 0;
+    out.tell("\nOther locations, as the bridge has heard them:");
+    while (rows >> name >> location >> hostid >> age_s)
+        out.say(Record("name", one_line(name), "location", location, "hostid", hostid, "state", "heard",
+                       "age_s", age_s),
+                "{name}@{location}  on machine {hostid}, {age_s} s ago");
+    return kSuccess;
 }
 
 } // namespace

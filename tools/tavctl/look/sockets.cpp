@@ -12,6 +12,7 @@
 #include <sys/un.h>
 
 #include "common/facts.h"
+#include "counters/counters.h"
 #include "look/sockets.h"
 #include "tavaux.h"
 
@@ -194,11 +195,6 @@ std::string user_name(uid_t user) {
     if (const passwd *entry = name.empty() ? getpwuid(user) : nullptr) name = entry->pw_name;
     if (name.empty()) name = std::to_string(user);
     return name;
-}
-
-pid_t counting_process(std::string_view name) {
-    if (!name.starts_with("ipc") || !name.ends_with(".stats")) return 0;
-    return static_cast<pid_t>(std::max(0L, number_of(name.substr(3, name.size() - 9))));
 }
 
 size_t SocketDirectory::count(SocketState state) const {

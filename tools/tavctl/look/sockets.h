@@ -46,7 +46,6 @@ struct Scan {
     std::vector<SocketDirectory> directories;
     bool incomplete = false; // the process of some sockets is not visible to this one
 };
-pid_t counting_process(std::string_view name); // the N of "ipcN.stats", a file of counters; else 0
 
 // The directories of the tool's own deployment type, of none and of these types.
 Scan scan_known(const std::vector<std::string> &deploy_types);
@@ -58,8 +57,5 @@ std::vector<SocketDirectory> find_directories(const std::vector<std::string> &de
 // Removes a file that a scan found stale, if it still is the same and stale, under the lock that an endpoint
 // takes to replace it. Returns 0, ENOENT when it has gone or is in use again, or another errno.
 int remove_stale(const std::string &directory, const SocketFile &file);
-
-// Shows the endpoints of other locations that the bridge has heard (heard.cpp). Returns the exit status.
-int tell_heard(Console &out);
 
 } // namespace tavctl

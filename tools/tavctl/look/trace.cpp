@@ -9,29 +9,6 @@ namespace {
 
 using tavipc::kTraceSwitch;
 
-constexpr char kLegend[] = R"(
-With TAV_LOG_LEVEL=4 in its environment a module writes a line for each message
-that it sends or gets:
-
-  [MSG TRACE] [alpha@42:2:80]->[beta@42:2:0], reqid:7, flags:0x200, rflags: 0x0,
-  frag:1:300:4, cmd: 9, size: 64000(200000), send via dunix: beta
-
-  [alpha@42:2:80]       source: name, host id, location, address flags (hex)
-  ->[beta@42:2:0]       destination, in the same form
-  reqid:7               id of the message, or of the request that it answers
-  flags:0x200           1 ACK, 2 NEED_ACK, 4 FILE, 8 PROBE, 10 REQUEST, 20 RESPONSE,
-                        40 TRACE, 100 COMPRESSED, 200 APP_MSG
-  frag:1:300:4          a fragment: 1, its set 300, its number 4
-  cmd: 9                command code
-  size: 64000(200000)   payload bytes here, and in parentheses of the whole message
-  send via dunix: beta  what happens to it: here it is sent to the socket beta
-
-"[Invalid message header]" means that the check value of a header is wrong.
-
-While the switch file exists every message is traced. Without it only messages
-with TRACE are, which a sender with IPC_TEST=1 in its environment sets. Modules
-check for the file every ten seconds.)";
-
 int show(Console &out) {
     struct stat file {};
     Record record("switch", kTraceSwitch);
@@ -42,7 +19,8 @@ int show(Console &out) {
     } else {
         out.say(record.add("on", false), "{switch}: off");
     }
-    out.tell(kLegend);
+    out.tell("A module writes a line for each traced message if TAV_LOG_LEVEL=4 is in its environment;\n"
+             "\"The message trace\" in tavipc(7) explains the fields.");
     return kSuccess;
 }
 

@@ -14,12 +14,10 @@ constexpr double kSlice_ms = 100; // a signal does not end a turn of the loop
 volatile std::sig_atomic_t interrupts = 0;
 void (*before_death)() = nullptr;
 void on_interrupt(int signal) {
-    interrupts = interrupts + 1;
-    if (interrupts > 1) {
-        if (before_death) before_death();
-        std::signal(signal, SIG_DFL);
-        std::raise(signal);
-    }
+    if (interrupts == 0) return void(interrupts = 1);
+    if (before_death) before_death();
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
 }
 
 struct Log {

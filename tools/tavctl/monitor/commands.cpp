@@ -100,7 +100,7 @@ class Monitor {
                 out_.say(Record("type", "ready", "directory", listener.directory),
                          "monitoring {directory}; Ctrl-C ends it");
         if (!capture_) out_.tell(kTitle);
-        while (std::cout && !sockets_.interrupted() && !is_done()) {
+        while (std::cout && !interrupted() && !is_done()) {
             for (const Copy &copy : sockets_.take())
                 if (!is_done()) take(copy);
             messages_.expire(now_seconds());
@@ -248,7 +248,7 @@ int log_level(Console &out, const Args &args) {
     const double end = now_seconds() + args.seconds("timeout");
     std::optional<Copy> hello;
     while (!hello || !sockets.command_was_read(*hello)) {
-        if (sockets.interrupted()) throw Problem("interrupted: it is not known whether the level was set");
+        if (interrupted()) throw Problem("interrupted: it is not known whether the level was set");
         if (now_seconds() > end) throw silence(address);
         for (const Copy &copy : sockets.take())
             if (!hello && copy.process == target.file.process &&

@@ -61,7 +61,6 @@ class MonitorSockets {
         uint64_t missed = 0; // copies that came while nothing more could be taken
     };
     const std::deque<Listener> &listeners() const { return listeners_; }
-    bool interrupted() const; // by Ctrl-C, SIGTERM or SIGHUP, of which a second one ends the process
     uint64_t missed() const;
     uint64_t ignored() const { return ignored_; } // records that were damaged or unknown
 

@@ -1,7 +1,5 @@
 // A listening socket in each directory, and a connection from each endpoint there. Modules never wait for
 // this process, so what has come is taken out of the kernel before any of it is shown.
-#include <csignal>
-
 #include <linux/sockios.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
@@ -10,6 +8,7 @@
 #include <sys/un.h>
 
 #include "common/facts.h"
+#include "module/module.h"
 #include "monitor/monitor.h"
 
 namespace tavctl {
@@ -24,15 +23,9 @@ constexpr int kWait_ms = 100; // Ctrl-C and --count are noticed within it
 // Paths of this process's sockets, for its signal handler.
 char files[kMostListeners][tavipc::kLongestSocketPath + 1];
 
-volatile std::sig_atomic_t was_interrupted = 0;
-
-// The second signal ends the process, even while it waits for its terminal.
-void on_interrupt(int signal) {
-    if (!was_interrupted) return void(was_interrupted = 1);
+void remove_files() {
     for (const auto &file : files)
         if (file[0] != '\0') unlink(file);
-    std::signal(signal, SIG_DFL);
-    std::raise(signal);
 }
 
 sockaddr_un address_of(const std::string &path) {
@@ -63,14 +56,7 @@ std::string bind_in(const SocketDirectory &directory, int fd) {
 } // namespace
 
 MonitorSockets::MonitorSockets() : poll_(epoll_create1(EPOLL_CLOEXEC)), buffer_(kCopySize, '\0') {
-    struct sigaction action {
-    }, before{};
-    action.sa_handler = on_interrupt;
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaction(signal, &action, &before);
-        if (signal == SIGHUP && before.sa_handler == SIG_IGN)
-            std::signal(signal, SIG_IGN); // as nohup sets it
-    }
+    catch_interrupts(remove_files);
     rlimit limit{}; // a connection for each endpoint
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
@@ -84,8 +70,6 @@ MonitorSockets::~MonitorSockets() {
         unlink(listeners_[i].path.c_str());
     }
 }
-
-bool MonitorSockets::interrupted() const { return was_interrupted != 0; }
 
 void MonitorSockets::open(const SocketDirectory &directory) {
     if (listeners_.size() == kMostListeners)

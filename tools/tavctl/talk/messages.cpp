@@ -56,9 +56,11 @@ struct Server {
         const auto code = args.has("cmd") ? static_cast<uint32_t>(args.number("cmd")) : cmd + 1;
         tav_addr_st destination = src;
         destination.flags |= address_flags(args);
-        tav_ipc_response(ipc, &destination, reqid, code, bytes.data(), static_cast<uint32_t>(bytes.size()));
-        ++answered;
-        if (args.has("quiet")) return;
+        const bool sent = tav_ipc_response2(ipc, &destination, reqid, code, bytes.data(),
+                                            static_cast<uint32_t>(bytes.size())) == 0;
+        if (!sent) std::cerr << "tavctl: the answer to " << address_text(src) << " was refused\n";
+        answered += sent;
+        if (args.has("quiet") || !sent) return;
         Record record("type", "request", "time", Stamp(), "from", address_text(src), "reqid", reqid);
         record.add("cmd", cmd, "answered", bytes.size());
         const std::string lines = describe_payload(record, request, args);
