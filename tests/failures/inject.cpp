@@ -125,7 +125,7 @@ using Any = long(long, long, long, long, long, long);
     X(getifaddrs, -1, EMFILE) X(sem_timedwait, -1, ETIMEDOUT, EINTR) X(sem_open, 0, EMFILE, ENOSPC) \
     X(fdopen, 0, ENOMEM) X(fopen, 0, EMFILE, EACCES, ENOMEM) X(fread, 0, EIO) X(fwrite, 0, ENOSPC) \
     X(fseek, -1, EIO) X(ftell, -1, EIO) X(inotify_init1, -1, EMFILE) X(inotify_add_watch, -1, ENOSPC) \
-    X(statx, -1, EACCES) X(timerfd_settime, -1, ENOMEM)
+    X(statx, -1, EACCES) X(timerfd_settime, -1, ENOMEM) X(pwrite, -1, ENOSPC, EINTR)
 // clang-format on
 #define CALL(name, failed, ...)                                                                              \
     DEFINE(name) { return fails(Kind::kCalls, #name, CALLER, {__VA_ARGS__}) ? failed : PASS_ON(name); }
