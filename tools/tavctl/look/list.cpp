@@ -138,11 +138,10 @@ int clean(Console &out, const Scan &scan) {
 // line for each: name, location, host id, seconds since then.
 int tell_heard(Console &out) {
     constexpr uint32_t kTellHeard = 2;
-    constexpr double kPatience_s = 3;
     const tav_addr_st bridge = parse_address("tavbridge");
     catch_interrupts();
     const Module module;
-    const Answer answer = exchange(module, TAV_IPC_EXCHANGE_REQUEST, bridge, kPatience_s, kTellHeard);
+    const Answer answer = exchange(module, TAV_IPC_EXCHANGE_REQUEST, bridge, kProbeTimeout_s, kTellHeard);
     if (!answer.ended) return kFailure;
     if (answer.code != 0) throw failed_exchange(bridge, answer.code);
     std::istringstream rows(answer.payload);
