@@ -12,7 +12,6 @@
 #include <sys/un.h>
 
 #include "common/facts.h"
-#include "counters/counters.h"
 #include "look/sockets.h"
 #include "tavaux.h"
 
@@ -166,7 +165,7 @@ void read_directory(SocketDirectory &directory) {
         SocketFile file;
         file.name = path.filename();
         if (!look_at(files, file))
-            directory.strange += counting_process(file.name) == 0;
+            directory.strange += !file.name.ends_with(".stats"); // those are files of counters
         else if (file.state == SocketState::kNoSocket && file.name.starts_with("ipc.monitor"))
             continue; // it listens for modules; no endpoint has a name of this length
         else if (file.state != SocketState::kMissing)
