@@ -272,7 +272,7 @@ TEST_F(Tavctl, FilesArriveWholeAndReplaceNone) {
     fs::create_directory(root_ / "drop");
     for (const fs::path &directory : {fs::path(other), root_ / "drop"}) {
         fs::create_symlink("nothing", directory / "source");
-        Process receiver(tool_, {}, {"recvfile", directory, "--as", "in", "-c", "2", "--json"});
+        Process receiver(tool_, {}, {"recvfile", directory, "--as", "in", "-c", "3", "--json"});
         receiver.expect("{\"type\":\"ready\"");
         for (const size_t size : {0, 200'017}) {
             const std::string path = write(size),
@@ -280,9 +280,12 @@ TEST_F(Tavctl, FilesArriveWholeAndReplaceNone) {
             expect(0, {"sendfile", "in", path}, sum);
             EXPECT_THAT(receiver.expect("{\"type\":\"file\""), HasSubstr(sum));
         }
+        fs::rename(write(1), root_ / "a\nb"); // a name that the library does not announce
+        expect(0, {"sendfile", "in", root_ / "a\nb"});
+        EXPECT_THAT(receiver.expect("{\"type\":\"file\""), HasSubstr("\"name\":\"\""));
         EXPECT_EQ(receiver.finish(), 0);
         const auto files = std::distance(fs::directory_iterator(directory), fs::directory_iterator());
-        EXPECT_TRUE(fs::is_symlink(directory / "source") && files == 3) << "none is replaced or left over";
+        EXPECT_TRUE(fs::is_symlink(directory / "source") && files == 4) << "none is replaced or left over";
     }
     fs::remove_all(other);
 }

@@ -15,10 +15,9 @@ Run send_file;                           // file/send_file.cpp
 Run receive_files;                       // file/receive_files.cpp
 Run monitor, log_level;                  // monitor/commands.cpp
 Run keygen, allowlist_add, allowlist_remove, allowlist_sign, allowlist_verify,
-    allowlist_why; // agent/allowlist_commands.cpp
-Run show_identity; // agent/identity.cpp
-Run doctor;        // agent/doctor.cpp
-Run completion;    // commands.cpp
+    allowlist_why;         // agent/allowlist_commands.cpp
+Run show_identity, doctor; // agent/identity.cpp, agent/doctor.cpp
+Run completion;            // commands.cpp
 
 std::span<const Command> commands();
 std::set<std::string> live_names(); // of endpoints, as a shell can take them

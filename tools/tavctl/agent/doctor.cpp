@@ -169,8 +169,7 @@ Finding check_trace_switch() {
 Finding check_environment() {
     const char *root = std::getenv("TAV_INSTALL_ROOT"), *test = std::getenv("IPC_TEST");
     if (test && test[0] == '1')
-        return warn(std::string("IPC_TEST is ") + test +
-                        ": processes started from here mark all messages for the trace",
+        return warn("IPC_TEST is 1: processes started from here mark all messages for the trace",
                     "unset IPC_TEST");
     if (!root) return ok("neither TAV_INSTALL_ROOT nor IPC_TEST changes anything");
     return warn(

@@ -103,7 +103,7 @@ int send_file(Console &out, const Args &args) {
     Transfer transfer(out, static_cast<uint64_t>(info.st_size));
     const Module module;
     const std::string name = fs::path(path).filename(), open = "/proc/self/fd/" + std::to_string(file.get());
-    const bool named = name.size() <= TAV_IPC_FILE_NAME_MAX && name == harmless(name);
+    const bool named = name.size() <= TAV_IPC_FILE_NAME_MAX && name == one_line(name);
     const auto timeout_ms = static_cast<uint32_t>(args.seconds("timeout") * 1000);
     const uint64_t id = tav_ipc_file_start(module, &destination, open.c_str(), // the file that was looked at
                                            named ? name.c_str() : nullptr, timeout_ms, 0,

@@ -138,12 +138,11 @@ int clean(Console &out, const Scan &scan) {
 // The endpoints of other locations from which the bridge of this one has had messages. It answers the command
 // code with a line for each: name, location, host id, seconds since then.
 int tell_heard(Console &out) {
-    constexpr double kPatience_s = 3; // the bridge is on this machine and answers in milliseconds
     const tav_addr_st bridge = parse_address(tavipc::kBridgeEndpoint);
     catch_interrupts();
     const Module module;
     const Answer answer =
-        exchange(module, TAV_IPC_EXCHANGE_REQUEST, bridge, kPatience_s, tavipc::kBridgeHeard);
+        exchange(module, TAV_IPC_EXCHANGE_REQUEST, bridge, kProbeTimeout_s, tavipc::kBridgeHeard);
     if (!answer.ended) return kFailure;
     if (answer.code != 0) throw failed_exchange(bridge, answer.code);
     std::istringstream rows(answer.payload);

@@ -12,7 +12,6 @@
 #include <sys/un.h>
 
 #include "common/facts.h"
-#include "counters/counters.h"
 #include "look/sockets.h"
 #include "tavaux.h"
 
@@ -154,11 +153,6 @@ bool look_at(const UniqueFd &directory, SocketFile &file) {
     return true;
 }
 
-// The socket of a monitor listens for modules, and no endpoint has a name of this length.
-bool is_monitor(const SocketFile &file) {
-    return file.state == SocketState::kNoSocket && file.name.starts_with("ipc.monitor");
-}
-
 UniqueFd open_directory(const std::string &path) {
     return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
@@ -171,8 +165,10 @@ void read_directory(SocketDirectory &directory) {
         SocketFile file;
         file.name = path.filename();
         if (!look_at(files, file))
-            directory.strange += counting_process(file.name) == 0;
-        else if (file.state != SocketState::kMissing && !is_monitor(file))
+            directory.strange += !file.name.ends_with(".stats"); // those are files of counters
+        else if (file.state == SocketState::kNoSocket && file.name.starts_with("ipc.monitor"))
+            continue; // it listens for modules; no endpoint has a name of this length
+        else if (file.state != SocketState::kMissing)
             directory.sockets.push_back(std::move(file));
     }
     std::ranges::sort(directory.sockets, {},

@@ -19,8 +19,7 @@ int show(Console &out) {
     } else {
         out.say(record.add("on", false), "{switch}: off");
     }
-    out.tell("A module writes a line for each traced message if TAV_LOG_LEVEL=4 is in its environment;\n"
-             "\"The message trace\" in tavipc(7) explains the fields.");
+    out.tell("tavipc(7) explains the lines that modules with TAV_LOG_LEVEL=4 then write.");
     return kSuccess;
 }
 

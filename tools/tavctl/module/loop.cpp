@@ -37,8 +37,7 @@ void keep_line(int level, const char *source, int, const char *text, void *) {
 
 void catch_interrupts(void (*last_act)()) {
     before_death = last_act;
-    struct sigaction action {
-    }, before{};
+    struct sigaction action = {}, before = {};
     action.sa_handler = on_interrupt;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);

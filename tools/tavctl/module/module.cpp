@@ -159,10 +159,8 @@ void wait_for_departures(const Module &module, const tav_addr_st &destination) {
     for (size_t i = TAV_IPC_STATS_DROPPED_NO_PEER; i < TAV_IPC_STATS_DROPPED_BYTES; ++i) {
         if (stats.values[i] == 0) continue;
         const Problem why = silence(destination, "dropped: no endpoint ");
-        throw Problem(i == TAV_IPC_STATS_DROPPED_NO_PEER
-                          ? why.what()
-                          : grouped(stats.values[i]) + " " + kValues[i].meaning, // "990 drops: ..."
-                      why.remedy());
+        const std::string drops = grouped(stats.values[i]) + " " + kValues[i].meaning; // "990 drops: ..."
+        throw Problem(i == TAV_IPC_STATS_DROPPED_NO_PEER ? why.what() : drops, why.remedy());
     }
 }
 

@@ -10,19 +10,6 @@ namespace {
 constexpr double kQuiet_s = 10;   // a receiver gives up an unfinished message after the same time
 constexpr size_t kMostSets = 256; // bounds memory; the oldest set is then reported as incomplete
 
-Message message_of(const Copy &copy) {
-    Message message;
-    message.record = copy.record;
-    message.header = copy.header;
-    message.process = copy.process;
-    message.outcome = copy.record.event;
-    message.reason = copy.record.reason;
-    message.tries = copy.record.tries;
-    message.size = copy.header.size;
-    message.payload = copy.payload();
-    return message;
-}
-
 // The same for all copies of one message that a module sends, and for those that it receives. The header
 // begins with both addresses and the message id.
 std::string key_of(const Copy &copy) {
@@ -37,7 +24,16 @@ std::string key_of(const Copy &copy) {
 void Messages::add(const Copy &copy) {
     const uint64_t fragments =
         (uint64_t{copy.header.frag_orig} + TAV_IPC_FRAGMENT_PAYLOAD - 1) / TAV_IPC_FRAGMENT_PAYLOAD;
-    Message message = message_of(copy);
+    Message message{copy.record,
+                    copy.header,
+                    copy.process,
+                    copy.record.event,
+                    copy.record.reason,
+                    copy.record.tries,
+                    1,
+                    1,
+                    copy.header.size,
+                    std::string(copy.payload())};
     if (!copy.is_fragment() || fragments > 1023 || copy.sequence() >= fragments) return report_(message);
     message.fragments = static_cast<unsigned>(fragments);
     message.size = copy.header.frag_orig;
