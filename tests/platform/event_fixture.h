@@ -17,17 +17,22 @@
 #include "tavcl_ev.h"
 #include "temp_dir.h"
 
+#ifdef SYS_clock_gettime64 // times are of 64 bits in 32 bits, too
+constexpr long kGetTime = SYS_clock_gettime64, kSetTimer = SYS_timerfd_settime64;
+#else
+constexpr long kGetTime = SYS_clock_gettime, kSetTimer = SYS_timerfd_settime;
+#endif
 inline long skipped_s = 0; // the libraries' monotonic clock is ahead by these
 #pragma GCC visibility push(default)
 extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
-    const long result = syscall(SYS_clock_gettime, clock, now);
+    const long result = syscall(kGetTime, clock, now);
     if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE) now->tv_sec += skipped_s;
     return static_cast<int>(result);
 }
 extern "C" int timerfd_settime(int fd, int flags, const itimerspec *at, itimerspec *) noexcept {
     itimerspec real = *at;
     real.it_value.tv_sec -= skipped_s;
-    return static_cast<int>(syscall(SYS_timerfd_settime, fd, flags, &real, nullptr));
+    return static_cast<int>(syscall(kSetTimer, fd, flags, &real, nullptr));
 }
 #pragma GCC visibility pop
 
