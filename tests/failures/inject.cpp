@@ -95,10 +95,15 @@ void *aligned_alloc(size_t alignment, size_t size) noexcept {
     return fails(Kind::kAllocations, "aligned_alloc", CALLER) ? nullptr
                                                               : count(SYSTEM(memalign)(alignment, size));
 }
-char *strdup(const char *text) noexcept { // the one of a sanitizer does not call malloc
-    void *copy = allocate("strdup", strlen(text) + 1, CALLER);
-    return static_cast<char *>(copy ? strcpy(static_cast<char *>(copy), text) : nullptr);
+// Those of a sanitizer do not call malloc.
+char *strndup(const char *text, size_t size) noexcept {
+    const size_t length = strnlen(text, size);
+    auto *copy = static_cast<char *>(allocate("strndup", length + 1, CALLER));
+    if (!copy) return nullptr;
+    copy[length] = 0;
+    return static_cast<char *>(memcpy(copy, text, length));
 }
+char *strdup(const char *text) noexcept { return strndup(text, SIZE_MAX); }
 void free(void *memory) noexcept {
     live_allocations -= memory != nullptr;
     SYSTEM(free)(memory);
