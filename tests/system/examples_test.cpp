@@ -34,13 +34,18 @@ TEST_F(Examples, PublishSubscribe) {
 }
 
 TEST_F(Examples, RequestServersOnAnyLoop) {
+    std::string left_out;
     for (const std::string server : {"request_server", "epoll_loop", "glib_loop", "asio_loop"}) {
-        if (!fs::exists(fs::path(TAVIPC_EXAMPLES) / server)) continue; // its loop is not installed
+        if (!fs::exists(fs::path(TAVIPC_EXAMPLES) / server)) {
+            left_out += " " + server;
+            continue;
+        }
         Process running = place.start(server, {}, server == "request_server" ? Texts{"serve"} : Texts{});
         running.expect("ready");
         run("request_server", {"ask", "hello, world"}, {"answer: HELLO, WORLD"});
         EXPECT_EQ(server == "request_server" ? 0 : running.finish(), 0) << server;
     }
+    if (!left_out.empty()) GTEST_SKIP() << "left out, the library of its loop is not installed:" << left_out;
 }
 
 TEST_F(Examples, Files) {
