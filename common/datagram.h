@@ -56,8 +56,8 @@ inline void clear_fragment_bit(tav_ipc_hdr_st &header) { header.frag_word[0] &= 
 
 // --- names: ten bytes from a peer, perhaps without a terminator
 
-// Written as two words: compilers copy a char array of odd size in overlapping pieces, each of which waits for
-// the one before.
+// Written as two words: compilers copy a char array of odd size in overlapping pieces, each of which waits
+// for the one before.
 struct NameText {
     alignas(uint64_t) char text[16];
 
