@@ -6,6 +6,7 @@
 #include <cwchar>
 #include <cwctype>
 
+#include <poll.h>
 #include <sys/ioctl.h>
 
 #include "cli/cli.h"
@@ -137,10 +138,16 @@ unsigned Console::width() const {
     return size.ws_col;
 }
 
+// Whether standard output is a pipe that nobody reads any more: the reader, head for example, has enough.
+static bool output_is_not_wanted() {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return poll(&output, 1, 0) > 0 && (output.revents & POLLERR);
+}
+
 void Console::finish() {
     clear_progress();
-    if (!std::cout.flush())
-        throw Problem("cannot write to standard output", "is the disk full, or the pipe closed?");
+    if (!std::cout.flush() && !output_is_not_wanted())
+        throw Problem("cannot write to standard output", "is the disk full?");
 }
 
 long number_of(std::string_view text) {
