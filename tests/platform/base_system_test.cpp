@@ -1,5 +1,6 @@
 // Shell, paths and resolver.
 #include <chrono>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <dlfcn.h>
@@ -76,7 +77,9 @@ TEST(Shell, ResultAndOutput) {
 
 TEST(Shell, LostStatusCountsAsSuccess) {
     const auto reap = [](int) {
+        const int error = errno;
         while (waitpid(-1, nullptr, WNOHANG) > 0) continue;
+        errno = error;
     };
     for (const sighandler_t handler : {SIG_IGN, sighandler_t(reap)}) {
         std::signal(SIGCHLD, handler);
