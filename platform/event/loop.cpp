@@ -284,7 +284,7 @@ uint64_t Loop::handle() noexcept {
 
 void Loop::release_handle() noexcept { delist(std::exchange(handle_, 0)); }
 
-// --- timers and sends -------------------------------------------------------------------------------
+// --- timers -------------------------------------------------------------------------------------------
 
 // libuv's time is that of the end of its wait. What has become due since then ends the next wait at once.
 void Loop::fire_timers() noexcept {
@@ -320,56 +320,6 @@ void Loop::stop_timer(uint64_t id) noexcept {
 void Loop::channel_closed() noexcept {
     assert(channels_ > 0);
     --channels_;
-}
-
-Send *Loop::begin_send() noexcept {
-    Send *send = sends_.take();
-    if (send) hold();
-    return send;
-}
-
-void Loop::finish(Send *send, int status) noexcept {
-    send->status = status;
-    send->order = ++last_finished_;
-    if (finished_.empty()) nudge();
-    finished_.push(send);
-    finished_bytes_ += send->len;
-}
-
-void Loop::report_finished(cl_dunix_send_cb only) noexcept {
-    if (finished_.empty()) return;
-    const UvLoop::Callbacks guard(uv_);
-    const bool was_reporting = std::exchange(reporting_, true);
-    const uint64_t until = last_finished_;
-    while (!finished_.empty() && finished_.front()->order <= until) {
-        if (only && finished_.front()->callback != only) break;
-        Send *send = finished_.pop();
-        assert(finished_bytes_ >= send->len);
-        finished_bytes_ -= send->len;
-        report(send, send->status);
-    }
-    reporting_ = was_reporting;
-}
-
-void Loop::report(Send *send, int status) noexcept {
-    const Send copy = *send;
-    sends_.give_back(send);
-    if (abandoned_) return;
-    drop();
-    count_callback();
-    if (copy.callback) copy.callback(copy.socket, status, copy.context);
-}
-
-SendQueue Loop::take_finished(cl_dunix_t socket) noexcept {
-    SendQueue taken, others;
-    while (!finished_.empty()) {
-        Send *send = finished_.pop();
-        const bool ours = send->socket == socket;
-        if (ours) finished_bytes_ -= send->len;
-        (ours ? taken : others).push(send);
-    }
-    finished_.append(std::move(others));
-    return taken;
 }
 
 void Loop::hold() noexcept {
