@@ -19,6 +19,7 @@
 #include "ipc/reassembly.h"
 #include "ipc/receive.h"
 #include "ipc/send.h"
+#include "ipc/send_context.h"
 #include "ipc/socket_directory.h"
 #include "ipc/transmitter.h"
 #include "tavaux.h"

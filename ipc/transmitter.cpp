@@ -1,9 +1,7 @@
 #include "ipc/transmitter.h"
 
 #include <algorithm>
-#include <cassert>
 #include <cstring>
-#include <new>
 
 #include <dlfcn.h>
 
@@ -12,6 +10,7 @@
 #include "ipc/exchanges.h"
 #include "ipc/fragment_block.h"
 #include "ipc/ipc_conf.h"
+#include "ipc/send_context.h"
 #include "ipc/wire.h"
 
 // What every line about a datagram ends with, and its arguments.
@@ -25,67 +24,13 @@
 #pragma weak error_output_in_sink // and another base library this
 
 namespace tavipc {
-
-// One attempt to send a record, from cl_dunix_sendto2 to its completion.
-struct SendContext {
-    tav_ipc_st *ipc; // null: an orphan
-    ipc_queue_msg_st *msg;
-    Destination *to;
-    uint32_t size;      // bytes that are counted in flight
-    SendContext *next;  // of the endpoint's in_flight or spare_contexts
-    SendContext **link; // what points at this one in in_flight; null: not in it
-};
-
 namespace {
 
-constexpr uint32_t kWouldBlockTries = 11;     // attempts for a busy destination
-constexpr uint32_t kOtherTries = 5;           // attempts for one that is missing or fails
-constexpr int64_t kManyModules = 5000;        // with more destinations an idle one goes at once
-constexpr uint32_t kMostSpareContexts = 1024; // attempts of a burst between two turns of the loop
+constexpr uint32_t kWouldBlockTries = 11; // attempts for a busy destination
+constexpr uint32_t kOtherTries = 5;       // attempts for one that is missing or fails
+constexpr int64_t kManyModules = 5000;    // with more destinations an idle one goes at once
 
-// --- attempts under way
-
-// Begins an attempt: counts it and links it. Null when memory is short.
-SendContext *begin_attempt(ipc_queue_msg_st &msg, Destination &to) {
-    tav_ipc_st *ipc = msg.ipc;
-    SendContext *context = ipc->spare_contexts;
-    if (context) {
-        ipc->spare_contexts = context->next;
-        --ipc->spare_context_count;
-    } else {
-        context = new (std::nothrow) SendContext;
-        if (!context) return nullptr;
-    }
-    *context = {ipc, &msg, &to, msg.size, ipc->in_flight, &ipc->in_flight};
-    if (context->next) context->next->link = &context->next;
-    ipc->in_flight = context;
-    count_in(to.info.sending, to.info.sending_bytes, msg.size);
-    account_in_flight(msg);
-    return context;
-}
-
-void take_out(SendContext &context) {
-    mod_info_st &info = context.to->info;
-    assert(context.link && *context.link == &context);
-    assert(info.sending > 0 && info.sending_bytes >= context.size);
-    *context.link = context.next;
-    if (context.next) context.next->link = context.link;
-    context.link = nullptr;
-    account_landed(*context.msg);
-    count_out(info.sending, info.sending_bytes, context.size);
-}
-
-// The opposite of begin_attempt. The context is gone then.
-void end_attempt(SendContext *context) {
-    take_out(*context);
-    tav_ipc_st *ipc = context->ipc;
-    if (ipc->spare_context_count == kMostSpareContexts) {
-        delete context;
-    } else {
-        context->next = std::exchange(ipc->spare_contexts, context);
-        ++ipc->spare_context_count;
-    }
-}
+// --- an attempt
 
 // The datagram's header for a log line. Other code may queue a record that is shorter.
 tav_ipc_hdr_st header_of(const ipc_queue_msg_st &msg) {
@@ -338,19 +283,6 @@ void settle_sent(size_t held_bytes) {
     // Lines of completions that ran inside a log sink would pass the sink by.
     if (error_output_in_sink && error_output_in_sink()) return;
     if (cl_dunix_settle) cl_dunix_settle(held_bytes, ipc_msg_send_done);
-}
-
-void abandon_in_flight(tav_ipc_st *ipc) {
-    while (SendContext *context = ipc->in_flight) {
-        take_out(*context);
-        account_dropped(*context->msg, TAV_IPC_STATS_DROPPED_CLOSED);
-        context->ipc = nullptr;
-    }
-    while (SendContext *context = ipc->spare_contexts) {
-        ipc->spare_contexts = context->next;
-        delete context;
-    }
-    ipc->spare_context_count = 0;
 }
 
 } // namespace tavipc

@@ -5,10 +5,8 @@
 // then. Every other one becomes a record.
 //
 // A record (ipc_queue_msg_st) has one owner at a time: the frame that works on it; the queue, while it waits;
-// or the event library, during an attempt. Each attempt has a SendContext, which links the record, its
-// destination and its endpoint until the completion. The completion releases the record or puts it back into
-// the queue, up to a limit of attempts. Destroying the endpoint cuts the links; the late completion of such
-// an orphan only releases the record.
+// or the event library, during an attempt (send_context.h). The completion releases the record or puts it
+// back into the queue, up to a limit of attempts.
 #pragma once
 
 #include <cstddef>
@@ -58,8 +56,5 @@ inline constexpr size_t kHeldBytes = size_t{256} * 1024;
 // So a frame that holds an endpoint or a destination across this call, or across any log line, pins it
 // (EndpointPin, DestinationPin), and looks at the endpoint's queue before it goes on.
 void settle_sent(size_t held_bytes = kHeldBytes);
-
-// Ends all attempts of the endpoint, whose completions then only release their records.
-void abandon_in_flight(tav_ipc_st *ipc);
 
 } // namespace tavipc
