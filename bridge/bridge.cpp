@@ -18,11 +18,13 @@ constexpr int kHubLocation = 4, kHubPipes = 8; // its modules write to _prx0 to 
 // Bytes that nats.c may hold for its socket before the bridge stops reading. nats.c moves all of them in
 // memory after each partial write, so more of them cost time.
 constexpr size_t kMostUnsent = 512 << 10;
+constexpr size_t kMostJoined = tavipc::kHeaderSize + tavipc::kFragmentPayload; // bytes; one can have as many
 constexpr size_t kMostHeard = 4096;      // endpoints of other locations to remember: about 400 KB
+constexpr uint32_t kMostSends = 64;      // datagrams for one local socket that leave with one system call
 constexpr uint64_t kTick_ms = 500;       // resends, keep-alives and the watchdog need no finer one
-constexpr uint64_t kLook_ms = 1;         // while datagrams are held: the library has no callback for "left"
 constexpr uint64_t kKeepAliveTicks = 20; // 10 s: a third of the time after which the engine delivers again
 constexpr uint64_t kStop_ms = 5000;      // at most, to store what was read; service managers wait 90 s
+constexpr uint64_t kStopTick_ms = 10;    // meanwhile
 constexpr uint64_t kQuiet_ms = 50;       // without a datagram: the senders have finished
 constexpr const char *kLater = "-NAK {\"delay\":60000000000}"; // ns
 constexpr const char *kDurableEndpoint = "tavbridgd";          // control traffic has tavipc::kBridgeEndpoint
@@ -37,48 +39,13 @@ std::string socket_path(int location, const std::string &name) {
 
 Bridge::Bridge(const Settings &settings) : settings_(settings) {}
 
-Bridge::~Bridge() {
-    cl_timer_stop(look_timer_);
-    cl_timer_stop(tick_timer_);
-    deliveries_.reset();
-    outbox_.reset();
-    engine_.reset();
-}
+Bridge::~Bridge() { cl_timer_stop(tick_timer_); }
 
 bool Bridge::start(std::string &reason) {
-    home_.any_to_all = settings_.any_to_all;
-    home_.reachable = settings_.reachable;
-    if (!settings_.ipc_conf.empty()) {
-        load_ipc_proxy_conf(settings_.ipc_conf.c_str());
-        home_.durable = !(get_ipc_proxy_conf()->options & 1); // disable_offline_cache
-    }
+    cl_event_loop_set_batching(kMostSends, 0);
     if (!open_endpoints(reason)) return false;
-    Engine::Handler handler;
-    handler.connected = [this] {
-        counters_.add(kReconnects);
-        error_output(3, "tav_bridge", __LINE__, "connected to the engine");
-        tavipc::notify("STATUS=connected");
-        outbox_->resend(cl_event_loop_now(), true);
-        resume_if_possible();
-    };
-    handler.disconnected = [this] {
-        error_output(2, "tav_bridge", __LINE__, "lost the connection to the engine");
-        tavipc::notify("STATUS=not connected");
-        pause();
-    };
-    handler.ready = [this] { outbox_->resend(cl_event_loop_now(), true); };
-    handler.control = [this](Message message) { on_message(std::move(message), false); };
-    handler.durable = [this](Message message) { on_message(std::move(message), true); };
-    handler.holding = [this] { return deliveries_->held() > 0; };
-    handler.answered = [this](uint64_t id, bool stored, bool before) {
-        outbox_->answered(id, stored, before);
-        resume_if_possible();
-    };
-    engine_ = std::make_unique<Engine>(settings_, home_, std::move(handler));
-    outbox_ = std::make_unique<Outbox>(*engine_, counters_, settings_.waiting_bytes,
-                                       [this](uint64_t ticket) { pipes_.front()->done(ticket); });
-    deliveries_ = std::make_unique<Deliveries>(*engine_, counters_, durable_.get(), settings_.attempts);
-    if (!open_pipes(reason) || !engine_->start(reason)) return false;
+    deliveries_ = std::make_unique<Deliveries>(engine_, counters_, durable_.get(), settings_.attempts);
+    if (!open_pipes(reason) || !engine_.start(reason)) return false;
     tick();
     return true;
 }
@@ -88,12 +55,6 @@ bool Bridge::open_endpoints(std::string &reason) {
     if (control_) durable_.reset(tav_ipc_create_non_recv(kDurableEndpoint, 0));
     if (!durable_) {
         reason = std::string("no endpoint: ") + std::strerror(errno);
-        return false;
-    }
-    const tav_addr_st *own = tav_ipc_get_local_addr(control_.get());
-    home_.place = {own->loc, own->hostid};
-    if (own->loc == 0 || own->hostid == 0) {
-        reason = "this installation has no location or no host id";
         return false;
     }
     const auto answer = [](tav_ipc_st *, const tav_addr_st *source, uint32_t reqid, uint32_t command,
@@ -107,16 +68,18 @@ bool Bridge::open_endpoints(std::string &reason) {
 
 // The hub's modules write each message to all its pipes: only the first one's copy is forwarded.
 bool Bridge::open_pipes(std::string &reason) {
-    const bool hub = home_.place.location == kHubLocation;
+    const bool hub = settings_.home.place.location == kHubLocation;
     for (int i = 0; i < (hub ? kHubPipes : 1); ++i) {
         const std::string path =
             socket_path(tav_get_location(), hub ? "_prx" + std::to_string(i) : "_proxy_");
-        const auto take = [this, i](uint64_t ticket, std::string_view data, std::string_view from) {
-            if (i == 0) return on_datagram(ticket, data, from);
-            counters_.add(kHubCopies);
-            pipes_[static_cast<size_t>(i)]->done(ticket);
+        const auto take = [this, i](std::span<const Pipe::Datagram> datagrams) {
+            if (i == 0) return on_datagrams(datagrams);
+            for (const Pipe::Datagram &datagram : datagrams) {
+                counters_.add(kHubCopies);
+                pipes_[static_cast<size_t>(i)]->done(datagram.ticket);
+            }
         };
-        pipes_.push_back(std::make_unique<Pipe>(take, [this](bool begin) { engine_->batch(begin); }));
+        pipes_.push_back(std::make_unique<Pipe>(take));
         if (!pipes_.back()->open(path)) {
             reason = path + ": " + std::strerror(errno);
             return false;
@@ -126,88 +89,138 @@ bool Bridge::open_pipes(std::string &reason) {
     return true;
 }
 
-// --- from local modules to the engine
+// --- the engine comes and goes
 
-void Bridge::on_datagram(uint64_t ticket, std::string_view data, std::string_view from) try {
-    last_read_ms_ = cl_event_loop_now();
-    if (!forward(ticket, data, from)) pipes_.front()->done(ticket);
-    if (!engine_->connected() || outbox_->full() || engine_->unsent_bytes() > kMostUnsent) pause();
-} catch (const std::bad_alloc &) {
-    counters_.drop(kNoMemory, nullptr, "from a module");
-    pipes_.front()->done(ticket);
+void Bridge::connected() {
+    counters_.add(kReconnects);
+    error_output(3, "tav_bridge", __LINE__, "connected to the engine");
+    tavipc::notify("STATUS=connected");
+    outbox_.resend(true);
+    resume_if_possible();
 }
 
-// Whether the datagram has to stay in the socket until it is stored.
-bool Bridge::forward(uint64_t ticket, std::string_view data, std::string_view from) {
-    Subject subject;
-    const Drop reason = judge_outgoing(home_, data.data(), static_cast<uint32_t>(data.size()), subject);
-    tav_ipc_hdr_st header{};
-    if (reason != kShort) header = tavipc::read_header(data.data());
-    if (reason != kNoDrop) return counters_.drop(reason, &header, "from a module"), false;
-    data = data.substr(0, tavipc::kHeaderSize + header.size); // the library ignores what follows, too
-    const std::string text = subject_text(settings_.domain, subject);
-    if (subject.kind != Class::kControl) {
-        std::string id = message_id(data.data(), static_cast<uint32_t>(data.size()), from);
-        outbox_->add(ticket, text, std::move(id), data, cl_event_loop_now());
-        return true;
-    }
-    if (engine_->publish(text, data))
-        counters_.add(kSentControl);
-    else
-        counters_.drop(kNoEngine, &header, "from a module");
-    return false;
+void Bridge::disconnected() {
+    error_output(2, "tav_bridge", __LINE__, "lost the connection to the engine");
+    tavipc::notify("STATUS=not connected");
+    pause();
+}
+
+void Bridge::turn_ends() {
+    deliveries_->poll();
+    pipe().take_done();
+    resume_if_possible();
 }
 
 void Bridge::pause() {
-    look_soon();
-    if (!pipes_.front()->reading()) return;
-    counters_.add(kPauses);
-    pipes_.front()->read(false);
+    if (pipe().reading()) counters_.add(kPauses);
+    pipe().read(false);
 }
 
 void Bridge::resume_if_possible() {
-    if (engine_->connected() && outbox_->roomy() && engine_->unsent_bytes() <= kMostUnsent / 2)
-        pipes_.front()->read(true);
+    if (pipe().reading() || !engine_.connected()) return;
+    if (outbox_.roomy() && engine_.unsent_bytes() <= kMostUnsent / 2) pipe().read(true);
+}
+
+// --- from local modules to the engine
+
+void Bridge::on_datagrams(std::span<const Pipe::Datagram> datagrams) {
+    last_read_ms_ = cl_event_loop_now();
+    for (const Pipe::Datagram &datagram : datagrams) try {
+            if (!forward(datagram)) pipe().done(datagram.ticket);
+        } catch (const std::bad_alloc &) {
+            counters_.drop(kNoMemory, datagram.bytes, "from a module");
+            pipe().done(datagram.ticket);
+        }
+    publish_joined();
+    engine_.flush();
+    if (!engine_.connected() || outbox_.full() || engine_.unsent_bytes() > kMostUnsent) pause();
+}
+
+// Whether the datagram has to stay in the socket until it is stored.
+bool Bridge::forward(const Pipe::Datagram &datagram) {
+    Subject subject;
+    std::string_view bytes = datagram.bytes;
+    if (const Drop reason = judge_outgoing(settings_.home, bytes, subject); reason != kNoDrop)
+        return counters_.drop(reason, bytes, "from a module"), false;
+    bytes = cut_datagram(bytes); // the library ignores what follows, too
+    if (subject.kind == Class::kControl) return join(std::move(subject), bytes), false;
+    outbox_.add(datagram.ticket, subject_text(settings_.domain, subject), message_id(bytes, datagram.from),
+                bytes);
+    return true;
+}
+
+void Bridge::join(Subject &&subject, std::string_view datagram) {
+    if (joined_.payload.size() + datagram.size() > kMostJoined || !(subject == joined_.subject))
+        publish_joined();
+    joined_.subject = std::move(subject);
+    joined_.payload += datagram;
+}
+
+void Bridge::publish_joined() {
+    std::string_view rest = joined_.payload;
+    if (rest.empty()) return;
+    const bool published = engine_.publish(subject_text(settings_.domain, joined_.subject), rest);
+    while (!rest.empty()) {
+        const std::string_view datagram = cut_datagram(rest);
+        if (published)
+            counters_.add(kSentControl);
+        else
+            counters_.drop(kNoEngine, datagram, "from a module");
+    }
+    joined_.payload.clear();
+}
+
+void Bridge::answered(uint64_t ticket, bool stored, bool before) {
+    if (outbox_.answered(ticket, stored, before)) pipe().done(ticket);
 }
 
 // --- from the engine to local modules
 
-void Bridge::on_message(Message message, bool durable) {
-    const std::string_view datagram = content(message.get());
-    const auto subject = parse_subject(settings_.domain, natsMsg_GetSubject(message.get()));
+// Judges a datagram from the engine. What is refused is counted here.
+Drop Bridge::judge(const std::optional<Subject> &subject, bool durable, std::string_view datagram) {
     const bool right_class = subject && durable == (subject->kind != Class::kControl);
-    const auto size = static_cast<uint32_t>(datagram.size());
-    const Drop reason = right_class ? judge_incoming(home_, *subject, datagram.data(), size) : kBadSubject;
-    tav_ipc_hdr_st header{};
-    if (size >= tavipc::kHeaderSize) header = tavipc::read_header(datagram.data());
-    if (reason != kNoDrop) {
-        counters_.drop(reason, &header, "from the engine");
-        // What is not for this machine must not be taken from the machine that it is for.
-        if (durable) engine_->answer(message.get(), reason == kNotHere ? kLater : "+TERM");
-        return;
-    }
-    remember(header.src);
-    if (durable) {
-        deliveries_->add(std::move(message), subject->name);
-        return look_soon();
-    }
-    if (tav_ipc_send_raw(control_.get(), subject->name.c_str(), datagram.data()) == IPC_OK)
-        counters_.add(kHandedControl);
+    const Drop reason = right_class ? judge_incoming(settings_.home, *subject, datagram) : kBadSubject;
+    if (reason == kNoDrop)
+        remember(tavipc::read_header(datagram.data()).src);
     else
-        counters_.drop(kRefused, &header, "from the engine");
+        counters_.drop(reason, datagram, "from the engine");
+    return reason;
+}
+
+void Bridge::control(natsMsg *message) {
+    const auto subject = parse_subject(settings_.domain, natsMsg_GetSubject(message));
+    std::string_view rest = content(message);
+    do {
+        const std::string_view datagram = cut_datagram(rest);
+        if (judge(subject, false, datagram) != kNoDrop) continue;
+        if (tav_ipc_send_raw(control_.get(), subject->name.c_str(), datagram.data()) == IPC_OK)
+            counters_.add(kHandedControl);
+        else
+            counters_.drop(kRefused, datagram, "from the engine");
+    } while (!rest.empty());
+}
+
+void Bridge::durable(Message message) {
+    const auto subject = parse_subject(settings_.domain, natsMsg_GetSubject(message.get()));
+    const Drop reason = judge(subject, true, content(message.get()));
+    if (reason == kNoDrop) return deliveries_->add(std::move(message), subject->name);
+    // What is not for this machine must not be taken from the machine that it is for.
+    engine_.answer(message.get(), reason == kNotHere ? kLater : "+TERM");
 }
 
 void Bridge::remember(const tav_addr_st &source) {
     const Heard key{source.loc, source.hostid, tavipc::name_text(source).text};
     const auto at = heard_.find(key);
-    if (at == heard_.end() && heard_.size() >= kMostHeard) return;
-    heard_[key] = cl_event_loop_now();
+    if (at != heard_.end())
+        at->second = cl_event_loop_now();
+    else if (heard_.size() < kMostHeard)
+        heard_.emplace(key, cl_event_loop_now());
 }
 
 // --- answers to modules
 
 void Bridge::on_request(const tav_addr_st &source, uint32_t reqid, uint32_t command) try {
-    if (source.loc != home_.place.location) return; // other machines need not know
+    if (source.loc != settings_.home.place.location) return; // other machines need not know
     std::string text;
     if (command == tavipc::kBridgeCounters) text = counters_text();
     if (command == tavipc::kBridgeHeard) text = heard_text();
@@ -218,13 +231,14 @@ void Bridge::on_request(const tav_addr_st &source, uint32_t reqid, uint32_t comm
 }
 
 std::string Bridge::counters_text() const {
-    const auto line = [](const char *name, uint64_t value) {
-        return name + (' ' + std::to_string(value)) + '\n';
-    };
-    return line("connected", engine_->connected()) + line("ready", engine_->ready()) +
-           line("paused", !pipes_.front()->reading()) + line("waiting", outbox_->waiting()) +
-           line("waiting_bytes", outbox_->bytes()) + line("held", deliveries_->held()) +
-           line("unsent_bytes", engine_->unsent_bytes()) + counters_.text();
+    const std::pair<const char *, uint64_t> gauges[] = {
+        {"connected", engine_.connected()},      {"ready", engine_.ready()},
+        {"paused", !pipes_.front()->reading()},  {"waiting", outbox_.waiting()},
+        {"waiting_bytes", outbox_.bytes()},      {"held", deliveries_->held()},
+        {"unsent_bytes", engine_.unsent_bytes()}};
+    std::string text;
+    for (const auto &[name, value] : gauges) text += std::string(name) + ' ' + std::to_string(value) + '\n';
+    return text + counters_.text();
 }
 
 std::string Bridge::heard_text() const {
@@ -238,37 +252,26 @@ std::string Bridge::heard_text() const {
 
 // --- time
 
-void Bridge::look_soon() {
-    if (!look_timer_)
-        look_timer_ = cl_timer_start(
-            kLook_ms, [](void *self) { static_cast<Bridge *>(self)->look(); }, this);
-}
-
-void Bridge::look() try {
-    look_timer_ = 0;
-    const bool held = deliveries_->poll();
-    resume_if_possible();
+void Bridge::tick() try {
     const uint64_t now_ms = cl_event_loop_now();
-    if (stop_by_ms_ &&
-        (now_ms >= stop_by_ms_ || (outbox_->waiting() == 0 && now_ms - last_read_ms_ > kQuiet_ms)))
-        return cl_event_loop_stop();
-    if (held || stop_by_ms_ || (!pipes_.front()->reading() && engine_->connected())) look_soon();
-} catch (const std::bad_alloc &) {
-    look_soon();
-}
-
-void Bridge::tick() {
-    tick_timer_ = cl_timer_start(
-        kTick_ms, [](void *self) { static_cast<Bridge *>(self)->tick(); }, this);
-    outbox_->resend(cl_event_loop_now(), false);
-    if (++ticks_ % kKeepAliveTicks == 0) deliveries_->keep_alive();
+    const bool quiet = outbox_.waiting() == 0 && now_ms - last_read_ms_ > kQuiet_ms;
+    if (stop_by_ms_ && (quiet || now_ms >= stop_by_ms_)) return cl_event_loop_stop();
+    const auto again = [](void *self) { static_cast<Bridge *>(self)->tick(); };
+    tick_timer_ = cl_timer_start(stop_by_ms_ ? kStopTick_ms : kTick_ms, again, this);
     tavipc::notify("WATCHDOG=1");
-    look_soon();
+    engine_.take_note();
+    outbox_.resend(false);
+    if (++ticks_ % kKeepAliveTicks == 0) deliveries_->keep_alive();
+    turn_ends();
+    engine_.flush();
+} catch (const std::bad_alloc &) {
+    TAV_LOG_LIMITED(1, "tav_bridge", "memory is short");
 }
 
 void Bridge::stop() {
     stop_by_ms_ = cl_event_loop_now() + kStop_ms;
-    look_soon();
+    cl_timer_stop(tick_timer_);
+    tick();
 }
 
 } // namespace tavbridge

@@ -13,11 +13,12 @@ constexpr const char *kDropNames[] = {"", TAV_BRIDGE_DROPS(TAV_BRIDGE_TEXT)};
 
 } // namespace
 
-void Counters::drop(Drop reason, const tav_ipc_hdr_st *header, const char *where) {
+void Counters::drop(Drop reason, std::string_view datagram, const char *where) {
     static tavipc::RateLimit limits[kDrops]; // one line in 5 s for each reason
     ++drops_[reason];
     if (!error_output_check(2) || !limits[reason].pass()) return;
-    const tav_ipc_hdr_st h = header ? *header : tav_ipc_hdr_st{};
+    tav_ipc_hdr_st h{};
+    if (datagram.size() >= sizeof h) h = tavipc::read_header(datagram.data());
     error_output(2, "tav_bridge", __LINE__,
                  "drop it|%s|%s|src=[%u:%s:%u]|dest=[%u:%s:%u]|reqid=%u|size=%u|total=%llu",
                  kDropNames[reason], where, h.src.hostid, tavipc::name_text(h.src).text, h.src.loc,

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "tavipc/tav_ipc.h"
 
@@ -47,10 +48,8 @@ enum Drop { kNoDrop, TAV_BRIDGE_DROPS(TAV_BRIDGE_NAME) kDrops };
 class Counters {
   public:
     void add(Count what) { ++counts_[what]; }
-    // Counts the drop and writes its line. header may be null.
-    void drop(Drop reason, const tav_ipc_hdr_st *header, const char *where);
-    uint64_t operator[](Count what) const { return counts_[what]; }
-    uint64_t operator[](Drop reason) const { return drops_[reason]; }
+    // Counts the drop of a datagram, which may be a part of one, and writes its line.
+    void drop(Drop reason, std::string_view datagram, const char *where);
     std::string text() const; // "NAME VALUE\n" for each
 
   private:

@@ -1,6 +1,8 @@
 #include "deliveries.h"
 
-#include "common/datagram.h"
+#include <new>
+
+#include "common/log.h"
 #include "tavipc/tav_ipc_stats.h"
 
 namespace tavbridge {
@@ -8,6 +10,7 @@ namespace {
 
 constexpr size_t kRecent = 65536;         // messages, many windows
 constexpr uint64_t kBatchBytes = 8 << 20; // of one batch: the library refuses 32 MiB to a destination
+constexpr uint64_t kLook_ms = 1;          // the library has no callback for "left"
 constexpr size_t kBatch = 256;            // datagrams: most of a window
 // Pause before another attempt: 5 s more each time, because a module restarts in seconds; at most a minute.
 constexpr uint64_t kTryAgain_s = 5, kMostTryAgain_s = 60;
@@ -67,8 +70,7 @@ void Deliveries::finish(Item &item, bool left) {
         counters_.add(kPutBack);
         return engine_.answer(item.message.get(), later(item.origin.times).c_str());
     }
-    const tav_ipc_hdr_st header = tavipc::read_header(natsMsg_GetData(item.message.get()));
-    counters_.drop(kNoReceiver, &header, "all attempts failed");
+    counters_.drop(kNoReceiver, content(item.message.get()), "all attempts failed");
     engine_.answer(item.message.get(), "+TERM");
 }
 
@@ -90,14 +92,24 @@ void Deliveries::hand_over(const std::string &name, Queue &queue) {
     }
 }
 
-bool Deliveries::poll() {
+void Deliveries::poll() {
     for (auto at = queues_.begin(); at != queues_.end();) {
         auto &[name, queue] = *at;
         if (!queue.batch.empty()) settle(name, queue);
         if (queue.batch.empty() && !queue.waiting.empty()) hand_over(name, queue);
         at = queue.batch.empty() && queue.waiting.empty() ? queues_.erase(at) : std::next(at);
     }
-    return !queues_.empty();
+    engine_.set_holding(!held_.empty());
+    const auto look = [](void *self) { static_cast<Deliveries *>(self)->look(); };
+    if (!held_.empty() && !timer_) timer_ = cl_timer_start(kLook_ms, look, this);
+}
+
+void Deliveries::look() try {
+    timer_ = 0;
+    poll();
+    engine_.flush();
+} catch (const std::bad_alloc &) {
+    TAV_LOG_LIMITED(1, "tav_bridge", "memory is short for messages of the engine"); // the bridge's tick polls
 }
 
 void Deliveries::keep_alive() {

@@ -9,12 +9,9 @@
 // The engine gives out at most `window` messages without an acknowledgement, which bounds what is held here.
 #pragma once
 
-#include <cstdint>
 #include <deque>
 #include <map>
-#include <string>
 #include <unordered_set>
-#include <vector>
 
 #include "engine.h"
 
@@ -35,11 +32,13 @@ class Deliveries {
   public:
     Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, uint64_t attempts)
         : engine_(engine), counters_(counters), endpoint_(endpoint), attempts_(attempts) {}
+    ~Deliveries() { cl_timer_stop(timer_); }
+    Deliveries(const Deliveries &) = delete;
 
     // Takes a message whose subject and datagram were judged.
     void add(Message message, const std::string &name);
-    // Looks at the batches, and hands over what waits. Returns whether anything is held.
-    bool poll();
+    // Looks at the batches, and hands over what waits. Looks again by itself while something is held.
+    void poll();
     // Tells the engine that what is held is still being worked on.
     void keep_alive();
     size_t held() const { return held_.size(); }
@@ -57,6 +56,7 @@ class Deliveries {
     void settle(const std::string &name, Queue &queue);
     void finish(Item &item, bool left);
     void hand_over(const std::string &name, Queue &queue);
+    void look();
 
     Engine &engine_;
     Counters &counters_;
@@ -65,6 +65,7 @@ class Deliveries {
     std::map<std::string, Queue> queues_;
     std::unordered_set<uint64_t> held_; // keys
     Recent recent_;
+    cl_timer_t timer_ = 0;
 };
 
 } // namespace tavbridge

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "bridge.h"
-#include "check.h"
 #include "common/log.h"
 #include "common/service.h"
 #include "tavaux.h"
@@ -71,9 +70,13 @@ int run(const std::vector<std::string> &words) {
             return usage(stderr), kMisuse;
     }
     Problems problems;
-    const Settings settings = load_settings(path.empty() ? default_path() : path, problems);
+    Settings settings = load_settings(path.empty() ? default_path() : path, problems);
+    settings.home.place = {static_cast<uint8_t>(tav_get_location()), tav_get_hostid()};
+    if (settings.home.place.location == 0 || settings.home.place.hostid == 0)
+        problems.push_back("this installation has no location or no host id");
     if (!only_check) return serve(settings, problems);
-    return check(settings, problems, {static_cast<uint8_t>(tav_get_location()), tav_get_hostid()});
+    for (const std::string &problem : problems) std::printf("FAIL %s\n", problem.c_str());
+    return problems.empty() && check_engine(settings) ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 } // namespace

@@ -1,56 +1,61 @@
 #include "outbox.h"
 
-#include "engine.h"
+#include <new>
 
 namespace tavbridge {
 namespace {
 
 constexpr uint64_t kAnswer_ms = 5000;  // a cluster elects a new leader in less
 constexpr uint64_t kRefused_ms = 1000; // pause after a refusal: a full stream empties slowly
-constexpr uint64_t kOverhead = 300;    // bytes of an entry beside its datagram
+constexpr uint64_t kOverhead = 1000; // bytes of an entry beside its datagram: subjects, and a header's table
+
+Message durable_message(const std::string &subject, const std::string &reply, const std::string &id,
+                        std::string_view datagram) {
+    natsMsg *made = nullptr;
+    natsStatus status = natsMsg_Create(&made, subject.c_str(), reply.c_str(), datagram.data(),
+                                       static_cast<int>(datagram.size()));
+    Message message(made);
+    if (status == NATS_OK) status = natsMsgHeader_Set(made, "Nats-Msg-Id", id.c_str());
+    if (status != NATS_OK) throw std::bad_alloc();
+    return message;
+}
 
 } // namespace
 
-void Outbox::send(Entry &entry, uint64_t id, uint64_t now_ms) {
-    entry.due_ms = now_ms + kAnswer_ms;
-    engine_.publish_durable(entry.subject, entry.id_header, id, entry.datagram);
+void Outbox::send(Entry &entry) {
+    entry.due_ms = cl_event_loop_now() + kAnswer_ms;
+    engine_.publish(entry.message.get());
 }
 
-void Outbox::add(uint64_t ticket, std::string subject, std::string id_header, std::string_view datagram,
-                 uint64_t now_ms) {
-    entries_.push_back({std::move(subject), std::move(id_header), std::string(datagram), ticket, 0});
+void Outbox::add(uint64_t ticket, const std::string &subject, const std::string &id,
+                 std::string_view datagram) {
+    Entry entry{durable_message(subject, engine_.reply_subject(ticket), id, datagram), 0};
+    const auto at = entries_.emplace(ticket, std::move(entry)).first;
     bytes_ += datagram.size() + kOverhead;
-    ++waiting_;
     counters_.add(kSentDurable);
-    send(entries_.back(), first_ + entries_.size() - 1, now_ms);
+    send(at->second);
 }
 
-void Outbox::answered(uint64_t id, bool stored, bool before) {
-    if (id < first_ || id - first_ >= entries_.size()) return;
-    Entry &entry = entries_[id - first_];
-    if (entry.due_ms == 0) return;
+bool Outbox::answered(uint64_t ticket, bool stored, bool before) {
+    const auto at = entries_.find(ticket);
+    if (at == entries_.end()) return false;
     if (!stored) {
-        entry.due_ms -= kAnswer_ms - kRefused_ms;
-        return;
+        at->second.due_ms = cl_event_loop_now() + kRefused_ms;
+        return false;
     }
     counters_.add(kStored);
     if (before) counters_.add(kDuplicates);
-    bytes_ -= entry.datagram.size() + kOverhead;
-    --waiting_;
-    const uint64_t ticket = entry.ticket;
-    entry = {};
-    for (; !entries_.empty() && entries_.front().due_ms == 0; ++first_) entries_.pop_front();
-    stored_(ticket);
+    bytes_ -= content(at->second.message.get()).size() + kOverhead;
+    entries_.erase(at);
+    return true;
 }
 
-void Outbox::resend(uint64_t now_ms, bool all) {
-    uint64_t id = first_;
-    for (Entry &entry : entries_) {
-        if (entry.due_ms != 0 && (all || entry.due_ms <= now_ms)) {
-            counters_.add(kRepeated);
-            send(entry, id, now_ms);
-        }
-        ++id;
+void Outbox::resend(bool all) {
+    const uint64_t now_ms = cl_event_loop_now();
+    for (auto &[ticket, entry] : entries_) {
+        if (!all && entry.due_ms > now_ms) continue;
+        counters_.add(kRepeated);
+        send(entry);
     }
 }
 

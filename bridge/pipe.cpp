@@ -1,12 +1,11 @@
 #include "pipe.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <new>
 
 #include <fcntl.h>
 #include <sys/epoll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "common/datagram.h"
@@ -16,9 +15,7 @@
 namespace tavbridge {
 namespace {
 
-// Bytes; a longer datagram is not one of the library's.
-constexpr size_t kBuffer = tavipc::kHeaderSize + tavipc::kFragmentPayload + 4096;
-constexpr int kFirstPassed = 3; // sd_listen_fds(3)
+constexpr size_t kLongest = tavipc::kHeaderSize + tavipc::kFragmentPayload; // bytes of a good datagram
 
 int bound_socket(const std::string &path) {
     cl_sockaddr_t address;
@@ -42,89 +39,100 @@ Pipe::~Pipe() {
 }
 
 bool Pipe::open(const std::string &path) {
-    int fd = tavipc::passed_socket(path);
-    if (fd < 0) {
-        fd = bound_socket(path);
-        if (fd >= 0) own_path_ = path;
+    socket_ = tavipc::UniqueFd(tavipc::passed_socket(path));
+    if (!socket_) {
+        socket_ = tavipc::UniqueFd(bound_socket(path));
+        if (!socket_) return false;
+        own_path_ = path;
     }
-    if (fd < 0) return false;
-    socket_ = tavipc::UniqueFd(fd);
-    buffer_.resize(kBuffer);
+    buffer_.reset(new char[kAtOnce * kLongest]); // not initialised: most of it is never used
+    for (size_t i = 0; i < kAtOnce; ++i) {
+        places_[i] = {&buffer_[i * kLongest], kLongest};
+        messages_[i].msg_hdr.msg_name = &senders_[i];
+        messages_[i].msg_hdr.msg_iov = &places_[i];
+        messages_[i].msg_hdr.msg_iovlen = 1;
+    }
     const int begin = 0;
-    return fcntl(fd, F_SETFD, FD_CLOEXEC) == 0 &&
-           setsockopt(fd, SOL_SOCKET, SO_PEEK_OFF, &begin, sizeof begin) == 0 && watch();
-}
-
-bool Pipe::watch() {
     set_ = tavipc::UniqueFd(epoll_create1(EPOLL_CLOEXEC));
-    epoll_event event{};
-    event.events = EPOLLIN | EPOLLET;
-    if (set_.get() < 0 || epoll_ctl(set_.get(), EPOLL_CTL_ADD, socket_.get(), &event) != 0) return false;
+    if (!set_ || fcntl(socket_.get(), F_SETFD, FD_CLOEXEC) != 0 ||
+        setsockopt(socket_.get(), SOL_SOCKET, SO_PEEK_OFF, &begin, sizeof begin) != 0)
+        return false;
+    arm(EPOLL_CTL_ADD);
     const auto ready = [](cl_io_t, int, void *argument) {
         auto *self = static_cast<Pipe *>(argument);
         epoll_event happened;
-        epoll_wait(self->set_.get(), &happened, 1, 0); // until the next datagram
+        epoll_wait(self->set_.get(), &happened, 1, 0); // quiet until the next datagram
         self->look();
     };
     io_ = cl_io_start(set_.get(), CL_IO_READ, ready, this);
     return io_ != 0;
 }
 
-void Pipe::read(bool reading) {
-    const bool before = std::exchange(reading_, reading);
-    if (reading && !before && !looking_) look();
+// The set reports the socket once, now or when a datagram comes.
+void Pipe::arm(int operation) {
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;
+    epoll_ctl(set_.get(), operation, socket_.get(), &event);
 }
 
-// What is done is taken out at the end, so the socket's length limits the loop.
+void Pipe::read(bool reading) {
+    if (reading && !reading_) arm(EPOLL_CTL_MOD);
+    reading_ = reading;
+}
+
 void Pipe::look() try {
-    looking_ = true;
-    around_(true);
-    while (reading_) {
-        seen_.push_back({0, false}); // first: memory may be short
-        sockaddr_un from{};
-        iovec bytes{buffer_.data(), buffer_.size()};
-        msghdr message{};
-        message.msg_name = &from;
-        message.msg_namelen = sizeof from;
-        message.msg_iov = &bytes;
-        message.msg_iovlen = 1;
-        const ssize_t got = recvmsg(socket_.get(), &message, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
-        if (got < 0) {
-            seen_.pop_back();
-            break;
-        }
-        const auto size = seen_.back().size = static_cast<size_t>(got);
-        if (size > buffer_.size()) { // the next look would find the rest of it
-            int offset = 0;
-            for (const Seen &seen : seen_) offset += static_cast<int>(seen.size);
-            setsockopt(socket_.get(), SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset);
-        }
-        handler_(first_ + seen_.size() - 1, {buffer_.data(), size > buffer_.size() ? 0 : size},
-                 tavipc::path_of(from, message.msg_namelen));
+    if (!reading_) return;
+    const size_t known = seen_.size();
+    seen_.resize(known + kAtOnce); // before the peek: memory may be short
+    for (mmsghdr &message : messages_) message.msg_hdr.msg_namelen = sizeof(sockaddr_un);
+    const int got =
+        recvmmsg(socket_.get(), messages_.data(), kAtOnce, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT, nullptr);
+    std::array<Datagram, kAtOnce> datagrams;
+    size_t count = 0;
+    bool whole = true;
+    for (; whole && count < static_cast<size_t>(std::max(got, 0)); ++count) {
+        const mmsghdr &message = messages_[count];
+        whole = message.msg_len <= kLongest; // the next message is the rest of one that is too long
+        seen_[known + count].size = message.msg_len;
+        datagrams[count] = {first_ + known + count,
+                            {&buffer_[count * kLongest], whole ? message.msg_len : 0},
+                            tavipc::path_of(senders_[count], message.msg_hdr.msg_namelen)};
     }
-    looking_ = false;
-    around_(false);
+    seen_.resize(known + count);
+    if (!whole) skip_seen();
+    if (count == kAtOnce || !whole) arm(EPOLL_CTL_MOD); // the rest on the next turn
+    handler_({datagrams.data(), count});
     take_done();
 } catch (const std::bad_alloc &) {
-    around_(false);
-    looking_ = reading_ = false; // the bridge begins again soon
+    reading_ = false; // the bridge begins again soon
+}
+
+void Pipe::skip_seen() {
+    int offset = 0;
+    for (const Seen &seen : seen_) offset += static_cast<int>(seen.size);
+    setsockopt(socket_.get(), SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset);
 }
 
 void Pipe::done(uint64_t ticket) {
     if (ticket >= first_ && ticket - first_ < seen_.size()) seen_[ticket - first_].done = true;
-    if (!looking_) take_done();
 }
 
 void Pipe::take_done() {
-    while (!seen_.empty() && seen_.front().done) {
-        char byte;
-        const ssize_t size = recv(socket_.get(), &byte, sizeof byte, MSG_TRUNC | MSG_DONTWAIT);
-        // An empty datagram that an earlier bridge had looked at is skipped by a look, but not here.
-        if (size == 0 && seen_.front().size != 0) continue;
-        if (size != static_cast<ssize_t>(seen_.front().size))
-            TAV_LOG_LIMITED(1, "tav_bridge", "another process reads from the bridge's socket");
-        seen_.pop_front();
-        ++first_;
+    for (;;) {
+        unsigned count = 0;
+        while (count < std::min(kAtOnce, seen_.size()) && seen_[count].done) ++count;
+        if (count == 0) return;
+        std::array<mmsghdr, kAtOnce> taken{}; // without a buffer: only the lengths are of interest
+        const int got = recvmmsg(socket_.get(), taken.data(), count, MSG_TRUNC | MSG_DONTWAIT, nullptr);
+        for (int i = 0; i < std::max(got, 1); ++i) {
+            const size_t size = taken[static_cast<size_t>(i)].msg_len, wanted = seen_.front().size;
+            // An empty datagram that an earlier bridge had looked at is skipped by a look, but not here.
+            if (got > 0 && size == 0 && wanted != 0) continue;
+            if (got <= 0 || size != wanted)
+                TAV_LOG_LIMITED(1, "tav_bridge", "another process reads from the bridge's socket");
+            seen_.pop_front();
+            ++first_;
+        }
     }
 }
 

@@ -9,12 +9,17 @@
 // datagrams, so it is watched edge-triggered, in an epoll set of its own.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
+
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include "common/unique_fd.h"
 #include "tavcl_loop.h"
@@ -23,12 +28,14 @@ namespace tavbridge {
 
 class Pipe {
   public:
-    // Gets each datagram once, with the sender's address. The ticket is for done(), which it may call itself.
-    using Handler = std::function<void(uint64_t ticket, std::string_view datagram, std::string_view from)>;
+    struct Datagram {
+        uint64_t ticket; // for done()
+        std::string_view bytes, from;
+    };
+    // Gets each datagram once, those of one turn of the loop together. It may call done() and read().
+    using Handler = std::function<void(std::span<const Datagram>)>;
 
-    // around(true) runs before it reads, around(false) after.
-    Pipe(Handler handler, std::function<void(bool)> around)
-        : handler_(std::move(handler)), around_(std::move(around)) {}
+    explicit Pipe(Handler handler) : handler_(std::move(handler)) {}
     ~Pipe();
     Pipe(const Pipe &) = delete;
 
@@ -37,27 +44,32 @@ class Pipe {
     bool open(const std::string &path);
     // While it does not read, the datagrams stay in the socket, and their senders wait.
     void read(bool reading);
-    void done(uint64_t ticket);
     bool reading() const { return reading_; }
-
-  private:
-    struct Seen {
-        size_t size;
-        bool done;
-    };
-    bool watch();
-    void look();
+    void done(uint64_t ticket);
+    // Takes out what is done, up to the first datagram that is not.
     void take_done();
 
+  private:
+    static constexpr size_t kAtOnce = 64;
+    struct Seen {
+        size_t size = 0;
+        bool done = false;
+    };
+    void arm(int operation);
+    void look();
+    void skip_seen();
+
     const Handler handler_;
-    const std::function<void(bool)> around_;
     std::string own_path_; // of a socket that it made
     tavipc::UniqueFd socket_, set_;
     cl_io_t io_ = 0;
-    bool reading_ = false, looking_ = false;
-    std::vector<char> buffer_;
-    std::deque<Seen> seen_; // what was looked at and is still in the socket
-    uint64_t first_ = 1;    // ticket of the first
+    bool reading_ = false;
+    std::unique_ptr<char[]> buffer_; // for kAtOnce datagrams
+    std::array<iovec, kAtOnce> places_;
+    std::array<sockaddr_un, kAtOnce> senders_;
+    std::array<mmsghdr, kAtOnce> messages_{}; // each with its place and its sender
+    std::deque<Seen> seen_;                   // what was looked at and is still in the socket
+    uint64_t first_ = 1;                      // ticket of the first
 };
 
 } // namespace tavbridge

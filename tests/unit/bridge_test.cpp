@@ -35,14 +35,14 @@ Home home(uint8_t location, uint32_t hostid) {
 // The subject under which the datagram goes out, or the number of the reason why it does not.
 std::string outgoing(const Home &from, const std::string &bytes) {
     Subject subject;
-    const Drop reason = judge_outgoing(from, bytes.data(), static_cast<uint32_t>(bytes.size()), subject);
+    const Drop reason = judge_outgoing(from, bytes, subject);
     return reason == kNoDrop ? subject_text("d", subject) : std::to_string(reason);
 }
 
 Drop incoming(const Home &at, const std::string &subject, const std::string &bytes) {
     const auto parsed = parse_subject("d", subject);
     if (!parsed) return kBadSubject;
-    return judge_incoming(at, *parsed, bytes.data(), static_cast<uint32_t>(bytes.size()));
+    return judge_incoming(at, *parsed, bytes);
 }
 
 TEST(Bridge, SubjectNamesDestinationClassAndSender) {
@@ -100,12 +100,25 @@ TEST(Bridge, WhatComesMustFitItsSubjectAndThisMachine) {
         EXPECT_FALSE(parse_subject("d", subject)) << subject;
 }
 
+TEST(Bridge, SeveralDatagramsInOneMessageAreCutApart) {
+    const std::string one = Datagram("beta", 2, 21, 3, 31).bytes(), two = Datagram("gamma", 2, 21, 3, 31).bytes();
+    const std::string joined = one + two + two.substr(0, two.size() - 1);
+    std::string_view rest = joined;
+    EXPECT_EQ(cut_datagram(rest), one);
+    EXPECT_EQ(cut_datagram(rest), two);
+    const auto last = cut_datagram(rest);
+    EXPECT_EQ(last.size(), two.size() - 1);
+    EXPECT_EQ(incoming(home(3, 31), "tav.d.3.31.gamma.c.2.21", std::string(last)), kBadSize);
+    EXPECT_TRUE(rest.empty());
+    EXPECT_EQ(cut_datagram(rest = "short"), "short");
+    EXPECT_EQ(cut_datagram(rest = std::string_view(joined).substr(0, 60)).size(), 60u); // a header alone
+}
+
 // A message id that starts again after a restart must not hide a new message.
 TEST(Bridge, OnlyTheSameDatagramOfTheSameSocketHasTheSameId) {
     Datagram datagram("beta", 2, 21, 3, 31);
     const auto id = [&](const char *socket) {
-        const std::string bytes = datagram.bytes();
-        return message_id(bytes.data(), static_cast<uint32_t>(bytes.size()), socket);
+        return message_id(datagram.bytes(), socket);
     };
     const std::string first = id("ipc1_0");
     EXPECT_EQ(id("ipc1_0"), first);
