@@ -6,12 +6,10 @@
 #include <string>
 #include <string_view>
 
-#include "tavipc/tav_ipc.h"
-
 namespace tavbridge {
 
 // X(NAME, text, meaning)
-#define TAV_BRIDGE_COUNTS(X)                                                                                 \
+#define TAV_BRIDGE_COUNTERS(X)                                                                               \
     X(kSentControl, "sent_control", "control datagrams given to the engine")                                 \
     X(kSentDurable, "sent_durable", "durable datagrams given to the engine, each once")                      \
     X(kStored, "stored", "durable datagrams that the engine has stored")                                     \
@@ -23,9 +21,7 @@ namespace tavbridge {
     X(kRedelivered, "redelivered", "durable datagrams that came again and were recognised")                  \
     X(kPutBack, "put_back", "durable datagrams given back to the engine for a later try")                    \
     X(kHubCopies, "hub_copies", "copies of the hub's messages that were left out")                           \
-    X(kReconnects, "reconnects", "connections made to the engine")
-
-#define TAV_BRIDGE_DROPS(X)                                                                                  \
+    X(kReconnects, "reconnects", "connections made to the engine")                                           \
     X(kShort, "drop_short", "shorter than a header")                                                         \
     X(kBadSize, "drop_bad_size", "the size does not fit the datagram")                                       \
     X(kBadCheck, "drop_bad_check", "wrong check value")                                                      \
@@ -41,19 +37,19 @@ namespace tavbridge {
     X(kNoMemory, "drop_no_memory", "memory was short")
 
 #define TAV_BRIDGE_NAME(name, text, meaning) name,
-enum Count { TAV_BRIDGE_COUNTS(TAV_BRIDGE_NAME) kCounts };
-enum Drop { kNoDrop, TAV_BRIDGE_DROPS(TAV_BRIDGE_NAME) kDrops };
+enum Counter { TAV_BRIDGE_COUNTERS(TAV_BRIDGE_NAME) kCounters, kNoDrop = kCounters };
 #undef TAV_BRIDGE_NAME
+using Drop = Counter; // from kShort on, or kNoDrop
 
 class Counters {
   public:
-    void add(Count what) { ++counts_[what]; }
+    void add(Counter what) { ++counts_[what]; }
     // Counts the drop of a datagram, which may be a part of one, and writes its line.
     void drop(Drop reason, std::string_view datagram, const char *where);
     std::string text() const; // "NAME VALUE\n" for each
 
   private:
-    uint64_t counts_[kCounts] = {}, drops_[kDrops] = {};
+    uint64_t counts_[kCounters] = {};
 };
 
 } // namespace tavbridge

@@ -11,29 +11,18 @@
 
 #include <deque>
 #include <map>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "engine.h"
+#include "tavipc/tav_ipc.h"
 
 namespace tavbridge {
-
-// The newest keys of messages that were delivered: a message whose acknowledgement was lost comes again.
-class Recent {
-  public:
-    bool contains(uint64_t key) const { return keys_.contains(key); }
-    void add(uint64_t key);
-
-  private:
-    std::unordered_set<uint64_t> keys_;
-    std::deque<uint64_t> order_;
-};
 
 class Deliveries {
   public:
     Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, uint64_t attempts)
         : engine_(engine), counters_(counters), endpoint_(endpoint), attempts_(attempts) {}
     ~Deliveries() { cl_timer_stop(timer_); }
-    Deliveries(const Deliveries &) = delete;
 
     // Takes a message whose subject and datagram were judged.
     void add(Message message, const std::string &name);
@@ -41,7 +30,7 @@ class Deliveries {
     void poll();
     // Tells the engine that what is held is still being worked on.
     void keep_alive();
-    size_t held() const { return held_.size(); }
+    size_t held() const { return known_.size() - delivered_.size(); }
 
   private:
     struct Item {
@@ -49,22 +38,22 @@ class Deliveries {
         Origin origin;
     };
     struct Queue {
-        std::deque<Item> waiting;
-        std::vector<Item> batch;
+        std::deque<Item> waiting, batch;
         uint64_t drops = 0; // of the destination before the batch
     };
     void settle(const std::string &name, Queue &queue);
     void finish(Item &item, bool left);
     void hand_over(const std::string &name, Queue &queue);
-    void look();
 
     Engine &engine_;
     Counters &counters_;
     tav_ipc_st *const endpoint_;
     const uint64_t attempts_;
     std::map<std::string, Queue> queues_;
-    std::unordered_set<uint64_t> held_; // keys
-    Recent recent_;
+    // Keys of messages that are held here, and of the newest that were delivered (true): a message whose
+    // acknowledgement was lost comes again.
+    std::unordered_map<uint64_t, bool> known_;
+    std::deque<uint64_t> delivered_;
     cl_timer_t timer_ = 0;
 };
 

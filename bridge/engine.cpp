@@ -1,12 +1,10 @@
 #include "engine.h"
 
-#include <cstdlib>
+#include <charconv>
 #include <cstring>
 #include <new>
 #include <random>
 #include <utility>
-
-#include <unistd.h>
 
 #include "common/log.h"
 
@@ -15,16 +13,15 @@ namespace {
 
 constexpr int64_t kEnd_ms = 2000;      // for threads of nats.c to end
 constexpr int64_t kReconnect_ms = 250; // between attempts: a refused one costs little
-constexpr int kPending = 65536;        // bytes that nats.c keeps while it reconnects; the outbox has the rest
-// nats.c wakes a thread to free a message when that thread sleeps. So used messages are freed many at once.
-constexpr size_t kMostSpent = 32;
+constexpr int kPending = 65536;        // bytes that nats.c keeps while it reconnects; the pipe has the rest
+constexpr size_t kMostUsed = 32;       // messages
 
 } // namespace
 
 Engine::Engine(const Settings &settings, Events &events)
     : settings_(settings), events_(events),
       inbox_(inbox(settings) + ".r." + std::to_string(std::random_device()())) {
-    spent_.reserve(kMostSpent);
+    used_.reserve(kMostUsed);
 }
 
 // nats.c's threads may leave notes until the connection is destroyed. Nobody reads them: the caller releases
@@ -32,7 +29,7 @@ Engine::Engine(const Settings &settings, Events &events)
 Engine::~Engine() {
     if (connection_) natsConnection_Close(connection_.get()); // ends what provision_ waits for
     provision_.reset();
-    spent_.clear();
+    used_.clear();
     subscriptions_.clear();
     connection_.reset();
     nats_CloseAndWait(kEnd_ms); // its threads call this object
@@ -42,80 +39,70 @@ Engine::~Engine() {
 bool Engine::start(std::string &reason) {
     const Options options = make_options(settings_, reason);
     if (!options) return false;
-    natsOptions *o = options.get();
-    natsStatus status = natsOptions_SetEventLoop(o, this, on_attach, on_read, on_write, on_detach);
-    const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
-    set(natsOptions_SetRetryOnFailedConnect(o, true, on_up, this));
-    set(natsOptions_SetReconnectedCB(o, on_up, this));
-    set(natsOptions_SetDisconnectedCB(o, on_down, this));
-    set(natsOptions_SetMaxReconnect(o, -1));
-    set(natsOptions_SetReconnectWait(o, kReconnect_ms));
-    set(natsOptions_SetReconnectBufSize(o, kPending));
-    set(natsOptions_SetSendAsap(o, true));
+    natsStatus status = set_callbacks(options.get());
     natsConnection *made = nullptr;
-    if (status == NATS_OK) status = natsConnection_Connect(&made, o);
+    if (status == NATS_OK) status = natsConnection_Connect(&made, options.get());
     connection_.reset(made);
-    if (status == NATS_OK) on_up(made, this);
-    if (status == NATS_OK || status == NATS_NOT_YET_CONNECTED) {
-        if (settings_.home.durable)
-            provision_ = std::make_unique<Provision>(
-                made, settings_, holding_, [this] { leave([](Note &note) { note.ready = true; }); });
-        return true;
+    if (status == NATS_OK) leave([](Note &note) { note.up = true; });
+    if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) {
+        reason = natsStatus_GetText(status);
+        return false;
     }
-    reason = natsStatus_GetText(status);
-    return false;
+    if (settings_.home.durable) provision_ = std::make_unique<Provision>(made, settings_);
+    return true;
 }
 
 // --- what nats.c's threads report
 
+natsStatus Engine::set_callbacks(natsOptions *options) {
+    const auto up = [](natsConnection *, void *self) {
+        static_cast<Engine *>(self)->leave([](Note &note) { note.up = true; });
+    };
+    const auto down = [](natsConnection *, void *self) {
+        static_cast<Engine *>(self)->leave([](Note &note) { note.up = false, note.lost = true; });
+    };
+    const auto attach = [](void **self, void *engine, natsConnection *, natsSock socket) {
+        *self = engine;
+        return static_cast<Engine *>(engine)->replace_socket(dup(socket));
+    };
+    const auto detach = [](void *self) { return static_cast<Engine *>(self)->replace_socket(-1); };
+    const auto read = [](void *self, bool add) { // it stops to read when it has lost the connection
+        return add ? NATS_OK : static_cast<Engine *>(self)->replace_socket(-1);
+    };
+    const auto write = [](void *self, bool add) { return static_cast<Engine *>(self)->want_write(add); };
+    natsStatus status = natsOptions_SetEventLoop(options, this, attach, read, write, detach);
+    const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
+    set(natsOptions_SetRetryOnFailedConnect(options, true, up, this));
+    set(natsOptions_SetReconnectedCB(options, up, this));
+    set(natsOptions_SetDisconnectedCB(options, down, this));
+    set(natsOptions_SetMaxReconnect(options, -1));
+    set(natsOptions_SetReconnectWait(options, kReconnect_ms));
+    set(natsOptions_SetReconnectBufSize(options, kPending));
+    set(natsOptions_SetSendAsap(options, true));
+    return status;
+}
+
 template <typename Change> natsStatus Engine::leave(Change change) {
-    {
-        const std::lock_guard lock(mutex_);
-        change(note_);
-    }
+    const std::lock_guard lock(mutex_);
+    change(note_);
     const auto call = [](void *self) { static_cast<Engine *>(self)->take_note(); };
     return cl_event_loop_post(loop_, call, this) == 0 ? NATS_OK : NATS_NO_MEMORY;
 }
 
-natsStatus Engine::on_attach(void **self, void *engine, natsConnection *, natsSock socket) {
-    *self = engine;
-    tavipc::UniqueFd copy(dup(socket));
-    if (!copy) return NATS_SYS_ERROR;
-    return static_cast<Engine *>(engine)->leave([&](Note &note) {
-        note.socket = std::move(copy);
+natsStatus Engine::replace_socket(int fd) {
+    return leave([fd](Note &note) {
+        note.socket = tavipc::UniqueFd(fd);
         note.replaced = true;
         note.write = false;
     });
 }
 
-// nats.c stops to read when the connection is lost.
-natsStatus Engine::on_read(void *self, bool add) {
-    if (add) return NATS_OK;
-    return static_cast<Engine *>(self)->leave([](Note &note) {
-        note.socket.reset();
-        note.replaced = true;
-        note.write = false;
-    });
-}
-
-natsStatus Engine::on_write(void *self, bool add) {
-    auto *engine = static_cast<Engine *>(self);
-    if (pthread_equal(pthread_self(), engine->thread_)) {
-        const std::lock_guard lock(engine->mutex_);
-        if (!engine->note_.replaced) return engine->writing_ = add, NATS_OK;
+natsStatus Engine::want_write(bool wanted) {
+    if (pthread_equal(pthread_self(), thread_)) {
+        const std::lock_guard lock(mutex_);
+        if (!note_.replaced) return writing_ = wanted, NATS_OK;
     }
-    return engine->leave([add](Note &note) { note.write = add; });
-}
-
-void Engine::on_up(natsConnection *, void *self) {
-    static_cast<Engine *>(self)->leave([](Note &note) { note.up = true; });
-}
-
-void Engine::on_down(natsConnection *, void *self) {
-    static_cast<Engine *>(self)->leave([](Note &note) {
-        note.up = false;
-        note.lost = true;
-    });
+    return leave([wanted](Note &note) { note.write = wanted; });
 }
 
 void Engine::take_note() try {
@@ -132,26 +119,37 @@ void Engine::take_note() try {
         watch(CL_IO_READ);
     }
     writing_ = writing_ || note.write;
-    if (note.lost && connected_) {
-        connected_ = ready_ = false;
-        if (provision_) provision_->pause();
-        events_.disconnected();
-    }
-    if (note.up && !connected_) take_up();
-    if (note.ready && connected_) {
-        ready_ = true;
-        events_.ready();
+    if (note.lost && connected_) events_.connected(connected_ = false);
+    if (note.up && !connected_) {
+        if (subscriptions_.empty()) { // nats.c does it again on each new connection
+            subscribe(inbox_ + ".*");
+            subscribe(wildcard(settings_, false, Class::kControl));
+            subscribe(wildcard(settings_, true, Class::kControl), group(settings_));
+            subscribe(deliver_subject(settings_, false));
+            subscribe(deliver_subject(settings_, true), group(settings_));
+        }
+        if (provision_) provision_->begin();
+        events_.connected(connected_ = true);
     }
     flush();
 } catch (const std::bad_alloc &) {
+    if (!connected_) subscriptions_.clear();
     TAV_LOG_LIMITED(1, "tav_bridge", "memory is short while the connection changes");
 }
 
-void Engine::take_up() {
-    if (!subscribe_all()) throw std::bad_alloc();
-    connected_ = true;
-    if (provision_) provision_->begin();
-    events_.connected();
+// Tries again what there was no memory for.
+void Engine::tick(bool holding) {
+    take_note();
+    if (connected_ && provision_) provision_->tick(holding);
+}
+
+void Engine::subscribe(const std::string &subject, const char *group) {
+    natsSubscription *made = nullptr;
+    const natsStatus status =
+        group ? natsConnection_QueueSubscribeSync(&made, connection_.get(), subject.c_str(), group)
+              : natsConnection_SubscribeSync(&made, connection_.get(), subject.c_str());
+    if (status != NATS_OK) throw std::bad_alloc();
+    subscriptions_.emplace_back(made);
 }
 
 // --- reading and writing
@@ -182,73 +180,46 @@ void Engine::flush() {
     if (events != watched_) watch(events);
 }
 
-size_t Engine::unsent_bytes() const {
-    const int bytes = connected_ ? natsConnection_Buffered(connection_.get()) : 0;
-    return bytes > 0 ? static_cast<size_t>(bytes) : 0;
-}
-
-// --- messages
-
-bool Engine::subscribe(Kind kind, const std::string &subject, const char *group) {
-    natsSubscription *made = nullptr;
-    const natsStatus status =
-        group ? natsConnection_QueueSubscribeSync(&made, connection_.get(), subject.c_str(), group)
-              : natsConnection_SubscribeSync(&made, connection_.get(), subject.c_str());
-    if (status == NATS_OK) subscriptions_.emplace_back(kind, made);
-    return status == NATS_OK;
-}
-
-// Subscribes once: nats.c does it again on each new connection.
-bool Engine::subscribe_all() {
-    if (!subscriptions_.empty()) return true;
-    const char *shared = group(settings_);
-    const bool done = subscribe(kAnswer, inbox_ + ".*") &&
-                      subscribe(kControl, wildcard(settings_, false, Class::kControl)) &&
-                      subscribe(kControl, wildcard(settings_, true, Class::kControl), shared) &&
-                      subscribe(kDurable, deliver_subject(settings_, false)) &&
-                      subscribe(kDurable, deliver_subject(settings_, true), shared);
-    if (!done) subscriptions_.clear();
-    return done;
-}
-
+// nats.c frees messages in a thread, which it wakes if it sleeps. So they are freed many at once.
 void Engine::drain() {
-    for (const auto &[kind, subscription] : subscriptions_) {
-        for (;;) {
-            natsMsg *message = nullptr;
-            const natsStatus status = natsSubscription_NextMsg(&message, subscription.get(), 0);
-            if (status == NATS_NO_RESPONDERS) continue; // what was asked is asked again
-            if (status != NATS_OK) break;
-            handle(kind, Message(message));
+    for (const Subscription &subscription : subscriptions_) try {
+            for (;;) {
+                natsMsg *next = nullptr;
+                const natsStatus status = natsSubscription_NextMsg(&next, subscription.get(), 0);
+                if (status == NATS_NO_RESPONDERS) continue; // what was asked is asked again
+                if (status != NATS_OK) break;
+                Message message(next);
+                if (std::string_view(natsMsg_GetSubject(next)).starts_with(inbox_))
+                    take_answer(next);
+                else
+                    events_.arrived(message);
+                if (used_.size() == kMostUsed) used_.clear();
+                if (message) used_.push_back(std::move(message));
+            }
+        } catch (const std::bad_alloc &) { // the rest comes with the next read
+            TAV_LOG_LIMITED(1, "tav_bridge", "memory is short for a message of the engine");
         }
-    }
-}
-
-void Engine::handle(Kind kind, Message message) try {
-    if (kind == kDurable) return events_.durable(std::move(message));
-    kind == kControl ? events_.control(message.get()) : take_answer(message.get());
-    if (spent_.size() == kMostSpent) spent_.clear();
-    spent_.push_back(std::move(message));
-} catch (const std::bad_alloc &) {
-    TAV_LOG_LIMITED(1, "tav_bridge", "memory is short for a message of the engine");
 }
 
 void Engine::take_answer(natsMsg *message) {
     const std::string_view subject = natsMsg_GetSubject(message), text = content(message);
-    const uint64_t number = std::strtoull(subject.data() + subject.rfind('.') + 1, nullptr, 10);
+    uint64_t number = 0;
+    read_number(subject.substr(subject.rfind('.') + 1), number);
     const bool stored = text.find("\"seq\":") != text.npos && text.find("\"error\"") == text.npos;
     if (!stored)
-        TAV_LOG_LIMITED(2, "tav_bridge", "the engine does not store: %.*s",
-                        static_cast<int>(std::min<size_t>(text.size(), 300)), text.data());
+        TAV_LOG_LIMITED(2, "tav_bridge", "the engine does not store: %.300s", std::string(text).c_str());
     events_.answered(number, stored, text.find("\"duplicate\":true") != text.npos);
 }
+
+// --- messages out
 
 bool Engine::publish(const std::string &subject, std::string_view payload) {
     return connected_ && natsConnection_Publish(connection_.get(), subject.c_str(), payload.data(),
                                                 static_cast<int>(payload.size())) == NATS_OK;
 }
 
-bool Engine::publish(natsMsg *message) {
-    return connected_ && natsConnection_PublishMsg(connection_.get(), message) == NATS_OK;
+void Engine::publish(natsMsg *message) {
+    if (connected_) natsConnection_PublishMsg(connection_.get(), message);
 }
 
 void Engine::answer(natsMsg *message, const char *text) {

@@ -8,9 +8,7 @@
 // While the connection is down the loop's thread calls no function of nats.c that could wait for its lock.
 #pragma once
 
-#include <atomic>
 #include <mutex>
-#include <vector>
 
 #include <pthread.h>
 
@@ -24,11 +22,8 @@ class Engine {
   public:
     // All are called on the loop's thread.
     struct Events {
-        virtual void connected() = 0;
-        virtual void disconnected() = 0;
-        virtual void ready() = 0; // the streams and consumers are there
-        virtual void control(natsMsg *message) = 0;
-        virtual void durable(Message message) = 0;
+        virtual void connected(bool up) = 0;
+        virtual void arrived(Message &message) = 0; // it may be moved
         // The answer to a message with reply_subject(number): the engine has stored it, or had it before.
         virtual void answered(uint64_t number, bool stored, bool before) = 0;
         virtual void turn_ends() = 0; // after messages came or bytes left
@@ -39,50 +34,41 @@ class Engine {
 
     Engine(const Settings &settings, Events &events);
     ~Engine();
-    Engine(const Engine &) = delete;
 
     // Begins to connect, and goes on until it succeeds. False, with the reason, when that cannot be tried.
     bool start(std::string &reason);
+    // To be called twice a second. holding: see Provision.
+    void tick(bool holding);
     bool connected() const { return connected_; }
-    bool ready() const { return ready_; }
+    bool ready() const { return provision_ && provision_->done(); }
     // Bytes that nats.c holds for the socket.
-    size_t unsent_bytes() const;
+    int unsent_bytes() const { return connected_ ? natsConnection_Buffered(connection_.get()) : 0; }
 
     std::string reply_subject(uint64_t number) const { return inbox_ + '.' + std::to_string(number); }
     bool publish(const std::string &subject, std::string_view payload);
-    bool publish(natsMsg *message);
+    void publish(natsMsg *message);
     // Answers a durable message: "+ACK", "+WPI" or "-NAK {...}".
     void answer(natsMsg *message, const char *text);
     // Writes what was published. Whoever has published calls it once before the loop's turn ends.
     void flush();
-    // Sees to what nats.c's threads did, again if memory was short before.
-    void take_note();
-    // Whether durable messages are held, which explains a consumer that delivers nothing.
-    void set_holding(bool holding) { holding_ = holding; }
 
   private:
-    enum Kind { kAnswer, kControl, kDurable };
     // What nats.c's threads have done since the loop last looked.
     struct Note {
         bool replaced = false; // socket: our own duplicate, since nats.c can close its own at any time
         tavipc::UniqueFd socket;
-        bool write = false, lost = false, ready = false;
+        bool write = false, lost = false;
         bool up = false; // the newest state
     };
 
-    static natsStatus on_attach(void **self, void *engine, natsConnection *nc, natsSock socket);
-    static natsStatus on_read(void *self, bool add);
-    static natsStatus on_write(void *self, bool add);
-    static natsStatus on_detach(void *self) { return on_read(self, false); }
-    static void on_up(natsConnection *, void *self);
-    static void on_down(natsConnection *, void *self);
+    natsStatus set_callbacks(natsOptions *options);
     template <typename Change> natsStatus leave(Change change);
-    void take_up();
-    bool subscribe(Kind kind, const std::string &subject, const char *group = nullptr);
-    bool subscribe_all();
+    natsStatus replace_socket(int fd);
+    natsStatus want_write(bool wanted);
+    void take_note();
+    void subscribe(const std::string &subject, const char *group = nullptr);
     void watch(int events);
     void drain();
-    void handle(Kind kind, Message message);
     void take_answer(natsMsg *message);
 
     const Settings &settings_;
@@ -92,12 +78,11 @@ class Engine {
     const pthread_t thread_ = pthread_self();
     std::mutex mutex_; // for note_
     Note note_;
-    std::atomic<bool> holding_ = false;
     Connection connection_;
     std::unique_ptr<Provision> provision_;
-    std::vector<std::pair<Kind, Subscription>> subscriptions_;
-    std::vector<Message> spent_; // see handle()
-    bool connected_ = false, ready_ = false;
+    std::vector<Subscription> subscriptions_;
+    std::vector<Message> used_; // see drain()
+    bool connected_ = false;
     tavipc::UniqueFd socket_;
     bool writing_ = false; // nats.c has bytes for the socket
     int watched_ = 0;      // events

@@ -16,6 +16,9 @@ namespace tavbridge {
 namespace {
 
 constexpr size_t kLongest = tavipc::kHeaderSize + tavipc::kFragmentPayload; // bytes of a good datagram
+constexpr uint64_t kAnswer_ms = 5000;  // a cluster elects a new leader in less
+constexpr uint64_t kRefused_ms = 1000; // pause after a refusal: a full stream empties slowly
+constexpr uint64_t kOverhead = 1000; // bytes of a message beside its datagram: subjects, and a header's table
 
 int bound_socket(const std::string &path) {
     cl_sockaddr_t address;
@@ -48,9 +51,9 @@ bool Pipe::open(const std::string &path) {
     buffer_.reset(new char[kAtOnce * kLongest]); // not initialised: most of it is never used
     for (size_t i = 0; i < kAtOnce; ++i) {
         places_[i] = {&buffer_[i * kLongest], kLongest};
-        messages_[i].msg_hdr.msg_name = &senders_[i];
-        messages_[i].msg_hdr.msg_iov = &places_[i];
-        messages_[i].msg_hdr.msg_iovlen = 1;
+        headers_[i].msg_hdr.msg_name = &senders_[i];
+        headers_[i].msg_hdr.msg_iov = &places_[i];
+        headers_[i].msg_hdr.msg_iovlen = 1;
     }
     const int begin = 0;
     set_ = tavipc::UniqueFd(epoll_create1(EPOLL_CLOEXEC));
@@ -84,43 +87,68 @@ void Pipe::look() try {
     if (!reading_) return;
     const size_t known = seen_.size();
     seen_.resize(known + kAtOnce); // before the peek: memory may be short
-    for (mmsghdr &message : messages_) message.msg_hdr.msg_namelen = sizeof(sockaddr_un);
+    for (mmsghdr &header : headers_) header.msg_hdr.msg_namelen = sizeof(sockaddr_un);
     const int got =
-        recvmmsg(socket_.get(), messages_.data(), kAtOnce, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT, nullptr);
-    std::array<Datagram, kAtOnce> datagrams;
+        recvmmsg(socket_.get(), headers_.data(), kAtOnce, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT, nullptr);
     size_t count = 0;
     bool whole = true;
-    for (; whole && count < static_cast<size_t>(std::max(got, 0)); ++count) {
-        const mmsghdr &message = messages_[count];
-        whole = message.msg_len <= kLongest; // the next message is the rest of one that is too long
-        seen_[known + count].size = message.msg_len;
-        datagrams[count] = {first_ + known + count,
-                            {&buffer_[count * kLongest], whole ? message.msg_len : 0},
-                            tavipc::path_of(senders_[count], message.msg_hdr.msg_namelen)};
-    }
+    for (; whole && count < static_cast<size_t>(std::max(got, 0)); ++count)
+        whole = (seen_[known + count].size = headers_[count].msg_len) <= kLongest;
     seen_.resize(known + count);
-    if (!whole) skip_seen();
+    if (!whole) { // the next peek would find the rest of it
+        int offset = 0;
+        for (const Seen &seen : seen_) offset += static_cast<int>(seen.size);
+        setsockopt(socket_.get(), SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset);
+    }
     if (count == kAtOnce || !whole) arm(EPOLL_CTL_MOD); // the rest on the next turn
-    handler_({datagrams.data(), count});
+    for (size_t i = 0; i < count; ++i) {
+        Seen &seen = seen_[known + i];
+        const std::string_view datagram(&buffer_[i * kLongest], seen.size <= kLongest ? seen.size : 0);
+        seen.message = take_(first_ + known + i, datagram,
+                             tavipc::path_of(senders_[i], headers_[i].msg_hdr.msg_namelen));
+        if (!seen.message) continue;
+        bytes_ += content(seen.message.get()).size() + kOverhead;
+        ++waiting_;
+        counters_.add(kSentDurable);
+        send(seen);
+    }
+    taken_();
     take_done();
 } catch (const std::bad_alloc &) {
     reading_ = false; // the bridge begins again soon
 }
 
-void Pipe::skip_seen() {
-    int offset = 0;
-    for (const Seen &seen : seen_) offset += static_cast<int>(seen.size);
-    setsockopt(socket_.get(), SOL_SOCKET, SO_PEEK_OFF, &offset, sizeof offset);
+void Pipe::send(Seen &seen) {
+    seen.due_ms = cl_event_loop_now() + kAnswer_ms;
+    engine_.publish(seen.message.get());
 }
 
-void Pipe::done(uint64_t ticket) {
-    if (ticket >= first_ && ticket - first_ < seen_.size()) seen_[ticket - first_].done = true;
+void Pipe::answered(uint64_t ticket, bool stored, bool before) {
+    if (ticket < first_ || ticket - first_ >= seen_.size()) return;
+    Seen &seen = seen_[ticket - first_];
+    if (!seen.message) return;
+    seen.due_ms = cl_event_loop_now() + kRefused_ms;
+    if (!stored) return;
+    counters_.add(kStored);
+    if (before) counters_.add(kDuplicates);
+    bytes_ -= content(seen.message.get()).size() + kOverhead;
+    --waiting_;
+    seen.message.reset();
+}
+
+void Pipe::resend(bool all) {
+    const uint64_t now_ms = cl_event_loop_now();
+    for (Seen &seen : seen_) {
+        if (!seen.message || (!all && seen.due_ms > now_ms)) continue;
+        counters_.add(kRepeated);
+        send(seen);
+    }
 }
 
 void Pipe::take_done() {
     for (;;) {
         unsigned count = 0;
-        while (count < std::min(kAtOnce, seen_.size()) && seen_[count].done) ++count;
+        while (count < std::min(kAtOnce, seen_.size()) && !seen_[count].message) ++count;
         if (count == 0) return;
         std::array<mmsghdr, kAtOnce> taken{}; // without a buffer: only the lengths are of interest
         const int got = recvmmsg(socket_.get(), taken.data(), count, MSG_TRUNC | MSG_DONTWAIT, nullptr);

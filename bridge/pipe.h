@@ -1,43 +1,35 @@
-// A socket that local modules write to, read so that nothing is lost when the bridge dies.
+// A socket that local modules write to, and the datagrams in it that the engine has not confirmed.
 //
 // A datagram is looked at with MSG_PEEK and taken out of the socket only when it is done: the engine has
 // stored it, or nothing has to store it. Until then it stays in the kernel. If the service manager holds the
 // socket, too (a socket unit), it survives a bridge that is killed, and the next one reads it again; the
-// engine then recognises by their ids the datagrams that it has.
+// engine then recognises by their ids the datagrams that it has. What is to be stored goes out in the order
+// in which it came, and all of it again on a new connection.
 //
 // SO_PEEK_OFF makes each peek begin behind the one before. The socket stays readable while it has such
 // datagrams, so it is watched edge-triggered, in an epoll set of its own.
 #pragma once
 
 #include <array>
-#include <cstdint>
 #include <deque>
-#include <functional>
-#include <memory>
-#include <span>
-#include <string>
-#include <string_view>
 
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "common/unique_fd.h"
-#include "tavcl_loop.h"
+#include "engine.h"
 
 namespace tavbridge {
 
 class Pipe {
   public:
-    struct Datagram {
-        uint64_t ticket; // for done()
-        std::string_view bytes, from;
-    };
-    // Gets each datagram once, those of one turn of the loop together. It may call done() and read().
-    using Handler = std::function<void(std::span<const Datagram>)>;
+    // Gets each datagram once. Returns the message with which the engine shall store it, or null if it is
+    // done. The engine answers to reply_subject(ticket).
+    using Take = std::function<Message(uint64_t ticket, std::string_view datagram, std::string_view from)>;
 
-    explicit Pipe(Handler handler) : handler_(std::move(handler)) {}
+    // taken() is called after the datagrams of one turn of the loop, and may call read().
+    Pipe(Engine &engine, Counters &counters, Take take, std::function<void()> taken)
+        : engine_(engine), counters_(counters), take_(std::move(take)), taken_(std::move(taken)) {}
     ~Pipe();
-    Pipe(const Pipe &) = delete;
 
     // Takes the socket with this path that the service manager has passed, or makes one. False with errno set
     // on failure.
@@ -45,31 +37,42 @@ class Pipe {
     // While it does not read, the datagrams stay in the socket, and their senders wait.
     void read(bool reading);
     bool reading() const { return reading_; }
-    void done(uint64_t ticket);
+    // The engine's answer: stored, now or before; or not, which is tried again.
+    void answered(uint64_t ticket, bool stored, bool before);
+    // Gives the engine again what it refused or did not answer in time; all that it has not confirmed.
+    void resend(bool all);
     // Takes out what is done, up to the first datagram that is not.
     void take_done();
+    // Of what the engine has not confirmed.
+    uint64_t bytes() const { return bytes_; }
+    uint64_t waiting() const { return waiting_; }
 
   private:
     static constexpr size_t kAtOnce = 64;
     struct Seen {
         size_t size = 0;
-        bool done = false;
+        Message message = nullptr; // to store; null: the datagram is done
+        uint64_t due_ms = 0;       // when it is given to the engine again
     };
     void arm(int operation);
     void look();
-    void skip_seen();
+    void send(Seen &seen);
 
-    const Handler handler_;
+    Engine &engine_;
+    Counters &counters_;
+    const Take take_;
+    const std::function<void()> taken_;
     std::string own_path_; // of a socket that it made
     tavipc::UniqueFd socket_, set_;
     cl_io_t io_ = 0;
     bool reading_ = false;
-    std::unique_ptr<char[]> buffer_; // for kAtOnce datagrams
+    std::unique_ptr<char[]> buffer_; // for kAtOnce datagrams, each with its place, sender and message header
     std::array<iovec, kAtOnce> places_;
     std::array<sockaddr_un, kAtOnce> senders_;
-    std::array<mmsghdr, kAtOnce> messages_{}; // each with its place and its sender
-    std::deque<Seen> seen_;                   // what was looked at and is still in the socket
-    uint64_t first_ = 1;                      // ticket of the first
+    std::array<mmsghdr, kAtOnce> headers_{};
+    std::deque<Seen> seen_; // what was looked at and is still in the socket
+    uint64_t first_ = 1;    // ticket of the first
+    uint64_t bytes_ = 0, waiting_ = 0;
 };
 
 } // namespace tavbridge

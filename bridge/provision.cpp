@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include "common/log.h"
+#include "tavcl_ev.h"
 
 namespace tavbridge {
 namespace {
@@ -12,114 +14,50 @@ namespace {
 constexpr int64_t kConnect_ms = 2000; // for one attempt; the loop may wait this long for nats.c's lock
 constexpr int64_t kPing_ms = 5000;    // a server that does not answer two of these is gone
 constexpr int kPings = 2;
-// Bytes for one read from the engine: the engine delays all senders for a bridge that reads slowly.
-constexpr int kReadAtOnce = 256 << 10;
+constexpr int kReadAtOnce = 256 << 10; // bytes; the engine delays all senders for a bridge that reads slowly
 constexpr int64_t kSecond_ns = 1'000'000'000;
-constexpr int64_t kAcknowledge_s = 30;    // then the engine delivers again; deliveries.h says "+WPI" before
-constexpr std::chrono::seconds kRetry(1); // after a failure
-constexpr std::chrono::seconds kAuditPause(30); // as long as the engine waits for an acknowledgement
-constexpr int kStuck = 2;                       // audits without progress
-constexpr uint64_t kLongLag = 1000;             // messages: more than a window or two
+constexpr int64_t kAcknowledge_s = 30; // then the engine delivers again; deliveries.h says "+WPI" before
+constexpr uint64_t kRetry_ms = 1000;
+constexpr uint64_t kAudit_ms = 75'000; // longer than any pause between attempts to deliver
+constexpr uint64_t kLongLag = 1000;    // messages: more than a window or two
 
-using StreamInfo = std::unique_ptr<jsStreamInfo, Free<jsStreamInfo_Destroy>>;
-using ConsumerInfo = std::unique_ptr<jsConsumerInfo, Free<jsConsumerInfo_Destroy>>;
-
-// The classes that are stored, each in a stream of its own.
-std::vector<Class> stored_classes(const Settings &settings) {
-    if (settings.home.any_to_all) return {Class::kDurable, Class::kAll};
-    return {Class::kDurable};
+// The classes that are stored, each in a stream of its own. The last one is that of messages for any machine.
+std::vector<Class> stored(const Settings &settings) {
+    return settings.home.any_to_all ? std::vector{Class::kDurable, Class::kAll}
+                                    : std::vector{Class::kDurable};
 }
 
 std::string stream_name(const Settings &settings, Class kind) {
     return "TAV_" + settings.domain + (kind == Class::kAll ? "_ALL" : "");
 }
 
-std::vector<Consumer> consumers(const Settings &settings) {
-    std::vector<Consumer> all;
-    for (const bool any : {false, true}) {
-        const Place &own = settings.home.place;
-        const Class kind = any ? stored_classes(settings).back() : Class::kDurable;
-        const bool shared = any && group(settings);
-        all.push_back(
-            {kind, stream_name(settings, kind),
-             "L" + std::to_string(own.location) + (shared ? "_any" : "_" + std::to_string(own.hostid)),
-             wildcard(settings, any, kind), deliver_subject(settings, any),
-             shared ? group(settings) : nullptr});
-    }
-    return all;
+std::string error_text() {
+    const char *text = nats_GetLastError(nullptr);
+    return text ? text : "";
 }
 
-JetStream jetstream(natsConnection *connection) {
-    jsCtx *made = nullptr;
-    natsConnection_JetStream(&made, connection, nullptr);
-    return JetStream(made);
-}
-
-natsStatus get_info(jsCtx *js, const std::string &stream, StreamInfo &info, jsOptions *options = nullptr) {
-    jsStreamInfo *made = nullptr;
-    const natsStatus status = js_GetStreamInfo(&made, js, stream.c_str(), options, nullptr);
-    info.reset(made);
-    return status;
-}
-
-natsStatus get_info(jsCtx *js, const Consumer &consumer, ConsumerInfo &info) {
-    jsConsumerInfo *made = nullptr;
-    const natsStatus status =
-        js_GetConsumerInfo(&made, js, consumer.stream.c_str(), consumer.name.c_str(), nullptr, nullptr);
-    info.reset(made);
-    return status;
-}
-
-natsStatus make_stream(jsCtx *js, const Settings &settings, Class kind) {
-    const std::string name = stream_name(settings, kind);
-    const std::string subjects = "tav." + settings.domain + ".*.*.*." + static_cast<char>(kind) + ".*.*";
-    const char *const subject = subjects.c_str();
-    StreamInfo info;
-    const natsStatus status = get_info(js, name, info);
-    if (status != NATS_NOT_FOUND) return status;
-    jsStreamConfig config;
-    jsStreamConfig_Init(&config);
-    config.Name = name.c_str();
-    config.Subjects = const_cast<const char **>(&subject);
-    config.SubjectsLen = 1;
-    // A work queue forgets what was acknowledged.
-    config.Retention = kind == Class::kAll ? js_InterestPolicy : js_WorkQueuePolicy;
-    config.Discard = js_DiscardNew; // refuses what does not fit, and the bridge waits
-    config.MaxBytes = static_cast<int64_t>(settings.stream_bytes);
-    config.MaxAge = static_cast<int64_t>(settings.stream_age_s) * kSecond_ns;
-    config.Duplicates = static_cast<int64_t>(settings.duplicates_s) * kSecond_ns;
-    config.Replicas = static_cast<int64_t>(settings.replicas);
-    return js_AddStream(nullptr, js, &config, nullptr, nullptr);
-}
-
-natsStatus make_consumer(jsCtx *js, const Settings &settings, const Consumer &consumer) {
-    jsConsumerConfig config;
-    jsConsumerConfig_Init(&config);
-    config.Name = config.Durable = consumer.name.c_str();
-    config.FilterSubject = consumer.filter.c_str();
-    config.DeliverSubject = consumer.deliver.c_str();
-    config.DeliverGroup = consumer.group;
-    config.AckPolicy = js_AckExplicit;
-    config.AckWait = kAcknowledge_s * kSecond_ns;
-    config.MaxDeliver = -1;
-    config.MaxAckPending = static_cast<int64_t>(settings.window);
-    return js_AddConsumer(nullptr, js, consumer.stream.c_str(), &config, nullptr, nullptr);
-}
-
-bool report(natsStatus status, const std::string &what) {
-    if (status == NATS_OK) return true;
-    const char *detail = nats_GetLastError(nullptr);
-    TAV_LOG_LIMITED(2, "tav_bridge", "%s: %s", what.c_str(), detail ? detail : natsStatus_GetText(status));
-    return false;
+bool say(bool good, const std::string &what) {
+    std::printf("%s %s\n", good ? "ok  " : "FAIL", what.c_str());
+    return good;
 }
 
 } // namespace
 
-const char *group(const Settings &settings) { return settings.home.any_to_all ? nullptr : "one"; }
+Message durable_message(const std::string &subject, const std::string &reply, const std::string &id,
+                        std::string_view datagram) {
+    natsMsg *made = nullptr;
+    natsStatus status = natsMsg_Create(&made, subject.c_str(), reply.c_str(), datagram.data(),
+                                       static_cast<int>(datagram.size()));
+    Message message(made);
+    if (status == NATS_OK) status = natsMsgHeader_Set(made, "Nats-Msg-Id", id.c_str());
+    if (status != NATS_OK) throw std::bad_alloc();
+    return message;
+}
 
 std::string inbox(const Settings &settings) {
-    return "_INBOX.tav." + settings.domain + '.' + std::to_string(settings.home.place.location) + '.' +
-           std::to_string(settings.home.place.hostid);
+    const Place &own = settings.home.place;
+    return "_INBOX.tav." + settings.domain + '.' + std::to_string(own.location) + '.' +
+           std::to_string(own.hostid);
 }
 
 std::string wildcard(const Settings &settings, bool any, Class kind) {
@@ -130,11 +68,11 @@ std::string wildcard(const Settings &settings, bool any, Class kind) {
 
 // Without wildcards, which would not wake a consumer that waits for a subscriber.
 std::string deliver_subject(const Settings &settings, bool any) {
-    if (any && group(settings))
-        return "_INBOX.tav." + settings.domain + '.' + std::to_string(settings.home.place.location) +
-               ".any.d";
-    return inbox(settings) + (any ? ".d.a" : ".d.d");
+    if (!any || !group(settings)) return inbox(settings) + (any ? ".d.a" : ".d.d");
+    return "_INBOX.tav." + settings.domain + '.' + std::to_string(settings.home.place.location) + ".any.d";
 }
+
+const char *group(const Settings &settings) { return settings.home.any_to_all ? nullptr : "one"; }
 
 Options make_options(const Settings &settings, std::string &reason) {
     natsOptions *made = nullptr;
@@ -165,126 +103,141 @@ Options make_options(const Settings &settings, std::string &reason) {
     return nullptr;
 }
 
-// --- the thread
+// --- streams and consumers
 
-Provision::Provision(natsConnection *connection, const Settings &settings, const std::atomic<bool> &holding,
-                     std::function<void()> ready)
-    : connection_(connection), settings_(settings), holding_(holding), ready_(std::move(ready)),
-      consumers_(consumers(settings)), thread_([this] { run(); }) {}
-
-void Provision::enter(State state) {
-    const std::lock_guard lock(mutex_);
-    state_ = state;
-    anew_ = true;
-    entered_.notify_one();
-}
-
-void Provision::run() {
-    const JetStream js = jetstream(connection_);
-    std::unique_lock lock(mutex_);
-    while (state_ != kEnd) {
-        anew_ = false;
-        bool good = true;
-        if (state_ == kPaused) {
-            entered_.wait(lock, [this] { return anew_; });
-            continue;
-        }
-        const bool make_all = state_ == kMake;
-        lock.unlock();
-        good = make_all ? make(js.get()) : audit(js.get());
-        if (good && make_all) ready_();
-        lock.lock();
-        if (anew_) continue;
-        state_ = good ? kAudit : kMake;
-        entered_.wait_for(lock, good ? kAuditPause : kRetry, [this] { return anew_; });
+Provision::Provision(natsConnection *connection, const Settings &settings)
+    : js_([connection] {
+          jsCtx *made = nullptr;
+          natsConnection_JetStream(&made, connection, nullptr);
+          return made;
+      }()),
+      settings_(settings) {
+    const std::string location = "L" + std::to_string(settings.home.place.location) + '_';
+    for (const bool any : {false, true}) {
+        const Class kind = any ? stored(settings).back() : Class::kDurable;
+        const char *shared = any ? group(settings) : nullptr;
+        consumers_.push_back({stream_name(settings, kind),
+                              location + (shared ? "any" : std::to_string(settings.home.place.hostid)),
+                              wildcard(settings, any, kind), deliver_subject(settings, any), shared});
     }
 }
 
-bool Provision::make(jsCtx *js) {
-    for (const Class kind : stored_classes(settings_))
-        if (!report(make_stream(js, settings_, kind), "stream " + stream_name(settings_, kind))) return false;
-    for (const Consumer &consumer : consumers_)
-        if (!report(make_consumer(js, settings_, consumer), "consumer " + consumer.name)) return false;
-    return true;
+StreamInfo Provision::stream_info(const std::string &name, const std::string &filter) const {
+    jsOptions options;
+    jsOptions_Init(&options);
+    if (!filter.empty()) options.Stream.Info.SubjectsFilter = filter.c_str();
+    jsStreamInfo *info = nullptr;
+    js_GetStreamInfo(&info, js_.get(), name.c_str(), &options, nullptr);
+    return StreamInfo(info);
+}
+
+ConsumerInfo Provision::consumer_info(const Consumer &consumer) const {
+    jsConsumerInfo *info = nullptr;
+    js_GetConsumerInfo(&info, js_.get(), consumer.stream.c_str(), consumer.name.c_str(), nullptr, nullptr);
+    return ConsumerInfo(info);
+}
+
+bool Provision::make_stream(Class kind) const {
+    const std::string name = stream_name(settings_, kind);
+    if (stream_info(name)) return true;
+    const std::string subjects = "tav." + settings_.domain + ".*.*.*." + static_cast<char>(kind) + ".*.*";
+    const char *list[] = {subjects.c_str()};
+    jsStreamConfig config;
+    jsStreamConfig_Init(&config);
+    config.Name = name.c_str();
+    config.Subjects = list;
+    config.SubjectsLen = 1;
+    // A work queue forgets what was acknowledged.
+    config.Retention = kind == Class::kAll ? js_InterestPolicy : js_WorkQueuePolicy;
+    config.Discard = js_DiscardNew; // refuses what does not fit, and the bridge waits
+    config.MaxBytes = static_cast<int64_t>(settings_.stream_bytes);
+    config.MaxAge = static_cast<int64_t>(settings_.stream_age_s) * kSecond_ns;
+    config.Duplicates = static_cast<int64_t>(settings_.duplicates_s) * kSecond_ns;
+    config.Replicas = static_cast<int64_t>(settings_.replicas);
+    return js_AddStream(nullptr, js_.get(), &config, nullptr, nullptr) == NATS_OK;
+}
+
+bool Provision::make_consumer(const Consumer &consumer) const {
+    jsConsumerConfig config;
+    jsConsumerConfig_Init(&config);
+    config.Name = config.Durable = consumer.name.c_str();
+    config.FilterSubject = consumer.filter.c_str();
+    config.DeliverSubject = consumer.deliver.c_str();
+    config.DeliverGroup = consumer.group;
+    config.AckPolicy = js_AckExplicit;
+    config.AckWait = kAcknowledge_s * kSecond_ns;
+    config.MaxDeliver = -1;
+    config.MaxAckPending = static_cast<int64_t>(settings_.window);
+    return js_AddConsumer(nullptr, js_.get(), consumer.stream.c_str(), &config, nullptr, nullptr) == NATS_OK;
+}
+
+bool Provision::make() const {
+    bool good = true;
+    for (const Class kind : stored(settings_)) good = good && make_stream(kind);
+    for (const Consumer &consumer : consumers_) good = good && make_consumer(consumer);
+    if (!good) TAV_LOG_LIMITED(2, "tav_bridge", "a stream or consumer is missing: %s", error_text().c_str());
+    return good;
 }
 
 // Returns false when a consumer has to be made anew.
-bool Provision::audit(jsCtx *js) {
+bool Provision::audit(bool holding) {
     bool good = true;
     for (Consumer &consumer : consumers_) {
         // What other machines have not acknowledged stays in the other stream.
-        if (consumer.kind == Class::kAll) continue;
-        consumer.stuck = is_stuck(js, consumer) ? consumer.stuck + 1 : 0;
-        if (consumer.stuck < kStuck) continue;
+        if (consumer.stream != stream_name(settings_, Class::kDurable)) continue;
+        const StreamInfo stream = stream_info(consumer.stream, consumer.filter);
+        const ConsumerInfo info = consumer_info(consumer);
+        if (!stream || !info) continue;
+        const bool waits = stream->State.Subjects && stream->State.Subjects->Count > 0 && !holding;
+        const uint64_t now = waits ? info->Delivered.Consumer + 1 : 0;
+        if (std::exchange(consumer.delivered, now) != now || !waits) continue;
         TAV_LOG(2, "tav_bridge", "the engine does not deliver what it has: consumer %s is made anew",
                 consumer.name.c_str());
-        consumer.stuck = 0;
-        js_DeleteConsumer(js, consumer.stream.c_str(), consumer.name.c_str(), nullptr, nullptr);
+        js_DeleteConsumer(js_.get(), consumer.stream.c_str(), consumer.name.c_str(), nullptr, nullptr);
         good = false;
     }
     return good;
 }
 
-// Whether the stream has messages for the consumer, and none was delivered since the audit before.
-bool Provision::is_stuck(jsCtx *js, Consumer &consumer) const {
-    jsOptions options;
-    jsOptions_Init(&options);
-    options.Stream.Info.SubjectsFilter = consumer.filter.c_str();
-    StreamInfo stream;
-    ConsumerInfo info;
-    if (get_info(js, consumer.stream, stream, &options) != NATS_OK || get_info(js, consumer, info) != NATS_OK)
-        return false;
-    const uint64_t before = std::exchange(consumer.delivered, info->Delivered.Consumer);
-    const jsStreamStateSubjects *subjects = stream->State.Subjects;
-    return subjects && subjects->Count > 0 && before == consumer.delivered && !holding_;
+void Provision::begin() {
+    begun_ = result_.valid();
+    made_ = false;
+    next_ms_ = 0;
 }
 
-// --- tav-bridge --check
-
-namespace {
-
-bool say(bool good, const std::string &what) {
-    std::printf("%s %s\n", good ? "ok  " : "FAIL", what.c_str());
-    return good;
+void Provision::tick(bool holding) {
+    const uint64_t now_ms = cl_event_loop_now();
+    if (!result_.valid() && now_ms >= next_ms_) {
+        const auto work = [this, holding, again = made_] { return again ? audit(holding) : make(); };
+        result_ = std::async(std::launch::async, work);
+    }
+    if (!result_.valid() || result_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) return;
+    made_ = result_.get() && !begun_;
+    next_ms_ = begun_ ? now_ms : now_ms + (made_ ? kAudit_ms : kRetry_ms);
+    begun_ = false;
 }
 
-bool check_stream(jsCtx *js, const std::string &name) {
-    StreamInfo info;
-    const natsStatus status = get_info(js, name, info);
-    if (status != NATS_OK) return say(false, "stream " + name + ": " + natsStatus_GetText(status));
-    const auto used = info->State.Bytes, most = static_cast<uint64_t>(info->Config->MaxBytes);
-    return say(info->Config->MaxBytes < 0 || used < most - most / 10,
-               "stream " + name + ": " + std::to_string(info->State.Msgs) + " messages, " +
-                   std::to_string(used) + " of " + std::to_string(info->Config->MaxBytes) + " bytes");
-}
-
-bool check_consumer(jsCtx *js, const Consumer &consumer) {
-    ConsumerInfo info;
-    const natsStatus status = get_info(js, consumer, info);
-    if (status != NATS_OK) return say(false, "consumer " + consumer.name + ": " + natsStatus_GetText(status));
-    return say(info->NumPending < kLongLag, "consumer " + consumer.name + " of " + consumer.stream + ": " +
-                                                std::to_string(info->NumPending) + " wait, " +
-                                                std::to_string(info->NumAckPending) + " are being delivered");
-}
-
-} // namespace
-
-bool check_engine(const Settings &settings) {
-    std::string reason;
-    const Options options = make_options(settings, reason);
-    natsConnection *made = nullptr;
-    const natsStatus status = options ? natsConnection_Connect(&made, options.get()) : NATS_ERR;
-    const Connection connection(made);
-    if (status != NATS_OK)
-        return say(false, "no connection: " + (options ? natsStatus_GetText(status) : reason));
-    char url[256] = "";
-    natsConnection_GetConnectedUrl(made, url, sizeof url);
-    say(true, std::string("connected to ") + url);
-    const JetStream js = jetstream(made);
+bool Provision::check() const {
     bool good = true;
-    for (const Class kind : stored_classes(settings))
-        good = check_stream(js.get(), stream_name(settings, kind)) && good;
-    for (const Consumer &consumer : consumers(settings)) good = check_consumer(js.get(), consumer) && good;
+    for (const Class kind : stored(settings_)) {
+        const std::string name = stream_name(settings_, kind);
+        const StreamInfo info = stream_info(name);
+        const int64_t most = info ? info->Config->MaxBytes : 0;
+        const uint64_t used = info ? info->State.Bytes : 0;
+        good &= say(info && (most < 0 || used < static_cast<uint64_t>(most - most / 10)),
+                    "stream " + name + ": " +
+                        (info ? std::to_string(info->State.Msgs) + " messages, " + std::to_string(used) +
+                                    " of " + std::to_string(most) + " bytes"
+                              : error_text()));
+    }
+    for (const Consumer &consumer : consumers_) {
+        const ConsumerInfo info = consumer_info(consumer);
+        good &= say(info && info->NumPending < kLongLag,
+                    "consumer " + consumer.name + " of " + consumer.stream + ": " +
+                        (info ? std::to_string(info->NumPending) + " wait, " +
+                                    std::to_string(info->NumAckPending) + " are being delivered"
+                              : error_text()));
+    }
     return good;
 }
 

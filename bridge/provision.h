@@ -1,20 +1,17 @@
-// What the bridge needs in the engine: options for a connection, streams, and consumers.
+// What the bridge needs in the engine: options for a connection, messages to store, streams and consumers.
 //
-// The functions of nats.c for streams and consumers wait for answers, so they run in a thread of their own.
-// Each time the connection is made, it looks for the streams and consumers and makes those that are not
-// there. After a server was killed and restarted, a consumer may deliver nothing more or skip messages of its
-// stream. So it then checks twice a minute: if messages waited for a consumer for a minute without a
-// delivery, while the bridge itself held none, it deletes the consumer and creates it again.
+// The functions of nats.c for streams and consumers wait for answers, so they run in a thread. Each time the
+// connection is made, it looks for the streams and consumers and makes those that are not there. After a
+// server was killed and restarted, a consumer may deliver nothing more or skip messages of its stream. So the
+// thread then looks every 75 s: if messages waited for a consumer all the time without a delivery, while
+// the bridge itself held none, it deletes the consumer and makes it again.
 #pragma once
 
-#include <atomic>
-#include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include <nats/nats.h>
@@ -31,66 +28,59 @@ using Options = std::unique_ptr<natsOptions, Free<natsOptions_Destroy>>;
 using Connection = std::unique_ptr<natsConnection, Free<natsConnection_Destroy>>;
 using Subscription = std::unique_ptr<natsSubscription, Free<natsSubscription_Destroy>>;
 using JetStream = std::unique_ptr<jsCtx, Free<jsCtx_Destroy>>;
+using StreamInfo = std::unique_ptr<jsStreamInfo, Free<jsStreamInfo_Destroy>>;
+using ConsumerInfo = std::unique_ptr<jsConsumerInfo, Free<jsConsumerInfo_Destroy>>;
 
 inline std::string_view content(natsMsg *message) {
     return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
 }
+// A message that the engine stores, unless it has stored one with this id. Throws bad_alloc.
+Message durable_message(const std::string &subject, const std::string &reply, const std::string &id,
+                        std::string_view datagram);
 
-// Of the bridges that share the messages for host id 0; null: each gets all of them.
-const char *group(const Settings &settings);
 // The beginning of the subjects on which the engine answers this bridge.
 std::string inbox(const Settings &settings);
-// Of all messages of the class for this machine, or for any machine of the location.
+// All messages of the class for this machine, or for any machine of the location.
 std::string wildcard(const Settings &settings, bool any, Class kind);
 // Where the engine delivers what is stored for them.
 std::string deliver_subject(const Settings &settings, bool any);
+// Of the bridges that share the messages for any machine; null: each gets all of them.
+const char *group(const Settings &settings);
 // Options for a connection of these settings: servers, credentials, TLS. Null, with the reason, when nats.c
 // refuses one.
 Options make_options(const Settings &settings, std::string &reason);
 
-// A consumer of a stream, for this machine or for any machine of its location.
-struct Consumer {
-    Class kind;
-    std::string stream, name, filter, deliver;
-    const char *group;
-    uint64_t delivered = 0; // at the audit before
-    int stuck = 0;          // audits in a row that found messages and no delivery
-};
-
 class Provision {
   public:
-    // ready() is called in the thread, when all streams and consumers are there. holding: whether the bridge
-    // holds durable messages.
-    Provision(natsConnection *connection, const Settings &settings, const std::atomic<bool> &holding,
-              std::function<void()> ready);
-    // The connection must be closed before: this ends the wait for an answer.
-    ~Provision() { enter(kEnd), thread_.join(); }
+    Provision(natsConnection *connection, const Settings &settings);
 
-    void begin() { enter(kMake); }   // the connection is there
-    void pause() { enter(kPaused); } // it is not
+    void begin(); // the connection is new
+    // Begins or ends what is due. holding: whether the bridge holds durable messages.
+    void tick(bool holding);
+    bool done() const { return made_; }
+    // Prints the state of the streams and consumers. Returns whether it is right.
+    bool check() const;
 
   private:
-    enum State { kPaused, kMake, kAudit, kEnd };
-    void enter(State state);
-    void run();
-    bool make(jsCtx *js);
-    bool audit(jsCtx *js);
-    bool is_stuck(jsCtx *js, Consumer &consumer) const;
+    struct Consumer { // of a stream
+        std::string stream, name, filter, deliver;
+        const char *group;
+        uint64_t delivered = 0; // and one more, at the audit before; 0: nothing waited then
+    };
+    StreamInfo stream_info(const std::string &name, const std::string &filter = "") const;
+    ConsumerInfo consumer_info(const Consumer &consumer) const;
+    bool make_stream(Class kind) const;
+    bool make_consumer(const Consumer &consumer) const;
+    bool make() const;
+    bool audit(bool holding);
 
-    natsConnection *const connection_;
+    const JetStream js_;
     const Settings &settings_;
-    const std::atomic<bool> &holding_;
-    const std::function<void()> ready_;
     std::vector<Consumer> consumers_;
-    std::mutex mutex_; // for the state
-    std::condition_variable entered_;
-    State state_ = kPaused;
-    bool anew_ = false; // the state was entered since the thread last looked
-    std::thread thread_;
+    bool made_ = false, begun_ = false; // begun_: the result will be of the connection before
+    uint64_t next_ms_ = 0;              // when to look again, on the loop's clock
+    std::future<bool> result_; // of the thread, for which it waits when it is destroyed: close the connection
+                               // before
 };
-
-// Prints whether the engine can be reached, and the state of the streams and consumers. Returns whether all
-// is right.
-bool check_engine(const Settings &settings);
 
 } // namespace tavbridge

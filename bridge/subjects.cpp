@@ -8,9 +8,8 @@
 namespace tavbridge {
 namespace {
 
-constexpr size_t kSubjectTokens = 8;
-constexpr size_t kOldReplyTokens = 9, kNewReplyTokens = 11; // at least 11
-using Tokens = std::array<std::string_view, kNewReplyTokens>;
+constexpr size_t kSubjectTokens = 8, kReplyTokens = 9;
+using Tokens = std::array<std::string_view, kReplyTokens>;
 
 // Splits the text at its dots. Returns how many tokens it has; those beyond the array are only counted.
 size_t split(std::string_view text, Tokens &tokens) {
@@ -124,14 +123,13 @@ std::string message_id(std::string_view datagram, std::string_view socket) {
 
 Origin parse_origin(std::string_view reply) {
     Tokens token;
-    const size_t count = split(reply, token), stream = count == kOldReplyTokens ? 2 : 4;
-    if (count != kOldReplyTokens && count < kNewReplyTokens) return {};
     Origin origin;
     uint64_t sequence = 0, time = 0;
-    if (!read_number(token[stream + 3], sequence) || !read_number(token[stream + 5], time)) return {};
-    if (sequence == 0 || !read_number(token[stream + 2], origin.times)) return {};
+    if (split(reply, token) != kReplyTokens || !read_number(token[5], sequence) || sequence == 0 ||
+        !read_number(token[7], time) || !read_number(token[4], origin.times))
+        return {};
     // A bridge has two streams at most. A server that was killed may use the last sequence numbers again.
-    origin.key = (sequence << 1 | token[stream].ends_with("_ALL")) * 0x9E3779B97F4A7C15u ^ time;
+    origin.key = (sequence << 1 | token[2].ends_with("_ALL")) * 0x9E3779B97F4A7C15u ^ time;
     return origin;
 }
 

@@ -71,8 +71,7 @@ std::string_view cut_datagram(std::string_view &payload);
 std::string message_id(std::string_view datagram, std::string_view socket);
 
 // The place of a message in its stream, from the subject for its acknowledgement:
-// "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>", with the domain and
-// a hash of the account before the stream, and a token at the end, in newer servers.
+// "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>".
 struct Origin {
     uint64_t key = 0; // of stream, sequence and time; 0: none
     uint64_t times = 0;
