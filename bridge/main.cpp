@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <unistd.h>
+
 #include "bridge.h"
 #include "provision.h"
 #include "tavaux.h"
@@ -81,11 +83,13 @@ int run(const std::vector<std::string> &words) {
 
 int main(int argc, char **argv) {
     std::signal(SIGPIPE, SIG_IGN);
+    int status;
     try {
-        const int status = run({argv, argv + argc});
-        cl_event_loop_release();
-        return status;
+        status = run({argv, argv + argc});
     } catch (const std::exception &error) {
-        return fail(error.what());
+        status = fail(error.what());
     }
+    cl_event_loop_release();
+    std::fflush(stdout);
+    _exit(status); // OpenSSL's exit handler frees what threads of nats.c may still use
 }
