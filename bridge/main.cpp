@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <openssl/crypto.h>
+
 #include "bridge.h"
 #include "check.h"
 #include "common/log.h"
@@ -80,6 +82,8 @@ int run(const std::vector<std::string> &words) {
 
 int main(int argc, char **argv) {
     std::signal(SIGPIPE, SIG_IGN);
+    // At exit nats.c frees a table that OpenSSL's own handler would free again.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     try {
         const int status = run({argv, argv + argc});
         cl_event_loop_release();
