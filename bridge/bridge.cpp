@@ -77,7 +77,7 @@ bool Bridge::start(std::string &reason) {
     engine_ = std::make_unique<Engine>(settings_, home_, std::move(handler));
     outbox_ = std::make_unique<Outbox>(*engine_, counters_, settings_.waiting_bytes,
                                        [this](uint64_t ticket) { pipes_.front()->done(ticket); });
-    deliveries_ = std::make_unique<Deliveries>(*engine_, counters_, durable_.get(), settings_.attempts);
+    deliveries_ = std::make_unique<Deliveries>(*engine_, counters_, durable_.get(), settings_);
     if (!open_pipes(reason) || !engine_->start(reason)) return false;
     tick();
     return true;

@@ -1,5 +1,8 @@
 #include "deliveries.h"
 
+#include <algorithm>
+#include <functional>
+
 #include "common/datagram.h"
 #include "tavipc/tav_ipc_stats.h"
 
@@ -35,11 +38,18 @@ std::string later(uint64_t times) {
 
 } // namespace
 
-void Recent::add(uint64_t key) {
-    if (!keys_.insert(key).second) return;
-    order_.push_back(key);
+bool Recent::contains(const Origin &origin) const {
+    const auto at = times_.find(origin.key);
+    if (at == times_.end()) return false;
+    const uint64_t time_ns = at->second;
+    return std::max(time_ns, origin.time_ns) - std::min(time_ns, origin.time_ns) < within_ns_;
+}
+
+void Recent::add(const Origin &origin) {
+    if (!times_.insert_or_assign(origin.key, origin.time_ns).second) return;
+    order_.push_back(origin.key);
     if (order_.size() <= kRecent) return;
-    keys_.erase(order_.front());
+    times_.erase(order_.front());
     order_.pop_front();
 }
 
@@ -47,8 +57,11 @@ void Deliveries::add(Message message, const std::string &name) {
     const char *reply = natsMsg_GetReply(message.get());
     Item item{std::move(message), parse_origin(reply ? reply : "")};
     if (item.origin.key == 0) return; // not from a stream
+    const char *id = nullptr;
+    if (replicated_ && natsMsgHeader_Get(item.message.get(), kBridgeId, &id) == NATS_OK)
+        item.origin.key = std::hash<std::string_view>{}(id);
     if (held_.contains(item.origin.key)) return counters_.add(kRedelivered);
-    if (recent_.contains(item.origin.key)) {
+    if (recent_.contains(item.origin)) {
         counters_.add(kRedelivered);
         return engine_.answer(item.message.get(), "+ACK");
     }
@@ -60,7 +73,7 @@ void Deliveries::finish(Item &item, bool left) {
     held_.erase(item.origin.key);
     if (left) {
         counters_.add(kHandedDurable);
-        recent_.add(item.origin.key);
+        recent_.add(item.origin);
         return engine_.answer(item.message.get(), "+ACK");
     }
     if (item.origin.times < attempts_) {

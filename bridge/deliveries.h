@@ -13,6 +13,7 @@
 #include <deque>
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -20,21 +21,25 @@
 
 namespace tavbridge {
 
-// The newest keys of messages that were delivered: a message whose acknowledgement was lost comes again.
+// The newest messages that were delivered: one whose acknowledgement was lost comes again, and with replicas
+// one that was stored twice. Another message may have the same key after the time for duplicates.
 class Recent {
   public:
-    bool contains(uint64_t key) const { return keys_.contains(key); }
-    void add(uint64_t key);
+    explicit Recent(uint64_t within_ns) : within_ns_(within_ns) {}
+    bool contains(const Origin &origin) const;
+    void add(const Origin &origin);
 
   private:
-    std::unordered_set<uint64_t> keys_;
+    const uint64_t within_ns_;
+    std::unordered_map<uint64_t, uint64_t> times_; // by key: when it was stored
     std::deque<uint64_t> order_;
 };
 
 class Deliveries {
   public:
-    Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, uint64_t attempts)
-        : engine_(engine), counters_(counters), endpoint_(endpoint), attempts_(attempts) {}
+    Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, const Settings &settings)
+        : engine_(engine), counters_(counters), endpoint_(endpoint), attempts_(settings.attempts),
+          replicated_(settings.replicas > 1), recent_(settings.duplicates_s * 1'000'000'000) {}
 
     // Takes a message whose subject and datagram were judged.
     void add(Message message, const std::string &name);
@@ -62,6 +67,7 @@ class Deliveries {
     Counters &counters_;
     tav_ipc_st *const endpoint_;
     const uint64_t attempts_;
+    const bool replicated_;
     std::map<std::string, Queue> queues_;
     std::unordered_set<uint64_t> held_; // keys
     Recent recent_;

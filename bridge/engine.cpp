@@ -249,7 +249,8 @@ bool Engine::publish_durable(const std::string &subject, const std::string &id_h
                        static_cast<int>(datagram.size())) != NATS_OK)
         return false;
     const Message message(made);
-    return natsMsgHeader_Set(made, "Nats-Msg-Id", id_header.c_str()) == NATS_OK &&
+    const char *name = settings_.replicas > 1 ? kBridgeId : kEngineId;
+    return natsMsgHeader_Set(made, name, id_header.c_str()) == NATS_OK &&
            natsConnection_PublishMsg(connection_.get(), made) == NATS_OK;
 }
 

@@ -37,6 +37,12 @@ using Message = std::unique_ptr<natsMsg, FreeNats>;
 using Connection = std::unique_ptr<natsConnection, FreeNats>;
 using Options = std::unique_ptr<natsOptions, FreeNats>;
 
+// Headers with a datagram's id. The engine recognises the first one. With replicas the bridges use the second
+// one: each server of a cluster (nats-server 2.9.10) decides by itself whether an id is known, and one that
+// was restarted has forgotten the ids of messages that were acknowledged. It then stores what the others
+// leave out, its sequence numbers differ from theirs, and acknowledgements remove other messages from it.
+constexpr const char *kEngineId = "Nats-Msg-Id", *kBridgeId = "Tav-Msg-Id";
+
 inline std::string_view content(natsMsg *message) {
     return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
 }

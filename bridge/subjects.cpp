@@ -148,6 +148,7 @@ Origin parse_origin(std::string_view reply) {
     if (!read_number(tokens[stream + 3], sequence) || !read_number(tokens[stream + 5], time)) return {};
     if (sequence == 0 || !read_number(tokens[stream + 2], origin.times)) return {};
     // A bridge has two streams at most. A server that was killed may use the last sequence numbers again.
+    origin.time_ns = time;
     origin.key = (sequence << 1 | tokens[stream].ends_with("_ALL")) * 0x9E3779B97F4A7C15u ^ time;
     return origin;
 }
