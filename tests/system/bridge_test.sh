@@ -62,10 +62,10 @@ must test "$(counter a drop_forged_source)" = 0     # the engine has refused it 
 
 # Logins. An NKey is base32 of a byte for its type, an Ed25519 key and their CRC-16; a JWT is signed with such keys.
 nkey() { # the bytes in hexadecimal
-    local crc=0 at bit
+    local crc=0 at
     for ((at = 0; at < ${#1}; at += 2)); do
         crc=$((crc ^ 0x${1:at:2} << 8))
-        for bit in {1..8}; do crc=$(((crc << 1 ^ (crc >> 15) * 0x1021) & 0xFFFF)); done
+        for _ in {1..8}; do crc=$(((crc << 1 ^ (crc >> 15) * 0x1021) & 0xFFFF)); done
     done
     printf '%s%02x%02x' "$1" $((crc & 255)) $((crc >> 8)) | sed 's/../\\x&/g' | xargs -0 printf | base32 -w0 | tr -d =
 }
