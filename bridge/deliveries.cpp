@@ -1,5 +1,7 @@
 #include "deliveries.h"
 
+#include <algorithm>
+#include <functional>
 #include <new>
 
 #include "common/log.h"
@@ -31,25 +33,38 @@ Fate fate_of(tav_ipc_st *endpoint, const std::string &name) {
 
 } // namespace
 
+// With replicas the sender's id is the key, but not after the time for duplicates, when another message may
+// have it.
+void Deliveries::use_id(Item &item) const {
+    const char *id = nullptr;
+    if (settings_.replicas < 2 || natsMsgHeader_Get(item.message.get(), kBridgeId, &id) != NATS_OK) return;
+    const uint64_t key = std::hash<std::string_view>{}(id), now_ns = item.origin.time_ns;
+    const auto at = known_.find(key);
+    const uint64_t before_ns = at == known_.end() ? now_ns : at->second.time_ns;
+    if (std::max(now_ns, before_ns) - std::min(now_ns, before_ns) < settings_.duplicates_s * 1'000'000'000)
+        item.origin.key = key;
+}
+
 void Deliveries::add(Message message, const std::string &name) {
     const char *reply = natsMsg_GetReply(message.get());
     Item item{std::move(message), parse_origin(reply ? reply : "")};
     if (item.origin.key == 0) return; // not from a stream
+    use_id(item);
     if (const auto at = known_.find(item.origin.key); at != known_.end()) {
         counters_.add(kRedelivered);
-        if (at->second) engine_.answer(item.message.get(), "+ACK");
+        if (at->second.delivered) engine_.answer(item.message.get(), "+ACK");
         return;
     }
     std::deque<Item> &waiting = queues_[name].waiting;
-    const uint64_t key = item.origin.key;
+    const Origin origin = item.origin;
     waiting.push_back(std::move(item));
-    known_.emplace(key, false);
+    known_.emplace(origin.key, Known{false, origin.time_ns});
 }
 
 void Deliveries::finish(Item &item, bool left) {
     if (left) {
         delivered_.push_back(item.origin.key);
-        known_[item.origin.key] = true;
+        known_[item.origin.key].delivered = true;
         counters_.add(kHandedDurable);
         engine_.answer(item.message.get(), "+ACK");
         if (delivered_.size() <= kMostDelivered) return;
@@ -57,7 +72,7 @@ void Deliveries::finish(Item &item, bool left) {
         return delivered_.pop_front();
     }
     known_.erase(item.origin.key);
-    if (item.origin.times < attempts_) {
+    if (item.origin.times < settings_.attempts) {
         counters_.add(kPutBack);
         const uint64_t delay_s = std::min(kTryAgain_s * item.origin.times, kMostTryAgain_s);
         const std::string later = "-NAK {\"delay\":" + std::to_string(delay_s) + "000000000}";

@@ -20,8 +20,8 @@ namespace tavbridge {
 
 class Deliveries {
   public:
-    Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, uint64_t attempts)
-        : engine_(engine), counters_(counters), endpoint_(endpoint), attempts_(attempts) {}
+    Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, const Settings &settings)
+        : engine_(engine), counters_(counters), endpoint_(endpoint), settings_(settings) {}
     ~Deliveries() { cl_timer_stop(timer_); }
 
     // Takes a message whose subject and datagram were judged.
@@ -41,6 +41,7 @@ class Deliveries {
         std::deque<Item> waiting, batch;
         uint64_t drops = 0; // of the destination before the batch
     };
+    void use_id(Item &item) const;
     void settle(const std::string &name, Queue &queue);
     void finish(Item &item, bool left);
     void hand_over(const std::string &name, Queue &queue);
@@ -48,11 +49,15 @@ class Deliveries {
     Engine &engine_;
     Counters &counters_;
     tav_ipc_st *const endpoint_;
-    const uint64_t attempts_;
+    const Settings &settings_;
     std::map<std::string, Queue> queues_;
-    // Keys of messages that are held here, and of the newest that were delivered (true): a message whose
-    // acknowledgement was lost comes again.
-    std::unordered_map<uint64_t, bool> known_;
+    struct Known {
+        bool delivered;
+        uint64_t time_ns; // when it was stored
+    };
+    // By key, messages that are held here and the newest that were delivered: a message whose acknowledgement
+    // was lost comes again, and with replicas one that was stored twice.
+    std::unordered_map<uint64_t, Known> known_;
     std::deque<uint64_t> delivered_;
     cl_timer_t timer_ = 0;
 };

@@ -129,6 +129,7 @@ Origin parse_origin(std::string_view reply) {
         !read_number(token[7], time) || !read_number(token[4], origin.times))
         return {};
     // A bridge has two streams at most. A server that was killed may use the last sequence numbers again.
+    origin.time_ns = time;
     origin.key = (sequence << 1 | token[2].ends_with("_ALL")) * 0x9E3779B97F4A7C15u ^ time;
     return origin;
 }
