@@ -4,6 +4,7 @@
 #include <functional>
 #include <new>
 
+#include "common/datagram.h"
 #include "common/log.h"
 #include "tavipc/tav_ipc_stats.h"
 
@@ -13,6 +14,8 @@ namespace {
 constexpr size_t kMostDelivered = 65536;  // keys to remember: many windows
 constexpr uint64_t kBatchBytes = 8 << 20; // of one batch: the library refuses 32 MiB to a destination
 constexpr size_t kBatch = 256;            // datagrams: most of a window
+constexpr size_t kMostGathered = 64;      // fragments of a message that wait for one another: 4 MB
+constexpr int kMostQuiet = 6;             // a minute: two deliveries of the engine
 constexpr uint64_t kLook_ms = 1;          // the library has no callback for "left"
 // Pause before another attempt: 5 s more each time, because a module restarts in seconds; at most a minute.
 constexpr uint64_t kTryAgain_s = 5, kMostTryAgain_s = 60;
@@ -55,10 +58,42 @@ void Deliveries::add(Message message, const std::string &name) {
         if (at->second.delivered) engine_.answer(item.message.get(), "+ACK");
         return;
     }
-    std::deque<Item> &waiting = queues_[name].waiting;
     const Origin origin = item.origin;
-    waiting.push_back(std::move(item));
+    if (!gather(item, name)) queues_[name].waiting.push_back(std::move(item));
     known_.emplace(origin.key, Known{false, origin.time_ns});
+}
+
+// Keeps a fragment until the others are there, unless too much waits already.
+bool Deliveries::gather(Item &item, const std::string &name) {
+    const tav_ipc_hdr_st header = tavipc::read_header(content(item.message.get()).data());
+    const size_t count = (size_t{header.frag_orig} + tavipc::kFragmentPayload - 1) / tavipc::kFragmentPayload;
+    const uint64_t most = settings_.window / 2;
+    if (!tavipc::is_fragment(header) || count > std::min<uint64_t>(kMostGathered, most)) return false;
+    std::string key(reinterpret_cast<const char *>(&header.src), sizeof header.src);
+    key += name + '.' + std::to_string(header.reqid) + '.' + std::to_string(header.frag_id);
+    Parts &parts = parts_[key];
+    if (!parts.items.try_emplace(tavipc::fragment_sequence(header), std::move(item)).second) return false;
+    parts.name = name;
+    parts.quiet = 0;
+    ++gathered_;
+    if (parts.items.size() >= count) {
+        release(parts);
+        parts_.erase(key);
+    } else if (gathered_ >= most) {
+        for (auto &[other, some] : parts_) release(some);
+        parts_.clear();
+    }
+    return true;
+}
+
+void Deliveries::release(Parts &parts) {
+    std::deque<Item> &waiting = queues_[parts.name].waiting;
+    for (auto &[number, item] : parts.items) {
+        --gathered_;
+        item.more = number != parts.items.rbegin()->first;
+        waiting.push_back(std::move(item));
+    }
+    parts.items.clear();
 }
 
 void Deliveries::finish(Item &item, bool left) {
@@ -91,7 +126,9 @@ void Deliveries::settle(const std::string &name, Queue &queue) {
 
 void Deliveries::hand_over(const std::string &name, Queue &queue) {
     queue.drops = fate_of(endpoint_, name).drops;
-    for (uint64_t bytes = 0; !queue.waiting.empty() && queue.batch.size() < kBatch && bytes < kBatchBytes;) {
+    for (uint64_t bytes = 0; !queue.waiting.empty();) {
+        const bool full = queue.batch.size() >= kBatch || bytes >= kBatchBytes;
+        if (full && !queue.batch.back().more) break;
         Item &item = queue.waiting.front();
         const std::string_view datagram = content(item.message.get());
         if (tav_ipc_send_raw(endpoint_, name.c_str(), datagram.data()) != IPC_OK) break;
@@ -119,6 +156,16 @@ void Deliveries::poll() try {
 }
 
 void Deliveries::keep_alive() {
+    for (auto at = parts_.begin(); at != parts_.end();) {
+        Parts &parts = at->second;
+        for (auto &[number, item] : parts.items) engine_.answer(item.message.get(), "+WPI");
+        if (++parts.quiet <= kMostQuiet) {
+            ++at;
+            continue;
+        }
+        release(parts);
+        at = parts_.erase(at);
+    }
     for (auto &[name, queue] : queues_) {
         for (Item &item : queue.waiting) engine_.answer(item.message.get(), "+WPI");
         for (Item &item : queue.batch) engine_.answer(item.message.get(), "+WPI");

@@ -6,6 +6,10 @@
 // attempt, because the counters do not show which. Priorities reorder datagrams inside the library, so the
 // outcome of a single one cannot be seen earlier.
 //
+// The fragments of a message wait for one another and go into one batch: a receiver drops a message when 10 s
+// pass between two fragments, but the engine may deliver one of them half a minute later, or to the next
+// bridge. Messages of very many fragments do not wait.
+//
 // The engine gives out at most `window` messages without an acknowledgement, which bounds what is held here.
 #pragma once
 
@@ -36,12 +40,20 @@ class Deliveries {
     struct Item {
         Message message;
         Origin origin;
+        bool more = false; // the next item is of the same message
+    };
+    struct Parts { // of a message
+        std::string name;
+        std::map<uint16_t, Item> items; // by fragment number
+        int quiet = 0;                  // calls of keep_alive() without a new one
     };
     struct Queue {
         std::deque<Item> waiting, batch;
         uint64_t drops = 0; // of the destination before the batch
     };
     void use_id(Item &item) const;
+    bool gather(Item &item, const std::string &name);
+    void release(Parts &parts);
     void settle(const std::string &name, Queue &queue);
     void finish(Item &item, bool left);
     void hand_over(const std::string &name, Queue &queue);
@@ -51,6 +63,8 @@ class Deliveries {
     tav_ipc_st *const endpoint_;
     const Settings &settings_;
     std::map<std::string, Queue> queues_;
+    std::map<std::string, Parts> parts_; // by destination, source and ids
+    uint64_t gathered_ = 0;              // items in parts_
     struct Known {
         bool delivered;
         uint64_t time_ns; // when it was stored
