@@ -11,10 +11,13 @@
 
 #include <deque>
 #include <map>
+#include <new>
 #include <unordered_map>
 
+#include "common/log.h"
 #include "engine.h"
 #include "tavipc/tav_ipc.h"
+#include "tavipc/tav_ipc_stats.h"
 
 namespace tavbridge {
 
@@ -25,14 +28,58 @@ class Deliveries {
     ~Deliveries() { cl_timer_stop(timer_); }
 
     // Takes a message whose subject and datagram were judged.
-    void add(Message message, const std::string &name);
-    // Looks at the batches, and hands over what waits. Looks again by itself while something is held.
-    void poll();
+    void add(Message message, const std::string &name) {
+        const char *reply = natsMsg_GetReply(message.get());
+        Item item{std::move(message), parse_origin(reply ? reply : "")};
+        const uint64_t key = item.origin.key;
+        if (key == 0) return; // not from a stream
+        if (const auto at = known_.find(key); at != known_.end()) {
+            counters_.add(kRedelivered);
+            if (at->second) engine_.answer(item.message.get(), "+ACK");
+            return;
+        }
+        queues_[name].waiting.push_back(std::move(item));
+        known_.emplace(key, false);
+    }
+
+    // Looks at the batches, and hands over what waits. Looks again by itself while something is held: the
+    // library has no callback for "left".
+    void poll() try {
+        for (auto at = queues_.begin(); at != queues_.end();) {
+            auto &[name, queue] = *at;
+            settle(name, queue);
+            if (queue.batch.empty()) hand_over(name, queue);
+            at = queue.batch.empty() && queue.waiting.empty() ? queues_.erase(at) : std::next(at);
+        }
+        const auto again = [](void *argument) {
+            auto *self = static_cast<Deliveries *>(argument);
+            self->timer_ = 0;
+            self->poll();
+            self->engine_.flush();
+        };
+        if (held() > 0 && !timer_) timer_ = cl_timer_start(kLook_ms, again, this);
+    } catch (const std::bad_alloc &) { // the bridge polls again soon
+        TAV_LOG_LIMITED(1, "tav_bridge", "memory is short for messages of the engine");
+    }
+
     // Tells the engine that what is held is still being worked on.
-    void keep_alive();
+    void keep_alive() {
+        for (const auto &[name, queue] : queues_)
+            for (const auto *items : {&queue.waiting, &queue.batch})
+                for (const Item &item : *items) engine_.answer(item.message.get(), "+WPI");
+    }
+
     size_t held() const { return known_.size() - delivered_.size(); }
 
   private:
+    static constexpr size_t kMostDelivered = 65536; // keys to remember: many windows
+    static constexpr size_t kBatch =
+        256; // datagrams, at most 16 MB: the library takes 32 MB for a destination
+    static constexpr uint64_t kLook_ms = 1;
+    // Pause before another attempt: 5 s more each time, because a module restarts in seconds; at most a
+    // minute.
+    static constexpr uint64_t kTryAgain_s = 5, kMostTryAgain_s = 60;
+
     struct Item {
         Message message;
         Origin origin;
@@ -41,9 +88,53 @@ class Deliveries {
         std::deque<Item> waiting, batch;
         uint64_t drops = 0; // of the destination before the batch
     };
-    void settle(const std::string &name, Queue &queue);
-    void finish(Item &item, bool left);
-    void hand_over(const std::string &name, Queue &queue);
+
+    // How many datagrams for the destination the library has, and how many it has dropped.
+    std::pair<uint64_t, uint64_t> pending_and_drops(const std::string &name) const {
+        tav_ipc_stats_st stats;
+        if (tav_ipc_get_stats(endpoint_, name.c_str(), &stats, sizeof stats) != 0) return {};
+        const auto &v = stats.values;
+        const uint64_t pending = v[TAV_IPC_STATS_QUEUED] + v[TAV_IPC_STATS_IN_FLIGHT];
+        return {pending, v[TAV_IPC_STATS_ACCEPTED] - v[TAV_IPC_STATS_LEFT] - pending};
+    }
+
+    void hand_over(const std::string &name, Queue &queue) {
+        queue.drops = pending_and_drops(name).second;
+        for (; !queue.waiting.empty() && queue.batch.size() < kBatch; queue.waiting.pop_front()) {
+            natsMsg *message = queue.waiting.front().message.get();
+            if (tav_ipc_send_raw(endpoint_, name.c_str(), natsMsg_GetData(message)) != IPC_OK) break;
+            queue.batch.push_back(std::move(queue.waiting.front()));
+        }
+    }
+
+    void settle(const std::string &name, Queue &queue) {
+        if (queue.batch.empty()) return;
+        const auto [pending, drops] = pending_and_drops(name);
+        for (; pending == 0 && !queue.batch.empty(); queue.batch.pop_front())
+            drops == queue.drops ? left(queue.batch.front()) : failed(queue.batch.front());
+    }
+
+    void left(const Item &item) {
+        delivered_.push_back(item.origin.key);
+        known_[item.origin.key] = true;
+        counters_.add(kHandedDurable);
+        engine_.answer(item.message.get(), "+ACK");
+        if (delivered_.size() <= kMostDelivered) return;
+        known_.erase(delivered_.front());
+        delivered_.pop_front();
+    }
+
+    void failed(const Item &item) {
+        known_.erase(item.origin.key);
+        if (item.origin.times >= attempts_) {
+            counters_.drop(kNoReceiver, content(item.message.get()), "all attempts failed");
+            return engine_.answer(item.message.get(), "+TERM");
+        }
+        counters_.add(kPutBack);
+        const uint64_t delay_s = std::min(kTryAgain_s * item.origin.times, kMostTryAgain_s);
+        const std::string later = "-NAK {\"delay\":" + std::to_string(delay_s) + "000000000}";
+        engine_.answer(item.message.get(), later.c_str());
+    }
 
     Engine &engine_;
     Counters &counters_;

@@ -38,8 +38,8 @@ inline std::string_view content(natsMsg *message) {
 Message durable_message(const std::string &subject, const std::string &reply, const std::string &id,
                         std::string_view datagram);
 
-// The beginning of the subjects on which the engine answers this bridge.
-std::string inbox(const Settings &settings);
+// The beginning of the subjects on which the engine answers this bridge, or all that share messages.
+std::string inbox(const Settings &settings, bool any);
 // All messages of the class for this machine, or for any machine of the location.
 std::string wildcard(const Settings &settings, bool any, Class kind);
 // Where the engine delivers what is stored for them.
