@@ -79,6 +79,7 @@ class Pipe {
     // While it does not read, the datagrams stay in the socket, and their senders wait.
     void read(bool reading) {
         if (reading && !reading_) arm(EPOLL_CTL_MOD);
+        if (!reading && reading_) counters_.add(kPauses);
         reading_ = reading;
     }
     bool reading() const { return reading_; }
@@ -132,13 +133,11 @@ class Pipe {
     uint64_t waiting() const { return waiting_; }
 
   private:
-    static constexpr size_t kLongest =
-        tavipc::kHeaderSize + tavipc::kFragmentPayload; // bytes of a good datagram
-    static constexpr uint64_t kAnswer_ms = 5000;        // a cluster elects a new leader in less
-    static constexpr uint64_t kRefused_ms = 1000;       // pause after a refusal: a full stream empties slowly
-    static constexpr uint64_t kOverhead =
-        1000; // bytes of a message beside its datagram: subjects, and a header's table
-    static constexpr size_t kAtOnce = 64; // datagrams
+    static constexpr size_t kAtOnce = 64;                                              // datagrams
+    static constexpr size_t kLongest = tavipc::kHeaderSize + tavipc::kFragmentPayload; // bytes of a good one
+    static constexpr uint64_t kAnswer_ms = 5000;  // a cluster elects a new leader in less
+    static constexpr uint64_t kRefused_ms = 1000; // pause after a refusal: a full stream empties slowly
+    static constexpr uint64_t kOverhead = 1000;   // bytes of a message beside its datagram, about
 
     struct Seen {
         size_t size = 0;
