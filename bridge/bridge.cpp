@@ -29,10 +29,7 @@ constexpr uint64_t kStop_ms = 5000;      // at most, to store what was read; ser
 constexpr uint64_t kQuiet_ms = 50;       // without a datagram: the senders have finished
 constexpr const char *kDurableEndpoint = "tavbridgd"; // control traffic has tavipc::kBridgeEndpoint
 
-struct Free {
-    void operator()(tav_ipc_st *endpoint) const { tav_ipc_destroy(endpoint); }
-};
-using Endpoint = std::unique_ptr<tav_ipc_st, Free>;
+using Endpoint = std::unique_ptr<tav_ipc_st, Free<tav_ipc_destroy>>;
 
 std::string socket_path(const std::string &name) {
     const char *type = GetDeployTypeStr();

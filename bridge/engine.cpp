@@ -63,7 +63,8 @@ natsStatus Engine::set_callbacks(natsOptions *options) {
     };
     const auto attach = [](void **self, void *engine, natsConnection *, natsSock socket) {
         *self = engine;
-        return static_cast<Engine *>(engine)->replace_socket(dup(socket));
+        const int copy = dup(socket);
+        return copy < 0 ? NATS_SYS_ERROR : static_cast<Engine *>(engine)->replace_socket(copy);
     };
     const auto detach = [](void *self) { return static_cast<Engine *>(self)->replace_socket(-1); };
     const auto read = [](void *self, bool add) { // it stops to read when it has lost the connection

@@ -16,13 +16,12 @@
 
 #include <nats/nats.h>
 
+#include "common/owned.h"
 #include "settings.h"
 
 namespace tavbridge {
 
-template <auto Function> struct Free {
-    template <typename Object> void operator()(Object *object) const { Function(object); }
-};
+using tavipc::Free;
 using Message = std::unique_ptr<natsMsg, Free<natsMsg_Destroy>>;
 using Options = std::unique_ptr<natsOptions, Free<natsOptions_Destroy>>;
 using Connection = std::unique_ptr<natsConnection, Free<natsConnection_Destroy>>;

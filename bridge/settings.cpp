@@ -5,11 +5,11 @@
 #include <climits>
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <sstream>
 
 #include <unistd.h>
 
+#include "common/owned.h"
 #include "tavbase.h"
 #include "tavipc/tav_ipc.h"
 
@@ -20,11 +20,6 @@ constexpr uint64_t kLeastStream = 1 << 20, kMostStream = uint64_t{1} << 50; // b
 constexpr uint64_t kMostAge_s = 366 * 86400; // a year; more is probably in another unit
 constexpr uint64_t kLeastWaiting = 1 << 20, kMostWaiting = uint64_t{1} << 32; // bytes: some datagrams; memory
 constexpr uint64_t kMostWindow = 4096; // datagrams of up to 64,060 bytes: 262 MB
-
-struct FreeIni {
-    void operator()(ini_file_t *file) const { ini_file_free(file); }
-};
-using Ini = std::unique_ptr<ini_file_t, FreeIni>;
 
 struct Section {
     ini_file_t *const file;
@@ -120,7 +115,7 @@ void read_bounds(const Section &ini, Settings &settings) {
 } // namespace
 
 Settings load_settings(const std::string &path, Problems &problems) {
-    const Ini file(ini_file_load(path.c_str()));
+    const std::unique_ptr<ini_file_t, tavipc::Free<ini_file_free>> file(ini_file_load(path.c_str()));
     if (!file) problems.push_back(path + ": " + std::strerror(errno));
     Settings settings;
     read_engine({file.get(), "engine", problems}, settings);
