@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstring>
 #include <new>
-#include <utility>
 
 #include "common/datagram.h"
 #include "common/facts.h"
@@ -22,19 +21,15 @@ constexpr int kHubLocation = 4, kHubPipes = 8; // its modules write to _prx0 to 
 // memory after each partial write, so more of them cost time.
 constexpr int kMostUnsent = 512 << 10;
 constexpr size_t kMostJoined = tavipc::kHeaderSize + tavipc::kFragmentPayload; // bytes; one can have as many
-constexpr size_t kMostHeard = 4096;      // endpoints of other locations to remember: about 400 KB
-constexpr uint32_t kMostSends = 64;      // datagrams for one local socket that leave with one system call
-constexpr uint64_t kTick_ms = 500;       // resends, keep-alives and the watchdog need no finer one
+constexpr size_t kMostHeard = 4096; // endpoints of other locations to remember: about 400 KB
+constexpr uint32_t kMostSends = 64; // datagrams for one local socket that leave with one system call
+constexpr uint64_t kTick_ms = 500, kStopTick_ms = 10; // resends and the watchdog need no finer one
 constexpr uint64_t kKeepAliveTicks = 20; // 10 s: a third of the time after which the engine delivers again
 constexpr uint64_t kStop_ms = 5000;      // at most, to store what was read; service managers wait 90 s
-constexpr uint64_t kStopTick_ms = 10;    // meanwhile
 constexpr uint64_t kQuiet_ms = 50;       // without a datagram: the senders have finished
 constexpr const char *kDurableEndpoint = "tavbridgd"; // control traffic has tavipc::kBridgeEndpoint
 
-struct Free {
-    void operator()(tav_ipc_st *endpoint) const { tav_ipc_destroy(endpoint); }
-};
-using Endpoint = std::unique_ptr<tav_ipc_st, Free>;
+using Endpoint = std::unique_ptr<tav_ipc_st, Free<tav_ipc_destroy>>;
 
 std::string socket_path(const std::string &name) {
     const char *type = GetDeployTypeStr();
@@ -53,10 +48,7 @@ class Bridge : Engine::Events {
 
     bool start(std::string &reason) {
         cl_event_loop_set_batching(kMostSends, 0);
-        if (!open_endpoints() || !open_pipes(reason)) {
-            reason += std::strerror(errno);
-            return false;
-        }
+        if (!open_endpoints() || !open_pipes(reason)) return reason += std::strerror(errno), false;
         if (!engine_.start(reason)) return false;
         tick();
         return true;
@@ -88,21 +80,20 @@ class Bridge : Engine::Events {
     bool open_pipes(std::string &reason) {
         const bool hub = settings_.home.place.location == kHubLocation;
         for (int i = 0; i < (hub ? kHubPipes : 1); ++i) {
-            const std::string path = socket_path(hub ? "_prx" + std::to_string(i) : "_proxy_");
-            const auto forward = [this](uint64_t ticket, std::string_view datagram, std::string_view from) {
-                return take(ticket, datagram, from);
-            };
-            const auto leave_out = [this](uint64_t, std::string_view, std::string_view) {
+            const auto forward = [this, i](uint64_t ticket, std::string_view datagram,
+                                           std::string_view from) {
+                if (i == 0) return take(ticket, datagram, from);
                 counters_.add(kHubCopies);
                 return Message();
             };
-            pipes_.push_back(i == 0 ? std::make_unique<Pipe>(engine_, counters_, forward, [this] { taken(); })
-                                    : std::make_unique<Pipe>(engine_, counters_, leave_out, [] {}));
+            pipes_.push_back(std::make_unique<Pipe>(engine_, counters_, forward, [this, i] {
+                if (i == 0) taken();
+            }));
+            const std::string path = socket_path(hub ? "_prx" + std::to_string(i) : "_proxy_");
             reason = path + ": ";
             if (!pipes_.back()->open(path)) return false;
             pipes_.back()->read(i > 0);
         }
-        reason.clear();
         return true;
     }
 
@@ -145,12 +136,7 @@ class Bridge : Engine::Events {
         engine_.flush();
         if (!engine_.connected() || pipe().bytes() >= settings_.waiting_bytes ||
             engine_.unsent_bytes() > kMostUnsent)
-            pause();
-    }
-
-    void pause() {
-        if (pipe().reading()) counters_.add(kPauses);
-        pipe().read(false);
+            pipe().read(false);
     }
 
     void turn_ends() override {
@@ -169,7 +155,7 @@ class Bridge : Engine::Events {
         error_output(up ? 3 : 2, "tav_bridge", __LINE__,
                      up ? "connected to the engine" : "lost the connection to the engine");
         tavipc::notify(up ? "STATUS=connected" : "STATUS=not connected");
-        if (!up) return pause();
+        if (!up) return pipe().read(false);
         counters_.add(kReconnects);
         pipe().resend(true);
         turn_ends();

@@ -30,7 +30,6 @@ namespace tavbridge {
     X(kBadSubject, "drop_bad_subject", "the subject does not fit the datagram")                              \
     X(kLoop, "drop_loop", "sent from and to the same location")                                              \
     X(kNotHere, "drop_not_here", "for another location or machine")                                          \
-    X(kUnknownLocation, "drop_unknown_location", "for a location that the configuration excludes")           \
     X(kNoEngine, "drop_no_engine", "control traffic while the engine was away")                              \
     X(kNoReceiver, "drop_no_receiver", "no local socket took it in all attempts")                            \
     X(kRefused, "drop_refused", "the local library refused control traffic")                                 \

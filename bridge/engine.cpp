@@ -20,7 +20,7 @@ constexpr size_t kMostUsed = 32;       // messages
 
 Engine::Engine(const Settings &settings, Events &events)
     : settings_(settings), events_(events),
-      inbox_(inbox(settings) + ".r." + std::to_string(std::random_device()())) {
+      inbox_(inbox(settings, false) + ".r." + std::to_string(std::random_device()())) {
     used_.reserve(kMostUsed);
 }
 
@@ -63,13 +63,17 @@ natsStatus Engine::set_callbacks(natsOptions *options) {
     };
     const auto attach = [](void **self, void *engine, natsConnection *, natsSock socket) {
         *self = engine;
-        return static_cast<Engine *>(engine)->replace_socket(dup(socket));
+        const int copy = dup(socket);
+        return copy < 0 ? NATS_SYS_ERROR : static_cast<Engine *>(engine)->replace_socket(copy);
     };
     const auto detach = [](void *self) { return static_cast<Engine *>(self)->replace_socket(-1); };
     const auto read = [](void *self, bool add) { // it stops to read when it has lost the connection
         return add ? NATS_OK : static_cast<Engine *>(self)->replace_socket(-1);
     };
-    const auto write = [](void *self, bool add) { return static_cast<Engine *>(self)->want_write(add); };
+    const auto write = [](void *argument, bool add) { // the loop's thread flushes by itself
+        auto *self = static_cast<Engine *>(argument);
+        return add && !pthread_equal(pthread_self(), self->thread_) ? self->leave([](Note &) {}) : NATS_OK;
+    };
     natsStatus status = natsOptions_SetEventLoop(options, this, attach, read, write, detach);
     const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
     set(natsOptions_SetRetryOnFailedConnect(options, true, up, this));
@@ -90,19 +94,7 @@ template <typename Change> natsStatus Engine::leave(Change change) {
 }
 
 natsStatus Engine::replace_socket(int fd) {
-    return leave([fd](Note &note) {
-        note.socket = tavipc::UniqueFd(fd);
-        note.replaced = true;
-        note.write = false;
-    });
-}
-
-natsStatus Engine::want_write(bool wanted) {
-    if (pthread_equal(pthread_self(), thread_)) {
-        const std::lock_guard lock(mutex_);
-        if (!note_.replaced) return writing_ = wanted, NATS_OK;
-    }
-    return leave([wanted](Note &note) { note.write = wanted; });
+    return leave([fd](Note &note) { note.socket = tavipc::UniqueFd(fd), note.replaced = true; });
 }
 
 void Engine::take_note() try {
@@ -115,10 +107,8 @@ void Engine::take_note() try {
     if (note.replaced) {
         watch(0);
         socket_ = std::move(note.socket);
-        writing_ = false;
         watch(CL_IO_READ);
     }
-    writing_ = writing_ || note.write;
     if (note.lost && connected_) events_.connected(connected_ = false);
     if (note.up && !connected_) {
         if (subscriptions_.empty()) { // nats.c does it again on each new connection
@@ -174,9 +164,8 @@ void Engine::watch(int events) {
 
 void Engine::flush() {
     if (!socket_) return;
-    // nats.c says inside the call whether it has written everything.
-    if (writing_) natsConnection_ProcessWriteEvent(connection_.get());
-    const int events = writing_ ? CL_IO_READ | CL_IO_WRITE : CL_IO_READ;
+    if (unsent_bytes() > 0) natsConnection_ProcessWriteEvent(connection_.get());
+    const int events = unsent_bytes() > 0 ? CL_IO_READ | CL_IO_WRITE : CL_IO_READ;
     if (events != watched_) watch(events);
 }
 

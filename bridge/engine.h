@@ -42,7 +42,7 @@ class Engine {
     bool connected() const { return connected_; }
     bool ready() const { return provision_ && provision_->done(); }
     // Bytes that nats.c holds for the socket.
-    int unsent_bytes() const { return connected_ ? natsConnection_Buffered(connection_.get()) : 0; }
+    int unsent_bytes() const { return socket_ ? natsConnection_Buffered(connection_.get()) : 0; }
 
     std::string reply_subject(uint64_t number) const { return inbox_ + '.' + std::to_string(number); }
     bool publish(const std::string &subject, std::string_view payload);
@@ -57,14 +57,13 @@ class Engine {
     struct Note {
         bool replaced = false; // socket: our own duplicate, since nats.c can close its own at any time
         tavipc::UniqueFd socket;
-        bool write = false, lost = false;
+        bool lost = false;
         bool up = false; // the newest state
     };
 
     natsStatus set_callbacks(natsOptions *options);
     template <typename Change> natsStatus leave(Change change);
     natsStatus replace_socket(int fd);
-    natsStatus want_write(bool wanted);
     void take_note();
     void subscribe(const std::string &subject, const char *group = nullptr);
     void watch(int events);
@@ -84,8 +83,7 @@ class Engine {
     std::vector<Message> used_; // see drain()
     bool connected_ = false;
     tavipc::UniqueFd socket_;
-    bool writing_ = false; // nats.c has bytes for the socket
-    int watched_ = 0;      // events
+    int watched_ = 0; // events
     cl_io_t io_ = 0;
 };
 

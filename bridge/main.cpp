@@ -16,14 +16,10 @@ namespace {
 
 using namespace tavbridge;
 
-constexpr int kMisuse = 2; // exit status
-constexpr const char *kSettingsFile = "@/../config/tav-bridge.ini";
-
 int usage(FILE *out, int status) {
     std::fputs(
         "usage: tav-bridge [-c FILE] [--check]\n"
-        "  -c, --config FILE  the settings; default: config/tav-bridge.ini beside the directory of the "
-        "executable\n"
+        "  -c, --config FILE  the settings; default: config/tav-bridge.ini of the agent\n"
         "  --check            tests every setting, the engine, the streams and the consumers, and ends\n"
         "  --version, --help\n",
         out);
@@ -55,7 +51,7 @@ int check(const Settings &settings, const Problems &problems) {
 int run(const std::vector<std::string> &words) {
     bool only_check = false;
     char path[PATH_MAX] = "";
-    dirutils_path_transform(kSettingsFile, path, sizeof path);
+    dirutils_path_transform("@/../config/tav-bridge.ini", path, sizeof path);
     std::string file = path;
     for (size_t i = 1; i < words.size(); ++i) {
         if (words[i] == "--help") return usage(stdout, EXIT_SUCCESS);
@@ -65,7 +61,7 @@ int run(const std::vector<std::string> &words) {
         else if ((words[i] == "-c" || words[i] == "--config") && i + 1 < words.size())
             file = words[++i];
         else
-            return usage(stderr, kMisuse);
+            return usage(stderr, 2);
     }
     Problems problems;
     Settings settings = load_settings(file, problems);

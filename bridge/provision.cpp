@@ -54,22 +54,23 @@ Message durable_message(const std::string &subject, const std::string &reply, co
     return message;
 }
 
-std::string inbox(const Settings &settings) {
-    const Place &own = settings.home.place;
-    return "_INBOX.tav." + settings.domain + '.' + std::to_string(own.location) + '.' +
-           std::to_string(own.hostid);
+static Place place(const Settings &settings, bool any) {
+    return {settings.home.place.location, any ? 0 : settings.home.place.hostid};
+}
+
+std::string inbox(const Settings &settings, bool any) {
+    return "_INBOX.tav." + settings.domain + '.' + place_text(place(settings, any));
 }
 
 std::string wildcard(const Settings &settings, bool any, Class kind) {
-    const Place &own = settings.home.place;
-    return "tav." + settings.domain + '.' + std::to_string(own.location) + '.' +
-           (any ? "any" : std::to_string(own.hostid)) + ".*." + static_cast<char>(kind) + ".*.*";
+    return "tav." + settings.domain + '.' + place_text(place(settings, any)) + ".*." +
+           static_cast<char>(kind) + ".*.*";
 }
 
 // Without wildcards, which would not wake a consumer that waits for a subscriber.
 std::string deliver_subject(const Settings &settings, bool any) {
-    if (!any || !group(settings)) return inbox(settings) + (any ? ".d.a" : ".d.d");
-    return "_INBOX.tav." + settings.domain + '.' + std::to_string(settings.home.place.location) + ".any.d";
+    if (any && group(settings)) return inbox(settings, true) + ".d";
+    return inbox(settings, false) + (any ? ".d.a" : ".d.d");
 }
 
 const char *group(const Settings &settings) { return settings.home.any_to_all ? nullptr : "one"; }
@@ -87,7 +88,7 @@ Options make_options(const Settings &settings, std::string &reason) {
     set(natsOptions_SetMaxPingsOut(made, kPings));
     set(natsOptions_SetIOBufSize(made, kReadAtOnce));
     set(natsOptions_SetName(made, "tav-bridge"));
-    set(natsOptions_SetCustomInboxPrefix(made, (inbox(settings) + ".k").c_str()));
+    set(natsOptions_SetCustomInboxPrefix(made, (inbox(settings, false) + ".k").c_str()));
     // Only the servers in the file are used: those that the engine announces may be anywhere.
     set(natsOptions_SetIgnoreDiscoveredServers(made, true));
     if (settings.tls()) set(natsOptions_SetSecure(made, true));

@@ -16,13 +16,12 @@
 
 #include <nats/nats.h>
 
+#include "common/owned.h"
 #include "settings.h"
 
 namespace tavbridge {
 
-template <auto Function> struct Free {
-    template <typename Object> void operator()(Object *object) const { Function(object); }
-};
+using tavipc::Free;
 using Message = std::unique_ptr<natsMsg, Free<natsMsg_Destroy>>;
 using Options = std::unique_ptr<natsOptions, Free<natsOptions_Destroy>>;
 using Connection = std::unique_ptr<natsConnection, Free<natsConnection_Destroy>>;
@@ -44,8 +43,8 @@ constexpr const char *kEngineId = "Nats-Msg-Id", *kBridgeId = "Tav-Msg-Id";
 Message durable_message(const std::string &subject, const std::string &reply, const char *header,
                         const std::string &id, std::string_view datagram);
 
-// The beginning of the subjects on which the engine answers this bridge.
-std::string inbox(const Settings &settings);
+// The beginning of the subjects on which the engine answers this bridge, or all that share messages.
+std::string inbox(const Settings &settings, bool any);
 // All messages of the class for this machine, or for any machine of the location.
 std::string wildcard(const Settings &settings, bool any, Class kind);
 // Where the engine delivers what is stored for them.

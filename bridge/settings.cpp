@@ -5,11 +5,11 @@
 #include <climits>
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <sstream>
 
 #include <unistd.h>
 
+#include "common/owned.h"
 #include "tavbase.h"
 #include "tavipc/tav_ipc.h"
 
@@ -21,17 +21,13 @@ constexpr uint64_t kMostAge_s = 366 * 86400; // a year; more is probably in anot
 constexpr uint64_t kLeastWaiting = 1 << 20, kMostWaiting = uint64_t{1} << 32; // bytes: some datagrams; memory
 constexpr uint64_t kMostWindow = 4096; // datagrams of up to 64,060 bytes: 262 MB
 
-struct FreeIni {
-    void operator()(ini_file_t *file) const { ini_file_free(file); }
-};
-using Ini = std::unique_ptr<ini_file_t, FreeIni>;
+struct Section {
+    ini_file_t *const file;
+    const char *const name;
+    Problems &problems;
 
-class Section {
-  public:
-    Section(const Ini &file, const char *name, Problems &problems)
-        : file_(file.get()), name_(name), problems_(problems) {}
     std::string text(const char *key, const char *preset = "") const {
-        const char *found = file_ ? ini_file_get(file_, name_, key) : nullptr;
+        const char *found = file ? ini_file_get(file, name, key) : nullptr;
         return found ? found : preset;
     }
     uint64_t number(const char *key, uint64_t preset, uint64_t least, uint64_t most) const {
@@ -42,7 +38,7 @@ class Section {
         return value;
     }
     // The path of a file that can be read. A leading "@" is the directory of the executable.
-    std::string file(const char *key) const {
+    std::string readable_file(const char *key) const {
         const std::string found = text(key);
         char path[PATH_MAX];
         if (found.empty()) return found;
@@ -50,20 +46,15 @@ class Section {
             complain(key, found + ": " + std::strerror(errno));
         return path;
     }
-    std::vector<std::string> list(const char *key, const char *preset = "") const {
+    std::vector<std::string> list(const char *key, const char *preset) const {
         std::string items = text(key, preset);
         std::replace(items.begin(), items.end(), ',', ' ');
         std::istringstream words(items);
         return {std::istream_iterator<std::string>(words), {}};
     }
     void complain(const char *key, const std::string &what) const {
-        problems_.push_back("[" + std::string(name_) + "] " + key + ": " + what);
+        problems.push_back("[" + std::string(name) + "] " + key + ": " + what);
     }
-
-  private:
-    ini_file_t *const file_;
-    const char *const name_;
-    Problems &problems_;
 };
 
 // Whether a connection to the server's URL stays on this machine.
@@ -80,12 +71,12 @@ bool is_loopback(const std::string &url) {
 void read_engine(const Section &ini, Settings &settings) {
     settings.servers = ini.list("servers", "nats://127.0.0.1:4222");
     settings.domain = ini.text("domain", "agent");
-    settings.ca = ini.file("ca");
-    settings.certificate = ini.file("certificate");
-    settings.key = ini.file("key");
-    settings.credentials = ini.file("credentials");
+    settings.ca = ini.readable_file("ca");
+    settings.certificate = ini.readable_file("certificate");
+    settings.key = ini.readable_file("key");
+    settings.credentials = ini.readable_file("credentials");
     settings.nkey = ini.text("nkey");
-    settings.nkey_seed = ini.file("nkey_seed");
+    settings.nkey_seed = ini.readable_file("nkey_seed");
     if (settings.servers.empty()) ini.complain("servers", "names no server");
     if (!is_token(settings.domain) || settings.domain.size() > 32)
         ini.complain("domain", "has a blank, a dot, a wildcard or more than 32 characters");
@@ -104,14 +95,7 @@ void read_policy(const Section &ini, Home &home) {
     const std::string any = ini.text("any", "all");
     if (any != "all" && any != "one") ini.complain("any", "is neither all nor one");
     home.any_to_all = any != "one";
-    for (const std::string &item : ini.list("locations")) {
-        uint8_t number = 0;
-        if (!read_number(item, number) || number == 0)
-            ini.complain("locations", item + " is not a location from 1 to 255");
-        home.reachable.set(number);
-    }
-    if (ini.text("locations").empty()) home.reachable.set();
-    const std::string ipc_conf = ini.file("ipc_conf");
+    const std::string ipc_conf = ini.readable_file("ipc_conf");
     if (ipc_conf.empty()) return;
     load_ipc_proxy_conf(ipc_conf.c_str());
     home.durable = !(get_ipc_proxy_conf()->options & 1); // disable_offline_cache
@@ -131,12 +115,12 @@ void read_bounds(const Section &ini, Settings &settings) {
 } // namespace
 
 Settings load_settings(const std::string &path, Problems &problems) {
-    const Ini file(ini_file_load(path.c_str()));
+    const std::unique_ptr<ini_file_t, tavipc::Free<ini_file_free>> file(ini_file_load(path.c_str()));
     if (!file) problems.push_back(path + ": " + std::strerror(errno));
     Settings settings;
-    read_engine(Section(file, "engine", problems), settings);
-    read_policy(Section(file, "policy", problems), settings.home);
-    read_bounds(Section(file, "bounds", problems), settings);
+    read_engine({file.get(), "engine", problems}, settings);
+    read_policy({file.get(), "policy", problems}, settings.home);
+    read_bounds({file.get(), "bounds", problems}, settings);
     return settings;
 }
 

@@ -51,11 +51,13 @@ bool is_token(std::string_view text) {
     return !text.empty();
 }
 
+std::string place_text(const Place &place) {
+    return std::to_string(place.location) + '.' + (place.hostid ? std::to_string(place.hostid) : "any");
+}
+
 std::string subject_text(std::string_view domain, const Subject &subject) {
-    const std::string to_host = subject.to.hostid ? std::to_string(subject.to.hostid) : "any";
-    return "tav." + std::string(domain) + '.' + std::to_string(subject.to.location) + '.' + to_host + '.' +
-           subject.name + '.' + static_cast<char>(subject.kind) + '.' +
-           std::to_string(subject.from.location) + '.' + std::to_string(subject.from.hostid);
+    return "tav." + std::string(domain) + '.' + place_text(subject.to) + '.' + subject.name + '.' +
+           static_cast<char>(subject.kind) + '.' + place_text(subject.from);
 }
 
 std::optional<Subject> parse_subject(std::string_view domain, std::string_view text) {
@@ -78,7 +80,6 @@ Drop judge_outgoing(const Home &home, std::string_view datagram, Subject &subjec
     if (subject.to.location == 0 || subject.to.location == home.place.location) return kLoop;
     subject.name = tavipc::name_text(header.dest).text;
     if (!is_endpoint_name(subject.name)) return kBadName;
-    if (!home.reachable[subject.to.location]) return kUnknownLocation;
     subject.from = home.place;
     if (!home.durable || (header.flags & IPC_FLAGS_CONTROL))
         subject.kind = Class::kControl;

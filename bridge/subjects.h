@@ -6,7 +6,6 @@
 // is checked: no wildcard, dot, blank or control character gets into a subject.
 #pragma once
 
-#include <bitset>
 #include <charconv>
 #include <optional>
 #include <string>
@@ -43,6 +42,8 @@ template <typename Number> bool read_number(std::string_view text, Number &numbe
 }
 // Whether the text can be one token of a subject.
 bool is_token(std::string_view text);
+// "<location>.<hostid or any>"
+std::string place_text(const Place &place);
 // The text for a subject whose name is a token.
 std::string subject_text(std::string_view domain, const Subject &subject);
 // Nothing for a text in any other form.
@@ -51,9 +52,8 @@ std::optional<Subject> parse_subject(std::string_view domain, std::string_view t
 // A bridge's own place and policy.
 struct Home {
     Place place;
-    bool durable = true;        // false: everything is control traffic
-    bool any_to_all = true;     // host id 0 means all machines of the location, else one of them
-    std::bitset<256> reachable; // locations that it sends to
+    bool durable = true;    // false: everything is control traffic
+    bool any_to_all = true; // host id 0 means all machines of the location, else one of them
 };
 
 // Judges a datagram of a local module: kNoDrop, and the subject under which it goes out; or why it does not.

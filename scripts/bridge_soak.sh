@@ -83,7 +83,7 @@ whole() {
     states | sort -n -k 3 | awk 'NF == 3 { last[NR] = $3 } END { exit !(NR == 3 && last[1] && last[3] - last[1] < 500) }'
 }
 healed() {
-    for _ in {1..5}; do
+    for _ in {1..3}; do
         whole || return 1
         sleep 1
     done

@@ -149,7 +149,7 @@ class Life : public EndpointWorld {
         tainted_ = true;
         const uint8_t shape = in_.u8();
         std::string subject = in_.text(shape & 63), bytes = in_.text(60 + in_.u8());
-        const tavbridge::Home home{{3, 55}, true, true, {}};
+        const tavbridge::Home home{{3, 55}, true, true};
         if ((shape & 64) && bytes.size() >= 60) { // one that fits
             Datagram d{"", tavipc::read_header(bytes.data()), bytes.substr(60)};
             d.header.dest.loc = 3, d.header.dest.hostid = 55;
