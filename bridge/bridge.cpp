@@ -66,7 +66,7 @@ class Bridge : Engine::Events {
         control_.reset(tav_ipc_create(tavipc::kBridgeEndpoint));
         if (control_) durable_.reset(tav_ipc_create_non_recv(kDurableEndpoint, 0));
         if (!durable_) return false;
-        deliveries_ = std::make_unique<Deliveries>(engine_, counters_, durable_.get(), settings_.attempts);
+        deliveries_ = std::make_unique<Deliveries>(engine_, counters_, durable_.get(), settings_);
         const auto answer = [](tav_ipc_st *, const tav_addr_st *source, uint32_t reqid, uint32_t command,
                                const void *, uint32_t, void *self) {
             static_cast<Bridge *>(self)->answer(*source, reqid, command);
@@ -108,8 +108,8 @@ class Bridge : Engine::Events {
         if (reason != kNoDrop) return counters_.drop(reason, datagram, "from a module"), nullptr;
         datagram = cut_datagram(datagram); // the library ignores what follows, too
         if (subject.kind != Class::kControl)
-            return durable_message(subject_text(settings_.domain, subject), engine_.reply_subject(ticket),
-                                   message_id(datagram, from), datagram);
+            return durable_message(settings_, subject_text(settings_.domain, subject),
+                                   engine_.reply_subject(ticket), message_id(datagram, from), datagram);
         if (joined_.size() + datagram.size() > kMostJoined || !(subject == joined_subject_)) publish_joined();
         joined_subject_ = std::move(subject);
         joined_ += datagram;

@@ -23,23 +23,27 @@ namespace tavbridge {
 
 class Deliveries {
   public:
-    Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, uint64_t attempts)
-        : engine_(engine), counters_(counters), endpoint_(endpoint), attempts_(attempts) {}
+    Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, const Settings &settings)
+        : engine_(engine), counters_(counters), endpoint_(endpoint), settings_(settings) {}
     ~Deliveries() { cl_timer_stop(timer_); }
 
     // Takes a message whose subject and datagram were judged.
     void add(Message message, const std::string &name) {
-        const char *reply = natsMsg_GetReply(message.get());
+        const char *reply = natsMsg_GetReply(message.get()), *id = nullptr;
         Item item{std::move(message), parse_origin(reply ? reply : "")};
-        const uint64_t key = item.origin.key;
-        if (key == 0) return; // not from a stream
-        if (const auto at = known_.find(key); at != known_.end()) {
+        if (item.origin.key == 0) return; // not from a stream
+        if (settings_.replicas > 1 && natsMsgHeader_Get(item.message.get(), kBridgeId, &id) == NATS_OK)
+            item.origin.key = std::hash<std::string_view>()(id);
+        const Origin origin = item.origin;
+        const auto at = known_.find(origin.key);
+        if (at != known_.end() && at->second.repeats(origin, settings_.duplicates_s)) {
             counters_.add(kRedelivered);
-            if (at->second) engine_.answer(item.message.get(), "+ACK");
+            if (at->second.delivered) engine_.answer(item.message.get(), "+ACK");
             return;
         }
         queues_[name].waiting.push_back(std::move(item));
-        known_.emplace(key, false);
+        ++held_;
+        known_[origin.key] = {origin.time_ns, false};
     }
 
     // Looks at the batches, and hands over what waits. Looks again by itself while something is held: the
@@ -69,7 +73,7 @@ class Deliveries {
                 for (const Item &item : *items) engine_.answer(item.message.get(), "+WPI");
     }
 
-    size_t held() const { return known_.size() - delivered_.size(); }
+    size_t held() const { return held_; }
 
   private:
     static constexpr size_t kMostDelivered = 65536; // keys to remember: many windows
@@ -80,6 +84,15 @@ class Deliveries {
     // minute.
     static constexpr uint64_t kTryAgain_s = 5, kMostTryAgain_s = 60;
 
+    struct Known {
+        uint64_t time_ns = 0; // when it was stored
+        bool delivered = false;
+        // Another message may have the same id after the time for duplicates.
+        bool repeats(const Origin &other, uint64_t within_s) const {
+            const uint64_t apart_ns = std::max(time_ns, other.time_ns) - std::min(time_ns, other.time_ns);
+            return !delivered || apart_ns / 1'000'000'000 < within_s;
+        }
+    };
     struct Item {
         Message message;
         Origin origin;
@@ -116,7 +129,8 @@ class Deliveries {
 
     void left(const Item &item) {
         delivered_.push_back(item.origin.key);
-        known_[item.origin.key] = true;
+        known_[item.origin.key] = {item.origin.time_ns, true};
+        --held_;
         counters_.add(kHandedDurable);
         engine_.answer(item.message.get(), "+ACK");
         if (delivered_.size() <= kMostDelivered) return;
@@ -126,7 +140,8 @@ class Deliveries {
 
     void failed(const Item &item) {
         known_.erase(item.origin.key);
-        if (item.origin.times >= attempts_) {
+        --held_;
+        if (item.origin.times >= settings_.attempts) {
             counters_.drop(kNoReceiver, content(item.message.get()), "all attempts failed");
             return engine_.answer(item.message.get(), "+TERM");
         }
@@ -139,12 +154,13 @@ class Deliveries {
     Engine &engine_;
     Counters &counters_;
     tav_ipc_st *const endpoint_;
-    const uint64_t attempts_;
+    const Settings &settings_;
     std::map<std::string, Queue> queues_;
-    // Keys of messages that are held here, and of the newest that were delivered (true): a message whose
-    // acknowledgement was lost comes again.
-    std::unordered_map<uint64_t, bool> known_;
-    std::deque<uint64_t> delivered_;
+    // Messages that are held here, and the newest that were delivered, by key: one whose acknowledgement was
+    // lost comes again, and with replicas one that was stored twice.
+    std::unordered_map<uint64_t, Known> known_;
+    std::deque<uint64_t> delivered_; // keys
+    size_t held_ = 0;
     cl_timer_t timer_ = 0;
 };
 

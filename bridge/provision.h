@@ -33,9 +33,14 @@ using ConsumerInfo = std::unique_ptr<jsConsumerInfo, Free<jsConsumerInfo_Destroy
 inline std::string_view content(natsMsg *message) {
     return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
 }
-// A message that the engine stores, unless it has stored one with this id. Throws bad_alloc.
-Message durable_message(const std::string &subject, const std::string &reply, const std::string &id,
-                        std::string_view datagram);
+// Headers with a datagram's id. The engine recognises the first one. With replicas the bridges use the second
+// one: each server of a cluster (nats-server 2.9.10) decides by itself whether an id is known, and one that
+// was restarted has forgotten the ids of messages that were acknowledged. It then stores what the others
+// leave out, its sequence numbers differ from theirs, and acknowledgements remove other messages from it.
+constexpr const char *kEngineId = "Nats-Msg-Id", *kBridgeId = "Tav-Msg-Id";
+// A message for the engine to store. Throws bad_alloc.
+Message durable_message(const Settings &settings, const std::string &subject, const std::string &reply,
+                        const std::string &id, std::string_view datagram);
 
 // The beginning of the subjects on which the engine answers this bridge, or all that share messages.
 std::string inbox(const Settings &settings, bool any);

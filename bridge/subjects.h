@@ -75,6 +75,7 @@ std::string message_id(std::string_view datagram, std::string_view socket);
 struct Origin {
     uint64_t key = 0; // of stream, sequence and time; 0: none
     uint64_t times = 0;
+    uint64_t time_ns = 0; // when it was stored
 };
 Origin parse_origin(std::string_view reply);
 
