@@ -108,9 +108,8 @@ class Bridge : Engine::Events {
         if (reason != kNoDrop) return counters_.drop(reason, datagram, "from a module"), nullptr;
         datagram = cut_datagram(datagram); // the library ignores what follows, too
         if (subject.kind != Class::kControl)
-            return durable_message(subject_text(settings_.domain, subject), engine_.reply_subject(ticket),
-                                   settings_.replicas > 1 ? kBridgeId : kEngineId, message_id(datagram, from),
-                                   datagram);
+            return durable_message(settings_, subject_text(settings_.domain, subject),
+                                   engine_.reply_subject(ticket), message_id(datagram, from), datagram);
         if (joined_.size() + datagram.size() > kMostJoined || !(subject == joined_subject_)) publish_joined();
         joined_subject_ = std::move(subject);
         joined_ += datagram;

@@ -13,9 +13,7 @@
 // The engine gives out at most `window` messages without an acknowledgement, which bounds what is held here.
 #pragma once
 
-#include <algorithm>
 #include <deque>
-#include <functional>
 #include <map>
 #include <new>
 #include <unordered_map>
@@ -36,18 +34,21 @@ class Deliveries {
 
     // Takes a message whose subject and datagram were judged.
     void add(Message message, const std::string &name) {
-        const char *reply = natsMsg_GetReply(message.get());
+        const char *reply = natsMsg_GetReply(message.get()), *id = nullptr;
         Item item{std::move(message), parse_origin(reply ? reply : "")};
         if (item.origin.key == 0) return; // not from a stream
-        use_id(item);
-        const uint64_t key = item.origin.key, time_ns = item.origin.time_ns;
-        if (const auto at = known_.find(key); at != known_.end()) {
+        if (settings_.replicas > 1 && natsMsgHeader_Get(item.message.get(), kBridgeId, &id) == NATS_OK)
+            item.origin.key = std::hash<std::string_view>()(id);
+        const Origin origin = item.origin;
+        const auto at = known_.find(origin.key);
+        if (at != known_.end() && at->second.repeats(origin, settings_.duplicates_s)) {
             counters_.add(kRedelivered);
             if (at->second.delivered) engine_.answer(item.message.get(), "+ACK");
             return;
         }
         if (!gather(item, name)) queues_[name].waiting.push_back(std::move(item));
-        known_.emplace(key, Known{false, time_ns});
+        ++held_;
+        known_[origin.key] = {origin.time_ns, false};
     }
 
     // Looks at the batches, and hands over what waits. Looks again by itself while something is held: the
@@ -75,16 +76,16 @@ class Deliveries {
         for (auto at = parts_.begin(); at != parts_.end();) {
             Parts &parts = at->second;
             for (auto &[number, item] : parts.items) engine_.answer(item.message.get(), "+WPI");
-            const bool complete = ++parts.quiet > kMostQuiet;
-            if (complete) release(parts); // as far as it will be
-            at = complete ? parts_.erase(at) : std::next(at);
+            const bool enough = ++parts.quiet > kMostQuiet;
+            if (enough) release(parts);
+            at = enough ? parts_.erase(at) : std::next(at);
         }
         for (const auto &[name, queue] : queues_)
             for (const auto *items : {&queue.waiting, &queue.batch})
                 for (const Item &item : *items) engine_.answer(item.message.get(), "+WPI");
     }
 
-    size_t held() const { return known_.size() - delivered_.size(); }
+    size_t held() const { return held_; }
 
   private:
     static constexpr size_t kMostDelivered = 65536; // keys to remember: many windows
@@ -97,6 +98,15 @@ class Deliveries {
     // minute.
     static constexpr uint64_t kTryAgain_s = 5, kMostTryAgain_s = 60;
 
+    struct Known {
+        uint64_t time_ns = 0; // when it was stored
+        bool delivered = false;
+        // Another message may have the same id after the time for duplicates.
+        bool repeats(const Origin &other, uint64_t within_s) const {
+            const uint64_t apart_ns = std::max(time_ns, other.time_ns) - std::min(time_ns, other.time_ns);
+            return !delivered || apart_ns / 1'000'000'000 < within_s;
+        }
+    };
     struct Item {
         Message message;
         Origin origin;
@@ -107,28 +117,10 @@ class Deliveries {
         std::map<uint16_t, Item> items; // by fragment number
         int quiet = 0;                  // calls of keep_alive() without a new one
     };
-    struct Known {
-        bool delivered;
-        uint64_t time_ns; // when it was stored
-    };
     struct Queue {
         std::deque<Item> waiting, batch;
         uint64_t drops = 0; // of the destination before the batch
     };
-
-    // With replicas the sender's id is the key, but not after the time for duplicates, when another message
-    // may have it.
-    void use_id(Item &item) const {
-        const char *id = nullptr;
-        if (settings_.replicas < 2 || natsMsgHeader_Get(item.message.get(), kBridgeId, &id) != NATS_OK)
-            return;
-        const uint64_t key = std::hash<std::string_view>{}(id), now_ns = item.origin.time_ns;
-        const auto at = known_.find(key);
-        const uint64_t before_ns = at == known_.end() ? now_ns : at->second.time_ns;
-        if (std::max(now_ns, before_ns) - std::min(now_ns, before_ns) <
-            settings_.duplicates_s * 1'000'000'000)
-            item.origin.key = key;
-    }
 
     // Keeps a fragment until the others are there, unless too much waits already.
     bool gather(Item &item, const std::string &name) {
@@ -191,7 +183,8 @@ class Deliveries {
 
     void left(const Item &item) {
         delivered_.push_back(item.origin.key);
-        known_[item.origin.key].delivered = true;
+        known_[item.origin.key] = {item.origin.time_ns, true};
+        --held_;
         counters_.add(kHandedDurable);
         engine_.answer(item.message.get(), "+ACK");
         if (delivered_.size() <= kMostDelivered) return;
@@ -201,6 +194,7 @@ class Deliveries {
 
     void failed(const Item &item) {
         known_.erase(item.origin.key);
+        --held_;
         if (item.origin.times >= settings_.attempts) {
             counters_.drop(kNoReceiver, content(item.message.get()), "all attempts failed");
             return engine_.answer(item.message.get(), "+TERM");
@@ -218,10 +212,11 @@ class Deliveries {
     std::map<std::string, Queue> queues_;
     std::map<std::string, Parts> parts_; // by destination, source and ids
     uint64_t gathered_ = 0;              // items in parts_
-    // By key, messages that are held here and the newest that were delivered: a message whose acknowledgement
-    // was lost comes again, and with replicas one that was stored twice.
+    // Messages that are held here, and the newest that were delivered, by key: one whose acknowledgement was
+    // lost comes again, and with replicas one that was stored twice.
     std::unordered_map<uint64_t, Known> known_;
-    std::deque<uint64_t> delivered_;
+    std::deque<uint64_t> delivered_; // keys
+    size_t held_ = 0;
     cl_timer_t timer_ = 0;
 };
 

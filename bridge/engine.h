@@ -40,7 +40,7 @@ class Engine {
     // To be called twice a second. holding: see Provision.
     void tick(bool holding);
     bool connected() const { return connected_; }
-    bool ready() const { return provision_ && provision_->done(); }
+    bool ready() const { return connected_ && provision_ && provision_->done(); }
     // Bytes that nats.c holds for the socket.
     int unsent_bytes() const { return socket_ ? natsConnection_Buffered(connection_.get()) : 0; }
 

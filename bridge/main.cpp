@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include <unistd.h>
+#include <openssl/crypto.h>
 
 #include "bridge.h"
 #include "provision.h"
@@ -79,13 +79,13 @@ int run(const std::vector<std::string> &words) {
 
 int main(int argc, char **argv) {
     std::signal(SIGPIPE, SIG_IGN);
-    int status;
+    // At exit nats.c frees a table that OpenSSL's own handler would free again.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     try {
-        status = run({argv, argv + argc});
+        const int status = run({argv, argv + argc});
+        cl_event_loop_release();
+        return status;
     } catch (const std::exception &error) {
-        status = fail(error.what());
+        return fail(error.what());
     }
-    cl_event_loop_release();
-    std::fflush(stdout);
-    _exit(status); // nats.c frees a table of OpenSSL at exit, which OpenSSL's own handler would free again
 }

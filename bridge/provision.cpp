@@ -43,13 +43,14 @@ bool say(bool good, const std::string &what) {
 
 } // namespace
 
-Message durable_message(const std::string &subject, const std::string &reply, const char *header,
+Message durable_message(const Settings &settings, const std::string &subject, const std::string &reply,
                         const std::string &id, std::string_view datagram) {
     natsMsg *made = nullptr;
     natsStatus status = natsMsg_Create(&made, subject.c_str(), reply.c_str(), datagram.data(),
                                        static_cast<int>(datagram.size()));
     Message message(made);
-    if (status == NATS_OK) status = natsMsgHeader_Set(made, header, id.c_str());
+    if (status == NATS_OK)
+        status = natsMsgHeader_Set(made, settings.replicas > 1 ? kBridgeId : kEngineId, id.c_str());
     if (status != NATS_OK) throw std::bad_alloc();
     return message;
 }

@@ -38,9 +38,8 @@ inline std::string_view content(natsMsg *message) {
 // was restarted has forgotten the ids of messages that were acknowledged. It then stores what the others
 // leave out, its sequence numbers differ from theirs, and acknowledgements remove other messages from it.
 constexpr const char *kEngineId = "Nats-Msg-Id", *kBridgeId = "Tav-Msg-Id";
-
-// A message that the engine stores, with an id in the header of this name. Throws bad_alloc.
-Message durable_message(const std::string &subject, const std::string &reply, const char *header,
+// A message for the engine to store. Throws bad_alloc.
+Message durable_message(const Settings &settings, const std::string &subject, const std::string &reply,
                         const std::string &id, std::string_view datagram);
 
 // The beginning of the subjects on which the engine answers this bridge, or all that share messages.

@@ -125,13 +125,12 @@ std::string message_id(std::string_view datagram, std::string_view socket) {
 Origin parse_origin(std::string_view reply) {
     Tokens token;
     Origin origin;
-    uint64_t sequence = 0, time = 0;
+    uint64_t sequence = 0;
     if (split(reply, token) != kReplyTokens || !read_number(token[5], sequence) || sequence == 0 ||
-        !read_number(token[7], time) || !read_number(token[4], origin.times))
+        !read_number(token[7], origin.time_ns) || !read_number(token[4], origin.times))
         return {};
     // A bridge has two streams at most. A server that was killed may use the last sequence numbers again.
-    origin.time_ns = time;
-    origin.key = (sequence << 1 | token[2].ends_with("_ALL")) * 0x9E3779B97F4A7C15u ^ time;
+    origin.key = (sequence << 1 | token[2].ends_with("_ALL")) * 0x9E3779B97F4A7C15u ^ origin.time_ns;
     return origin;
 }
 

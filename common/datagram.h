@@ -56,16 +56,23 @@ inline void clear_fragment_bit(tav_ipc_hdr_st &header) { header.frag_word[0] &= 
 
 // --- names: ten bytes from a peer, perhaps without a terminator
 
+// Written as two words: compilers copy a char array of odd size in overlapping pieces, each of which waits
+// for the one before.
 struct NameText {
-    char text[TAV_IPC_NAME_SIZE + 1];
+    alignas(uint64_t) char text[16];
+
+    explicit NameText(const tav_addr_st &address) {
+        uint64_t first, rest = 0;
+        std::memcpy(&first, address.name, sizeof first);
+        std::memcpy(&rest, address.name + sizeof first, TAV_IPC_NAME_SIZE - sizeof first);
+        std::memcpy(text, &first, sizeof first);
+        std::memcpy(text + sizeof first, &rest, sizeof rest);
+    }
     operator const char *() const { return text; }
 };
-inline NameText name_text(const tav_addr_st &address) {
-    NameText name;
-    std::memcpy(name.text, address.name, TAV_IPC_NAME_SIZE);
-    name.text[TAV_IPC_NAME_SIZE] = '\0';
-    return name;
-}
+static_assert(TAV_IPC_NAME_SIZE > sizeof(uint64_t) && TAV_IPC_NAME_SIZE < sizeof(NameText::text));
+inline NameText name_text(const tav_addr_st &address) { return NameText(address); }
+
 // Whether a file of the socket directory can have the name: it is not empty, "." or "..", and has no "/".
 inline bool is_file_name(const char *name) {
     if (name[0] == '\0' || std::strchr(name, '/')) return false;

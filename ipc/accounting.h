@@ -124,10 +124,8 @@ struct BothValues {
         : BothValues(msg.ipc->account, destination_of(*msg.mod).account) {}
     // Adds to a count of datagrams, and their bytes to the value behind it.
     void add(Counter datagrams, uint64_t count, uint64_t bytes) const {
-        for (uint64_t *values : {ipc, to}) {
-            add_to(values, datagrams, count);
-            add_to(values, static_cast<Counter>(datagrams + 1), bytes);
-        }
+        add(datagrams, count);
+        add(static_cast<Counter>(datagrams + 1), bytes);
     }
     void add(Counter counter, uint64_t count) const {
         add_to(ipc, counter, count);

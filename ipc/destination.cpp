@@ -94,6 +94,16 @@ Destination *find_destination(ipc_queue_st &queue, const char *name) {
     return measure_name(name, &length) ? find_entry(queue, name, length) : nullptr;
 }
 
+// Most messages go where the one before went. Both names are zero behind their end, so they are compared as
+// words.
+Destination *find_destination(ipc_queue_st &queue, const NameText &name) {
+    static_assert(sizeof(mod_info_st::name) > TAV_IPC_NAME_SIZE &&
+                  sizeof(NameText) >= sizeof(mod_info_st::name));
+    mod_info_st *last = queue.last_found;
+    if (last && std::memcmp(last->name, name.text, sizeof last->name) == 0) return &destination_of(*last);
+    return find_destination(queue, name.text);
+}
+
 Destination *find_or_make_destination(ipc_queue_st &queue, const char *name, uint64_t now_ms) {
     uint32_t length;
     if (!measure_name(name, &length)) return nullptr;

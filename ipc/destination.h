@@ -13,6 +13,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "common/datagram.h"
 #include "ipc/stats_file.h"
 #include "tavipc/ipc_queue.h"
 
@@ -73,6 +74,7 @@ class DestinationPin {
 
 // The destination of a name in the queue's table, or null. Reaches no user code.
 Destination *find_destination(ipc_queue_st &queue, const char *name);
+Destination *find_destination(ipc_queue_st &queue, const NameText &name);
 // The same, made when there is none; now_ms on the loop's clock. Null when the name is too long, memory is
 // short, no socket can be made, or the sink of a log line destroyed the queue.
 Destination *find_or_make_destination(ipc_queue_st &queue, const char *name, uint64_t now_ms);

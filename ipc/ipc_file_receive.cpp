@@ -19,14 +19,13 @@
 #include <new>
 #include <utility>
 
-#include "common/facts.h"
 #include "common/log.h"
 #include "common/out_of_memory.h"
 #include "common/owned.h"
 #include "common/relaxed.h"
-#include "common/unique_fd.h"
 #include "ipc/endpoint.h"
 #include "ipc/ipc_file.h"
+#include "ipc/received_file.h"
 
 namespace tavipc {
 namespace {
@@ -38,18 +37,6 @@ constexpr uint32_t kMostReceived = 65'536;
 // A search for files that were taken away looks at 65,536 paths, which takes 0.1 to 0.2 s. Done at most once
 // in this time, it costs at most 4 % of it.
 constexpr uint64_t kLookPeriod_ms = 5000;
-
-struct ReceivedFile {
-    UniqueFd fd; // empty: complete or dropped
-    char path[sizeof kReceivedFile];
-    tav_addr_st src;
-    time_t last_seen_s; // of the wall clock: creation, then the last chunk with data
-    pid_t owner;        // a forked child inherits the record, but not the temporary file
-    bool dropped = false;
-    uint64_t received = 0; // bytes
-    uint64_t announced = TAV_IPC_FILE_SIZE_UNKNOWN;
-    MallocPtr<char> name; // announced; null: none
-};
 
 struct Received {
     xhash_t *files = nullptr;  // file id -> ReceivedFile; exists from the first chunk on
@@ -69,27 +56,23 @@ thread_local constinit Sweep sweep;
 constinit Relaxed<const Sweep *> sweeper = nullptr;
 
 void close_file(ReceivedFile &file) {
-    if (!file.fd) return;
-    file.fd.reset();
+    if (!file.is_open()) return;
+    file.close();
     assert(received.open > 0);
     --received.open;
-}
-
-void remove_temporary(const ReceivedFile &file) {
-    if (!file.dropped && file.owner == ::getpid()) ::unlink(file.path);
 }
 
 void release_file(void *value) {
     const std::unique_ptr<ReceivedFile> file(static_cast<ReceivedFile *>(value));
     close_file(*file);
-    remove_temporary(*file);
+    if (!file->dropped) file->remove();
 }
 
 // False if the file is not open.
 bool drop_file(ReceivedFile &file) {
-    if (!file.fd) return false;
+    if (!file.is_open()) return false;
     close_file(file);
-    remove_temporary(file);
+    file.remove();
     file.dropped = true;
     return true;
 }
@@ -145,7 +128,7 @@ ReceivedFile *find_file(xhash_t *files, uint32_t file_id) {
 int release_if_taken(const void *key, uint32_t key_len, void *value, void *) {
     const auto *file = static_cast<const ReceivedFile *>(value);
     struct stat status {};
-    if (!file->fd && ::lstat(file->path, &status) != 0 && errno == ENOENT)
+    if (!file->is_open() && ::lstat(file->path(), &status) != 0 && errno == ENOENT)
         xhash_delete(received.files, key, key_len);
     return 0;
 }
@@ -175,14 +158,10 @@ ReceivedFile *create_file(uint32_t file_id, const tav_addr_st &src) {
     if (!may_receive_one_more()) return nullptr;
     std::unique_ptr<ReceivedFile> file(new (std::nothrow) ReceivedFile);
     if (!file) out_of_memory("ipc_file", __LINE__);
-    std::memcpy(file->path, kReceivedFile, sizeof kReceivedFile);
-    file->fd = UniqueFd(::mkstemp(file->path));
-    if (!file->fd) return nullptr;
+    if (!file->create()) return nullptr;
     ++received.open;
-    ::fcntl(file->fd.get(), F_SETFD, FD_CLOEXEC);
     file->src = src;
     file->last_seen_s = time(nullptr);
-    file->owner = ::getpid();
     if (xhash_insert(received.files, &file_id, sizeof file_id, file.get()) != 0)
         out_of_memory("ipc_file", __LINE__);
     return file.release();
@@ -194,17 +173,17 @@ int32_t open_entry(uint32_t file_id, const tav_addr_st &src, ReceivedFile *&file
     if (!file) file = create_file(file_id, src);
     if (!file) return IPC_ERR_IO;
     if (tav_addr_cmp(&src, &file->src) != 0) return IPC_ERR_FILE_ID;
-    return file->fd ? IPC_OK : IPC_ERR_FILE_CLOSED;
+    return file->is_open() ? IPC_OK : IPC_ERR_FILE_CLOSED;
 }
 
 // What a callback gets: it may run the loop, and so the sweep, or drop the file.
 struct Report {
     Report(uint32_t file_id, const ReceivedFile &file)
-        : info{file.src, file_id, name, path, file.received, file.announced} {
-        std::memcpy(path, file.path, sizeof path);
+        : info{file.src, file_id, name, path, file.received(), file.announced} {
+        std::strcpy(path, file.path());
         std::strcpy(name, file.name ? file.name.get() : "");
     }
-    char path[sizeof kReceivedFile];
+    char path[ReceivedFile::kPathSize];
     char name[TAV_IPC_FILE_NAME_MAX + 1];
     const tav_ipc_file_st info;
 };
@@ -288,8 +267,7 @@ int32_t tav_ipc_save_file(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t file
     if (const int32_t error = open_entry(file_id, *src, file)) return error;
     if (len == 0) return complete_file(ipc, file_id, *file), IPC_OK;
     file->last_seen_s = time(nullptr);
-    if (::write(file->fd.get(), data, len) != static_cast<ssize_t>(len)) return IPC_ERR_IO;
-    file->received += len;
+    if (!file->append(data, len)) return IPC_ERR_IO;
     return report_progress(ipc, file_id, *file);
 }
 
@@ -299,7 +277,7 @@ void tav_ipc_emit_file(tav_ipc_st *ipc, const char *path) noexcept {
 
 const char *tav_ipc_get_file_path(tav_ipc_st *, uint32_t file_id) noexcept {
     const ReceivedFile *file = received.files ? find_file(received.files, file_id) : nullptr;
-    return file && !file->fd && !file->dropped ? file->path : nullptr;
+    return file && !file->is_open() && !file->dropped ? file->path() : nullptr;
 }
 
 int tav_ipc_on_file(tav_ipc_st *ipc, tav_ipc_file_event_cb complete, tav_ipc_file_event_cb progress,

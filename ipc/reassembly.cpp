@@ -1,6 +1,7 @@
 #include "ipc/reassembly.h"
 
 #include <algorithm>
+#include <array>
 #include <ctime>
 #include <memory>
 #include <new>
@@ -15,9 +16,26 @@
 
 namespace tavipc {
 
+// The senders of the latest large messages that became complete. A sender is forgotten after eight others.
+class ProvenSenders {
+  public:
+    bool has(const tav_addr_st &sender) const {
+        return std::any_of(latest_.begin(), latest_.begin() + std::min(count_, latest_.size()),
+                           [&](const tav_addr_st &other) { return tav_addr_cmp(&other, &sender) == 0; });
+    }
+    void add(const tav_addr_st &sender) {
+        if (!has(sender)) latest_[count_++ % latest_.size()] = sender;
+    }
+
+  private:
+    std::array<tav_addr_st, 8> latest_{};
+    size_t count_ = 0; // all that were added
+};
+
 struct Reassembly {
     ReassemblyBuffers buffers;
     FragmentSets sets;
+    ProvenSenders proven;
 
     explicit Reassembly(xhash_t *table) : sets(table) {}
     Reassembly(const Reassembly &) = delete;
@@ -179,7 +197,8 @@ bool fits(const FragmentSet &set, const tav_ipc_hdr_st &header) {
 // looked up again. Null when it is gone.
 FragmentSet *with_buffer(tav_ipc_st *ipc, FragmentSet *set, const tav_ipc_hdr_st &header, time_t now_s) {
     while (set && !set->evicted && set->can_be_complete() && !set->buffer) {
-        set->buffer = ipc->reassembly->buffers.take(set->expected(), now_s);
+        Reassembly &reassembly = *ipc->reassembly;
+        set->buffer = reassembly.buffers.take(set->expected(), reassembly.proven.has(header.src), now_s);
         if (set->buffer) break;
         if (!evict(ipc, set, now_s)) out_of_memory("tav_ipc", __LINE__);
         set = ipc->closed ? nullptr : ipc->reassembly->sets.find(header);
@@ -211,6 +230,7 @@ std::optional<RebuiltMessage> accept(Reassembly &reassembly, FragmentSet &set, c
         return std::nullopt;
     }
     clear_gaps(reassembly.buffers, set);
+    if (set.expected() >= kHugePage) reassembly.proven.add(header.src);
     RebuiltMessage message{set.header, reassembly.buffers.lend(set.buffer)};
     reassembly.sets.remove(set);
     return message;

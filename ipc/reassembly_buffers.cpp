@@ -42,6 +42,11 @@ size_t ReassemblyBuffer::resident_bytes() const {
     return std::clamp(written, kMappingUnit, capacity_);
 }
 
+void ReassemblyBuffer::use_huge_pages() {
+    prefer_huge_pages(memory_.get(), capacity_);
+    uses_huge_pages_ = true;
+}
+
 void ReassemblyBuffer::touch(size_t number, size_t length) {
     touched_.set(number);
     const auto base = reinterpret_cast<uintptr_t>(memory_.get()) / kHugePage;
@@ -58,7 +63,7 @@ ReassemblyBuffers::~ReassemblyBuffers() {
     assert(resident_bytes_ == 0);
 }
 
-ReassemblyBuffer ReassemblyBuffers::allocate(size_t bytes, time_t now_s) {
+ReassemblyBuffer ReassemblyBuffers::allocate(size_t bytes, bool proven, time_t now_s) {
     ReassemblyBuffer buffer;
     if (bytes < kMappedFrom) {
         buffer.capacity_ = std::max<size_t>(bytes, 1);
@@ -74,13 +79,14 @@ ReassemblyBuffer ReassemblyBuffers::allocate(size_t bytes, time_t now_s) {
     madvise(memory, buffer.capacity_, MADV_NOHUGEPAGE);
     buffer.memory_ = {static_cast<unsigned char *>(memory), ReleasePages{buffer.capacity_}};
     buffer.mapped_s_ = now_s;
+    if (proven && bytes >= kHugePage) buffer.use_huge_pages();
     return buffer;
 }
 
-ReassemblyBuffer ReassemblyBuffers::take(size_t bytes, time_t now_s) {
+ReassemblyBuffer ReassemblyBuffers::take(size_t bytes, bool proven, time_t now_s) {
     ReassemblyBuffer buffer = take_spare(bytes, now_s);
     do {
-        if (!buffer) buffer = allocate(bytes, now_s);
+        if (!buffer) buffer = allocate(bytes, proven, now_s);
     } while (!buffer && release_spare());
     resident_bytes_ += buffer.resident_bytes();
     return buffer;
@@ -90,10 +96,8 @@ void ReassemblyBuffers::touch(ReassemblyBuffer &buffer, size_t piece, size_t len
     assert(piece * kFragmentPayload + length <= buffer.capacity_);
     resident_bytes_ -= buffer.resident_bytes();
     buffer.touch(piece, length);
-    if (!buffer.uses_huge_pages_ && buffer.touched_.count() * kFragmentPayload >= kHugePage) {
-        prefer_huge_pages(buffer.memory_.get(), buffer.capacity_);
-        buffer.uses_huge_pages_ = true;
-    }
+    if (!buffer.uses_huge_pages_ && buffer.touched_.count() * kFragmentPayload >= kHugePage)
+        buffer.use_huge_pages();
     resident_bytes_ += buffer.resident_bytes();
 }
 

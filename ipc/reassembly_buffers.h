@@ -2,8 +2,9 @@
 //
 // A buffer is a mapping of its own unless it is small. The kernel commits its pages as they are written, so a
 // buffer costs what has arrived, not what the sender claims. Huge pages are off at first: with them a single
-// fragment could commit 2 MiB. They are switched on once 2 MiB have arrived, because they save most of the
-// page faults of a large message. From then on every huge page with a fragment in it counts in full.
+// fragment could commit 2 MiB. They are switched on once 2 MiB have arrived, or at once for a sender whose
+// large messages become complete, because they save most of the page faults. From then on every huge page
+// with a fragment in it counts in full.
 //
 // A buffer that has delivered its message becomes a spare for a message of similar size. Spares are part of
 // the same account. A mapping that is ten seconds old is no longer reused, whatever the traffic is.
@@ -49,6 +50,7 @@ class ReassemblyBuffer {
     bool is_mapped() const { return memory_.get_deleter().mapped_bytes > 0; }
     unsigned char *piece(size_t number) const { return memory_.get() + number * kFragmentPayload; }
     size_t resident_bytes() const;
+    void use_huge_pages();
     void touch(size_t number, size_t length);
 
     std::unique_ptr<unsigned char[], ReleasePages> memory_;
@@ -65,8 +67,9 @@ class ReassemblyBuffers {
     ReassemblyBuffers(const ReassemblyBuffers &) = delete;
     ~ReassemblyBuffers();
 
-    // A buffer of at least that many bytes. Empty when memory is short even after all spares were released.
-    [[nodiscard]] ReassemblyBuffer take(size_t bytes, time_t now_s);
+    // A buffer of at least that many bytes, with huge pages at once if it is large and the sender is proven.
+    // Empty when memory is short even after all spares were released.
+    [[nodiscard]] ReassemblyBuffer take(size_t bytes, bool proven, time_t now_s);
     void write(ReassemblyBuffer &buffer, size_t piece, const void *data, size_t length);
     // Makes a piece zero that was not written since the buffer was taken.
     void clear(ReassemblyBuffer &buffer, size_t piece, size_t length);
@@ -86,7 +89,7 @@ class ReassemblyBuffers {
   private:
     static constexpr size_t kMostSpares = 8; // a message of each of several senders at the same time
 
-    static ReassemblyBuffer allocate(size_t bytes, time_t now_s);
+    static ReassemblyBuffer allocate(size_t bytes, bool proven, time_t now_s);
     ReassemblyBuffer take_spare(size_t bytes, time_t now_s);
     ReassemblyBuffer remove_spare(size_t index);
     size_t spare_bytes() const;

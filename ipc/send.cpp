@@ -51,7 +51,7 @@ struct Target {
 
 // Finds the address of the pipe: the destination's own when that is the one, else composed. Returns false
 // when there is no such pipe. Reaches no user code.
-bool find_target(tav_ipc_st *ipc, const char *pipe, const char *name, Target &target) {
+bool find_target(tav_ipc_st *ipc, const char *pipe, const NameText &name, Target &target) {
     target.to = DestinationPin(find_destination(*ipc->queue, name));
     if (target.to && target.to->leads_to(pipe)) {
         target.address = &target.to->address;
@@ -125,7 +125,7 @@ int submit_fragments(Route route, const tav_ipc_hdr_st &message, uint32_t count,
         const uint32_t rest = message.size - offset;
         header.size = rest < kFragmentPayload ? rest : kFragmentPayload;
         set_fragment(header, static_cast<uint16_t>(i));
-        settle_sent();
+        if (route.ipc->in_flight) settle_sent();
         if (!route.ipc->queue) return IPC_ERR_SENDTO;
         route.now_ms = cl_event_loop_now();
         const auto *piece = payload ? static_cast<const unsigned char *>(payload) + offset : nullptr;
@@ -153,7 +153,7 @@ int send_to_pipe(tav_ipc_st *ipc, const char *pipe, const tav_ipc_hdr_st &header
     if (!find_target(ipc, pipe, name, target)) return refuse(ipc, nullptr, TAV_IPC_STATS_REFUSED_OTHER);
     TAV_TRACE(&header, "send via dunix:%s", target.address->addr.sun_path);
 
-    settle_sent();
+    if (ipc->in_flight) settle_sent();
     if (!ipc->queue) return IPC_ERR_SENDTO;
     const uint64_t now_ms = cl_event_loop_now();
     if (target.to)
@@ -248,7 +248,7 @@ MallocPtr<void> compress_payload(Message &message) {
 
 } // namespace
 
-int send_message(tav_ipc_st *ipc, Message message, uint32_t *reqid) {
+int send_message(tav_ipc_st *ipc, Message &&message, uint32_t *reqid) {
     if (!ipc->queue) return IPC_ERR_SENDTO;
     const EndpointPin pin(ipc);
     if (is_app_message(message.data, message.size)) message.flags |= IPC_FLAG_APP_MSG;

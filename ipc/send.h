@@ -17,8 +17,8 @@ struct Message {
     uint16_t flags;
 };
 
-// What tav_ipc_send_with_flags does for a handle and a destination that are not null.
-[[nodiscard]] int send_message(tav_ipc_st *ipc, Message message, uint32_t *reqid);
+// What tav_ipc_send_with_flags does for a handle and a destination that are not null. It changes the message.
+[[nodiscard]] int send_message(tav_ipc_st *ipc, Message &&message, uint32_t *reqid);
 
 // Marks every message that the process sends from now on with IPC_FLAG_TRACE.
 void trace_sent_messages();

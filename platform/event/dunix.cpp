@@ -16,6 +16,7 @@ bool Dunix::start_receiving(cl_dunix_recv_cb callback, void *context) noexcept {
 
 bool Dunix::send(const cl_sockaddr_t &address, const void *data, uint32_t len, cl_dunix_send_cb callback,
                  void *context) noexcept try {
+    loop_.count_send();
     Channel *channel = channels_.find_or_make(address);
     Send *send = loop_.begin_send();
     if (!send) return false;
@@ -31,6 +32,7 @@ bool Dunix::send(const cl_sockaddr_t &address, const void *data, uint32_t len, c
 
 int Dunix::send_now(const cl_sockaddr_t &address, const iovec *parts, size_t count, uint32_t len) noexcept
     try {
+    loop_.count_send();
     Channel *channel = channels_.find_or_make(address);
     return channel ? channel->send_now(parts, count, len) : CL_EV_IO;
 } catch (const std::bad_alloc &) {

@@ -286,8 +286,9 @@ void Loop::release_handle() noexcept { delist(std::exchange(handle_, 0)); }
 
 // --- timers and sends -------------------------------------------------------------------------------
 
+// libuv's time is that of the end of its wait. What has become due since then ends the next wait at once.
 void Loop::fire_timers() noexcept {
-    if (timers_.next_due_ms() == kNever) return;
+    if (timers_.next_due_ms() > uv_now(uv_.get())) return;
     const UvLoop::Callbacks guard(uv_);
     const uint64_t now = clock_ms();
     const uint64_t started_until = timers_.last_started();

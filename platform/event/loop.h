@@ -93,6 +93,9 @@ class Loop {
     void hold() noexcept;
     void drop() noexcept;
     void count_callback() noexcept { ++callbacks_run_; }
+    // Datagrams that callers gave to the thread's sockets so far.
+    uint64_t sends() const noexcept { return sends_begun_; }
+    void count_send() noexcept { ++sends_begun_; }
 
     uint64_t send_wait_ms() const noexcept { return send_wait_ms_; }
     void set_send_wait_ms(uint64_t wait_ms) noexcept { send_wait_ms_ = wait_ms; }
@@ -184,6 +187,7 @@ class Loop {
 
     size_t held_ = 0;
     uint64_t callbacks_run_ = 0;
+    uint64_t sends_begun_ = 0;
     std::atomic<Frame *> frame_{nullptr}; // the innermost
 };
 

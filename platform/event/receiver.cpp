@@ -12,8 +12,10 @@ namespace {
 constexpr unsigned kMaxPerTurn = 64; // datagrams for one readable event; tavcl_ev.h promises it
 constexpr unsigned kSingles = 4; // drains that found one datagram or none, until a drain asks for one only
 constexpr uint32_t kLarge = 16 * 1024; // bytes
-constexpr unsigned kFew = 4;           // datagrams of a fetch, unless many wait
-constexpr unsigned kFullFetches = 2;   // of kFew in a row: many wait
+// Datagrams of one fetch while few wait. A receiver that answers takes them one by one, so that a peer on
+// another core gets its first answer soon, and a single one is cheaper to fetch. After this many in a row
+// many wait: a full batch then costs least.
+constexpr unsigned kFew = 4, kManyAfter = 8;
 
 // Returns the batch to its pool at the end of a drain.
 struct BatchLoan {
@@ -49,12 +51,15 @@ void Receiver::close() noexcept {
 void Receiver::drain() noexcept {
     BatchLoan own{batches_, nullptr};
     const unsigned most = singles_ >= kSingles && singles_ % kSingles != 0 ? 1 : kMaxPerTurn;
+    const uint64_t sent = loop_.sends();
     unsigned fetched = 0;
+    if (most == 1) in_a_row_ = 0;
     for (unsigned left = most; callback_ && left > 0; --left) {
         if (!fetched_ || fetched_->empty()) {
             if (!own.batch && !(own.batch = batches_.take())) break;
-            const unsigned count = fetch(*own.batch, std::min(left, next_fetch()));
-            note_fetched(count);
+            const unsigned wanted = std::min(left, next_fetch());
+            const unsigned count = fetch(*own.batch, wanted);
+            in_a_row_ = count == wanted || count > kFew ? in_a_row_ + count : 0;
             if (count == 0) break;
             fetched += count;
             fetched_ = own.batch.get();
@@ -62,19 +67,14 @@ void Receiver::drain() noexcept {
         deliver(fetched_->take(), CL_EV_OK);
     }
     if (fetched_ == own.batch.get()) fetched_ = nullptr;
+    answers_ = loop_.sends() != sent;
     singles_ = fetched <= 1 ? singles_ + 1 : 0;
 }
 
 unsigned Receiver::next_fetch() const noexcept {
     if (last_len_ >= kLarge) return 1;
-    return full_in_a_row_ < kFullFetches ? kFew : RecvBatch::kSlots;
-}
-
-void Receiver::note_fetched(unsigned count) noexcept {
-    if (full_in_a_row_ < kFullFetches)
-        full_in_a_row_ = count == kFew ? full_in_a_row_ + 1 : 0;
-    else if (count <= kFew)
-        full_in_a_row_ = 0;
+    if (in_a_row_ >= kManyAfter) return RecvBatch::kSlots;
+    return answers_ ? 1 : kFew;
 }
 
 // Returns the number of datagrams that the batch holds.

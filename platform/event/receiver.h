@@ -38,7 +38,6 @@ class Receiver {
   private:
     unsigned fetch(RecvBatch &batch, unsigned most) noexcept;
     unsigned next_fetch() const noexcept;
-    void note_fetched(unsigned count) noexcept;
     void deliver(const RecvBatch::Datagram &datagram, int status) noexcept;
 
     Loop &loop_;
@@ -49,9 +48,10 @@ class Receiver {
     cl_dunix_recv_cb callback_ = nullptr; // null: not started, or closed
     void *context_ = nullptr;
     RecvBatch *fetched_ = nullptr;
-    uint32_t last_len_ = 0;      // bytes of the datagram that was delivered last
-    unsigned full_in_a_row_ = 0; // full fetches of four
-    unsigned singles_ = 0;       // drains in a row that found no more than one datagram
+    uint32_t last_len_ = 0; // bytes of the datagram that was delivered last
+    unsigned in_a_row_ = 0; // datagrams since the socket was found empty, or nearly
+    bool answers_ = false;  // the callbacks of the drain before sent something
+    unsigned singles_ = 0;  // drains in a row that found no more than one datagram
 };
 
 } // namespace tavcl_ev

@@ -20,10 +20,23 @@ RecvBatch::RecvBatch() : buffers_(static_cast<char *>(aligned_alloc(64, kSlots *
 int RecvBatch::fetch(int fd, unsigned most) noexcept {
     next_ = count_ = 0;
     most = std::min(most, kSlots);
+    if (most == 1) return fetch_one(fd);
     for (unsigned i = 0; i < most; ++i) headers_[i].msg_hdr.msg_namelen = sizeof names_[i].addr;
     const int fetched = recvmmsg(fd, headers_, most, MSG_DONTWAIT, nullptr);
     if (fetched > 0) count_ = static_cast<unsigned>(fetched);
     return fetched;
+}
+
+int RecvBatch::fetch_one(int fd) noexcept {
+    msghdr &header = headers_[0].msg_hdr;
+    header.msg_namelen = sizeof names_[0].addr;
+    const ssize_t got = recvfrom(fd, buffers_.get(), kSlotSize, MSG_DONTWAIT | MSG_TRUNC,
+                                 static_cast<sockaddr *>(header.msg_name), &header.msg_namelen);
+    if (got < 0) return -1;
+    headers_[0].msg_len = static_cast<unsigned>(got);
+    header.msg_flags = static_cast<size_t>(got) > kSlotSize ? MSG_TRUNC : 0;
+    count_ = 1;
+    return 1;
 }
 
 RecvBatch::Datagram RecvBatch::take() noexcept {

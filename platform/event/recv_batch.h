@@ -38,6 +38,7 @@ class RecvBatch {
     void discard() noexcept { next_ = count_; }
 
   private:
+    int fetch_one(int fd) noexcept;
     // Bytes. Not a multiple of the page size, or the beginnings of all datagrams would compete for few cache
     // lines.
     static constexpr size_t kStride = kSlotSize + 64;

@@ -121,7 +121,7 @@ using Any = long(long, long, long, long, long, long);
 #define CALLS(X) \
     X(socket, -1, EMFILE, ENOBUFS) X(bind, -1, EACCES, ENOSPC) X(connect, -1, EACCES, ENOMEM, EINTR) \
     X(setsockopt, -1, ENOBUFS) X(getsockopt, -1, ENOBUFS) X(send, -1, ENOBUFS, ENOMEM, EINTR) X(sendmsg, -1, ENOBUFS, EINTR) \
-    X(sendto, -1, ENOBUFS, EINTR) X(sendmmsg, -1, ENOBUFS, EINTR) X(recvmmsg, -1, ENOMEM, EINTR) \
+    X(sendto, -1, ENOBUFS, EINTR) X(sendmmsg, -1, ENOBUFS, EINTR) X(recvmmsg, -1, ENOMEM, EINTR) X(recvfrom, -1, ENOMEM, EINTR) \
     X(epoll_create1, -1, EMFILE, ENOMEM) X(epoll_ctl, -1, ENOSPC, ENOMEM) X(epoll_pwait, -1, EINTR) \
     X(eventfd, -1, EMFILE) X(pipe2, -1, EMFILE) X(timerfd_create, -1, EMFILE, ENOMEM) \
     X(open, -1, EMFILE, EIO) X(read, -1, EIO, EINTR) X(write, -1, ENOSPC, EIO) X(fstat, -1, EIO) \
@@ -130,7 +130,7 @@ using Any = long(long, long, long, long, long, long);
     X(getifaddrs, -1, EMFILE) X(sem_timedwait, -1, ETIMEDOUT, EINTR) X(sem_open, 0, EMFILE, ENOSPC) \
     X(fdopen, 0, ENOMEM) X(fopen, 0, EMFILE, EACCES, ENOMEM) X(fread, 0, EIO) X(fwrite, 0, ENOSPC) \
     X(fseek, -1, EIO) X(ftell, -1, EIO) X(inotify_init1, -1, EMFILE) X(inotify_add_watch, -1, ENOSPC) \
-    X(statx, -1, EACCES) X(timerfd_settime, -1, ENOMEM) X(pwrite, -1, ENOSPC, EINTR)
+    X(statx, -1, EACCES) X(timerfd_settime, -1, ENOMEM) X(pwrite, -1, ENOSPC, EINTR) X(fallocate, -1, EOPNOTSUPP, ENOSPC)
 // clang-format on
 #define CALL(name, failed, ...)                                                                              \
     DEFINE(name) { return fails(Kind::kCalls, #name, CALLER, {__VA_ARGS__}) ? failed : PASS_ON(name); }

@@ -159,6 +159,19 @@ TEST_F(Files, ChunksBecomeAFile) {
         EXPECT_EQ((device = bad, save("gamma", 7, "x")), -107);
 }
 
+TEST_F(Files, KeepNoSpaceThatWasReservedAhead) {
+    const std::string chunk(64'000, 'x');
+    for (int i = 0; i < 40; ++i) ASSERT_EQ(save("gamma", 1, chunk), 0);
+    struct stat open {
+    }, complete{};
+    ASSERT_EQ(stat(path_of(1).c_str(), &open), 0);
+    ASSERT_EQ(save("gamma", 1, ""), 0);
+    ASSERT_EQ(stat(path_of(1).c_str(), &complete), 0);
+    EXPECT_EQ(open.st_size, 40 * 64'000);
+    EXPECT_EQ(complete.st_size, 40 * 64'000);
+    EXPECT_LE(complete.st_blocks * 512, 40 * 64'000 + 4096);
+}
+
 TEST_F(Files, PeersGetHalfOfTheDescriptors) {
     for (uint32_t id = 0; id < 50; ++id) EXPECT_EQ(save("gamma", id, "x"), id < 40 ? 0 : -107) << id;
     EXPECT_EQ(save("gamma", 3, ""), 0); // complete: needs no descriptor

@@ -219,6 +219,23 @@ TEST_F(ReceiveTest, ABufferServesAgainWithoutItsContent) {
     }
 }
 
+TEST_F(ReceiveTest, HugePagesAreForSendersWhoseMessagesBecomeComplete) {
+    constexpr uint32_t kTotal = 40 * 64'000;
+    const auto first_fragment = [&](uint32_t host) { // and nothing else: what it keeps resident
+        pass(11);
+        feed(fragment(0, kTotal, 2, host));
+        return tavipc::reassembly_bytes(ipc_);
+    };
+    EXPECT_LT(first_fragment(7), 1u << 20);
+    for (int i = 0; i < 40; ++i) {
+        Datagram piece = fragment(i, kTotal, 1, 7);
+        piece.payload.assign(64'000, 'a');
+        EXPECT_EQ(feed(piece).size(), i == 39 ? 1u : 0u);
+    }
+    EXPECT_GE(first_fragment(7), 2u << 20);
+    EXPECT_LT(first_fragment(8), 1u << 20);
+}
+
 TEST_F(ReceiveTest, CompressedMessagesAreRestored) {
     const std::string plain = app_message(100'000, 9);
     void *out = nullptr;
