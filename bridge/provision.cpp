@@ -27,6 +27,10 @@ std::vector<Class> stored(const Settings &settings) {
                                     : std::vector{Class::kDurable};
 }
 
+Place place(const Settings &settings, bool any) {
+    return {settings.home.place.location, any ? 0 : settings.home.place.hostid};
+}
+
 std::string stream_name(const Settings &settings, Class kind) {
     return "TAV_" + settings.domain + (kind == Class::kAll ? "_ALL" : "");
 }
@@ -53,10 +57,6 @@ Message durable_message(const Settings &settings, const std::string &subject, co
         status = natsMsgHeader_Set(made, settings.replicas > 1 ? kBridgeId : kEngineId, id.c_str());
     if (status != NATS_OK) throw std::bad_alloc();
     return message;
-}
-
-static Place place(const Settings &settings, bool any) {
-    return {settings.home.place.location, any ? 0 : settings.home.place.hostid};
 }
 
 std::string inbox(const Settings &settings, bool any) {
