@@ -22,7 +22,6 @@ constexpr int kHubLocation = 4, kHubPipes = 8; // its modules write to _prx0 to 
 constexpr int kMostUnsent = 512 << 10;
 constexpr size_t kMostJoined = tavipc::kHeaderSize + tavipc::kFragmentPayload; // bytes; one can have as many
 constexpr size_t kMostHeard = 4096; // endpoints of other locations to remember: about 400 KB
-constexpr uint32_t kMostSends = 64; // datagrams for one local socket that leave with one system call
 constexpr uint64_t kTick_ms = 500, kStopTick_ms = 10; // resends and the watchdog need no finer one
 constexpr uint64_t kKeepAliveTicks = 20; // 10 s: a third of the time after which the engine delivers again
 constexpr uint64_t kStop_ms = 5000;      // at most, to store what was read; service managers wait 90 s
@@ -47,7 +46,6 @@ class Bridge : Engine::Events {
     ~Bridge() { cl_timer_stop(timer_); }
 
     bool start(std::string &reason) {
-        cl_event_loop_set_batching(kMostSends, 0);
         if (!open_endpoints() || !open_pipes(reason)) return reason += std::strerror(errno), false;
         if (!engine_.start(reason)) return false;
         tick();
@@ -182,8 +180,10 @@ class Bridge : Engine::Events {
     }
 
     void control(const std::optional<Subject> &subject, std::string_view payload) {
+        std::optional<Batch> batch; // one alone leaves at once
         do {
             const std::string_view datagram = cut_datagram(payload);
+            if (!payload.empty() && !batch) batch.emplace();
             if (judge(subject, datagram) != kNoDrop) continue;
             if (tav_ipc_send_raw(control_.get(), subject->name.c_str(), datagram.data()) == IPC_OK)
                 counters_.add(kHandedControl);

@@ -26,6 +26,12 @@
 
 namespace tavbridge {
 
+// While it lives, datagrams for one local socket leave with one system call.
+struct Batch {
+    Batch() { cl_event_loop_set_batching(64, 0); }
+    ~Batch() { cl_event_loop_set_batching(0, 0); }
+};
+
 class Deliveries {
   public:
     Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, const Settings &settings)
@@ -165,6 +171,7 @@ class Deliveries {
     }
 
     void hand_over(const std::string &name, Queue &queue) {
+        const Batch batch;
         queue.drops = pending_and_drops(name).second;
         for (; !queue.waiting.empty(); queue.waiting.pop_front()) {
             if (queue.batch.size() >= kBatch && !queue.batch.back().more) break;
