@@ -185,11 +185,12 @@ bool Provision::make() const {
 bool Provision::audit(bool holding) {
     bool good = true;
     for (Consumer &consumer : consumers_) {
-        // What other machines have not acknowledged stays in the other stream.
-        if (consumer.stream != stream_name(settings_, Class::kDurable)) continue;
-        const StreamInfo stream = stream_info(consumer.stream, consumer.filter);
         const ConsumerInfo info = consumer_info(consumer);
-        if (!stream || !info) continue;
+        if (!info) good = false; // it may be gone
+        // What other machines have not acknowledged stays in the other stream.
+        if (!info || consumer.stream != stream_name(settings_, Class::kDurable)) continue;
+        const StreamInfo stream = stream_info(consumer.stream, consumer.filter);
+        if (!stream) continue;
         const bool waits = stream->State.Subjects && stream->State.Subjects->Count > 0 && !holding;
         const uint64_t now = waits ? info->Delivered.Consumer + 1 : 0;
         if (std::exchange(consumer.delivered, now) != now || !waits) continue;
