@@ -4,13 +4,12 @@
 
 #include <cstdint>
 #include <string>
-
-#include "tavipc/tav_ipc.h"
+#include <string_view>
 
 namespace tavbridge {
 
 // X(NAME, text, meaning)
-#define TAV_BRIDGE_COUNTS(X)                                                                                 \
+#define TAV_BRIDGE_COUNTERS(X)                                                                               \
     X(kSentControl, "sent_control", "control datagrams given to the engine")                                 \
     X(kSentDurable, "sent_durable", "durable datagrams given to the engine, each once")                      \
     X(kStored, "stored", "durable datagrams that the engine has stored")                                     \
@@ -22,9 +21,7 @@ namespace tavbridge {
     X(kRedelivered, "redelivered", "durable datagrams that came again and were recognised")                  \
     X(kPutBack, "put_back", "durable datagrams given back to the engine for a later try")                    \
     X(kHubCopies, "hub_copies", "copies of the hub's messages that were left out")                           \
-    X(kReconnects, "reconnects", "connections made to the engine")
-
-#define TAV_BRIDGE_DROPS(X)                                                                                  \
+    X(kReconnects, "reconnects", "connections made to the engine")                                           \
     X(kShort, "drop_short", "shorter than a header")                                                         \
     X(kBadSize, "drop_bad_size", "the size does not fit the datagram")                                       \
     X(kBadCheck, "drop_bad_check", "wrong check value")                                                      \
@@ -33,28 +30,25 @@ namespace tavbridge {
     X(kBadSubject, "drop_bad_subject", "the subject does not fit the datagram")                              \
     X(kLoop, "drop_loop", "sent from and to the same location")                                              \
     X(kNotHere, "drop_not_here", "for another location or machine")                                          \
-    X(kUnknownLocation, "drop_unknown_location", "for a location that the configuration excludes")           \
     X(kNoEngine, "drop_no_engine", "control traffic while the engine was away")                              \
     X(kNoReceiver, "drop_no_receiver", "no local socket took it in all attempts")                            \
     X(kRefused, "drop_refused", "the local library refused control traffic")                                 \
     X(kNoMemory, "drop_no_memory", "memory was short")
 
 #define TAV_BRIDGE_NAME(name, text, meaning) name,
-enum Count { TAV_BRIDGE_COUNTS(TAV_BRIDGE_NAME) kCounts };
-enum Drop { kNoDrop, TAV_BRIDGE_DROPS(TAV_BRIDGE_NAME) kDrops };
+enum Counter { TAV_BRIDGE_COUNTERS(TAV_BRIDGE_NAME) kCounters, kNoDrop = kCounters };
 #undef TAV_BRIDGE_NAME
+using Drop = Counter; // from kShort on, or kNoDrop
 
 class Counters {
   public:
-    void add(Count what) { ++counts_[what]; }
-    // Counts the drop and writes its line. header may be null.
-    void drop(Drop reason, const tav_ipc_hdr_st *header, const char *where);
-    uint64_t operator[](Count what) const { return counts_[what]; }
-    uint64_t operator[](Drop reason) const { return drops_[reason]; }
+    void add(Counter what) { ++counts_[what]; }
+    // Counts the drop of a datagram, which may be a part of one, and writes its line.
+    void drop(Drop reason, std::string_view datagram, const char *where);
     std::string text() const; // "NAME VALUE\n" for each
 
   private:
-    uint64_t counts_[kCounts] = {}, drops_[kDrops] = {};
+    uint64_t counts_[kCounters] = {};
 };
 
 } // namespace tavbridge

@@ -6,65 +6,225 @@
 // attempt, because the counters do not show which. Priorities reorder datagrams inside the library, so the
 // outcome of a single one cannot be seen earlier.
 //
+// The fragments of a message wait for one another and go into one batch: a receiver drops a message when 10 s
+// pass between two fragments, but the engine may deliver one of them half a minute later, or to the next
+// bridge. Messages of very many fragments do not wait.
+//
 // The engine gives out at most `window` messages without an acknowledgement, which bounds what is held here.
 #pragma once
 
-#include <cstdint>
 #include <deque>
 #include <map>
-#include <string>
-#include <unordered_set>
-#include <vector>
+#include <new>
+#include <unordered_map>
 
+#include "common/datagram.h"
+#include "common/log.h"
 #include "engine.h"
+#include "tavipc/tav_ipc.h"
+#include "tavipc/tav_ipc_stats.h"
 
 namespace tavbridge {
 
-// The newest keys of messages that were delivered: a message whose acknowledgement was lost comes again.
-class Recent {
-  public:
-    bool contains(uint64_t key) const { return keys_.contains(key); }
-    void add(uint64_t key);
-
-  private:
-    std::unordered_set<uint64_t> keys_;
-    std::deque<uint64_t> order_;
+// While it lives, datagrams for one local socket leave with one system call.
+struct Batch {
+    Batch() { cl_event_loop_set_batching(64, 0); }
+    ~Batch() { cl_event_loop_set_batching(0, 0); }
 };
 
 class Deliveries {
   public:
-    Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, uint64_t attempts)
-        : engine_(engine), counters_(counters), endpoint_(endpoint), attempts_(attempts) {}
+    Deliveries(Engine &engine, Counters &counters, tav_ipc_st *endpoint, const Settings &settings)
+        : engine_(engine), counters_(counters), endpoint_(endpoint), settings_(settings) {}
+    ~Deliveries() { cl_timer_stop(timer_); }
 
     // Takes a message whose subject and datagram were judged.
-    void add(Message message, const std::string &name);
-    // Looks at the batches, and hands over what waits. Returns whether anything is held.
-    bool poll();
+    void add(Message message, const std::string &name) {
+        const char *reply = natsMsg_GetReply(message.get()), *id = nullptr;
+        Item item{std::move(message), parse_origin(reply ? reply : "")};
+        if (item.origin.key == 0) return; // not from a stream
+        if (settings_.replicas > 1 && natsMsgHeader_Get(item.message.get(), kBridgeId, &id) == NATS_OK)
+            item.origin.key = std::hash<std::string_view>()(id);
+        const Origin origin = item.origin;
+        const auto at = known_.find(origin.key);
+        if (at != known_.end() && at->second.repeats(origin, settings_.duplicates_s)) {
+            counters_.add(kRedelivered);
+            if (at->second.delivered) engine_.answer(item.message.get(), "+ACK");
+            return;
+        }
+        if (!gather(item, name)) queues_[name].waiting.push_back(std::move(item));
+        ++held_;
+        known_[origin.key] = {origin.time_ns, false};
+    }
+
+    // Looks at the batches, and hands over what waits. Looks again by itself while something is held: the
+    // library has no callback for "left".
+    void poll() try {
+        for (auto at = queues_.begin(); at != queues_.end();) {
+            auto &[name, queue] = *at;
+            settle(name, queue);
+            if (queue.batch.empty()) hand_over(name, queue);
+            at = queue.batch.empty() && queue.waiting.empty() ? queues_.erase(at) : std::next(at);
+        }
+        const auto again = [](void *argument) {
+            auto *self = static_cast<Deliveries *>(argument);
+            self->timer_ = 0;
+            self->poll();
+            self->engine_.flush();
+        };
+        if (held() > 0 && !timer_) timer_ = cl_timer_start(kLook_ms, again, this);
+    } catch (const std::bad_alloc &) { // the bridge polls again soon
+        TAV_LOG_LIMITED(1, "tav_bridge", "memory is short for messages of the engine");
+    }
+
     // Tells the engine that what is held is still being worked on.
-    void keep_alive();
-    size_t held() const { return held_.size(); }
+    void keep_alive() {
+        for (auto at = parts_.begin(); at != parts_.end();) {
+            Parts &parts = at->second;
+            for (auto &[number, item] : parts.items) engine_.answer(item.message.get(), "+WPI");
+            const bool enough = ++parts.quiet > kMostQuiet;
+            if (enough) release(parts);
+            at = enough ? parts_.erase(at) : std::next(at);
+        }
+        for (const auto &[name, queue] : queues_)
+            for (const auto *items : {&queue.waiting, &queue.batch})
+                for (const Item &item : *items) engine_.answer(item.message.get(), "+WPI");
+    }
+
+    size_t held() const { return held_; }
 
   private:
+    static constexpr size_t kMostDelivered = 65536; // keys to remember: many windows
+    static constexpr size_t kBatch =
+        256; // datagrams, at most 16 MB: the library takes 32 MB for a destination
+    static constexpr size_t kMostGathered = 64; // fragments of a message that wait for one another: 4 MB
+    static constexpr int kMostQuiet = 6;        // a minute: two deliveries of the engine
+    static constexpr uint64_t kLook_ms = 1;
+    // Pause before another attempt: 5 s more each time, because a module restarts in seconds; at most a
+    // minute.
+    static constexpr uint64_t kTryAgain_s = 5, kMostTryAgain_s = 60;
+
+    struct Known {
+        uint64_t time_ns = 0; // when it was stored
+        bool delivered = false;
+        // Another message may have the same id after the time for duplicates.
+        bool repeats(const Origin &other, uint64_t within_s) const {
+            const uint64_t apart_ns = std::max(time_ns, other.time_ns) - std::min(time_ns, other.time_ns);
+            return !delivered || apart_ns / 1'000'000'000 < within_s;
+        }
+    };
     struct Item {
         Message message;
         Origin origin;
+        bool more = false; // the next item is of the same message
+    };
+    struct Parts { // of a message
+        std::string name;
+        std::map<uint16_t, Item> items; // by fragment number
+        int quiet = 0;                  // calls of keep_alive() without a new one
     };
     struct Queue {
-        std::deque<Item> waiting;
-        std::vector<Item> batch;
+        std::deque<Item> waiting, batch;
         uint64_t drops = 0; // of the destination before the batch
     };
-    void settle(const std::string &name, Queue &queue);
-    void finish(Item &item, bool left);
-    void hand_over(const std::string &name, Queue &queue);
+
+    // Keeps a fragment until the others are there, unless too much waits already.
+    bool gather(Item &item, const std::string &name) {
+        const tav_ipc_hdr_st header = tavipc::read_header(natsMsg_GetData(item.message.get()));
+        const size_t size = tavipc::kFragmentPayload, count = (header.frag_orig + size - 1) / size;
+        const uint64_t most = settings_.window / 2;
+        if (!tavipc::is_fragment(header) || count > std::min<uint64_t>(kMostGathered, most)) return false;
+        std::string key(reinterpret_cast<const char *>(&header.src), sizeof header.src);
+        key += name + '.' + std::to_string(header.reqid) + '.' + std::to_string(header.frag_id);
+        Parts &parts = parts_[key];
+        if (!parts.items.try_emplace(tavipc::fragment_sequence(header), std::move(item)).second) return false;
+        parts.name = name;
+        parts.quiet = 0;
+        ++gathered_;
+        if (parts.items.size() >= count) {
+            release(parts);
+            parts_.erase(key);
+        } else if (gathered_ >= most) {
+            for (auto &[other, some] : parts_) release(some);
+            parts_.clear();
+        }
+        return true;
+    }
+
+    void release(Parts &parts) {
+        std::deque<Item> &waiting = queues_[parts.name].waiting;
+        for (auto &[number, item] : parts.items) {
+            --gathered_;
+            item.more = number != parts.items.rbegin()->first;
+            waiting.push_back(std::move(item));
+        }
+        parts.items.clear();
+    }
+
+    // How many datagrams for the destination the library has, and how many it has dropped.
+    std::pair<uint64_t, uint64_t> pending_and_drops(const std::string &name) const {
+        tav_ipc_stats_st stats;
+        if (tav_ipc_get_stats(endpoint_, name.c_str(), &stats, sizeof stats) != 0) return {};
+        const auto &v = stats.values;
+        const uint64_t pending = v[TAV_IPC_STATS_QUEUED] + v[TAV_IPC_STATS_IN_FLIGHT];
+        return {pending, v[TAV_IPC_STATS_ACCEPTED] - v[TAV_IPC_STATS_LEFT] - pending};
+    }
+
+    void hand_over(const std::string &name, Queue &queue) {
+        const Batch batch;
+        queue.drops = pending_and_drops(name).second;
+        for (; !queue.waiting.empty(); queue.waiting.pop_front()) {
+            if (queue.batch.size() >= kBatch && !queue.batch.back().more) break;
+            natsMsg *message = queue.waiting.front().message.get();
+            if (tav_ipc_send_raw(endpoint_, name.c_str(), natsMsg_GetData(message)) != IPC_OK) break;
+            queue.batch.push_back(std::move(queue.waiting.front()));
+        }
+    }
+
+    void settle(const std::string &name, Queue &queue) {
+        if (queue.batch.empty()) return;
+        const auto [pending, drops] = pending_and_drops(name);
+        for (; pending == 0 && !queue.batch.empty(); queue.batch.pop_front())
+            drops == queue.drops ? left(queue.batch.front()) : failed(queue.batch.front());
+    }
+
+    void left(const Item &item) {
+        delivered_.push_back(item.origin.key);
+        known_[item.origin.key] = {item.origin.time_ns, true};
+        --held_;
+        counters_.add(kHandedDurable);
+        engine_.answer(item.message.get(), "+ACK");
+        if (delivered_.size() <= kMostDelivered) return;
+        known_.erase(delivered_.front());
+        delivered_.pop_front();
+    }
+
+    void failed(const Item &item) {
+        known_.erase(item.origin.key);
+        --held_;
+        if (item.origin.times >= settings_.attempts) {
+            counters_.drop(kNoReceiver, content(item.message.get()), "all attempts failed");
+            return engine_.answer(item.message.get(), "+TERM");
+        }
+        counters_.add(kPutBack);
+        const uint64_t delay_s = std::min(kTryAgain_s * item.origin.times, kMostTryAgain_s);
+        const std::string later = "-NAK {\"delay\":" + std::to_string(delay_s) + "000000000}";
+        engine_.answer(item.message.get(), later.c_str());
+    }
 
     Engine &engine_;
     Counters &counters_;
     tav_ipc_st *const endpoint_;
-    const uint64_t attempts_;
+    const Settings &settings_;
     std::map<std::string, Queue> queues_;
-    std::unordered_set<uint64_t> held_; // keys
-    Recent recent_;
+    std::map<std::string, Parts> parts_; // by destination, source and ids
+    uint64_t gathered_ = 0;              // items in parts_
+    // Messages that are held here, and the newest that were delivered, by key: one whose acknowledgement was
+    // lost comes again, and with replicas one that was stored twice.
+    std::unordered_map<uint64_t, Known> known_;
+    std::deque<uint64_t> delivered_; // keys
+    size_t held_ = 0;
+    cl_timer_t timer_ = 0;
 };
 
 } // namespace tavbridge

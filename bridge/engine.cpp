@@ -1,11 +1,10 @@
 #include "engine.h"
 
+#include <charconv>
 #include <cstring>
 #include <new>
 #include <random>
 #include <utility>
-
-#include <unistd.h>
 
 #include "common/log.h"
 
@@ -14,243 +13,202 @@ namespace {
 
 constexpr int64_t kEnd_ms = 2000;      // for threads of nats.c to end
 constexpr int64_t kReconnect_ms = 250; // between attempts: a refused one costs little
-constexpr int kPending = 65536;        // bytes that nats.c keeps while it reconnects; the outbox has the rest
-enum Action : int { kAttach, kRead, kWrite, kDetach, kUp, kDown };
-
-// The number at the end of an inbox's subject; 0 without one.
-uint64_t number_at_end(std::string_view subject) {
-    return std::strtoull(std::string(subject.substr(subject.rfind('.') + 1)).c_str(), nullptr, 10);
-}
-
-std::string new_inbox(const Settings &settings, const Place &home) {
-    std::random_device random;
-    return "_INBOX.tav." + settings.domain + '.' + std::to_string(home.location) + '.' +
-           std::to_string(home.hostid) + ".r." + std::to_string(random()) + std::to_string(random());
-}
+constexpr int kPending = 65536;        // bytes that nats.c keeps while it reconnects; the pipe has the rest
+constexpr size_t kMostUsed = 32;       // messages
 
 } // namespace
 
-struct Engine::Post {
-    Engine *engine;
-    int action, value;
-};
-
-Engine::Engine(const Settings &settings, const Home &home, Handler handler)
-    : settings_(settings), home_(home), handler_(std::move(handler)),
-      inbox_(new_inbox(settings, home.place)) {
-    if (home.durable) resources_ = resources(settings, home.place);
+Engine::Engine(const Settings &settings, Events &events)
+    : settings_(settings), events_(events),
+      inbox_(inbox(settings, false) + ".r." + std::to_string(std::random_device()())) {
+    used_.reserve(kMostUsed);
 }
 
-// nats.c's threads may post until the connection is destroyed. What they posted runs no more: it belongs to
-// the loop, which the caller releases.
+// nats.c's threads may leave notes until the connection is destroyed. Nobody reads them: the caller releases
+// the loop.
 Engine::~Engine() {
-    closing_ = true;
+    if (connection_) natsConnection_Close(connection_.get()); // ends what provision_ waits for
+    provision_.reset();
+    used_.clear();
     subscriptions_.clear();
     connection_.reset();
     nats_CloseAndWait(kEnd_ms); // its threads call this object
-    cl_timer_stop(timer_);
     watch(0);
-    if (fd_ >= 0) close(fd_);
 }
 
 bool Engine::start(std::string &reason) {
     const Options options = make_options(settings_, reason);
     if (!options) return false;
-    const auto up = [](natsConnection *, void *self) { static_cast<Engine *>(self)->on_connection(true); };
-    const auto down = [](natsConnection *, void *self) { static_cast<Engine *>(self)->on_connection(false); };
-    natsOptions *o = options.get();
-    natsStatus status = natsOptions_SetEventLoop(o, this, on_attach, on_read, on_write, on_detach);
-    const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
-    set(natsOptions_SetRetryOnFailedConnect(o, true, up, this));
-    set(natsOptions_SetReconnectedCB(o, up, this));
-    set(natsOptions_SetDisconnectedCB(o, down, this));
-    set(natsOptions_SetMaxReconnect(o, -1));
-    set(natsOptions_SetReconnectWait(o, kReconnect_ms));
-    set(natsOptions_SetReconnectBufSize(o, kPending));
-    set(natsOptions_SetSendAsap(o, true));
+    natsStatus status = set_callbacks(options.get());
     natsConnection *made = nullptr;
-    if (status == NATS_OK) status = natsConnection_Connect(&made, o);
+    if (status == NATS_OK) status = natsConnection_Connect(&made, options.get());
     connection_.reset(made);
-    if (status == NATS_OK) on_connection(true);
-    if (status == NATS_OK || status == NATS_NOT_YET_CONNECTED) return true;
-    reason = natsStatus_GetText(status);
-    return false;
+    if (status == NATS_OK) leave([](Note &note) { note.up = true; });
+    if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) {
+        reason = natsStatus_GetText(status);
+        return false;
+    }
+    if (settings_.home.durable) provision_ = std::make_unique<Provision>(made, settings_);
+    return true;
 }
 
 // --- what nats.c's threads report
 
-natsStatus Engine::on_attach(void **self, void *loop, natsConnection *, natsSock socket) {
-    *self = loop; // this object: see natsOptions_SetEventLoop
-    const int copy = dup(socket);
-    return copy < 0 ? NATS_SYS_ERROR : static_cast<Engine *>(loop)->act(kAttach, copy);
-}
-natsStatus Engine::on_read(void *self, bool add) { return static_cast<Engine *>(self)->act(kRead, add); }
-natsStatus Engine::on_write(void *self, bool add) { return static_cast<Engine *>(self)->act(kWrite, add); }
-natsStatus Engine::on_detach(void *self) { return static_cast<Engine *>(self)->act(kDetach, 0); }
-void Engine::on_connection(bool up) { act(up ? kUp : kDown, 0); }
-
-natsStatus Engine::act(int action, int value) {
-    const bool own = pthread_equal(pthread_self(), thread_);
-    if (own && posted_ == 0 && (action == kRead || action == kWrite)) return run(action, value), NATS_OK;
-    if (closing_) return NATS_OK;
-    auto *post = new (std::nothrow) Post{this, action, value};
-    if (!post) return NATS_NO_MEMORY;
-    ++posted_;
-    const auto call = [](void *argument) {
-        const std::unique_ptr<Post> mine(static_cast<Post *>(argument));
-        --mine->engine->posted_;
-        mine->engine->run(mine->action, mine->value);
+natsStatus Engine::set_callbacks(natsOptions *options) {
+    const auto up = [](natsConnection *, void *self) {
+        static_cast<Engine *>(self)->leave([](Note &note) { note.up = true; });
     };
-    if (cl_event_loop_post(loop_, call, post) == 0) return NATS_OK;
-    --posted_;
-    delete post;
-    return NATS_NO_MEMORY;
+    const auto down = [](natsConnection *, void *self) {
+        static_cast<Engine *>(self)->leave([](Note &note) { note.up = false, note.lost = true; });
+    };
+    const auto attach = [](void **self, void *engine, natsConnection *, natsSock socket) {
+        *self = engine;
+        const int copy = dup(socket);
+        return copy < 0 ? NATS_SYS_ERROR : static_cast<Engine *>(engine)->replace_socket(copy);
+    };
+    const auto detach = [](void *self) { return static_cast<Engine *>(self)->replace_socket(-1); };
+    const auto read = [](void *self, bool add) { // it stops to read when it has lost the connection
+        return add ? NATS_OK : static_cast<Engine *>(self)->replace_socket(-1);
+    };
+    const auto write = [](void *argument, bool add) { // the loop's thread flushes by itself
+        auto *self = static_cast<Engine *>(argument);
+        return add && !pthread_equal(pthread_self(), self->thread_) ? self->leave([](Note &) {}) : NATS_OK;
+    };
+    natsStatus status = natsOptions_SetEventLoop(options, this, attach, read, write, detach);
+    const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
+    set(natsOptions_SetRetryOnFailedConnect(options, true, up, this));
+    set(natsOptions_SetReconnectedCB(options, up, this));
+    set(natsOptions_SetDisconnectedCB(options, down, this));
+    set(natsOptions_SetMaxReconnect(options, -1));
+    set(natsOptions_SetReconnectWait(options, kReconnect_ms));
+    set(natsOptions_SetReconnectBufSize(options, kPending));
+    set(natsOptions_SetSendAsap(options, true));
+    return status;
 }
 
-void Engine::run(int action, int value) try {
-    const int bit = action == kWrite ? CL_IO_WRITE : CL_IO_READ;
-    if (action == kAttach) {
-        watch(0);
-        if (fd_ >= 0) close(fd_);
-        fd_ = value;
-        writing_ = false;
-        watch(CL_IO_READ);
-    } else if (action == kWrite && batching_) {
-        writing_ = value;
-    } else if (action == kRead || action == kWrite) {
-        if (action == kWrite) writing_ = value;
-        watch(value ? events_ | bit : events_ & ~bit);
-    } else if (action == kDetach) {
-        watch(0);
-    } else if (action == kDown && connected_) {
-        connected_ = ready_ = false;
-        handler_.disconnected();
-    } else if (action == kUp && !connected_) {
-        if (!subscribe_all()) return retry_resource();
-        connected_ = true;
-        handler_.connected();
-        resource_ = 0;
-        making_ = false;
-        next_resource();
+template <typename Change> natsStatus Engine::leave(Change change) {
+    const std::lock_guard lock(mutex_);
+    change(note_);
+    const auto call = [](void *self) { static_cast<Engine *>(self)->take_note(); };
+    return cl_event_loop_post(loop_, call, this) == 0 ? NATS_OK : NATS_NO_MEMORY;
+}
+
+natsStatus Engine::replace_socket(int fd) {
+    return leave([fd](Note &note) { note.socket = tavipc::UniqueFd(fd), note.replaced = true; });
+}
+
+void Engine::take_note() try {
+    Note note;
+    {
+        const std::lock_guard lock(mutex_);
+        std::swap(note, note_);
+        note_.up = note.up;
     }
+    if (note.replaced) {
+        watch(0);
+        socket_ = std::move(note.socket);
+        watch(CL_IO_READ);
+    }
+    if (note.lost && connected_) events_.connected(connected_ = false);
+    if (note.up && !connected_) {
+        if (subscriptions_.empty()) { // nats.c does it again on each new connection
+            subscribe(inbox_ + ".*");
+            subscribe(wildcard(settings_, false, Class::kControl));
+            subscribe(wildcard(settings_, true, Class::kControl), group(settings_));
+            subscribe(deliver_subject(settings_, false));
+            subscribe(deliver_subject(settings_, true), group(settings_));
+        }
+        if (provision_) provision_->begin();
+        events_.connected(connected_ = true);
+    }
+    flush();
 } catch (const std::bad_alloc &) {
+    if (!connected_) subscriptions_.clear();
     TAV_LOG_LIMITED(1, "tav_bridge", "memory is short while the connection changes");
 }
 
-void Engine::watch(int events) {
-    if (io_) cl_io_stop(io_);
-    events_ = events;
-    io_ = 0;
-    if (!events || fd_ < 0) return;
-    const auto ready = [](cl_io_t, int now, void *self) {
-        auto *engine = static_cast<Engine *>(self);
-        engine->batch(true);
-        if (now & CL_IO_READ) {
-            natsConnection_ProcessReadEvent(engine->connection_.get());
-            engine->drain();
-        }
-        engine->batch(false);
-    };
-    io_ = cl_io_start(fd_, events, ready, this);
+// Tries again what there was no memory for.
+void Engine::tick(bool holding) {
+    take_note();
+    if (connected_ && provision_) provision_->tick(holding);
 }
 
-void Engine::batch(bool begin) {
-    batching_ = true;
-    if (begin) return;
-    // nats.c says inside the call whether it has written everything.
-    if (writing_ && fd_ >= 0 && connection_) natsConnection_ProcessWriteEvent(connection_.get());
-    batching_ = false;
-    if (writing_ != ((events_ & CL_IO_WRITE) != 0))
-        watch(writing_ ? events_ | CL_IO_WRITE : events_ & ~CL_IO_WRITE);
-}
-
-// --- messages
-
-size_t Engine::unsent_bytes() const {
-    const int bytes = connected_ ? natsConnection_Buffered(connection_.get()) : 0;
-    return bytes > 0 ? static_cast<size_t>(bytes) : 0;
-}
-
-void Engine::drain() {
-    for (const Subscription &subscription : subscriptions_) {
-        for (;;) {
-            natsMsg *message = nullptr;
-            const natsStatus status = natsSubscription_NextMsg(&message, subscription.handle.get(), 0);
-            if (status == NATS_NO_RESPONDERS) continue; // what was asked is asked again
-            if (status != NATS_OK) break;
-            Message owned(message);
-            try {
-                (this->*subscription.handle_message)(std::move(owned));
-            } catch (const std::bad_alloc &) {
-                TAV_LOG_LIMITED(1, "tav_bridge", "memory is short for a message of the engine");
-            }
-        }
-    }
-}
-
-bool Engine::subscribe(const std::string &subject, const char *group, void (Engine::*handler)(Message)) {
+void Engine::subscribe(const std::string &subject, const char *group) {
     natsSubscription *made = nullptr;
     const natsStatus status =
         group ? natsConnection_QueueSubscribeSync(&made, connection_.get(), subject.c_str(), group)
               : natsConnection_SubscribeSync(&made, connection_.get(), subject.c_str());
-    if (status != NATS_OK) return false;
-    subscriptions_.push_back({std::unique_ptr<natsSubscription, FreeNats>(made), handler});
-    return true;
+    if (status != NATS_OK) throw std::bad_alloc();
+    subscriptions_.emplace_back(made);
 }
 
-// Subscribes once: nats.c does it again on each new connection.
-bool Engine::subscribe_all() {
-    if (!subscriptions_.empty()) return true;
-    const std::string location = std::to_string(home_.place.location);
-    const std::string inbox = "_INBOX.tav." + settings_.domain + '.' + location;
-    const std::string host = std::to_string(home_.place.hostid);
-    // Wildcards would not wake a consumer that waits for a subscriber.
-    const std::string deliver = inbox + '.' + host + ".d.";
-    const std::string own = "tav." + settings_.domain + '.' + location + '.' + host + ".*.c.*.*";
-    const std::string any = "tav." + settings_.domain + '.' + location + ".any.*.c.*.*";
-    const char *group = settings_.any_to_all ? nullptr : "one";
-    const bool done = subscribe(inbox_ + ".*", nullptr, &Engine::take_answer) &&
-                      subscribe(own, nullptr, &Engine::take_control) &&
-                      subscribe(any, group, &Engine::take_control) &&
-                      subscribe(deliver + 'd', nullptr, &Engine::take_durable) &&
-                      subscribe(group ? inbox + ".any.d" : deliver + 'a', group, &Engine::take_durable);
-    if (!done) subscriptions_.clear();
-    return done;
+// --- reading and writing
+
+void Engine::watch(int events) {
+    if (io_) cl_io_stop(io_);
+    io_ = 0;
+    watched_ = events;
+    if (!events || !socket_) return;
+    const auto ready = [](cl_io_t, int now, void *self) {
+        auto *engine = static_cast<Engine *>(self);
+        if (now & CL_IO_WRITE) engine->flush();
+        if (now & CL_IO_READ) {
+            natsConnection_ProcessReadEvent(engine->connection_.get());
+            engine->drain();
+        }
+        engine->events_.turn_ends();
+        engine->flush();
+    };
+    io_ = cl_io_start(socket_.get(), events, ready, this);
 }
 
-void Engine::take_control(Message message) { handler_.control(std::move(message)); }
-void Engine::take_durable(Message message) { handler_.durable(std::move(message)); }
+void Engine::flush() {
+    if (!socket_) return;
+    if (unsent_bytes() > 0) natsConnection_ProcessWriteEvent(connection_.get());
+    const int events = unsent_bytes() > 0 ? CL_IO_READ | CL_IO_WRITE : CL_IO_READ;
+    if (events != watched_) watch(events);
+}
 
-void Engine::take_answer(Message message) {
-    const std::string_view text = content(message.get());
-    const uint64_t id = number_at_end(natsMsg_GetSubject(message.get()));
-    if (id & 1) {
-        if (id == asked_) ready_ ? take_audit(text) : take_resource(text);
-        return;
-    }
+// nats.c frees messages in a thread, which it wakes if it sleeps. So they are freed many at once.
+void Engine::drain() {
+    for (const Subscription &subscription : subscriptions_) try {
+            for (;;) {
+                natsMsg *next = nullptr;
+                const natsStatus status = natsSubscription_NextMsg(&next, subscription.get(), 0);
+                if (status == NATS_NO_RESPONDERS) continue; // what was asked is asked again
+                if (status != NATS_OK) break;
+                Message message(next);
+                if (std::string_view(natsMsg_GetSubject(next)).starts_with(inbox_))
+                    take_answer(next);
+                else
+                    events_.arrived(message);
+                if (used_.size() == kMostUsed) used_.clear();
+                if (message) used_.push_back(std::move(message));
+            }
+        } catch (const std::bad_alloc &) { // the rest comes with the next read
+            TAV_LOG_LIMITED(1, "tav_bridge", "memory is short for a message of the engine");
+        }
+}
+
+void Engine::take_answer(natsMsg *message) {
+    const std::string_view subject = natsMsg_GetSubject(message), text = content(message);
+    uint64_t number = 0;
+    read_number(subject.substr(subject.rfind('.') + 1), number);
     const bool stored = text.find("\"seq\":") != text.npos && text.find("\"error\"") == text.npos;
     if (!stored)
-        TAV_LOG_LIMITED(2, "tav_bridge", "the engine does not store: %.*s",
-                        static_cast<int>(std::min<size_t>(text.size(), 300)), text.data());
-    handler_.answered(id >> 1, stored, text.find("\"duplicate\":true") != text.npos);
+        TAV_LOG_LIMITED(2, "tav_bridge", "the engine does not store: %.300s", std::string(text).c_str());
+    events_.answered(number, stored, text.find("\"duplicate\":true") != text.npos);
 }
 
-bool Engine::publish(const std::string &subject, std::string_view datagram) {
-    return connected_ && natsConnection_Publish(connection_.get(), subject.c_str(), datagram.data(),
-                                                static_cast<int>(datagram.size())) == NATS_OK;
+// --- messages out
+
+bool Engine::publish(const std::string &subject, std::string_view payload) {
+    return connected_ && natsConnection_Publish(connection_.get(), subject.c_str(), payload.data(),
+                                                static_cast<int>(payload.size())) == NATS_OK;
 }
 
-bool Engine::publish_durable(const std::string &subject, const std::string &id_header, uint64_t id,
-                             std::string_view datagram) {
-    if (!connected_) return false;
-    natsMsg *made = nullptr;
-    const std::string reply = inbox_ + '.' + std::to_string(id << 1); // even: odd ones are about resources
-    if (natsMsg_Create(&made, subject.c_str(), reply.c_str(), datagram.data(),
-                       static_cast<int>(datagram.size())) != NATS_OK)
-        return false;
-    const Message message(made);
-    return natsMsgHeader_Set(made, "Nats-Msg-Id", id_header.c_str()) == NATS_OK &&
-           natsConnection_PublishMsg(connection_.get(), made) == NATS_OK;
+void Engine::publish(natsMsg *message) {
+    if (connected_) natsConnection_PublishMsg(connection_.get(), message);
 }
 
 void Engine::answer(natsMsg *message, const char *text) {

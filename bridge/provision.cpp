@@ -1,135 +1,247 @@
-// The functions of Engine that make streams and consumers and check that they still work.
-#include <algorithm>
+#include "provision.h"
+
+#include <chrono>
+#include <cstdio>
+#include <new>
 #include <utility>
 
 #include "common/log.h"
-#include "engine.h"
+#include "tavcl_ev.h"
 
 namespace tavbridge {
 namespace {
 
-constexpr uint64_t kAnswer_ms = 5000;  // for a request about a stream or consumer
-constexpr uint64_t kRetry_ms = 1000;   // after one that failed
-constexpr uint64_t kAudit_ms = 30'000; // as long as the engine waits for an acknowledgement
-constexpr int kStuck = 2;              // audits without progress
+constexpr int64_t kConnect_ms = 2000; // for one attempt; the loop may wait this long for nats.c's lock
+constexpr int64_t kPing_ms = 5000;    // a server that does not answer two of these is gone
+constexpr int kPings = 2;
+constexpr int kReadAtOnce = 256 << 10; // bytes; the engine delays all senders for a bridge that reads slowly
+constexpr int64_t kSecond_ns = 1'000'000'000;
+constexpr int64_t kAcknowledge_s = 30; // then the engine delivers again; deliveries.h says "+WPI" before
+constexpr uint64_t kRetry_ms = 1000;
+constexpr uint64_t kAudit_ms = 75'000; // longer than any pause between attempts to deliver
+constexpr uint64_t kLongLag = 1000;    // messages: more than a window or two
 
-// The number behind the name at or after a place in JSON text; 0 without one.
-uint64_t number_after(std::string_view json, std::string_view name, size_t from = 0) {
-    const size_t at = json.find(name, from);
-    return at == json.npos
-               ? 0
-               : std::strtoull(std::string(json.substr(at + name.size(), 20)).c_str(), nullptr, 10);
+// The classes that are stored, each in a stream of its own. The last one is that of messages for any machine.
+std::vector<Class> stored(const Settings &settings) {
+    return settings.home.any_to_all ? std::vector{Class::kDurable, Class::kAll}
+                                    : std::vector{Class::kDurable};
 }
 
-// The sum of the numbers in "subjects":{"...":N,...} of a stream's state.
-uint64_t sum_of_subjects(std::string_view json) {
-    uint64_t sum = 0;
-    const size_t begin = json.find("\"subjects\":{");
-    if (begin == json.npos) return 0;
-    const size_t end = std::min(json.find('}', begin), json.size());
-    for (size_t at = begin + 11; (at = json.find("\":", at + 1)) < end;) sum += number_after(json, "\":", at);
-    return sum;
+Place place(const Settings &settings, bool any) {
+    return {settings.home.place.location, any ? 0 : settings.home.place.hostid};
+}
+
+std::string stream_name(const Settings &settings, Class kind) {
+    return "TAV_" + settings.domain + (kind == Class::kAll ? "_ALL" : "");
+}
+
+std::string error_text() {
+    const char *text = nats_GetLastError(nullptr);
+    return text ? text : "";
+}
+
+bool say(bool good, const std::string &what) {
+    std::printf("%s %s\n", good ? "ok  " : "FAIL", what.c_str());
+    return good;
 }
 
 } // namespace
 
-// --- streams and consumers: each is looked for, and made when it is not there
-
-void Engine::ask(const std::string &subject, const std::string &body) {
-    asked_ = (asked_ + 2) | 1;
-    const std::string reply = inbox_ + '.' + std::to_string(asked_);
-    natsConnection_PublishRequest(connection_.get(), subject.c_str(), reply.c_str(), body.data(),
-                                  static_cast<int>(body.size()));
+Message durable_message(const Settings &settings, const std::string &subject, const std::string &reply,
+                        const std::string &id, std::string_view datagram) {
+    natsMsg *made = nullptr;
+    natsStatus status = natsMsg_Create(&made, subject.c_str(), reply.c_str(), datagram.data(),
+                                       static_cast<int>(datagram.size()));
+    Message message(made);
+    if (status == NATS_OK)
+        status = natsMsgHeader_Set(made, settings.replicas > 1 ? kBridgeId : kEngineId, id.c_str());
+    if (status != NATS_OK) throw std::bad_alloc();
+    return message;
 }
 
-void Engine::next_resource() {
-    cl_timer_stop(timer_);
-    timer_ = 0;
-    if (!connected_ || resources_.empty()) return;
-    if (resource_ == resources_.size()) {
-        ready_ = true;
-        handler_.ready();
-        return audit(0);
-    }
-    const Resource &resource = resources_[resource_];
-    const bool make = making_ || resource.look_subject.empty();
-    ask(make ? resource.make_subject : resource.look_subject, make ? resource.make_body : "");
-    retry_resource();
+std::string inbox(const Settings &settings, bool any) {
+    return "_INBOX.tav." + settings.domain + '.' + place_text(place(settings, any));
 }
 
-void Engine::take_resource(std::string_view answer) {
-    if (answer.find("\"error\"") == answer.npos) {
-        making_ = false;
-        ++resource_;
-        return next_resource();
-    }
-    const Resource &resource = resources_[resource_];
-    if (!making_ && !resource.look_subject.empty()) {
-        making_ = true;
-        return next_resource();
-    }
-    making_ = false;
-    TAV_LOG_LIMITED(2, "tav_bridge", "%s: %.*s", resource.make_subject.c_str(),
-                    static_cast<int>(std::min<size_t>(answer.size(), 300)), answer.data());
-    asked_ += 2; // the next answer belongs to the next request
-    cl_timer_stop(timer_);
-    timer_ = cl_timer_start(
-        kRetry_ms, [](void *self) { static_cast<Engine *>(self)->next_resource(); }, this);
+std::string wildcard(const Settings &settings, bool any, Class kind) {
+    return "tav." + settings.domain + '.' + place_text(place(settings, any)) + ".*." +
+           static_cast<char>(kind) + ".*.*";
 }
 
-void Engine::retry_resource() {
-    const auto again = [](void *self) {
-        auto *engine = static_cast<Engine *>(self);
-        engine->timer_ = 0;
-        engine->making_ = false;
-        if (!engine->connected_) return engine->on_connection(true);
-        TAV_LOG_LIMITED(2, "tav_bridge", "the engine's JetStream does not answer");
-        engine->next_resource();
-    };
-    cl_timer_stop(timer_);
-    timer_ = cl_timer_start(kAnswer_ms, again, this);
+// Without wildcards, which would not wake a consumer that waits for a subscriber.
+std::string deliver_subject(const Settings &settings, bool any) {
+    if (any && group(settings)) return inbox(settings, true) + ".d";
+    return inbox(settings, false) + (any ? ".d.a" : ".d.d");
 }
 
-// --- audit: one consumer after the other
+const char *group(const Settings &settings) { return settings.home.any_to_all ? nullptr : "one"; }
 
-// Asks what the stream has for the next consumer. Without an answer the next audit begins anew.
-void Engine::audit(size_t resource) {
-    if (resource == 0) {
-        cl_timer_stop(timer_);
-        timer_ = cl_timer_start(
-            kAudit_ms, [](void *self) { static_cast<Engine *>(self)->audit(0); }, this);
-    }
-    while (resource < resources_.size() && resources_[resource].count_subject.empty()) ++resource;
-    resource_ = resource;
-    audit_step_ = kCount;
-    if (ready_ && resource < resources_.size())
-        ask(resources_[resource].count_subject, resources_[resource].count_body);
+Options make_options(const Settings &settings, std::string &reason) {
+    natsOptions *made = nullptr;
+    natsStatus status = natsOptions_Create(&made);
+    Options options(made);
+    const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
+    std::vector<const char *> servers;
+    for (const std::string &server : settings.servers) servers.push_back(server.c_str());
+    set(natsOptions_SetServers(made, servers.data(), static_cast<int>(servers.size())));
+    set(natsOptions_SetTimeout(made, kConnect_ms));
+    set(natsOptions_SetPingInterval(made, kPing_ms));
+    set(natsOptions_SetMaxPingsOut(made, kPings));
+    set(natsOptions_SetIOBufSize(made, kReadAtOnce));
+    set(natsOptions_SetName(made, "tav-bridge"));
+    set(natsOptions_SetCustomInboxPrefix(made, (inbox(settings, false) + ".k").c_str()));
+    // Only the servers in the file are used: those that the engine announces may be anywhere.
+    set(natsOptions_SetIgnoreDiscoveredServers(made, true));
+    if (settings.tls()) set(natsOptions_SetSecure(made, true));
+    if (!settings.ca.empty()) set(natsOptions_LoadCATrustedCertificates(made, settings.ca.c_str()));
+    if (!settings.certificate.empty())
+        set(natsOptions_LoadCertificatesChain(made, settings.certificate.c_str(), settings.key.c_str()));
+    if (!settings.credentials.empty())
+        set(natsOptions_SetUserCredentialsFromFiles(made, settings.credentials.c_str(), nullptr));
+    if (!settings.nkey.empty())
+        set(natsOptions_SetNKeyFromSeed(made, settings.nkey.c_str(), settings.nkey_seed.c_str()));
+    if (status == NATS_OK) return options;
+    reason = natsStatus_GetText(status);
+    return nullptr;
 }
 
-void Engine::take_audit(std::string_view answer) {
-    if (resource_ >= resources_.size()) return;
-    Resource &resource = resources_[resource_];
-    if (answer.find("\"error\"") != answer.npos) return audit(resource_ + 1);
-    if (audit_step_ == kDelete) { // it is made again
-        ready_ = false;
-        resource_ = 0;
-        return next_resource();
+// --- streams and consumers
+
+Provision::Provision(natsConnection *connection, const Settings &settings)
+    : js_([connection] {
+          jsCtx *made = nullptr;
+          natsConnection_JetStream(&made, connection, nullptr);
+          return made;
+      }()),
+      settings_(settings) {
+    const std::string location = "L" + std::to_string(settings.home.place.location) + '_';
+    for (const bool any : {false, true}) {
+        const Class kind = any ? stored(settings).back() : Class::kDurable;
+        const char *shared = any ? group(settings) : nullptr;
+        consumers_.push_back({stream_name(settings, kind),
+                              location + (shared ? "any" : std::to_string(settings.home.place.hostid)),
+                              wildcard(settings, any, kind), deliver_subject(settings, any), shared});
     }
-    if (audit_step_ == kCount) {
-        stored_ = sum_of_subjects(answer);
-        audit_step_ = kState;
-        return ask(resource.state_subject, "");
+}
+
+StreamInfo Provision::stream_info(const std::string &name, const std::string &filter) const {
+    jsOptions options;
+    jsOptions_Init(&options);
+    if (!filter.empty()) options.Stream.Info.SubjectsFilter = filter.c_str();
+    jsStreamInfo *info = nullptr;
+    js_GetStreamInfo(&info, js_.get(), name.c_str(), &options, nullptr);
+    return StreamInfo(info);
+}
+
+ConsumerInfo Provision::consumer_info(const Consumer &consumer) const {
+    jsConsumerInfo *info = nullptr;
+    js_GetConsumerInfo(&info, js_.get(), consumer.stream.c_str(), consumer.name.c_str(), nullptr, nullptr);
+    return ConsumerInfo(info);
+}
+
+bool Provision::make_stream(Class kind) const {
+    const std::string name = stream_name(settings_, kind);
+    if (stream_info(name)) return true;
+    const std::string subjects = "tav." + settings_.domain + ".*.*.*." + static_cast<char>(kind) + ".*.*";
+    const char *list[] = {subjects.c_str()};
+    jsStreamConfig config;
+    jsStreamConfig_Init(&config);
+    config.Name = name.c_str();
+    config.Subjects = list;
+    config.SubjectsLen = 1;
+    // A work queue forgets what was acknowledged.
+    config.Retention = kind == Class::kAll ? js_InterestPolicy : js_WorkQueuePolicy;
+    config.Discard = js_DiscardNew; // refuses what does not fit, and the bridge waits
+    config.MaxBytes = static_cast<int64_t>(settings_.stream_bytes);
+    config.MaxAge = static_cast<int64_t>(settings_.stream_age_s) * kSecond_ns;
+    config.Duplicates = static_cast<int64_t>(settings_.duplicates_s) * kSecond_ns;
+    config.Replicas = static_cast<int64_t>(settings_.replicas);
+    return js_AddStream(nullptr, js_.get(), &config, nullptr, nullptr) == NATS_OK;
+}
+
+bool Provision::make_consumer(const Consumer &consumer) const {
+    jsConsumerConfig config;
+    jsConsumerConfig_Init(&config);
+    config.Name = config.Durable = consumer.name.c_str();
+    config.FilterSubject = consumer.filter.c_str();
+    config.DeliverSubject = consumer.deliver.c_str();
+    config.DeliverGroup = consumer.group;
+    config.AckPolicy = js_AckExplicit;
+    config.AckWait = kAcknowledge_s * kSecond_ns;
+    config.MaxDeliver = -1;
+    config.MaxAckPending = static_cast<int64_t>(settings_.window);
+    return js_AddConsumer(nullptr, js_.get(), consumer.stream.c_str(), &config, nullptr, nullptr) == NATS_OK;
+}
+
+bool Provision::make() const {
+    bool good = true;
+    for (const Class kind : stored(settings_)) good = good && make_stream(kind);
+    for (const Consumer &consumer : consumers_) good = good && make_consumer(consumer);
+    if (!good) TAV_LOG_LIMITED(2, "tav_bridge", "a stream or consumer is missing: %s", error_text().c_str());
+    return good;
+}
+
+// Returns false when a consumer has to be made anew.
+bool Provision::audit(bool holding) {
+    bool good = true;
+    for (Consumer &consumer : consumers_) {
+        const ConsumerInfo info = consumer_info(consumer);
+        if (!info) good = false; // it may be gone
+        // What other machines have not acknowledged stays in the other stream.
+        if (!info || consumer.stream != stream_name(settings_, Class::kDurable)) continue;
+        const StreamInfo stream = stream_info(consumer.stream, consumer.filter);
+        if (!stream) continue;
+        const bool waits = stream->State.Subjects && stream->State.Subjects->Count > 0 && !holding;
+        const uint64_t now = waits ? info->Delivered.Consumer + 1 : 0;
+        if (std::exchange(consumer.delivered, now) != now || !waits) continue;
+        TAV_LOG(2, "tav_bridge", "the engine does not deliver what it has: consumer %s is made anew",
+                consumer.name.c_str());
+        js_DeleteConsumer(js_.get(), consumer.stream.c_str(), consumer.name.c_str(), nullptr, nullptr);
+        good = false;
     }
-    const uint64_t before =
-        std::exchange(resource.delivered, number_after(answer, "\"delivered\":{\"consumer_seq\":"));
-    const bool moves = stored_ == 0 || resource.delivered != before || handler_.holding();
-    resource.stuck = moves ? 0 : resource.stuck + 1;
-    if (resource.stuck < kStuck) return audit(resource_ + 1);
-    TAV_LOG(2, "tav_bridge", "the engine does not deliver %llu messages: the consumer is made anew, %s",
-            static_cast<unsigned long long>(stored_), resource.delete_subject.c_str());
-    resource.stuck = 0;
-    audit_step_ = kDelete;
-    ask(resource.delete_subject, "");
+    return good;
+}
+
+void Provision::begin() {
+    begun_ = result_.valid();
+    made_ = false;
+    next_ms_ = 0;
+}
+
+void Provision::tick(bool holding) {
+    const uint64_t now_ms = cl_event_loop_now();
+    if (!result_.valid() && now_ms >= next_ms_) {
+        const auto work = [this, holding, again = made_] { return again ? audit(holding) : make(); };
+        result_ = std::async(std::launch::async, work);
+    }
+    if (!result_.valid() || result_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) return;
+    made_ = result_.get() && !begun_;
+    next_ms_ = begun_ ? now_ms : now_ms + (made_ ? kAudit_ms : kRetry_ms);
+    begun_ = false;
+}
+
+bool Provision::check() const {
+    bool good = true;
+    for (const Class kind : stored(settings_)) {
+        const std::string name = stream_name(settings_, kind);
+        const StreamInfo info = stream_info(name);
+        const int64_t most = info ? info->Config->MaxBytes : 0;
+        const uint64_t used = info ? info->State.Bytes : 0;
+        good &= say(info && (most < 0 || used < static_cast<uint64_t>(most - most / 10)),
+                    "stream " + name + ": " +
+                        (info ? std::to_string(info->State.Msgs) + " messages, " + std::to_string(used) +
+                                    " of " + std::to_string(most) + " bytes"
+                              : error_text()));
+    }
+    for (const Consumer &consumer : consumers_) {
+        const ConsumerInfo info = consumer_info(consumer);
+        good &= say(info && info->NumPending < kLongLag,
+                    "consumer " + consumer.name + " of " + consumer.stream + ": " +
+                        (info ? std::to_string(info->NumPending) + " wait, " +
+                                    std::to_string(info->NumAckPending) + " are being delivered"
+                              : error_text()));
+    }
+    return good;
 }
 
 } // namespace tavbridge

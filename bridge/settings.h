@@ -9,17 +9,12 @@
 namespace tavbridge {
 
 struct Settings {
-    std::string path;
+    Home home; // with the policy; the place is set by the caller
     // [engine]
     std::vector<std::string> servers;
     std::string domain;
     std::string ca, certificate, key;         // TLS, files
     std::string credentials, nkey, nkey_seed; // a JWT file; a public key, and the file with its seed
-    bool allow_plain = false;
-    // [policy]
-    bool any_to_all = true;
-    std::bitset<256> reachable;
-    std::string ipc_conf;
     // [bounds]
     uint64_t stream_bytes = 0, stream_age_s = 0, duplicates_s = 0, replicas = 0;
     uint64_t waiting_bytes = 0; // given to the engine and not confirmed
@@ -34,8 +29,5 @@ using Problems = std::vector<std::string>;
 
 // Reads the file at path. A missing key has its default.
 Settings load_settings(const std::string &path, Problems &problems);
-
-// Whether a connection to the server's URL stays on this machine.
-bool is_loopback(const std::string &url);
 
 } // namespace tavbridge

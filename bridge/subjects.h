@@ -6,7 +6,7 @@
 // is checked: no wildcard, dot, blank or control character gets into a subject.
 #pragma once
 
-#include <bitset>
+#include <charconv>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,10 +32,18 @@ struct Subject {
     std::string name; // of the destination
     Class kind = Class::kControl;
     Place from;
+    bool operator==(const Subject &) const = default;
 };
 
+// Whether the text is a number that fits; and nothing else.
+template <typename Number> bool read_number(std::string_view text, Number &number) {
+    const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && stop == text.data() + text.size();
+}
 // Whether the text can be one token of a subject.
 bool is_token(std::string_view text);
+// "<location>.<hostid or any>"
+std::string place_text(const Place &place);
 // The text for a subject whose name is a token.
 std::string subject_text(std::string_view domain, const Subject &subject);
 // Nothing for a text in any other form.
@@ -44,27 +52,30 @@ std::optional<Subject> parse_subject(std::string_view domain, std::string_view t
 // A bridge's own place and policy.
 struct Home {
     Place place;
-    bool durable = true;        // false: everything is control traffic
-    bool any_to_all = true;     // host id 0 means all machines of the location, else one of them
-    std::bitset<256> reachable; // locations that it sends to
+    bool durable = true;    // false: everything is control traffic
+    bool any_to_all = true; // host id 0 means all machines of the location, else one of them
 };
 
 // Judges a datagram of a local module: kNoDrop, and the subject under which it goes out; or why it does not.
-Drop judge_outgoing(const Home &home, const void *datagram, uint32_t size, Subject &subject);
+Drop judge_outgoing(const Home &home, std::string_view datagram, Subject &subject);
 // Judges a datagram that came from the engine under the subject, for a local socket.
-Drop judge_incoming(const Home &home, const Subject &subject, const void *datagram, uint32_t size);
+Drop judge_incoming(const Home &home, const Subject &subject, std::string_view datagram);
+
+// Cuts the first datagram off a payload of one or more. Where its header claims more than there is, the
+// result is all of the payload, which is not a good datagram.
+std::string_view cut_datagram(std::string_view &payload);
 
 // The id by which the engine recognises a datagram that it is given twice: source, message id and fragment
 // number. These begin anew when a module restarts and some modules choose ids themselves, so the sending
 // socket and a hash of the bytes are part of it, too.
-std::string message_id(const void *datagram, uint32_t size, std::string_view socket);
+std::string message_id(std::string_view datagram, std::string_view socket);
 
 // The place of a message in its stream, from the subject for its acknowledgement:
-// "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>", with the domain and
-// a hash of the account before the stream, and a token at the end, in newer servers.
+// "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>".
 struct Origin {
     uint64_t key = 0; // of stream, sequence and time; 0: none
     uint64_t times = 0;
+    uint64_t time_ns = 0; // when it was stored
 };
 Origin parse_origin(std::string_view reply);
 

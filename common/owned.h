@@ -1,4 +1,4 @@
-// Owning pointers for memory from malloc and for stdio files.
+// Owning pointers for memory from malloc, for stdio files and for objects of C libraries.
 #pragma once
 
 #include <cstdio>
@@ -16,5 +16,10 @@ struct CloseFile {
     void operator()(FILE *file) const noexcept { std::fclose(file); }
 };
 using FilePtr = std::unique_ptr<FILE, CloseFile>;
+
+// Frees an object of a C library: std::unique_ptr<natsMsg, Free<natsMsg_Destroy>>.
+template <auto Function> struct Free {
+    template <typename Object> void operator()(Object *object) const noexcept { Function(object); }
+};
 
 } // namespace tavipc

@@ -149,7 +149,7 @@ class Life : public EndpointWorld {
         tainted_ = true;
         const uint8_t shape = in_.u8();
         std::string subject = in_.text(shape & 63), bytes = in_.text(60 + in_.u8());
-        const tavbridge::Home home{{3, 55}, true, true, {}};
+        const tavbridge::Home home{{3, 55}, true, true};
         if ((shape & 64) && bytes.size() >= 60) { // one that fits
             Datagram d{"", tavipc::read_header(bytes.data()), bytes.substr(60)};
             d.header.dest.loc = 3, d.header.dest.hostid = 55;
@@ -158,15 +158,21 @@ class Life : public EndpointWorld {
                                                     tavipc::name_text(d.header.dest).text,
                                                     tavbridge::Class::kDurable,
                                                     {d.header.src.loc, d.header.src.hostid}});
+            if (shape & 128) bytes += bytes + in_.text(in_.u8()); // several in one message
         }
-        const auto copy = fuzz::exact(bytes);
-        const auto size = static_cast<uint32_t>(bytes.size());
         const auto parsed = tavbridge::parse_subject("d", subject);
-        if (!parsed || tavbridge::judge_incoming(home, *parsed, copy.get(), size) != tavbridge::kNoDrop)
-            return;
-        FUZZ_CHECK(parsed->name.find_first_of("/.*> ") == std::string::npos && parsed->name[0] != '\0');
-        tavbridge::message_id(copy.get(), size, subject);
-        if (slots_[0]) tav_ipc_send_raw(slots_[0], parsed->name.c_str(), copy.get());
+        std::string_view rest = bytes;
+        while (parsed && !rest.empty()) {
+            const size_t before = rest.size();
+            const std::string_view datagram = tavbridge::cut_datagram(rest);
+            FUZZ_CHECK(!datagram.empty() && datagram.size() + rest.size() == before);
+            const auto copy = fuzz::exact(datagram);
+            const std::string_view exact(copy.get(), datagram.size());
+            if (tavbridge::judge_incoming(home, *parsed, exact) != tavbridge::kNoDrop) continue;
+            FUZZ_CHECK(parsed->name.find_first_of("/.*> ") == std::string::npos && parsed->name[0] != '\0');
+            tavbridge::message_id(exact, subject);
+            if (slots_[0]) tav_ipc_send_raw(slots_[0], parsed->name.c_str(), copy.get());
+        }
     }
     void toggle() { open_or_close(slot()); }
     void open_or_close(size_t which) {

@@ -1,7 +1,8 @@
 #!/bin/bash
 # bridge_test.sh BUILD SOURCE: three bridges at a nats-server with the installed example of permissions and certificates made
 # here. What belongs to a bridge works; a bridge with the certificate of location 3 that calls itself location 5 can neither
-# read nor write for it. Left out (status 77) without nats-server.
+# read nor write for it. Logins with an NKey and with a JWT; with another seed they are refused. Left out (status 77) without
+# nats-server.
 set -euo pipefail
 command -v nats-server >/dev/null || { echo "left out: nats-server is not installed"; exit 77; }
 build=$(readlink -f "$1") source=$(readlink -f "$2")
@@ -18,12 +19,15 @@ certificate() { # name, subject
 openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj /CN=ca -days 2 2>/dev/null
 certificate server localhost 'IP:127.0.0.1,DNS:localhost'
 for number in 2 3 5; do certificate location-$number location-$number "URI:urn:location-$number"; done
+start_server() { # name of its configuration: sets port
+    nats-server -c "$1.conf" --ports_file_dir "$place" >"$1.log" 2>&1 &
+    process[$1]=$!
+    until_ok 10 test -s nats-server_$!.ports
+    port=$(sed -n 's/.*"[a-z]*:[^"]*:\([0-9]*\)".*/\1/p' "nats-server_${process[$1]}.ports")
+}
 sed -e "s,/etc/nats,$place,; s,/var/lib/nats,$place/engine,; s,0.0.0.0:4222,127.0.0.1:-1," \
     "$source/packaging/bridge/nats-server.conf" >server.conf
-nats-server -c server.conf --ports_file_dir "$place" >server.log 2>&1 &
-process[server]=$!
-until_ok 10 test -s nats-server_$!.ports
-port=$(sed -n 's/.*"[a-z]*:[^"]*:\([0-9]*\)".*/\1/p' nats-server_${process[server]}.ports)
+start_server server
 
 secure_site() { # name, location, host id, whose certificate
     make_site "$1" "$2" "$3" "tls://localhost:$port"
@@ -55,4 +59,50 @@ must_not forger/bin/tavctl probe -c 1 tavbridge@2   # does not write as 5
 must_not forger/bin/tav-bridge --check              # cannot use 5's consumers
 must test "$(counter a drop_forged_source)" = 0     # the engine has refused it already
 # Its permission to write as 3 does not help: a header from 5 does not fit such a subject (unit tests: kForgedSource).
+
+# Logins. An NKey is base32 of a byte for its type, an Ed25519 key and their CRC-16; a JWT is signed with such keys.
+nkey() { # the bytes in hexadecimal
+    local crc=0 at
+    for ((at = 0; at < ${#1}; at += 2)); do
+        crc=$((crc ^ 0x${1:at:2} << 8))
+        for _ in {1..8}; do crc=$(((crc << 1 ^ (crc >> 15) * 0x1021) & 0xFFFF)); done
+    done
+    printf '%s%02x%02x' "$1" $((crc & 255)) $((crc >> 8)) | sed 's/../\\x&/g' | xargs -0 printf | base32 -w0 | tr -d =
+}
+last_32() { openssl pkey -in "$1.pem" -outform DER "${@:2}" | tail -c 32 | od -An -v -tx1 | tr -d ' \n'; }
+public() { nkey "$2$(last_32 "$1" -pubout)"; } # key, type
+seed() { nkey "9500$(last_32 "$1")"; }         # a user's
+jwt() { # the subject's NKey, claims: signed by the operator's key, a user's by the account's
+    local signer=operator type=70
+    [[ $1 != U* ]] || signer=account type=00
+    base64url() { base64 -w0 | tr '+/' '-_' | tr -d =; }
+    printf '%s.%s' "$(printf '{"typ":"JWT","alg":"ed25519-nkey"}' | base64url)" "$(printf '{"jti":"x","iat":1,"iss":"%s","sub":"%s",
+        "name":"x","nats":{%s,"version":2}}' "$(public $signer $type)" "$1" "$2" | base64url)" | tee signed
+    printf '.%s' "$(openssl pkeyutl -sign -rawin -inkey $signer.pem -in signed | base64url)"
+}
+login_site() { # name, location, lines for [engine], file with the seed
+    make_site "$1" "$2" "100$2" "nats://127.0.0.1:$port"
+    sed -i "/^allow_plain/c $3" "$1/config/tav-bridge.ini"
+    "$1/bin/tav-bridge" >"bridge-$1.log" 2>&1 &
+    process[$1]=$!
+    until_ok 20 "$1/bin/tav-bridge" --check
+    sed -i "s/^SU.*/$(seed stranger)/" "$4"
+    must_not "$1/bin/tav-bridge" --check
+    grep '^FAIL no connection: Auth' out.txt || give_up "$(cat out.txt)"
+}
+for key in operator system account user stranger; do openssl genpkey -algorithm ed25519 -out $key.pem; done
+user=$(public user a0) account=$(public account 00) system=$(public system 00)
+printf 'listen: "127.0.0.1:-1"\njetstream { store_dir: "%s/nkey-engine" }\nauthorization { users: [ { nkey: %s } ] }\n' "$place" "$user" >nkey.conf
+start_server nkey
+seed user >seed
+login_site n 6 "nkey = $user\nnkey_seed = $place/seed" seed
+limits='"subs":-1,"conn":-1,"leaf":-1,"data":-1,"payload":-1,"imports":-1,"exports":-1,"wildcards":true,"mem_storage":-1,"disk_storage":-1'
+printf 'listen: "127.0.0.1:-1"\njetstream { store_dir: "%s/jwt-engine" }\noperator: %s\nresolver: MEMORY\nsystem_account: %s
+resolver_preload: { %s: %s\n %s: %s }\n' "$place" "$(jwt "$(public operator 70)" '"type":"operator"')" "$system" \
+    "$system" "$(jwt "$system" '"type":"account"')" \
+    "$account" "$(jwt "$account" "\"type\":\"account\",\"limits\":{$limits,\"streams\":-1,\"consumer\":-1}")" >jwt.conf
+start_server jwt
+printf -- '-----BEGIN NATS USER JWT-----\n%s\n------END NATS USER JWT------\n-----BEGIN USER NKEY SEED-----\n%s\n------END USER NKEY SEED------\n' \
+    "$(jwt "$user" '"type":"user","subs":-1,"data":-1,"payload":-1')" "$(seed user)" >user.creds
+login_site j 7 "credentials = $place/user.creds" user.creds
 echo "all checks passed"
