@@ -1,6 +1,5 @@
 #include "engine.h"
 
-#include <charconv>
 #include <cstring>
 #include <new>
 #include <random>

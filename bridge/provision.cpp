@@ -202,12 +202,6 @@ bool Provision::audit(bool holding) {
     return good;
 }
 
-void Provision::begin() {
-    begun_ = result_.valid();
-    made_ = false;
-    next_ms_ = 0;
-}
-
 void Provision::tick(bool holding) {
     const uint64_t now_ms = cl_event_loop_now();
     if (!result_.valid() && now_ms >= next_ms_) {

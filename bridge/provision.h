@@ -7,7 +7,6 @@
 // the bridge itself held none, it deletes the consumer and makes it again.
 #pragma once
 
-#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -58,7 +57,8 @@ class Provision {
   public:
     Provision(natsConnection *connection, const Settings &settings);
 
-    void begin(); // the connection is new
+    // The connection is new.
+    void begin() { begun_ = result_.valid(), made_ = false, next_ms_ = 0; }
     // Begins or ends what is due. holding: whether the bridge holds durable messages.
     void tick(bool holding);
     bool done() const { return made_; }

@@ -131,12 +131,12 @@ for name in a b c; do await 20 "bridge $name is not ready" checked "$name"; done
 echo "tav-bridge demo: locations 2, 3 and 4 with a nats-server on port $port, $( ((spaces)) &&
     echo 'each in a network namespace' || echo 'on the loopback address')"
 
-tool b listen log >"$place/listen.txt" 2>&1 &
+"$place/b/bin/tavctl" listen log >"$place/listen.txt" 2>&1 &
 process[listen]=$!
-tool b reply -q --echo echo >"$place/reply.txt" 2>&1 &
+"$place/b/bin/tavctl" reply -q --echo echo >"$place/reply.txt" 2>&1 &
 process[reply]=$!
 mkdir "$place/files"
-tool b recvfile "$place/files" --as files >"$place/recv.txt" 2>&1 &
+"$place/b/bin/tavctl" recvfile "$place/files" --as files >"$place/recv.txt" 2>&1 &
 process[files]=$!
 await 10 "no listener" tool a probe -c 1 log@3
 await 10 "no file receiver" tool a probe -c 1 files@3
