@@ -26,7 +26,7 @@ class ReceivedFile {
     bool is_open() const { return static_cast<bool>(fd_); }
     const char *path() const { return path_; }
     uint64_t received() const { return received_; } // bytes
-    // False when not all of it could be written.
+    // False when not all of it could be written, or the file would be larger than the process may write.
     bool append(const void *data, uint32_t size);
     void close();
     // Removes the temporary file, except in a child process that has only inherited the record.
@@ -39,13 +39,14 @@ class ReceivedFile {
     MallocPtr<char> name; // announced; null: none
 
   private:
-    void reserve(uint32_t next);
+    void reserve(uint64_t limit, uint32_t next);
+    void release_reserve();
 
     UniqueFd fd_; // empty: complete or dropped
     char path_[kPathSize];
     pid_t owner_;
     uint64_t received_ = 0;
-    uint64_t reserved_ = 0; // up to this offset; UINT64_MAX: the file system cannot
+    uint64_t reserved_ = 0; // up to this offset; UINT64_MAX: that has failed
 };
 
 } // namespace tavipc

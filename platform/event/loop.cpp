@@ -286,9 +286,10 @@ void Loop::release_handle() noexcept { delist(std::exchange(handle_, 0)); }
 
 // --- timers -------------------------------------------------------------------------------------------
 
-// libuv's time is that of the end of its wait. What has become due since then ends the next wait at once.
+// libuv's time is that of the end of its wait, and costs nothing. It may be a millisecond late: libuv reads a
+// coarse clock if that has such a resolution. What has become due since the wait ends the next one at once.
 void Loop::fire_timers() noexcept {
-    if (timers_.next_due_ms() > uv_now(uv_.get())) return;
+    if (timers_.next_due_ms() > uv_now(uv_.get()) + 1) return;
     const UvLoop::Callbacks guard(uv_);
     const uint64_t now = clock_ms();
     const uint64_t started_until = timers_.last_started();

@@ -8,10 +8,11 @@
 // When datagrams arrive one by one, a second fetch finds nothing and wastes a third of a microsecond. A drain
 // then fetches one, and only every fourth drain asks for more. When several arrive, a drain fetches until
 // none is left: the next datagram of a fast sender arrives before the loop has completed its turn, and
-// neither side sleeps. It fetches four at a time at first. If it took all that a peer has outstanding, the
-// peer would have nothing to do until the first of them is answered, and would sleep; then both sides would
-// wake each other up by turns. When fetches of four keep being full, many datagrams wait, and larger fetches
-// cost less. Large datagrams are fetched one at a time, into a buffer that stays in the cache.
+// neither side sleeps. At first it fetches one at a time if the callbacks of the drain before sent something,
+// else four. If it took all that a peer has outstanding, the peer would have nothing to do until the first of
+// them is answered, and would sleep; then both sides would wake each other up by turns. After eight in a row
+// many datagrams wait, and larger fetches cost less. Large datagrams are fetched one at a time, into a buffer
+// that stays in the cache.
 #pragma once
 
 #include "fd_watch.h"

@@ -47,6 +47,16 @@ TEST_F(EmbedTest, TheDescriptorIsReadableWhenSomethingIsDue) {
     EXPECT_EQ(cl_event_loop_dispatch(), 0) << "nothing to wait for";
 }
 
+TEST_F(EmbedTest, ATimerFiresInTheFirstTurnAfterItIsDue) {
+    serve_until_quiet();
+    for (size_t fired = 1; fired <= 5; ++fired) {
+        cl_timer_start(2, call, b);
+        while (cl_event_loop_timeout() != 0) continue;
+        cl_event_loop_dispatch();
+        ASSERT_EQ(g_calls.size(), fired);
+    }
+}
+
 TEST_F(EmbedTest, PostedFunctionsRunOnceInOrderOrNever) {
     g_loop = cl_event_loop_self();
     cl_timer_stop(far_); // functions that wait keep the run going

@@ -24,10 +24,16 @@ constexpr long kGetTime = SYS_clock_gettime, kSetTimer = SYS_timerfd_settime;
 #endif
 inline long skipped_s = 0; // the libraries' monotonic clock is ahead by these
 #pragma GCC visibility push(default)
+// The coarse clock is a millisecond late, as it can be where it has 1,000 ticks a second. libuv reads it there.
 extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
-    const long result = syscall(kGetTime, clock, now);
-    if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE) now->tv_sec += skipped_s;
+    const bool coarse = clock == CLOCK_MONOTONIC_COARSE;
+    const long result = syscall(kGetTime, coarse ? CLOCK_MONOTONIC : clock, now);
+    if (coarse && (now->tv_nsec -= 999'999) < 0) now->tv_nsec += 1'000'000'000, --now->tv_sec;
+    if (coarse || clock == CLOCK_MONOTONIC) now->tv_sec += skipped_s;
     return static_cast<int>(result);
+}
+extern "C" int clock_getres(clockid_t, timespec *resolution) noexcept {
+    return *resolution = {0, 1'000'000}, 0;
 }
 extern "C" int timerfd_settime(int fd, int flags, const itimerspec *at, itimerspec *) noexcept {
     itimerspec real = *at;

@@ -43,7 +43,10 @@ int on_file(tav_ipc_st *ipc, const char *path, void *) {
     return -1;
 }
 
-extern "C" int getrlimit(__rlimit_resource_t, rlimit *limit) noexcept { return *limit = {80, 80}, 0; }
+rlim_t largest_file = RLIM_INFINITY; // that the process may write
+extern "C" int getrlimit(__rlimit_resource_t which, rlimit *limit) noexcept {
+    return limit->rlim_cur = which == RLIMIT_FSIZE ? largest_file : 80, 0;
+}
 extern "C" int mkstemp(char *path) {
     EXPECT_STREQ(path, "/tmp/ipc_file.XXXXXX");
     std::strcpy(path, path_of(++made).c_str());
@@ -169,7 +172,14 @@ TEST_F(Files, KeepNoSpaceThatWasReservedAhead) {
     ASSERT_EQ(stat(path_of(1).c_str(), &complete), 0);
     EXPECT_EQ(open.st_size, 40 * 64'000);
     EXPECT_EQ(complete.st_size, 40 * 64'000);
-    EXPECT_LE(complete.st_blocks * 512, 40 * 64'000 + 4096);
+    EXPECT_LE(complete.st_blocks * 512, 40 * 64'000 + 65'536); // a page
+}
+
+TEST_F(Files, NeverExceedTheSizeThatWouldEndTheProcess) {
+    largest_file = 150'000;
+    for (const int32_t result : {0, 0, -107}) EXPECT_EQ(save("gamma", 1, std::string(64'000, 'x')), result);
+    largest_file = RLIM_INFINITY;
+    EXPECT_EQ(fs::file_size(path_of(1)), 128'000u);
 }
 
 TEST_F(Files, PeersGetHalfOfTheDescriptors) {
