@@ -1,6 +1,6 @@
 // Shell, paths and resolver.
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <dlfcn.h>

@@ -24,7 +24,8 @@ constexpr long kGetTime = SYS_clock_gettime, kSetTimer = SYS_timerfd_settime;
 #endif
 inline long skipped_s = 0; // the libraries' monotonic clock is ahead by these
 #pragma GCC visibility push(default)
-// The coarse clock is a millisecond late, as it can be where it has 1,000 ticks a second. libuv reads it there.
+// The coarse clock is a millisecond late, as it can be where it has 1,000 ticks a second. libuv reads it
+// there.
 extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
     const bool coarse = clock == CLOCK_MONOTONIC_COARSE;
     const long result = syscall(kGetTime, coarse ? CLOCK_MONOTONIC : clock, now);
