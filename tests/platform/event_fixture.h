@@ -36,6 +36,18 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
 extern "C" int clock_getres(clockid_t, timespec *resolution) noexcept {
     return *resolution = {0, 1'000'000}, 0;
 }
+#ifdef SYS_clock_gettime64 // libuv has times of 32 bits there
+struct ShortTime {
+    long seconds, nanoseconds;
+};
+extern "C" int short_clock(clockid_t clock, ShortTime *now) noexcept __asm__("clock_gettime");
+extern "C" inline __attribute__((used)) int short_clock(clockid_t clock, ShortTime *now) noexcept {
+    timespec time{};
+    const int result = clock_gettime(clock, &time);
+    *now = {static_cast<long>(time.tv_sec), time.tv_nsec};
+    return result;
+}
+#endif
 extern "C" int timerfd_settime(int fd, int flags, const itimerspec *at, itimerspec *) noexcept {
     itimerspec real = *at;
     real.it_value.tv_sec -= skipped_s;
