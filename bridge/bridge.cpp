@@ -16,7 +16,6 @@
 namespace tavbridge {
 namespace {
 
-constexpr int kHubLocation = 4, kHubPipes = 8; // its modules write to _prx0 to _prx7
 // Bytes that nats.c may hold for its socket before the bridge stops reading. nats.c moves all of them in
 // memory after each partial write, so more of them cost time.
 constexpr int kMostUnsent = 512 << 10;
@@ -76,8 +75,8 @@ class Bridge : Engine::Events {
 
     // The hub's modules write each message to all its pipes: only the first one's copy is forwarded.
     bool open_pipes(std::string &reason) {
-        const bool hub = settings_.home.place.location == kHubLocation;
-        for (int i = 0; i < (hub ? kHubPipes : 1); ++i) {
+        const bool hub = settings_.home.place.location == tavipc::kHubLocation;
+        for (int i = 0; i < (hub ? tavipc::kHubPipes : 1); ++i) {
             const auto forward = [this, i](uint64_t ticket, std::string_view datagram,
                                            std::string_view from) {
                 if (i == 0) return take(ticket, datagram, from);

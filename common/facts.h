@@ -16,6 +16,11 @@ inline constexpr size_t kLongestSocketPath = 107; // bytes: sun_path without its
 inline constexpr int kDirectoryLockTries = 200;
 inline constexpr unsigned kDirectoryLockPause_us = 1000;
 
+// An endpoint writes messages for other locations to the socket "_proxy_", at this location to "_prx0" to
+// "_prx7".
+inline constexpr uint8_t kHubLocation = 4;
+inline constexpr int kHubPipes = 8;
+
 // Bytes of send buffer asked for a socket: 65 fragments. The kernel grants twice this, or its limit.
 inline constexpr int kSendBuffer = 4 << 20;
 

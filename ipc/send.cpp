@@ -25,8 +25,6 @@
 namespace tavipc {
 namespace {
 
-constexpr uint8_t kHubLocation = 4; // the location whose endpoints reach others through "_prx%d" pipes
-constexpr int kHubPipes = 8;
 constexpr size_t kPathSize = 4096; // bytes of a composed path; one over 107 bytes is refused as an address
 
 constinit Relaxed<uint16_t> trace_flag = 0; // ORed into the flags of every header
