@@ -95,8 +95,8 @@ class Deliveries {
 
   private:
     static constexpr size_t kMostDelivered = 65536; // keys to remember: many windows
-    static constexpr size_t kBatch =
-        256; // datagrams, at most 16 MB: the library takes 32 MB for a destination
+    // Datagrams, at most 16 MB: the library takes 32 MB for a destination.
+    static constexpr size_t kBatch = 256;
     static constexpr size_t kMostGathered = 64; // fragments of a message that wait for one another: 4 MB
     static constexpr int kMostQuiet = 6;        // a minute: two deliveries of the engine
     static constexpr uint64_t kLook_ms = 1;

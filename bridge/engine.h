@@ -8,10 +8,14 @@
 // While the connection is down the loop's thread calls no function of nats.c that could wait for its lock.
 #pragma once
 
+#include <cstring>
 #include <mutex>
+#include <new>
+#include <random>
 
 #include <pthread.h>
 
+#include "common/log.h"
 #include "common/unique_fd.h"
 #include "provision.h"
 #include "tavcl_loop.h"
@@ -32,27 +36,85 @@ class Engine {
         ~Events() = default;
     };
 
-    Engine(const Settings &settings, Events &events);
-    ~Engine();
+    Engine(const Settings &settings, Events &events)
+        : settings_(settings), events_(events),
+          inbox_(inbox(settings, false) + ".r." + std::to_string(std::random_device()())) {
+        used_.reserve(kMostUsed);
+    }
+
+    // nats.c's threads may leave notes until the connection is destroyed. Nobody reads them: the caller
+    // releases the loop.
+    ~Engine() {
+        if (connection_) natsConnection_Close(connection_.get()); // ends what provision_ waits for
+        provision_.reset();
+        used_.clear();
+        subscriptions_.clear();
+        connection_.reset();
+        nats_CloseAndWait(kEnd_ms); // its threads call this object
+        watch(0);
+    }
 
     // Begins to connect, and goes on until it succeeds. False, with the reason, when that cannot be tried.
-    bool start(std::string &reason);
-    // To be called twice a second. holding: see Provision.
-    void tick(bool holding);
+    bool start(std::string &reason) {
+        const Options options = make_options(settings_, reason);
+        if (!options) return false;
+        natsStatus status = set_callbacks(options.get());
+        natsConnection *made = nullptr;
+        if (status == NATS_OK) status = natsConnection_Connect(&made, options.get());
+        connection_.reset(made);
+        if (status == NATS_OK) leave([](Note &note) { note.up = true; });
+        if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) {
+            reason = natsStatus_GetText(status);
+            return false;
+        }
+        if (settings_.home.durable) provision_ = std::make_unique<Provision>(made, settings_);
+        return true;
+    }
+
+    // To be called twice a second. holding: see Provision. Tries again what there was no memory for.
+    void tick(bool holding) {
+        take_note();
+        if (connected_ && provision_) provision_->tick(holding);
+    }
+
     bool connected() const { return connected_; }
     bool ready() const { return connected_ && provision_ && provision_->done(); }
     // Bytes that nats.c holds for the socket.
     int unsent_bytes() const { return socket_ ? natsConnection_Buffered(connection_.get()) : 0; }
 
     std::string reply_subject(uint64_t number) const { return inbox_ + '.' + std::to_string(number); }
-    bool publish(const std::string &subject, std::string_view payload);
-    void publish(natsMsg *message);
+
+    bool publish(const std::string &subject, std::string_view payload) {
+        return connected_ && natsConnection_Publish(connection_.get(), subject.c_str(), payload.data(),
+                                                    static_cast<int>(payload.size())) == NATS_OK;
+    }
+
+    void publish(natsMsg *message) {
+        if (connected_) natsConnection_PublishMsg(connection_.get(), message);
+    }
+
     // Answers a durable message: "+ACK", "+WPI" or "-NAK {...}".
-    void answer(natsMsg *message, const char *text);
+    void answer(natsMsg *message, const char *text) {
+        const char *reply = natsMsg_GetReply(message);
+        if (connected_ && reply && std::strncmp(reply, "$JS.ACK.", 8) == 0)
+            natsConnection_PublishString(connection_.get(), reply, text);
+    }
+
     // Writes what was published. Whoever has published calls it once before the loop's turn ends.
-    void flush();
+    void flush() {
+        if (!socket_) return;
+        if (unsent_bytes() > 0) natsConnection_ProcessWriteEvent(connection_.get());
+        const int events = unsent_bytes() > 0 ? CL_IO_READ | CL_IO_WRITE : CL_IO_READ;
+        if (events != watched_) watch(events);
+    }
 
   private:
+    static constexpr int64_t kEnd_ms = 2000;      // for threads of nats.c to end
+    static constexpr int64_t kReconnect_ms = 250; // between attempts: a refused one costs little
+    static constexpr int kPending =
+        65536; // bytes that nats.c keeps while it reconnects; the pipe has the rest
+    static constexpr size_t kMostUsed = 32; // messages
+
     // What nats.c's threads have done since the loop last looked.
     struct Note {
         bool replaced = false; // socket: our own duplicate, since nats.c can close its own at any time
@@ -61,14 +123,141 @@ class Engine {
         bool up = false; // the newest state
     };
 
-    natsStatus set_callbacks(natsOptions *options);
-    template <typename Change> natsStatus leave(Change change);
-    natsStatus replace_socket(int fd);
-    void take_note();
-    void subscribe(const std::string &subject, const char *group = nullptr);
-    void watch(int events);
-    void drain();
-    void take_answer(natsMsg *message);
+    // --- what nats.c's threads report
+
+    natsStatus set_callbacks(natsOptions *options) {
+        const auto up = [](natsConnection *, void *self) {
+            static_cast<Engine *>(self)->leave([](Note &note) { note.up = true; });
+        };
+        const auto down = [](natsConnection *, void *self) {
+            static_cast<Engine *>(self)->leave([](Note &note) { note.up = false, note.lost = true; });
+        };
+        const auto attach = [](void **self, void *engine, natsConnection *, natsSock socket) {
+            *self = engine;
+            const int copy = dup(socket);
+            return copy < 0 ? NATS_SYS_ERROR : static_cast<Engine *>(engine)->replace_socket(copy);
+        };
+        const auto detach = [](void *self) { return static_cast<Engine *>(self)->replace_socket(-1); };
+        const auto read = [](void *self, bool add) { // it stops to read when it has lost the connection
+            return add ? NATS_OK : static_cast<Engine *>(self)->replace_socket(-1);
+        };
+        const auto write = [](void *argument, bool add) { // the loop's thread flushes by itself
+            auto *self = static_cast<Engine *>(argument);
+            return add && !pthread_equal(pthread_self(), self->thread_) ? self->leave([](Note &) {})
+                                                                        : NATS_OK;
+        };
+        natsStatus status = natsOptions_SetEventLoop(options, this, attach, read, write, detach);
+        const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
+        set(natsOptions_SetRetryOnFailedConnect(options, true, up, this));
+        set(natsOptions_SetReconnectedCB(options, up, this));
+        set(natsOptions_SetDisconnectedCB(options, down, this));
+        set(natsOptions_SetMaxReconnect(options, -1));
+        set(natsOptions_SetReconnectWait(options, kReconnect_ms));
+        set(natsOptions_SetReconnectBufSize(options, kPending));
+        set(natsOptions_SetSendAsap(options, true));
+        return status;
+    }
+
+    template <typename Change> natsStatus leave(Change change) {
+        const std::lock_guard lock(mutex_);
+        change(note_);
+        const auto call = [](void *self) { static_cast<Engine *>(self)->take_note(); };
+        return cl_event_loop_post(loop_, call, this) == 0 ? NATS_OK : NATS_NO_MEMORY;
+    }
+
+    natsStatus replace_socket(int fd) {
+        return leave([fd](Note &note) { note.socket = tavipc::UniqueFd(fd), note.replaced = true; });
+    }
+
+    void take_note() try {
+        Note note;
+        {
+            const std::lock_guard lock(mutex_);
+            std::swap(note, note_);
+            note_.up = note.up;
+        }
+        if (note.replaced) {
+            watch(0);
+            socket_ = std::move(note.socket);
+            watch(CL_IO_READ);
+        }
+        if (note.lost && connected_) events_.connected(connected_ = false);
+        if (note.up && !connected_) {
+            if (subscriptions_.empty()) { // nats.c does it again on each new connection
+                subscribe(inbox_ + ".*");
+                subscribe(wildcard(settings_, false, Class::kControl));
+                subscribe(wildcard(settings_, true, Class::kControl), group(settings_));
+                subscribe(deliver_subject(settings_, false));
+                subscribe(deliver_subject(settings_, true), group(settings_));
+            }
+            if (provision_) provision_->begin();
+            events_.connected(connected_ = true);
+        }
+        flush();
+    } catch (const std::bad_alloc &) {
+        if (!connected_) subscriptions_.clear();
+        TAV_LOG_LIMITED(1, "tav_bridge", "memory is short while the connection changes");
+    }
+
+    void subscribe(const std::string &subject, const char *group = nullptr) {
+        natsSubscription *made = nullptr;
+        const natsStatus status =
+            group ? natsConnection_QueueSubscribeSync(&made, connection_.get(), subject.c_str(), group)
+                  : natsConnection_SubscribeSync(&made, connection_.get(), subject.c_str());
+        if (status != NATS_OK) throw std::bad_alloc();
+        subscriptions_.emplace_back(made);
+    }
+
+    // --- reading and writing
+
+    void watch(int events) {
+        if (io_) cl_io_stop(io_);
+        io_ = 0;
+        watched_ = events;
+        if (!events || !socket_) return;
+        const auto ready = [](cl_io_t, int now, void *self) {
+            auto *engine = static_cast<Engine *>(self);
+            if (now & CL_IO_WRITE) engine->flush();
+            if (now & CL_IO_READ) {
+                natsConnection_ProcessReadEvent(engine->connection_.get());
+                engine->drain();
+            }
+            engine->events_.turn_ends();
+            engine->flush();
+        };
+        io_ = cl_io_start(socket_.get(), events, ready, this);
+    }
+
+    // nats.c frees messages in a thread, which it wakes if it sleeps. So they are freed many at once.
+    void drain() {
+        for (const Subscription &subscription : subscriptions_) try {
+                for (;;) {
+                    natsMsg *next = nullptr;
+                    const natsStatus status = natsSubscription_NextMsg(&next, subscription.get(), 0);
+                    if (status == NATS_NO_RESPONDERS) continue; // what was asked is asked again
+                    if (status != NATS_OK) break;
+                    Message message(next);
+                    if (std::string_view(natsMsg_GetSubject(next)).starts_with(inbox_))
+                        take_answer(next);
+                    else
+                        events_.arrived(message);
+                    if (used_.size() == kMostUsed) used_.clear();
+                    if (message) used_.push_back(std::move(message));
+                }
+            } catch (const std::bad_alloc &) { // the rest comes with the next read
+                TAV_LOG_LIMITED(1, "tav_bridge", "memory is short for a message of the engine");
+            }
+    }
+
+    void take_answer(natsMsg *message) {
+        const std::string_view subject = natsMsg_GetSubject(message), text = content(message);
+        uint64_t number = 0;
+        read_number(subject.substr(subject.rfind('.') + 1), number);
+        const bool stored = text.find("\"seq\":") != text.npos && text.find("\"error\"") == text.npos;
+        if (!stored)
+            TAV_LOG_LIMITED(2, "tav_bridge", "the engine does not store: %.300s", std::string(text).c_str());
+        events_.answered(number, stored, text.find("\"duplicate\":true") != text.npos);
+    }
 
     const Settings &settings_;
     Events &events_;

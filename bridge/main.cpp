@@ -7,10 +7,7 @@
 #include <openssl/crypto.h>
 
 #include "bridge.h"
-#include "provision.h"
-#include "tavaux.h"
 #include "tavbase.h"
-#include "tavipc/tav_ipc.h"
 
 namespace {
 
@@ -48,6 +45,22 @@ int check(const Settings &settings, const Problems &problems) {
     return status == NATS_OK && Provision(made, settings).check() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
+int serve(const Settings &settings) {
+    if (!std::getenv("TAV_LOG_LEVEL")) error_output_set_level(3); // drops and connections
+    Bridge bridge(settings);
+    std::string reason;
+    if (!bridge.start(reason)) return fail(reason);
+    const auto stop = [](cl_signal_t, int, void *argument) {
+        tavipc::notify("STOPPING=1");
+        static_cast<Bridge *>(argument)->stop();
+    };
+    cl_signal_start(SIGTERM, stop, &bridge);
+    cl_signal_start(SIGINT, stop, &bridge);
+    tavipc::notify("READY=1");
+    cl_event_loop_run();
+    return EXIT_SUCCESS;
+}
+
 int run(const std::vector<std::string> &words) {
     bool only_check = false;
     char path[PATH_MAX] = "";
@@ -70,9 +83,7 @@ int run(const std::vector<std::string> &words) {
         problems.push_back("this installation has no location or no host id");
     if (only_check) return check(settings, problems);
     if (!problems.empty()) return fail(problems.front());
-    if (!std::getenv("TAV_LOG_LEVEL")) error_output_set_level(3); // drops and connections
-    std::string reason;
-    return run_bridge(settings, reason) ? EXIT_SUCCESS : fail(reason);
+    return serve(settings);
 }
 
 } // namespace

@@ -7,16 +7,21 @@
 // the bridge itself held none, it deletes the consumer and makes it again.
 #pragma once
 
+#include <chrono>
+#include <cstdio>
 #include <future>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <nats/nats.h>
 
+#include "common/log.h"
 #include "common/owned.h"
 #include "settings.h"
+#include "tavcl_ev.h"
 
 namespace tavbridge {
 
@@ -29,6 +34,18 @@ using JetStream = std::unique_ptr<jsCtx, Free<jsCtx_Destroy>>;
 using StreamInfo = std::unique_ptr<jsStreamInfo, Free<jsStreamInfo_Destroy>>;
 using ConsumerInfo = std::unique_ptr<jsConsumerInfo, Free<jsConsumerInfo_Destroy>>;
 
+inline constexpr int64_t kConnect_ms = 2000; // for one attempt; the loop may wait this long for nats.c's lock
+inline constexpr int64_t kPing_ms = 5000;    // a server that does not answer two of these is gone
+inline constexpr int kPings = 2;
+// Bytes. The engine delays all senders for a bridge that reads slowly.
+inline constexpr int kReadAtOnce = 256 << 10;
+inline constexpr int64_t kSecond_ns = 1'000'000'000;
+// Then the engine delivers again. deliveries.h says "+WPI" before.
+inline constexpr int64_t kAcknowledge_s = 30;
+inline constexpr uint64_t kRetry_ms = 1000;
+inline constexpr uint64_t kAudit_ms = 75'000; // longer than any pause between attempts to deliver
+inline constexpr uint64_t kLongLag = 1000;    // messages: more than a window or two
+
 inline std::string_view content(natsMsg *message) {
     return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
 }
@@ -36,34 +53,153 @@ inline std::string_view content(natsMsg *message) {
 // one: each server of a cluster (nats-server 2.9.10) decides by itself whether an id is known, and one that
 // was restarted has forgotten the ids of messages that were acknowledged. It then stores what the others
 // leave out, its sequence numbers differ from theirs, and acknowledgements remove other messages from it.
-constexpr const char *kEngineId = "Nats-Msg-Id", *kBridgeId = "Tav-Msg-Id";
+inline constexpr const char *kEngineId = "Nats-Msg-Id", *kBridgeId = "Tav-Msg-Id";
 // A message for the engine to store. Throws bad_alloc.
-Message durable_message(const Settings &settings, const std::string &subject, const std::string &reply,
-                        const std::string &id, std::string_view datagram);
+inline Message durable_message(const Settings &settings, const std::string &subject, const std::string &reply,
+                               const std::string &id, std::string_view datagram) {
+    natsMsg *made = nullptr;
+    natsStatus status = natsMsg_Create(&made, subject.c_str(), reply.c_str(), datagram.data(),
+                                       static_cast<int>(datagram.size()));
+    Message message(made);
+    if (status == NATS_OK)
+        status = natsMsgHeader_Set(made, settings.replicas > 1 ? kBridgeId : kEngineId, id.c_str());
+    if (status != NATS_OK) throw std::bad_alloc();
+    return message;
+}
+
+// The classes that are stored, each in a stream of its own. The last one is that of messages for any machine.
+inline std::vector<Class> stored(const Settings &settings) {
+    return settings.home.any_to_all ? std::vector{Class::kDurable, Class::kAll}
+                                    : std::vector{Class::kDurable};
+}
+
+inline Place place(const Settings &settings, bool any) {
+    return {settings.home.place.location, any ? 0 : settings.home.place.hostid};
+}
+
+inline std::string stream_name(const Settings &settings, Class kind) {
+    return "TAV_" + settings.domain + (kind == Class::kAll ? "_ALL" : "");
+}
+
+inline std::string error_text() {
+    const char *text = nats_GetLastError(nullptr);
+    return text ? text : "";
+}
+
+inline bool say(bool good, const std::string &what) {
+    std::printf("%s %s\n", good ? "ok  " : "FAIL", what.c_str());
+    return good;
+}
 
 // The beginning of the subjects on which the engine answers this bridge, or all that share messages.
-std::string inbox(const Settings &settings, bool any);
+inline std::string inbox(const Settings &settings, bool any) {
+    return "_INBOX.tav." + settings.domain + '.' + place_text(place(settings, any));
+}
 // All messages of the class for this machine, or for any machine of the location.
-std::string wildcard(const Settings &settings, bool any, Class kind);
-// Where the engine delivers what is stored for them.
-std::string deliver_subject(const Settings &settings, bool any);
+inline std::string wildcard(const Settings &settings, bool any, Class kind) {
+    return "tav." + settings.domain + '.' + place_text(place(settings, any)) + ".*." +
+           static_cast<char>(kind) + ".*.*";
+}
 // Of the bridges that share the messages for any machine; null: each gets all of them.
-const char *group(const Settings &settings);
+inline const char *group(const Settings &settings) { return settings.home.any_to_all ? nullptr : "one"; }
+// Where the engine delivers what is stored for them. Without wildcards, which would not wake a consumer that
+// waits for a subscriber.
+inline std::string deliver_subject(const Settings &settings, bool any) {
+    if (any && group(settings)) return inbox(settings, true) + ".d";
+    return inbox(settings, false) + (any ? ".d.a" : ".d.d");
+}
+
 // Options for a connection of these settings: servers, credentials, TLS. Null, with the reason, when nats.c
 // refuses one.
-Options make_options(const Settings &settings, std::string &reason);
+inline Options make_options(const Settings &settings, std::string &reason) {
+    natsOptions *made = nullptr;
+    natsStatus status = natsOptions_Create(&made);
+    Options options(made);
+    const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
+    std::vector<const char *> servers;
+    for (const std::string &server : settings.servers) servers.push_back(server.c_str());
+    set(natsOptions_SetServers(made, servers.data(), static_cast<int>(servers.size())));
+    set(natsOptions_SetTimeout(made, kConnect_ms));
+    set(natsOptions_SetPingInterval(made, kPing_ms));
+    set(natsOptions_SetMaxPingsOut(made, kPings));
+    set(natsOptions_SetIOBufSize(made, kReadAtOnce));
+    set(natsOptions_SetName(made, "tav-bridge"));
+    set(natsOptions_SetCustomInboxPrefix(made, (inbox(settings, false) + ".k").c_str()));
+    // Only the servers in the file are used: those that the engine announces may be anywhere.
+    set(natsOptions_SetIgnoreDiscoveredServers(made, true));
+    if (settings.tls()) set(natsOptions_SetSecure(made, true));
+    if (!settings.ca.empty()) set(natsOptions_LoadCATrustedCertificates(made, settings.ca.c_str()));
+    if (!settings.certificate.empty())
+        set(natsOptions_LoadCertificatesChain(made, settings.certificate.c_str(), settings.key.c_str()));
+    if (!settings.credentials.empty())
+        set(natsOptions_SetUserCredentialsFromFiles(made, settings.credentials.c_str(), nullptr));
+    if (!settings.nkey.empty())
+        set(natsOptions_SetNKeyFromSeed(made, settings.nkey.c_str(), settings.nkey_seed.c_str()));
+    if (status == NATS_OK) return options;
+    reason = natsStatus_GetText(status);
+    return nullptr;
+}
 
 class Provision {
   public:
-    Provision(natsConnection *connection, const Settings &settings);
+    Provision(natsConnection *connection, const Settings &settings)
+        : js_([connection] {
+              jsCtx *made = nullptr;
+              natsConnection_JetStream(&made, connection, nullptr);
+              return made;
+          }()),
+          settings_(settings) {
+        const std::string location = "L" + std::to_string(settings.home.place.location) + '_';
+        for (const bool any : {false, true}) {
+            const Class kind = any ? stored(settings).back() : Class::kDurable;
+            const char *shared = any ? group(settings) : nullptr;
+            consumers_.push_back({stream_name(settings, kind),
+                                  location + (shared ? "any" : std::to_string(settings.home.place.hostid)),
+                                  wildcard(settings, any, kind), deliver_subject(settings, any), shared});
+        }
+    }
 
     // The connection is new.
     void begin() { begun_ = result_.valid(), made_ = false, next_ms_ = 0; }
     // Begins or ends what is due. holding: whether the bridge holds durable messages.
-    void tick(bool holding);
+    void tick(bool holding) {
+        const uint64_t now_ms = cl_event_loop_now();
+        if (!result_.valid() && now_ms >= next_ms_) {
+            const auto work = [this, holding, again = made_] { return again ? audit(holding) : make(); };
+            result_ = std::async(std::launch::async, work);
+        }
+        if (!result_.valid() || result_.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+            return;
+        made_ = result_.get() && !begun_;
+        next_ms_ = begun_ ? now_ms : now_ms + (made_ ? kAudit_ms : kRetry_ms);
+        begun_ = false;
+    }
+
     bool done() const { return made_; }
     // Prints the state of the streams and consumers. Returns whether it is right.
-    bool check() const;
+    bool check() const {
+        bool good = true;
+        for (const Class kind : stored(settings_)) {
+            const std::string name = stream_name(settings_, kind);
+            const StreamInfo info = stream_info(name);
+            const int64_t most = info ? info->Config->MaxBytes : 0;
+            const uint64_t used = info ? info->State.Bytes : 0;
+            good &= say(info && (most < 0 || used < static_cast<uint64_t>(most - most / 10)),
+                        "stream " + name + ": " +
+                            (info ? std::to_string(info->State.Msgs) + " messages, " + std::to_string(used) +
+                                        " of " + std::to_string(most) + " bytes"
+                                  : error_text()));
+        }
+        for (const Consumer &consumer : consumers_) {
+            const ConsumerInfo info = consumer_info(consumer);
+            good &= say(info && info->NumPending < kLongLag,
+                        "consumer " + consumer.name + " of " + consumer.stream + ": " +
+                            (info ? std::to_string(info->NumPending) + " wait, " +
+                                        std::to_string(info->NumAckPending) + " are being delivered"
+                                  : error_text()));
+        }
+        return good;
+    }
 
   private:
     struct Consumer { // of a stream
@@ -71,12 +207,86 @@ class Provision {
         const char *group;
         uint64_t delivered = 0; // and one more, at the audit before; 0: nothing waited then
     };
-    StreamInfo stream_info(const std::string &name, const std::string &filter = "") const;
-    ConsumerInfo consumer_info(const Consumer &consumer) const;
-    bool make_stream(Class kind) const;
-    bool make_consumer(const Consumer &consumer) const;
-    bool make() const;
-    bool audit(bool holding);
+    StreamInfo stream_info(const std::string &name, const std::string &filter = "") const {
+        jsOptions options;
+        jsOptions_Init(&options);
+        if (!filter.empty()) options.Stream.Info.SubjectsFilter = filter.c_str();
+        jsStreamInfo *info = nullptr;
+        js_GetStreamInfo(&info, js_.get(), name.c_str(), &options, nullptr);
+        return StreamInfo(info);
+    }
+
+    ConsumerInfo consumer_info(const Consumer &consumer) const {
+        jsConsumerInfo *info = nullptr;
+        js_GetConsumerInfo(&info, js_.get(), consumer.stream.c_str(), consumer.name.c_str(), nullptr,
+                           nullptr);
+        return ConsumerInfo(info);
+    }
+
+    bool make_stream(Class kind) const {
+        const std::string name = stream_name(settings_, kind);
+        if (stream_info(name)) return true;
+        const std::string subjects = "tav." + settings_.domain + ".*.*.*." + static_cast<char>(kind) + ".*.*";
+        const char *list[] = {subjects.c_str()};
+        jsStreamConfig config;
+        jsStreamConfig_Init(&config);
+        config.Name = name.c_str();
+        config.Subjects = list;
+        config.SubjectsLen = 1;
+        // A work queue forgets what was acknowledged.
+        config.Retention = kind == Class::kAll ? js_InterestPolicy : js_WorkQueuePolicy;
+        config.Discard = js_DiscardNew; // refuses what does not fit, and the bridge waits
+        config.MaxBytes = static_cast<int64_t>(settings_.stream_bytes);
+        config.MaxAge = static_cast<int64_t>(settings_.stream_age_s) * kSecond_ns;
+        config.Duplicates = static_cast<int64_t>(settings_.duplicates_s) * kSecond_ns;
+        config.Replicas = static_cast<int64_t>(settings_.replicas);
+        return js_AddStream(nullptr, js_.get(), &config, nullptr, nullptr) == NATS_OK;
+    }
+
+    bool make_consumer(const Consumer &consumer) const {
+        jsConsumerConfig config;
+        jsConsumerConfig_Init(&config);
+        config.Name = config.Durable = consumer.name.c_str();
+        config.FilterSubject = consumer.filter.c_str();
+        config.DeliverSubject = consumer.deliver.c_str();
+        config.DeliverGroup = consumer.group;
+        config.AckPolicy = js_AckExplicit;
+        config.AckWait = kAcknowledge_s * kSecond_ns;
+        config.MaxDeliver = -1;
+        config.MaxAckPending = static_cast<int64_t>(settings_.window);
+        return js_AddConsumer(nullptr, js_.get(), consumer.stream.c_str(), &config, nullptr, nullptr) ==
+               NATS_OK;
+    }
+
+    bool make() const {
+        bool good = true;
+        for (const Class kind : stored(settings_)) good = good && make_stream(kind);
+        for (const Consumer &consumer : consumers_) good = good && make_consumer(consumer);
+        if (!good)
+            TAV_LOG_LIMITED(2, "tav_bridge", "a stream or consumer is missing: %s", error_text().c_str());
+        return good;
+    }
+
+    // Returns false when a consumer has to be made anew.
+    bool audit(bool holding) {
+        bool good = true;
+        for (Consumer &consumer : consumers_) {
+            const ConsumerInfo info = consumer_info(consumer);
+            if (!info) good = false; // it may be gone
+            // What other machines have not acknowledged stays in the other stream.
+            if (!info || consumer.stream != stream_name(settings_, Class::kDurable)) continue;
+            const StreamInfo stream = stream_info(consumer.stream, consumer.filter);
+            if (!stream) continue;
+            const bool waits = stream->State.Subjects && stream->State.Subjects->Count > 0 && !holding;
+            const uint64_t now = waits ? info->Delivered.Consumer + 1 : 0;
+            if (std::exchange(consumer.delivered, now) != now || !waits) continue;
+            TAV_LOG(2, "tav_bridge", "the engine does not deliver what it has: consumer %s is made anew",
+                    consumer.name.c_str());
+            js_DeleteConsumer(js_.get(), consumer.stream.c_str(), consumer.name.c_str(), nullptr, nullptr);
+            good = false;
+        }
+        return good;
+    }
 
     const JetStream js_;
     const Settings &settings_;
