@@ -162,7 +162,7 @@ TEST_F(ReceiveTest, IdleSetsExpireAfterTenSeconds) {
     pass(0, 1000); // the sweep could not go on: the next fragment starts it again
     for (uint16_t id = 0; id < 600; ++id) feed(shortened(fragment(0, 2, id)));
     pass(11, 1000);
-    EXPECT_GT(sets(), 580u); // a minute for all, little of it a time
+    EXPECT_GT(sets(), 500u); // a minute for all, about ten sets at a time: the hash is random
     EXPECT_LT(sets(), 600u);
     pass(0, 59'000);
     EXPECT_EQ(sets(), 0u);
