@@ -16,8 +16,8 @@ inline constexpr size_t kLongestSocketPath = 107; // bytes: sun_path without its
 inline constexpr int kDirectoryLockTries = 200;
 inline constexpr unsigned kDirectoryLockPause_us = 1000;
 
-// An endpoint writes messages for other locations to the socket "_proxy_", at this location to "_prx0" to
-// "_prx7".
+// An endpoint writes messages for other locations to the socket "_proxy_" of its own location. The endpoints
+// of the hub's location write them to "_prx0" to "_prx7" instead.
 inline constexpr uint8_t kHubLocation = 4;
 inline constexpr int kHubPipes = 8;
 
