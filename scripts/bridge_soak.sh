@@ -88,15 +88,16 @@ healed() {
         sleep 1
     done
 }
-kill_server() {
-    kill -9 "${process[server-$1]}"
+restart_server() { # site, signal
+    kill -"$2" "${process[server-$1]}"
     wait "${process[server-$1]}" 2>/dev/null || true
     sleep 1
     start_server "$1"
 }
 # A server's copy of the stream may not catch up ("Catchup for stream ... stalled" in its log), although the leader calls it
 # current: a leader may answer no requests for it. After 30 s, as an operator would, we let the stream have another leader, and
-# start the server again.
+# start the server again. When all copies have caught up, but a consumer has no quorum ("resetting WAL state" in a server's log),
+# we start the servers again in turn.
 heal() {
     local end=$((SECONDS + 300)) look=$((SECONDS + 30)) behind
     until healed; do
@@ -105,11 +106,14 @@ heal() {
         look=$((SECONDS + 45))
         behind=$(states | awk '{ last[NR] = $3; if ($3 > most) most = $3 }
             END { for (i = 1; i <= 3; ++i) if (last[i] + 500 < most) { print substr("abc", i, 1); exit } }')
-        [[ -n $behind ]] || continue
+        if [[ -n $behind ]]; then
+            ask a "STREAM.LEADER.STEPDOWN.$stream" >/dev/null || true
+            sleep 5
+            restart_server "$behind" KILL
+        else
+            restart_server "${names[stuck % 3]}" TERM
+        fi
         stuck=$((stuck + 1))
-        ask a "STREAM.LEADER.STEPDOWN.$stream" >/dev/null || true
-        sleep 5
-        kill_server "$behind"
     done
 }
 checked() { inside "$1" "$place/$1/bin/tav-bridge" --check; }
@@ -162,7 +166,7 @@ for ((fault = 0; fault < faults; ++fault)); do
             ip link set "$tag$site" up
             cuts=$((cuts + 1)) ;;
         1) kill_bridge "$site"; bridges=$((bridges + 1)) ;;
-        2) kill_server "$site"; servers=$((servers + 1)) ;;
+        2) restart_server "$site" KILL; servers=$((servers + 1)) ;;
     esac
     sleep $((1 + RANDOM % 3))
     ((fault % 10)) || echo "  $((SECONDS - begun)) s, $fault faults: $(for s in a b c; do account $s | cut -d' ' -f1-6; done | tr '\n' ';')"
