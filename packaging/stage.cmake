@@ -1,6 +1,16 @@
 # Run by cpack on the files of all packages before they are packed: what Debian wants beyond a plain installation. Each
 # package has its copyright and changelogs, documents go by the package's name, manual pages and changelogs are compressed
 # and a page that stands for another one is a link to it.
+
+# The date of the sources: packages of several architectures have the same files, and can be installed together.
+if(NOT DEFINED ENV{SOURCE_DATE_EPOCH}) # which string(TIMESTAMP) and dpkg-deb use
+  execute_process(COMMAND git log -1 --format=%ct WORKING_DIRECTORY ${CPACK_TAVIPC_SOURCE}
+    OUTPUT_VARIABLE epoch OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+  if(NOT epoch) # no repository
+    file(TIMESTAMP ${CPACK_TAVIPC_SOURCE}/CHANGELOG.md epoch "%s" UTC)
+  endif()
+  set(ENV{SOURCE_DATE_EPOCH} ${epoch})
+endif()
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   set(usr ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/${component}/usr)

@@ -44,6 +44,9 @@ unpacked() {
     must_not grep -vE '(/|/lib[a-z_]*\.so\.[0-9.]+|/copyright|/changelog(\.Debian)?\.gz)$' "$place/libtavipc0.list"
     (cd "$root" && must md5sum --quiet -c "$place"/*/md5sums)
     must grep -q 'activate-noawait ldconfig' "$place/libtavipc0/triggers"
+    must test "$(field libtavipc0 Multi-Arch) $(field libtavipc-dev Multi-Arch)" = "same same"
+    must test "$(gunzip -c "$root/usr/share/doc/libtavipc0/changelog.Debian.gz" | sed -n 's/^ -- .*>  //p' | date -f - +%s)" = \
+        "${SOURCE_DATE_EPOCH:-$(git -C "$source" log -1 --format=%ct || stat -c %Y "$source/CHANGELOG.md")}"
     must test "$(field libtavipc-dev Depends)" = "libtavipc0 (= $(field libtavipc0 Version))"
     must grep -q "libtavipc0 (= $(field libtavipc0 Version))" <<<"$(field tavipc-tools Depends)"
     must grep -q 'libnats3.4 (' <<<"$(field tavipc-bridge Depends)"
