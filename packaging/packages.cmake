@@ -73,6 +73,8 @@ set(CPACK_DEBIAN_BRIDGE_PACKAGE_NAME tavipc-bridge)
 set(CPACK_DEBIAN_BRIDGE_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_BRIDGE_PACKAGE_DEPENDS "libtavipc0 ${same_version}, tavipc-tools ${same_version}")
 set(CPACK_DEBIAN_BRIDGE_PACKAGE_SUGGESTS nats-server)
+set(CPACK_DEBIAN_BRIDGE_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/debian/bridge/postinst
+  ${CMAKE_CURRENT_SOURCE_DIR}/debian/bridge/prerm ${CMAKE_CURRENT_SOURCE_DIR}/debian/bridge/postrm)
 set(CPACK_COMPONENT_BRIDGE_DESCRIPTION "messages between the processes of an endpoint agent - bridge
 tav-bridge joins the locations of a machine, and agents of many machines,
 through NATS servers with JetStream. Messages are stored until the receiving

@@ -54,6 +54,21 @@ unpacked() {
     must grep -q 'libuv1 (' <<<"$(field libtavipc0 Depends)"
 }
 
+# What the scripts of tavipc-bridge do on a machine without systemd, which is nothing, and on one with it.
+scripts() {
+    local systemd arguments
+    printf '#!/bin/sh\necho "$@" >>%s\n' "$place/calls" | must install -m 755 /dev/stdin systemctl
+    for systemd in "$place/none" "$place"; do
+        for arguments in "prerm upgrade 2" "postinst configure 1" "prerm remove" "postrm remove"; do
+            sed "s#/run/systemd/system#$systemd#" "tavipc-bridge/${arguments%% *}" >script
+            # shellcheck disable=SC2086 # the arguments are words
+            PATH=$place:$PATH must sh script ${arguments#* }
+        done
+    done
+    must test "$(tr '\n' ';' <calls)" = \
+        "daemon-reload;try-restart tav-bridge.service;stop tav-bridge.socket tav-bridge.service;daemon-reload;"
+}
+
 lean() { # stripped, without paths of the build
     local file
     for file in "$agent/bin/tavctl" "$agent/bin/tav-bridge" "$libraries"/lib{tavipc,tavbase,tavaux,tavcl_ev}.so.0; do
@@ -170,6 +185,7 @@ mv "$agent/config" "$agent/config.installed" # it leads to the machine's /etc
 ln -s "$root/etc/tavipc" "$agent/config"
 sed -e "s#^;deploy_type.*#deploy_type = tmp/${place##*/}#; s/^;cnapp.*/cnapp = 1/; s/^;hostid.*/hostid = 7/" \
     -e 's/^;\([a-z0-9_]* = \)/\1/' "$root/usr/share/doc/tavipc-tools/examples/agent.ini" >"$root/etc/tavipc/agent.ini"
+check "scripts of tavipc-bridge" scripts
 check "stripped, no paths of the build" lean
 check "each header alone, C and C++" headers
 check "programs built by pkg-config and by CMake" consumers
