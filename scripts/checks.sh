@@ -113,10 +113,12 @@ check_includes() {
 
 # A 32-bit build that accepts the modules of the release build.
 build_m32() {
+    local key_option
     [[ -d build/m32/sysroot/usr ]] ||
         quietly build/i386.log tools/i386_sysroot.sh build/m32/sysroot "${i386_packages[@]}" || return 1
-    cp -rp build/release/devkey build/m32/
-    build m32
+    find_key || return 1
+    [[ $key_option != */build/release/devkey/public.pem ]] || cp -rp build/release/devkey build/m32/
+    build m32 "$key_option"
 }
 
 # Prints the statement coverage of each directory of the product after the tests of the preset "coverage".
