@@ -30,6 +30,7 @@ install_under() { # prefix
     while [[ ! -e $parent ]]; do parent=$(dirname "$parent"); done
     [[ -w $parent ]] || root=(sudo)
     quietly build/install.log "${root[@]}" cmake --install build/install --prefix "$1"
-    ((EUID != 0)) || [[ $1 != /usr* ]] || ldconfig
+    ((EUID == 0)) || root=(sudo)
+    [[ $1 != /usr* ]] || "${root[@]}" ldconfig || say "Run ldconfig as root: programs may not find the libraries yet."
     say "installed under $1"
 }
