@@ -37,6 +37,10 @@ compare() { # library, description of the build's
 }
 
 [[ $# == 2 && $1 =~ ^(compare|store)$ ]] || { echo "usage: abi.sh compare|store BUILD" >&2; exit 2; }
+if [[ $1 == compare && ! -d $stored ]]; then
+    echo "skipped: no description for $(uname -m) is stored; ./dev abi store writes one"
+    exit 0
+fi
 fresh=$(mktemp -d)
 trap 'rm -rf "$fresh"' EXIT
 status=0
