@@ -51,6 +51,8 @@ unpacked() {
     must grep -q "libtavipc0 (= $(field libtavipc0 Version))" <<<"$(field tavipc-tools Depends)"
     must grep -q 'libnats3.4 (' <<<"$(field tavipc-bridge Depends)"
     must test -s "$root/usr/share/doc/tavipc-bridge/examples/tav-bridge.ini"
+    must grep -qx "ExecStart=/usr/lib/tavipc/bin/tav-bridge" "$root/usr/lib/systemd/system/tav-bridge.service"
+    must grep -qxe "ReadWritePaths=.* -/etc/tavipc" "$root/usr/lib/systemd/system/tav-bridge.service"
     must grep -q 'libuv1 (' <<<"$(field libtavipc0 Depends)"
 }
 
@@ -172,6 +174,7 @@ readme() {
         printf 'cnapp = 1\nhostid = 7\n' >>'$place/readme/config/agent.ini'
         $(tail -n 1 <<<"$commands")" | tail -n 1)
     must test "$said" = "Success, 8: hello"
+    must grep -qx "ExecStart=$place/readme/bin/tav-bridge" readme/lib/systemd/system/tav-bridge.service
 }
 
 check "packages, owners, dependencies" unpacked
