@@ -92,6 +92,7 @@ std::unique_ptr<Link> make_batching(const Ends &ends);
 std::unique_ptr<Link> make_raw_pair(const Ends &ends); // two datagram sockets, connected to one another
 std::unique_ptr<Link> make_raw_open(const Ends &ends); // sockets that receive from everybody
 std::unique_ptr<Link> make_mmsg(const Ends &ends);     // as the pair, many datagrams a system call
+std::unique_ptr<Link> make_mmsg_open(const Ends &ends);
 std::unique_ptr<Link> make_zeromq(const Ends &ends);
 std::unique_ptr<Link> make_nng(const Ends &ends);
 std::unique_ptr<Link> make_sdbus(const Ends &ends);

@@ -151,7 +151,7 @@ constexpr const char *kNotes[] = {
     "how many times as fast tavipc is",
     "raw-pair: two plain datagram sockets, connected to each other. raw-open: any process may send to the "
     "receiver.",
-    "mmsg: raw-pair with sendmmsg and recvmmsg, which transfer many datagrams in one call.",
+    "mmsg, mmsg-open: the same two with sendmmsg and recvmmsg, which transfer many datagrams in one call.",
     "busy-poll, batching: tavipc with these settings of its event library.",
     "A white slit marks a bar that is longer than the axis; its ratio is on the other side of the line."};
 
@@ -180,8 +180,8 @@ void write_svg(const std::string &path, const std::vector<WorkResults> &all) {
     const auto at = [&](double times) {
         return kLeft + (std::clamp(std::log2(times), kFrom, kTo) - kFrom) / (kTo - kFrom) * kWidth;
     };
-    const char *colours[] = {"",        "#4269d0", "#97bbf5", "#6cc5b0", "#efb118",
-                             "#ff725c", "#a463f2", "#9c6b4e", "#ff8ab7", "#9498a0"};
+    const char *colours[] = {"",        "#4269d0", "#97bbf5", "#6cc5b0", "#efb118", "#ff725c",
+                             "#a463f2", "#9c6b4e", "#ff8ab7", "#9498a0", "#2f8f7f"};
     std::string rows, legend;
     int y = 40;
     for (const WorkResults &results : all) {

@@ -6,7 +6,7 @@
 // open: each end receives on a socket that anybody may send to, as a process with several peers must, and
 //       sends through another one, connected to the peer's. The kernel lets net.unix.max_dgram_qlen
 //       datagrams wait.
-// mmsg: the pair, with as many datagrams per system call as there are.
+// mmsg, mmsg-open: the same, with as many datagrams per system call as there are.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -137,7 +137,7 @@ class RawLink : public MessageLink {
 
 class MmsgLink : public RawLink {
   public:
-    explicit MmsgLink(const Ends &ends) : RawLink(ends, true) {}
+    MmsgLink(const Ends &ends, bool pair) : RawLink(ends, pair) {}
 
     void turn(int timeout_ms) override {
         if (!flush()) block();
@@ -203,6 +203,7 @@ class MmsgLink : public RawLink {
 
 std::unique_ptr<Link> make_raw_pair(const Ends &ends) { return std::make_unique<RawLink>(ends, true); }
 std::unique_ptr<Link> make_raw_open(const Ends &ends) { return std::make_unique<RawLink>(ends, false); }
-std::unique_ptr<Link> make_mmsg(const Ends &ends) { return std::make_unique<MmsgLink>(ends); }
+std::unique_ptr<Link> make_mmsg(const Ends &ends) { return std::make_unique<MmsgLink>(ends, true); }
+std::unique_ptr<Link> make_mmsg_open(const Ends &ends) { return std::make_unique<MmsgLink>(ends, false); }
 
 } // namespace bench

@@ -13,7 +13,7 @@ namespace {
 constexpr char kPeers[] = "tavipc raw-pair raw-open zeromq nng sd-bus";
 constexpr char kTrips[] = "tavipc raw-pair raw-open zeromq nng sd-bus busy-poll";
 constexpr char kRequestPeers[] = "tavipc raw-pair raw-open zeromq nng sd-bus busy-poll batching";
-constexpr char kWithBatches[] = "tavipc raw-pair raw-open mmsg zeromq nng sd-bus batching";
+constexpr char kWithBatches[] = "tavipc raw-pair raw-open mmsg mmsg-open zeromq nng sd-bus batching";
 constexpr char kMany[] = "tavipc raw-open zeromq nng batching";
 constexpr size_t kLargest = 65'471'999;
 constexpr unsigned kBulk = 938; // of 64,000 bytes: 60 MB
@@ -114,6 +114,7 @@ constexpr System kSystems[] = {
     {"zeromq", make_zeromq},       {"nng", make_nng},
     {"sd-bus", make_sdbus},        {"cp", nullptr},
     {"busy-poll", make_busy_poll}, {"batching", make_batching},
+    {"mmsg-open", make_mmsg_open},
 };
 
 std::string payload(size_t size) {
