@@ -24,7 +24,7 @@ int io_events(uint32_t events) {
 } // namespace
 
 bool IoWatches::open() noexcept {
-    if (!set_) set_ = PrivateFd(tavipc::UniqueFd(epoll_create1(EPOLL_CLOEXEC)));
+    if (!set_) set_ = PrivateFd::of([] { return tavipc::UniqueFd(epoll_create1(EPOLL_CLOEXEC)); });
     if (!set_ || watch_.opened()) return static_cast<bool>(set_);
     const auto ready = [](void *self) { static_cast<IoWatches *>(self)->drain(); };
     if (watch_.open(loop_.uv(), set_.get(), ready, this) && watch_.start_reading()) return true;

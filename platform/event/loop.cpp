@@ -70,7 +70,8 @@ bool Loop::open(uv_loop_t *foreign) noexcept {
     handles_made_ = true;
     uv_prepare_start(&prepare_, [](uv_prepare_t *handle) { loop_of(handle).before_poll(); });
     uv_check_start(&check_, [](uv_check_t *handle) { loop_of(handle).after_poll(); });
-    wake_fd_ = PrivateFd(tavipc::UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)));
+    wake_fd_ = PrivateFd::of(
+        [] { return tavipc::UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)); });
     const auto woken = [](void *self) { static_cast<Loop *>(self)->woken(); };
     const auto rung = [](void *self) { static_cast<Loop *>(self)->rung(); };
     if (!wake_fd_ || !wake_watch_.open(uv_, wake_fd_.get(), woken, this) || !wake_watch_.start_reading() ||
@@ -247,7 +248,7 @@ void Loop::rung() noexcept {
 int Loop::embed() noexcept {
     if (uv_.foreign()) return -1;
     if (embedding_) return embedding_.get();
-    PrivateFd set(tavipc::UniqueFd(epoll_create1(EPOLL_CLOEXEC)));
+    PrivateFd set = PrivateFd::of([] { return tavipc::UniqueFd(epoll_create1(EPOLL_CLOEXEC)); });
     if (!set) return -1;
     for (const int fd : {uv_backend_fd(uv_.get()), wake_fd_.get(), mailbox_.fd()}) {
         epoll_event readable{EPOLLIN, {.fd = fd}};

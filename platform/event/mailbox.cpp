@@ -9,7 +9,7 @@
 namespace tavcl_ev {
 
 bool Mailbox::open() noexcept {
-    fd_ = PrivateFd(tavipc::UniqueFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)));
+    fd_ = PrivateFd::of([] { return tavipc::UniqueFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)); });
     return static_cast<bool>(fd_);
 }
 

@@ -39,15 +39,12 @@ void list(int fd) { // may throw bad_alloc
 
 } // namespace
 
-PrivateFd::PrivateFd(tavipc::UniqueFd fd) noexcept {
+void PrivateFd::take(tavipc::UniqueFd fd) noexcept try {
     if (!fd) return;
-    const std::lock_guard lock(g_mutex);
-    try {
-        list(fd.get());
-        fd_ = fd.release();
-    } catch (const std::bad_alloc &) {
-        errno = ENOMEM;
-    }
+    list(fd.get());
+    fd_ = fd.release();
+} catch (const std::bad_alloc &) {
+    errno = ENOMEM;
 }
 
 // Unlists and closes under the lock: a fork in between would make the child close the number's next owner.

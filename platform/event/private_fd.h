@@ -13,11 +13,22 @@
 
 namespace tavcl_ev {
 
+// For the handlers of fork. The list stays locked, and so consistent, from lock to unlock.
+void lock_private_fds() noexcept;
+void unlock_private_fds() noexcept;
+
 class PrivateFd {
   public:
     PrivateFd() = default;
-    // Takes the descriptor. Empty, with errno set, when fd is empty or memory is short.
-    explicit PrivateFd(tavipc::UniqueFd fd) noexcept;
+    // Takes the UniqueFd that make() returns; no thread forks before it is listed. Empty, with errno set,
+    // when that is empty or memory is short.
+    template <class Make> static PrivateFd of(Make make) noexcept {
+        PrivateFd made;
+        lock_private_fds();
+        made.take(make());
+        unlock_private_fds();
+        return made;
+    }
     PrivateFd(PrivateFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     PrivateFd &operator=(PrivateFd &&other) noexcept {
         std::swap(fd_, other.fd_);
@@ -30,12 +41,11 @@ class PrivateFd {
     void reset() noexcept;
 
   private:
+    void take(tavipc::UniqueFd fd) noexcept; // the list is locked
+
     int fd_ = -1;
 };
 
-// For the handlers of fork. The list stays locked, and so consistent, from lock to unlock.
-void lock_private_fds() noexcept;
-void unlock_private_fds() noexcept;
 // Closes every listed descriptor. Only in a forked child.
 void close_private_fds() noexcept;
 // Puts a descriptor that is never ready in the place of a listed one, which is not listed any more then. Only

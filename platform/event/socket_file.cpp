@@ -46,7 +46,8 @@ PrivateFd lock_directory(const char *path) {
     strcpy(directory, path);
     char *slash = strrchr(directory, '/');
     if (slash) slash[slash == directory ? 1 : 0] = '\0';
-    PrivateFd fd(UniqueFd(open(slash ? directory : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+    PrivateFd fd = PrivateFd::of(
+        [&] { return UniqueFd(open(slash ? directory : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)); });
     for (int tries = 0; fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && tries < tavipc::kDirectoryLockTries;
          ++tries)
         usleep(tavipc::kDirectoryLockPause_us);
@@ -99,7 +100,8 @@ bool fill_address(cl_sockaddr_t *address, const char *path) noexcept {
 }
 
 PrivateFd make_datagram_socket() noexcept {
-    PrivateFd fd(UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
+    PrivateFd fd =
+        PrivateFd::of([] { return UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); });
     if (fd) set_send_buffer(fd.get(), tavipc::kSendBuffer);
     return fd;
 }
