@@ -215,7 +215,9 @@ void Loop::after_poll() noexcept {
     uv_.set_waiting(false);
     fire_timers();
     report_finished();
-    set_idle(!finished_.empty());
+    set_idle(!finished_.empty() || (uv_.foreign() && !batches_.empty()));
+    // The caller may wait for its loop's descriptor in place of libuv, without a prepare phase.
+    if (uv_.foreign() && !idling_) wake_for_timers();
 }
 
 void Loop::wake_for_timers() noexcept {

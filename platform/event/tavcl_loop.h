@@ -26,7 +26,8 @@ typedef uint64_t cl_signal_t; /* 0 = none */
 /* Returns a descriptor for poll, epoll or another loop: it is readable when cl_event_loop_dispatch has work,
  * timers included. The caller only waits for it (level-triggered) and must not read or close it. It stays the
  * same until the loop is released; fork closes it in the child. Returns -1 when it cannot be made, or when
- * the thread's loop is an attached libuv loop (wait for that loop's uv_backend_fd). */
+ * the thread's loop is an attached libuv loop (wait for that loop's uv_backend_fd, at most as long as its
+ * uv_backend_timeout says). */
 CL_EV_API int cl_event_loop_fd(void) CL_EV_NOEXCEPT;
 
 /* Returns the milliseconds until this thread's loop has work that is known now: a timer, a finished send, a

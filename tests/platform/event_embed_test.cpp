@@ -1,5 +1,6 @@
 // The loop inside another loop, calls from threads and signal handlers, watches.
 #include <poll.h>
+#include <uv.h>
 
 #include "event_fixture.h"
 #include "tavcl_loop.h"
@@ -45,6 +46,33 @@ TEST_F(EmbedTest, TheDescriptorIsReadableWhenSomethingIsDue) {
     serve_until_quiet();
     EXPECT_EQ(cl_event_loop_timeout(), -1);
     EXPECT_EQ(cl_event_loop_dispatch(), 0) << "nothing to wait for";
+}
+
+// As a loop does that waits for libuv's descriptor, and has uv_run do what is due.
+TEST_F(EmbedTest, ALoopAroundTheCallersLoopMissesNothing) {
+    cl_event_loop_release();
+    uv_loop_t callers;
+    ASSERT_EQ(uv_loop_init(&callers), 0);
+    ASSERT_EQ(cl_event_loop_attach(&callers), 0);
+    cl_event_loop_set_batching(10, 0);
+    const RawPeer peer(path("peer"));
+    const cl_dunix_t from = create("from");
+    const std::string data = "x";
+    size_t arrived = 0;
+    std::function<void()> again = [&] {
+        send(from, "peer", data);
+        cl_timer_start(
+            1, [](void *next) { (*static_cast<std::function<void()> *>(next))(); }, &again);
+    };
+    for (again(); arrived < 5; arrived += peer.read().size()) {
+        pollfd entry{uv_backend_fd(&callers), POLLIN, 0};
+        const int timeout_ms = uv_backend_timeout(&callers);
+        const int ready = poll(&entry, 1, timeout_ms < 0 ? 10'000 : timeout_ms);
+        ASSERT_TRUE(ready > 0 || timeout_ms >= 0) << "work is due";
+        uv_run(&callers, UV_RUN_NOWAIT);
+    }
+    cl_event_loop_release();
+    EXPECT_EQ(uv_loop_close(&callers), 0);
 }
 
 TEST_F(EmbedTest, ATimerFiresInTheFirstTurnAfterItIsDue) {
