@@ -78,14 +78,13 @@ struct RetryRule {
     uint64_t limit; // attempts in all
 };
 
-RetryRule retry_rule(const ipc_queue_msg_st &msg, int status) {
+RetryRule retry_rule(const ipc_queue_msg_st &msg, int status, uint64_t now_ms) {
     const auto wish =
         status == CL_EV_NO_PEER ? exchange_without_peer(msg.ipc, header_of(msg)) : WithoutPeer::kNoExchange;
     if (wish == WithoutPeer::kGivesUp) return {false, 0, 1};
     // Due at the next full second of the loop clock: until then it ranks behind all that is sent, after it
     // nothing waits for it. Once in a second is enough.
-    if (wish == WithoutPeer::kWaits)
-        return {true, static_cast<uint32_t>(1000 - cl_event_loop_now() % 1000), UINT64_MAX};
+    if (wish == WithoutPeer::kWaits) return {true, static_cast<uint32_t>(1000 - now_ms % 1000), UINT64_MAX};
     if (status != CL_EV_WOULD_BLOCK) return {false, 0, kOtherTries};
     if (!conf_loaded()) return {false, 0, kWouldBlockTries};
     const ipc_proxy_conf_st &conf = *get_ipc_proxy_conf();
@@ -94,7 +93,7 @@ RetryRule retry_rule(const ipc_queue_msg_st &msg, int status) {
 
 void put_back_or_drop(ipc_queue_msg_st *msg, int status) {
     const uint64_t now_ms = cl_event_loop_now();
-    const RetryRule rule = retry_rule(*msg, status);
+    const RetryRule rule = retry_rule(*msg, status, now_ms);
     if (rule.fixed_delay)
         ipc_queue_msg_set_retry_later(msg, now_ms, rule.delay_ms);
     else
