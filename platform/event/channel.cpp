@@ -198,10 +198,12 @@ void Channel::add_to_batch(Send *send) noexcept {
     if (batches.empty()) loop_.nudge(); // the turn that ends it
     batches.add(batch_);
     waiting_.push(send);
-    if (++batched_ >= batches.most())
+    if (++batched_ >= batches.most()) {
+        batches.remove(batch_);
         send_batch();
-    else if (batches.overdue())
+    } else if (batches.overdue()) {
         batches.send_all();
+    }
 }
 
 // What the destination does not take begins a stall.
