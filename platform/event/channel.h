@@ -50,6 +50,7 @@ class Channel {
     // Takes out all waiting sends. Only destruction is allowed afterwards.
     SendQueue take_waiting() noexcept { return std::move(waiting_); }
 
+    bool may_connect() const noexcept { return may_connect_; }
     bool waits() const noexcept { return !waiting_.empty(); }
     uint64_t last_used_ms() const noexcept { return last_used_ms_; }
     const cl_sockaddr_t &destination() const noexcept { return destination_; }

@@ -89,8 +89,10 @@ void ChannelSet::sweep() noexcept {
     const uint64_t now = clock_ms();
     sweep_timer_ = 0;
     last_ = nullptr;
+    // A channel that may have no descriptor is made anew with the next send, and may have one then.
     std::erase_if(channels_, [now](const auto &entry) {
-        return !entry.second->waits() && now - entry.second->last_used_ms() >= kIdle_ms;
+        const Channel &channel = *entry.second;
+        return !channel.waits() && (!channel.may_connect() || now - channel.last_used_ms() >= kIdle_ms);
     });
     if (!channels_.empty()) start_sweep();
 }
