@@ -70,8 +70,7 @@ void account_sets(const tav_ipc_st *ipc) {
 // --- the bound
 
 void log_too_many(size_t held_bytes) {
-    TAV_LOG_LIMITED(2, "tav_ipc", "too many fragments wait, the oldest are dropped, %zu bytes held",
-                    held_bytes);
+    TAV_LOG_LIMITED(2, "tav_ipc", "too many fragments wait, some are dropped, %zu bytes held", held_bytes);
 }
 
 // Evicts a set other than the excepted one. False when there is none. Logs.
