@@ -17,11 +17,12 @@ class BusyPoll {
         limit_us_ = limit_us;
         begin();
     }
+    bool on() const noexcept { return limit_us_ > 0; }
     // A wait begins.
     void begin() noexcept { until_us_ = 0; }
-    // Whether the next turn is not to wait. callbacks_run: how many callbacks have run so far.
+    // Whether the next turn is not to wait, if busy polling is on. callbacks_run: how many callbacks have run
+    // so far.
     bool spins(uint64_t callbacks_run) noexcept {
-        if (limit_us_ == 0) return false;
         const uint64_t now_us = clock_us();
         if (until_us_ == 0 || callbacks_run != callbacks_run_) {
             until_us_ = now_us + limit_us_;

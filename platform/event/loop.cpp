@@ -202,12 +202,17 @@ void Loop::before_poll() noexcept {
     const Frame *frame = frame_;
     const bool once = frame && frame->once;
     const bool had_its_turn = once && callbacks_run_ != frame->callbacks_before;
-    // On the caller's loop run_once cannot repeat a turn without work: it would return without a wait.
-    const bool may_spin = !(once && uv_.foreign());
     set_idle(!finished_.empty() || !batches_.empty() || had_its_turn || (frame && frame->stopped) ||
-             (may_spin && busy_poll_.spins(callbacks_run_)));
+             looks_again(once));
     if (!idling_) wake_for_timers();
     uv_.forget_changes();
+}
+
+// Whether the turn that begins does not wait, to find what comes soon. On the caller's loop run_once cannot
+// repeat a turn without work: it would return without a wait.
+bool Loop::looks_again(bool once) noexcept {
+    if (busy_poll_.on()) return !(once && uv_.foreign()) && busy_poll_.spins(callbacks_run_);
+    return !uv_.foreign() && short_poll_.looks(callbacks_run_);
 }
 
 // Idle goes off here and not only before the next poll, because libuv checks it at the very start of a turn.

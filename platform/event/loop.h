@@ -10,7 +10,8 @@
 // callback may run the loop again, so every phase takes an item out of its list before it calls back.
 //
 // If the loop batches (batches.h), the prepare phase first sends all batches. If it polls busily
-// (busy_poll.h), the prepare phase keeps the idle handle active for that time.
+// (busy_poll.h), the prepare phase keeps the idle handle active for that time; if not, for a few turns while
+// work comes fast (short_poll.h).
 //
 // The loop is alive (the prepare handle is referenced) while held_ is not 0: one for each timer of a user,
 // each receiving socket and each send that is not yet reported. All other handles are unreferenced.
@@ -36,6 +37,7 @@
 #include "mailbox.h"
 #include "private_fd.h"
 #include "send_queue.h"
+#include "short_poll.h"
 #include "timers.h"
 #include "uv_loop.h"
 
@@ -140,6 +142,7 @@ class Loop {
     Loop() = default;
     bool open(uv_loop_t *foreign) noexcept;
     void before_poll() noexcept;
+    bool looks_again(bool once) noexcept;
     void after_poll() noexcept;
     void report_finished(cl_dunix_send_cb only = nullptr) noexcept;
     void fire_timers() noexcept;
@@ -181,6 +184,7 @@ class Loop {
 
     Batches batches_;
     BusyPoll busy_poll_;
+    ShortPoll short_poll_;
 
     unsigned channels_ = 0;
     unsigned most_channels_ = 0;

@@ -1,17 +1,24 @@
-// Datagrams that leave at once, batches of datagrams, and busy polling.
+// Datagrams that leave at once, batches of datagrams, and loops that look for work before they sleep.
 #include <csignal>
 #include <poll.h>
 #include <sched.h>
+#include <sys/epoll.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <uv.h>
 
 #include "event_fixture.h"
 #include "tavcl_loop.h"
 
-static std::function<void()> on_yield; // between two turns of busy polling
+static std::function<void()> on_yield;              // between two turns of busy polling
+static std::function<void(int timeout_ms)> on_wait; // before the loop waits, or only looks (0)
 
 #pragma GCC visibility push(default)
 extern "C" int sched_yield() noexcept { return on_yield ? on_yield(), 0 : 0; }
+extern "C" int epoll_wait(int set, epoll_event *events, int most, int timeout_ms) {
+    if (on_wait) on_wait(timeout_ms);
+    return static_cast<int>(syscall(SYS_epoll_pwait, set, events, most, timeout_ms, nullptr, 8));
+}
 #pragma GCC visibility pop
 
 namespace {
@@ -24,7 +31,10 @@ class SpeedTest : public EventTest {
         cl_dunix_set_send_wait(60'000);
         cl_event_loop_set_batching(0, 0); // whatever the environment says
     }
-    ~SpeedTest() override { on_yield = nullptr; }
+    ~SpeedTest() override {
+        on_yield = nullptr;
+        on_wait = nullptr;
+    }
     int send_now(const std::string &to, std::string first, std::string second = {}) {
         const iovec parts[] = {{first.data(), first.size()}, {second.data(), second.size()}};
         const cl_sockaddr_t address = address_of(path(to));
@@ -135,6 +145,25 @@ TEST_F(SpeedTest, ABusyLoopServesEverythingAndSleepsWhenItsTimeIsUp) {
         EXPECT_EQ(cl_event_loop_run(), 1);
         EXPECT_EQ(turns, 2);
     }
+}
+
+TEST_F(SpeedTest, ALoopLooksForMoreBeforeItSleepsWhileThatPays) {
+    constexpr int kMessages = 1000, kTurns = 16, kLongestPause = 255;
+    const RawPeer peer;
+    int received = 0, looks = 0, sleeps = 0, send_at = 0; // 0: only when the loop sleeps
+    receive(socket_, [&](auto &&...) {
+        if (++received % kMessages == 0) cl_event_loop_stop();
+    });
+    on_wait = [&](int timeout_ms) {
+        ++(timeout_ms == 0 ? looks : sleeps);
+        if (timeout_ms != 0 || (send_at && looks % send_at == 0)) peer.send(path("s"), "x");
+    };
+    cl_event_loop_run();
+    EXPECT_EQ(sleeps, kMessages);
+    EXPECT_TRUE(looks >= kTurns && looks <= 11 * kTurns) << looks; // pauses of 1, 3, 7 ... 255 and 255
+    send_at = kTurns / 2;
+    cl_event_loop_run();
+    EXPECT_LE(sleeps, kMessages + kLongestPause + 1);
 }
 
 TEST_F(SpeedTest, ASingleTurnWaitsOnTheCallersBusyLoop) {
