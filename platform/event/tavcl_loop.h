@@ -70,7 +70,10 @@ CL_EV_API int cl_event_loop_post(cl_loop_t loop, void (*function)(void *argument
  * meanwhile. Timers, signals and calls from other threads are served as always; a loop inside another loop
  * (cl_event_loop_fd) does not poll busily. 0, the default, turns it off. An operator can set the default with
  * the environment variable TAV_BUSY_POLL_US. The setting ends with the loop. Returns 0; -1 when no loop can
- * be made. */
+ * be made.
+ *   Without the setting, a loop of the library's own looks for work for about 5 microseconds before it
+ * sleeps, as long as it finds some in that time. If it does not, it tries again less and less often, down to
+ * one sleep in 256. */
 CL_EV_API int cl_event_loop_set_busy_poll(uint32_t microseconds) CL_EV_NOEXCEPT;
 
 /* Batching: datagrams of this thread for destinations that are not full wait until the end of the loop's
