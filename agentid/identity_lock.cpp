@@ -34,6 +34,12 @@ bool has_semaphore_content(const char *path) noexcept {
                   sizeof(int)) == 0;
 }
 
+// To the second: sem_timedwait itself ends at the deadline.
+bool is_over(const timespec &deadline) noexcept {
+    timespec now{};
+    return clock_gettime(CLOCK_REALTIME, &now) != 0 || now.tv_sec > deadline.tv_sec;
+}
+
 // Says what is wrong with the file of a semaphore. Null if the file is usable or does not exist.
 const char *find_defect(const char *path) noexcept {
     struct stat file {};
@@ -76,7 +82,9 @@ bool AgentIdLock::lock() noexcept {
         deadline = {};
     }
     deadline.tv_sec += kLockWait_s;
-    held_ = sem_timedwait(semaphore_, &deadline) == 0;
+    // A signal handler of the program interrupts the wait.
+    do held_ = sem_timedwait(semaphore_, &deadline) == 0;
+    while (!held_ && errno == EINTR && !is_over(deadline));
     if (!held_) {
         const int error = errno;
         TAV_LOG(2, "tav_agentid", "waiting lock semphore failed with error: %d\n", error);

@@ -23,7 +23,8 @@ namespace fs = std::filesystem;
 static const char *const kNames[] = {"lo", "eth0", "eth1", "exactly-15-long"};
 static struct Stage {
     int first = 0, last = 3, without_mac = -1, routed = 2; // interfaces
-    int connect_error = 0, wait_result = 1, socket = 900, sem_open_error = 0, semaphore = 1;
+    int connect_error = 0, wait_result = 1, socket = 900, sem_open_error = 0, semaphore = 1,
+        interruptions = 0;
     unsigned long failing = 0;                                // a request of ioctl, or one of these calls
     std::function<void()> while_computing{}, while_listing{}; // what others do then
     std::string vmid = "123", events{};
@@ -56,6 +57,7 @@ sem_t *sem_open(const char *, int, ...) noexcept {
 }
 int sem_timedwait(sem_t *, const timespec *deadline) { // fails at once instead of waiting
     stage.deadline = *deadline;
+    if (stage.interruptions > 0) return --stage.interruptions, fail(EINTR);
     return stage.semaphore == 1 ? --stage.semaphore : fail(ETIMEDOUT);
 }
 int sem_post(sem_t *) noexcept { return ++stage.semaphore, record("post"); }
@@ -221,6 +223,7 @@ TEST_F(AgentId, FullDiskLeavesAShorterMachineid) {
 
 TEST_F(AgentId, LockIsHeldAroundAStoreAndRemoved) {
     w.clock.gettime = [](clockid_t, timespec *now) { return *now = {1000, 7}, 0; };
+    stage.interruptions = 2; // by signal handlers
     EXPECT_EQ(StoreAgentIdByRuvo(7), 7u);
     EXPECT_EQ(machineid(), id_bytes(7));
     EXPECT_EQ(stage.events, kLocked);
