@@ -142,9 +142,11 @@ void PeerWatches::pass(void *self) noexcept {
     watches->timer_ = 0;
     watches->schedule(kPass_ms);
     watches->listener_.catch_up();
+    // Watches that callbacks start have larger ids. They wait for the next pass, so that the loop turns.
+    const uint64_t newest = watches->watches_.empty() ? 0 : watches->watches_.rbegin()->first;
     for (uint64_t last = 0; ipc->peer_watches == watches;) {
         const auto next = watches->watches_.upper_bound(last);
-        if (next == watches->watches_.end()) return;
+        if (next == watches->watches_.end() || next->first > newest) return;
         last = next->first;
         const int event = watches->look(next->second);
         const Watch watch = next->second;

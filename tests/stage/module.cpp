@@ -162,9 +162,11 @@ void send_file(const std::string &to, const std::string &path, int timeout_s) {
     tav_ipc_send_file(endpoint, &dest, path.c_str(), report, nullptr, timeout_s);
 }
 
-void on_peer(uint64_t, int event, const char *name, void *last) {
+void on_peer(uint64_t id, int event, const char *name, void *last) {
     say("peer", name, event);
     if (event == static_cast<int>(reinterpret_cast<intptr_t>(last))) close_endpoint();
+    if (reinterpret_cast<intptr_t>(last) == -2 && tav_ipc_unwatch(endpoint, id) == 0)
+        tav_ipc_watch(endpoint, name, on_peer, last);
 }
 
 void fork_child() {

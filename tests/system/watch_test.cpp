@@ -90,6 +90,7 @@ TEST_F(Watch, PeersAppearGoAndAreReplaced) {
     };
     alpha.ask("open alpha", "opened ");
     EXPECT_EQ(watched(), 2);
+    alpha.ask("watch heir -1\nwatch heir -2", "peer heir 0"); // the second is renewed in each callback
     alpha.ask("close", "closed");
     EXPECT_EQ(watched(), 0);
     EXPECT_EQ(alpha.finish(), 0); // its loop can be closed
