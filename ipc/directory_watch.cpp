@@ -1,9 +1,12 @@
 #include "ipc/directory_watch.h"
 
+#include <algorithm>
+#include <array>
 #include <cassert>
 #include <cstring>
 #include <new>
 #include <pthread.h>
+#include <string_view>
 #include <sys/inotify.h>
 #include <sys/timerfd.h>
 #include <utility>
@@ -24,9 +27,18 @@ constexpr long kShortLife_ms = 250; // an endpoint of a command-line tool rarely
 constexpr long kRetry_ms = 5000;    // without a descriptor: rare, and a late notice of monitors does no harm
 constexpr uint32_t kModeEvents = IN_ATTRIB | IN_ONLYDIR;
 constexpr uint32_t kFileEvents = kModeEvents | IN_CREATE | IN_DELETE | IN_MOVE;
-// In the directory above, which changes rarely. A removed directory reports no event of its own while one of
-// its sockets is open.
+// In the directories above, which change rarely. A removed directory reports no event of its own while one of
+// its sockets is open, even if it was removed together with those above.
 constexpr uint32_t kAboveEvents = IN_CREATE | IN_DELETE | IN_MOVE | IN_ONLYDIR;
+
+constexpr size_t kMostAbove = 8; // directories; /var, and one for the usual deployment type
+
+using Numbers = std::array<int, 1 + kMostAbove>;
+constexpr Numbers kNothing = [] {
+    Numbers none;
+    none.fill(-1);
+    return none;
+}();
 
 constexpr pthread_key_t kNoKey = ~pthread_key_t{0}; // functions refuse it
 
@@ -71,7 +83,8 @@ class DirectoryWatch {
     bool inotify_ = false;  // what fd_ is; else a timer
     UnsharedFd fd_;
     cl_io_t io_ = 0;
-    int directory_ = -1, above_ = -1; // inotify's numbers; -1: not watched
+    // inotify's numbers; -1: not watched. First the socket directory, then those above it from /var down.
+    Numbers numbers_ = kNothing;
     DirectoryListener *listeners_ = nullptr;
     DirectoryWatch *next_ = nullptr;
 };
@@ -124,7 +137,7 @@ void DirectoryWatch::close() noexcept {
     if (cl_io_stop) cl_io_stop(io_);
     io_ = 0;
     fd_.reset();
-    directory_ = above_ = -1;
+    numbers_ = kNothing;
 }
 
 // The release of the thread's loop ends the watch for the descriptor unseen, so each new listener starts it
@@ -137,7 +150,7 @@ void DirectoryWatch::add(DirectoryListener &listener) noexcept {
     if (files && !(fd_ && inotify_)) return open();
     if (!fd_) return watch(make_timer(kShortLife_ms), false);
     if (files || rested) find_directory();
-    if (inotify_ && directory_ < 0 && above_ < 0) return watch(make_timer(kRetry_ms), false);
+    if (inotify_ && numbers_ == kNothing) return watch(make_timer(kRetry_ms), false);
     cl_io_stop(io_);
     io_ = cl_io_start(fd_.get(), CL_IO_READ, on_ready, this);
 }
@@ -159,8 +172,8 @@ void DirectoryWatch::remove(DirectoryListener &listener) noexcept {
 // numbers that are not given again.
 void DirectoryWatch::rest() noexcept {
     cl_io_stop(std::exchange(io_, 0));
-    for (int *number : {&directory_, &above_})
-        if (const int old = std::exchange(*number, -1); old >= 0) ::inotify_rm_watch(fd_.get(), old);
+    for (int &number : numbers_)
+        if (const int old = std::exchange(number, -1); old >= 0) ::inotify_rm_watch(fd_.get(), old);
 }
 
 void DirectoryWatch::watch(UniqueFd fd, bool inotify) noexcept {
@@ -171,33 +184,46 @@ void DirectoryWatch::watch(UniqueFd fd, bool inotify) noexcept {
     if (!io_) fd_.reset();
 }
 
-// Watches the directory that has the name now, for the events that the listeners need.
+// Watches the directories that have the names now, the upper ones first: what comes after that is reported.
+// The socket directory is watched for the events that the listeners need.
 void DirectoryWatch::find_directory() noexcept {
     char path[kLongestSocketPath + 1];
     if (!directory_path(path, sizeof path, location_)) return;
     uint32_t events = kModeEvents;
     for (const DirectoryListener *listener = listeners_; listener; listener = listener->next_)
         if (listener->interest_ == DirectoryListener::Interest::kFiles) events = kFileEvents;
-    const int older = std::exchange(directory_, ::inotify_add_watch(fd_.get(), path, events));
-    if (older >= 0 && older != directory_) ::inotify_rm_watch(fd_.get(), older);
-    if (above_ >= 0) return;
-    *std::strrchr(path, '/') = '\0';
-    std::strrchr(path, '/')[1] = '\0';
-    above_ = ::inotify_add_watch(fd_.get(), path, kAboveEvents);
+    const Numbers older = std::exchange(numbers_, kNothing);
+    size_t above = 0;
+    for (char *at = path + std::strlen(kSocketRoot); *at != '\0'; at = std::strchr(at, '/') + 1) {
+        const char first = std::exchange(*at, '\0');
+        if (++above < numbers_.size()) numbers_[above] = ::inotify_add_watch(fd_.get(), path, kAboveEvents);
+        *at = first;
+    }
+    numbers_[0] = ::inotify_add_watch(fd_.get(), path, events);
+    for (const int number : older)
+        if (number >= 0 && std::ranges::find(numbers_, number) == numbers_.end())
+            ::inotify_rm_watch(fd_.get(), number);
 }
 
+// Whether a directory of the path may be another one now.
 bool DirectoryWatch::is_about_directory(const inotify_event &event, const char *name) const noexcept {
     char path[kLongestSocketPath + 1];
-    if (event.wd != above_) return event.wd == directory_ && (event.mask & IN_IGNORED);
-    if (!name || !directory_path(path, sizeof path, location_)) return true;
-    *std::strrchr(path, '/') = '\0';
-    return std::strcmp(std::strrchr(path, '/') + 1, name) == 0;
+    if (event.wd == numbers_[0]) return event.mask & IN_IGNORED;
+    if (event.wd < 0 || !directory_path(path, sizeof path, location_)) return true;
+    const char *part = path + std::strlen(kSocketRoot);
+    for (size_t above = 1; above < numbers_.size(); ++above) {
+        const size_t length = std::strcspn(part, "/");
+        const bool other = name && std::string_view(name) != std::string_view(part, length);
+        if (event.wd == numbers_[above] && !other) return true;
+        part += length + (part[length] != '\0');
+    }
+    return false;
 }
 
 void DirectoryWatch::open() noexcept {
     watch(UniqueFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)), true);
     if (fd_) find_directory();
-    if (directory_ < 0 && above_ < 0) return watch(make_timer(kRetry_ms), false);
+    if (numbers_ == kNothing) return watch(make_timer(kRetry_ms), false);
     tell(nullptr, false); // it may have changed before
 }
 
@@ -229,11 +255,12 @@ void DirectoryWatch::read_events() noexcept {
             at += static_cast<ssize_t>(sizeof event + event.len);
             lost = lost || is_about_directory(event, name);
             // Lost events (IN_Q_OVERFLOW, without a number) may have been about anything.
-            if (event.wd == directory_ || event.wd < 0) tell(name, event.mask & (IN_DELETE | IN_MOVE));
+            if (event.wd == numbers_[0] || event.wd < 0) tell(name, event.mask & (IN_DELETE | IN_MOVE));
         }
     }
     if (!lost) return;
     find_directory();
+    if (numbers_ == kNothing) return watch(make_timer(kRetry_ms), false);
     tell(nullptr, false);
 }
 

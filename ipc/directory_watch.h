@@ -6,8 +6,9 @@
 // for about 11 ms if it watches something, or did some milliseconds ago, also at the end of the process. The
 // thread therefore keeps its descriptor to its end; without listeners it watches nothing. A program that has
 // an endpoint for less than a quarter of a second, as command-line tools do, gets none: the loop watches a
-// timer's descriptor until then. A timer also retries if no inotify descriptor can be made. The directory
-// above is watched, too: if the directory is removed and made again, the new one is watched.
+// timer's descriptor until then. A timer also retries if no inotify descriptor can be made. The directories
+// above are watched, too: if the directory is removed and made again, also with those of the deployment type,
+// the new one is watched.
 //
 // If the event library cannot watch descriptors, no change is reported. A forked child has the listeners of
 // its parent, but gets no reports.

@@ -52,7 +52,9 @@ struct Monitor {
 };
 
 struct Watch : testing::Test {
-    Watch() : place({}) { place.allow({"alpha", "beta"}); }
+    Watch() : place({.root = "/var/tmp/tavipc-watch" + std::to_string(getpid())}) {
+        place.allow({"alpha", "beta"});
+    }
     const Installation place;
     Process alpha = place.start("alpha"), beta = place.start("beta");
 };
@@ -89,7 +91,7 @@ TEST_F(Watch, PeersAppearGoAndAreReplaced) {
         return count;
     };
     alpha.ask("open alpha", "opened ");
-    EXPECT_EQ(watched(), 2);
+    EXPECT_EQ(watched(), 4);                                  // from /var down
     alpha.ask("watch heir -1\nwatch heir -2", "peer heir 0"); // the second is renewed in each callback
     alpha.ask("close", "closed");
     EXPECT_EQ(watched(), 0);
@@ -139,7 +141,9 @@ TEST_F(Watch, MonitorsOfTheModulesUserGetCopies) {
     EXPECT_GT(last.missed, 0u);
     EXPECT_GE(taken + last.missed, 5000u);
 
-    fs::remove_all(place.sockets());
+    alpha.ask("watch heir -1", "peer heir 0"); // it has an inotify descriptor from now on
+    fs::remove_all(place.sockets().parent_path());
+    for (int i = 0; i < 2; ++i) alpha.ask("fork", "child 0"); // it has noticed that
     fs::create_directories(place.sockets());
     const Monitor datagrams(names + "0", SOCK_DGRAM);
     while (std::string_view(datagrams.next(TAV_IPC_MONITOR_HELLO).endpoint) != "alpha")
