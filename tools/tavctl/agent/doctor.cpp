@@ -74,10 +74,10 @@ std::optional<long> setting(const char *path) {
     return std::ifstream(path) >> value ? std::optional(value) : std::nullopt; // some systems do not have it
 }
 
-// For now, and after the next start.
+// For now, and after the next start: in a file that comes after the packaged 60-tavipc.conf.
 std::string sysctl_remedy(const std::string &assignment) {
     return as_root("sysctl -w " + assignment) + "\necho " + assignment + " | " +
-           as_root("tee -a /etc/sysctl.d/60-tavipc.conf");
+           as_root("tee -a /etc/sysctl.d/61-tavipc-local.conf");
 }
 
 Finding check_queue() {
