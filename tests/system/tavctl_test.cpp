@@ -262,6 +262,9 @@ TEST_F(Tavctl, DoctorFindsWhatIsBrokenAndChangesNothing) {
         std::ofstream(config_ / "agent.ini") << "[agent]\n" << ini;
         EXPECT_THAT(expect(1, {"doctor"}, seen), HasSubstr("chmod o-w")) << ini;
     }
+    std::ofstream(config_ / "tav-bridge.ini");
+    place_.put("tav-bridge", "/bin/false"); // the real one would make an id
+    expect(1, {"doctor"}, "not tried, because there is no agent id");
     EXPECT_FALSE(fs::exists(config_ / "machineid"));
 }
 

@@ -180,11 +180,13 @@ Finding check_environment() {
 }
 
 // What tav-bridge says itself, if this agent has one: server, streams, and how much waits for this location.
-Finding check_bridge() {
+// Without an agent id it would make and store one.
+Finding check_bridge(const Findings &findings) {
     const std::string program = fs::path(own_executable()).parent_path() / "tav-bridge";
     if (access((config_beside(own_executable()) + "/tav-bridge.ini").c_str(), F_OK) != 0 ||
         access(program.c_str(), X_OK) != 0)
         return skip("this agent has no bridge to other locations");
+    if (!findings.has_id) return skip("not tried, because there is no agent id");
     FILE *output = popen((quoted(program) + " --check 2>&1").c_str(), "r");
     if (!output) return warn("tav-bridge --check cannot be started", "tav-bridge --check");
     std::string seen, failed;
@@ -197,15 +199,11 @@ Finding check_bridge() {
     return fail("tav-bridge --check: " + failed, quoted(program) + " --check");
 }
 
-constexpr std::pair<const char *, Finding (*)()> kMachineChecks[] = {{"datagram queue", check_queue},
-                                                                     {"send buffer", check_buffers},
-                                                                     {"open files", check_descriptors},
-                                                                     {"/tmp", check_space},
-                                                                     {"received files", check_received_files},
-                                                                     {"clock", check_clock},
-                                                                     {"trace switch", check_trace_switch},
-                                                                     {"environment", check_environment},
-                                                                     {"bridge", check_bridge}};
+constexpr std::pair<const char *, Finding (*)()> kMachineChecks[] = {
+    {"datagram queue", check_queue},          {"send buffer", check_buffers},
+    {"open files", check_descriptors},        {"/tmp", check_space},
+    {"received files", check_received_files}, {"clock", check_clock},
+    {"trace switch", check_trace_switch},     {"environment", check_environment}};
 
 } // namespace
 
@@ -245,6 +243,7 @@ int doctor(Console &out, const Args &) {
     Findings findings(out);
     check_agent(findings);
     for (const auto &[name, check] : kMachineChecks) findings.add(name, check());
+    findings.add("bridge", check_bridge(findings));
     findings.add("endpoint", check_endpoint(findings));
     return findings.summarize() ? kSuccess : kFailure;
 }
