@@ -75,7 +75,9 @@ void MonitorSockets::open(const SocketDirectory &directory) {
     if (listeners_.size() == kMostListeners)
         throw Problem("there are too many socket directories to monitor");
     UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    const mode_t before = umask(0177);
+    // The file gets its mode from bind: after it, the owner of the directory could put a link there. Modules
+    // of other users connect to root's monitor.
+    const mode_t before = umask(geteuid() == 0 ? 0111 : 0177);
     const std::string path = bind_in(directory, fd.get());
     umask(before);
     if (path.empty() && errno == EADDRINUSE)
@@ -86,8 +88,9 @@ void MonitorSockets::open(const SocketDirectory &directory) {
                              "run tavctl as the user of the modules, or as root");
     char(&file)[sizeof files[0]] = files[listeners_.size()];
     file[path.copy(file, path.size())] = '\0';
-    // Modules watch for the change of the mode. Those of other users connect to root's monitor.
-    if (listen(fd.get(), SOMAXCONN) != 0 || chmod(path.c_str(), geteuid() == 0 ? 0666 : 0600) != 0)
+    // Modules watch for changed attributes (IN_ATTRIB): new times do no harm to any other file.
+    if (listen(fd.get(), SOMAXCONN) != 0 ||
+        utimensat(AT_FDCWD, path.c_str(), nullptr, AT_SYMLINK_NOFOLLOW) != 0)
         throw unlink(path.c_str()), system_problem("cannot monitor " + directory.path);
     poll_for(fd.get(), listeners_.size());
     listeners_.push_back({directory.path, path, std::move(fd)});
