@@ -130,6 +130,12 @@ TEST_F(Tavctl, KeepsTheSignedList) {
     std::ofstream(dir + "/linux.json") << "{\"linux\":[1]}";
     list(1, {"add", "delta"}); // what nobody signed is not signed along
     list(0, {"sign"});
+    fs::rename(dir + "/linux.json", root_ / "real");
+    fs::create_symlink("../../real", dir + "/linux.json");
+    list(0, {"add", "delta"}); // the link stays
+    EXPECT_TRUE(fs::is_symlink(dir + "/linux.json"));
+    if (lchown((dir + "/linux.json").c_str(), 65534, 65534) == 0) // as root only
+        list(1, {"remove", "delta"}, "linux.json is a link of another user");
 }
 
 TEST_F(Tavctl, ExplainsADatagramAndTellsWrongUsageFromFailure) {

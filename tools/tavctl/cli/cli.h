@@ -230,7 +230,8 @@ UniqueFd open_regular_file(const std::string &path);
 std::vector<fs::path> files_in(const std::string &directory);
 
 // A new file that replaces path in one step: a reader sees the old file or the whole new one. The old file's
-// mode and owner are kept; mode is for a file that did not exist.
+// mode and owner are kept; mode is for a file that did not exist. Links of root and of this user are
+// followed.
 class NewFile {
   public:
     NewFile(const std::string &path, std::string_view content, unsigned mode = 0644);

@@ -1,9 +1,12 @@
+#include <climits>
+
 #include "cli/cli.h"
-#include "common/owned.h"
 #include "common/regular_file.h"
 
 namespace tavctl {
 namespace {
+
+constexpr int kMostLinks = 40; // that lead to one file: as many as the kernel follows
 
 void write_all(int fd, std::string_view content, const std::string &path) {
     while (!content.empty()) {
@@ -14,10 +17,22 @@ void write_all(int fd, std::string_view content, const std::string &path) {
     }
 }
 
-// The file that a link leads to: the link stays, the file is replaced.
-std::string real_path(const std::string &path) {
-    const tavipc::MallocPtr<char> real(::realpath(path.c_str(), nullptr));
-    return real ? real.get() : path;
+// The file that links lead to: the links stay, the file is replaced. The owner of the directory may have made
+// a link to any file, so only links of root and of this user are followed.
+std::string real_path(std::string path) {
+    for (int links = 0; links < kMostLinks; ++links) {
+        const UniqueFd link(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        struct stat status {};
+        if (!link || ::fstat(link.get(), &status) != 0 || !S_ISLNK(status.st_mode)) return path;
+        if (status.st_uid != 0 && status.st_uid != ::geteuid())
+            throw Problem(path + " is a link of another user, to a file that would be replaced",
+                          "give the path of the file itself, or make the link anew");
+        char target[PATH_MAX];
+        const ssize_t size = ::readlinkat(link.get(), "", target, sizeof target);
+        if (size <= 0) throw system_problem("cannot read the link " + path);
+        path = fs::path(path).parent_path() / std::string_view(target, static_cast<size_t>(size));
+    }
+    throw Problem(path + ": too many links lead there");
 }
 
 } // namespace
