@@ -247,11 +247,23 @@ TEST_F(Tavctl, BelievesNoCounterFile) {
     EXPECT_THAT(metrics, HasSubstr("\ntavipc_running" + labels + "\"} 0\n"))
         << "another process has begun then";
     for (const size_t size : {0, 39, 40, 41, 500, 1000, 1383}) expect_of(size, {"stats", "--json"});
-    file.header.record_count = file.header.value_count = UINT32_MAX;
+    file.header.record_count = 4096;
+    file.header.value_count = UINT32_MAX;
     expect_of(sizeof file, {"stats"}, "a\"\\??@2, process");
+    EXPECT_THAT(expect(0, {"list"}), Not(HasSubstr(sockets_))) << "it is no file of another kind";
+    const fs::path other = sockets_ / "zon_ipc3"; // that nobody names, where any user can make directories
+    fs::create_directory(other);
+    const int found = bind_to(other / "x");
+    fs::copy(sockets_ / ("ipc" + pid + ".stats"), other / "ipc1.stats");
+    expect(0, {"stats"}, other / "ipc1.stats: of another process");
+    if (chown((other / "ipc1.stats").c_str(), 65534, 65534) == 0) // as root only
+        expect(0, {"stats"}, other / "ipc1.stats: of user ");
+    close(found);
+    file.header.record_count = 4097;
+    expect_of(sizeof file, {"stats"}, "its header is damaged");
+    file.header.record_count = 3;
     file.header.record_size = 8;
     expect_of(sizeof file, {"stats"}, "its header is damaged");
-    EXPECT_THAT(expect(0, {"list"}), Not(HasSubstr(sockets_))) << "it is no file of another kind";
 }
 
 TEST_F(Tavctl, DoctorFindsWhatIsBrokenAndChangesNothing) {

@@ -14,7 +14,8 @@ namespace {
 
 constexpr size_t kNumbers = offsetof(tav_ipc_stats_record_st, values); // bytes of a record before its values
 constexpr size_t kLargestRecord = 65'536, kLargestFile = 64u << 20; // bytes: far beyond what a library makes
-constexpr int kTries = 4; // to read a record that is taken or freed meanwhile
+constexpr uint32_t kMostRecords = 4096; // a library makes 512; each takes some 600 bytes of memory here
+constexpr int kTries = 4;               // to read a record that is taken or freed meanwhile
 
 // A process id may be given again, so the start time must agree, too.
 ProcessState state_of(pid_t process, uint64_t started) {
@@ -73,7 +74,8 @@ class Reader {
         if (header_.pid != static_cast<uint32_t>(file_.process))
             return "of another process than its name says";
         if (header_.header_size < sizeof header_ || header_.record_size < kNumbers ||
-            header_.record_size % 8 != 0 || header_.record_size > kLargestRecord)
+            header_.record_size % 8 != 0 || header_.record_size > kLargestRecord ||
+            header_.record_count > kMostRecords)
             return "its header is damaged";
         return {};
     }
@@ -145,6 +147,27 @@ double seconds_since(uint64_t begin_ms) {
     return std::max(0.0, now_seconds() - static_cast<double>(begin_ms) / 1000);
 }
 
+bool is_trusted(uid_t user) { return user == 0 || user == geteuid(); }
+
+// Whether only root and this user can have made the directory: no other one may write to those above it.
+bool is_trusted_place(const fs::path &directory) {
+    for (fs::path above = directory.parent_path(); above != above.root_path(); above = above.parent_path()) {
+        struct stat found {};
+        if (stat(above.c_str(), &found) != 0 || !is_trusted(found.st_uid) ||
+            (found.st_mode & (S_IWGRP | S_IWOTH)))
+            return false;
+    }
+    return true;
+}
+
+// Why the file is not read; empty when it is. Any user can make directories with files of counters somewhere
+// below /var.
+std::string objection(bool trusted_directory, int fd) {
+    struct stat info {};
+    if (trusted_directory || (fstat(fd, &info) == 0 && is_trusted(info.st_uid))) return {};
+    return "of user " + user_name(info.st_uid) + ", not read without --deploy-type";
+}
+
 } // namespace
 
 pid_t counting_process(std::string_view name) {
@@ -169,7 +192,8 @@ double Counters::age_s() const { return seconds_since(since_ms); }
 
 std::vector<CounterFile> read_counters(const std::vector<SocketDirectory> &directories) {
     std::vector<CounterFile> files;
-    for (const SocketDirectory &directory : directories)
+    for (const SocketDirectory &directory : directories) {
+        const bool trusted = directory.named || is_trusted_place(directory.path);
         for (const fs::path &path : files_in(directory.path)) {
             CounterFile file;
             file.path = path;
@@ -178,12 +202,11 @@ std::vector<CounterFile> read_counters(const std::vector<SocketDirectory> &direc
             const UniqueFd fd(tavipc::open_regular(path.c_str(), O_RDONLY | O_NOFOLLOW));
             if (!fd && errno == ENOENT) continue; // gone meanwhile
             file.time = now_seconds();
-            if (fd)
-                Reader(fd.get(), file).read();
-            else
-                file.error = std::strerror(errno);
+            file.error = fd ? objection(trusted, fd.get()) : std::strerror(errno);
+            if (file.error.empty()) Reader(fd.get(), file).read();
             files.push_back(std::move(file));
         }
+    }
     std::ranges::sort(files, {}, [](const CounterFile &file) {
         return std::tuple(file.state == ProcessState::kEnded, file.process, file.path);
     });
