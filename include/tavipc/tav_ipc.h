@@ -14,7 +14,9 @@
  *     memory" or "memory not enough" in the log (level 0). Essential are addresses, endpoint handles,
  *     outstanding exchanges, messages under reassembly and received files. All other functions fail as their
  *     comments say.
- *  6. A log sink is a callback, too: any function of an endpoint may write a log line from inside.
+ *  6. A log sink is a callback, too: any function of an endpoint may write a log line from inside. A
+ *     sink should not run the loop: if it does so while an exchange is being sent, the answer may arrive
+ *     before the exchange is recorded. The answer is then ignored, and the exchange times out.
  *
  * Threads: each thread of a process may have endpoints of its own, on its own loop. Message ids are unique in
  * the process. Functions without an endpoint (addresses, texts, host ids, traces) may be called on any
@@ -231,7 +233,9 @@ TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
  * address with ADDR_FLAG_COMPRESS_OK. Returns 0 when the message was sent or queued. Returns IPC_ERR_SENDTO
  * (-101) when it was refused:
  *   - the handle or the destination is null, or the endpoint is being destroyed
- *   - the destination's name is empty, "." or "..", or has a "/"
+ *   - the destination is at this location (or its location is 0) and its name is empty, "." or "..", or has a
+ *     "/". Names at other locations are not checked: the message goes to a proxy endpoint
+ *   - the path of the socket to send to has more than 107 bytes
  *   - the message has more than 65,471,999 bytes (after compression)
  *   - with this message, 32 MiB or more would be in flight to the destination (64 MiB for control traffic and
  *     for priorities of 7 and more, so larger messages must be one of these)
@@ -242,20 +246,25 @@ TAVIPC_API int tav_ipc_send(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t c
                             uint32_t size) TAVIPC_NOEXCEPT;
 
 /* The same with flags (IPC_FLAG_* or the application's own bits) and a message id. If reqid is not null and
- * *reqid is not 0, the message has that id; a *reqid of 0 is replaced by the id that was drawn. */
+ * *reqid is not 0, the message has that id; a *reqid of 0 is replaced by the id that was drawn.
+ *   From location 4 to a location outside 5 to 11 the library sends eight copies, to the endpoints _prx0 to
+ * _prx7 (see tavipc(7)). tav_ipc_send and this function then return 0 when at least one copy was sent or
+ * queued. All copies have the same id if reqid is not null, else each has its own. */
 TAVIPC_API int tav_ipc_send_with_flags(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t cmd,
                                        const void *data, uint32_t size, uint16_t flags,
                                        uint32_t *reqid) TAVIPC_NOEXCEPT;
 
 /* Sends a ready datagram to the socket file dpipe in the directory of the handle's location. The datagram is
  * a 60-byte header, complete but for magic, and its size bytes of payload. It has any alignment, stays the
- * caller's and is not changed. Limits and results are those of tav_ipc_send, for the name dpipe too. */
+ * caller's and is not changed. Limits and results are those of tav_ipc_send; dpipe must be a file name, while
+ * the names in the header are not checked. */
 TAVIPC_API int tav_ipc_send_raw(tav_ipc_st *ipc, const char *dpipe, const void *datagram) TAVIPC_NOEXCEPT;
 
 /* --- exchanges -----------------------------------------------------------------------------------
  * Each completes exactly once, through its callback (which may be null): with the answer;
  * with IPC_ERR_TIMEOUT when timeout_s seconds have passed (counted in whole seconds of the wall clock and
- * looked at once a second, so up to two seconds late; 0 ends with the second, a negative one at once);
+ * looked at once a second, so up to two seconds late; 0 ends with the second, a negative one at the next
+ * look, within a second);
  * with IPC_ERR_CLOSED when the endpoint is destroyed, from inside tav_ipc_destroy; or with the send path's
  * IPC_ERR_SENDTO (null arguments too) from the loop, 1 ms later. On an endpoint that is being destroyed
  * nothing is sent and the exchange completes 1 ms later with IPC_ERR_CLOSED. The callback never runs from

@@ -41,16 +41,20 @@ TAVIPC_BEGIN_DECLS
  * with IPC_ERR_CANCELLED; or with IPC_ERR_CLOSED from inside tav_ipc_destroy. A peer that goes after it has
  * taken the message does not end the exchange. kind is a value of tav_ipc_exchange_kind, perhaps with
  * TAV_IPC_EXCHANGE_WAIT_FOR_PEER. A probe ignores cmd, data, size and the flags of dest.
- * On failure returns 0, and the callback never runs. errno is then EINVAL (ipc or dest is null, the kind is
- * unknown, dest's name is empty or contains a "/"), EMSGSIZE (size is over TAV_IPC_MESSAGE_MAX), ESHUTDOWN
- * (the endpoint is being destroyed), ENOMEM, or ENOBUFS (too much is in flight to dest). */
+ * On failure returns 0, and the callback never runs. errno is then:
+ *   - EINVAL: ipc or dest is null, the kind is unknown, or dest's name is empty, "." or "..", or has a "/"
+ *   - EMSGSIZE: size is over TAV_IPC_MESSAGE_MAX
+ *   - ESHUTDOWN: the endpoint is being destroyed
+ *   - ENOMEM: memory for the exchange is short (the message may have been sent)
+ *   - ENOBUFS: the message was refused, because too much is in flight to dest, memory for the message is
+ *     short, or the path of the socket to send to has more than 107 bytes */
 TAVIPC_API uint64_t tav_ipc_exchange_start(tav_ipc_st *ipc, int kind, const tav_addr_st *dest, uint32_t cmd,
                                            const void *data, uint32_t size, uint32_t timeout_ms,
                                            tav_ipc_exchange_cb callback, void *user) TAVIPC_NOEXCEPT;
 
 /* Ends the exchange id of the same endpoint: its callback runs inside this call with IPC_ERR_CANCELLED, and a
- * later answer is ignored. The message itself is not taken back. Returns 0; -1 with errno ENOENT if the
- * exchange is unknown, has completed, or is completing. */
+ * later answer is ignored. The message itself is not taken back. Returns 0; -1 with errno ENOENT if ipc is
+ * null, or the exchange is unknown, has completed, or is completing. */
 TAVIPC_API int tav_ipc_exchange_cancel(tav_ipc_st *ipc, uint64_t id) TAVIPC_NOEXCEPT;
 
 /* As tav_ipc_response, but returns the result: 0 when the response was sent or queued; IPC_ERR_SENDTO when it
@@ -82,12 +86,13 @@ typedef struct tav_ipc_flush_st {
 
 /* Runs this thread's event loop until every message that the endpoint accepted has left or has been dropped,
  * also those that callbacks send meanwhile, or until timeout_ms milliseconds have passed (0: one turn without
- * a wait; negative: no limit). All callbacks of the loop run, and may do anything. A callback may call this
- * function, the sink of a log line may not: the message that the line is about could not be settled
- * meanwhile. result may be null. Returns 0 when nothing is pending; 1 when the time is over, or when nothing
- * is left in the loop that could settle a message; -1 with errno EINVAL (ipc is null), EDEADLK (called in a
- * log sink), ESHUTDOWN (the endpoint is destroyed, perhaps by a callback meanwhile; result has what is
- * known), or ENOTSUP (the event library has no loop to run). */
+ * a wait; negative: no limit). When nothing is pending it returns 0 and runs no turn, whatever timeout_ms is.
+ * All callbacks of the loop run, and may do anything. A callback may call this function, the sink of a log
+ * line may not: the message that the line is about could not be settled meanwhile. result may be null.
+ * Returns 0 when nothing is pending; 1 when the time is over, or when nothing is left in the loop that could
+ * settle a message; -1 with errno EINVAL (ipc is null), EDEADLK (called in a log sink), ESHUTDOWN (the
+ * endpoint is destroyed, perhaps by a callback meanwhile; result has what is known), or ENOTSUP (the event
+ * library has no cl_event_loop_run_once, or can make no loop). */
 TAVIPC_API int tav_ipc_flush(tav_ipc_st *ipc, int timeout_ms, tav_ipc_flush_st *result) TAVIPC_NOEXCEPT;
 
 /* Stores the number of messages that the endpoint accepted and that have neither left completely nor been

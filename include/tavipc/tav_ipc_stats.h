@@ -19,6 +19,8 @@
  *   accepted = left + dropped_no_peer + dropped_would_block + dropped_budget + dropped_no_memory
  *            + dropped_closed + dropped_other + queued + in_flight
  * and the same for their bytes, in which the header of 60 bytes counts, with dropped_bytes for all reasons.
+ * If an endpoint is destroyed in a log sink, or in the completion of a cl_dunix_sendto2, the library does not
+ * look what became of its datagrams in flight: dropped_closed then also counts those that have left.
  */
 #ifndef TAVIPC_TAV_IPC_STATS_H
 #define TAVIPC_TAV_IPC_STATS_H
