@@ -298,11 +298,20 @@ TAVIPC_API void tav_ipc_probe(tav_ipc_st *ipc, const tav_addr_st *dest, tav_ipc_
  * under /tmp at the receiver, whose file callback then gets its path. Received files are kept per process:
  * one thread of a process drives all endpoints that receive files. */
 
-/* Sends the file at path, up to its end or to where it cannot be read. callback runs exactly once: with the
- * transfer's id (0 or positive) when the peer has it all; else with a negative code: IPC_ERR_OPEN_FILE,
- * IPC_ERR_NOMEM and, for a null endpoint or destination, IPC_ERR_SENDTO from inside this call; later
- * IPC_ERR_TIMEOUT (no confirmation of a chunk within timeout_s seconds), IPC_ERR_CLOSED, IPC_ERR_SENDTO, or
- * the peer's IPC_ERR_FILE_ID, IPC_ERR_IO, IPC_ERR_FILE_CLOSED, IPC_ERR_NOT_SUPPORTED. */
+/* Sends the file at path, up to its end or to where it cannot be read. Opening a FIFO waits for a writer, and
+ * reading a FIFO or device waits for data: both block the thread's loop. callback (may be null) runs exactly
+ * once, with the transfer's id (0 or positive) when the peer has it all, else with a negative code.
+ * From inside this call:
+ *   - IPC_ERR_SENDTO: ipc or dest is null
+ *   - IPC_ERR_OPEN_FILE: path is null or cannot be opened
+ *   - IPC_ERR_NOMEM: memory is short
+ *   - IPC_ERR_FILE_ID: no unused file id was found
+ * Later, from the loop (IPC_ERR_CLOSED also from inside tav_ipc_destroy):
+ *   - IPC_ERR_TIMEOUT: the peer did not confirm a chunk within timeout_s seconds
+ *   - IPC_ERR_CLOSED: the endpoint was destroyed
+ *   - IPC_ERR_SENDTO: a chunk was refused, for the reasons of tav_ipc_send
+ *   - from the peer: IPC_ERR_FILE_ID (another source uses the id), IPC_ERR_IO (it cannot write the file),
+ *     IPC_ERR_FILE_CLOSED (it has completed or dropped the file), IPC_ERR_NOT_SUPPORTED (no files) */
 TAVIPC_API void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *path,
                                   tav_ipc_status_cb callback, void *user, int32_t timeout_s) TAVIPC_NOEXCEPT;
 
@@ -310,14 +319,17 @@ TAVIPC_API void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, cons
 TAVIPC_API int32_t tav_ipc_get_random_file_id(uint32_t hostid) TAVIPC_NOEXCEPT;
 
 /* Saves one chunk of the file file_id from src: len bytes of data. With len 0 the file is complete: the
- * endpoint's file callback runs, and may destroy the endpoint. Returns 0; IPC_ERR_FILE_ID when another source
- * uses the id; IPC_ERR_FILE_CLOSED when the file is complete already or was dropped; IPC_ERR_IO when it
- * cannot be made or written, src is null, or data is null and len is not 0. */
+ * endpoint's file callback runs (not if ipc is null), and may destroy the endpoint. Returns 0, or:
+ *   - IPC_ERR_FILE_ID: another source uses the id
+ *   - IPC_ERR_FILE_CLOSED: the file is complete already, or was dropped (perhaps by the progress callback)
+ *   - IPC_ERR_IO: the file cannot be made or written; it would be larger than RLIMIT_FSIZE; the process has
+ *     65,536 received files, or half of its descriptors (RLIMIT_NOFILE) are files that are not complete; src
+ *     is null; or data is null and len is not 0 */
 TAVIPC_API int32_t tav_ipc_save_file(tav_ipc_st *ipc, const tav_addr_st *src, uint32_t file_id,
                                      const void *data, uint32_t len) TAVIPC_NOEXCEPT;
 
-/* Returns the path of a complete received file, valid until the library removes it; null when the id is
- * unknown or the file is still being written. ipc is not used. */
+/* Returns the path of a complete received file, valid until the library removes the file; null when the id is
+ * unknown, the file is not complete yet, or it was dropped. ipc is not used and may be null. */
 TAVIPC_API const char *tav_ipc_get_file_path(tav_ipc_st *ipc, uint32_t file_id) TAVIPC_NOEXCEPT;
 
 /* --- diagnosis and configuration ---------------------------------------------------------------- */

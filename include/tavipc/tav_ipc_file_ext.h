@@ -45,12 +45,19 @@ TAVIPC_BEGIN_DECLS
  *   - flags: 0 or TAV_IPC_FILE_WAIT_FOR_PEER
  *   - progress, done: may be null. Neither runs inside this call, and progress does not run after done.
  * done runs exactly once, with 0; with IPC_ERR_NO_PEER as an exchange of tav_ipc_ext.h; with IPC_ERR_TIMEOUT;
- * with IPC_ERR_CANCELLED; with IPC_ERR_CLOSED from inside tav_ipc_destroy; with IPC_ERR_SENDTO (too much is
- * in flight to dest) or IPC_ERR_NOMEM; or with the peer's IPC_ERR_FILE_ID, IPC_ERR_IO, IPC_ERR_FILE_CLOSED or
- * IPC_ERR_NOT_SUPPORTED.
- * On failure returns 0, and no callback runs. errno is then EINVAL (ipc, dest or path is null, the name of
- * dest or of the file is not allowed, another flag), what fopen set, ESHUTDOWN (the endpoint is being
- * destroyed), ENOBUFS (too much is in flight to dest), EAGAIN (no unused file id was found) or ENOMEM. */
+ * with IPC_ERR_CANCELLED; with IPC_ERR_CLOSED from inside tav_ipc_destroy; with IPC_ERR_SENDTO (a message was
+ * refused as for ENOBUFS below) or IPC_ERR_NOMEM; or with the peer's IPC_ERR_FILE_ID, IPC_ERR_IO,
+ * IPC_ERR_FILE_CLOSED or IPC_ERR_NOT_SUPPORTED.
+ * Opening a FIFO waits for a writer, and reading a FIFO or device waits for data: both block the loop.
+ * On failure returns 0, and no callback runs. errno is then:
+ *   - EINVAL: ipc, dest or path is null; dest's name is empty, "." or "..", or has a "/"; the file's name is
+ *     not allowed; or flags has another bit
+ *   - what fopen set
+ *   - ESHUTDOWN: the endpoint is being destroyed
+ *   - ENOBUFS: the first message was refused, because too much is in flight to dest, memory for the message
+ *     is short, or the path of the socket to send to has more than 107 bytes
+ *   - EAGAIN: no unused file id was found
+ *   - ENOMEM: memory for the transfer is short */
 TAVIPC_API uint64_t tav_ipc_file_start(tav_ipc_st *ipc, const tav_addr_st *dest, const char *path,
                                        const char *name, uint32_t timeout_ms, uint32_t flags,
                                        tav_ipc_file_progress_cb progress, tav_ipc_file_done_cb done,
@@ -58,7 +65,7 @@ TAVIPC_API uint64_t tav_ipc_file_start(tav_ipc_st *ipc, const tav_addr_st *dest,
 
 /* Ends the transfer id of the same endpoint: done runs inside this call with IPC_ERR_CANCELLED. If the
  * transfer has a name, the peer is notified, and drops what it has received. Returns 0; -1 with errno ENOENT
- * if the transfer is unknown or has ended. */
+ * if ipc is null, or the transfer is unknown or has ended. */
 TAVIPC_API int tav_ipc_file_cancel(tav_ipc_st *ipc, uint64_t id) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS

@@ -292,7 +292,8 @@ class EndpointRef {
         return {ipc_, TAV_IPC_EXCHANGE_PROBE, to, 0, {}, timeout};
     }
     // To be awaited: the peer has the whole file. path, and name (null: none), must live until then.
-    // progress(confirmed, size) gets bytes. Errors as tav_ipc_file_start.
+    // progress(confirmed, size) gets bytes. Errors as tav_ipc_file_start, which gets no flags: without a peer
+    // it ends with IPC_ERR_NO_PEER. The C function can wait for one (TAV_IPC_FILE_WAIT_FOR_PEER).
     template <class Progress>
     FileTransfer<Progress> send_file(const Address &to, const char *path, const char *name, Timeout timeout,
                                      Progress progress) const noexcept {
@@ -328,7 +329,7 @@ template <class F> struct OnFile { // called with (EndpointRef, const tav_ipc_fi
 // address carries ADDR_FLAG_TEMP.
 template <class... Handlers> class Endpoint : public EndpointRef {
   public:
-    // Empty on failure; error() says why (errno of tav_ipc_create).
+    // Empty on failure; error() says why (errno of tav_ipc_create; EINVAL if name is null).
     explicit Endpoint(const char *name, Handlers... handlers) noexcept
         : EndpointRef(open(name)), error_(ipc_ ? 0 : errno), handlers_(std::move(handlers)...) {
         attach();
