@@ -80,8 +80,8 @@ TAVIPC_API int32_t get_real_priority(int32_t priority) TAVIPC_NOEXCEPT;
  * positive when a goes after b. Neither may be null. */
 TAVIPC_API int32_t compare_ipc_queue_msg_priority(const ipc_queue_msg_st *a,
                                                   const ipc_queue_msg_st *b) TAVIPC_NOEXCEPT;
-/* Make the record due at now_ms + delay_ms, or at now_ms + a delay of 0 to 49 ms that grows with try_times.
- * null is ignored. The record must not be queued. */
+/* Make the record due at now_ms + delay_ms, or at now_ms + a delay of 0 to 49 ms: 10 ms times try_times
+ * modulo 5, plus 0 to 9 ms at random. null is ignored. The record must not be queued. */
 TAVIPC_API void ipc_queue_msg_set_retry_later(ipc_queue_msg_st *msg, uint64_t now_ms,
                                               uint64_t delay_ms) TAVIPC_NOEXCEPT;
 TAVIPC_API void ipc_queue_msg_set_retry_later_random(ipc_queue_msg_st *msg, uint64_t now_ms) TAVIPC_NOEXCEPT;

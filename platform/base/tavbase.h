@@ -138,8 +138,10 @@ TAVBASE_API void heap_destroy(heap_t *heap) TAVBASE_NOEXCEPT;  /* entries stay t
 TAVBASE_API void heap_destroy2(heap_t *heap) TAVBASE_NOEXCEPT; /* entries are released */
 
 /* --- INI files --------------------------------------------------------------------------------
- * Lines are "[section]" or "key = value". '#' and ';' begin comments. Blanks around names and values are
- * removed. Sections and keys are case-sensitive. The first of several equal keys counts. */
+ * Lines are "[section]", "key = value" or "key: value". A line is a comment if its first character other than
+ * a blank is '#' or ';'. A ';' behind a blank begins a comment inside a line; a '#' there is part of the
+ * value. Blanks around names and values are removed. Sections and keys are case-sensitive. The first of
+ * several equal keys counts. */
 typedef struct ini_file ini_file_t;
 
 /* Returns null with errno set when the path is null (EINVAL), the file cannot be read, is not a regular file
