@@ -4,9 +4,9 @@
  * The agent id is an unsigned 32-bit number, 0 = none, stored in the file machineid of the configuration
  * directory. CreateAgentId, GetAgentIdFromFileWhileClone and StoreAgentIdByRuvo hold a lock that all
  * processes of the host share (the named semaphore /tav_agentid_mutexlock). They wait at most 6 seconds
- * for it. If the file of the semaphore in /dev/shm cannot be used, they remove it; if that is not allowed,
- * they write a log line and return 0 (CreateAgentId the id of an earlier call). The other functions take no
- * lock.
+ * for it. If the file of the semaphore in /dev/shm cannot be used, they remove it. If that is not allowed, or
+ * the wait is over, they write a log line and return 0 (CreateAgentId the id of an earlier call). The other
+ * functions take no lock.
  */
 #ifndef TAVIPC_TAV_AGENTID_H
 #define TAVIPC_TAV_AGENTID_H

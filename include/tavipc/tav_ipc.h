@@ -346,8 +346,9 @@ TAVIPC_API const char *tav_ipc_strerror(int code) TAVIPC_NOEXCEPT;
 
 /* Loads the IPC configuration from the INI file at path: in section [ipc_proxy] the key
  * disable_offline_cache, in section [transfer] the keys eagain_retry_interval_ms and eagain_max_retry_times.
- * Always returns 0: a value that cannot be read gets its default (1000 ms, 10 times). Call it once, before
- * endpoints send. */
+ * Always returns 0. If the file cannot be read, or a key is absent or negative, the default holds (0, 1000
+ * ms, 10 times). A text that does not begin with a number counts as 0. Call it once, before any thread opens
+ * an endpoint. */
 TAVIPC_API int load_ipc_proxy_conf(const char *path) TAVIPC_NOEXCEPT;
 /* Returns the process-wide record: never null, always the same address, all zero before the first load. */
 TAVIPC_API ipc_proxy_conf_st *get_ipc_proxy_conf(void) TAVIPC_NOEXCEPT;
