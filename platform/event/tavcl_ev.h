@@ -23,6 +23,13 @@
  *         become active, so it cannot be closed. uv_loop_fork may be called on it, and it may be attached
  *         again.
  *     Not covered: _Fork, vfork and clone.
+ *
+ * libtavipc does without some of these functions, so a replacement may lack them:
+ *   - cl_dunix_send_now: every datagram is then copied and given to cl_dunix_sendto2
+ *   - cl_dunix_settle: sends then complete on turns of the loop only
+ *   - cl_event_loop_run_once: tav_ipc_flush then fails with ENOTSUP
+ *   - cl_event_loop_run, cl_event_loop_stop, cl_event_loop_attach, cl_event_loop_release and
+ *     cl_dunix_set_send_wait: only programs call them
  */
 #ifndef TAVIPC_TAVCL_EV_H
 #define TAVIPC_TAVCL_EV_H
@@ -68,13 +75,16 @@ CL_EV_API const char *cl_ev_strerror(int status) CL_EV_NOEXCEPT;
  * in practice. Timers use this clock. */
 CL_EV_API uint64_t cl_event_loop_now(void) CL_EV_NOEXCEPT;
 
-/* Runs this thread's loop until cl_event_loop_stop, or until no timer, receiving socket or pending send is
- * left. Returns 0 when nothing is left, 1 when stopped, -1 when no loop can be made. */
+/* Runs this thread's loop until cl_event_loop_stop, or until nothing is left to wait for: no timer, receiving
+ * socket, pending send, watch or posted function (tavcl_loop.h). Returns 0 when nothing is left, 1 when
+ * stopped, -1 when no loop can be made. */
 CL_EV_API int cl_event_loop_run(void) CL_EV_NOEXCEPT;
 
 /* Runs one turn of this thread's loop: waits up to timeout_ms milliseconds for work (0: does not wait;
- * negative: without limit), and does it. Returns 1 when something is left to wait for, else 0; -1 when no
- * loop can be made. */
+ * negative: without limit), and does it. When nothing is left to wait for (see cl_event_loop_run) it returns
+ * 0 at once; on an attached loop it may still wait for the caller's own handles. A thread that only waits for
+ * calls from other threads must therefore keep a timer, for example with a delay of UINT64_MAX. Returns 1
+ * when something is left to wait for, else 0; -1 when no loop can be made. */
 CL_EV_API int cl_event_loop_run_once(int timeout_ms) CL_EV_NOEXCEPT;
 
 /* Makes the innermost cl_event_loop_run of this thread return after the current callbacks. Without an active
@@ -157,12 +167,13 @@ CL_EV_API int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, 
 CL_EV_API int cl_dunix_send_now(cl_dunix_t socket, const cl_sockaddr_t *address, const struct iovec *parts,
                                 size_t count) CL_EV_NOEXCEPT;
 
-/* Completes this thread's finished sends in order once their data total at least `bytes`, up to the first
- * with another callback than this one, so no other code runs. Else does nothing, at the cost of a comparison.
- * With 0 bytes the datagrams of batches (see tavcl_loop.h) leave before.
- * It also does nothing inside the completion of a send: the rest completes after it. For a sender of much
- * data that does not let the loop run: few buffers then serve for many datagrams. A library in place of this
- * one may lack it. */
+/* Completes finished sends before the next turn of the loop. A sender of much data that does not let the loop
+ * run can thereby use few buffers for many datagrams.
+ *   If the data of this thread's finished sends total at least `bytes`, their callbacks run, in the order in
+ * which the sends finished. It stops at the first send whose callback is not `callback`, so no other code
+ * runs. If they total less it does nothing, at the cost of a comparison. With 0 bytes the datagrams of
+ * batches (tavcl_loop.h) leave first. Inside the callback of a send it does nothing: the other sends complete
+ * when that callback has returned. A library in place of this one may lack it. */
 CL_EV_API void cl_dunix_settle(size_t bytes, cl_dunix_send_cb callback) CL_EV_NOEXCEPT;
 
 /* Sets the send-wait time of this thread's loop: the milliseconds without progress at a destination after

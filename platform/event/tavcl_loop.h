@@ -48,8 +48,10 @@ CL_EV_API int cl_event_loop_dispatch(void) CL_EV_NOEXCEPT;
 CL_EV_API cl_loop_t cl_event_loop_self(void) CL_EV_NOEXCEPT;
 
 /* Ends the wait of a loop: cl_event_loop_run_once returns (the next one if the loop does not wait now),
- * cl_event_loop_run does a turn and waits again, and the descriptor of cl_event_loop_fd becomes readable.
- * Any thread; async-signal-safe; leaves errno as it was. Returns 0, or -1 when the handle is stale. */
+ * cl_event_loop_run does a turn and waits again, and the descriptor of cl_event_loop_fd becomes readable. It
+ * does not keep a loop waiting: one with nothing left to wait for returns at once (see
+ * cl_event_loop_run_once). Any thread; async-signal-safe; leaves errno as it was. Returns 0, or -1 when the
+ * handle is stale. */
 CL_EV_API int cl_event_loop_wake(cl_loop_t loop) CL_EV_NOEXCEPT;
 
 /* Runs function(argument) once on the loop's thread, on a later turn of the loop. Functions that one thread
@@ -81,8 +83,9 @@ CL_EV_API int cl_event_loop_set_busy_poll(uint32_t microseconds) CL_EV_NOEXCEPT;
  * when max_datagrams of them wait. All leave earlier when a send finds that the first one has waited
  * max_microseconds (0: no limit). They also leave when cl_event_loop_run, cl_event_loop_run_once or
  * cl_event_loop_dispatch returns, when a socket of the thread is closed, when the loop is released and when
- * the thread ends, exit included. A thread that sends outside of its loop must run a turn afterwards. The
- * order for each destination is kept.
+ * the thread ends, exit included. On an attached loop, what is sent in libuv's poll or check phase leaves at
+ * the start of the next turn, which may be that of the next uv_run. A thread that sends outside of its loop
+ * must run a turn afterwards. The order for each destination is kept.
  *   A send that was accepted can be lost when the process is killed, or ends without exit, before its batch
  * leaves. Without batching, what the destination's queue has room for has left when the send returns.
  *   Data must stay valid until the completion, as always. max_datagrams 0 or 1, the default, turns batching
