@@ -166,9 +166,12 @@ void ipc_send_request(tav_ipc_st *ipc, const Exchange &exchange, Callback callba
 
 // --- exchanges of tav_ipc_ext.h: a timer of their own, in milliseconds of the monotonic clock
 
+// The timer can fire while start_exchange still sends the message, if a log sink runs the loop. The record is
+// not in the table then, so complete() finds nothing. start_exchange inserts it as expired, and because its
+// timer is 0, ipc_req_timeout reports the time-out on the manager's next tick.
 void ipc_exchange_timeout(void *argument) {
     auto &record = *static_cast<RequestRecord *>(argument);
-    record.timer = 0; // if the record is not in the table yet, the manager's next tick ends it
+    record.timer = 0;
     EndpointPin pin(record.ipc);
     if (record.send_error) return complete(record.ipc, record.reqid, {record.send_error});
     complete(record.ipc, record.reqid, {IPC_ERR_TIMEOUT}, TAV_IPC_STATS_EXCHANGES_TIMED_OUT);

@@ -40,8 +40,9 @@ struct Route {
 };
 
 // Sends a datagram of header, with its check value set, and header.size bytes of payload (null: zeros), or
-// queues it behind traffic that waits. What has not left in this call is copied. Returns 0: sent, queued, or
-// dropped with a log line; -101: no record could be made. Can reach user code.
+// queues it behind traffic that waits. What has not left in this call is copied. Returns -101 when no record
+// could be made, else 0: the datagram was sent, queued, or dropped. It is dropped when the queue has no
+// memory for it, with a log line; or when the sink of a log line destroyed the endpoint. Can reach user code.
 [[nodiscard]] int submit(const Route &route, const tav_ipc_hdr_st &header, const void *payload);
 
 // The queue's consume callback: sends a record that is due.

@@ -2,8 +2,10 @@
 // leave in one system call.
 //
 // Each channel keeps its own batch, and is a member of the list here while it has one. A batch leaves when it
-// has most() datagrams. All leave when the loop's turn ends, when the time of the oldest is up, which each
-// further datagram checks, and when a run returns or a socket is closed.
+// has most() datagrams. All batches leave
+//   - in libuv's next prepare phase, before the loop waits again
+//   - when run(), run_once() or dispatch() returns, or a socket is closed
+//   - when a datagram is added and the oldest has waited for the time that was set
 #pragma once
 
 #include <cstdint>

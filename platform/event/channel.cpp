@@ -29,9 +29,11 @@ constexpr uint64_t kRetryByPath_ms = 5;
 // A stat of the destination's file each second costs nothing, and a replaced peer is noticed within that
 // time.
 constexpr uint64_t kFileCheckInterval_ms = 1000;
-// A sender that does not let the loop run tries to flush after this many sends, or bytes, that had to wait.
-// More than one, because a try costs a system call; fewer than the eleven of a full queue, so that a fast
-// reader finds the next datagrams before it has read the last.
+// While the destination is full, send() only puts datagrams into the list. A sender that does not let the
+// loop run would never learn that the destination can take more, so send() tries to flush after this many
+// datagrams or bytes. Not after each, because a try costs a system call. Fewer than a full queue holds
+// (eleven with the kernel's default limit), so that a fast reader finds the next datagrams before it has read
+// the last.
 constexpr uint32_t kTryAgainPushes = 8;
 constexpr uint32_t kTryAgainBytes = 256 * 1024; // four fragments, whose copying is dear enough to try sooner
 // The writable event comes when a quarter of the buffer is used: five of twenty datagrams (see channel.h).

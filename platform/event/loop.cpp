@@ -155,7 +155,7 @@ int Loop::run_once(int timeout_ms) noexcept {
     const uint64_t end = timeout_ms < 0 ? kNever : later(clock_ms(), static_cast<uint64_t>(timeout_ms));
     const auto nothing = [](void *) {};
     const uint64_t timer = timeout_ms > 0 ? start_timer(end, nothing, nullptr, false) : 0;
-    set_idle(!finished_.empty()); // starting the timer may have set it, and then this turn would not wait
+    set_idle(!finished_.empty()); // start_timer may have turned the idle handle on: the turn would not wait
     if (held_ == 0 && mailbox_.pending()) {
         turn_at_once();
     } else if (timeout_ms >= 0 && !timer) {

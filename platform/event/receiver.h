@@ -5,14 +5,22 @@
 // order. A drain never fetches more than it may still deliver, so nothing is left over when it returns,
 // unless the socket was closed.
 //
-// When datagrams arrive one by one, a second fetch finds nothing and wastes a third of a microsecond. A drain
-// then fetches one, and only every fourth drain asks for more. When several arrive, a drain fetches until
-// none is left: the next datagram of a fast sender arrives before the loop has completed its turn, and
-// neither side sleeps. At first it fetches one at a time if the callbacks of the drain before sent something,
-// else four. If it took all that a peer has outstanding, the peer would have nothing to do until the first of
-// them is answered, and would sleep; then both sides would wake each other up by turns. After eight in a row
-// many datagrams wait, and larger fetches cost less. Large datagrams are fetched one at a time, into a buffer
-// that stays in the cache.
+// A drain fetches until the socket is empty or it has delivered 64 datagrams. The next datagram of a fast
+// sender then arrives before the loop has completed its turn, and neither side sleeps. One fetch is one
+// system call. The first line that applies says how many datagrams it asks for:
+//
+//   situation                                             datagrams in a fetch
+//   several drains in a row found one at most (a)         1, then the drain ends; each fourth drain as below
+//   the last datagram was large (b)                       1
+//   eight datagrams have come in a row (c)                16
+//   the callbacks of the drain before sent something (d)  1
+//   otherwise                                             4
+//
+// (a) Datagrams arrive one by one. A second fetch would find nothing, which wastes 0.3 microseconds.
+// (b) It then uses the same buffer again, which stays in the cache.
+// (c) Many datagrams wait, and larger fetches cost less for each.
+// (d) The receiver answers. If it first fetched all that a peer has outstanding, the peer would have nothing
+//     to do until the first answer, and would sleep. Both sides would then wake each other again and again.
 #pragma once
 
 #include "fd_watch.h"

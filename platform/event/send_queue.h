@@ -1,8 +1,9 @@
 // One accepted send, and the first-in first-out list that holds such records.
 //
-// A record is in exactly one list: free (SendPool), waiting (its Channel), finished (the Loop, until its
-// callback runs), or cancelled (inside Dunix::close). Lists are chained through the records, so moving one
-// allocates nothing. The next of a record in no list is the record itself.
+// A record is in one list at most: free (SendPool), waiting (its Channel), finished (the Loop, until its
+// callback runs), or cancelled (inside Dunix::close). While a function moves it from one list to the next it
+// is in none; its `next` is then the record itself. Lists are chained through the records, so moving one
+// allocates nothing.
 #pragma once
 
 #include <cassert>
