@@ -31,19 +31,20 @@ struct Answer {
     uint32_t len = 0; // bytes
 };
 
-// The caller's callback (may be null) in one of its forms; monostate: it has run, or is running.
-using Callback = std::variant<std::monostate, tav_ipc_status_cb, tav_ipc_response_cb, tav_ipc_exchange_cb>;
+// The caller's callback (may be null) in one of its forms.
+using Callback = std::variant<tav_ipc_status_cb, tav_ipc_response_cb, tav_ipc_exchange_cb>;
 
 struct RequestRecord {
-    uint64_t serial; // distinguishes it from a later exchange under the same message id
+    uint64_t serial; // distinguishes its id from that of a later exchange with the same message id
     Callback callback;
     void *user;
     int64_t expire_ms = 0;  // on the request clock
     int32_t send_error = 0; // only if the message could not be sent, or found no peer
     bool took_over = false; // the expiry of the exchange before it is still in the heap
     bool waits_for_peer = false;
-    tav_ipc_st *ipc = nullptr; // these two with a timer of its own
+    bool taken_out = false; // of the table: the frame that completes it owns it
     uint32_t reqid = 0;
+    tav_ipc_st *ipc = nullptr; // these two with a timer of its own
     cl_timer_t timer = 0;
 };
 
@@ -54,9 +55,11 @@ uint64_t next_serial() {
 
 uint64_t ipc_req_now() { return static_cast<uint64_t>(time(nullptr)) * kMillisecondsPerSecond; }
 
+// The table calls this for a record that leaves it.
 void release_record(void *value) {
-    const std::unique_ptr<RequestRecord> record(static_cast<RequestRecord *>(value));
-    if (record->timer) cl_timer_stop(record->timer);
+    auto *record = static_cast<RequestRecord *>(value);
+    if (record->timer) cl_timer_stop(std::exchange(record->timer, 0));
+    if (!record->taken_out) delete record;
 }
 
 RequestRecord *find_record(tav_ipc_st *ipc, uint32_t reqid) {
@@ -68,42 +71,34 @@ RequestRecord *find_record(tav_ipc_st *ipc, uint32_t reqid) {
 // Unique in the process until 2^32 later exchanges have begun.
 uint64_t exchange_id(const RequestRecord &record) { return record.serial << 32 | record.reqid; }
 
-// Calls the callback, unless that has been done. The record may be gone afterwards.
-bool finish(RequestRecord &record, const Answer &answer) {
-    const Callback callback = std::exchange(record.callback, {});
-    void *user = record.user;
-    const uint64_t id = exchange_id(record);
-    if (const auto *status = std::get_if<tav_ipc_status_cb>(&callback)) {
-        if (*status) (*status)(answer.code, user);
-    } else if (const auto *response = std::get_if<tav_ipc_response_cb>(&callback)) {
-        if (*response) (*response)(answer.code, answer.cmd, answer.data, answer.len, user);
-    } else if (const auto *any = std::get_if<tav_ipc_exchange_cb>(&callback)) {
-        if (*any) (*any)(id, answer.code, answer.cmd, answer.data, answer.len, user);
-    } else {
-        return false;
+void call_back(const RequestRecord &record, const Answer &answer) {
+    if (const auto *status = std::get_if<tav_ipc_status_cb>(&record.callback)) {
+        if (*status) (*status)(answer.code, record.user);
+    } else if (const auto *response = std::get_if<tav_ipc_response_cb>(&record.callback)) {
+        if (*response) (*response)(answer.code, answer.cmd, answer.data, answer.len, record.user);
+    } else if (const auto *any = std::get_if<tav_ipc_exchange_cb>(&record.callback)) {
+        if (*any) (*any)(exchange_id(record), answer.code, answer.cmd, answer.data, answer.len, record.user);
     }
-    return true;
 }
 
-// Removes a record whose callback has run, unless another exchange has its id by now.
-void remove_finished(tav_ipc_st *ipc, uint32_t reqid, uint64_t serial) {
-    const RequestRecord *record = find_record(ipc, reqid);
-    if (record && record->serial == serial) ipc_req_manager_remove(&ipc->req_mgr, reqid);
+// Ends the exchange of a record in the table. The endpoint may be closed afterwards.
+void finish(tav_ipc_st *ipc, RequestRecord &record, const Answer &answer, Counter how) {
+    const std::unique_ptr<RequestRecord> taken(&record);
+    record.taken_out = true;
+    ipc_req_manager_remove(&ipc->req_mgr, record.reqid);
+    account_exchange_over(ipc, how);
+    call_back(record, answer);
 }
 
 // Completes what is outstanding under the id, if anything is. The endpoint may be closed afterwards.
 void complete(tav_ipc_st *ipc, uint32_t reqid, const Answer &answer,
               Counter how = TAV_IPC_STATS_EXCHANGES_ENDED) {
-    RequestRecord *record = find_record(ipc, reqid);
-    if (!record) return;
-    if (record->callback.index() != 0) account_exchange_over(ipc, how);
-    const uint64_t serial = record->serial;
-    if (finish(*record, answer)) remove_finished(ipc, reqid, serial);
+    if (RequestRecord *record = find_record(ipc, reqid)) finish(ipc, *record, answer, how);
 }
 
 void ipc_req_deferred_fail(void *argument) {
     const std::unique_ptr<RequestRecord> record(static_cast<RequestRecord *>(argument));
-    finish(*record, {record->send_error});
+    call_back(*record, {record->send_error});
 }
 
 void ipc_req_timeout(uint32_t reqid, void *value, void *argument) {
@@ -111,13 +106,10 @@ void ipc_req_timeout(uint32_t reqid, void *value, void *argument) {
     EndpointPin pin(ipc);
     auto &record = *static_cast<RequestRecord *>(value);
     if (record.timer) return; // it ends the exchange
-    const uint64_t serial = record.serial;
     const int64_t expire_ms = record.expire_ms;
     if (record.took_over && expire_ms >= static_cast<int64_t>(ipc_req_now())) return;
-    if (record.callback.index() != 0) account_exchange_over(ipc, TAV_IPC_STATS_EXCHANGES_TIMED_OUT);
-    if (!finish(record, {IPC_ERR_TIMEOUT})) return;
+    finish(ipc, record, {IPC_ERR_TIMEOUT}, TAV_IPC_STATS_EXCHANGES_TIMED_OUT);
     TAV_LOG(4, "tav_ipc", "req[%u] timeout, expire=%lld", reqid, static_cast<long long>(expire_ms));
-    remove_finished(ipc, reqid, serial);
 }
 
 int ipc_req_close_one(uint32_t reqid, void *, void *argument) {
@@ -149,6 +141,7 @@ void ipc_send_request(tav_ipc_st *ipc, const Exchange &exchange, Callback callba
     RequestRecord *record = new_record(callback, user);
     if (!record) out_of_memory("tav_ipc", __LINE__);
     record->expire_ms = static_cast<int64_t>(ipc_req_now()) + exchange.timeout_s * kMillisecondsPerSecond;
+    record->reqid = reqid;
     if (result == IPC_OK) record->took_over = take_over(ipc, reqid);
     // The log sink in the send, or the callback of the older exchange, may have destroyed the endpoint.
     if (result == IPC_OK && ipc->closed) result = IPC_ERR_CLOSED;
@@ -288,7 +281,7 @@ int tav_ipc_exchange_cancel(tav_ipc_st *ipc, uint64_t id) noexcept {
     UseGuard guard(ipc, "tav_ipc_exchange_cancel");
     const auto reqid = static_cast<uint32_t>(id);
     RequestRecord *record = ipc ? find_record(ipc, reqid) : nullptr;
-    if (!record || exchange_id(*record) != id || record->callback.index() == 0) return errno = ENOENT, -1;
+    if (!record || exchange_id(*record) != id) return errno = ENOENT, -1;
     complete(ipc, reqid, {IPC_ERR_CANCELLED});
     return 0;
 }

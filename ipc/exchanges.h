@@ -2,8 +2,7 @@
 //
 // An outstanding exchange is a record in the endpoint's request manager under its message id. It completes
 // exactly once: with its answer, its time-out, the end of the endpoint, or because a new exchange took over
-// its id. The callback may do anything, so the record is marked as finished before the call and only
-// looked up again after it.
+// its id. The callback may do anything, so the record leaves the manager before the call.
 //
 // An exchange whose message could not be sent never enters the table. One of tav_ipc.h then completes from a
 // timer of 1 ms that does not refer to the endpoint. One of tav_ipc_ext.h (ipc_start_exchange) fails with
