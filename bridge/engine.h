@@ -5,6 +5,9 @@
 // leaves with one write at the end of the loop's turn, in flush(). Subscriptions are "synchronous" ones that
 // are emptied without a wait after each read, so no thread of nats.c handles messages.
 //
+// nats.c connects again after most errors, but closes the connection for good after others, such as a refused
+// login. Then the next one is made after a pause.
+//
 // While the connection is down the loop's thread calls no function of nats.c that could wait for its lock.
 #pragma once
 
@@ -45,35 +48,31 @@ class Engine {
     // nats.c's threads may leave notes until the connection is destroyed. Nobody reads them: the caller
     // releases the loop.
     ~Engine() {
-        if (connection_) natsConnection_Close(connection_.get()); // ends what provision_ waits for
-        provision_.reset();
-        used_.clear();
-        subscriptions_.clear();
-        connection_.reset();
+        release();
         nats_CloseAndWait(kEnd_ms); // its threads call this object
-        watch(0);
     }
 
     // Begins to connect, and goes on until it succeeds. False, with the reason, when that cannot be tried.
     bool start(std::string &reason) {
+        release();
         const Options options = make_options(settings_, reason);
-        if (!options) return false;
+        if (!options) return closed(reason.c_str()), false;
         natsStatus status = set_callbacks(options.get());
         natsConnection *made = nullptr;
         if (status == NATS_OK) status = natsConnection_Connect(&made, options.get());
         connection_.reset(made);
         if (status == NATS_OK) leave([](Note &note) { note.up = true; });
-        if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) {
-            reason = natsStatus_GetText(status);
-            return false;
-        }
-        if (settings_.home.durable) provision_ = std::make_unique<Provision>(made, settings_);
+        else if (status != NATS_NOT_YET_CONNECTED)
+            closed(natsStatus_GetText(status));
+        if (made && settings_.home.durable) provision_ = std::make_unique<Provision>(made, settings_);
         return true;
     }
 
     // To be called twice a second. holding: see Provision. Tries again what there was no memory for.
     void tick(bool holding) {
         take_note();
+        std::string reason;
+        if (again_ms_ && cl_event_loop_now() >= again_ms_) start(reason);
         if (connected_ && provision_) provision_->tick(holding);
     }
 
@@ -111,6 +110,8 @@ class Engine {
   private:
     static constexpr int64_t kEnd_ms = 2000;      // for threads of nats.c to end
     static constexpr int64_t kReconnect_ms = 250; // between attempts: a refused one costs little
+    // After a connection that was closed for good: a person has to change something.
+    static constexpr uint64_t kAgain_ms = 5000;
     static constexpr int kPending =
         65536; // bytes that nats.c keeps while it reconnects; the pipe has the rest
     static constexpr size_t kMostUsed = 32; // messages
@@ -119,8 +120,8 @@ class Engine {
     struct Note {
         bool replaced = false; // socket: our own duplicate, since nats.c can close its own at any time
         tavipc::UniqueFd socket;
-        bool lost = false;
-        bool up = false; // the newest state
+        bool lost = false, closed = false; // closed: for good
+        bool up = false;                   // the newest state
     };
 
     // --- what nats.c's threads report
@@ -129,8 +130,10 @@ class Engine {
         const auto up = [](natsConnection *, void *self) {
             static_cast<Engine *>(self)->leave([](Note &note) { note.up = true; });
         };
-        const auto down = [](natsConnection *, void *self) {
-            static_cast<Engine *>(self)->leave([](Note &note) { note.up = false, note.lost = true; });
+        const auto down = [](natsConnection *connection, void *self) {
+            static_cast<Engine *>(self)->leave([closed = natsConnection_IsClosed(connection)](Note &note) {
+                note.up = false, note.lost = true, note.closed |= closed;
+            });
         };
         const auto attach = [](void **self, void *engine, natsConnection *, natsSock socket) {
             *self = engine;
@@ -151,6 +154,7 @@ class Engine {
         set(natsOptions_SetRetryOnFailedConnect(options, true, up, this));
         set(natsOptions_SetReconnectedCB(options, up, this));
         set(natsOptions_SetDisconnectedCB(options, down, this));
+        set(natsOptions_SetClosedCB(options, down, this));
         set(natsOptions_SetMaxReconnect(options, -1));
         set(natsOptions_SetReconnectWait(options, kReconnect_ms));
         set(natsOptions_SetReconnectBufSize(options, kPending));
@@ -182,6 +186,11 @@ class Engine {
             watch(CL_IO_READ);
         }
         if (note.lost && connected_) events_.connected(connected_ = false);
+        if (note.closed) {
+            const char *reason = nullptr;
+            natsConnection_GetLastError(connection_.get(), &reason);
+            closed(reason ? reason : "");
+        }
         if (note.up && !connected_) {
             if (subscriptions_.empty()) { // nats.c does it again on each new connection
                 subscribe(inbox_ + ".*");
@@ -197,6 +206,22 @@ class Engine {
     } catch (const std::bad_alloc &) {
         if (!connected_) subscriptions_.clear();
         TAV_LOG_LIMITED(1, "tav_bridge", "memory is short while the connection changes");
+    }
+
+    void closed(const char *reason) {
+        again_ms_ = cl_event_loop_now() + kAgain_ms;
+        TAV_LOG_LIMITED(1, "tav_bridge", "no connection to the engine, tried again in 5 s: %s", reason);
+    }
+
+    void release() {
+        again_ms_ = 0;
+        if (connection_) natsConnection_Close(connection_.get()); // ends what provision_ waits for
+        provision_.reset();
+        used_.clear();
+        subscriptions_.clear();
+        connection_.reset();
+        watch(0);
+        socket_.reset();
     }
 
     void subscribe(const std::string &subject, const char *group = nullptr) {
@@ -271,6 +296,7 @@ class Engine {
     std::vector<Subscription> subscriptions_;
     std::vector<Message> used_; // see drain()
     bool connected_ = false;
+    uint64_t again_ms_ = 0; // when to make the next connection, on the loop's clock
     tavipc::UniqueFd socket_;
     int watched_ = 0; // events
     cl_io_t io_ = 0;
