@@ -87,8 +87,8 @@ class Bridge : Engine::Events {
         const bool hub = settings_.home.place.location == tavipc::kHubLocation;
         for (int i = 0; i < (hub ? tavipc::kHubPipes : 1); ++i) {
             const auto forward = [this, i](uint64_t ticket, std::string_view datagram,
-                                           std::string_view from) {
-                if (i == 0) return take(ticket, datagram, from);
+                                           std::string_view time) {
+                if (i == 0) return take(ticket, datagram, time);
                 counters_.add(kHubCopies);
                 return Message();
             };
@@ -107,7 +107,7 @@ class Bridge : Engine::Events {
 
     // --- from local modules to the engine
 
-    Message take(uint64_t ticket, std::string_view datagram, std::string_view from) try {
+    Message take(uint64_t ticket, std::string_view datagram, std::string_view time) try {
         last_read_ms_ = cl_event_loop_now();
         Subject subject;
         const Drop reason = judge_outgoing(settings_.home, datagram, subject);
@@ -115,7 +115,7 @@ class Bridge : Engine::Events {
         datagram = cut_datagram(datagram); // the library ignores what follows, too
         if (subject.kind != Class::kControl)
             return durable_message(settings_, subject_text(settings_.domain, subject),
-                                   engine_.reply_subject(ticket), message_id(datagram, from), datagram);
+                                   engine_.reply_subject(ticket), message_id(datagram, time), datagram);
         if (joined_.size() + datagram.size() > kMostJoined || !(subject == joined_subject_)) publish_joined();
         joined_subject_ = std::move(subject);
         joined_ += datagram;

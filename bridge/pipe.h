@@ -8,6 +8,10 @@
 //
 // SO_PEEK_OFF makes each peek begin behind the one before. The socket stays readable while it has such
 // datagrams, so it is watched edge-triggered, in an epoll set of its own.
+//
+// The kernel notes when each datagram was put into the socket (at the first look, if SO_TIMESTAMPNS was not set
+// yet). All later looks, also those of another bridge, find the same time: it tells a datagram that is looked
+// at again from one that a module has sent twice.
 #pragma once
 
 #include <algorithm>
@@ -20,7 +24,6 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "common/datagram.h"
@@ -34,7 +37,8 @@ class Pipe {
   public:
     // Gets each datagram once. Returns the message with which the engine shall store it, or null if it is
     // done. The engine answers to reply_subject(ticket).
-    using Take = std::function<Message(uint64_t ticket, std::string_view datagram, std::string_view from)>;
+    // time: bytes that differ for each datagram of the socket.
+    using Take = std::function<Message(uint64_t ticket, std::string_view datagram, std::string_view time)>;
 
     // taken() is called after the datagrams of one turn of the loop, and may call read().
     Pipe(Engine &engine, Counters &counters, Take take, std::function<void()> taken)
@@ -56,13 +60,14 @@ class Pipe {
         buffer_.reset(new char[kAtOnce * kLongest]); // not initialised: most of it is never used
         for (size_t i = 0; i < kAtOnce; ++i) {
             places_[i] = {&buffer_[i * kLongest], kLongest};
-            headers_[i].msg_hdr.msg_name = &senders_[i];
+            headers_[i].msg_hdr.msg_control = &times_[i];
             headers_[i].msg_hdr.msg_iov = &places_[i];
             headers_[i].msg_hdr.msg_iovlen = 1;
         }
-        const int begin = 0;
+        const int begin = 0, on = 1;
         set_ = tavipc::UniqueFd(epoll_create1(EPOLL_CLOEXEC));
         if (!set_ || fcntl(socket_.get(), F_SETFD, FD_CLOEXEC) != 0 ||
+            setsockopt(socket_.get(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) != 0 ||
             setsockopt(socket_.get(), SOL_SOCKET, SO_PEEK_OFF, &begin, sizeof begin) != 0)
             return false;
         arm(EPOLL_CTL_ADD);
@@ -139,6 +144,9 @@ class Pipe {
     static constexpr uint64_t kRefused_ms = 1000; // pause after a refusal: a full stream empties slowly
     static constexpr uint64_t kOverhead = 1000;   // bytes of a message beside its datagram, about
 
+    struct Time { // a control message with a timespec
+        alignas(cmsghdr) char bytes[CMSG_SPACE(2 * sizeof(uint64_t))];
+    };
     struct Seen {
         size_t size = 0;
         Message message = nullptr; // to store; null: the datagram is done
@@ -171,7 +179,7 @@ class Pipe {
         if (!reading_) return;
         const size_t known = seen_.size();
         seen_.resize(known + kAtOnce); // before the peek: memory may be short
-        for (mmsghdr &header : headers_) header.msg_hdr.msg_namelen = sizeof(sockaddr_un);
+        for (mmsghdr &header : headers_) header.msg_hdr.msg_controllen = sizeof(Time);
         const int got =
             recvmmsg(socket_.get(), headers_.data(), kAtOnce, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT, nullptr);
         size_t count = 0;
@@ -188,8 +196,8 @@ class Pipe {
         for (size_t i = 0; i < count; ++i) {
             Seen &seen = seen_[known + i];
             const std::string_view datagram(&buffer_[i * kLongest], seen.size <= kLongest ? seen.size : 0);
-            seen.message = take_(first_ + known + i, datagram,
-                                 tavipc::path_of(senders_[i], headers_[i].msg_hdr.msg_namelen));
+            const std::string_view time(times_[i].bytes, headers_[i].msg_hdr.msg_controllen);
+            seen.message = take_(first_ + known + i, datagram, time);
             if (!seen.message) continue;
             bytes_ += content(seen.message.get()).size() + kOverhead;
             ++waiting_;
@@ -215,9 +223,9 @@ class Pipe {
     tavipc::UniqueFd socket_, set_;
     cl_io_t io_ = 0;
     bool reading_ = false;
-    std::unique_ptr<char[]> buffer_; // for kAtOnce datagrams, each with its place, sender and message header
+    std::unique_ptr<char[]> buffer_; // for kAtOnce datagrams, each with its place, time and message header
     std::array<iovec, kAtOnce> places_;
-    std::array<sockaddr_un, kAtOnce> senders_;
+    std::array<Time, kAtOnce> times_;
     std::array<mmsghdr, kAtOnce> headers_{};
     std::deque<Seen> seen_; // what was looked at and is still in the socket
     uint64_t first_ = 1;    // ticket of the first

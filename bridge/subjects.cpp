@@ -112,13 +112,13 @@ std::string_view cut_datagram(std::string_view &payload) {
 
 // libstdc++ hashes strings without a seed of the process, so a bridge that replaces a killed one, and gives
 // the engine the same datagrams again, makes the same ids.
-std::string message_id(std::string_view datagram, std::string_view socket) {
+std::string message_id(std::string_view datagram, std::string_view time) {
     const tav_ipc_hdr_st header = tavipc::read_header(datagram.data());
     const unsigned fragment = tavipc::is_fragment(header) ? tavipc::fragment_sequence(header) + 1u : 0u;
     const std::hash<std::string_view> hash;
     char text[96];
     std::snprintf(text, sizeof text, "%u.%u.%u.%u.%zx.%zx", header.src.loc, header.src.hostid, header.reqid,
-                  fragment, hash(socket), hash(datagram));
+                  fragment, hash(time), hash(datagram));
     return text;
 }
 

@@ -66,9 +66,9 @@ Drop judge_incoming(const Home &home, const Subject &subject, std::string_view d
 std::string_view cut_datagram(std::string_view &payload);
 
 // The id by which the engine recognises a datagram that it is given twice: source, message id and fragment
-// number. These begin anew when a module restarts and some modules choose ids themselves, so the sending
-// socket and a hash of the bytes are part of it, too.
-std::string message_id(std::string_view datagram, std::string_view socket);
+// number. These begin anew when a module restarts and some modules choose ids themselves, so a hash of the
+// bytes and of the time when the datagram was sent (see pipe.h) are part of it, too.
+std::string message_id(std::string_view datagram, std::string_view time);
 
 // The place of a message in its stream, from the subject for its acknowledgement:
 // "$JS.ACK.<stream>.<consumer>.<times delivered>.<sequence>.<sequence>.<time>.<pending>".

@@ -110,17 +110,17 @@ TEST(Bridge, SeveralDatagramsInOneMessageAreCutApart) {
 }
 
 // A message id that starts again after a restart must not hide a new message.
-TEST(Bridge, OnlyTheSameDatagramOfTheSameSocketHasTheSameId) {
+TEST(Bridge, OnlyTheSameDatagramOfTheSameTimeHasTheSameId) {
     Datagram datagram("beta", 2, 21, 3, 31);
-    const auto id = [&](const char *socket) { return message_id(datagram.bytes(), socket); };
-    const std::string first = id("ipc1_0");
-    EXPECT_EQ(id("ipc1_0"), first);
-    EXPECT_NE(id("ipc2_0"), first);
+    const auto id = [&](const char *time) { return message_id(datagram.bytes(), time); };
+    const std::string first = id("time 1");
+    EXPECT_EQ(id("time 1"), first);
+    EXPECT_NE(id("time 2"), first);
     datagram.payload = "Payload";
-    EXPECT_NE(id("ipc1_0"), first);
+    EXPECT_NE(id("time 1"), first);
     datagram.payload = "payload";
     tavipc::set_fragment(datagram.header, 0);
-    EXPECT_NE(id("ipc1_0"), first);
+    EXPECT_NE(id("time 1"), first);
 }
 
 TEST(Bridge, PlaceInTheStreamIsFoundInTheReplySubject) {
