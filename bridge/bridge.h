@@ -128,10 +128,12 @@ class Bridge : Engine::Events {
     void publish_joined() {
         std::string_view rest = joined_;
         if (rest.empty()) return;
-        const bool published = engine_.publish(subject_text(settings_.domain, joined_subject_), rest);
+        const natsStatus status = engine_.publish(subject_text(settings_.domain, joined_subject_), rest);
+        const Drop reason = status == NATS_MAX_PAYLOAD ? kTooLarge : kNoEngine;
         while (!rest.empty()) {
             const std::string_view datagram = cut_datagram(rest);
-            published ? counters_.add(kSentControl) : counters_.drop(kNoEngine, datagram, "from a module");
+            status == NATS_OK ? counters_.add(kSentControl)
+                              : counters_.drop(reason, datagram, "from a module");
         }
         joined_.clear();
     }

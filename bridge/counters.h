@@ -33,6 +33,7 @@ namespace tavbridge {
     X(kBadSubject, "drop_bad_subject", "the subject does not fit the datagram")                              \
     X(kLoop, "drop_loop", "sent from and to the same location")                                              \
     X(kNotHere, "drop_not_here", "for another location or machine")                                          \
+    X(kTooLarge, "drop_too_large", "larger than the engine's max_payload")                                   \
     X(kNoEngine, "drop_no_engine", "control traffic while the engine was away")                              \
     X(kNoReceiver, "drop_no_receiver", "no local socket took it in all attempts")                            \
     X(kRefused, "drop_refused", "the local library refused control traffic")                                 \

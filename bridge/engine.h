@@ -83,13 +83,15 @@ class Engine {
 
     std::string reply_subject(uint64_t number) const { return inbox_ + '.' + std::to_string(number); }
 
-    bool publish(const std::string &subject, std::string_view payload) {
-        return connected_ && natsConnection_Publish(connection_.get(), subject.c_str(), payload.data(),
-                                                    static_cast<int>(payload.size())) == NATS_OK;
+    // NATS_MAX_PAYLOAD: the engine takes none of this size.
+    natsStatus publish(const std::string &subject, std::string_view payload) {
+        if (!connected_) return NATS_CONNECTION_DISCONNECTED;
+        return natsConnection_Publish(connection_.get(), subject.c_str(), payload.data(),
+                                      static_cast<int>(payload.size()));
     }
-
-    void publish(natsMsg *message) {
-        if (connected_) natsConnection_PublishMsg(connection_.get(), message);
+    natsStatus publish(natsMsg *message) {
+        return connected_ ? natsConnection_PublishMsg(connection_.get(), message)
+                          : NATS_CONNECTION_DISCONNECTED;
     }
 
     // Answers a durable message: "+ACK", "+WPI" or "-NAK {...}".

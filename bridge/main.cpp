@@ -42,7 +42,11 @@ int check(const Settings &settings, const Problems &problems) {
     if (options && status != NATS_OK) reason = natsStatus_GetText(status);
     std::printf(status == NATS_OK ? "ok   connected to %s\n" : "FAIL no connection%s: %s\n", url,
                 reason.c_str());
-    return status == NATS_OK && Provision(made, settings).check() ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (status != NATS_OK) return EXIT_FAILURE;
+    const int64_t most = natsConnection_GetMaxPayload(made);
+    bool good = most >= kLeastPayload || say(false, "the engine's max_payload is less than 65536 bytes");
+    good &= Provision(made, settings).check();
+    return good ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 int serve(const Settings &settings) {

@@ -98,9 +98,7 @@ class Pipe {
         if (!stored) return;
         counters_.add(kStored);
         if (before) counters_.add(kDuplicates);
-        bytes_ -= content(seen.message.get()).size() + kOverhead;
-        --waiting_;
-        seen.message.reset();
+        end(seen);
     }
 
     // Gives the engine again what it refused or did not answer in time; all that it has not confirmed.
@@ -212,7 +210,15 @@ class Pipe {
 
     void send(Seen &seen) {
         seen.due_ms = cl_event_loop_now() + kAnswer_ms;
-        engine_.publish(seen.message.get());
+        if (engine_.publish(seen.message.get()) != NATS_MAX_PAYLOAD) return;
+        counters_.drop(kTooLarge, content(seen.message.get()), "from a module");
+        end(seen);
+    }
+
+    void end(Seen &seen) {
+        bytes_ -= content(seen.message.get()).size() + kOverhead;
+        --waiting_;
+        seen.message.reset();
     }
 
     Engine &engine_;

@@ -49,6 +49,7 @@ inline constexpr uint64_t kLongLag = 1000;    // messages: more than a window or
 inline std::string_view content(natsMsg *message) {
     return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
 }
+inline constexpr int64_t kLeastPayload = 65536; // bytes that the engine must take: a datagram and its headers
 // Headers with a datagram's id. The engine recognises the first one. With replicas the bridges use the second
 // one: each server of a cluster (nats-server 2.9.10) decides by itself whether an id is known, and one that
 // was restarted has forgotten the ids of messages that were acknowledged. It then stores what the others
