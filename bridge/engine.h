@@ -283,7 +283,7 @@ class Engine {
         const bool stored = text.find("\"seq\":") != text.npos && text.find("\"error\"") == text.npos;
         if (!stored)
             TAV_LOG_LIMITED(2, "tav_bridge", "the engine does not store: %.300s", std::string(text).c_str());
-        events_.answered(number, stored, text.find("\"duplicate\":true") != text.npos);
+        events_.answered(number, stored, text.find("\"duplicate\":") != text.npos); // only there if true
     }
 
     const Settings &settings_;
