@@ -61,7 +61,8 @@ class Engine {
         natsConnection *made = nullptr;
         if (status == NATS_OK) status = natsConnection_Connect(&made, options.get());
         connection_.reset(made);
-        if (status == NATS_OK) leave([](Note &note) { note.up = true; });
+        if (status == NATS_OK)
+            leave([](Note &note) { note.up = true; });
         else if (status != NATS_NOT_YET_CONNECTED)
             closed(natsStatus_GetText(status));
         if (made && settings_.home.durable) provision_ = std::make_unique<Provision>(made, settings_);

@@ -9,9 +9,9 @@
 // SO_PEEK_OFF makes each peek begin behind the one before. The socket stays readable while it has such
 // datagrams, so it is watched edge-triggered, in an epoll set of its own.
 //
-// The kernel notes when each datagram was put into the socket (at the first look, if SO_TIMESTAMPNS was not set
-// yet). All later looks, also those of another bridge, find the same time: it tells a datagram that is looked
-// at again from one that a module has sent twice.
+// The kernel notes when each datagram was put into the socket (at the first look, if SO_TIMESTAMPNS was not
+// set yet). All later looks, also those of another bridge, find the same time: it tells a datagram that is
+// looked at again from one that a module has sent twice.
 #pragma once
 
 #include <algorithm>
