@@ -78,7 +78,7 @@ class Engine {
     }
 
     bool connected() const { return connected_; }
-    bool ready() const { return connected_ && provision_ && provision_->done(); }
+    bool ready() const { return connected_ && (!provision_ || provision_->done()); }
     // Bytes that nats.c holds for the socket.
     int unsent_bytes() const { return socket_ ? natsConnection_Buffered(connection_.get()) : 0; }
 
