@@ -16,6 +16,7 @@
 #include <deque>
 #include <map>
 #include <new>
+#include <optional>
 #include <unordered_map>
 
 #include "common/datagram.h"
@@ -125,7 +126,7 @@ class Deliveries {
     };
     struct Queue {
         std::deque<Item> waiting, batch;
-        uint64_t drops = 0; // of the destination before the batch
+        uint64_t drops = 0, all_drops = 0; // before the batch: of the destination, of all
     };
 
     // Keeps a fragment until the others are there, unless too much waits already.
@@ -161,18 +162,21 @@ class Deliveries {
         parts.items.clear();
     }
 
-    // How many datagrams for the destination the library has, and how many it has dropped.
-    std::pair<uint64_t, uint64_t> pending_and_drops(const std::string &name) const {
+    // How many datagrams for the destination the library has, and how many it has dropped; without a name,
+    // for all destinations. Nothing for one that it has forgotten: nothing was pending there.
+    std::optional<std::pair<uint64_t, uint64_t>> pending_and_drops(const char *name) const {
         tav_ipc_stats_st stats;
-        if (tav_ipc_get_stats(endpoint_, name.c_str(), &stats, sizeof stats) != 0) return {};
+        if (tav_ipc_get_stats(endpoint_, name, &stats, sizeof stats) != 0) return {};
         const auto &v = stats.values;
         const uint64_t pending = v[TAV_IPC_STATS_QUEUED] + v[TAV_IPC_STATS_IN_FLIGHT];
-        return {pending, v[TAV_IPC_STATS_ACCEPTED] - v[TAV_IPC_STATS_LEFT] - pending};
+        return std::pair{pending, v[TAV_IPC_STATS_ACCEPTED] - v[TAV_IPC_STATS_LEFT] - pending};
     }
+    uint64_t all_drops() const { return pending_and_drops(nullptr).value_or(std::pair{0, 0}).second; }
 
     void hand_over(const std::string &name, Queue &queue) {
         const Batch batch;
-        queue.drops = pending_and_drops(name).second;
+        queue.drops = pending_and_drops(name.c_str()).value_or(std::pair{0, 0}).second;
+        queue.all_drops = all_drops();
         for (; !queue.waiting.empty(); queue.waiting.pop_front()) {
             if (queue.batch.size() >= kBatch && !queue.batch.back().more) break;
             natsMsg *message = queue.waiting.front().message.get();
@@ -183,9 +187,11 @@ class Deliveries {
 
     void settle(const std::string &name, Queue &queue) {
         if (queue.batch.empty()) return;
-        const auto [pending, drops] = pending_and_drops(name);
-        for (; pending == 0 && !queue.batch.empty(); queue.batch.pop_front())
-            drops == queue.drops ? left(queue.batch.front()) : failed(queue.batch.front());
+        const auto own = pending_and_drops(name.c_str());
+        if (own && own->first > 0) return;
+        const bool good = own ? own->second == queue.drops : all_drops() == queue.all_drops;
+        for (; !queue.batch.empty(); queue.batch.pop_front())
+            good ? left(queue.batch.front()) : failed(queue.batch.front());
     }
 
     void left(const Item &item) {
