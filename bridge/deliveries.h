@@ -43,7 +43,8 @@ class Deliveries {
     void add(Message message, const std::string &name) {
         const char *reply = natsMsg_GetReply(message.get()), *id = nullptr;
         Item item{std::move(message), parse_origin(reply ? reply : "")};
-        if (item.origin.key == 0) return; // not from a stream
+        if (item.origin.key == 0) // not from a stream, or a server with other subjects
+            return counters_.drop(kBadSubject, content(item.message.get()), "from the engine");
         if (settings_.replicas > 1 && natsMsgHeader_Get(item.message.get(), kBridgeId, &id) == NATS_OK)
             item.origin.key = std::hash<std::string_view>()(id);
         const Origin origin = item.origin;
