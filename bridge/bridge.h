@@ -184,7 +184,7 @@ class Bridge : Engine::Events {
         const auto subject = parse_subject(settings_.domain, natsMsg_GetSubject(message.get()));
         if (!subject || subject->kind == Class::kControl) return control(subject, content(message.get()));
         const Drop reason = judge(subject, content(message.get()));
-        if (reason == kNoDrop) return deliveries_->add(std::move(message), subject->name);
+        if (reason == kNoDrop) return deliveries_->add(std::move(message), *subject);
         // What is not for this machine must not be taken from the machine that it is for. The delay is in ns.
         engine_.answer(message.get(), reason == kNotHere ? "-NAK {\"delay\":60000000000}" : "+TERM");
     }

@@ -40,13 +40,13 @@ class Deliveries {
     ~Deliveries() { cl_timer_stop(timer_); }
 
     // Takes a message whose subject and datagram were judged.
-    void add(Message message, const std::string &name) {
+    void add(Message message, const Subject &subject) {
         const char *reply = natsMsg_GetReply(message.get()), *id = nullptr;
         Item item{std::move(message), parse_origin(reply ? reply : "")};
         if (item.origin.key == 0) // not from a stream, or a server with other subjects
             return counters_.drop(kBadSubject, content(item.message.get()), "from the engine");
         if (settings_.replicas > 1 && natsMsgHeader_Get(item.message.get(), kBridgeId, &id) == NATS_OK)
-            item.origin.key = std::hash<std::string_view>()(id);
+            item.origin.key = std::hash<std::string>()(place_text(subject.from) + ' ' + id);
         const Origin origin = item.origin;
         const auto at = known_.find(origin.key);
         if (at != known_.end() && at->second.repeats(origin, settings_.duplicates_s)) {
@@ -54,7 +54,7 @@ class Deliveries {
             if (at->second.delivered) engine_.answer(item.message.get(), "+ACK");
             return;
         }
-        if (!gather(item, name)) queues_[name].waiting.push_back(std::move(item));
+        if (!gather(item, subject.name)) queues_[subject.name].waiting.push_back(std::move(item));
         ++held_;
         known_[origin.key] = {origin.time_ns, false};
     }
