@@ -3,7 +3,7 @@
 // The functions of nats.c for streams and consumers wait for answers, so they run in a thread. Each time the
 // connection is made, it looks for the streams and consumers and makes those that are not there. After a
 // server was killed and restarted, a consumer may deliver nothing more or skip messages of its stream. So the
-// thread then looks every 75 s: if messages waited for a consumer all the time without a delivery, while
+// thread then looks every 90 s: if messages waited for a consumer all the time without a delivery, while
 // the bridge itself held none, it deletes the consumer and makes it again.
 #pragma once
 
@@ -43,7 +43,7 @@ inline constexpr int64_t kSecond_ns = 1'000'000'000;
 // Then the engine delivers again. deliveries.h says "+WPI" before.
 inline constexpr int64_t kAcknowledge_s = 30;
 inline constexpr uint64_t kRetry_ms = 1000;
-inline constexpr uint64_t kAudit_ms = 75'000; // longer than any pause between attempts to deliver
+inline constexpr uint64_t kAudit_ms = 90'000; // more than the longest pause between attempts and the attempt
 inline constexpr uint64_t kLongLag = 1000;    // messages: more than a window or two
 
 inline std::string_view content(natsMsg *message) {

@@ -174,7 +174,7 @@ for ((fault = 0; fault < faults; ++fault)); do
 done
 echo "faults: $cuts cuts, $bridges bridges and $servers servers killed, $stuck stuck servers started again, in $((SECONDS - begun)) s"
 # The last redelivery comes 30 s after its delivery; a message that could not be handed over comes a minute later; the bridges
-# notice within two minutes that a consumer delivers nothing. So what has not come after five minutes without a message is lost.
+# notice within three minutes that a consumer delivers nothing. So what has not come after five minutes without a message is lost.
 status=1 before='' quiet=0
 while ((quiet < 300)); do
     now=$(for site in a b c; do account $site; done)
