@@ -234,7 +234,10 @@ class Bridge : Engine::Events {
     void tick() try {
         const uint64_t now_ms = cl_event_loop_now();
         const bool quiet = pipe().waiting() == 0 && now_ms - last_read_ms_ > kQuiet_ms;
-        if (stop_by_ms_ && (quiet || now_ms >= stop_by_ms_)) return cl_event_loop_stop();
+        if (stop_by_ms_ && (quiet || now_ms >= stop_by_ms_)) {
+            turn_ends(); // acknowledges what has just left
+            return engine_.flush(), cl_event_loop_stop();
+        }
         const auto again = [](void *self) { static_cast<Bridge *>(self)->tick(); };
         timer_ = cl_timer_start(stop_by_ms_ ? kStopTick_ms : kTick_ms, again, this);
         tavipc::notify("WATCHDOG=1");
