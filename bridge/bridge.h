@@ -10,11 +10,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 
-#include "common/datagram.h"
 #include "common/facts.h"
-#include "common/log.h"
 #include "common/service.h"
 #include "deliveries.h"
 #include "pipe.h"
@@ -86,15 +83,12 @@ class Bridge : Engine::Events {
     bool open_pipes(std::string &reason) {
         const bool hub = settings_.home.place.location == tavipc::kHubLocation;
         for (int i = 0; i < (hub ? tavipc::kHubPipes : 1); ++i) {
-            const auto forward = [this, i](uint64_t ticket, std::string_view datagram,
-                                           std::string_view time) {
+            const auto forward = [this, i](auto ticket, auto datagram, auto time) {
                 if (i == 0) return take(ticket, datagram, time);
                 counters_.add(kHubCopies);
                 return Message();
             };
-            pipes_.push_back(std::make_unique<Pipe>(engine_, counters_, forward, [this, i] {
-                if (i == 0) taken();
-            }));
+            pipes_.push_back(std::make_unique<Pipe>(engine_, counters_, forward, [this] { taken(); }));
             const std::string path = socket_path(hub ? "_prx" + std::to_string(i) : "_proxy_");
             reason = path + ": ";
             if (!pipes_.back()->open(path)) return false;
@@ -128,12 +122,11 @@ class Bridge : Engine::Events {
     void publish_joined() {
         std::string_view rest = joined_;
         if (rest.empty()) return;
-        const natsStatus status = engine_.publish(subject_text(settings_.domain, joined_subject_), rest);
-        const Drop reason = status == NATS_MAX_PAYLOAD ? kTooLarge : kNoEngine;
+        const natsStatus result = engine_.publish(subject_text(settings_.domain, joined_subject_), rest);
+        const Drop bad = result == NATS_MAX_PAYLOAD ? kTooLarge : kNoEngine;
         while (!rest.empty()) {
             const std::string_view datagram = cut_datagram(rest);
-            status == NATS_OK ? counters_.add(kSentControl)
-                              : counters_.drop(reason, datagram, "from a module");
+            result != NATS_OK ? counters_.drop(bad, datagram, "from a module") : counters_.add(kSentControl);
         }
         joined_.clear();
     }
@@ -141,17 +134,19 @@ class Bridge : Engine::Events {
     void taken() {
         publish_joined();
         engine_.flush();
-        if (!engine_.connected() || pipe().bytes() >= settings_.waiting_bytes ||
-            engine_.unsent_bytes() > kMostUnsent)
-            pipe().read(false);
+        if (!has_room(1)) pipe().read(false);
+    }
+
+    // Whether no more than this part of what is allowed waits for the engine.
+    bool has_room(int part) const {
+        return engine_.connected() && pipe().bytes() <= settings_.waiting_bytes / part &&
+               engine_.unsent_bytes() <= kMostUnsent / part;
     }
 
     void turn_ends() override {
         deliveries_->poll();
         pipe().take_done();
-        if (!pipe().reading() && engine_.connected() && pipe().bytes() <= settings_.waiting_bytes / 2 &&
-            engine_.unsent_bytes() <= kMostUnsent / 2)
-            pipe().read(true);
+        if (!pipe().reading() && has_room(2)) pipe().read(true);
     }
 
     void answered(uint64_t ticket, bool stored, bool before) override {
@@ -173,11 +168,8 @@ class Bridge : Engine::Events {
     // Judges a datagram from the engine. What is refused is counted here.
     Drop judge(const std::optional<Subject> &subject, std::string_view datagram) {
         const Drop reason = subject ? judge_incoming(settings_.home, *subject, datagram) : kBadSubject;
-        if (reason == kNoDrop)
-            remember(tavipc::read_header(datagram.data()).src);
-        else
-            counters_.drop(reason, datagram, "from the engine");
-        return reason;
+        if (reason != kNoDrop) return counters_.drop(reason, datagram, "from the engine"), reason;
+        return remember(tavipc::read_header(datagram.data()).src), kNoDrop;
     }
 
     void arrived(Message &message) override {
@@ -195,10 +187,8 @@ class Bridge : Engine::Events {
             const std::string_view datagram = cut_datagram(payload);
             if (!payload.empty() && !batch) batch.emplace();
             if (judge(subject, datagram) != kNoDrop) continue;
-            if (tav_ipc_send_raw(control_.get(), subject->name.c_str(), datagram.data()) == IPC_OK)
-                counters_.add(kHandedControl);
-            else
-                counters_.drop(kRefused, datagram, "from the engine");
+            const auto bad = tav_ipc_send_raw(control_.get(), subject->name.c_str(), datagram.data());
+            bad ? counters_.drop(kRefused, datagram, "from the engine") : counters_.add(kHandedControl);
         } while (!payload.empty());
     }
 
@@ -234,10 +224,8 @@ class Bridge : Engine::Events {
     void tick() try {
         const uint64_t now_ms = cl_event_loop_now();
         const bool quiet = pipe().waiting() == 0 && now_ms - last_read_ms_ > kQuiet_ms;
-        if (stop_by_ms_ && (quiet || now_ms >= stop_by_ms_)) {
-            turn_ends(); // acknowledges what has just left
-            return engine_.flush(), cl_event_loop_stop();
-        }
+        if (stop_by_ms_ && (quiet || now_ms >= stop_by_ms_)) // turn_ends() acknowledges what has just left
+            return turn_ends(), engine_.flush(), cl_event_loop_stop();
         const auto again = [](void *self) { static_cast<Bridge *>(self)->tick(); };
         timer_ = cl_timer_start(stop_by_ms_ ? kStopTick_ms : kTick_ms, again, this);
         tavipc::notify("WATCHDOG=1");

@@ -15,12 +15,9 @@
 
 #include <deque>
 #include <map>
-#include <new>
 #include <optional>
 #include <unordered_map>
 
-#include "common/datagram.h"
-#include "common/log.h"
 #include "engine.h"
 #include "tavipc/tav_ipc.h"
 #include "tavipc/tav_ipc_stats.h"

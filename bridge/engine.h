@@ -13,12 +13,9 @@
 
 #include <cstring>
 #include <mutex>
-#include <new>
 #include <random>
+#include <thread>
 
-#include <pthread.h>
-
-#include "common/log.h"
 #include "common/unique_fd.h"
 #include "provision.h"
 #include "tavcl_loop.h"
@@ -41,9 +38,7 @@ class Engine {
 
     Engine(const Settings &settings, Events &events)
         : settings_(settings), events_(events),
-          inbox_(inbox(settings, false) + ".r." + std::to_string(std::random_device()())) {
-        used_.reserve(kMostUsed);
-    }
+          inbox_(inbox(settings, false) + ".r." + std::to_string(std::random_device()())) {}
 
     // nats.c's threads may leave notes until the connection is destroyed. Nobody reads them: the caller
     // releases the loop.
@@ -56,16 +51,14 @@ class Engine {
     bool start(std::string &reason) {
         release();
         const Options options = make_options(settings_, reason);
-        if (!options) return closed(reason.c_str()), false;
+        if (!options) return closed(), false;
         natsStatus status = set_callbacks(options.get());
         natsConnection *made = nullptr;
         if (status == NATS_OK) status = natsConnection_Connect(&made, options.get());
         connection_.reset(made);
-        if (status == NATS_OK)
-            leave([](Note &note) { note.up = true; });
-        else if (status != NATS_NOT_YET_CONNECTED)
-            closed(natsStatus_GetText(status));
-        if (made && settings_.home.durable) provision_ = std::make_unique<Provision>(made, settings_);
+        if (!made) return closed(), true; // refused
+        if (status == NATS_OK) leave([](Note &note) { note.up = true; });
+        if (settings_.home.durable) provision_ = std::make_unique<Provision>(made, settings_);
         return true;
     }
 
@@ -86,13 +79,12 @@ class Engine {
 
     // NATS_MAX_PAYLOAD: the engine takes none of this size.
     natsStatus publish(const std::string &subject, std::string_view payload) {
-        if (!connected_) return NATS_CONNECTION_DISCONNECTED;
+        if (!connected_) return NATS_ERR;
         return natsConnection_Publish(connection_.get(), subject.c_str(), payload.data(),
                                       static_cast<int>(payload.size()));
     }
     natsStatus publish(natsMsg *message) {
-        return connected_ ? natsConnection_PublishMsg(connection_.get(), message)
-                          : NATS_CONNECTION_DISCONNECTED;
+        return connected_ ? natsConnection_PublishMsg(connection_.get(), message) : NATS_ERR;
     }
 
     // Answers a durable message: "+ACK", "+WPI" or "-NAK {...}".
@@ -115,8 +107,7 @@ class Engine {
     static constexpr int64_t kReconnect_ms = 250; // between attempts: a refused one costs little
     // After a connection that was closed for good: a person has to change something.
     static constexpr uint64_t kAgain_ms = 5000;
-    static constexpr int kPending =
-        65536; // bytes that nats.c keeps while it reconnects; the pipe has the rest
+    static constexpr int kPending = 65536;  // bytes that nats.c keeps meanwhile; the pipe has the rest
     static constexpr size_t kMostUsed = 32; // messages
 
     // What nats.c's threads have done since the loop last looked.
@@ -149,8 +140,7 @@ class Engine {
         };
         const auto write = [](void *argument, bool add) { // the loop's thread flushes by itself
             auto *self = static_cast<Engine *>(argument);
-            return add && !pthread_equal(pthread_self(), self->thread_) ? self->leave([](Note &) {})
-                                                                        : NATS_OK;
+            return add && std::this_thread::get_id() != self->thread_ ? self->leave([](Note &) {}) : NATS_OK;
         };
         natsStatus status = natsOptions_SetEventLoop(options, this, attach, read, write, detach);
         const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
@@ -189,11 +179,7 @@ class Engine {
             watch(CL_IO_READ);
         }
         if (note.lost && connected_) events_.connected(connected_ = false);
-        if (note.closed) {
-            const char *reason = nullptr;
-            natsConnection_GetLastError(connection_.get(), &reason);
-            closed(reason ? reason : "");
-        }
+        if (note.closed) closed();
         if (note.up && !connected_) {
             if (subscriptions_.empty()) { // nats.c does it again on each new connection
                 subscribe(inbox_ + ".*");
@@ -211,9 +197,11 @@ class Engine {
         TAV_LOG_LIMITED(1, "tav_bridge", "memory is short while the connection changes");
     }
 
-    void closed(const char *reason) {
+    void closed() {
+        const char *reason = nullptr;
+        if (connection_) natsConnection_GetLastError(connection_.get(), &reason);
         again_ms_ = cl_event_loop_now() + kAgain_ms;
-        TAV_LOG_LIMITED(1, "tav_bridge", "no connection to the engine, tried again in 5 s: %s", reason);
+        TAV_LOG_LIMITED(1, "tav_bridge", "no connection to the engine: %s", reason ? reason : error_text());
     }
 
     void release() {
@@ -265,10 +253,8 @@ class Engine {
                     if (status == NATS_NO_RESPONDERS) continue; // what was asked is asked again
                     if (status != NATS_OK) break;
                     Message message(next);
-                    if (std::string_view(natsMsg_GetSubject(next)).starts_with(inbox_))
-                        take_answer(next);
-                    else
-                        events_.arrived(message);
+                    const bool answer = std::string_view(natsMsg_GetSubject(next)).starts_with(inbox_);
+                    answer ? take_answer(next) : events_.arrived(message);
                     if (used_.size() == kMostUsed) used_.clear();
                     if (message) used_.push_back(std::move(message));
                 }
@@ -291,7 +277,7 @@ class Engine {
     Events &events_;
     const std::string inbox_; // of this run: answers to an earlier one do not get here
     const cl_loop_t loop_ = cl_event_loop_self();
-    const pthread_t thread_ = pthread_self();
+    const std::thread::id thread_ = std::this_thread::get_id();
     std::mutex mutex_; // for note_
     Note note_;
     Connection connection_;

@@ -30,7 +30,7 @@ int fail(const std::string &reason) {
 }
 
 int check(const Settings &settings, const Problems &problems) {
-    for (const std::string &problem : problems) std::printf("FAIL %s\n", problem.c_str());
+    for (const std::string &problem : problems) say(false, problem);
     if (!problems.empty()) return EXIT_FAILURE;
     std::string reason;
     const Options options = make_options(settings, reason);
@@ -40,11 +40,9 @@ int check(const Settings &settings, const Problems &problems) {
     char url[256] = "";
     if (status == NATS_OK) natsConnection_GetConnectedUrl(made, url, sizeof url);
     if (options && status != NATS_OK) reason = natsStatus_GetText(status);
-    std::printf(status == NATS_OK ? "ok   connected to %s\n" : "FAIL no connection%s: %s\n", url,
-                reason.c_str());
-    if (status != NATS_OK) return EXIT_FAILURE;
+    if (!say(made, made ? "connected to " : "no connection: ", made ? url : reason)) return EXIT_FAILURE;
     const int64_t most = natsConnection_GetMaxPayload(made);
-    bool good = most >= kLeastPayload || say(false, "the engine's max_payload is less than 65536 bytes");
+    bool good = most >= kLeastPayload || say(false, "the engine's max_payload is less than ", kLeastPayload);
     if (settings.home.durable) good &= Provision(made, settings).check();
     return good ? EXIT_SUCCESS : EXIT_FAILURE;
 }

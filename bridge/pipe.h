@@ -19,15 +19,12 @@
 #include <cerrno>
 #include <deque>
 #include <functional>
-#include <new>
 
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "common/datagram.h"
-#include "common/log.h"
 #include "common/service.h"
 #include "engine.h"
 
@@ -60,7 +57,7 @@ class Pipe {
         buffer_.reset(new char[kAtOnce * kLongest]); // not initialised: most of it is never used
         for (size_t i = 0; i < kAtOnce; ++i) {
             places_[i] = {&buffer_[i * kLongest], kLongest};
-            headers_[i].msg_hdr.msg_control = &times_[i];
+            headers_[i].msg_hdr.msg_control = times_[i].data();
             headers_[i].msg_hdr.msg_iov = &places_[i];
             headers_[i].msg_hdr.msg_iovlen = 1;
         }
@@ -142,9 +139,7 @@ class Pipe {
     static constexpr uint64_t kRefused_ms = 1000; // pause after a refusal: a full stream empties slowly
     static constexpr uint64_t kOverhead = 1000;   // bytes of a message beside its datagram, about
 
-    struct Time { // a control message with a timespec
-        alignas(cmsghdr) char bytes[CMSG_SPACE(2 * sizeof(uint64_t))];
-    };
+    using Time = std::array<char, CMSG_SPACE(2 * sizeof(uint64_t))>; // a control message with a timespec
     struct Seen {
         size_t size = 0;
         Message message = nullptr; // to store; null: the datagram is done
@@ -168,8 +163,7 @@ class Pipe {
 
     // The set reports the socket once, now or when a datagram comes.
     void arm(int operation) {
-        epoll_event event{};
-        event.events = EPOLLIN | EPOLLET;
+        epoll_event event{.events = EPOLLIN | EPOLLET, .data = {}};
         epoll_ctl(set_.get(), operation, socket_.get(), &event);
     }
 
@@ -194,7 +188,7 @@ class Pipe {
         for (size_t i = 0; i < count; ++i) {
             Seen &seen = seen_[known + i];
             const std::string_view datagram(&buffer_[i * kLongest], seen.size <= kLongest ? seen.size : 0);
-            const std::string_view time(times_[i].bytes, headers_[i].msg_hdr.msg_controllen);
+            const std::string_view time(times_[i].data(), headers_[i].msg_hdr.msg_controllen);
             seen.message = take_(first_ + known + i, datagram, time);
             if (!seen.message) continue;
             bytes_ += content(seen.message.get()).size() + kOverhead;

@@ -8,8 +8,8 @@
 #pragma once
 
 #include <chrono>
-#include <cstdio>
 #include <future>
+#include <iostream>
 #include <memory>
 #include <new>
 #include <string>
@@ -18,7 +18,6 @@
 
 #include <nats/nats.h>
 
-#include "common/log.h"
 #include "common/owned.h"
 #include "settings.h"
 #include "tavcl_ev.h"
@@ -82,13 +81,15 @@ inline std::string stream_name(const Settings &settings, Class kind) {
     return "TAV_" + settings.domain + (kind == Class::kAll ? "_ALL" : "");
 }
 
-inline std::string error_text() {
+inline const char *error_text() { // of nats.c's last error in this thread
     const char *text = nats_GetLastError(nullptr);
     return text ? text : "";
 }
 
-inline bool say(bool good, const std::string &what) {
-    std::printf("%s %s\n", good ? "ok  " : "FAIL", what.c_str());
+// Prints a line of a check, and returns whether it is good.
+template <typename... Parts> bool say(bool good, const Parts &...parts) {
+    std::cout << (good ? "ok   " : "FAIL ");
+    (std::cout << ... << parts) << '\n';
     return good;
 }
 
@@ -143,13 +144,10 @@ inline Options make_options(const Settings &settings, std::string &reason) {
 
 class Provision {
   public:
-    Provision(natsConnection *connection, const Settings &settings)
-        : js_([connection] {
-              jsCtx *made = nullptr;
-              natsConnection_JetStream(&made, connection, nullptr);
-              return made;
-          }()),
-          settings_(settings) {
+    Provision(natsConnection *connection, const Settings &settings) : settings_(settings) {
+        jsCtx *made = nullptr;
+        natsConnection_JetStream(&made, connection, nullptr);
+        js_.reset(made);
         const std::string location = "L" + std::to_string(settings.home.place.location) + '_';
         for (const bool any : {false, true}) {
             const Class kind = any ? stored(settings).back() : Class::kDurable;
@@ -184,22 +182,18 @@ class Provision {
             const std::string name = stream_name(settings_, kind);
             const StreamInfo info = stream_info(name);
             const int64_t most = info ? info->Config->MaxBytes : 0;
-            const uint64_t used = info ? info->State.Bytes : 0;
+            const bool room = info && (most < 0 || std::cmp_less(info->State.Bytes, most - most / 4));
             good &=
-                say(info && is_as_set(*info) && (most < 0 || used < static_cast<uint64_t>(most - most / 4)),
-                    "stream " + name + ": " +
-                        (info ? std::to_string(info->State.Msgs) + " messages, " + std::to_string(used) +
-                                    " of " + std::to_string(most) +
-                                    " bytes, replicas = " + std::to_string(info->Config->Replicas)
-                              : error_text()));
+                info ? say(room && is_as_set(*info), "stream ", name, ": ", info->State.Msgs, " messages, ",
+                           info->State.Bytes, " of ", most, " bytes, replicas = ", info->Config->Replicas)
+                     : say(false, "stream ", name, ": ", error_text());
         }
         for (const Consumer &consumer : consumers_) {
             const ConsumerInfo info = consumer_info(consumer);
-            good &= say(info && info->NumPending < kLongLag,
-                        "consumer " + consumer.name + " of " + consumer.stream + ": " +
-                            (info ? std::to_string(info->NumPending) + " wait, " +
-                                        std::to_string(info->NumAckPending) + " are being delivered"
-                                  : error_text()));
+            good &=
+                info ? say(info->NumPending < kLongLag, "consumer ", consumer.name, " of ", consumer.stream,
+                           ": ", info->NumPending, " wait, ", info->NumAckPending, " are being delivered")
+                     : say(false, "consumer ", consumer.name, ": ", error_text());
         }
         return good;
     }
@@ -221,24 +215,21 @@ class Provision {
 
     // All bridges must look for duplicates in the same way; see kEngineId.
     bool is_as_set(const jsStreamInfo &info) const {
-        return info.Config->Replicas == static_cast<int64_t>(settings_.replicas);
+        return std::cmp_equal(info.Config->Replicas, settings_.replicas);
     }
 
-    ConsumerInfo consumer_info(const Consumer &consumer) const {
+    ConsumerInfo consumer_info(const Consumer &of) const {
         jsConsumerInfo *info = nullptr;
-        js_GetConsumerInfo(&info, js_.get(), consumer.stream.c_str(), consumer.name.c_str(), nullptr,
-                           nullptr);
+        js_GetConsumerInfo(&info, js_.get(), of.stream.c_str(), of.name.c_str(), nullptr, nullptr);
         return ConsumerInfo(info);
     }
 
     bool make_stream(Class kind) const {
         const std::string name = stream_name(settings_, kind);
-        if (const StreamInfo info = stream_info(name)) {
-            if (!is_as_set(*info))
-                TAV_LOG_LIMITED(1, "tav_bridge", "stream %s has replicas = %d, not as in the settings",
-                                name.c_str(), static_cast<int>(info->Config->Replicas));
-            return true;
-        }
+        const StreamInfo info = stream_info(name);
+        if (info && !is_as_set(*info))
+            TAV_LOG_LIMITED(1, "tav_bridge", "stream %s: other replicas than the settings", name.c_str());
+        if (info) return true;
         const std::string subjects = "tav." + settings_.domain + ".*.*.*." + static_cast<char>(kind) + ".*.*";
         const char *list[] = {subjects.c_str()};
         jsStreamConfig config;
@@ -275,8 +266,7 @@ class Provision {
         bool good = true;
         for (const Class kind : stored(settings_)) good = good && make_stream(kind);
         for (const Consumer &consumer : consumers_) good = good && make_consumer(consumer);
-        if (!good)
-            TAV_LOG_LIMITED(2, "tav_bridge", "a stream or consumer is missing: %s", error_text().c_str());
+        if (!good) TAV_LOG_LIMITED(2, "tav_bridge", "a stream or consumer is missing: %s", error_text());
         return good;
     }
 
@@ -301,7 +291,7 @@ class Provision {
         return good;
     }
 
-    const JetStream js_;
+    JetStream js_;
     const Settings &settings_;
     std::vector<Consumer> consumers_;
     bool made_ = false, begun_ = false; // begun_: the result will be of the connection before

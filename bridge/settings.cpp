@@ -78,10 +78,9 @@ void read_engine(const Section &ini, Settings &settings) {
     settings.nkey = ini.text("nkey");
     settings.nkey_seed = ini.readable_file("nkey_seed");
     if (settings.servers.empty()) ini.complain("servers", "names no server");
-    if (!is_token(settings.domain) || settings.domain.size() > 32 ||
-        settings.domain.find('\\') != std::string::npos)
-        ini.complain("domain", "has a blank, a dot, a wildcard, a backslash or more than 32 characters");
-    if (settings.domain.ends_with("_ALL")) ini.complain("domain", "ends as the name of a second stream");
+    const std::string &name = settings.domain; // of the streams, too
+    if (!is_token(name) || name.size() > 32 || name.find('\\') != name.npos || name.ends_with("_ALL"))
+        ini.complain("domain", "has a blank, dot, wildcard or slash, over 32 characters, or _ALL at its end");
     if (settings.certificate.empty() != settings.key.empty())
         ini.complain("key", "certificate and key belong together");
     if (settings.nkey.empty() != settings.nkey_seed.empty())

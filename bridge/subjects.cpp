@@ -81,10 +81,9 @@ Drop judge_outgoing(const Home &home, std::string_view datagram, Subject &subjec
     subject.name = tavipc::name_text(header.dest).text;
     if (!is_endpoint_name(subject.name)) return kBadName;
     subject.from = home.place;
-    if (!home.durable || (header.flags & IPC_FLAGS_CONTROL))
-        subject.kind = Class::kControl;
-    else
-        subject.kind = home.any_to_all && subject.to.hostid == 0 ? Class::kAll : Class::kDurable;
+    const bool control = !home.durable || (header.flags & IPC_FLAGS_CONTROL);
+    const bool all = home.any_to_all && subject.to.hostid == 0;
+    subject.kind = control ? Class::kControl : all ? Class::kAll : Class::kDurable;
     return kNoDrop;
 }
 
