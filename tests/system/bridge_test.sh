@@ -1,8 +1,8 @@
 #!/bin/bash
 # bridge_test.sh BUILD SOURCE: three bridges at a nats-server with the installed example of permissions and certificates made
 # here. What belongs to a bridge works; a bridge with the certificate of location 3 that calls itself location 5 can neither
-# read nor write for it. Logins with an NKey and with a JWT; with another seed they are refused. Left out (status 77) without
-# nats-server.
+# read nor write for it. Logins with an NKey and with a JWT; with another seed they are refused, until it is right again.
+# Settings that a check refuses; a bridge that is killed. Left out (status 77) without nats-server.
 set -euo pipefail
 command -v nats-server >/dev/null || { echo "left out: nats-server is not installed"; exit 77; }
 build=$(readlink -f "$1") source=$(readlink -f "$2")
@@ -28,6 +28,13 @@ start_server() { # name of its configuration: sets port
 sed -e "s,/etc/nats,$place,; s,/var/lib/nats,$place/engine,; s,0.0.0.0:4222,127.0.0.1:-1," \
     "$source/packaging/bridge/nats-server.conf" >server.conf
 start_server server
+
+has() { [[ $(counter "$1" "$2") == "$3" ]]; } # site, counter, value
+refused() { # site, lines before its settings, what the check says about them
+    { printf '%s\n' "$2" && cat "$1/config/tav-bridge.ini"; } >refused.ini # the first value of a key counts
+    must_not "$1/bin/tav-bridge" -c refused.ini --check
+    grep -q "^FAIL $3" out.txt || { cat out.txt; give_up "not refused: $2"; }
+}
 
 secure_site() { # name, location, host id, whose certificate
     make_site "$1" "$2" "$3" "tls://localhost:$port"
@@ -96,6 +103,50 @@ printf 'listen: "127.0.0.1:-1"\njetstream { store_dir: "%s/nkey-engine" }\nautho
 start_server nkey
 seed user >seed
 login_site n 6 "nkey = $user\nnkey_seed = $place/seed" seed
+
+# The seed is wrong. Refused twice by a server, nats.c closes the connection for good, and the bridge makes another one.
+kill "${process[nkey]}"
+wait "${process[nkey]}" || true
+sed -i "s/127.0.0.1:-1/127.0.0.1:$port/" nkey.conf
+start_server nkey
+until_ok 20 grep -q 'no connection to the engine' bridge-n.log
+seed user >seed
+until_ok 30 has n ready 1
+must n/bin/tav-bridge --check
+
+# Settings.
+refused n $'[bounds]\nreplicas = 3' 'stream TAV_load: .*, replicas = 1$'
+refused n $'[bounds]\nwindow = 0' '.bounds. window'
+for server in 192.0.2.1 127.0.0.1.example.org '[::1]@192.0.2.1' 'localhost, nats://192.0.2.1'; do
+    refused n $'[engine]\nallow_plain = 0\nservers = nats://'"$server" '.engine. servers: nats://.*another machine'
+done
+for domain in a.b x_ALL 'a\b'; do refused n $'[engine]\ndomain = '"$domain" '.engine. domain'; done
+refused n $'[engine]\nnkey_seed = /nowhere' '.engine. nkey_seed: /nowhere'
+printf '[ipc_proxy]\ndisable_offline_cache=1\n' >ipc.conf # no streams are needed
+sed "s,^ipc_conf.*,ipc_conf = $place/ipc.conf,; s/^domain.*/domain = other/" n/config/tav-bridge.ini >without.ini
+must n/bin/tav-bridge -c without.ini --check
+
+# An engine that takes little. A bridge that is killed before the engine has answered: the next one gives it the same datagram.
+printf 'listen: "127.0.0.1:-1"\nmax_payload: 32768\njetstream { store_dir: "%s/small-engine" }\n' "$place" >small.conf
+start_server small
+make_site p 2 1002 "nats://127.0.0.1:$port"
+p/bin/tavbridge-load hold "$place/p/zon_ipc2/_proxy_" p/bin/tav-bridge >keeper.txt 2>bridge-p.log &
+process[keeper]=$!
+until_ok 20 has p ready 1
+refused p '' 'the engine.s max_payload'
+must p/bin/tavctl send --no-confirm log@3 "$(printf '%040000d' 0)"
+until_ok 10 has p drop_too_large 1
+kill -STOP "${process[small]}"
+must p/bin/tavctl send --no-confirm log@3 once
+until_ok 10 has p waiting 1
+kill -9 "$(tail -n 1 keeper.txt | cut -d' ' -f2)"
+kill -CONT "${process[small]}"
+until_ok 30 has p stored_before 1
+if unshare -rpf true 2>/dev/null; then # two messages with the same process id, message id and bytes
+    for _ in 1 2; do must unshare -rpf p/bin/tavctl send --no-confirm log@3 same; done
+    until_ok 10 has p stored 3
+    must has p stored_before 1
+fi
 limits='"subs":-1,"conn":-1,"leaf":-1,"data":-1,"payload":-1,"imports":-1,"exports":-1,"wildcards":true,"mem_storage":-1,"disk_storage":-1'
 printf 'listen: "127.0.0.1:-1"\njetstream { store_dir: "%s/jwt-engine" }\noperator: %s\nresolver: MEMORY\nsystem_account: %s
 resolver_preload: { %s: %s\n %s: %s }\n' "$place" "$(jwt "$(public operator 70)" '"type":"operator"')" "$system" \
