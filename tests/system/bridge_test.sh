@@ -112,7 +112,10 @@ start_server nkey
 until_ok 20 grep -q 'no connection to the engine' bridge-n.log
 seed user >seed
 until_ok 30 has n ready 1
-must n/bin/tav-bridge --check
+doctor() { n/bin/tavctl doctor | grep "^$1 *bridge "; } # verdict
+must doctor ok
+kill -9 "${process[n]}"
+must doctor warn
 
 # Settings.
 refused n $'[bounds]\nreplicas = 3' 'stream TAV_load: .*, replicas = 1$'

@@ -1,5 +1,5 @@
 // tavctl doctor: examines what the modules of an agent need, and says how to fix each fault. It makes and
-// changes nothing; the endpoint that it opens at the end is closed again.
+// changes nothing; the endpoints that it opens are closed again.
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -179,8 +179,8 @@ Finding check_environment() {
         "unset TAV_INSTALL_ROOT");
 }
 
-// What tav-bridge says itself, if this agent has one: server, streams, and how much waits for this location.
-// Without an agent id it would make and store one.
+// What tav-bridge says itself, if this agent has one: server, streams, how much waits for this location, and
+// whether the running one is ready. Without an agent id it would make and store one.
 Finding check_bridge(const Findings &findings) {
     const std::string program = fs::path(own_executable()).parent_path() / "tav-bridge";
     if (access((config_beside(own_executable()) + "/tav-bridge.ini").c_str(), F_OK) != 0 ||
@@ -195,8 +195,22 @@ Finding check_bridge(const Findings &findings) {
         if (failed.empty() && !text.starts_with("ok ")) failed = text;
         seen = text;
     }
-    if (pclose(output) == 0) return ok(seen.substr(std::min<size_t>(5, seen.size())));
-    return fail("tav-bridge --check: " + failed, quoted(program) + " --check");
+    if (pclose(output) != 0) return fail("tav-bridge --check: " + failed, quoted(program) + " --check");
+    const Finding good = ok(seen.substr(std::min<size_t>(5, seen.size())));
+    if (!findings.allowed || !findings.directory) return good;
+    try { // the running bridge has a connection of its own
+        const Module module;
+        const Answer answer =
+            exchange(module, TAV_IPC_EXCHANGE_REQUEST, parse_address(tavipc::kBridgeEndpoint),
+                     kProbeTimeout_s, tavipc::kBridgeCounters);
+        if (!answer.ended || answer.code != 0)
+            return warn("the engine is ready, but no bridge answers", as_root("systemctl start tav-bridge"));
+        if (answer.payload.find("\nready 1\n") == std::string::npos)
+            return fail("the engine is ready, but the running bridge is not",
+                        as_root("journalctl -u tav-bridge"));
+    } catch (const Problem &) { // see check_endpoint
+    }
+    return good;
 }
 
 constexpr std::pair<const char *, Finding (*)()> kMachineChecks[] = {
