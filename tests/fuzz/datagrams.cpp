@@ -161,6 +161,8 @@ class Life : public EndpointWorld {
             if (shape & 128) bytes += bytes + in_.text(in_.u8()); // several in one message
         }
         const auto parsed = tavbridge::parse_subject("d", subject);
+        const tavbridge::Origin origin = tavbridge::parse_origin(shape & 32 ? "$JS.ACK." + subject : subject);
+        FUZZ_CHECK(origin.key != 0 || origin.times == 0 || origin.time_ns != 0); // not half read
         std::string_view rest = bytes;
         while (parsed && !rest.empty()) {
             const size_t before = rest.size();

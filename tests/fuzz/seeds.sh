@@ -38,6 +38,7 @@ seed datagrams '\x01' '\x07\x00\x09\x01\x00\x80\x05\x00\x00\x00' '\x03\x00\x03\x
 header=$(repeat 4 '\x67')"e0$(repeat 10 '\x00')$(repeat 4 '\x37')p0$(repeat 10 '\x00')$(repeat 28 '\x00')"
 for lie in 0 1; do seed datagrams "\\x01\\x02\\x00\\x05\\x0$lie" "$header" hello; done
 for at in 12 13; do seed datagrams '\x01' '\x07\x00\x09\x01\x00\x08\x05\x00\x00\x00' "\\x03\\x00\\x$at\\x00\\x10"; done # compressed, with another length
+seed datagrams '\x01' '\x0b\x20SSSSSSSSS.C.2.77.80.1700000000.5\x00\x00' # the place of a message in its stream
 dictionary datagrams '3200' '\x01\x00' '\x00\xFA\x00\x00' '\xFF\xFF\xFF\xFF' '\x10\x00\x00\x00' '\x03\x00' '\x04\x05'
 
 # --- parsers: the number of the parser, then what it reads (parsers.cpp)
