@@ -161,7 +161,7 @@ class Deliveries {
     }
 
     // How many datagrams for the destination the library has, and how many it has dropped; without a name,
-    // for all destinations. Nothing for one that it has forgotten: nothing was pending there.
+    // for all destinations, which it always knows. Nothing for one that it has forgotten or cannot count for.
     std::optional<std::pair<uint64_t, uint64_t>> pending_and_drops(const char *name) const {
         tav_ipc_stats_st stats;
         if (tav_ipc_get_stats(endpoint_, name, &stats, sizeof stats) != 0) return {};
@@ -169,12 +169,11 @@ class Deliveries {
         const uint64_t pending = v[TAV_IPC_STATS_QUEUED] + v[TAV_IPC_STATS_IN_FLIGHT];
         return std::pair{pending, v[TAV_IPC_STATS_ACCEPTED] - v[TAV_IPC_STATS_LEFT] - pending};
     }
-    uint64_t all_drops() const { return pending_and_drops(nullptr).value_or(std::pair{0, 0}).second; }
 
     void hand_over(const std::string &name, Queue &queue) {
         const Batch batch;
         queue.drops = pending_and_drops(name.c_str()).value_or(std::pair{0, 0}).second;
-        queue.all_drops = all_drops();
+        queue.all_drops = pending_and_drops(nullptr)->second;
         for (; !queue.waiting.empty(); queue.waiting.pop_front()) {
             if (queue.batch.size() >= kBatch && !queue.batch.back().more) break;
             natsMsg *message = queue.waiting.front().message.get();
@@ -185,9 +184,9 @@ class Deliveries {
 
     void settle(const std::string &name, Queue &queue) {
         if (queue.batch.empty()) return;
-        const auto own = pending_and_drops(name.c_str());
-        if (own && own->first > 0) return;
-        const bool good = own ? own->second == queue.drops : all_drops() == queue.all_drops;
+        const auto own = pending_and_drops(name.c_str()), all = pending_and_drops(nullptr);
+        if ((own ? own : all)->first > 0) return;
+        const bool good = own ? own->second == queue.drops : all->second == queue.all_drops;
         for (; !queue.batch.empty(); queue.batch.pop_front())
             good ? left(queue.batch.front()) : failed(queue.batch.front());
     }
