@@ -56,9 +56,9 @@ class Engine {
         natsConnection *made = nullptr;
         if (status == NATS_OK) status = natsConnection_Connect(&made, options.get());
         connection_.reset(made);
+        again_ms_ = 0;                    // nothing throws from here on
         if (!made) return closed(), true; // refused
         if (status == NATS_OK) leave([](Note &note) { note.up = true; });
-        if (settings_.home.durable) provision_ = std::make_unique<Provision>(made, settings_);
         return true;
     }
 
@@ -67,11 +67,13 @@ class Engine {
         take_note();
         std::string reason;
         if (again_ms_ && cl_event_loop_now() >= again_ms_) start(reason);
-        if (connected_ && provision_) provision_->tick(holding);
+        if (!connected_ || !settings_.home.durable) return;
+        if (!provision_) provision_ = std::make_unique<Provision>(connection_.get(), settings_);
+        provision_->tick(holding);
     }
 
     bool connected() const { return connected_; }
-    bool ready() const { return connected_ && (!provision_ || provision_->done()); }
+    bool ready() const { return connected_ && (provision_ ? provision_->done() : !settings_.home.durable); }
     // Bytes that nats.c holds for the socket.
     int unsent_bytes() const { return socket_ ? natsConnection_Buffered(connection_.get()) : 0; }
 
@@ -205,7 +207,6 @@ class Engine {
     }
 
     void release() {
-        again_ms_ = 0;
         if (connection_) natsConnection_Close(connection_.get()); // ends what provision_ waits for
         provision_.reset();
         used_.clear();
