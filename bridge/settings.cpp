@@ -17,7 +17,7 @@ namespace tavbridge {
 namespace {
 
 constexpr uint64_t kLeastStream = 1 << 20, kMostStream = uint64_t{1} << 50; // bytes
-constexpr uint64_t kMostAge_s = 366 * 86400; // a year; more is probably in another unit
+constexpr uint64_t kMostAge_s = uint64_t{366} * 86400; // a year; more is probably in another unit
 constexpr uint64_t kLeastWaiting = 1 << 20, kMostWaiting = uint64_t{1} << 32; // bytes: some datagrams; memory
 constexpr uint64_t kMostWindow = 4096; // datagrams of up to 64,060 bytes: 262 MB
 
@@ -39,7 +39,7 @@ struct Section {
     }
     // The path of a file that can be read. A leading "@" is the directory of the executable.
     std::string readable_file(const char *key) const {
-        const std::string found = text(key);
+        std::string found = text(key);
         char path[PATH_MAX];
         if (found.empty()) return found;
         if (dirutils_path_transform(found.c_str(), path, sizeof path) != 0 || access(path, R_OK) != 0)
