@@ -30,6 +30,7 @@ class SpeedTest : public EventTest {
     SpeedTest() {
         cl_dunix_set_send_wait(60'000);
         cl_event_loop_set_batching(0, 0); // whatever the environment says
+        cl_event_loop_set_busy_poll(0);
     }
     ~SpeedTest() override {
         on_yield = nullptr;
