@@ -122,8 +122,8 @@ TEST(Paths, AtSignIsTheExecutablesDirectory) {
 
 TEST(Resolver, GivesIpv4TextOrLeavesTheBufferAlone) {
     char ip[16] = "untouched";
-    for (const char *host : {"", "::1", "300.1.1.1.1", "bad_host.invalid"})
-        EXPECT_EQ(get_ipaddr_by_host(host, ip), 0) << host;
+    for (const std::string &host : {std::string(), std::string("::1"), std::string(64, 'x')}) // no query
+        EXPECT_EQ(get_ipaddr_by_host(host.c_str(), ip), 0) << host;
     EXPECT_STREQ(ip, "untouched");
     EXPECT_EQ(get_ipaddr_by_host("255.255.255.254", ip), 1);
     EXPECT_STREQ(ip, "255.255.255.254");

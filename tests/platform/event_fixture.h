@@ -65,7 +65,7 @@ inline cl_sockaddr_t address_of(const std::string &path) {
 class RawPeer {
   public:
     explicit RawPeer(const std::string &path = {}, int type = SOCK_DGRAM)
-        : fd_(socket(AF_UNIX, type | SOCK_CLOEXEC, 0)) {
+        : fd_(socket(AF_UNIX, type | SOCK_CLOEXEC, 0)), path_(path) {
         if (path.empty()) return;
         const cl_sockaddr_t address = address_of(path);
         EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr *>(&address.addr), address.len), 0) << path;
@@ -77,18 +77,29 @@ class RawPeer {
         const auto *generic = reinterpret_cast<const sockaddr *>(&to.addr);
         return sendto(fd_, data.data(), data.size(), MSG_DONTWAIT, generic, to.len) >= 0;
     }
-    // Returns at most `most` datagrams of those that have arrived.
+    // Leaves room for at most this many datagrams, however long the queues of this machine are.
+    void fill(size_t room = 11) const {
+        for (bool more = true; more;) { // until a sender with an empty buffer finds it full
+            const RawPeer from;
+            for (more = false; from.send(path_, kFiller);) more = true;
+        }
+        for (char byte; room > 0 && recv(fd_, &byte, 1, MSG_DONTWAIT) >= 0;) --room;
+    }
+    // Returns at most `most` datagrams of those that have arrived, without those of fill.
     std::vector<std::string> read(size_t most = SIZE_MAX) const {
         std::vector<std::string> got;
         std::string data(1 << 20, 0);
         for (ssize_t size;
              got.size() < most && (size = recv(fd_, data.data(), data.size(), MSG_DONTWAIT)) >= 0;)
-            got.push_back(data.substr(0, static_cast<size_t>(size)));
+            if (data.compare(0, static_cast<size_t>(size), kFiller) != 0)
+                got.push_back(data.substr(0, static_cast<size_t>(size)));
         return got;
     }
 
   private:
+    static constexpr char kFiller[] = "filler";
     const int fd_;
+    const std::string path_;
 };
 
 struct EventTest : testing::Test {

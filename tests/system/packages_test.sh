@@ -135,14 +135,16 @@ programs() {
 
 # /usr/bin/tavctl finds the allow-list in /etc/tavipc through its links, and opens endpoints once the list contains it.
 tool() {
-    local status=0 tavctl=$root/usr/bin/tavctl tries=100
+    local status=0 tavctl=$root/usr/bin/tavctl line
     must grep -qF "$(field libtavipc0 Version | cut -d- -f1)" <<<"$(run "$tavctl" --version)"
     must test "$(readlink "$agent/config.installed")" = /etc/tavipc
     run "$tavctl" probe nobody || status=$?
     must test $status = 4
     must run "$tavctl" allowlist add --key "$key" --dir "$root/etc/tavipc" tavctl
-    run "$tavctl" reply --echo --count 1 echo &
-    while [[ ! -S zon_ipc1/echo ]] && ((tries-- > 0)); do sleep 0.1; done
+    must mkfifo said
+    run "$tavctl" reply --echo --count 1 echo >said &
+    exec 3<said
+    must read -r line <&3 # "answering as ...", once it has the socket
     must test "$(run "$tavctl" request --raw echo hello)" = hello
     must wait $!
     must bash -n "$root/usr/share/bash-completion/completions/tavctl"

@@ -11,6 +11,7 @@
 
 #include "installation.h"
 #include "tavipc/tav_ipc_stats.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -288,10 +289,9 @@ TEST_F(Tavctl, DoctorFindsWhatIsBrokenAndChangesNothing) {
 
 // In this file system, and in another one where there is one.
 TEST_F(Tavctl, FilesArriveWholeAndReplaceNone) {
-    std::string other = "/dev/shm/tavipc-XXXXXX";
-    ASSERT_TRUE(mkdtemp(other.data()));
+    const TempDir other("/dev/shm/tavipc-XXXXXX");
     fs::create_directory(root_ / "drop");
-    for (const fs::path &directory : {fs::path(other), root_ / "drop"}) {
+    for (const fs::path &directory : {fs::path(other / ""), root_ / "drop"}) {
         fs::create_symlink("nothing", directory / "source");
         Process receiver(tool_, {}, {"recvfile", directory, "--as", "in", "-c", "3", "--json"});
         receiver.expect("{\"type\":\"ready\"");
@@ -308,7 +308,6 @@ TEST_F(Tavctl, FilesArriveWholeAndReplaceNone) {
         const auto files = std::distance(fs::directory_iterator(directory), fs::directory_iterator());
         EXPECT_TRUE(fs::is_symlink(directory / "source") && files == 4) << "none is replaced or left over";
     }
-    fs::remove_all(other);
 }
 
 } // namespace

@@ -12,6 +12,7 @@
 #include "agentid/whole_file.h"
 #include "fakes.h"
 #include "tavipc/tav_agentid.h"
+#include "temp_dir.h"
 
 static std::string exe_link;                   // target of the executable's link; empty: it cannot be read
 static std::optional<std::string> signed_text; // what the signature holds
@@ -50,7 +51,6 @@ struct AllowList : FakeWorld {
         exe_link = "/opt/somewhere/the_name";
         between_readings = nullptr;
     }
-    ~AllowList() override { fs::remove_all(root); }
 
     void install(const std::string &list, const std::string &in_base64,
                  const std::optional<std::string> &text) {
@@ -89,7 +89,8 @@ struct AllowList : FakeWorld {
         refuses(lines, 1);
     }
 
-    const fs::path root = fs::temp_directory_path() / ("allow_list." + std::to_string(getpid()));
+    const TempDir place;
+    const fs::path root = place / "agent";
     const fs::path list_file = root / "config/linux.json", signature_file = root / "config/linux_sign.json";
     std::string signature;
 };

@@ -4,6 +4,7 @@
 
 #include "endpoint_world.h"
 #include "ipc/ipc_file.h"
+#include "temp_dir.h"
 
 using testing::ElementsAre;
 namespace fs = std::filesystem;
@@ -11,11 +12,11 @@ namespace fs = std::filesystem;
 std::vector<int32_t> done;              // codes of finished transfers
 std::vector<std::string> received;      // paths, each with the number of datagrams sent before
 std::function<void(tav_ipc_st *)> then; // runs in the next callback
-std::string directory;                  // where mkstemp creates its files
+std::string directory;                  // where mkstemp creates its files, with a slash
 int made;                               // how many
 const char *device;                     // is opened in place of a file
 
-std::string path_of(int number) { return directory + '/' + std::to_string(1'000'000 + number); }
+std::string path_of(int number) { return directory + std::to_string(1'000'000 + number); }
 int on_done(int32_t code, void *) {
     done.push_back(code);
     return -1;
@@ -54,18 +55,15 @@ extern "C" int mkstemp(char *path) {
 }
 
 struct Files : EndpointWorld {
-    Files() {
-        done = {}, received = {}, events = {}, directory = "/tmp/tXXXXXX", made = 0, device = nullptr;
-        EXPECT_TRUE(mkdtemp(directory.data()));
-    }
+    Files() { done = {}, received = {}, events = {}, directory = place_ / "", made = 0, device = nullptr; }
     void TearDown() override {
         tavipc::reset_received_files();
         EndpointWorld::TearDown();
         EXPECT_EQ(descriptors(), descriptors_);
-        fs::remove_all(directory);
     }
     static ptrdiff_t descriptors() { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); }
     const ptrdiff_t descriptors_ = descriptors();
+    const TempDir place_{"/tmp/tXXXXXX"}; // mkstemp's argument has room for twenty characters
 
     void append(size_t size) { std::ofstream(path_of(0), std::ios::app) << std::string(size, '+'); }
     void send_file(tav_ipc_st *ipc, const char *path = "/dev/null", const char *dest = "beta") {

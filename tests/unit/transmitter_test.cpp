@@ -6,6 +6,7 @@
 #include "endpoint_world.h"
 #include "ipc/ipc_conf.h"
 #include "ipc/transmitter.h"
+#include "temp_dir.h"
 
 constexpr uint32_t kSmall = tavipc::kSmallClassBytes, kLarge = tavipc::kLargeClassBytes;
 
@@ -184,7 +185,8 @@ TEST_F(TransmitterTest, MissingAndBadValuesOfTheConfigurationGetDefaults) {
         {"1\n[transfer]\neagain_retry_interval_ms=99999999999\neagain_max_retry_times=2147483648\n", 7,
          INT32_MAX, INT32_MAX},
         {"", 6, 1000, 10}}; // no file
-    const std::string path = testing::TempDir() + "transmitter_test." + std::to_string(getpid());
+    const TempDir directory;
+    const std::string path = directory / "transfer.ini";
     for (const auto &[text, options, interval_ms, retry_times] : cases) {
         tavipc::reset_ipc_conf();
         std::ofstream(path) << "[ipc_proxy]\ndisable_offline_cache=" << text;

@@ -1,16 +1,19 @@
 // A directory of a test's own, removed with all that is in it.
 #pragma once
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 class TempDir {
   public:
-    TempDir() {
-        if (!mkdtemp(path_.data())) abort();
+    explicit TempDir(std::string path = std::filesystem::temp_directory_path() / "tavipc-XXXXXX")
+        : path_(std::move(path)) {
+        if (!mkdtemp(path_.data())) throw std::system_error(errno, std::generic_category(), path_);
     }
     TempDir(const TempDir &) = delete;
     TempDir &operator=(const TempDir &) = delete;
@@ -23,5 +26,5 @@ class TempDir {
     }
 
   private:
-    std::string path_ = (std::filesystem::temp_directory_path() / "tavipc-XXXXXX").string();
+    std::string path_;
 };
