@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 
 #include "event_fixture.h"
+#include "tavcl_loop.h"
 
 struct SendTest : EventTest {
     SendTest() { cl_dunix_set_send_wait(60'000); }
@@ -34,7 +35,7 @@ struct SendTest : EventTest {
     std::map<int, std::string> data_;
 };
 
-TEST_F(SendTest, ABusyPeerGetsEverythingInOrderAlsoWithoutDescriptors) {
+TEST_F(SendTest, ABusyPeerGetsEverythingInOrderAlsoInBatchesAndWithoutDescriptors) {
     const RawPeer peer(path("peer"));
     const size_t sizes[] = {0, 64'060, 160, 9'000, 500'000, 64'060, 12};
     for (int i = 0; i < 300; i += 5) send_numbered("peer", i, i + 5, sizes[i / 5 % 7]);
@@ -49,6 +50,10 @@ TEST_F(SendTest, ABusyPeerGetsEverythingInOrderAlsoWithoutDescriptors) {
     send_numbered("by_path", 300, 340);
     expect_in_order(by_path, 340, 300);
     setrlimit(RLIMIT_NOFILE, &before);
+    peer.fill();
+    cl_event_loop_set_batching(16, 0);
+    send_numbered("peer", 340, 440);
+    expect_in_order(peer, 440, 340);
 }
 
 TEST_F(SendTest, AStalledDestinationIsReportedOnceAfterTheWaitAndDelaysNoOther) {

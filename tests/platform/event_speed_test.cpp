@@ -108,17 +108,6 @@ TEST_F(SpeedTest, ABatchLeavesWhenItIsFullOldOrTheTurnEnds) {
     EXPECT_EQ(statuses_, (std::map<int, int>{{CL_EV_OK, 10}}));
 }
 
-TEST_F(SpeedTest, BatchesToABusyPeerKeepTheOrder) {
-    const RawPeer peer(path("peer"));
-    cl_event_loop_set_batching(16, 0);
-    for (int i = 100; i < 200; ++i) send_all("peer", {std::to_string(i)});
-    run_until([&, next = 100]() mutable {
-        for (const std::string &got : peer.read(3)) EXPECT_EQ(got, std::to_string(next++));
-        return next == 200 && reported_ == 100;
-    });
-    EXPECT_EQ(statuses_, (std::map<int, int>{{CL_EV_OK, 100}}));
-}
-
 TEST_F(SpeedTest, ABusyLoopServesEverythingAndSleepsWhenItsTimeIsUp) {
     setenv("TAV_BUSY_POLL_US", "60000000", 1);
     cl_event_loop_release();
