@@ -61,7 +61,8 @@ inline cl_sockaddr_t address_of(const std::string &path) {
     return address;
 }
 
-// A datagram socket without the event library: a peer that reads and dies when the test wants it.
+// A datagram socket without the event library: a peer that reads and dies when the test wants it. A bound one
+// has room for eleven datagrams, as with the kernel's default, however long the queues of this machine are.
 class RawPeer {
   public:
     explicit RawPeer(const std::string &path = {}, int type = SOCK_DGRAM)
@@ -69,6 +70,7 @@ class RawPeer {
         if (path.empty()) return;
         const cl_sockaddr_t address = address_of(path);
         EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr *>(&address.addr), address.len), 0) << path;
+        fill(11);
     }
     RawPeer(const RawPeer &) = delete;
     ~RawPeer() { close(fd_); }
@@ -77,15 +79,14 @@ class RawPeer {
         const auto *generic = reinterpret_cast<const sockaddr *>(&to.addr);
         return sendto(fd_, data.data(), data.size(), MSG_DONTWAIT, generic, to.len) >= 0;
     }
-    // Leaves room for at most this many datagrams, however long the queues of this machine are.
-    void fill(size_t room = 11) const {
+    void fill(size_t room) const {
         for (bool more = true; more;) { // until a sender with an empty buffer finds it full
             const RawPeer from;
             for (more = false; from.send(path_, kFiller);) more = true;
         }
         for (char byte; room > 0 && recv(fd_, &byte, 1, MSG_DONTWAIT) >= 0;) --room;
     }
-    // Returns at most `most` datagrams of those that have arrived, without those of fill.
+    // Returns at most `most` datagrams of those that have arrived, without those that fill it.
     std::vector<std::string> read(size_t most = SIZE_MAX) const {
         std::vector<std::string> got;
         std::string data(1 << 20, 0);

