@@ -67,7 +67,7 @@ TEST_F(SendTest, AStalledDestinationIsReportedOnceAfterTheWaitAndDelaysNoOther) 
     for (const long seconds : {0, 1, 9}) skip(seconds);
     EXPECT_EQ(statuses_[CL_EV_WOULD_BLOCK], 0);
     skip(2);
-    run_until([&] { return reported_ == 45; });
+    cl_event_loop_run_once(0);
     const int left = 1 + static_cast<int>(stalled.read().size());
     EXPECT_LT(left, 40);
     EXPECT_EQ(statuses_, (std::map<int, int>{{CL_EV_OK, 5 + left}, {CL_EV_WOULD_BLOCK, 40 - left}}));

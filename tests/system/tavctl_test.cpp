@@ -135,7 +135,7 @@ TEST_F(Tavctl, KeepsTheSignedList) {
     fs::create_symlink("../../real", dir + "/linux.json");
     list(0, {"add", "delta"}); // the link stays
     EXPECT_TRUE(fs::is_symlink(dir + "/linux.json"));
-    if (lchown((dir + "/linux.json").c_str(), 65534, 65534) == 0) // as root only
+    if (geteuid() == 0 && lchown((dir + "/linux.json").c_str(), 65534, 65534) == 0)
         list(1, {"remove", "delta"}, "linux.json is a link of another user");
 }
 
@@ -257,7 +257,7 @@ TEST_F(Tavctl, BelievesNoCounterFile) {
     const int found = bind_to(other / "x");
     fs::copy(sockets_ / ("ipc" + pid + ".stats"), other / "ipc1.stats");
     expect(0, {"stats"}, other / "ipc1.stats: of another process");
-    if (chown((other / "ipc1.stats").c_str(), 65534, 65534) == 0) // as root only
+    if (geteuid() == 0 && chown((other / "ipc1.stats").c_str(), 65534, 65534) == 0)
         expect(0, {"stats"}, other / "ipc1.stats: of user ");
     close(found);
     file.header.record_count = 4097;
