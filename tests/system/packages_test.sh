@@ -135,7 +135,7 @@ programs() {
 
 # /usr/bin/tavctl finds the allow-list in /etc/tavipc through its links, and opens endpoints once the list contains it.
 tool() {
-    local status=0 tavctl=$root/usr/bin/tavctl line
+    local status=0 tavctl=$root/usr/bin/tavctl
     must grep -qF "$(field libtavipc0 Version | cut -d- -f1)" <<<"$(run "$tavctl" --version)"
     must test "$(readlink "$agent/config.installed")" = /etc/tavipc
     run "$tavctl" probe nobody || status=$?
@@ -144,7 +144,7 @@ tool() {
     must mkfifo said
     run "$tavctl" reply --echo --count 1 echo >said &
     exec 3<said
-    must read -r line <&3 # "answering as ...", once it has the socket
+    must read -r <&3 # "answering as ...", once it has the socket
     must test "$(run "$tavctl" request --raw echo hello)" = hello
     must wait $!
     must bash -n "$root/usr/share/bash-completion/completions/tavctl"
