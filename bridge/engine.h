@@ -6,9 +6,11 @@
 // are emptied without a wait after each read, so no thread of nats.c handles messages.
 //
 // nats.c connects again after most errors, but closes the connection for good after others, such as a refused
-// login. Then the next one is made after a pause.
+// login. Then the next one is made after a pause: natsConnection_Connect tries each server once, on the
+// loop's thread, and may wait two seconds for one that does not answer.
 //
-// While the connection is down the loop's thread calls no function of nats.c that could wait for its lock.
+// While the connection is down the loop's thread calls no other function of nats.c that could wait for its
+// lock.
 #pragma once
 
 #include <cstring>
@@ -126,10 +128,11 @@ class Engine {
         const auto up = [](natsConnection *, void *self) {
             static_cast<Engine *>(self)->leave([](Note &note) { note.up = true; });
         };
-        const auto down = [](natsConnection *connection, void *self) {
-            static_cast<Engine *>(self)->leave([closed = natsConnection_IsClosed(connection)](Note &note) {
-                note.up = false, note.lost = true, note.closed |= closed;
-            });
+        const auto down = [](natsConnection *, void *self) {
+            static_cast<Engine *>(self)->leave([](Note &note) { note.up = false, note.lost = true; });
+        };
+        const auto gone = [](natsConnection *, void *self) {
+            static_cast<Engine *>(self)->leave([](Note &note) { note.closed = true; });
         };
         const auto attach = [](void **self, void *engine, natsConnection *, natsSock socket) {
             *self = engine;
@@ -149,7 +152,7 @@ class Engine {
         set(natsOptions_SetRetryOnFailedConnect(options, true, up, this));
         set(natsOptions_SetReconnectedCB(options, up, this));
         set(natsOptions_SetDisconnectedCB(options, down, this));
-        set(natsOptions_SetClosedCB(options, down, this));
+        set(natsOptions_SetClosedCB(options, gone, this));
         set(natsOptions_SetMaxReconnect(options, -1));
         set(natsOptions_SetReconnectWait(options, kReconnect_ms));
         set(natsOptions_SetReconnectBufSize(options, kPending));

@@ -42,7 +42,7 @@ inline constexpr int64_t kSecond_ns = 1'000'000'000;
 // Then the engine delivers again. deliveries.h says "+WPI" before.
 inline constexpr int64_t kAcknowledge_s = 30;
 inline constexpr uint64_t kRetry_ms = 1000;
-inline constexpr uint64_t kAudit_ms = 90'000; // more than the longest pause between attempts and the attempt
+inline constexpr uint64_t kAudit_ms = 90'000; // longer than an attempt (20 s) and the longest pause after it
 inline constexpr uint64_t kLongLag = 1000;    // messages: more than a window or two
 
 inline std::string_view content(natsMsg *message) {
@@ -146,7 +146,7 @@ class Provision {
   public:
     Provision(natsConnection *connection, const Settings &settings) : settings_(settings) {
         jsCtx *made = nullptr;
-        natsConnection_JetStream(&made, connection, nullptr);
+        if (natsConnection_JetStream(&made, connection, nullptr) != NATS_OK) throw std::bad_alloc();
         js_.reset(made);
         const std::string location = "L" + std::to_string(settings.home.place.location) + '_';
         for (const bool any : {false, true}) {
