@@ -230,7 +230,8 @@ class Bridge : Engine::Events {
         timer_ = cl_timer_start(stop_by_ms_ ? kStopTick_ms : kTick_ms, again, this);
         tavipc::notify("WATCHDOG=1");
         engine_.tick(deliveries_->held() > 0);
-        if (engine_.connected() && engine_.unsent_bytes() <= 0) pipe().resend(false); // not behind themselves
+        if (engine_.connected() && engine_.unsent_bytes() <= 0)
+            pipe().resend(false); // the first copies have left
         if (++ticks_ % kKeepAliveTicks == 0) deliveries_->keep_alive();
         turn_ends();
         engine_.flush();

@@ -40,7 +40,7 @@ class Deliveries {
     void add(Message message, const Subject &subject) {
         const char *reply = natsMsg_GetReply(message.get()), *id = nullptr;
         Item item{std::move(message), parse_origin(reply ? reply : "")};
-        if (item.origin.key == 0) // not from a stream, or a server with other subjects
+        if (item.origin.key == 0) // the reply subject names no place in a stream: nothing can be acknowledged
             return counters_.drop(kBadSubject, content(item.message.get()), "from the engine");
         if (settings_.replicas > 1 && natsMsgHeader_Get(item.message.get(), kBridgeId, &id) == NATS_OK)
             item.origin.key = std::hash<std::string>()(place_text(subject.from) + ' ' + id);

@@ -32,9 +32,9 @@ namespace tavbridge {
 
 class Pipe {
   public:
-    // Gets each datagram once. Returns the message with which the engine shall store it, or null if it is
-    // done. The engine answers to reply_subject(ticket).
-    // time: bytes that differ for each datagram of the socket.
+    // Gets each datagram once, with its time: bytes that differ for each datagram of the socket. Returns the
+    // message with which the engine shall store it, or null if it is done. The engine answers to
+    // reply_subject(ticket).
     using Take = std::function<Message(uint64_t ticket, std::string_view datagram, std::string_view time)>;
 
     // taken() is called after the datagrams of one turn of the loop, and may call read().
@@ -103,8 +103,7 @@ class Pipe {
         const uint64_t now_ms = cl_event_loop_now();
         for (Seen &seen : seen_) {
             if (!seen.message || (!all && seen.due_ms > now_ms)) continue;
-            counters_.add(kRepeated);
-            send(seen);
+            if (send(seen)) counters_.add(kRepeated);
         }
     }
 
@@ -193,8 +192,7 @@ class Pipe {
             if (!seen.message) continue;
             bytes_ += content(seen.message.get()).size() + kOverhead;
             ++waiting_;
-            counters_.add(kSentDurable);
-            send(seen);
+            if (send(seen)) counters_.add(kSentDurable);
         }
         taken_();
         take_done();
@@ -202,11 +200,12 @@ class Pipe {
         reading_ = false; // the bridge begins again soon
     }
 
-    void send(Seen &seen) {
+    // False if the datagram is dropped.
+    bool send(Seen &seen) {
         seen.due_ms = cl_event_loop_now() + kAnswer_ms;
-        if (engine_.publish(seen.message.get()) != NATS_MAX_PAYLOAD) return;
+        if (engine_.publish(seen.message.get()) != NATS_MAX_PAYLOAD) return true;
         counters_.drop(kTooLarge, content(seen.message.get()), "from a module");
-        end(seen);
+        return end(seen), false;
     }
 
     void end(Seen &seen) {
