@@ -208,8 +208,9 @@ void DirectoryWatch::find_directory() noexcept {
 // Whether a directory of the path may be another one now.
 bool DirectoryWatch::is_about_directory(const inotify_event &event, const char *name) const noexcept {
     char path[kLongestSocketPath + 1];
+    if (event.wd < 0) return true; // events were lost
     if (event.wd == numbers_[0]) return event.mask & IN_IGNORED;
-    if (event.wd < 0 || !directory_path(path, sizeof path, location_)) return true;
+    if (!directory_path(path, sizeof path, location_)) return true;
     const char *part = path + std::strlen(kSocketRoot);
     for (size_t above = 1; above < numbers_.size(); ++above) {
         const size_t length = std::strcspn(part, "/");
