@@ -15,9 +15,12 @@ static std::function<void(int timeout_ms)> on_wait; // before the loop waits, or
 
 #pragma GCC visibility push(default)
 extern "C" int sched_yield() noexcept { return on_yield ? on_yield(), 0 : 0; }
-extern "C" int epoll_wait(int set, epoll_event *events, int most, int timeout_ms) {
+extern "C" int epoll_pwait(int set, epoll_event *events, int most, int timeout_ms, const sigset_t *mask) {
     if (on_wait) on_wait(timeout_ms);
-    return static_cast<int>(syscall(SYS_epoll_pwait, set, events, most, timeout_ms, nullptr, 8));
+    return static_cast<int>(syscall(SYS_epoll_pwait, set, events, most, timeout_ms, mask, _NSIG / 8));
+}
+extern "C" int epoll_wait(int set, epoll_event *events, int most, int timeout_ms) {
+    return epoll_pwait(set, events, most, timeout_ms, nullptr);
 }
 #pragma GCC visibility pop
 
