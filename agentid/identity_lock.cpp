@@ -34,7 +34,7 @@ bool has_semaphore_content(const char *path) noexcept {
                   sizeof(int)) == 0;
 }
 
-// To the second: sem_timedwait itself ends at the deadline.
+// Whole seconds are enough here: sem_timedwait ends at the exact deadline.
 bool is_over(const timespec &deadline) noexcept {
     timespec now{};
     return clock_gettime(CLOCK_REALTIME, &now) != 0 || now.tv_sec > deadline.tv_sec;

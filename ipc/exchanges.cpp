@@ -42,7 +42,7 @@ struct RequestRecord {
     int32_t send_error = 0; // only if the message could not be sent, or found no peer
     bool took_over = false; // the expiry of the exchange before it is still in the heap
     bool waits_for_peer = false;
-    bool taken_out = false; // of the table: the frame that completes it owns it
+    bool taken_out = false; // not in the table any more: the frame that completes it owns it
     uint32_t reqid = 0;
     tav_ipc_st *ipc = nullptr; // these two with a timer of its own
     cl_timer_t timer = 0;

@@ -1,8 +1,7 @@
 // The channels of one socket, by destination. At most 64 may have a descriptor: a further one takes the place
 // of the channel that was used longest ago. A channel that is idle for ten seconds is closed. Stalled
 // channels stay; when all are stalled, further destinations get channels without a descriptor, until the next
-// sweep. The loop
-// bounds the descriptors of all sockets together.
+// sweep. The loop bounds the descriptors of all sockets together.
 #pragma once
 
 #include <memory>

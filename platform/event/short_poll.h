@@ -2,9 +2,9 @@
 //
 // When datagrams come every few microseconds, a loop that sleeps at once is woken up for nearly each of them,
 // and the sender pays for the wake-up. After a callback the loop therefore makes up to kTurns turns that do
-// not wait. As long as they find work, it does so at each wait. If they find none, it makes none at the next
-// waits: one, then three, seven and so on. Work that comes more slowly, or from a thread on the same core,
-// costs at most a few hundredths of a microsecond more for each wait.
+// not wait. As long as they find work, it makes them at each wait. If they find none, it makes none at the
+// next waits: one, then three, seven and so on, up to 255. When work comes more slowly, or from a thread on
+// the same core, they cost a few hundredths of a microsecond for each wait on average.
 #pragma once
 
 #include <algorithm>
@@ -18,7 +18,7 @@ class ShortPoll {
     bool looks(uint64_t callbacks_run) noexcept {
         if (callbacks_run != callbacks_run_) { // a new wait begins
             callbacks_run_ = callbacks_run;
-            if (left_ > 0) pause_ = 0; // looking has found this work
+            if (left_ > 0) pause_ = 0; // these turns have found the work
             if (waits_without_ > 0) return --waits_without_, false;
             left_ = kTurns;
             return true;
