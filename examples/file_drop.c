@@ -34,8 +34,9 @@ static int on_file(tav_ipc_st *ipc, const char *path, void *directory) {
     char name[4096];
     (void)ipc;
     snprintf(name, sizeof name, "%s/drop-%d", (const char *)directory, ++number);
-    printf("%s %s\n", copy(path, name) ? "kept" : "cannot keep", name);
+    const int kept = copy(path, name);
     remove(path); /* or let the library do it */
+    printf("%s %s\n", kept ? "kept" : "cannot keep", name);
     return 0;
 }
 

@@ -41,6 +41,7 @@ int receive(const std::string &directory) {
             const std::string name = file.name[0] ? file.name : "unnamed";
             std::error_code failed;
             std::filesystem::copy(file.path, directory + "/" + name, failed); // replaces nothing
+            std::remove(file.path);                                           // or let the library do it
             std::printf("%s %s/%s\n", failed ? failed.message().c_str() : "kept", directory.c_str(),
                         name.c_str());
             std::fflush(stdout);
