@@ -118,8 +118,7 @@ class Engine {
     struct Note {
         bool replaced = false; // socket: our own duplicate, since nats.c can close its own at any time
         tavipc::UniqueFd socket;
-        bool lost = false, closed = false; // closed: for good
-        bool up = false;                   // the newest state
+        bool lost = false, closed = false, up = false; // closed: for good; up: the newest state
     };
 
     // --- what nats.c's threads report
@@ -132,7 +131,8 @@ class Engine {
             static_cast<Engine *>(self)->leave([](Note &note) { note.up = false, note.lost = true; });
         };
         const auto gone = [](natsConnection *, void *self) {
-            static_cast<Engine *>(self)->leave([](Note &note) { note.closed = true; });
+            static_cast<Engine *>(self)->leave(
+                [](Note &note) { note.up = false, note.lost = note.closed = true; });
         };
         const auto attach = [](void **self, void *engine, natsConnection *, natsSock socket) {
             *self = engine;

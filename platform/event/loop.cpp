@@ -209,7 +209,8 @@ void Loop::before_poll() noexcept {
 }
 
 // Whether the turn that begins does not wait, to find what comes soon. On the caller's loop run_once cannot
-// repeat a turn without work: it would return without a wait.
+// repeat a turn without work: it would return without a wait. Short polls would make that loop turn without
+// being asked, so they are for loops of our own.
 bool Loop::looks_again(bool once) noexcept {
     if (busy_poll_.on()) return !(once && uv_.foreign()) && busy_poll_.spins(callbacks_run_);
     return !uv_.foreign() && short_poll_.looks(callbacks_run_);
