@@ -42,7 +42,7 @@ constexpr Numbers kNothing = [] {
 
 constexpr pthread_key_t kNoKey = ~pthread_key_t{0}; // functions refuse it
 
-UniqueFd make_timer(long delay_ms) {
+template <long delay_ms> UniqueFd timer() {
     UniqueFd fd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     const itimerspec once{{}, {delay_ms / 1000, delay_ms % 1000 * 1'000'000}};
     if (fd && ::timerfd_settime(fd.get(), 0, &once, nullptr) != 0) fd.reset();
@@ -69,7 +69,7 @@ class DirectoryWatch {
 
     explicit DirectoryWatch(int32_t location) noexcept : location_(location), forks_(fork_count()) {}
     static void on_ready(cl_io_t, int, void *self) noexcept;
-    void watch(UniqueFd fd, bool inotify) noexcept;
+    template <class Make> void watch(Make make, bool inotify) noexcept;
     void open() noexcept;
     void find_directory() noexcept;
     void rest() noexcept;
@@ -148,9 +148,9 @@ void DirectoryWatch::add(DirectoryListener &listener) noexcept {
     if (!cl_io_start || !cl_io_stop) return;
     const bool files = listener.interest_ == DirectoryListener::Interest::kFiles;
     if (files && !(fd_ && inotify_)) return open();
-    if (!fd_) return watch(make_timer(kShortLife_ms), false);
+    if (!fd_) return watch(timer<kShortLife_ms>, false);
     if (files || rested) find_directory();
-    if (inotify_ && numbers_ == kNothing) return watch(make_timer(kRetry_ms), false);
+    if (inotify_ && numbers_ == kNothing) return watch(timer<kRetry_ms>, false);
     cl_io_stop(io_);
     io_ = cl_io_start(fd_.get(), CL_IO_READ, on_ready, this);
 }
@@ -176,9 +176,9 @@ void DirectoryWatch::rest() noexcept {
         if (const int old = std::exchange(number, -1); old >= 0) ::inotify_rm_watch(fd_.get(), old);
 }
 
-void DirectoryWatch::watch(UniqueFd fd, bool inotify) noexcept {
+template <class Make> void DirectoryWatch::watch(Make make, bool inotify) noexcept {
     close();
-    if (!fd_.take(std::move(fd))) return;
+    if (!fd_.take_from(make)) return;
     inotify_ = inotify;
     io_ = cl_io_start(fd_.get(), CL_IO_READ, on_ready, this);
     if (!io_) fd_.reset();
@@ -222,9 +222,9 @@ bool DirectoryWatch::is_about_directory(const inotify_event &event, const char *
 }
 
 void DirectoryWatch::open() noexcept {
-    watch(UniqueFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)), true);
+    watch([] { return UniqueFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)); }, true);
     if (fd_) find_directory();
-    if (numbers_ == kNothing) return watch(make_timer(kRetry_ms), false);
+    if (numbers_ == kNothing) return watch(timer<kRetry_ms>, false);
     tell(nullptr, false); // it may have changed before
 }
 
@@ -261,7 +261,7 @@ void DirectoryWatch::read_events() noexcept {
     }
     if (!lost) return;
     find_directory();
-    if (numbers_ == kNothing) return watch(make_timer(kRetry_ms), false);
+    if (numbers_ == kNothing) return watch(timer<kRetry_ms>, false);
     tell(nullptr, false);
 }
 

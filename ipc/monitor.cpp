@@ -98,10 +98,8 @@ void Link::open(const char *path, const tav_ipc_monitor_record_st &hello) noexce
     close();
     cl_sockaddr_t address;
     if (cl_sockaddr_un_init(&address, path) != 0) return;
-    UniqueFd fd = connect_to(address, SOCK_SEQPACKET);
-    connection_ = bool(fd);
-    if (!fd) fd = connect_to(address, SOCK_DGRAM);
-    if (!fd_.take(std::move(fd))) return;
+    connection_ = fd_.take_from([&] { return connect_to(address, SOCK_SEQPACKET); });
+    if (!connection_ && !fd_.take_from([&] { return connect_to(address, SOCK_DGRAM); })) return;
     io_ = cl_io_start(fd_.get(), CL_IO_READ, on_ready, this);
     if (!io_) return fd_.reset();
     capture_ = 0;

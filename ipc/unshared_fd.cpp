@@ -8,7 +8,7 @@
 namespace tavipc {
 namespace {
 
-constinit std::mutex list_mutex; // no other lock is taken while it is held
+constinit std::mutex list_mutex; // while it is held, no other lock is taken and only descriptors are made
 constinit UnsharedFd *list = nullptr;
 constinit Relaxed<uint32_t> forks = 0;
 
@@ -16,8 +16,11 @@ constinit Relaxed<uint32_t> forks = 0;
 
 // When the library is loaded: a fork that begins before the handlers are known could take a locked mutex into
 // the child.
-const bool UnsharedFd::watches_forks_ =
-    pthread_atfork([] { list_mutex.lock(); }, [] { list_mutex.unlock(); }, close_all_in_child) == 0;
+const bool UnsharedFd::watches_forks_ = pthread_atfork(lock, unlock, close_all_in_child) == 0;
+
+void UnsharedFd::lock() noexcept { list_mutex.lock(); }
+
+void UnsharedFd::unlock() noexcept { list_mutex.unlock(); }
 
 void UnsharedFd::close_all_in_child() noexcept {
     while (UnsharedFd *first = list) {
@@ -26,14 +29,12 @@ void UnsharedFd::close_all_in_child() noexcept {
         const UniqueFd closing(std::exchange(first->fd_, -1));
     }
     ++forks;
-    list_mutex.unlock();
+    unlock();
 }
 
 bool UnsharedFd::take(UniqueFd fd) noexcept {
-    reset();
     if (!fd) return false;
     if (!watches_forks_) return errno = ENOMEM, false;
-    const std::lock_guard lock(list_mutex);
     fd_ = fd.release();
     next_ = std::exchange(list, this);
     link_ = &list;

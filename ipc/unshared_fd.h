@@ -18,14 +18,24 @@ class UnsharedFd {
     UnsharedFd(const UnsharedFd &) = delete;
     UnsharedFd &operator=(const UnsharedFd &) = delete;
 
-    // Closes what it has and takes fd. False, with errno set, when fd is empty or memory is short.
-    [[nodiscard]] bool take(UniqueFd fd) noexcept;
+    // Closes what it has and takes the UniqueFd that make() returns; no thread forks in between. False, with
+    // errno set, when that is empty or memory is short. make() must not use an UnsharedFd.
+    template <class Make> [[nodiscard]] bool take_from(Make make) noexcept {
+        reset();
+        lock();
+        const bool taken = take(make());
+        unlock();
+        return taken;
+    }
     void reset() noexcept;
     int get() const noexcept { return fd_; }
     explicit operator bool() const noexcept { return fd_ >= 0; }
 
   private:
+    static void lock() noexcept; // the list, which forks wait for
+    static void unlock() noexcept;
     static void close_all_in_child() noexcept;
+    bool take(UniqueFd fd) noexcept;  // the list is locked
     static const bool watches_forks_; // false: memory was short
 
     int fd_ = -1;
