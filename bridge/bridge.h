@@ -13,6 +13,7 @@
 
 #include "common/facts.h"
 #include "common/service.h"
+#include "common/socket_directory.h"
 #include "deliveries.h"
 #include "pipe.h"
 #include "tavaux.h"
@@ -55,12 +56,6 @@ class Bridge : Engine::Events {
 
     using Endpoint = std::unique_ptr<tav_ipc_st, Free<tav_ipc_destroy>>;
 
-    static std::string socket_path(const std::string &name) {
-        const char *type = GetDeployTypeStr();
-        return tavipc::kSocketRoot + (type ? std::string(type) + '/' : "") + tavipc::kSocketDirectory +
-               std::to_string(tav_get_location()) + '/' + name;
-    }
-
     static std::string line(const std::string &name, uint64_t value) {
         return name + ' ' + std::to_string(value) + '\n';
     }
@@ -81,7 +76,8 @@ class Bridge : Engine::Events {
 
     // The hub's modules write each message to all its pipes: only the first one's copy is forwarded.
     bool open_pipes(std::string &reason) {
-        const bool hub = settings_.home.place.location == tavipc::kHubLocation;
+        const int location = settings_.home.place.location;
+        const bool hub = location == tavipc::kHubLocation;
         for (int i = 0; i < (hub ? tavipc::kHubPipes : 1); ++i) {
             const auto forward = [this, i](auto ticket, auto datagram, auto time) {
                 if (i == 0) return take(ticket, datagram, time);
@@ -89,7 +85,8 @@ class Bridge : Engine::Events {
                 return Message();
             };
             pipes_.push_back(std::make_unique<Pipe>(engine_, counters_, forward, [this] { taken(); }));
-            const std::string path = socket_path(hub ? "_prx" + std::to_string(i) : "_proxy_");
+            const std::string path = tavipc::socket_directory(GetDeployTypeStr(), location) + '/' +
+                                     (hub ? "_prx" + std::to_string(i) : "_proxy_");
             reason = path + ": ";
             if (!pipes_.back()->open(path)) return false;
             pipes_.back()->read(i > 0);

@@ -123,17 +123,16 @@ class Engine {
 
     // --- what nats.c's threads report
 
+    enum class Became { kUp, kLost, kClosed };
+    template <Became what> static void report(natsConnection *, void *self) {
+        static_cast<Engine *>(self)->leave([](Note &note) {
+            note.up = what == Became::kUp;
+            note.lost |= what != Became::kUp;
+            note.closed |= what == Became::kClosed;
+        });
+    }
+
     natsStatus set_callbacks(natsOptions *options) {
-        const auto up = [](natsConnection *, void *self) {
-            static_cast<Engine *>(self)->leave([](Note &note) { note.up = true; });
-        };
-        const auto down = [](natsConnection *, void *self) {
-            static_cast<Engine *>(self)->leave([](Note &note) { note.up = false, note.lost = true; });
-        };
-        const auto gone = [](natsConnection *, void *self) {
-            static_cast<Engine *>(self)->leave(
-                [](Note &note) { note.up = false, note.lost = note.closed = true; });
-        };
         const auto attach = [](void **self, void *engine, natsConnection *, natsSock socket) {
             *self = engine;
             const int copy = dup(socket);
@@ -149,10 +148,10 @@ class Engine {
         };
         natsStatus status = natsOptions_SetEventLoop(options, this, attach, read, write, detach);
         const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
-        set(natsOptions_SetRetryOnFailedConnect(options, true, up, this));
-        set(natsOptions_SetReconnectedCB(options, up, this));
-        set(natsOptions_SetDisconnectedCB(options, down, this));
-        set(natsOptions_SetClosedCB(options, gone, this));
+        set(natsOptions_SetRetryOnFailedConnect(options, true, report<Became::kUp>, this));
+        set(natsOptions_SetReconnectedCB(options, report<Became::kUp>, this));
+        set(natsOptions_SetDisconnectedCB(options, report<Became::kLost>, this));
+        set(natsOptions_SetClosedCB(options, report<Became::kClosed>, this));
         set(natsOptions_SetMaxReconnect(options, -1));
         set(natsOptions_SetReconnectWait(options, kReconnect_ms));
         set(natsOptions_SetReconnectBufSize(options, kPending));

@@ -13,6 +13,8 @@
 #include "tavbase.h"
 #include "tavipc/tav_ipc.h"
 
+#pragma weak ini_file_next_unused // another base library may lack it
+
 namespace tavbridge {
 namespace {
 
@@ -86,7 +88,8 @@ void read_engine(const Section &ini, Settings &settings) {
     if (settings.nkey.empty() != settings.nkey_seed.empty())
         ini.complain("nkey_seed", "nkey and nkey_seed belong together");
     if (!settings.nkey.empty() && !settings.credentials.empty()) ini.complain("nkey", "excludes credentials");
-    if (settings.tls() || ini.number("allow_plain", 0, 0, 1) == 1) return;
+    const bool allow_plain = ini.number("allow_plain", 0, 0, 1) == 1;
+    if (settings.tls() || allow_plain) return;
     for (const std::string &server : settings.servers)
         if (!is_loopback(server))
             ini.complain("servers", server + " is another machine: set ca, or allow_plain = 1");
@@ -122,6 +125,8 @@ Settings load_settings(const std::string &path, Problems &problems) {
     read_engine({file.get(), "engine", problems}, settings);
     read_policy({file.get(), "policy", problems}, settings.home);
     read_bounds({file.get(), "bounds", problems}, settings);
+    while (const char *unknown = ini_file_next_unused ? ini_file_next_unused(file.get()) : nullptr)
+        problems.push_back(std::string(unknown) + ": there is no such setting");
     return settings;
 }
 

@@ -39,7 +39,12 @@ struct Before {
 } // namespace
 
 struct ini_file {
-    std::map<Name<std::string>, std::string, Before> values;
+    struct Value {
+        std::string text;
+        mutable bool used = false;
+    };
+    std::map<Name<std::string>, Value, Before> values;
+    std::string unused; // that was returned last
 };
 
 namespace {
@@ -120,7 +125,8 @@ struct Loading {
         auto *loading = static_cast<Loading *>(self);
         if (!name || !value) return 1;
         try {
-            loading->file->values.try_emplace({section, name}, value); // the first of duplicates stays
+            loading->file->values.try_emplace({section, name},
+                                              ini_file::Value{value}); // the first of duplicates stays
         } catch (const std::exception &) {
             loading->out_of_memory = true; // an exception must not pass the C frames of the parser
         }
@@ -161,7 +167,21 @@ ini_file_t *ini_file_load(const char *path) noexcept {
 const char *ini_file_get(const ini_file_t *file, const char *section, const char *key) noexcept {
     if (!file || !section || !key) return nullptr;
     const auto found = file->values.find(Name<std::string_view>(section, key));
-    return found != file->values.end() ? found->second.c_str() : nullptr;
+    if (found == file->values.end()) return nullptr;
+    found->second.used = true;
+    return found->second.text.c_str();
+}
+
+const char *ini_file_next_unused(ini_file_t *file) noexcept try {
+    if (!file) return nullptr;
+    const auto unused = [](const auto &entry) { return !entry.second.used; };
+    const auto found = std::find_if(file->values.begin(), file->values.end(), unused);
+    if (found == file->values.end()) return nullptr;
+    file->unused = '[' + found->first.first + "] " + found->first.second;
+    found->second.used = true;
+    return file->unused.c_str();
+} catch (const std::bad_alloc &) {
+    return fail(ENOMEM), nullptr;
 }
 
 void ini_file_free(ini_file_t *file) noexcept { delete file; }

@@ -59,7 +59,8 @@ TEST(Encodings, CrcHexAndBase64) {
     EXPECT_EQ(decode(std::string(2800, 'A')), std::string(2100, '\0')); // several blocks
 }
 
-// Returns the values of an INI file at these places ("section/key"), or the errno of its loading.
+// Returns the values of an INI file at these places ("section/key") and the keys of the others, or the errno
+// of its loading.
 std::string read(const std::string &path, std::initializer_list<std::string> places = {}) {
     const std::shared_ptr<ini_file_t> file(ini_file_load(path.c_str()), ini_file_free);
     if (!file) return strerrorname_np(errno);
@@ -69,6 +70,7 @@ std::string read(const std::string &path, std::initializer_list<std::string> pla
         const char *value = ini_file_get(file.get(), place.substr(0, slash).c_str(), &place[slash + 1]);
         values += (value ? value : "-") + "|"s;
     }
+    while (const char *unused = ini_file_next_unused(file.get())) values += unused;
     return values;
 }
 
@@ -83,7 +85,8 @@ TEST(Ini, KeepsValuesAndSkipsOtherLinesWhole) {
     EXPECT_EQ(
         read(dir / "a", {"/top", "ipc/addr", "ipc/port", "ipc/empty", "ipc/ADDR", "IPC/addr", "IPC/k",
                          "ipc/k", "ipc/long", "ipc/big", "ipc/name", name.substr(0, 49) + "/name", "a/end"}),
-        "0|a b;c # d|7||upper|other|-|3|" + value + "|-|-|-|1|");
+        "0|a b;c # d|7||upper|other|-|3|" + value + "|-|-|-|1|[\x01] big[\x01] name");
+    EXPECT_EQ(read(dir.write("a", "k=1\n[a]\nk=1\nl=1\nk=2"), {"a/k"}), "1|[] k[a] l");
 }
 
 TEST(Ini, OddFilesFailWithTheirErrno) {

@@ -125,6 +125,7 @@ for server in 192.0.2.1 127.0.0.1.example.org '[::1]@192.0.2.1' 'localhost, nats
 done
 for domain in a.b x_ALL 'a\b'; do refused n $'[engine]\ndomain = '"$domain" '.engine. domain'; done
 refused n $'[engine]\nnkey_seed = /nowhere' '.engine. nkey_seed: /nowhere'
+refused n $'[bound]\nwindow = 1' '.bound. window: there is no such setting'
 printf '[ipc_proxy]\ndisable_offline_cache=1\n' >ipc.conf # no streams are needed
 sed "s,^ipc_conf.*,ipc_conf = $place/ipc.conf,; s/^domain.*/domain = other/" n/config/tav-bridge.ini >without.ini
 must n/bin/tav-bridge -c without.ini --check

@@ -4,6 +4,7 @@
 
 #include "agent/agent.h"
 #include "common/facts.h"
+#include "common/socket_directory.h"
 #include "look/sockets.h"
 #include "module/module.h"
 #include "tavaux.h"
@@ -72,7 +73,8 @@ bool may_make(const std::string &path) {
 
 // Sets usable when an endpoint could be opened there.
 Finding check_socket_directory(bool &usable) {
-    const std::string path = socket_directory(tav_get_location()), user = "the user " + this_user();
+    const std::string path = tavipc::socket_directory(GetDeployTypeStr(), tav_get_location()),
+                      user = "the user " + this_user();
     const std::string make = "start a module of the agent, or as its user: install -d " + quoted(path);
     struct stat directory {};
     if (stat(path.c_str(), &directory) != 0) {

@@ -2,8 +2,8 @@
 
 #include "agent/agent.h"
 #include "common/big_endian.h"
-#include "common/facts.h"
 #include "common/owned.h"
+#include "common/socket_directory.h"
 #include "counters/counters.h"
 #include "look/sockets.h"
 #include "module/module.h"
@@ -20,7 +20,7 @@ std::string name_text(const tav_addr_st &address) {
 Problem refusal(const std::string &name) {
     if (const Verdict verdict = judge_executable("/proc/self/exe"); !verdict.allowed)
         return Problem("tavctl may not open an endpoint: " + verdict.reason, verdict.remedy, kNotAllowed);
-    const std::string path = socket_directory(tav_get_location()) + "/" + name;
+    const std::string path = tavipc::socket_directory(GetDeployTypeStr(), tav_get_location()) + "/" + name;
     if (probe_socket(path) == SocketState::kLive)
         return Problem("the endpoint name " + name + " is in use: " + path,
                        "give another name (tavctl list shows those taken)");
@@ -105,12 +105,6 @@ std::string address_text(const tav_addr_st &address) {
     return harmless(name_text(address)) + (address.loc != 0 ? "@" + std::to_string(address.loc) : "");
 }
 
-std::string socket_directory(int location) {
-    const char *type = GetDeployTypeStr();
-    return tavipc::kSocketRoot + (type ? std::string(type) + "/" : "") + tavipc::kSocketDirectory +
-           std::to_string(location);
-}
-
 std::string configuration_directory() {
     char directory[1024] = "";
     GetTAVConfPath(directory, sizeof directory);
@@ -166,7 +160,8 @@ void wait_for_departures(const Module &module, const tav_addr_st &destination) {
 
 Problem silence(const tav_addr_st &address, const std::string &begin) {
     const int own = tav_get_location(), location = address.loc != 0 ? address.loc : own;
-    const std::string path = socket_directory(location) + "/" + name_text(address);
+    const std::string path =
+        tavipc::socket_directory(GetDeployTypeStr(), location) + "/" + name_text(address);
     const std::string silent = begin + address_text(address);
     if (location != own)
         return Problem(

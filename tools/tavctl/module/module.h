@@ -35,8 +35,7 @@ std::string take_reason();
 tav_addr_st parse_address(const std::string &text, uint8_t flags = 0);
 // The address as it is given on the command line; "?" stands for bytes that no name should have.
 std::string address_text(const tav_addr_st &address);
-std::string socket_directory(int location); // of the socket files of a location
-std::string configuration_directory();      // as the library finds it
+std::string configuration_directory(); // as the library finds it
 
 // --- endpoints and exchanges
 // An endpoint of the tool, with a name of its own unless one is given. Throws Problem with the reason and the

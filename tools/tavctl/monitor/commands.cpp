@@ -3,6 +3,7 @@
 #include <set>
 
 #include "commands.h"
+#include "common/socket_directory.h"
 #include "module/module.h"
 #include "monitor/monitor.h"
 #include "tavaux.h"
@@ -56,7 +57,7 @@ void open_sockets(MonitorSockets &sockets, const std::vector<std::string> &deplo
                   const std::set<int> &locations) {
     if (locations.empty()) {
         std::error_code failed; // opening then says why
-        fs::create_directories(socket_directory(tav_get_location()), failed);
+        fs::create_directories(tavipc::socket_directory(GetDeployTypeStr(), tav_get_location()), failed);
     }
     std::optional<Problem> problem;
     for (const SocketDirectory &directory : scan_known(deploy_types).directories) {
