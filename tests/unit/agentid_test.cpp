@@ -2,6 +2,7 @@
 // sleep, the semaphore, and the system calls about network interfaces.
 #include <arpa/inet.h>
 #include <csignal>
+#include <cstdarg>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -68,8 +69,11 @@ int sem_close(sem_t *) noexcept { return record("close"); }
 int sem_unlink(const char *) noexcept { return stage.semaphore = 1, record("unlink"); }
 
 int socket(int, int, int) noexcept { return stage.socket < 0 ? fail(EMFILE) : stage.socket; }
-int own_ioctl(int, unsigned long request, void *argument) __asm__("ioctl");
-int own_ioctl(int, unsigned long request, void *argument) {
+int ioctl(int, unsigned long request, ...) noexcept { // the declaration gives it another name in 32 bits
+    va_list arguments;
+    va_start(arguments, request);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
     if (request == stage.failing) return fail(EIO);
     if (request == FIONBIO) return 0;
     if (request == SIOCGIFCONF) {

@@ -151,6 +151,7 @@ TEST_F(TransmitterTest, IdleDestinationsGoWhenThereAreVeryMany) {
 TEST_F(TransmitterTest, RecordsOfOtherCodeAreSentOrDropped) {
     for (tav_ipc_st *owner : {ipc_, static_cast<tav_ipc_st *>(nullptr)}) {
         ipc_queue_msg_st *msg = create_ipc_queue_msg(3); // shorter than a header
+        std::memcpy(msg->inline_data, "abc", 3);
         *msg = {owner, nullptr, {}, w.clock.loop_ms, 0, 0, 0, 3, msg->inline_data, nullptr};
         ASSERT_EQ(ipc_queue_push(ipc_->queue, &msg, w.clock.loop_ms), 0);
         w.event.advance(1);
