@@ -35,12 +35,13 @@ struct MonitoredDatagram {
 
 // Links to monitors in the process.
 inline constinit std::atomic<uint32_t> monitor_links = 0;
+inline bool is_monitored() noexcept { return monitor_links.load(std::memory_order_relaxed) > 0; }
 
 void copy_to_monitors(const tav_ipc_st *ipc, const MonitoredDatagram &datagram) noexcept;
 
 // Copies a datagram to the monitors of the endpoint, if there are any.
 inline void monitor_parts(const tav_ipc_st *ipc, const MonitoredDatagram &datagram) noexcept {
-    if (monitor_links.load(std::memory_order_relaxed) > 0) [[unlikely]]
+    if (is_monitored()) [[unlikely]]
         copy_to_monitors(ipc, datagram);
 }
 // The same for one of size bytes in one piece.

@@ -15,6 +15,7 @@
 #include "ipc/accounting.h"
 #include "ipc/destination.h"
 #include "ipc/fragment_block.h"
+#include "ipc/monitor.h"
 #include "ipc/msg_trace.h"
 #include "ipc/socket_directory.h"
 #include "ipc/transmitter.h"
@@ -113,6 +114,11 @@ int refuse_huge(const tav_ipc_st *ipc, const tav_ipc_hdr_st &header) {
     return IPC_ERR_SENDTO;
 }
 
+// Monitors get the copies of finished sends before that of the next message, which may leave at once.
+void settle_before_sending(const tav_ipc_st *ipc) {
+    if (ipc->in_flight) settle_sent(is_monitored() ? 1 : kHeldBytes);
+}
+
 // Submits the fragments one after the other. Returns as submit does.
 int submit_fragments(Route route, const tav_ipc_hdr_st &message, uint32_t count, const void *payload) {
     tav_ipc_hdr_st header = message; // all fragments carry the message's id
@@ -123,7 +129,7 @@ int submit_fragments(Route route, const tav_ipc_hdr_st &message, uint32_t count,
         const uint32_t rest = message.size - offset;
         header.size = rest < kFragmentPayload ? rest : kFragmentPayload;
         set_fragment(header, static_cast<uint16_t>(i));
-        if (route.ipc->in_flight) settle_sent();
+        settle_before_sending(route.ipc);
         if (!route.ipc->queue) return IPC_ERR_SENDTO;
         route.now_ms = cl_event_loop_now();
         const auto *piece = payload ? static_cast<const unsigned char *>(payload) + offset : nullptr;
@@ -151,7 +157,7 @@ int send_to_pipe(tav_ipc_st *ipc, const char *pipe, const tav_ipc_hdr_st &header
     if (!find_target(ipc, pipe, name, target)) return refuse(ipc, nullptr, TAV_IPC_STATS_REFUSED_OTHER);
     TAV_TRACE(&header, "send via dunix:%s", target.address->addr.sun_path);
 
-    if (ipc->in_flight) settle_sent();
+    settle_before_sending(ipc);
     if (!ipc->queue) return IPC_ERR_SENDTO;
     const uint64_t now_ms = cl_event_loop_now();
     if (target.to)

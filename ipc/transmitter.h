@@ -56,6 +56,6 @@ inline constexpr size_t kHeldBytes = size_t{256} * 1024;
 // may send, settle other sends, and destroy any endpoint. It may also release every destination that is idle.
 // So a frame that holds an endpoint or a destination across this call, or across any log line, pins it
 // (EndpointPin, DestinationPin), and looks at the endpoint's queue before it goes on.
-void settle_sent(size_t held_bytes = kHeldBytes);
+void settle_sent(size_t held_bytes);
 
 } // namespace tavipc

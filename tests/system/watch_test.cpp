@@ -1,6 +1,7 @@
 // What modules notice in their socket directory: peers, and monitors, which get copies of datagrams.
 #include <cstring>
 #include <fstream>
+#include <numeric>
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -141,6 +142,26 @@ TEST_F(Monitors, OfAnotherUserGetAndChangeNothing) {
     EXPECT_EQ(poll(&connection, 1, 0), 0);
     capture(16, kNobody);
     EXPECT_EQ(post().captured, 0u);
+}
+
+TEST_F(Monitors, GetCopiesInTheOrderOfTheMessages) {
+    const Monitor receiver(place.sockets() / "receiver", SOCK_DGRAM);
+    int room = 0;
+    std::ifstream("/proc/sys/net/unix/max_dgram_qlen") >> room;
+    open();
+    std::vector<uint32_t> sent, wanted(static_cast<size_t>(room) + 4); // the last few wait in alpha
+    std::iota(wanted.begin(), wanted.end(), 1000);
+    alpha.say("post receiver bytes 160 " + std::to_string(wanted.size()) + " 1000 0 0");
+    alpha.expect("posted " + std::to_string(wanted.back()));
+    while (sent.size() < wanted.size() - 3) sent.push_back(monitor.next(TAV_IPC_MONITOR_SENT).header.cmd);
+    alpha.signal(SIGSTOP);
+    EXPECT_EQ(waitpid(alpha.pid(), nullptr, WUNTRACED), alpha.pid());
+    for (char byte; recv(receiver.fd.get(), &byte, 1, MSG_DONTWAIT) > 0;) continue;
+    alpha.say("post receiver bytes 160 1 7000 0 0"); // in the turn of the loop in which the others leave
+    alpha.signal(SIGCONT);
+    wanted.push_back(7000);
+    while (sent.size() < wanted.size()) sent.push_back(monitor.next(TAV_IPC_MONITOR_SENT).header.cmd);
+    EXPECT_EQ(sent, wanted);
 }
 
 TEST_F(Monitors, LearnHowManyCopiesTheyMissed) {
