@@ -60,6 +60,7 @@ struct tav_ipc_st {
     // Not part of the record's documented layout:
     bool closed;
     uint32_t pins;                       // decides alone when a closed record is released
+    uint32_t forks;                      // fork_count() of the process that opened it
     tavipc::SendContext *in_flight;      // sends whose completion has not come, newest first
     tavipc::SendContext *spare_contexts; // of completed sends, for the next ones
     uint32_t spare_context_count;

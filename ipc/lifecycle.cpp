@@ -22,6 +22,7 @@
 #include "ipc/send_context.h"
 #include "ipc/socket_directory.h"
 #include "ipc/transmitter.h"
+#include "ipc/unshared_fd.h"
 #include "tavaux.h"
 #include "tavipc/tav_agentid.h"
 
@@ -70,6 +71,7 @@ void stop_timer(cl_timer_t &timer) {
 
 // Returns 0 or an errno value.
 int open_endpoint(tav_ipc_st *ipc, const Options &options) {
+    ipc->forks = fork_count();
     ipc->location = tav_get_location();
     ipc->my_addr.loc = static_cast<uint8_t>(ipc->location);
     if (options.temp) ipc->my_addr.flags |= ADDR_FLAG_TEMP;

@@ -19,6 +19,7 @@
 #include "ipc/msg_trace.h"
 #include "ipc/socket_directory.h"
 #include "ipc/transmitter.h"
+#include "ipc/unshared_fd.h"
 #include "ipc/wire.h"
 #include "tavaux.h"
 #include "tavipc/tav_compress.h"
@@ -151,6 +152,9 @@ int send_fragments(Route route, const tav_ipc_hdr_st &message, const void *paylo
 // Sends one message (header without magic, header.size payload bytes) to one pipe. The endpoint is pinned.
 int send_to_pipe(tav_ipc_st *ipc, const char *pipe, const tav_ipc_hdr_st &header, const void *payload) {
     if (!ipc->queue) return IPC_ERR_SENDTO;
+    // A forked child could make sockets for new destinations. The answers would go to the parent and complete
+    // exchanges of the parent that have the same ids.
+    if (ipc->forks != fork_count()) return refuse(ipc, nullptr, TAV_IPC_STATS_REFUSED_OTHER);
     if (header.size > kMaxMessage) return refuse_huge(ipc, header);
     const NameText name = name_text(header.dest);
     Target target;

@@ -43,8 +43,8 @@ class UnsharedFd {
     UnsharedFd **link_ = nullptr; // what points at this one
 };
 
-// How often a fork has made this process from its first ancestor with an UnsharedFd: what has another value
-// belongs to the parent.
+// The number of forks between the process that loaded the library and this one. What was made at another
+// value belongs to the parent.
 uint32_t fork_count() noexcept;
 
 } // namespace tavipc

@@ -39,10 +39,13 @@ void flush(const char *what, int timeout_ms) {
     std::printf("%s %d, %d left, %d dropped, %d pending\n", what, result < 0 ? -errno : result,
                 static_cast<int>(f.left), static_cast<int>(f.dropped), static_cast<int>(f.pending));
 }
-// In a forked child: what it counts for the parent's endpoint stays here, and its own has a file of its own.
+// In a forked child: it cannot send from the parent's endpoint, not even to a new destination. What it counts
+// for that endpoint stays here, and its own has a file of its own.
 int count_in_child() {
-    send("beta", 3);
-    return tav_ipc_create("gamma") && std::printf("child %d\n", getpid()) > 0 && getchar() == '\n' ? 0 : 1;
+    const int before = seen;
+    send("beta", 3), send("other", 1);
+    if (seen != before || !tav_ipc_create("gamma")) return 1;
+    return std::printf("child %d\n", getpid()) > 0 && getchar() == '\n' ? 0 : 1;
 }
 
 int run_module() {
