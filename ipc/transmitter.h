@@ -1,4 +1,4 @@
-// Hands datagrams to the event library, settles the sends whose outcome is known, and retries the datagrams
+// Hands datagrams to the event library, settles the sends that have left, and retries the datagrams
 // that a destination refused.
 //
 // A datagram for which nothing has to wait leaves inside submit, out of the caller's memory, and is done
@@ -48,11 +48,13 @@ struct Route {
 // The queue's consume callback: sends a record that is due.
 int consume_queued(uint64_t now_ms, ipc_queue_msg_st *msg);
 
-// Of finished sends: about four large datagrams, so they stay in the cache.
+// Of sends that have left: about four large datagrams, so they stay in the cache.
 inline constexpr size_t kHeldBytes = size_t{256} * 1024;
 
-// Settles this thread's finished sends when they hold at least that many bytes, so a sender that does not let
-// the loop run fills memory that is still in the cache. Settling writes log lines, and the sink of a log line
+// Settles those of this thread's sends that have left, when they hold at least that many bytes, so a sender
+// that does not let the loop run fills memory that is still in the cache. A send that failed counts as in
+// flight until the loop runs: else a sender to a missing peer would fill the queue and never be refused.
+// Settling writes log lines, and the sink of a log line
 // may send, settle other sends, and destroy any endpoint. It may also release every destination that is idle.
 // So a frame that holds an endpoint or a destination across this call, or across any log line, pins it
 // (EndpointPin, DestinationPin), and looks at the endpoint's queue before it goes on.

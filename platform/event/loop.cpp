@@ -103,9 +103,10 @@ void Loop::enter_child() noexcept {
 // Stopping the handles only changes memory, also on the caller's loop. They stay in that loop's lists, so
 // this object stays as well (see ThreadEvents).
 void Loop::abandon() noexcept {
-    for (SendQueue finished = std::move(finished_); !finished.empty();)
-        report(finished.pop(), CL_EV_CANCELLED);
-    finished_bytes_ = 0;
+    while (Send *send = finished_.first()) {
+        finished_.remove(send);
+        report(send, CL_EV_CANCELLED);
+    }
     timers_.clear();
     wake_watch_.close();
     wake_fd_.reset();

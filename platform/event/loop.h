@@ -79,16 +79,16 @@ class Loop {
     Send *begin_send() noexcept;
     // Takes a record whose outcome is known. Its callback runs in a later phase.
     void finish(Send *send, int status) noexcept;
-    // Reports what has finished so far, if its data total at least `bytes`, up to the first send with another
+    // Reports what has left so far, if its data total at least `bytes`, up to the first send with another
     // callback; with 0 bytes the batches leave before. Does nothing inside such a callback: the frame that
     // called it goes on with the rest, and the stack does not grow with the number of sends.
     void settle(size_t bytes, cl_dunix_send_cb callback) noexcept {
-        if (finished_bytes_ < bytes || reporting_) return;
+        if (finished_.left_bytes() < bytes || reporting_) return;
         if (bytes == 0) batches_.send_all();
         report_finished(callback);
     }
     // Takes out the finished sends of a socket that is closing. Each then goes through report().
-    SendQueue take_finished(cl_dunix_t socket) noexcept;
+    SendQueue take_finished(cl_dunix_t socket) noexcept { return finished_.take(socket); }
     // Frees the record and calls its callback, except in a child that has abandoned the loop.
     void report(Send *send, int status) noexcept;
 
@@ -144,6 +144,7 @@ class Loop {
     void before_poll() noexcept;
     bool looks_again(bool once) noexcept;
     void after_poll() noexcept;
+    // With a callback, only sends that left, up to the first one with another callback.
     void report_finished(cl_dunix_send_cb only = nullptr) noexcept;
     void fire_timers() noexcept;
     void wake_for_timers() noexcept;
@@ -175,10 +176,9 @@ class Loop {
     uint64_t wake_up_ms_ = kNever; // the time that wake_fd_ is set to; it may be too early, never too late
 
     SendPool sends_;
-    SendQueue finished_;
+    FinishedSends finished_;
     uint64_t last_finished_ = 0;
-    size_t finished_bytes_ = 0; // data of the sends in finished_
-    bool reporting_ = false;    // report_finished is the innermost of our frames on the stack
+    bool reporting_ = false; // report_finished is the innermost of our frames on the stack
     uint64_t send_wait_ms_ = kDefaultSendWait_ms;
     static constexpr uint64_t kDefaultSendWait_ms = 1000; // documented in tavcl_ev.h
 

@@ -17,7 +17,6 @@ void Loop::finish(Send *send, int status) noexcept {
     send->order = ++last_finished_;
     if (finished_.empty()) nudge();
     finished_.push(send);
-    finished_bytes_ += send->len;
 }
 
 void Loop::report_finished(cl_dunix_send_cb only) noexcept {
@@ -25,11 +24,9 @@ void Loop::report_finished(cl_dunix_send_cb only) noexcept {
     const UvLoop::Callbacks guard(uv_);
     const bool was_reporting = std::exchange(reporting_, true);
     const uint64_t until = last_finished_;
-    while (!finished_.empty() && finished_.front()->order <= until) {
-        if (only && finished_.front()->callback != only) break;
-        Send *send = finished_.pop();
-        assert(finished_bytes_ >= send->len);
-        finished_bytes_ -= send->len;
+    while (Send *send = only ? finished_.first_that_left() : finished_.first()) {
+        if (send->order > until || (only && send->callback != only)) break;
+        finished_.remove(send);
         report(send, send->status);
     }
     reporting_ = was_reporting;
@@ -42,18 +39,6 @@ void Loop::report(Send *send, int status) noexcept {
     drop();
     count_callback();
     if (copy.callback) copy.callback(copy.socket, status, copy.context);
-}
-
-SendQueue Loop::take_finished(cl_dunix_t socket) noexcept {
-    SendQueue taken, others;
-    while (!finished_.empty()) {
-        Send *send = finished_.pop();
-        const bool ours = send->socket == socket;
-        if (ours) finished_bytes_ -= send->len;
-        (ours ? taken : others).push(send);
-    }
-    finished_.append(std::move(others));
-    return taken;
 }
 
 } // namespace tavcl_ev

@@ -1,6 +1,6 @@
 // One accepted send, and the first-in first-out list that holds such records.
 //
-// A record is in one list at most: free (SendPool), waiting (its Channel), finished (the Loop, until its
+// A record is in one list at most: free (SendPool), waiting (its Channel), finished (FinishedSends, until its
 // callback runs), or cancelled (inside Dunix::close). While a function moves it from one list to the next it
 // is in none; its `next` is then the record itself. Lists are chained through the records, so moving one
 // allocates nothing.
@@ -59,6 +59,45 @@ class SendQueue {
   private:
     Send *first_ = nullptr;
     Send *last_ = nullptr;
+};
+
+// Finished sends whose callbacks have not run. Those that left can be taken before those that failed.
+class FinishedSends {
+  public:
+    bool empty() const noexcept { return left_.empty() && failed_.empty(); }
+    size_t left_bytes() const noexcept { return left_bytes_; } // data of those that left
+    void push(Send *send) noexcept {
+        const bool left = send->status == CL_EV_OK;
+        if (left) left_bytes_ += send->len;
+        (left ? left_ : failed_).push(send);
+    }
+    // The one that finished first, of all or of those that left. Null without one.
+    Send *first() const noexcept {
+        Send *const left = left_.front(), *const failed = failed_.front();
+        return failed && (!left || failed->order < left->order) ? failed : left;
+    }
+    Send *first_that_left() const noexcept { return left_.front(); }
+    // Takes out what one of these two has returned.
+    void remove(Send *send) noexcept {
+        const bool left = send->status == CL_EV_OK;
+        if (left) left_bytes_ -= send->len;
+        [[maybe_unused]] const Send *const first = (left ? left_ : failed_).pop();
+        assert(first == send);
+    }
+    // Takes out those of a socket.
+    SendQueue take(cl_dunix_t socket) noexcept {
+        SendQueue taken, others;
+        while (Send *send = first()) {
+            remove(send);
+            (send->socket == socket ? taken : others).push(send);
+        }
+        while (!others.empty()) push(others.pop());
+        return taken;
+    }
+
+  private:
+    SendQueue left_, failed_;
+    size_t left_bytes_ = 0;
 };
 
 // Keeps free records, the last used first, which saves an allocation for each datagram.

@@ -167,13 +167,14 @@ CL_EV_API int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, 
 CL_EV_API int cl_dunix_send_now(cl_dunix_t socket, const cl_sockaddr_t *address, const struct iovec *parts,
                                 size_t count) CL_EV_NOEXCEPT;
 
-/* Completes finished sends before the next turn of the loop. A sender of much data that does not let the loop
- * run can thereby use few buffers for many datagrams.
- *   If the data of this thread's finished sends total at least `bytes`, their callbacks run, in the order in
- * which the sends finished. It stops at the first send whose callback is not `callback`, so no other code
- * runs. If they total less it does nothing, at the cost of a comparison. With 0 bytes the datagrams of
- * batches (tavcl_loop.h) leave first. Inside the callback of a send it does nothing: the other sends complete
- * when that callback has returned. A library in place of this one may lack it. */
+/* Completes sends whose datagrams have left before the next turn of the loop. A sender of much data that does
+ * not let the loop run can thereby use few buffers for many datagrams.
+ *   If the data of this thread's sends that have left total at least `bytes`, their callbacks run, in the
+ * order in which the sends finished. It stops at the first send whose callback is not `callback`, so no other
+ * code runs. If they total less it does nothing, at the cost of a comparison. Sends that failed complete on
+ * the next turn of the loop: a sender that tries them again at once might never let it run. With 0 bytes the
+ * datagrams of batches (tavcl_loop.h) leave first. Inside the callback of a send it does nothing: the other
+ * sends complete when that callback has returned. A library in place of this one may lack it. */
 CL_EV_API void cl_dunix_settle(size_t bytes, cl_dunix_send_cb callback) CL_EV_NOEXCEPT;
 
 /* Sets the send-wait time of this thread's loop: the milliseconds without progress at a destination after

@@ -123,7 +123,7 @@ TEST_F(SendTest, ClosingReportsEverythingOnceAlsoInACompletion) {
     EXPECT_EQ(statuses_, (std::map<int, int>{{CL_EV_OK, left}, {CL_EV_CANCELLED, 40 - left}}));
 }
 
-TEST_F(SendTest, FinishedSendsAreReportedOnDemandButNotInsideACompletion) {
+TEST_F(SendTest, SendsThatLeftAreReportedOnDemandButNotInsideACompletion) {
     const RawPeer peer(path("peer"));
     send_numbered("peer", 0, 30); // most of them wait
     cl_dunix_settle(300, done);   // more than thirty datagrams of nine bytes
@@ -137,6 +137,10 @@ TEST_F(SendTest, FinishedSendsAreReportedOnDemandButNotInsideACompletion) {
     cl_dunix_settle(9, done);
     EXPECT_GT(reported_, 1);
     expect_in_order(peer, 30);
+    send_numbered("nobody", 30, 31), send_numbered("peer", 31, 32), cl_dunix_settle(0, done);
+    EXPECT_EQ(std::pair(reported_, statuses_[CL_EV_OK]), std::pair(31, 31)) << "the other one has failed";
+    cl_event_loop_run_once(0);
+    EXPECT_EQ(statuses_[CL_EV_NO_PEER], 1);
 }
 
 TEST_F(SendTest, ManyDestinationsUseFewDescriptorsAndGiveThemBack) {
