@@ -185,7 +185,8 @@ bool send_directly(const Route &route, const tav_ipc_hdr_st &header, const void 
     const auto send_now = direct_send();
     const mod_info_st &to = route.to->info;
     // Above this number of destinations each completion releases its destination.
-    if (!send_now || !payload || route.ipc->queue->mod_count > kManyModules) return false;
+    if (!send_now || (!payload && header.size > 0) || route.ipc->queue->mod_count > kManyModules)
+        return false;
     const uint32_t limit = in_flight_class(header.flags & IPC_FLAGS_CONTROL, route.priority);
     if (uint64_t{kHeaderSize} + header.size + to.sending_bytes >= limit) return false;
     ipc_queue_msg_st rank;

@@ -89,6 +89,9 @@ TEST_F(DirectSendTest, NothingPassesAMoreUrgentRecordTheBudgetOrTheReleaseOfIdle
     ipc_->queue->mod_count = 5001;
     EXPECT_EQ(tries("hello"), 0);
     ipc_->queue->mod_count = 1;
+    const tav_addr_st beta = address("beta");
+    for (const uint32_t size : {1u, 0u}) EXPECT_EQ(tav_ipc_send(ipc_, &beta, 0, nullptr, size), 0);
+    EXPECT_EQ(tried_, 1) << "there are no zeros to send from";
 }
 
 } // namespace
