@@ -37,9 +37,8 @@ inline bool peer_is_present(int32_t location, const char *name) noexcept {
 }
 
 // Removes the files of sending sockets whose process is gone and whose socket refuses connections, and the
-// files of counters whose process is gone. Runs once
-// in a process and stops after 5 ms (0.2 s when another process holds the directory's lock). Later processes
-// remove what it leaves.
+// files of counters whose process is gone. Runs once in a process and stops after 5 ms (0.2 s when another
+// process holds the directory's lock). Later processes remove what it leaves.
 void remove_stale_socket_files(int32_t location) noexcept;
 
 // For tests: the next call of remove_stale_socket_files does its work again.

@@ -232,7 +232,10 @@ TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
  * application message of at least 148 bytes whose length field is right is compressed on its way to an
  * address with ADDR_FLAG_COMPRESS_OK. Returns 0 when the message was sent or queued. Returns IPC_ERR_SENDTO
  * (-101) when it was refused:
- *   - the handle or the destination is null, or the endpoint is being destroyed
+ *   - the handle or the destination is null
+ *   - tav_ipc_destroy has closed the endpoint's sockets (callbacks that it calls with IPC_ERR_CLOSED may
+ *     still send; what cannot leave at once is dropped)
+ *   - the endpoint belongs to the process that forked this one
  *   - the destination is at this location (or its location is 0) and its name is empty, "." or "..", or has a
  *     "/". Names at other locations are not checked: the message goes to a proxy endpoint
  *   - the path of the socket to send to has more than 107 bytes
