@@ -109,12 +109,13 @@ void dispatch(tav_ipc_st *ipc, const Incoming &in) {
     if (header.flags & IPC_FLAG_NEED_ACK) acknowledge(ipc, in, result);
     if (ipc->closed) return; // by the sink of a line that the reply logged
     if (header.flags & (IPC_FLAG_FILE | IPC_FLAG_PROBE)) return;
-    if (!ipc->msg_recv && !ipc->on_request) return;
+    const bool is_request = (header.flags & IPC_FLAG_REQUEST) && ipc->on_request;
+    if (!is_request && !ipc->msg_recv) return;
     const HandlerCall call(ipc);
-    if ((header.flags & IPC_FLAG_REQUEST) && ipc->on_request)
+    if (is_request)
         ipc->on_request(ipc, &header.src, header.reqid, header.cmd, in.payload, header.size,
                         ipc->on_request_arg);
-    else if (ipc->msg_recv)
+    else
         ipc->msg_recv(ipc, &header.src, header.cmd, in.payload, header.size, ipc->msg_recv_arg);
 }
 
