@@ -2,6 +2,7 @@
 // the next one while the receiver works, and sends that when the confirmation arrives. An empty chunk ends
 // the file. Any code other than 0 ends the transfer, and the endpoint may be gone by then: only a step with
 // code 0 uses it.
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,12 @@
 
 namespace tavipc {
 namespace {
+
+constinit std::mutex ids_mutex;
+
+// When the library is loaded, so that no fork takes a locked mutex into the child.
+[[maybe_unused]] const int fork_handlers =
+    pthread_atfork([] { ids_mutex.lock(); }, [] { ids_mutex.unlock(); }, [] { ids_mutex.unlock(); });
 
 // The ids that this process must not draw: a receiver would append a second file with the same id from the
 // same endpoint to the first one. The generator does repeat itself: every fragmented message seeds it with
@@ -52,8 +59,7 @@ class FileIds {
     }
     void forget(uint64_t now_ms);
 
-    std::mutex mutex_;
-    std::vector<Use> uses_;
+    std::vector<Use> uses_; // ids_mutex guards it
 };
 
 void FileIds::forget(uint64_t now_ms) {
@@ -65,7 +71,7 @@ void FileIds::forget(uint64_t now_ms) {
 }
 
 int32_t FileIds::take(uint32_t hostid) noexcept {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(ids_mutex);
     forget(cl_event_loop_now());
     try {
         for (int draws = 0; draws < kMostDraws; ++draws) {
@@ -81,7 +87,7 @@ int32_t FileIds::take(uint32_t hostid) noexcept {
 }
 
 void FileIds::end(int32_t id) noexcept {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(ids_mutex);
     const auto use =
         std::find_if(uses_.begin(), uses_.end(), [id](const Use &candidate) { return candidate.id == id; });
     assert(use != uses_.end() && use->until_ms == kUnderWay);
@@ -89,16 +95,14 @@ void FileIds::end(int32_t id) noexcept {
 }
 
 void FileIds::clear() noexcept {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(ids_mutex);
     uses_.clear();
 }
 
-// Never destroyed: a transfer may end in an exit handler.
-FileIds &file_ids() {
-    alignas(FileIds) static unsigned char memory[sizeof(FileIds)];
-    static auto *ids = new (memory) FileIds;
-    return *ids;
-}
+// Never destroyed: a transfer may end in an exit handler. Made when the library is loaded, too, because a
+// local variable that another thread is just initialising would never be ready in a forked child.
+alignas(FileIds) unsigned char ids_memory[sizeof(FileIds)];
+FileIds &file_ids = *new (ids_memory) FileIds;
 
 constinit Relaxed<pid_t> generator_seeded_by = 0; // a forked child seeds it again
 
@@ -162,11 +166,11 @@ void FileSource::complete_chunk() {
     if (length < sizeof chunk) stream.reset();
 }
 
-int32_t take_file_id(uint32_t hostid) { return file_ids().take(hostid); }
-void end_file_id(int32_t id) { file_ids().end(id); }
+int32_t take_file_id(uint32_t hostid) { return file_ids.take(hostid); }
+void end_file_id(int32_t id) { file_ids.end(id); }
 
 void reset_file_ids() {
-    file_ids().clear();
+    file_ids.clear();
     generator_seeded_by = 0;
 }
 
