@@ -12,6 +12,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <pthread.h>
 #include <string>
 #include <string_view>
 
@@ -71,11 +72,19 @@ Facts read_facts(const ini_file_t *file) {
     return facts;
 }
 
+constinit std::mutex facts_mutex, texts_mutex; // no frame holds both
+
+void lock_both() { facts_mutex.lock(), texts_mutex.lock(); }
+void unlock_both() { texts_mutex.unlock(), facts_mutex.unlock(); }
+
+// When the library is loaded, so that no fork takes a locked mutex into the child. (Nor a static variable
+// that another thread was initialising: there are only constinit ones.)
+[[maybe_unused]] const int fork_handlers = pthread_atfork(lock_both, unlock_both, unlock_both);
+
 const Facts &load_facts(std::atomic<const Facts *> &known) {
-    static const Facts defaults;
-    static std::mutex mutex;
+    static constinit const Facts defaults;
     static constinit std::optional<Facts> kept;
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(facts_mutex);
     if (!kept) {
         const ini_file_t *file = load_file();
         if (!file && is_temporary(errno)) return defaults;
@@ -92,10 +101,10 @@ const Facts &facts() {
 
 // Returns the number as text, at an address that stays valid. A text is made when it is first asked for.
 const char *number_text(int number) {
-    static std::mutex mutex;
-    static auto &texts = *new std::map<int, std::string>;
-    const std::lock_guard lock(mutex);
-    auto &text = texts[number];
+    static constinit std::map<int, std::string> *texts = nullptr; // made under the lock: see fork_handlers
+    const std::lock_guard lock(texts_mutex);
+    if (!texts) texts = new std::map<int, std::string>;
+    auto &text = (*texts)[number];
     if (text.empty()) text = std::to_string(number);
     return text.c_str();
 }

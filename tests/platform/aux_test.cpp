@@ -1,6 +1,8 @@
 // Deployment facts. They are read once per process, so each case asks in a child of its own.
 #include <sstream>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -51,4 +53,15 @@ TEST(Deployment, FactsOfTheFileOrDefaults) {
     expect_facts("location = 4\ndeploy_type = tmp/demo\nagent_type = container\ncnapp = 1\n"
                  "hostid = 4294967295\n[locations]\n4 = cloud\n",
                  "4 cloud tmp/demo 1 4294967295 container 10");
+}
+
+TEST(Deployment, AForkedChildNeedsNoLockOfAThreadThatItHasNot) {
+    const std::jthread asking([](const std::stop_token &stop) {
+        while (!stop.stop_requested()) tav_location_name(-2);
+    });
+    for (int i = 0, status = -1; i < 10; ++i) {
+        if (fork() == 0) alarm(20), _exit(*tav_location_name(-2) != '-');
+        ASSERT_GT(wait(&status), 0);
+        ASSERT_EQ(status, 0);
+    }
 }
