@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "common/owned.h"
+#include "ipc/random.h"
 #include "ipc/socket_directory.h"
 #include "ipc/teardown_watch.h"
 #include "tavaux.h"
@@ -27,7 +28,7 @@ cl_dunix_t take_pool_socket(ipc_queue_st &queue, const TeardownWatch &watch) {
     const uint32_t index = queue.fd_pool_next;
     for (int attempt = 0; !queue.fd_pool[index] && attempt < kSocketAttempts; ++attempt) {
         char name[64];
-        sending_socket_name(name, sizeof name, getpid(), rand() % kSocketNumbers);
+        sending_socket_name(name, sizeof name, getpid(), draw_random() % kSocketNumbers);
         const cl_dunix_t made = create_unix_socket(queue.location, name);
         const bool too_late = watch.torn_down() || queue.fd_pool[index]; // a send from the log line was first
         if (too_late)

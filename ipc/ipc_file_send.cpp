@@ -18,11 +18,12 @@
 #include "common/relaxed.h"
 #include "ipc/exchanges.h"
 #include "ipc/ipc_file.h"
+#include "ipc/random.h"
 
 namespace tavipc {
 namespace {
 
-constinit std::mutex ids_mutex;
+constinit std::mutex ids_mutex; // while it is held, no other lock is taken
 
 // When the library is loaded, so that no fork takes a locked mutex into the child.
 [[maybe_unused]] const int fork_handlers =
@@ -71,11 +72,11 @@ void FileIds::forget(uint64_t now_ms) {
 }
 
 int32_t FileIds::take(uint32_t hostid) noexcept {
-    const std::lock_guard lock(ids_mutex);
-    forget(cl_event_loop_now());
     try {
         for (int draws = 0; draws < kMostDraws; ++draws) {
             const int32_t id = tav_ipc_get_random_file_id(hostid);
+            const std::lock_guard lock(ids_mutex);
+            forget(cl_event_loop_now());
             if (in_use(id)) continue;
             uses_.push_back({id, kUnderWay});
             return id;
@@ -205,11 +206,11 @@ void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *pat
 int32_t tav_ipc_get_random_file_id(uint32_t hostid) noexcept {
     if (generator_seeded_by != getpid()) {
         generator_seeded_by = getpid();
-        srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(time(nullptr)) ^
-              static_cast<unsigned>(getppid()));
+        seed_random(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(time(nullptr)) ^
+                    static_cast<unsigned>(getppid()));
     }
-    const int first = rand();
-    const int second = rand();
+    const int first = draw_random();
+    const int second = draw_random();
     const auto now_s = static_cast<int>(time(nullptr));
     char text[256]; // bytes; four numbers of at most 11 characters
     const int length =

@@ -12,6 +12,7 @@
 #include "common/log.h"
 #include "ipc/accounting.h"
 #include "ipc/destination.h"
+#include "ipc/random.h"
 #include "ipc/teardown_watch.h"
 #include "tavaux.h"
 
@@ -120,7 +121,7 @@ void ipc_queue_msg_set_retry_later(ipc_queue_msg_st *msg, uint64_t now_ms, uint6
 
 void ipc_queue_msg_set_retry_later_random(ipc_queue_msg_st *msg, uint64_t now_ms) noexcept {
     if (!msg) return;
-    const auto draw = static_cast<uint32_t>(rand() % 10);
+    const auto draw = static_cast<uint32_t>(tavipc::draw_random() % 10);
     ipc_queue_msg_set_retry_later(msg, now_ms, (draw + 10u * (msg->try_times % 5)) % 50);
 }
 

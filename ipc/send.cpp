@@ -17,6 +17,7 @@
 #include "ipc/fragment_block.h"
 #include "ipc/monitor.h"
 #include "ipc/msg_trace.h"
+#include "ipc/random.h"
 #include "ipc/socket_directory.h"
 #include "ipc/transmitter.h"
 #include "ipc/unshared_fd.h"
@@ -298,7 +299,7 @@ int tav_ipc_send_raw(tav_ipc_st *ipc, const char *dpipe, const void *datagram) n
 int ipc_rand_by_time() noexcept {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    srand(static_cast<unsigned>(static_cast<uint64_t>(now.tv_sec) * 1000 +
-                                static_cast<uint64_t>(now.tv_nsec) / 1000000));
-    return rand();
+    seed_random(static_cast<unsigned>(static_cast<uint64_t>(now.tv_sec) * 1000 +
+                                      static_cast<uint64_t>(now.tv_nsec) / 1000000));
+    return draw_random();
 }
