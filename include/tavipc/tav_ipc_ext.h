@@ -47,7 +47,8 @@ TAVIPC_BEGIN_DECLS
  *   - ESHUTDOWN: the endpoint is being destroyed
  *   - ENOMEM: memory for the exchange is short (the message may have been sent)
  *   - ENOBUFS: the message was refused, because too much is in flight to dest, memory for the message is
- *     short, or the path of the socket to send to has more than 107 bytes */
+ *     short, the path of the socket to send to has more than 107 bytes, or the endpoint belongs to the
+ *     process that forked this one */
 TAVIPC_API uint64_t tav_ipc_exchange_start(tav_ipc_st *ipc, int kind, const tav_addr_st *dest, uint32_t cmd,
                                            const void *data, uint32_t size, uint32_t timeout_ms,
                                            tav_ipc_exchange_cb callback, void *user) TAVIPC_NOEXCEPT;

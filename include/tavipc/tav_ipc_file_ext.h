@@ -55,7 +55,8 @@ TAVIPC_BEGIN_DECLS
  *   - what fopen set
  *   - ESHUTDOWN: the endpoint is being destroyed
  *   - ENOBUFS: the first message was refused, because too much is in flight to dest, memory for the message
- *     is short, or the path of the socket to send to has more than 107 bytes
+ *     is short, the path of the socket to send to has more than 107 bytes, or the endpoint belongs to the
+ *     process that forked this one
  *   - EAGAIN: no unused file id was found
  *   - ENOMEM: memory for the transfer is short */
 TAVIPC_API uint64_t tav_ipc_file_start(tav_ipc_st *ipc, const tav_addr_st *dest, const char *path,
