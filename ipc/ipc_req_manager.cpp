@@ -79,10 +79,10 @@ bool replace_heap(ipc_req_manager_st &manager) {
 
 // Rebuilds the heap if too many of its entries are stale.
 void rebuild(ipc_req_manager_st &manager) {
-    static constinit Relaxed<uint64_t> failed_ms = 0; // on the loop clock
+    static constinit Relaxed<uint64_t> failed_ms = 0; // on the loop clock; 0: never
     if (!should_rebuild(heap_count(manager.expiry_heap), xhash_count(manager.reqs))) return;
     const uint64_t now_ms = cl_event_loop_now();
-    if (now_ms - failed_ms < kRetryRebuild_ms) return;
+    if (failed_ms != 0 && now_ms - failed_ms < kRetryRebuild_ms) return;
     if (replace_heap(manager))
         (void)replace_heap(manager); // by one with memory for what is left; may fail
     else
@@ -174,12 +174,12 @@ int ipc_req_manager_insert(ipc_req_manager_st *manager, uint32_t reqid, void *re
         std::free(entry);
         return -1;
     }
-    // The expiry comes first: without a record it is only stale, while a record without it would never
-    // expire.
-    const int result = xhash_insert(manager->reqs, &reqid, sizeof reqid, record) == 0 ? 0 : -1;
-    tavipc::rebuild(*manager);
+    // The expiry and the timer come first: without a record they do no harm, while a record without them
+    // would never expire.
     tavipc::arm_timer(*manager);
-    return result;
+    if (!manager->timer || xhash_insert(manager->reqs, &reqid, sizeof reqid, record) != 0) return -1;
+    tavipc::rebuild(*manager);
+    return 0;
 }
 
 int ipc_req_manager_find(const ipc_req_manager_st *manager, uint32_t reqid, void **record) noexcept {
