@@ -8,6 +8,7 @@
 #include <pthread.h>
 #include <string_view>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/timerfd.h>
 #include <utility>
 
@@ -242,13 +243,18 @@ void DirectoryWatch::on_ready(cl_io_t, int, void *self) noexcept {
         watch.open();
 }
 
+// Handles what is in the queue now. What comes meanwhile waits, or others who change the directory without a
+// pause could keep the thread here.
 void DirectoryWatch::read_events() noexcept {
     constexpr size_t kBytes = 4096; // at least 15 events of the longest names
     alignas(inotify_event) char buffer[kBytes];
     bool lost = false; // the directory
-    while (fd_ && inotify_) {
+    int left = 0;      // bytes
+    if (!fd_ || !inotify_ || ::ioctl(fd_.get(), FIONREAD, &left) != 0) return;
+    while (left > 0) {
         const ssize_t size = ::read(fd_.get(), buffer, sizeof buffer);
         if (size <= 0) break;
+        left -= static_cast<int>(size);
         for (ssize_t at = 0; at < size;) {
             inotify_event event;
             std::memcpy(&event, buffer + at, sizeof event);

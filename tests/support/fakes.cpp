@@ -133,7 +133,7 @@ cl_timer_t cl_timer_start(uint64_t delay_ms, void (*callback)(void *), void *arg
     return event.last_id;
 }
 void cl_timer_stop(cl_timer_t timer) noexcept { event.timers.erase(timer); }
-cl_io_t cl_io_start(int, int, cl_io_cb, void *) noexcept { return 0; } // nothing changes by itself
+cl_io_t cl_io_start(int, int, cl_io_cb, void *) noexcept { return event.watches_io; } // never calls back
 void cl_io_stop(cl_io_t) noexcept {}
 
 cl_dunix_t cl_dunix_create(const cl_sockaddr_t *address, void *, void *) noexcept {

@@ -1,8 +1,11 @@
-// Endpoints: creation and its failures, options, locality, host id, the thread-use guard, destruction.
+// Endpoints: creation and its failures, options, locality, host id, the thread-use guard, destruction;
+// changes of their directory.
 #include <thread>
 
 #include "endpoint_world.h"
+#include "ipc/directory_watch.h"
 #include "ipc/receive.h"
+#include "temp_dir.h"
 
 using tavipc::ipc_on_recv;
 
@@ -143,4 +146,21 @@ TEST_F(EndpointTest, DestroyedRecordLivesUntilItsLastFrameIsLeft) {
     EXPECT_EQ(send(ipc, "x"), IPC_ERR_SENDTO);
     EXPECT_EQ(tav_ipc_recv_start(ipc, ipc_on_recv), nullptr);
     EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(EndpointTest, ChangesThatComeWhileOthersAreHandledWait) {
+    using tavipc::DirectoryListener;
+    static int changes;
+    static std::string file;
+    const TempDir root{"/var/tmp/tavipc-XXXXXX"};
+    std::filesystem::create_directory(root / "zon_ipc2");
+    const std::string type = (root / ".").substr(5);
+    w.deployment.deploy_type = type.c_str(), w.event.watches_io = true;
+    changes = 0, file = root / "zon_ipc2/x";
+    const auto change_it_again = [](void *, const char *, bool) {
+        if (++changes < 1000) std::ofstream(file + std::to_string(changes));
+    };
+    DirectoryListener listener(DirectoryListener::Interest::kFiles, change_it_again, nullptr);
+    listener.start(2); // reports that everything may have changed
+    for (const int expected : {2, 3}) EXPECT_EQ((listener.catch_up(), changes), expected);
 }
