@@ -1,4 +1,6 @@
 // Whole files: the chunks that a sender sends and when it stops, and what a receiver keeps and for how long.
+#include <atomic>
+#include <thread>
 
 #include <sys/wait.h>
 
@@ -114,6 +116,22 @@ TEST_F(Files, AnIdIsDrawnAgainWhileAReceiverMayKnowIt) {
     EXPECT_EQ(id_of_draws({7, 43}), second) << "the receiver has removed it";
     for (int times = 0; times < 2; ++times) id_of_draws(std::deque<int>(2000, 7));
     EXPECT_EQ(done.back(), -106) << "every draw is the same";
+}
+
+TEST_F(Files, AForkedChildGetsIdsWhateverOtherThreadsDid) {
+    std::atomic<bool> over = false;
+    std::thread other([&] {
+        while (!over) tavipc::end_file_id(tavipc::take_file_id(77));
+    });
+    int statuses = 0;
+    for (int times = 0; times < 20; ++times) {
+        const pid_t child = fork();
+        if (child == 0) alarm(10), tavipc::take_file_id(77), _exit(0);
+        int status = -1;
+        waitpid(child, &status, 0), statuses |= status;
+    }
+    over = true, other.join();
+    EXPECT_EQ(statuses, 0);
 }
 
 TEST_F(Files, TravelInConfirmedChunksUntilTheirEnd) {
