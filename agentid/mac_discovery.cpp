@@ -21,7 +21,8 @@ namespace {
 constexpr int kBadArgument = 10; // result of functions that otherwise return an errno
 constexpr int kConnectWait_s =
     5; // a manager that is reachable answers sooner; the identity lock is held meanwhile
-constexpr size_t kRecordBytes = 4096; // of interface records; further interfaces are not examined
+constexpr int kMostInterruptions = 1000; // of that wait, by signal handlers of the program
+constexpr size_t kRecordBytes = 4096;    // of interface records; further interfaces are not examined
 
 struct IfAddrsFree {
     void operator()(ifaddrs *list) const noexcept { freeifaddrs(list); }
@@ -81,11 +82,16 @@ int wait_writable(int fd) noexcept {
         pollfd entry{fd, POLLOUT, 0};
         return poll(&entry, 1, kConnectWait_s * 1000);
     }
-    fd_set writable;
-    FD_ZERO(&writable);
-    FD_SET(fd, &writable);
-    timeval wait{kConnectWait_s, 0};
-    return select(fd + 1, nullptr, &writable, nullptr, &wait);
+    timeval rest{kConnectWait_s, 0}; // Linux takes off what a select has waited
+    const int before = errno;
+    for (int interruptions = 0;; ++interruptions) {
+        fd_set writable;
+        FD_ZERO(&writable);
+        FD_SET(fd, &writable);
+        const int ready = select(fd + 1, nullptr, &writable, nullptr, &rest);
+        if (ready >= 0 || errno != EINTR || interruptions == kMostInterruptions) return ready;
+        errno = before;
+    }
 }
 
 // Connects the non-blocking fd. Returns false if the wait for the connection failed or ended without one.

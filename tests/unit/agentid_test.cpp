@@ -97,7 +97,8 @@ int connect(int, const sockaddr *to, socklen_t) {
     return fail(memcmp(to->sa_data, "\x1f\xa3\xc0\0\2\7", 6) == 0 ? stage.connect_error : ENOTSUP);
 }
 int select(int, fd_set *, fd_set *, fd_set *, timeval *) {
-    return stage.wait_result < 0 ? fail(EINTR) : stage.wait_result;
+    if (stage.wait_result == -2) return stage.wait_result = 1, fail(EINTR); // interrupted once
+    return stage.wait_result < 0 ? fail(EBADF) : stage.wait_result;
 }
 int poll(pollfd *, nfds_t, int) { return stage.socket == 5000 ? 1 : 0; }
 int getsockname(int, sockaddr *address, socklen_t *) noexcept {
@@ -310,6 +311,7 @@ TEST_F(AgentId, IsMadeFromTheMacOnTheRouteToTheManager) {
     w.deployment.location = 1;
     expect_id(kRemote, "", {.connect_error = 0}, routed, "BBBBBB" + kMacs);
     expect_id(kRemote, id_bytes(0), {.connect_error = EINPROGRESS}, routed, "BBBBBB" + kMacs);
+    expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = -2}, routed, "BBBBBB" + kMacs);
     expect_id(kRemote, "", {.connect_error = EALREADY, .wait_result = 0, .socket = 5000}, routed,
               "BBBBBB" + kMacs);
     expect_id(kRemote, "", {.connect_error = EINPROGRESS, .wait_result = 0}, other, kZero + kMacs);
