@@ -64,8 +64,7 @@ struct Event {
     std::map<cl_dunix_t, Socket> sockets;
     std::deque<Send> sends; // every accepted send, in order
     uint64_t last_id = 0;
-    bool settles = false;    // cl_dunix_settle completes what is pending
-    bool watches_io = false; // cl_io_start succeeds
+    bool settles = false, watches_io = false; // cl_dunix_settle completes all pending, cl_io_start succeeds
     int fail_timers = 0, fail_create = 0, fail_recv = 0, fail_send = 0; // number of next calls that fail
 
     size_t pending() const;                  // sends not completed

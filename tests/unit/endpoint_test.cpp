@@ -149,18 +149,16 @@ TEST_F(EndpointTest, DestroyedRecordLivesUntilItsLastFrameIsLeft) {
 }
 
 TEST_F(EndpointTest, ChangesThatComeWhileOthersAreHandledWait) {
-    using tavipc::DirectoryListener;
     static int changes;
-    static std::string file;
-    const TempDir root{"/var/tmp/tavipc-XXXXXX"};
+    TempDir root{"/var/tmp/tavipc-XXXXXX"};
     std::filesystem::create_directory(root / "zon_ipc2");
     const std::string type = (root / ".").substr(5);
-    w.deployment.deploy_type = type.c_str(), w.event.watches_io = true;
-    changes = 0, file = root / "zon_ipc2/x";
-    const auto change_it_again = [](void *, const char *, bool) {
-        if (++changes < 1000) std::ofstream(file + std::to_string(changes));
+    w.deployment.deploy_type = type.c_str(), w.event.watches_io = true, changes = 0;
+    const auto change_it_again = [](void *owner, const char *, bool) {
+        if (++changes < 1000) static_cast<TempDir *>(owner)->write("zon_ipc2/" + std::to_string(changes), "");
     };
-    DirectoryListener listener(DirectoryListener::Interest::kFiles, change_it_again, nullptr);
+    using tavipc::DirectoryListener;
+    DirectoryListener listener(DirectoryListener::Interest::kFiles, change_it_again, &root);
     listener.start(2); // reports that everything may have changed
     for (const int expected : {2, 3}) EXPECT_EQ((listener.catch_up(), changes), expected);
 }
