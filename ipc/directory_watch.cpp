@@ -250,8 +250,8 @@ void DirectoryWatch::read_events() noexcept {
     alignas(inotify_event) char buffer[kBytes];
     bool lost = false; // the directory
     int left = 0;      // bytes
-    if (!fd_ || !inotify_ || ::ioctl(fd_.get(), FIONREAD, &left) != 0) return;
-    while (left > 0) {
+    if (fd_ && ::ioctl(fd_.get(), FIONREAD, &left) != 0) left = kBytes;
+    while (left > 0 && fd_ && inotify_) {
         const ssize_t size = ::read(fd_.get(), buffer, sizeof buffer);
         if (size <= 0) break;
         left -= static_cast<int>(size);
