@@ -23,6 +23,7 @@ tavipc::Task ask(tavipc::EndpointRef self, tavipc::Address clerk) {
     print("request", co_await self.request(clerk, 1, as_bytes("hello"), 3s));
     print("confirmed", co_await self.confirmed(clerk, 2, as_bytes("to be kept"), 3s));
     print("probe", co_await self.probe("nobody", 1h)); // nobody is there
+    print("patient probe", co_await self.probe("nobody", 10ms).wait_for_peer());
     cl_event_loop_stop();
 }
 

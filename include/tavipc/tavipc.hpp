@@ -148,7 +148,7 @@ class Awaitable {
 // endpoint.request(...)" gives a Reply. What it was made from must live until then.
 class [[nodiscard]] Exchange : public Awaitable {
   public:
-    Exchange(tav_ipc_st *ipc, tav_ipc_exchange_kind kind, const Address &to, uint32_t command, Bytes payload,
+    Exchange(tav_ipc_st *ipc, int kind, const Address &to, uint32_t command, Bytes payload,
              Timeout timeout) noexcept
         : Awaitable(ipc, to, timeout), kind_(kind), payload_(payload), command_(command) {}
     ~Exchange() {
@@ -157,9 +157,9 @@ class [[nodiscard]] Exchange : public Awaitable {
     }
 
     // co_await endpoint.request(...).wait_for_peer(): without a peer it does not end at once.
-    Exchange &&wait_for_peer() &&noexcept {
-        kind_ |= TAV_IPC_EXCHANGE_WAIT_FOR_PEER;
-        return std::move(*this);
+    // It returns a new object, because GCC would copy what co_await gets by reference.
+    Exchange wait_for_peer() &&noexcept {
+        return {ipc_, kind_ | TAV_IPC_EXCHANGE_WAIT_FOR_PEER, to_, command_, payload_, Timeout(timeout_ms_)};
     }
     bool await_suspend(std::coroutine_handle<> coroutine) noexcept {
         waiting_ = coroutine;

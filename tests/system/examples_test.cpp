@@ -61,6 +61,7 @@ TEST_F(Examples, Files) {
 
 TEST_F(Examples, Coroutines) {
     run("coroutines", {},
-        {"request: Success hello", "confirmed: Success", "probe: No such endpoint", "kept 1, done 1"});
+        {"request: Success hello", "confirmed: Success", "probe: No such endpoint",
+         "patient probe: Request timeout", "kept 1, done 1"});
     run("request_pool", {}, {"answered 10, sum of the squares 28500, cancelled 90"});
 }
