@@ -56,16 +56,18 @@ PrivateFd lock_directory(const char *path) {
 
 // Only a refused connection proves that no process has the socket open. A live socket whose queue is full
 // accepts the connection.
-bool is_stale(const cl_sockaddr_t &address) {
-    const UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    return probe && connect(probe.get(), generic(address), address.len) != 0 && errno == ECONNREFUSED;
+bool is_stale(int probe, const cl_sockaddr_t &address) {
+    return connect(probe, generic(address), address.len) != 0 && errno == ECONNREFUSED;
 }
 
 bool replace_stale(int fd, const cl_sockaddr_t &address) {
     const char *path = address.addr.sun_path;
     const PrivateFd lock = lock_directory(path);
+    const UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!probe) return false; // with its errno: whether another process has the path is not known
     const FileIdentity found = identify_socket(path, false);
-    if (found != FileIdentity{} && is_stale(address) && identify_socket(path, false) == found) unlink(path);
+    if (found != FileIdentity{} && is_stale(probe.get(), address) && identify_socket(path, false) == found)
+        unlink(path);
     return bind_to(fd, address);
 }
 

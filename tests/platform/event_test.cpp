@@ -1,6 +1,7 @@
 // Timers and runs of the loop, reception, and the file of a socket.
 #include <barrier>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "event_fixture.h"
@@ -9,6 +10,25 @@ static std::atomic<int> locked = -1; // a descriptor, until the library waits fo
 extern "C" __attribute__((visibility("default"))) int usleep(useconds_t us) {
     if (const int fd = locked.exchange(-1); fd >= 0) close(fd);
     return std::this_thread::sleep_for(std::chrono::microseconds(us)), 0;
+}
+
+using SocketFileTest = EventTest;
+
+// It comes first, because only the first loop of a process makes the pipe of libuv.
+TEST_F(SocketFileTest, TooFewDescriptorsAreTheReasonOfAFailure) {
+    RawPeer(path("s")); // stale
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    cl_dunix_t socket = 0;
+    for (rlim_t limit = 3; socket == 0 && limit < 100; ++limit) {
+        const rlimit few{limit, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &few);
+        errno = 0;
+        socket = create("s");
+        EXPECT_TRUE(socket != 0 || errno == EMFILE) << limit << ": " << strerror(errno);
+    }
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_NE(socket, 0u);
 }
 
 struct LoopTest : EventTest {
@@ -136,8 +156,6 @@ TEST_F(ReceiveTest, ASteadyFloodLeavesTimersTheirTurn) {
     EXPECT_EQ(cl_event_loop_run(), 1);
     EXPECT_LT(got_.size(), 2000u);
 }
-
-using SocketFileTest = EventTest;
 
 TEST_F(SocketFileTest, DirectoriesAreCreatedAndTheFileIsRemovedUnlessItIsAnothers) {
     umask(022);
