@@ -95,10 +95,15 @@ void log_failure(const char *name, int error) {
             strerror_r(error, text, sizeof text));
 }
 
+// Why the allow-list refuses the process: it does, or the process could not read the list.
+int refusal(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM ? error : EPERM; }
+
 tav_ipc_st *create_endpoint(const char *name, const Options &options) {
+    errno = 0;
     if (c_get_process() != 0) {
+        const int error = refusal(errno);
         TAV_LOG(1, "tav_ipc", "process is not valid");
-        return fail(EPERM);
+        return fail(error);
     }
     if (!name || std::strlen(name) > TAV_IPC_NAME_MAX) return fail(EINVAL);
     const char *test = std::getenv("IPC_TEST");

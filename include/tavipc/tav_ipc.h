@@ -178,14 +178,14 @@ TAVIPC_API uint32_t tav_ipc_hdr_magic(const tav_ipc_hdr_st *header) TAVIPC_NOEXC
  * If accept_files is not 0 the endpoint saves incoming file chunks, else it answers them with
  * IPC_ERR_NOT_SUPPORTED. Returns the handle, which the caller releases with tav_ipc_destroy. On failure
  * returns null and sets errno:
- *   - EPERM: the process's executable is not in the signed allow-list
+ *   - EPERM: the process's executable is not in the signed allow-list, or the list is missing or not valid
  *   - EINVAL: the name is null, empty, too long, "." or "..", or has a "/"
  *   - EADDRINUSE: another endpoint has the name, or a file that is not a socket is at its path
  *   - EACCES: no right to make the socket directory, or the socket in it
  *   - ENODEV: the host id cannot be determined
  *   - ENAMETOOLONG: the socket's path is longer than 107 bytes, because the deployment type is too long
  *   - ENOMEM: short memory
- *   - others: as socket(2), bind(2) and mkdir(2) set them, for example EMFILE, ENOSPC, EROFS
+ *   - others: as open(2), socket(2), bind(2) and mkdir(2) set them, for example EMFILE, ENOSPC, EROFS
  *
  * Determining the host id may end the process: see CreateAgentId in tav_agentid.h. Short memory for the
  * handle itself ends it with exit status 0. If the environment has IPC_TEST beginning with "1", the process

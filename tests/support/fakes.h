@@ -88,6 +88,7 @@ struct Deployment { // libtavaux, dirutils_path_transform
 };
 struct Identity { // c_get_process, CreateAgentId (identity_fakes.cpp)
     int32_t process_result = 0;
+    int process_errno = 0;
     unsigned agent_id = 4711;
     int agent_id_calls = 0;
 };

@@ -49,6 +49,8 @@ TEST_F(EndpointTest, FailedCreationSetsErrnoAndLogsTheReason) {
     w.log.threshold = 2;
     w.identity.process_result = -1;
     expect_failure("alpha", EPERM, "1process is not valid|");
+    w.identity.process_errno = EMFILE;
+    expect_failure("alpha", EMFILE, "1process is not valid|");
     w.identity = {};
     expect_failure("ten_chars_", EINVAL, "");
     expect_failure(nullptr, EINVAL, "");
