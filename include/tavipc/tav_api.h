@@ -5,7 +5,8 @@
  *     C11 and as C++20.
  *  2. Pointers passed in are borrowed until the call returns, unless a comment says otherwise.
  *  3. No function throws. A callback must not throw either: an exception that escapes from it ends the
- *     process.
+ *     process. So do pthread_exit in a callback and the cancellation of a thread inside a function, for
+ *     example one that runs the loop.
  *  4. A null pointer where the comment asks for an object gives the documented error, never a crash.
  *  5. Lengths are bytes, times carry their unit in the comment, multi-byte fields are in host order
  *     unless a comment says big-endian.
