@@ -8,7 +8,9 @@
 //
 // Everything is inline over tav_ipc.h, tav_ipc_ext.h and tav_ipc_file_ext.h, whose rules for threads, limits
 // and lifetimes hold here. No function throws, and the header compiles without exceptions. It allocates
-// nothing that the C functions do not allocate, except the frames of coroutines.
+// nothing that the C functions do not allocate, except the frames of coroutines: if memory for a frame is
+// short, the call of the coroutine throws std::bad_alloc. An exception that leaves a handler or a coroutine
+// ends the process.
 //
 // Lifetimes:
 //  1. An Endpoint owns its handlers, so it cannot outlive them. A handler may do anything, also destroy or
