@@ -10,6 +10,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <pthread.h>
 #include <string_view>
 #include <unistd.h>
 
@@ -41,19 +43,37 @@ constexpr size_t kChunkSize = 4096;   // of the list, hashed at a time: one page
 constexpr size_t kHexSize = size_t{2} * SHA256_DIGEST_LENGTH;
 constexpr char kListMember[] = "linux";
 
+// Held during each call of a function of libcrypto that may take a lock of libcrypto, and during fork: a
+// child that inherited such a lock from another thread would wait for it for ever. Not held while a log line
+// is written, because a sink may fork.
+std::mutex g_libcrypto;
+const int g_forks_registered =
+    pthread_atfork([] { g_libcrypto.lock(); }, [] { g_libcrypto.unlock(); }, [] { g_libcrypto.unlock(); });
+using CryptoGuard = std::lock_guard<std::mutex>;
+
 template <auto release> struct Releaser {
     template <class T> void operator()(T *object) const { release(object); }
 };
+void free_key(RSA *key) {
+    const CryptoGuard guard(g_libcrypto);
+    RSA_free(key);
+}
 using Bio = std::unique_ptr<BIO, Releaser<BIO_free_all>>;
-using RsaKey = std::unique_ptr<RSA, Releaser<RSA_free>>;
+using RsaKey = std::unique_ptr<RSA, Releaser<free_key>>;
 using Json = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>;
 using Bytes = MallocPtr<unsigned char>;
 
 // Removes what libcrypto adds to the thread's error queue, which belongs to the application.
 class ErrorQueueGuard {
   public:
-    ErrorQueueGuard() { ERR_set_mark(); }
-    ~ErrorQueueGuard() { ERR_pop_to_mark(); }
+    ErrorQueueGuard() {
+        const CryptoGuard guard(g_libcrypto);
+        ERR_set_mark();
+    }
+    ~ErrorQueueGuard() {
+        const CryptoGuard guard(g_libcrypto);
+        ERR_pop_to_mark();
+    }
     ErrorQueueGuard(const ErrorQueueGuard &) = delete;
     ErrorQueueGuard &operator=(const ErrorQueueGuard &) = delete;
 };
@@ -79,6 +99,7 @@ struct HexDigest {
     }
     bool of(const void *data, size_t size) {
         unsigned char digest[SHA256_DIGEST_LENGTH];
+        const CryptoGuard guard(g_libcrypto);
         return SHA256(static_cast<const unsigned char *>(data), size, digest) && encode(digest);
     }
 };
@@ -142,13 +163,16 @@ bool digest_name(const char *name, HexDigest &digest) {
 
 RsaKey load_public_key() {
     RsaKey key;
-    if (const Bio bio{BIO_new_mem_buf(kAllowlistKey, -1)}) {
-        key.reset(PEM_read_bio_RSA_PUBKEY(bio.get(), nullptr, nullptr, nullptr));
-        if (!key) LOG_REFUSAL("rsa failed, public is %s", kAllowlistKey);
-    } else {
-        LOG_REFUSAL("bio failed, public is %s", kAllowlistKey);
+    bool opened = false;
+    {
+        const CryptoGuard guard(g_libcrypto);
+        const Bio bio{BIO_new_mem_buf(kAllowlistKey, -1)};
+        opened = bio != nullptr;
+        if (opened) key.reset(PEM_read_bio_RSA_PUBKEY(bio.get(), nullptr, nullptr, nullptr));
     }
-    if (!key) LOG_REFUSAL("get public key rsa filed, public key is %s", kAllowlistKey);
+    if (key) return key;
+    LOG_REFUSAL(opened ? "rsa failed, public is %s" : "bio failed, public is %s", kAllowlistKey);
+    LOG_REFUSAL("get public key rsa filed, public key is %s", kAllowlistKey);
     return key;
 }
 
@@ -181,6 +205,11 @@ bool digest_file(const char *path, HexDigest &digest) {
     return true;
 }
 
+int decrypt(RSA *key, const unsigned char *in, unsigned char *out) {
+    const CryptoGuard guard(g_libcrypto);
+    return RSA_public_decrypt(RSA_size(key), in, out, key, RSA_PKCS1_PADDING);
+}
+
 // Returns whether the text in the signature is the digest of the list.
 bool signs_digest(RSA *key, const char *signature, const char *list_path, const HexDigest &digest) {
     const int key_size = RSA_size(key);
@@ -195,8 +224,7 @@ bool signs_digest(RSA *key, const char *signature, const char *list_path, const 
     const Bytes decrypted = allocate_zeroed(static_cast<size_t>(key_size));
     if (!decrypted) return false;
     const auto *text = reinterpret_cast<const char *>(decrypted.get());
-    const int text_size =
-        RSA_public_decrypt(key_size, decoded.get(), decrypted.get(), key, RSA_PKCS1_PADDING);
+    const int text_size = decrypt(key, decoded.get(), decrypted.get());
     if (text_size < 0) {
         LOG_REFUSAL("ret is %d, file %s decrypt failed, sign is: %s, sign len is %d, decrypt_txt is %s",
                     text_size, list_path, signature, signature_length, text);

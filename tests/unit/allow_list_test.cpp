@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <sys/stat.h>
+#include <thread>
 
 #include <openssl/err.h>
 #include <openssl/rsa.h>
@@ -149,4 +150,14 @@ TEST_F(AllowList, RefusesAProcessWithoutAName) {
     exe_link = "no_slash";
     refuses("get process name failed\nget process name failed\n", 0);
     EXPECT_FALSE(tavipc::read_whole_file("/", 10'485'761));
+}
+
+TEST_F(AllowList, AForkWaitsUntilNoThreadIsInsideLibcrypto) {
+    static std::atomic<int> stage; // 1: a thread is inside, 2: a fork begins, 3: the thread leaves
+    install(kList, kSignature, kDigest);
+    between_readings = [] { stage = 1, stage.wait(1), usleep(20'000), stage = 3; };
+    pthread_atfork([] { stage = 2, stage.notify_all(); }, nullptr, nullptr);
+    const std::jthread other(c_get_process);
+    while (stage == 0) usleep(100);
+    EXPECT_EXIT(_exit(stage), testing::ExitedWithCode(3), "");
 }
