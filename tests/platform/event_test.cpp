@@ -14,18 +14,16 @@ extern "C" __attribute__((visibility("default"))) int usleep(useconds_t us) {
 
 using SocketFileTest = EventTest;
 
-// It comes first, because only the first loop of a process makes the pipe of libuv.
+// The first test, because only the first loop of a process makes the pipe of libuv.
 TEST_F(SocketFileTest, TooFewDescriptorsAreTheReasonOfAFailure) {
     RawPeer(path("s")); // stale
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     cl_dunix_t socket = 0;
-    for (rlim_t limit = 3; socket == 0 && limit < 100; ++limit) {
-        const rlimit few{limit, before.rlim_max};
+    for (rlimit few{3, before.rlim_max}; !socket && few.rlim_cur < 100; ++few.rlim_cur) {
         setrlimit(RLIMIT_NOFILE, &few);
-        errno = 0;
         socket = create("s");
-        EXPECT_TRUE(socket != 0 || errno == EMFILE) << limit << ": " << strerror(errno);
+        EXPECT_TRUE(socket || errno == EMFILE) << few.rlim_cur << ": " << strerror(errno);
     }
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_NE(socket, 0u);

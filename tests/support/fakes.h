@@ -86,9 +86,8 @@ struct Deployment { // libtavaux, dirutils_path_transform
     std::string agent_type = "linux";  // empty: GetAgentType fails
     std::string base = "/nonexistent"; // what "@" stands for
 };
-struct Identity { // c_get_process, CreateAgentId (identity_fakes.cpp)
-    int32_t process_result = 0;
-    int process_errno = 0;
+struct Identity {               // c_get_process, CreateAgentId (identity_fakes.cpp)
+    int32_t process_result = 0; // negative: refused, with this errno
     unsigned agent_id = 4711;
     int agent_id_calls = 0;
 };

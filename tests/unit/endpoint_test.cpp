@@ -47,9 +47,9 @@ TEST_F(EndpointTest, FailedCreationSetsErrnoAndLogsTheReason) {
         return "2ipc create failed, name: " + name + ", reason: " + text + "|";
     };
     w.log.threshold = 2;
-    w.identity.process_result = -1;
+    w.identity.process_result = -EACCES;
     expect_failure("alpha", EPERM, "1process is not valid|");
-    w.identity.process_errno = EMFILE;
+    w.identity.process_result = -EMFILE;
     expect_failure("alpha", EMFILE, "1process is not valid|");
     w.identity = {};
     expect_failure("ten_chars_", EINVAL, "");
