@@ -14,15 +14,15 @@ extern "C" __attribute__((visibility("default"))) int usleep(useconds_t us) {
 
 using SocketFileTest = EventTest;
 
-// The first test, because only the first loop of a process makes the pipe of libuv.
-TEST_F(SocketFileTest, TooFewDescriptorsAreTheReasonOfAFailure) {
+TEST_F(SocketFileTest, TooFewDescriptorsAreTheReason) { // the first test: libuv makes a pipe only once
+    const cl_sockaddr_t address = address_of(path("s"));
     RawPeer(path("s")); // stale
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     cl_dunix_t socket = 0;
     for (rlimit few{3, before.rlim_max}; !socket && few.rlim_cur < 100; ++few.rlim_cur) {
         setrlimit(RLIMIT_NOFILE, &few);
-        socket = create("s");
+        socket = cl_dunix_create(&address, nullptr, nullptr);
         EXPECT_TRUE(socket || errno == EMFILE) << few.rlim_cur << ": " << strerror(errno);
     }
     setrlimit(RLIMIT_NOFILE, &before);
