@@ -8,7 +8,9 @@
 //
 // The fragments of a message wait for one another and go into one batch: a receiver drops a message when 10 s
 // pass between two fragments, but the engine may deliver one of them half a minute later, or to the next
-// bridge. Messages of very many fragments do not wait.
+// bridge. If the others do not come, those that wait go back to the engine. Messages of very many fragments
+// do not wait. A receiver only counts the bytes of fragments, so one that it gets twice would stand for one
+// that is missing: each attempt gives the fragments another group.
 //
 // The engine gives out at most `window` messages without an acknowledgement, which bounds what is held here.
 #pragma once
@@ -46,14 +48,11 @@ class Deliveries {
             item.origin.key = std::hash<std::string>()(place_text(subject.from) + ' ' + id);
         const Origin origin = item.origin;
         const auto at = known_.find(origin.key);
-        if (at != known_.end() && at->second.repeats(origin, settings_.duplicates_s)) {
-            counters_.add(kRedelivered);
-            if (at->second.delivered) engine_.answer(item.message.get(), "+ACK");
-            return;
-        }
+        if (at != known_.end() && at->second.repeats(origin, settings_.duplicates_s))
+            return counters_.add(kRedelivered), at->second.delivered ? acknowledge(item) : void();
         if (!gather(item, subject.name)) queues_[subject.name].waiting.push_back(std::move(item));
-        ++held_;
         known_[origin.key] = {origin.time_ns, false};
+        if (item.message) failed(item); // the same fragment waits already
     }
 
     // Looks at the batches, and hands over what waits. Looks again by itself while something is held: the
@@ -82,7 +81,8 @@ class Deliveries {
             Parts &parts = at->second;
             for (auto &[number, item] : parts.items) engine_.answer(item.message.get(), "+WPI");
             const bool enough = ++parts.quiet > kMostQuiet;
-            if (enough) release(parts);
+            for (; enough && !parts.items.empty(); parts.items.erase(parts.items.begin()), --gathered_)
+                failed(parts.items.begin()->second);
             at = enough ? parts_.erase(at) : std::next(at);
         }
         for (const auto &[name, queue] : queues_)
@@ -90,7 +90,11 @@ class Deliveries {
                 for (const Item &item : *items) engine_.answer(item.message.get(), "+WPI");
     }
 
-    size_t held() const { return held_; }
+    size_t held() const {
+        size_t count = gathered_;
+        for (const auto &[name, queue] : queues_) count += queue.waiting.size() + queue.batch.size();
+        return count;
+    }
 
   private:
     static constexpr size_t kMostDelivered = 65536; // keys to remember: many windows
@@ -127,7 +131,8 @@ class Deliveries {
         uint64_t drops = 0, all_drops = 0; // before the batch: of the destination, of all
     };
 
-    // Keeps a fragment until the others are there, unless too much waits already.
+    // Keeps a fragment until the others are there, unless too much waits already. Leaves the message in the
+    // item if that fragment is there: a receiver only counts bytes, so it must not get one twice.
     bool gather(Item &item, const std::string &name) {
         const tav_ipc_hdr_st header = tavipc::read_header(natsMsg_GetData(item.message.get()));
         const size_t size = tavipc::kFragmentPayload, count = (header.frag_orig + size - 1) / size;
@@ -136,9 +141,8 @@ class Deliveries {
         std::string key(reinterpret_cast<const char *>(&header.src), sizeof header.src);
         key += name + '.' + std::to_string(header.reqid) + '.' + std::to_string(header.frag_id);
         Parts &parts = parts_[key];
-        if (!parts.items.try_emplace(tavipc::fragment_sequence(header), std::move(item)).second) return false;
-        parts.name = name;
-        parts.quiet = 0;
+        if (!parts.items.try_emplace(tavipc::fragment_sequence(header), std::move(item)).second) return true;
+        parts.name = name, parts.quiet = 0;
         ++gathered_;
         if (parts.items.size() >= count) {
             release(parts);
@@ -152,12 +156,14 @@ class Deliveries {
 
     void release(Parts &parts) {
         std::deque<Item> &waiting = queues_[parts.name].waiting;
-        for (auto &[number, item] : parts.items) {
-            --gathered_;
-            item.more = number != parts.items.rbegin()->first;
+        uint64_t times = 0; // they are tried again together
+        for (const auto &[number, item] : parts.items) times = std::max(times, item.origin.times);
+        for (; !parts.items.empty(); --gathered_) {
+            Item &item = parts.items.begin()->second;
+            item.origin.times = times, item.more = parts.items.size() > 1;
             waiting.push_back(std::move(item));
+            parts.items.erase(parts.items.begin());
         }
-        parts.items.clear();
     }
 
     // How many datagrams for the destination the library has, and how many it has dropped; without a name,
@@ -176,8 +182,12 @@ class Deliveries {
         queue.all_drops = pending_and_drops(nullptr)->second;
         for (; !queue.waiting.empty(); queue.waiting.pop_front()) {
             if (queue.batch.size() >= kBatch && !queue.batch.back().more) break;
-            natsMsg *message = queue.waiting.front().message.get();
-            if (tav_ipc_send_raw(endpoint_, name.c_str(), natsMsg_GetData(message)) != IPC_OK) break;
+            const Item &item = queue.waiting.front();
+            const char *datagram = natsMsg_GetData(item.message.get());
+            std::string again;
+            if (item.origin.times > 1 && tavipc::is_fragment(tavipc::read_header(datagram)))
+                datagram = (again = tavipc::regrouped(content(item.message.get()), item.origin.times)).data();
+            if (tav_ipc_send_raw(endpoint_, name.c_str(), datagram) != IPC_OK) break;
             queue.batch.push_back(std::move(queue.waiting.front()));
         }
     }
@@ -194,25 +204,24 @@ class Deliveries {
     void left(const Item &item) {
         delivered_.push_back(item.origin.key);
         known_[item.origin.key] = {item.origin.time_ns, true};
-        --held_;
         counters_.add(kHandedDurable);
-        engine_.answer(item.message.get(), "+ACK");
+        acknowledge(item);
         if (delivered_.size() <= kMostDelivered) return;
         known_.erase(delivered_.front());
         delivered_.pop_front();
     }
 
+    void acknowledge(const Item &item) { engine_.answer(item.message.get(), "+ACK"); }
+
     void failed(const Item &item) {
         known_.erase(item.origin.key);
-        --held_;
         if (item.origin.times >= settings_.attempts) {
             counters_.drop(kNoReceiver, content(item.message.get()), "all attempts failed");
             return engine_.answer(item.message.get(), "+TERM");
         }
         counters_.add(kPutBack);
-        const uint64_t delay_s = std::min(kTryAgain_s * item.origin.times, kMostTryAgain_s);
-        const std::string later = "-NAK {\"delay\":" + std::to_string(delay_s) + "000000000}";
-        engine_.answer(item.message.get(), later.c_str());
+        const auto delay_s = std::to_string(std::min(kTryAgain_s * item.origin.times, kMostTryAgain_s));
+        engine_.answer(item.message.get(), ("-NAK {\"delay\":" + delay_s + "000000000}").c_str());
     }
 
     Engine &engine_;
@@ -226,7 +235,6 @@ class Deliveries {
     // lost comes again, and with replicas one that was stored twice.
     std::unordered_map<uint64_t, Known> known_;
     std::deque<uint64_t> delivered_; // keys
-    size_t held_ = 0;
     cl_timer_t timer_ = 0;
 };
 

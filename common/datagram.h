@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <type_traits>
 
 #include "tavipc/tav_ipc.h"
@@ -51,6 +53,13 @@ inline uint16_t fragment_sequence(const tav_ipc_hdr_st &header) {
 inline void set_fragment(tav_ipc_hdr_st &header, uint16_t sequence) {
     header.frag_word[0] = static_cast<uint8_t>(1 | ((sequence & 0x7F) << 1));
     header.frag_word[1] = static_cast<uint8_t>((header.frag_word[1] & 0xF8) | ((sequence & 0x3FF) >> 7));
+}
+// A copy of a fragment, in another group for each other number.
+inline std::string regrouped(std::string_view fragment, uint64_t number) {
+    tav_ipc_hdr_st header = read_header(fragment.data());
+    header.frag_id = static_cast<uint16_t>(header.frag_id + number);
+    return std::string(reinterpret_cast<const char *>(&header), kHeaderSize)
+        .append(fragment.substr(kHeaderSize));
 }
 inline void clear_fragment_bit(tav_ipc_hdr_st &header) { header.frag_word[0] &= 0xFE; }
 
