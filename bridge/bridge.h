@@ -169,9 +169,9 @@ class Bridge : Engine::Events {
         return remember(tavipc::read_header(datagram.data()).src), kNoDrop;
     }
 
-    void arrived(Message &message) override {
+    void arrived(Message &message, bool stored) override {
         const auto subject = parse_subject(settings_.domain, natsMsg_GetSubject(message.get()));
-        if (!subject || subject->kind == Class::kControl) return control(subject, content(message.get()));
+        if (!stored) return control(subject, content(message.get()));
         const Drop reason = judge(subject, content(message.get()));
         if (reason == kNoDrop) return deliveries_->add(std::move(message), *subject);
         // What is not for this machine must not be taken from the machine that it is for. The delay is in ns.
@@ -194,7 +194,8 @@ class Bridge : Engine::Events {
     void remember(const tav_addr_st &source) {
         const std::string name = tavipc::name_text(source).text;
         const Heard key{name, source.loc, source.hostid};
-        if (heard_.size() < kMostHeard || heard_.contains(key)) heard_[key] = cl_event_loop_now();
+        if (heard_.size() >= kMostHeard && !heard_.contains(key)) heard_.clear(); // who is there comes again
+        heard_[key] = cl_event_loop_now();
     }
 
     void answer(const tav_addr_st &source, uint32_t reqid, uint32_t command) try {

@@ -29,7 +29,9 @@ class Engine {
     // All are called on the loop's thread.
     struct Events {
         virtual void connected(bool up) = 0;
-        virtual void arrived(Message &message) = 0; // it may be moved
+        // It may be moved. stored: the engine has it, and delivers it again until it is answered. The reply
+        // subject of another one is its sender's choice.
+        virtual void arrived(Message &message, bool stored) = 0;
         // The answer to a message with reply_subject(number): the engine has stored it, or had it before.
         virtual void answered(uint64_t number, bool stored, bool before) = 0;
         virtual void turn_ends() = 0; // after messages came or bytes left
@@ -83,9 +85,9 @@ class Engine {
 
     // NATS_MAX_PAYLOAD: the engine takes none of this size.
     natsStatus publish(const std::string &subject, std::string_view payload) {
+        const auto size = static_cast<int>(payload.size());
         if (!connected_) return NATS_ERR;
-        return natsConnection_Publish(connection_.get(), subject.c_str(), payload.data(),
-                                      static_cast<int>(payload.size()));
+        return natsConnection_Publish(connection_.get(), subject.c_str(), payload.data(), size);
     }
     natsStatus publish(natsMsg *message) {
         return connected_ ? natsConnection_PublishMsg(connection_.get(), message) : NATS_ERR;
@@ -189,7 +191,7 @@ class Engine {
                 subscribe(inbox_ + ".*");
                 subscribe(wildcard(settings_, false, Class::kControl));
                 subscribe(wildcard(settings_, true, Class::kControl), group(settings_));
-                subscribe(deliver_subject(settings_, false));
+                subscribe(deliver_subject(settings_, false)); // the first one with stored messages
                 subscribe(deliver_subject(settings_, true), group(settings_));
             }
             if (provision_) provision_->begin();
@@ -257,7 +259,8 @@ class Engine {
                     if (status != NATS_OK) break;
                     Message message(next);
                     const bool answer = std::string_view(natsMsg_GetSubject(next)).starts_with(inbox_);
-                    answer ? take_answer(next) : events_.arrived(message);
+                    // The first three are for answers and control traffic.
+                    answer ? take_answer(next) : events_.arrived(message, &subscription > &subscriptions_[2]);
                     if (used_.size() == kMostUsed) used_.clear();
                     if (message) used_.push_back(std::move(message));
                 }

@@ -183,10 +183,10 @@ class Provision {
             const StreamInfo info = stream_info(name);
             const int64_t most = info ? info->Config->MaxBytes : 0;
             const bool room = info && (most < 0 || std::cmp_less(info->State.Bytes, most - most / 4));
-            good &=
-                info ? say(room && is_as_set(*info), "stream ", name, ": ", info->State.Msgs, " messages, ",
-                           info->State.Bytes, " of ", most, " bytes, replicas = ", info->Config->Replicas)
-                     : say(false, "stream ", name, ": ", error_text());
+            good &= info ? say(room && std::cmp_equal(info->Config->Replicas, settings_.replicas), "stream ",
+                               name, ": ", info->State.Msgs, " messages, ", info->State.Bytes, " of ", most,
+                               " bytes, replicas = ", info->Config->Replicas)
+                         : say(false, "stream ", name, ": ", error_text());
         }
         for (const Consumer &consumer : consumers_) {
             const ConsumerInfo info = consumer_info(consumer);
@@ -213,11 +213,6 @@ class Provision {
         return StreamInfo(info);
     }
 
-    // All bridges must look for duplicates in the same way; see kEngineId.
-    bool is_as_set(const jsStreamInfo &info) const {
-        return std::cmp_equal(info.Config->Replicas, settings_.replicas);
-    }
-
     ConsumerInfo consumer_info(const Consumer &of) const {
         jsConsumerInfo *info = nullptr;
         js_GetConsumerInfo(&info, js_.get(), of.stream.c_str(), of.name.c_str(), nullptr, nullptr);
@@ -227,7 +222,8 @@ class Provision {
     bool make_stream(Class kind) const {
         const std::string name = stream_name(settings_, kind);
         const StreamInfo info = stream_info(name);
-        if (info && !is_as_set(*info))
+        // All bridges must look for duplicates in the same way; see kEngineId.
+        if (info && !std::cmp_equal(info->Config->Replicas, settings_.replicas))
             TAV_LOG_LIMITED(1, "tav_bridge", "stream %s: other replicas than the settings", name.c_str());
         if (info) return true;
         const std::string subjects = "tav." + settings_.domain + ".*.*.*." + static_cast<char>(kind) + ".*.*";

@@ -48,12 +48,6 @@ struct Section {
             complain(key, found + ": " + std::strerror(errno));
         return path;
     }
-    std::vector<std::string> list(const char *key, const char *preset) const {
-        std::string items = text(key, preset);
-        std::replace(items.begin(), items.end(), ',', ' ');
-        std::istringstream words(items);
-        return {std::istream_iterator<std::string>(words), {}};
-    }
     void complain(const char *key, const std::string &what) const {
         problems.push_back("[" + std::string(name) + "] " + key + ": " + what);
     }
@@ -71,7 +65,10 @@ bool is_loopback(const std::string &url) {
 }
 
 void read_engine(const Section &ini, Settings &settings) {
-    settings.servers = ini.list("servers", "nats://127.0.0.1:4222");
+    std::string servers = ini.text("servers", "nats://127.0.0.1:4222");
+    std::replace(servers.begin(), servers.end(), ',', ' ');
+    std::istringstream words(servers);
+    settings.servers.assign(std::istream_iterator<std::string>(words), {});
     settings.domain = ini.text("domain", "agent");
     settings.ca = ini.readable_file("ca");
     settings.certificate = ini.readable_file("certificate");
