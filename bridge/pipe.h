@@ -186,7 +186,7 @@ class Pipe {
         if (count == kAtOnce || !whole) arm(EPOLL_CTL_MOD); // the rest on the next turn
         for (size_t i = 0; i < count; ++i) {
             Seen &seen = seen_[known + i];
-            const std::string_view datagram(&buffer_[i * kLongest], seen.size <= kLongest ? seen.size : 0);
+            const std::string_view datagram(&buffer_[i * kLongest], std::min(seen.size, kLongest));
             const std::string_view time(times_[i].data(), headers_[i].msg_hdr.msg_controllen);
             seen.message = take_(first_ + known + i, datagram, time);
             if (!seen.message) continue;

@@ -92,6 +92,8 @@ Drop judge_incoming(const Home &home, const Subject &subject, std::string_view d
     if (subject.to.hostid != 0 && subject.to.hostid != home.place.hostid) return kNotHere;
     tav_ipc_hdr_st header;
     if (const Drop bad = judge_form(datagram, header); bad != kNoDrop) return bad;
+    // A bridge sends nothing behind a datagram, and what waits here must not be larger.
+    if (datagram.size() - tavipc::kHeaderSize != header.size) return kBadSize;
     if (!(Place{header.src.loc, header.src.hostid} == subject.from)) return kForgedSource;
     if (header.src.loc == home.place.location) return kLoop;
     if (!(Place{header.dest.loc, header.dest.hostid} == subject.to)) return kBadSubject;

@@ -81,6 +81,7 @@ TEST(Bridge, WhatComesMustFitItsSubjectAndThisMachine) {
     EXPECT_EQ(incoming(at, "tav.d.3.31.beta.d.5.21", good),
               kForgedSource); // the sender's permission is for 5
     EXPECT_EQ(incoming(at, "tav.d.3.31.beta.d.2.22", good), kForgedSource);
+    EXPECT_EQ(incoming(at, "tav.d.3.31.beta.d.2.21", good + 'x'), kBadSize);
     EXPECT_EQ(incoming(at, "tav.d.3.31.gamma.d.2.21", good), kBadSubject);
     EXPECT_EQ(incoming(at, "tav.d.3.any.beta.d.2.21", good), kBadSubject);
     EXPECT_EQ(incoming(at, "tav.d.3.32.beta.d.2.21", Datagram("beta", 2, 21, 3, 32).bytes()), kNotHere);
