@@ -42,7 +42,7 @@ class Engine {
 
     Engine(const Settings &settings, Events &events)
         : settings_(settings), events_(events),
-          inbox_(inbox(settings, false) + ".r." + std::to_string(std::random_device()())) {}
+          inbox_(inbox(settings, false) + ".r." + random_number() + random_number()) {}
 
     // nats.c's threads may leave notes until the connection is destroyed. Nobody reads them: the caller
     // releases the loop.
@@ -134,6 +134,8 @@ class Engine {
         });
     }
 
+    static std::string random_number() { return std::to_string(std::random_device()()); }
+
     natsStatus set_callbacks(natsOptions *options) {
         const auto attach = [](void **self, void *engine, natsConnection *, natsSock socket) {
             *self = engine;
@@ -216,8 +218,7 @@ class Engine {
         used_.clear();
         subscriptions_.clear();
         connection_.reset();
-        watch(0);
-        socket_.reset();
+        watch(0), socket_.reset();
     }
 
     void subscribe(const std::string &subject, const char *group = nullptr) {
@@ -281,7 +282,8 @@ class Engine {
 
     const Settings &settings_;
     Events &events_;
-    const std::string inbox_; // of this run: answers to an earlier one do not get here
+    // Of this run: answers to an earlier one do not get here. A peer that could guess it could forge answers.
+    const std::string inbox_;
     const cl_loop_t loop_ = cl_event_loop_self();
     const std::thread::id thread_ = std::this_thread::get_id();
     std::mutex mutex_; // for note_
