@@ -48,7 +48,7 @@ class FileIds {
     static constexpr uint64_t kUnderWay = UINT64_MAX;
     // A receiver releases a file at most 360 s after its last data. The last minute is for a chunk that the
     // delivery queue sends again after its transfer has timed out.
-    static constexpr uint64_t kKeep_ms = (300 + 60 + 60) * 1000;
+    static constexpr uint64_t kKeep_ms = uint64_t{300 + 60 + 60} * 1000;
     // Number of uses (128 KiB). Above it the use that ended first is forgotten. An id depends on the second
     // in which it was drawn, so an older one comes again only by chance.
     static constexpr size_t kMostKept = 8192;

@@ -50,7 +50,9 @@ class Problem : public std::runtime_error {
     Status status_;
 };
 
-inline Problem misuse(std::string what, std::string remedy = {}) { return Problem(what, remedy, kMisuse); }
+inline Problem misuse(const std::string &what, const std::string &remedy = {}) {
+    return Problem(what, remedy, kMisuse);
+}
 
 // Appends the text of errno.
 inline Problem system_problem(const std::string &what, std::string remedy = {}) {

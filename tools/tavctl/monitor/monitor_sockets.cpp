@@ -43,7 +43,7 @@ std::string bind_in(const SocketDirectory &directory, int fd) {
         const auto file = std::ranges::find(directory.sockets, name, &SocketFile::name);
         if (file != directory.sockets.end() && file->state == SocketState::kStale)
             remove_stale(directory.path, *file);
-        const std::string path = directory.path + "/" + name;
+        std::string path = directory.path + "/" + name;
         const sockaddr_un address = address_of(path);
         errno = ENAMETOOLONG;
         if (path.size() > tavipc::kLongestSocketPath) break;
