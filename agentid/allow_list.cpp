@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <pthread.h>
 #include <string_view>
 #include <unistd.h>
 
@@ -25,6 +24,7 @@
 
 #include "agentid/whole_file.h"
 #include "allowlist_key.h"
+#include "common/fork_mutex.h"
 #include "common/log.h"
 #include "common/regular_file.h"
 #include "tavipc/tav_agentid.h"
@@ -46,9 +46,8 @@ constexpr char kListMember[] = "linux";
 // Held during each call of a function of libcrypto that may take a lock of libcrypto, and during fork: a
 // child that inherited such a lock from another thread would wait for it for ever. Not held while a log line
 // is written, because a sink may fork.
-std::mutex g_libcrypto;
-const int g_forks_registered =
-    pthread_atfork([] { g_libcrypto.lock(); }, [] { g_libcrypto.unlock(); }, [] { g_libcrypto.unlock(); });
+constinit std::mutex g_libcrypto;
+[[maybe_unused]] const bool g_forks_wait = tavipc::lock_during_forks<g_libcrypto>();
 using CryptoGuard = std::lock_guard<std::mutex>;
 
 template <auto release> struct Releaser {

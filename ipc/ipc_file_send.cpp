@@ -2,7 +2,6 @@
 // the next one while the receiver works, and sends that when the confirmation arrives. An empty chunk ends
 // the file. Any code other than 0 ends the transfer, and the endpoint may be gone by then: only a step with
 // code 0 uses it.
-#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include <new>
 #include <vector>
 
+#include "common/fork_mutex.h"
 #include "common/relaxed.h"
 #include "ipc/exchanges.h"
 #include "ipc/ipc_file.h"
@@ -24,10 +24,7 @@ namespace tavipc {
 namespace {
 
 constinit std::mutex ids_mutex; // while it is held, no other lock is taken
-
-// When the library is loaded, so that no fork takes a locked mutex into the child.
-[[maybe_unused]] const int fork_handlers =
-    pthread_atfork([] { ids_mutex.lock(); }, [] { ids_mutex.unlock(); }, [] { ids_mutex.unlock(); });
+[[maybe_unused]] const bool forks_wait = lock_during_forks<ids_mutex>();
 
 // The ids that this process must not draw: a receiver would append a second file with the same id from the
 // same endpoint to the first one. The generator does repeat itself: every fragmented message seeds it with

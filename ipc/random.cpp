@@ -2,16 +2,15 @@
 
 #include <cstdlib>
 #include <mutex>
-#include <pthread.h>
+
+#include "common/fork_mutex.h"
 
 namespace tavipc {
 namespace {
 
 constinit std::mutex random_mutex; // while it is held, no other lock is taken but the C library's
 
-// When the library is loaded, so that no fork comes before.
-[[maybe_unused]] const int fork_handlers =
-    pthread_atfork([] { random_mutex.lock(); }, [] { random_mutex.unlock(); }, [] { random_mutex.unlock(); });
+[[maybe_unused]] const bool forks_wait = lock_during_forks<random_mutex>();
 
 } // namespace
 

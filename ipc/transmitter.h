@@ -54,10 +54,10 @@ inline constexpr size_t kHeldBytes = size_t{256} * 1024;
 // Settles those of this thread's sends that have left, when they hold at least that many bytes, so a sender
 // that does not let the loop run fills memory that is still in the cache. A send that failed counts as in
 // flight until the loop runs: else a sender to a missing peer would fill the queue and never be refused.
-// Settling writes log lines, and the sink of a log line
-// may send, settle other sends, and destroy any endpoint. It may also release every destination that is idle.
-// So a frame that holds an endpoint or a destination across this call, or across any log line, pins it
-// (EndpointPin, DestinationPin), and looks at the endpoint's queue before it goes on.
+// Settling writes log lines, and the sink of a log line may send, settle other sends, and destroy any
+// endpoint. It may also release every destination that is idle. So a frame that holds an endpoint or a
+// destination across this call, or across any log line, pins it (EndpointPin, DestinationPin), and looks at
+// the endpoint's queue before it goes on.
 void settle_sent(size_t held_bytes);
 
 } // namespace tavipc
