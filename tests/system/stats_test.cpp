@@ -30,8 +30,9 @@ namespace {
 tav_ipc_st *alpha;
 
 void send(const char *name, int count, uint32_t size = 100) {
+    static const char payload[100'000]{}; // without one, no datagram could leave from the caller's memory
     tav_addr_st dest{};
-    for (std::strcpy(dest.name, name); count > 0; --count) (void)tav_ipc_send(alpha, &dest, 1, nullptr, size);
+    for (std::strcpy(dest.name, name); count > 0; --count) (void)tav_ipc_send(alpha, &dest, 1, payload, size);
 }
 void flush(const char *what, int timeout_ms) {
     tav_ipc_flush_st f{};
