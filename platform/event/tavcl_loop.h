@@ -86,12 +86,14 @@ CL_EV_API int cl_event_loop_set_busy_poll(uint32_t microseconds) CL_EV_NOEXCEPT;
  * the thread ends, exit included. On an attached loop, what is sent in libuv's poll or check phase leaves at
  * the start of the next turn, which may be that of the next uv_run. A thread that sends outside of its loop
  * must run a turn afterwards. The order for each destination is kept.
- *   A send that was accepted can be lost when the process is killed, or ends without exit, before its batch
- * leaves. Without batching, what the destination's queue has room for has left when the send returns.
+ *   A send that was accepted can be lost when the process is killed, ends without exit, or another thread
+ * calls exit, before its batch leaves. Without batching, what the destination's queue has room for has left
+ * when the send returns.
  *   Data must stay valid until the completion, as always. max_datagrams 0 or 1, the default, turns batching
  * off; what waits then leaves at once. An operator can set the defaults with the environment variables
  * TAV_BATCH_DATAGRAMS and TAV_BATCH_US. The setting ends with the loop. Returns 0; -1 when no loop can be
- * made. */
+ * made.
+ *   A text in one of the environment variables that is not a number from 0 to 4294967295 counts as 0. */
 CL_EV_API int cl_event_loop_set_batching(uint32_t max_datagrams, uint32_t max_microseconds) CL_EV_NOEXCEPT;
 
 /* --- watches for descriptors --------------------------------------------------------------------- */

@@ -111,6 +111,25 @@ TEST_F(SpeedTest, ABatchLeavesWhenItIsFullOldOrTheTurnEnds) {
     EXPECT_EQ(statuses_, (std::map<int, int>{{CL_EV_OK, 10}}));
 }
 
+TEST_F(SpeedTest, ABatchFromTheEnvironmentLeavesWhenItsThreadOrProcessEnds) {
+    const RawPeer peer(path("peer"));
+    const auto all_wait = [&](const std::string &name) {
+        socket_ = create(name);
+        send_all("peer", {"1", "2"});
+        return peer.read().empty();
+    };
+    setenv("TAV_BATCH_DATAGRAMS", "100", 1);
+    std::thread([&] { EXPECT_TRUE(all_wait("thread")); }).join();
+    EXPECT_EQ(peer.read(), Texts({"1", "2"}));
+    EXPECT_EXIT(exit(!all_wait("process")), testing::ExitedWithCode(0), "");
+    EXPECT_EQ(peer.read(), Texts({"1", "2"}));
+    cl_event_loop_release();
+    EXPECT_TRUE(all_wait("parent"));
+    unsetenv("TAV_BATCH_DATAGRAMS");
+    EXPECT_EXIT(exit(0), testing::ExitedWithCode(0), "") << "the child has no part in the parent's batch";
+    EXPECT_EQ(peer.read(), Texts());
+}
+
 TEST_F(SpeedTest, ABusyLoopServesEverythingAndSleepsWhenItsTimeIsUp) {
     setenv("TAV_BUSY_POLL_US", "60000000", 1);
     cl_event_loop_release();
