@@ -89,6 +89,16 @@ TEST_F(Tavctl, AsksAndAnswers) {
     EXPECT_EQ(server.finish(), 0);
 }
 
+TEST_F(Tavctl, ListsTheEndpointsThatTheBridgeHasHeard) {
+    Process bridge(tool_, {},
+                   {"reply", "tavbridge", "near 3 1003 5\na b 3 1003 5\nlast 5 1005 7\n", "-c", "2"});
+    bridge.expect("answering as ");
+    expect(0, {"list", "--all"}, "\nnear@3  on machine 1003, 5 s ago\nlast@5  on machine 1005, 7 s ago\n");
+    expect(0, {"list", "--all", "--json"}, R"({"name":"last","location":5,"hostid":1005,"state":"heard",)");
+    EXPECT_EQ(bridge.finish(), 0);
+    expect(3, {"list", "--all"}, "no answer from tavbridge");
+}
+
 TEST_F(Tavctl, SaysWhyAFileANameOrAProcessIsRefused) {
     const auto alpha = start("alpha");
     const std::string pid = std::to_string(alpha->pid());

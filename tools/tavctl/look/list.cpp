@@ -145,14 +145,17 @@ int tell_heard(Console &out) {
         exchange(module, TAV_IPC_EXCHANGE_REQUEST, bridge, kProbeTimeout_s, tavipc::kBridgeHeard);
     if (!answer.ended) return kFailure;
     if (answer.code != 0) throw failed_exchange(bridge, answer.code);
-    std::istringstream rows(answer.payload);
-    std::string name;
-    unsigned location = 0, hostid = 0, age_s = 0;
     out.tell("\nOther locations, as the bridge has heard them:");
-    while (rows >> name >> location >> hostid >> age_s)
-        out.say(Record("name", one_line(name), "location", location, "hostid", hostid, "state", "heard",
-                       "age_s", age_s),
-                "{name}@{location}  on machine {hostid}, {age_s} s ago");
+    std::istringstream rows(answer.payload);
+    for (std::string row; std::getline(rows, row);) {
+        std::istringstream words(row);
+        std::string name;
+        unsigned location = 0, hostid = 0, age_s = 0;
+        if (words >> name >> location >> hostid >> age_s) // peers choose their names: one may have a blank
+            out.say(Record("name", one_line(name), "location", location, "hostid", hostid, "state", "heard",
+                           "age_s", age_s),
+                    "{name}@{location}  on machine {hostid}, {age_s} s ago");
+    }
     return kSuccess;
 }
 
