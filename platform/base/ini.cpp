@@ -1,8 +1,9 @@
 // INI files, parsed by libinih from a copy in memory.
 //
 // The file is read whole, up to a limit, and passed on line by line. A line that does not fit libinih's
-// buffer is skipped, never passed in pieces. A section head that is too long opens a section that no caller
-// can ask for, so its keys do not count as the previous section's.
+// buffer is skipped, never passed in pieces: libinih gets an empty one, so that it counts the lines as we do.
+// A section head that is too long opens a section that no caller can ask for, so its keys do not count as the
+// previous section's.
 #include "tavbase.h"
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <ini.h>
@@ -22,6 +24,8 @@
 #include <unistd.h>
 
 #include "common/regular_file.h"
+
+using namespace std::string_literals;
 
 namespace {
 
@@ -44,7 +48,8 @@ struct ini_file {
         mutable bool used = false;
     };
     std::map<Name<std::string>, Value, Before> values;
-    std::string unused; // that was returned last
+    std::vector<std::string> ignored; // further lines for a key, and the first line in another form
+    std::string unused;               // that was returned last
 };
 
 namespace {
@@ -82,17 +87,17 @@ class LineReader {
     static char *next(char *buffer, int size, void *self) {
         return static_cast<LineReader *>(self)->next(buffer, static_cast<size_t>(size));
     }
+    int first_skipped() const { return first_skipped_; } // the number of the line, or 0
 
   private:
     char *next(char *buffer, size_t size) {
-        while (!rest_.empty()) {
-            const std::string_view line = usable(take_line(), size);
-            if (line.empty()) continue;
-            memcpy(buffer, line.data(), line.size());
-            memcpy(buffer + line.size(), "\n", 2);
-            return buffer;
-        }
-        return nullptr;
+        if (rest_.empty()) return nullptr;
+        const std::string_view whole = take_line(), line = usable(whole, size);
+        ++taken_;
+        if (line.empty() && !whole.empty() && first_skipped_ == 0) first_skipped_ = taken_;
+        memcpy(buffer, line.data(), line.size());
+        memcpy(buffer + line.size(), "\n", 2);
+        return buffer;
     }
 
     std::string_view take_line() {
@@ -115,6 +120,7 @@ class LineReader {
     }
 
     std::string_view rest_;
+    int taken_ = 0, first_skipped_ = 0;
 };
 
 struct Loading {
@@ -125,8 +131,8 @@ struct Loading {
         auto *loading = static_cast<Loading *>(self);
         if (!name || !value) return 1;
         try {
-            loading->file->values.try_emplace({section, name},
-                                              ini_file::Value{value}); // the first of duplicates stays
+            if (!loading->file->values.try_emplace({section, name}, ini_file::Value{value}).second)
+                loading->file->ignored.push_back("a second ["s + section + "] " + name);
         } catch (const std::exception &) {
             loading->out_of_memory = true; // an exception must not pass the C frames of the parser
         }
@@ -158,6 +164,9 @@ ini_file_t *ini_file_load(const char *path) noexcept {
         Loading loading{file.get()};
         const int result = ini_parse_stream(LineReader::next, &lines, Loading::keep, &loading);
         if (loading.out_of_memory || result == -2) return fail(ENOMEM);
+        const int skipped = lines.first_skipped(); // result: the first line that libinih does not understand
+        const int odd = result > 0 && skipped > 0 ? std::min(result, skipped) : std::max(result, skipped);
+        if (odd > 0) file->ignored.push_back("line " + std::to_string(odd));
         return file.release();
     } catch (const std::exception &) {
         return fail(ENOMEM);
@@ -176,7 +185,12 @@ const char *ini_file_next_unused(ini_file_t *file) noexcept try {
     if (!file) return nullptr;
     const auto unused = [](const auto &entry) { return !entry.second.used; };
     const auto found = std::find_if(file->values.begin(), file->values.end(), unused);
-    if (found == file->values.end()) return nullptr;
+    if (found == file->values.end()) {
+        if (file->ignored.empty()) return nullptr;
+        file->unused = std::move(file->ignored.back());
+        file->ignored.pop_back();
+        return file->unused.c_str();
+    }
     file->unused = '[' + found->first.first + "] " + found->first.second;
     found->second.used = true;
     return file->unused.c_str();

@@ -151,9 +151,12 @@ TAVBASE_API ini_file_t *ini_file_load(const char *path) TAVBASE_NOEXCEPT;
 /* Returns the value, which the file owns, or null. Leaves errno alone. */
 TAVBASE_API const char *ini_file_get(const ini_file_t *file, const char *section,
                                      const char *key) TAVBASE_NOEXCEPT;
-/* Returns "[section] key" of a value that ini_file_get has not returned, so that a program can report
- * settings which it does not know. Each call returns another one; null when none is left, or with errno
- * ENOMEM. The text is valid until the next call. A replacement of this library may lack the function. */
+/* Returns what of the file has not been used, so that a program can report settings that have no effect:
+ *   "[section] key"            ini_file_get has not returned its value
+ *   "a second [section] key"   of several equal keys the first counts
+ *   "line 7"                   the first line in another form
+ * Each call returns another one; null when none is left, or with errno ENOMEM. The text is valid until the
+ * next call. A replacement of this library may lack the function. */
 TAVBASE_API const char *ini_file_next_unused(ini_file_t *file) TAVBASE_NOEXCEPT;
 /* Releases the file and all values that came from it. */
 TAVBASE_API void ini_file_free(ini_file_t *file) TAVBASE_NOEXCEPT;

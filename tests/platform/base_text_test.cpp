@@ -59,7 +59,7 @@ TEST(Encodings, CrcHexAndBase64) {
     EXPECT_EQ(decode(std::string(2800, 'A')), std::string(2100, '\0')); // several blocks
 }
 
-// Returns the values of an INI file at these places ("section/key") and the keys of the others, or the errno
+// Returns the values of an INI file at these places ("section/key") and what has not been used, or the errno
 // of its loading.
 std::string read(const std::string &path, std::initializer_list<std::string> places = {}) {
     const std::shared_ptr<ini_file_t> file(ini_file_load(path.c_str()), ini_file_free);
@@ -85,8 +85,11 @@ TEST(Ini, KeepsValuesAndSkipsOtherLinesWhole) {
     EXPECT_EQ(
         read(dir / "a", {"/top", "ipc/addr", "ipc/port", "ipc/empty", "ipc/ADDR", "IPC/addr", "IPC/k",
                          "ipc/k", "ipc/long", "ipc/big", "ipc/name", name.substr(0, 49) + "/name", "a/end"}),
-        "0|a b;c # d|7||upper|other|-|3|" + value + "|-|-|-|1|[\x01] big[\x01] name");
-    EXPECT_EQ(read(dir.write("a", "k=1\n[a]\nk=1\nl=1\nk=2"), {"a/k"}), "1|[] k[a] l");
+        "0|a b;c # d|7||upper|other|-|3|" + value +
+            "|-|-|-|1|[\x01] big[\x01] nameline 14a second [ipc] addra second [ipc] addr");
+    EXPECT_EQ(read(dir.write("a", "k=1\n\n[a]\nk=1\nl=1\nk=2\n[b"), {"a/k"}),
+              "1|[] k[a] lline 7a second [a] k");
+    EXPECT_EQ(read(dir.write("a", "\n" + big + "\n\nno separator\n")), "line 2");
 }
 
 TEST(Ini, OddFilesFailWithTheirErrno) {

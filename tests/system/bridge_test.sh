@@ -126,6 +126,8 @@ done
 for domain in a.b x_ALL 'a\b'; do refused n $'[engine]\ndomain = '"$domain" '.engine. domain'; done
 refused n $'[engine]\nnkey_seed = /nowhere' '.engine. nkey_seed: /nowhere'
 refused n $'[bound]\nwindow = 1' '.bound. window: there is no such setting'
+refused n 'allow_plain' 'line 1: '
+refused n $'[engine]\ndomain = load' 'a second .engine. domain: '
 printf '[ipc_proxy]\ndisable_offline_cache=1\n' >ipc.conf # no streams are needed
 sed "s,^ipc_conf.*,ipc_conf = $place/ipc.conf,; s/^domain.*/domain = other/" n/config/tav-bridge.ini >without.ini
 must n/bin/tav-bridge -c without.ini --check
