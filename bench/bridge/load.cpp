@@ -13,7 +13,8 @@
 //   native URL CLASS SIZE COUNT
 //     nats.c's own publisher and subscriber (native.h); CLASS is core, durable or request
 //
-// A message is its number and its seed, then bytes that follow from both.
+// DEST is NAME, NAME@LOCATION or NAME@LOCATION.HOSTID. A message is its number and its seed, then bytes that
+// follow from both.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -79,7 +80,10 @@ tav_addr_st address(const std::string &text) {
     const size_t at = text.find('@');
     tav_addr_st result{};
     text.copy(result.name, std::min<size_t>(at, TAV_IPC_NAME_MAX));
-    if (at != text.npos) result.loc = static_cast<uint8_t>(std::stoi(text.substr(at + 1)));
+    if (at == text.npos) return result;
+    result.loc = static_cast<uint8_t>(std::stoi(text.substr(at + 1)));
+    const size_t dot = text.find('.', at);
+    if (dot != text.npos) result.hostid = static_cast<uint32_t>(std::stoul(text.substr(dot + 1)));
     return result;
 }
 

@@ -2,7 +2,7 @@
 # bridge_test.sh BUILD SOURCE: three bridges at a nats-server with the installed example of permissions and certificates made
 # here. What belongs to a bridge works; a bridge with the certificate of location 3 that calls itself location 5 can neither
 # read nor write for it. Logins with an NKey and with a JWT; with another seed they are refused, until it is right again.
-# Settings that a check refuses; a bridge that is killed. Left out (status 77) without nats-server.
+# Settings that a check refuses; a bridge that is killed; two machines of one location, and the hub. Left out (status 77) without nats-server.
 set -euo pipefail
 command -v nats-server >/dev/null || { echo "left out: nats-server is not installed"; exit 77; }
 build=$(readlink -f "$1") source=$(readlink -f "$2")
@@ -160,6 +160,48 @@ until_ok 10 has p drop_bad_subject 1
 delivered() { { p/bin/tav-bridge --check || true; } | grep 'L2_any of TAV_load: 0 wait, 0 are'; }
 until_ok 10 delivered
 exec 3>&-
+
+# Location 3 has two machines, q and r. The hub's modules write each message to eight sockets.
+start_three() { # any, domain
+    for site in h q r; do
+        sed -i "s/^any = .*/any = $1/; s/^domain = .*/domain = $2/" $site/config/tav-bridge.ini
+        $site/bin/tav-bridge >>bridge-$site.log 2>&1 &
+        process[$site]=$!
+    done
+    for site in h q r; do until_ok 20 has $site ready 1; done
+}
+heard() { grep -c '"type":"message"' "heard-$1.txt" || true; }
+heard_are() { [[ "$(heard q) $(heard r)" == "$*" ]]; }
+make_site h 4 1004 "nats://127.0.0.1:$port"
+make_site q 3 1003 "nats://127.0.0.1:$port"
+make_site r 3 1005 "nats://127.0.0.1:$port"
+start_three one load
+for site in q r; do
+    $site/bin/tavctl listen log --json >heard-$site.txt 2>&1 &
+    process[listen-$site]=$!
+    until_ok 10 $site/bin/tavctl probe -c 1 log
+done
+must timeout 20 h/bin/tavbridge-load send log@3.1005 20 1 100
+until_ok 10 heard_are 0 20
+must has h hub_copies 140
+must timeout 20 h/bin/tavbridge-load send log@3 20 1 100
+both() { (($(heard q) + $(heard r) == 40)); } # each at one of the two
+until_ok 10 both
+before_q=$(heard q) before_r=$(heard r)
+for site in h q r; do
+    kill "${process[$site]}"
+    wait "${process[$site]}" || true
+done
+start_three all every
+must timeout 20 h/bin/tavbridge-load send log@3 20 1 100
+until_ok 10 heard_are $((before_q + 20)) $((before_r + 20))
+# The engine keeps what no socket has taken.
+must h/bin/tavctl send --no-confirm late@3 'for late'
+until_ok 10 has r put_back 1
+r/bin/tavctl listen late >late.txt 2>&1 &
+process[late]=$!
+until_ok 20 grep -q 'for late' late.txt
+
 limits='"subs":-1,"conn":-1,"leaf":-1,"data":-1,"payload":-1,"imports":-1,"exports":-1,"wildcards":true,"mem_storage":-1,"disk_storage":-1'
 printf 'listen: "127.0.0.1:-1"\njetstream { store_dir: "%s/jwt-engine" }\noperator: %s\nresolver: MEMORY\nsystem_account: %s
 resolver_preload: { %s: %s\n %s: %s }\n' "$place" "$(jwt "$(public operator 70)" '"type":"operator"')" "$system" \

@@ -50,7 +50,10 @@ unpacked() {
     must test "$(field libtavipc-dev Depends)" = "libtavipc0 (= $(field libtavipc0 Version))"
     must grep -q "libtavipc0 (= $(field libtavipc0 Version))" <<<"$(field tavipc-tools Depends)"
     must grep -q 'libnats3.4 (' <<<"$(field tavipc-bridge Depends)"
-    must test -s "$root/usr/share/doc/tavipc-bridge/examples/tav-bridge.ini"
+    must test -s "$root/usr/share/doc/tavipc-bridge/examples/tav-bridge.ini" -a \
+        -s "$root/usr/share/doc/tavipc-bridge/examples/nats-server.conf"
+    ! command -v systemd-analyze >/dev/null ||
+        must systemd-analyze security --offline=true --threshold=29 "$root/usr/lib/systemd/system/tav-bridge.service"
     must grep -qx "ExecStart=/usr/lib/tavipc/bin/tav-bridge" "$root/usr/lib/systemd/system/tav-bridge.service"
     must grep -qxe "ReadWritePaths=.* -/etc/tavipc" "$root/usr/lib/systemd/system/tav-bridge.service"
     must grep -q 'libuv1 (' <<<"$(field libtavipc0 Depends)"
