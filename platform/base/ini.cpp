@@ -95,7 +95,7 @@ class LineReader {
         const std::string_view whole = take_line(), line = usable(whole, size);
         ++taken_;
         if (line.empty() && !whole.empty() && first_skipped_ == 0) first_skipped_ = taken_;
-        memcpy(buffer, line.data(), line.size());
+        line.copy(buffer, line.size());
         memcpy(buffer + line.size(), "\n", 2);
         return buffer;
     }
