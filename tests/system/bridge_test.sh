@@ -202,7 +202,6 @@ until_ok 10 has r put_back 1
 r/bin/tavctl listen late >late.txt 2>&1 &
 process[late]=$!
 until_ok 20 grep -q 'for late' late.txt
-
 limits='"subs":-1,"conn":-1,"leaf":-1,"data":-1,"payload":-1,"imports":-1,"exports":-1,"wildcards":true,"mem_storage":-1,"disk_storage":-1'
 printf 'listen: "127.0.0.1:-1"\njetstream { store_dir: "%s/jwt-engine" }\noperator: %s\nresolver: MEMORY\nsystem_account: %s
 resolver_preload: { %s: %s\n %s: %s }\n' "$place" "$(jwt "$(public operator 70)" '"type":"operator"')" "$system" \
