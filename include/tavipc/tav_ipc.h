@@ -102,7 +102,8 @@ enum tav_ipc_result {
     IPC_ERR_INVALID_PARAM = 1005
 };
 
-/* Process-wide IPC configuration, 13 words. */
+/* Process-wide IPC configuration, 13 words. The library uses the two eagain_ values only. A load sets the
+ * other words to the numbers beside them, or to 0. */
 typedef struct ipc_proxy_conf_st {
     uint32_t options; /* bit 0: disable_offline_cache; bits 1 and 2: set by every load */
     uint32_t proxy1;  /* 1 */
@@ -219,9 +220,10 @@ TAVIPC_API const tav_addr_st *tav_ipc_get_local_addr(const tav_ipc_st *ipc) TAVI
  * always local. Host id 0 is local at this location. */
 TAVIPC_API int tav_ipc_is_local(const tav_ipc_st *ipc, const tav_addr_st *address) TAVIPC_NOEXCEPT;
 
-/* Return the host id in the addresses of this process's endpoints: the platform's on a CNAPP agent, else the
- * agent id; 0 when none can be had. tav_get_hostid remembers it for the process, tav_calculate_hostid
- * determines it afresh. Both may end the process as CreateAgentId does. */
+/* Return the host id in the addresses of this process's endpoints: the platform's on a CNAPP agent that has
+ * one, else the agent id; 0 when none can be had. tav_get_hostid remembers it for the process,
+ * tav_calculate_hostid determines it afresh. Both may take as long as CreateAgentId, and end the process as
+ * it does. */
 TAVIPC_API uint32_t tav_get_hostid(void) TAVIPC_NOEXCEPT;
 TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
 
@@ -281,8 +283,8 @@ TAVIPC_API void tav_ipc_make_request(tav_ipc_st *ipc, const tav_addr_st *dest, u
                                      uint32_t len, tav_ipc_response_cb callback, void *user,
                                      int32_t timeout_s) TAVIPC_NOEXCEPT;
 
-/* Answers the request reqid of dest, both as the on_request callback got them. A response that is lost shows
- * as the requester's time-out. */
+/* Answers the request reqid (not 0) of dest, both as the on_request callback got them. A response that is
+ * lost or refused shows as the requester's time-out. */
 TAVIPC_API void tav_ipc_response(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t reqid, uint32_t cmd,
                                  const void *data, uint32_t len) TAVIPC_NOEXCEPT;
 
@@ -318,7 +320,8 @@ TAVIPC_API void tav_ipc_probe(tav_ipc_st *ipc, const tav_addr_st *dest, tav_ipc_
 TAVIPC_API void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *path,
                                   tav_ipc_status_cb callback, void *user, int32_t timeout_s) TAVIPC_NOEXCEPT;
 
-/* Returns a random transfer id, not negative, for a destination's host id. */
+/* Returns a random transfer id, not negative, for a destination's host id. It draws from rand(), which the
+ * first call of the process seeds. */
 TAVIPC_API int32_t tav_ipc_get_random_file_id(uint32_t hostid) TAVIPC_NOEXCEPT;
 
 /* Saves one chunk of the file file_id from src: len bytes of data. With len 0 the file is complete: the
@@ -338,9 +341,9 @@ TAVIPC_API const char *tav_ipc_get_file_path(tav_ipc_st *ipc, uint32_t file_id) 
 /* --- diagnosis and configuration ---------------------------------------------------------------- */
 
 /* Writes one line "[MSG TRACE] ..." about header with the caller's text at log level 4, when the header has
- * IPC_FLAG_TRACE or the file /tmp/ipc_debug exists. It looks for the file at most once in 10 s. The header
- * has any alignment; null writes nothing. file and line go to the log. The caller tests error_output_check(4)
- * first. */
+ * IPC_FLAG_TRACE or the file /tmp/ipc_debug exists. It looks for the file at most once in 10 s. The text
+ * behind "[MSG TRACE] " is cut to 1,023 bytes. The header has any alignment; null writes nothing. file and
+ * line go to the log. The caller tests error_output_check(4) first. */
 TAVIPC_API void tav_ipc_msg_trace_ex(const char *file, int line, const tav_ipc_hdr_st *header,
                                      const char *format, ...) TAVIPC_NOEXCEPT TAVIPC_PRINTF(4, 5);
 
@@ -358,11 +361,12 @@ TAVIPC_API ipc_proxy_conf_st *get_ipc_proxy_conf(void) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS
 
-/* Calls the endpoint's file callback with path, if the endpoint and the callback are not null. */
+/* Calls the endpoint's file callback with path as it is, if the endpoint and the callback are not null. */
 TAVIPC_API void tav_ipc_emit_file(tav_ipc_st *ipc, const char *path) TAVIPC_NOEXCEPT
     TAVIPC_ENCODED("_Z17tav_ipc_emit_fileP10tav_ipc_stPKc");
 
-/* Seeds rand() with the monotonic milliseconds and returns one draw. */
+/* Seeds rand() with the monotonic milliseconds and returns one draw. The library calls it for each message
+ * that it sends in fragments, so a program's own use of rand() gets a new sequence then. */
 TAVIPC_API int ipc_rand_by_time(void) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z16ipc_rand_by_timev");
 
 #endif /* TAVIPC_TAV_IPC_H */

@@ -35,7 +35,7 @@ enum {
 enum tav_ipc_monitor_event {
     TAV_IPC_MONITOR_HELLO = 0,    /* a module has connected; no datagram follows */
     TAV_IPC_MONITOR_SENT = 1,     /* the destination's socket took the datagram */
-    TAV_IPC_MONITOR_WAITING = 2,  /* it was put back to be sent later */
+    TAV_IPC_MONITOR_WAITING = 2,  /* it joined the delivery queue, to be sent later */
     TAV_IPC_MONITOR_DROPPED = 3,  /* it was dropped; reason says why */
     TAV_IPC_MONITOR_RECEIVED = 4, /* a datagram was received and accepted */
     TAV_IPC_MONITOR_REFUSED = 5   /* a received datagram was not accepted; reason says why */

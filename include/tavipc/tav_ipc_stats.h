@@ -108,7 +108,7 @@ typedef struct tav_ipc_stats_file_st {
     uint32_t record_count; /* records in the file, used or not */
     uint32_t value_count;  /* values that this process keeps in a record */
     uint32_t pid;
-    uint32_t hidden;  /* endpoints and destinations that found no free record */
+    uint32_t hidden;  /* endpoints and destinations so far that found no free record */
     uint64_t started; /* the process's start time, field 22 of /proc/<pid>/stat */
 } tav_ipc_stats_file_st;
 

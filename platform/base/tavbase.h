@@ -196,7 +196,8 @@ TAVBASE_API int dirutils_path_transform(const char *path_template, char *out, in
 TAVBASE_API int shell_execute(const char *command, char *out, int size) TAVBASE_NOEXCEPT;
 
 /* Resolves a host name, or the text of an IPv4 address, to dotted IPv4 text in ip, a buffer of at least 16
- * bytes. Returns 1 on success, 0 on failure: ip is then unchanged. */
+ * bytes. Blocks as long as the system's resolver does. Returns 1 on success, 0 on failure: ip is then
+ * unchanged. */
 TAVBASE_API int get_ipaddr_by_host(const char *host, char *ip) TAVBASE_NOEXCEPT;
 
 #ifdef __cplusplus
