@@ -231,8 +231,9 @@ TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
 
 /* Sends a message with command code cmd and size bytes of payload from data to dest. If data is null the
  * payload is zeros. Both data and dest are copied. Messages above 64,000 bytes travel in fragments. An
- * application message of at least 148 bytes whose length field is right is compressed on its way to an
- * address with ADDR_FLAG_COMPRESS_OK. Returns 0 when the message was sent or queued. Returns IPC_ERR_SENDTO
+ * application message of at least 148 bytes whose length field is right is compressed, if that makes it
+ * shorter, on its way to an address with ADDR_FLAG_COMPRESS_OK. Returns 0 when the message was sent or
+ * queued. Returns IPC_ERR_SENDTO
  * (-101) when it was refused:
  *   - the handle or the destination is null
  *   - tav_ipc_destroy has closed the endpoint's sockets (callbacks that it calls with IPC_ERR_CLOSED may
