@@ -29,7 +29,7 @@ class FragmentBlock {
     struct Drop {
         void operator()(FragmentBlock *block) const noexcept { drop(block); }
     };
-    // The sender's hold on the block while it takes slots. The block goes with the last of this hold and the
+    // Keeps the block while the sender takes slots. The block is released with the last of this hold and the
     // taken slots.
     using Hold = std::unique_ptr<FragmentBlock, Drop>;
 
