@@ -267,14 +267,17 @@ TAVIPC_API int tav_ipc_send_with_flags(tav_ipc_st *ipc, const tav_addr_st *dest,
 TAVIPC_API int tav_ipc_send_raw(tav_ipc_st *ipc, const char *dpipe, const void *datagram) TAVIPC_NOEXCEPT;
 
 /* --- exchanges -----------------------------------------------------------------------------------
- * Each completes exactly once, through its callback (which may be null): with the answer;
- * with IPC_ERR_TIMEOUT when timeout_s seconds have passed (counted in whole seconds of the wall clock and
- * looked at once a second, so up to two seconds late; 0 ends with the second, a negative one at the next
- * look, within a second);
- * with IPC_ERR_CLOSED when the endpoint is destroyed, from inside tav_ipc_destroy; or with the send path's
- * IPC_ERR_SENDTO (null arguments too) from the loop, 1 ms later. On an endpoint that is being destroyed
- * nothing is sent and the exchange completes 1 ms later with IPC_ERR_CLOSED. The callback never runs from
- * inside the starting call, and may do anything. Short memory ends the process with exit status 0.
+ * Each completes exactly once, through its callback (which may be null):
+ *   - with the answer
+ *   - with IPC_ERR_TIMEOUT when timeout_s seconds have passed. The library counts whole seconds of the wall
+ *     clock and checks once a second, so the callback runs up to two seconds late. A time-out of 0 ends with
+ *     the current second, a negative one at the next check.
+ *   - with IPC_ERR_CLOSED when the endpoint is destroyed, from inside tav_ipc_destroy; or when a later
+ *     exchange gets the same message id, after 4,294,967,295 messages of the process
+ *   - with IPC_ERR_SENDTO, from the loop 1 ms later, when the message was refused for the reasons of
+ *     tav_ipc_send. On an endpoint that is being destroyed nothing is sent; the code is then IPC_ERR_CLOSED.
+ * The callback never runs from inside the starting call, and may do anything. Short memory ends the process
+ * with exit status 0.
  * A timer of the thread's loop measures that 1 ms. If the loop is released or the thread ends before, the
  * callback never runs. Destructors of static and thread_local objects run later still and must not start an
  * exchange. */
