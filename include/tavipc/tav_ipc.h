@@ -158,7 +158,7 @@ TAVIPC_API tav_addr_st *tav_addr_dup(const tav_addr_st *address) TAVIPC_NOEXCEPT
 TAVIPC_API void tav_addr_destroy(tav_addr_st *address) TAVIPC_NOEXCEPT;
 
 /* Return the name bytes inside the record (null for null), valid as long as it; the location number and the
- * host id (0 for null). */
+ * host id (0 for null). The name in an address from a peer may fill all 10 bytes without a NUL. */
 TAVIPC_API const char *tav_addr_get_name(const tav_addr_st *address) TAVIPC_NOEXCEPT;
 TAVIPC_API unsigned int tav_addr_get_loc(const tav_addr_st *address) TAVIPC_NOEXCEPT;
 TAVIPC_API uint32_t tav_addr_get_hostid(const tav_addr_st *address) TAVIPC_NOEXCEPT;

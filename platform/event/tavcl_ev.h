@@ -139,9 +139,9 @@ CL_EV_API void cl_dunix_close(cl_dunix_t socket, void (*reserved1)(void *), void
 typedef void (*cl_dunix_recv_cb)(cl_dunix_t socket, const void *data, uint32_t len, const cl_sockaddr_t *from,
                                  int status, void *context);
 
-/* Starts reception, or replaces the callback and context if it has started already. Delivers at most 64
- * datagrams in one turn of the loop, so that timers and other sockets are served as well. Returns 0; -1 when
- * the socket is not valid, callback is null or memory is short. */
+/* Starts reception, or replaces the callback and context if it has started already. Datagrams of up to 65,536
+ * bytes are delivered whole, at most 64 in one turn of the loop, so that timers and other sockets are served
+ * as well. Returns 0; -1 when the socket is not valid, callback is null or memory is short. */
 CL_EV_API int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *context) CL_EV_NOEXCEPT;
 
 /* Completion of one accepted send; status is one of enum cl_ev_status. */
