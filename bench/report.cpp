@@ -171,47 +171,62 @@ std::string cut_mark(double x, double x_one, int y, double times) {
                            "<tspan font-size='8'>" + number(times) + " x</tspan>");
 }
 
-} // namespace
+constexpr int kLeft = 360, kWidth = 520, kBar = 7; // pixels
+constexpr double kFrom = -2, kTo = 4;              // powers of two on the axis
+constexpr const char *kColours[] = {"",        "#4269d0", "#97bbf5", "#6cc5b0", "#efb118", "#ff725c",
+                                    "#a463f2", "#9c6b4e", "#ff8ab7", "#9498a0", "#2f8f7f"}; // of systems()
 
-// For each work a bar a system, from the line 1 (as fast) to the ratio, on a logarithmic axis.
-void write_svg(const std::string &path, const std::vector<WorkResults> &all) {
-    constexpr int kLeft = 360, kWidth = 520, kBar = 7;
-    constexpr double kFrom = -2, kTo = 4; // powers of two
-    const auto at = [&](double times) {
-        return kLeft + (std::clamp(std::log2(times), kFrom, kTo) - kFrom) / (kTo - kFrom) * kWidth;
-    };
-    const char *colours[] = {"",        "#4269d0", "#97bbf5", "#6cc5b0", "#efb118", "#ff725c",
-                             "#a463f2", "#9c6b4e", "#ff8ab7", "#9498a0", "#2f8f7f"};
-    std::string rows, legend;
-    int y = 40;
-    for (const WorkResults &results : all) {
-        if (!has_ratios(results)) continue;
-        const int top = y;
-        for (size_t i = 1; i < results.series.size(); ++i, y += kBar) {
-            const double times = ratio(results, results.series[i]).median;
-            if (std::isnan(times)) continue;
-            const auto colour = static_cast<size_t>(results.series[i].system - systems().data());
-            char bar[160];
-            std::snprintf(bar, sizeof bar, "<rect x='%.1f' y='%d' width='%.1f' height='%d' fill='%s'/>\n",
-                          std::min(at(1), at(times)), y, std::abs(at(times) - at(1)), kBar - 1,
-                          colours[colour]);
-            rows += bar;
-            if (times < std::exp2(kFrom) || times > std::exp2(kTo))
-                rows += cut_mark(at(times), at(1), y, times);
-        }
-        rows += "<text x='" + std::to_string(kLeft - 8) + "' y='" + std::to_string((top + y) / 2 + 4) +
-                "' text-anchor='end'>" + results.work->title + "</text>\n";
-        y += 10;
+double x_of(double times) {
+    return kLeft + (std::clamp(std::log2(times), kFrom, kTo) - kFrom) / (kTo - kFrom) * kWidth;
+}
+
+// The bars of a work, with its title, from y on, which is then below them.
+std::string svg_bars(const WorkResults &results, int &y) {
+    const int top = y;
+    std::string rows;
+    for (size_t i = 1; i < results.series.size(); ++i, y += kBar) {
+        const double times = ratio(results, results.series[i]).median;
+        if (std::isnan(times)) continue;
+        const auto colour = static_cast<size_t>(results.series[i].system - systems().data());
+        char bar[160];
+        std::snprintf(bar, sizeof bar, "<rect x='%.1f' y='%d' width='%.1f' height='%d' fill='%s'/>\n",
+                      std::min(x_of(1), x_of(times)), y, std::abs(x_of(times) - x_of(1)), kBar - 1,
+                      kColours[colour]);
+        rows += bar;
+        if (times < std::exp2(kFrom) || times > std::exp2(kTo))
+            rows += cut_mark(x_of(times), x_of(1), y, times);
     }
+    return rows + "<text x='" + std::to_string(kLeft - 8) + "' y='" + std::to_string((top + y) / 2 + 4) +
+           "' text-anchor='end'>" + results.work->title + "</text>\n";
+}
+
+// The names of the systems above the bars, and the axis down to y.
+std::string svg_legend(int y) {
+    std::string legend;
     for (size_t i = 1, x = 10; i < systems().size(); ++i, x += 90)
-        legend += "<rect x='" + std::to_string(x) + "' y='8' width='10' height='10' fill='" + colours[i] +
+        legend += "<rect x='" + std::to_string(x) + "' y='8' width='10' height='10' fill='" + kColours[i] +
                   "'/><text x='" + std::to_string(x + 14) + "' y='17'>" + systems()[i].name + "</text>\n";
     for (double power = kFrom; power <= kTo; ++power) {
-        const std::string x = std::to_string(at(std::exp2(power)));
+        const std::string x = std::to_string(x_of(std::exp2(power)));
         legend += "<path d='M" + x + " 30V" + std::to_string(y) + "' stroke='" +
                   (power == 0 ? "#000" : "#ddd") + "'/><text x='" + x + "' y='" + std::to_string(y + 14) +
                   "' text-anchor='middle'>" + number(std::exp2(power)) + " x</text>\n";
     }
+    return legend;
+}
+
+} // namespace
+
+// For each work a bar a system, from the line 1 (as fast) to the ratio, on a logarithmic axis.
+void write_svg(const std::string &path, const std::vector<WorkResults> &all) {
+    std::string rows;
+    int y = 40;
+    for (const WorkResults &results : all) {
+        if (!has_ratios(results)) continue;
+        rows += svg_bars(results, y);
+        y += 10;
+    }
+    std::string legend = svg_legend(y);
     int note_y = y + 34;
     for (const char *note : kNotes) {
         legend += svg_text(kLeft + kWidth, note_y, "end", note);

@@ -32,8 +32,9 @@ class Bridge : Engine::Events {
         return true;
     }
 
-    // Ends the loop once what was read has been stored, or after some seconds.
+    // Ends the loop once what has come is stored, or after some seconds.
     void stop() {
+        for (const auto &pipe : pipes_) pipe->unlink();
         stop_by_ms_ = cl_event_loop_now() + kStop_ms;
         cl_timer_stop(timer_);
         tick();
@@ -50,11 +51,8 @@ class Bridge : Engine::Events {
     // 10 s: a third of the time after which the engine delivers again.
     static constexpr uint64_t kKeepAliveTicks = 20;
     static constexpr uint64_t kStop_ms = 5000; // at most, to store what was read; service managers wait 90 s
-    static constexpr uint64_t kQuiet_ms = 50;  // without a datagram: the senders have finished
     // Control traffic has tavipc::kBridgeEndpoint.
     static constexpr const char *kDurableEndpoint = "tavbridgd";
-
-    using Endpoint = std::unique_ptr<tav_ipc_st, Free<tav_ipc_destroy>>;
 
     static std::string line(const std::string &name, uint64_t value) {
         return name + ' ' + std::to_string(value) + '\n';
@@ -99,7 +97,6 @@ class Bridge : Engine::Events {
     // --- from local modules to the engine
 
     Message take(uint64_t ticket, std::string_view datagram, std::string_view time) try {
-        last_read_ms_ = cl_event_loop_now();
         Subject subject;
         const Drop reason = judge_outgoing(settings_.home, datagram, subject);
         if (reason != kNoDrop) return counters_.drop(reason, datagram, "from a module"), nullptr;
@@ -192,8 +189,7 @@ class Bridge : Engine::Events {
     // --- answers to modules of this location
 
     void remember(const tav_addr_st &source) {
-        const std::string name = tavipc::name_text(source).text;
-        const Heard key{name, source.loc, source.hostid};
+        const Heard key{tavipc::name_text(source).text, source.loc, source.hostid};
         if (heard_.size() >= kMostHeard && !heard_.contains(key)) heard_.clear(); // who is there comes again
         heard_[key] = cl_event_loop_now();
     }
@@ -221,8 +217,8 @@ class Bridge : Engine::Events {
 
     void tick() try {
         const uint64_t now_ms = cl_event_loop_now();
-        const bool quiet = pipe().waiting() == 0 && now_ms - last_read_ms_ > kQuiet_ms;
-        if (stop_by_ms_ && (quiet || now_ms >= stop_by_ms_)) // turn_ends() acknowledges what has just left
+        const bool done = pipe().all_seen() && pipe().waiting() == 0 && engine_.unsent_bytes() <= 0;
+        if (stop_by_ms_ && (done || now_ms >= stop_by_ms_)) // turn_ends() acknowledges what has just left
             return turn_ends(), engine_.flush(), cl_event_loop_stop();
         const auto again = [](void *self) { static_cast<Bridge *>(self)->tick(); };
         timer_ = cl_timer_start(stop_by_ms_ ? kStopTick_ms : kTick_ms, again, this);
@@ -241,14 +237,14 @@ class Bridge : Engine::Events {
 
     const Settings &settings_;
     Counters counters_;
-    Endpoint control_, durable_;
+    std::unique_ptr<tav_ipc_st, Free<tav_ipc_destroy>> control_, durable_;
     Engine engine_{settings_, *this};
     std::unique_ptr<Deliveries> deliveries_;
     std::vector<std::unique_ptr<Pipe>> pipes_;
     std::string joined_; // datagrams with joined_subject_
     Subject joined_subject_;
     std::map<Heard, uint64_t> heard_; // when, on the loop's clock
-    uint64_t last_read_ms_ = 0, stop_by_ms_ = 0, ticks_ = 0;
+    uint64_t stop_by_ms_ = 0, ticks_ = 0;
     cl_timer_t timer_ = 0;
 };
 

@@ -233,8 +233,7 @@ class Engine {
     // --- reading and writing
 
     void watch(int events) {
-        if (io_) cl_io_stop(io_);
-        io_ = 0;
+        if (io_) cl_io_stop(std::exchange(io_, 0));
         watched_ = events;
         if (!events || !socket_) return;
         const auto ready = [](cl_io_t, int now, void *self) {

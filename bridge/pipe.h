@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <deque>
 #include <functional>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -42,7 +43,13 @@ class Pipe {
         : engine_(engine), counters_(counters), take_(std::move(take)), taken_(std::move(taken)) {}
     ~Pipe() {
         if (io_) cl_io_stop(io_);
-        if (!own_path_.empty()) ::unlink(own_path_.c_str());
+        unlink();
+    }
+
+    // Nothing more can come, unless the service manager holds the socket.
+    void unlink() {
+        // Once only: then the path may be the next bridge's.
+        ::unlink(std::exchange(own_path_, {}).c_str());
     }
 
     // Takes the socket with this path that the service manager has passed, or makes one. False with errno set
@@ -74,8 +81,7 @@ class Pipe {
             epoll_wait(self->set_.get(), &happened, 1, 0); // quiet until the next datagram
             self->look();
         };
-        io_ = cl_io_start(set_.get(), CL_IO_READ, ready, this);
-        return io_ != 0;
+        return (io_ = cl_io_start(set_.get(), CL_IO_READ, ready, this)) != 0;
     }
 
     // While it does not read, the datagrams stay in the socket, and their senders wait.
@@ -127,6 +133,8 @@ class Pipe {
         }
     }
 
+    // Whether the socket has no datagram that was not looked at.
+    bool all_seen() const { return recv(socket_.get(), nullptr, 0, MSG_PEEK | MSG_DONTWAIT) < 0; }
     // Of what the engine has not confirmed.
     uint64_t bytes() const { return bytes_; }
     uint64_t waiting() const { return waiting_; }
@@ -154,10 +162,8 @@ class Pipe {
         if (!place) return -1;
         cl_dunix_close(place, nullptr, nullptr);
         tavipc::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM, 0));
-        if (fd.get() < 0 ||
-            ::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address.addr), address.len) != 0)
-            return -1;
-        return fd.release();
+        const auto *name = reinterpret_cast<const sockaddr *>(&address.addr);
+        return fd && ::bind(fd.get(), name, address.len) == 0 ? fd.release() : -1;
     }
 
     // The set reports the socket once, now or when a datagram comes.

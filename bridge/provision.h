@@ -29,7 +29,6 @@ using Message = std::unique_ptr<natsMsg, Free<natsMsg_Destroy>>;
 using Options = std::unique_ptr<natsOptions, Free<natsOptions_Destroy>>;
 using Connection = std::unique_ptr<natsConnection, Free<natsConnection_Destroy>>;
 using Subscription = std::unique_ptr<natsSubscription, Free<natsSubscription_Destroy>>;
-using JetStream = std::unique_ptr<jsCtx, Free<jsCtx_Destroy>>;
 using StreamInfo = std::unique_ptr<jsStreamInfo, Free<jsStreamInfo_Destroy>>;
 using ConsumerInfo = std::unique_ptr<jsConsumerInfo, Free<jsConsumerInfo_Destroy>>;
 
@@ -183,9 +182,12 @@ class Provision {
             const StreamInfo info = stream_info(name);
             const int64_t most = info ? info->Config->MaxBytes : 0;
             const bool room = info && (most < 0 || std::cmp_less(info->State.Bytes, most - most / 4));
-            good &= info ? say(room && std::cmp_equal(info->Config->Replicas, settings_.replicas), "stream ",
+            // -1: no limit of its own.
+            const bool fits = room && static_cast<uint32_t>(info->Config->MaxMsgSize) >= kLeastPayload;
+            good &= info ? say(fits && std::cmp_equal(info->Config->Replicas, settings_.replicas), "stream ",
                                name, ": ", info->State.Msgs, " messages, ", info->State.Bytes, " of ", most,
-                               " bytes, replicas = ", info->Config->Replicas)
+                               " bytes, replicas = ", info->Config->Replicas,
+                               ", max_msg_size = ", info->Config->MaxMsgSize)
                          : say(false, "stream ", name, ": ", error_text());
         }
         for (const Consumer &consumer : consumers_) {
@@ -287,7 +289,7 @@ class Provision {
         return good;
     }
 
-    JetStream js_;
+    std::unique_ptr<jsCtx, Free<jsCtx_Destroy>> js_;
     const Settings &settings_;
     std::vector<Consumer> consumers_;
     bool made_ = false, begun_ = false; // begun_: the result will be of the connection before

@@ -86,9 +86,8 @@ void read_engine(const Section &ini, Settings &settings) {
         ini.complain("nkey_seed", "nkey and nkey_seed belong together");
     if (!settings.nkey.empty() && !settings.credentials.empty()) ini.complain("nkey", "excludes credentials");
     const bool allow_plain = ini.number("allow_plain", 0, 0, 1) == 1;
-    if (settings.tls() || allow_plain) return;
     for (const std::string &server : settings.servers)
-        if (!is_loopback(server))
+        if (!settings.tls() && !allow_plain && !is_loopback(server))
             ini.complain("servers", server + " is another machine: set ca, or allow_plain = 1");
 }
 

@@ -54,7 +54,7 @@ inline void set_fragment(tav_ipc_hdr_st &header, uint16_t sequence) {
     header.frag_word[0] = static_cast<uint8_t>(1 | ((sequence & 0x7F) << 1));
     header.frag_word[1] = static_cast<uint8_t>((header.frag_word[1] & 0xF8) | ((sequence & 0x3FF) >> 7));
 }
-// A copy of a fragment, in another group for each other number.
+// A copy of a fragment that a receiver takes for one of another message: its frag_id is larger by the number.
 inline std::string regrouped(std::string_view fragment, uint64_t number) {
     tav_ipc_hdr_st header = read_header(fragment.data());
     header.frag_id = static_cast<uint16_t>(header.frag_id + number);

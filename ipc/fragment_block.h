@@ -1,6 +1,7 @@
-// The datagrams of one fragmented message, in one allocation: when it succeeds, no fragment can fail for want
-// of memory. Each record takes a slot for its datagram. A released slot serves again, so a message to a quick
-// peer passes through few slots, which stay in the cache. Slots that are never taken cost no memory.
+// The datagrams of one fragmented message, in one allocation: when it succeeds, only memory for a record,
+// some hundred bytes, can still be short. Each record takes a slot for its datagram. A released slot serves
+// again, so a message to a quick peer passes through few slots, which stay in the cache. Slots that are never
+// taken cost no memory.
 #pragma once
 
 #include <cstddef>
@@ -28,7 +29,7 @@ class FragmentBlock {
     struct Drop {
         void operator()(FragmentBlock *block) const noexcept { drop(block); }
     };
-    // The sender's hold on the block while it takes slots. The block goes with the last of this hold and the
+    // Keeps the block while the sender takes slots. The block is released with the last of this hold and the
     // taken slots.
     using Hold = std::unique_ptr<FragmentBlock, Drop>;
 

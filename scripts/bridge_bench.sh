@@ -20,8 +20,8 @@ load=$build/bin/tavbridge-load
 url=nats://127.0.0.1:14300
 until_ok 10 "$load" native $url request 0 10
 
-run() { # title, class, size, count
-    local result seconds
+run() { # title, classes of nats.c, size, count
+    local result seconds kind
     "$place/b/bin/tavbridge-load" sink <>"$place/fifo" >"$place/sink.txt" 2>&1 &
     process[sink]=$!
     until_ok 10 "$place/b/bin/tavctl" probe -c 1 sink
@@ -36,15 +36,17 @@ run() { # title, class, size, count
     kill "${process[sink]}"
     wait "${process[sink]}" 2>/dev/null || true
     seconds=${result##* }
-    echo "bridge $2: $result, $(awk "BEGIN { printf \"%.0f/s, %.1f MB/s\", $4 / $seconds, $4 * $3 / $seconds / 1e6 }")"
-    "$load" native $url "$2" "$3" "$4" |
-        awk '{ print; for (i = 1; i <= NF; i++) if ($i == "in") { n = $3; size = $5; t = $(i + 1) }
-               printf "  %.0f/s, %.1f MB/s\n", n / t, n * size / t / 1e6 }'
+    echo "bridge $1: $result, $(awk "BEGIN { printf \"%.0f/s, %.1f MB/s\", $4 / $seconds, $4 * $3 / $seconds / 1e6 }")"
+    for kind in $2; do
+        "$load" native $url "$kind" "$3" "$4" |
+            awk '{ print; for (i = 1; i <= NF; i++) if ($i == "in") { n = $3; size = $5; t = $(i + 1) }
+                   printf "  %.0f/s, %.1f MB/s\n", n / t, n * size / t / 1e6 }'
+    done
 }
 
 start_sites() {
-    make_site a 2 1001 $url "window = 4096"
-    make_site b 3 1002 $url "window = 4096"
+    make_site a 2 1001 $url
+    make_site b 3 1002 $url
     for site in a b; do
         "$place/$site/bin/tav-bridge" >"$place/bridge-$site.log" 2>&1 &
         process[$site]=$!
@@ -55,8 +57,8 @@ start_sites() {
 mkfifo "$place/fifo"
 start_sites
 for site in a b; do until_ok 20 "$place/$site/bin/tav-bridge" --check; done
-run durable durable 160 100000
-run durable durable 16000 20000
+run durable "durable ids" 160 100000
+run durable "durable ids" 16000 20000
 "$place/b/bin/tavbridge-load" echo &
 process[echo]=$!
 until_ok 10 "$place/a/bin/tavctl" probe -c 1 echo@3

@@ -11,7 +11,7 @@
 //   hold PATH COMMAND...
 //     keeps the socket PATH, passes it to the command, and starts the command again when it ends
 //   native URL CLASS SIZE COUNT
-//     nats.c's own publisher and subscriber (native.h); CLASS is core, durable or request
+//     nats.c's own publisher and subscriber (native.h); CLASS is core, durable, ids or request
 //
 // DEST is NAME, NAME@LOCATION or NAME@LOCATION.HOSTID. A message is its number and its seed, then bytes that
 // follow from both.
@@ -267,8 +267,7 @@ int main(int argc, char **argv) {
     if (mode == "native" && argc == 6 && std::string_view(argv[3]) == "request")
         return native_requests(argv[2], std::stoull(argv[5]));
     if (mode == "native" && argc == 6)
-        return native(argv[2], std::string_view(argv[3]) == "durable", std::stoull(argv[4]),
-                      std::stoull(argv[5]));
+        return native(argv[2], argv[3], std::stoull(argv[4]), std::stoull(argv[5]));
     std::fputs("usage: see the beginning of bench/bridge/load.cpp\n", stderr);
     return 2;
 }

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -43,7 +44,7 @@ natsStatus subscribe_durable(natsConnection *in, natsConnection *out, jsCtx *&js
     jsSubOptions_Init(&options);
     options.ManualAck = true;
     options.Config.Durable = "native";
-    options.Config.MaxAckPending = 256; // as the bridge's window
+    options.Config.MaxAckPending = 256; // as the bridges
     return js_Subscribe(&subscription, js_in, subject, native_take, js_in, nullptr, &options, nullptr);
 }
 
@@ -79,7 +80,8 @@ int native_requests(const char *url, size_t count) {
     return s == NATS_OK ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-int native(const char *url, bool durable, size_t size, uint64_t count) {
+int native(const char *url, std::string_view kind, size_t size, uint64_t count) {
+    const bool durable = kind != "core", ids = kind == "ids";
     natsConnection *in = nullptr, *out = nullptr;
     natsSubscription *subscription = nullptr;
     jsCtx *js_in = nullptr, *js_out = nullptr;
@@ -93,17 +95,21 @@ int native(const char *url, bool durable, size_t size, uint64_t count) {
         natsSubscription_SetPendingLimits(subscription, -1, -1);
         natsConnection_Flush(in);
     }
+    jsPubOptions publish;
+    jsPubOptions_Init(&publish);
+    std::string id;
     const auto begin = Clock::now();
     for (uint64_t i = 0; s == NATS_OK && i < count; ++i) {
         while (i - native_got > 4096) std::this_thread::sleep_for(std::chrono::microseconds(50));
-        s = durable
-                ? js_PublishAsync(js_out, "native.x", bytes.data(), static_cast<int>(bytes.size()), nullptr)
-                : natsConnection_Publish(out, "native.x", bytes.data(), static_cast<int>(bytes.size()));
+        if (ids) publish.MsgId = (id = "2.1001." + std::to_string(i)).c_str();
+        const auto length = static_cast<int>(bytes.size());
+        s = durable ? js_PublishAsync(js_out, "native.x", bytes.data(), length, &publish)
+                    : natsConnection_Publish(out, "native.x", bytes.data(), length);
     }
     natsConnection_Flush(out);
     while (s == NATS_OK && native_got < count && seconds_since(begin) < 120)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    std::printf("native %s: %llu of %zu bytes in %.3f s, %s\n", durable ? "durable" : "core",
+    std::printf("native %.*s: %llu of %zu bytes in %.3f s, %s\n", static_cast<int>(kind.size()), kind.data(),
                 static_cast<unsigned long long>(native_got.load()), size, seconds_since(begin),
                 natsStatus_GetText(s));
     if (durable) js_DeleteStream(js_out, "NATIVE", nullptr, nullptr);

@@ -48,7 +48,8 @@ typedef struct ipc_queue_msg_st {
 #define IPC_QUEUE_MSG_CONTROL 1u /* control traffic: large in-flight class */
 #define IPC_QUEUE_MSG_RETRIED 2u /* was put back at least once */
 
-/* Gets a due record, which is the callback's from then on. The result is ignored. */
+/* Gets a due record, which is the callback's from then on; its try_times counts this attempt. now is the loop
+ * clock, ms. The callback may push, pop and destroy the queue. The result is ignored. */
 typedef int (*ipc_queue_consume_cb)(uint64_t now, ipc_queue_msg_st *msg);
 
 typedef struct ipc_queue_st {
@@ -103,7 +104,7 @@ TAVIPC_API int ipc_queue_push(ipc_queue_st *queue, ipc_queue_msg_st **msg, uint6
 TAVIPC_API ipc_queue_msg_st *ipc_queue_top(const ipc_queue_st *queue) TAVIPC_NOEXCEPT;
 /* Takes the first record out and returns it, now the caller's, or null. */
 TAVIPC_API ipc_queue_msg_st *ipc_queue_pop(ipc_queue_st *queue) TAVIPC_NOEXCEPT;
-/* Returns the number of records; 0 for null. */
+/* Returns the number of records. These three accept null and an all-zero queue: null, null and 0. */
 TAVIPC_API uint32_t ipc_queue_len(const ipc_queue_st *queue) TAVIPC_NOEXCEPT;
 
 /* Returns the module info of a name (NUL-terminated, at most 11 characters), made on first use. The queue

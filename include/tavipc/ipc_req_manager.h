@@ -48,10 +48,12 @@ TAVIPC_API void ipc_req_manager_set_now_getter(ipc_req_manager_st *manager,
 
 /* Stores record (not null) under reqid. It expires when the manager's clock is past expire_ms. A record that
  * is already stored under the id is released and replaced. Returns 0; -1 when manager or record is null, the
- * manager is all zero, or memory is short: nothing is stored, and the record stays the caller's. */
+ * manager is all zero, memory is short, or no timer can be started: nothing is stored, and the record stays
+ * the caller's. */
 TAVIPC_API int ipc_req_manager_insert(ipc_req_manager_st *manager, uint32_t reqid, void *record,
                                       int64_t expire_ms) TAVIPC_NOEXCEPT;
-/* Returns 0 and stores the record in *record if the id is found; else returns non-zero. */
+/* Returns 0 and stores the record in *record (record may be null) if the id is found; else returns non-zero.
+ * The record stays in the table. */
 TAVIPC_API int ipc_req_manager_find(const ipc_req_manager_st *manager, uint32_t reqid,
                                     void **record) TAVIPC_NOEXCEPT;
 /* Removes and releases the record; an unknown id is ignored. */

@@ -47,9 +47,9 @@ TAVIPC_API unsigned int CreateAgentId(void) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z13
  * known, and otherwise stores the new id there. Without, always runs the tool and leaves g_vmid unchanged. */
 TAVIPC_API uint64_t GetVMID(bool use_global) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z7GetVMIDb");
 
-/* Makes an agent id from the VM id, stores it at machineid_path and returns it. Returns 0 if the path is null
- * or the file is longer than 4 bytes (it holds an id made from a MAC). Calls abort() if the VM id is unknown.
- */
+/* Makes an agent id from the VM id, stores it at machineid_path and returns it, even if the file could not be
+ * written (a log line says so). Returns 0 if the path is null or the file is longer than 4 bytes (it holds an
+ * id made from a MAC). Calls abort() if the VM id is unknown. */
 TAVIPC_API unsigned int CreateAgentIdByVMID(const char *machineid_path) TAVIPC_NOEXCEPT
     TAVIPC_ENCODED("_Z19CreateAgentIdByVMIDPKc");
 

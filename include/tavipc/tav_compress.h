@@ -5,8 +5,9 @@
  * envelope) and the body length at byte 16.
  *
  * The functions keep no state, and any thread may call them. The caller releases output buffers with free().
- * Their first reserve bytes are left for the caller to write; reported lengths include them. On failure *out
- * is null, *out_len is 0, and nothing stays allocated.
+ * Their first reserve bytes (none in functions without this argument) are left for the caller to write;
+ * reported lengths include them. On failure *out is null, *out_len is 0, and nothing stays allocated. The
+ * argument unused is ignored.
  */
 #ifndef TAVIPC_TAV_COMPRESS_H
 #define TAVIPC_TAV_COMPRESS_H

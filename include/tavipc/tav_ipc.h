@@ -102,7 +102,8 @@ enum tav_ipc_result {
     IPC_ERR_INVALID_PARAM = 1005
 };
 
-/* Process-wide IPC configuration, 13 words. */
+/* Process-wide IPC configuration, 13 words. The library uses the two eagain_ values only. A load sets the
+ * other words to the numbers beside them, or to 0. */
 typedef struct ipc_proxy_conf_st {
     uint32_t options; /* bit 0: disable_offline_cache; bits 1 and 2: set by every load */
     uint32_t proxy1;  /* 1 */
@@ -157,7 +158,7 @@ TAVIPC_API tav_addr_st *tav_addr_dup(const tav_addr_st *address) TAVIPC_NOEXCEPT
 TAVIPC_API void tav_addr_destroy(tav_addr_st *address) TAVIPC_NOEXCEPT;
 
 /* Return the name bytes inside the record (null for null), valid as long as it; the location number and the
- * host id (0 for null). */
+ * host id (0 for null). The name in an address from a peer may fill all 10 bytes without a NUL. */
 TAVIPC_API const char *tav_addr_get_name(const tav_addr_st *address) TAVIPC_NOEXCEPT;
 TAVIPC_API unsigned int tav_addr_get_loc(const tav_addr_st *address) TAVIPC_NOEXCEPT;
 TAVIPC_API uint32_t tav_addr_get_hostid(const tav_addr_st *address) TAVIPC_NOEXCEPT;
@@ -219,9 +220,10 @@ TAVIPC_API const tav_addr_st *tav_ipc_get_local_addr(const tav_ipc_st *ipc) TAVI
  * always local. Host id 0 is local at this location. */
 TAVIPC_API int tav_ipc_is_local(const tav_ipc_st *ipc, const tav_addr_st *address) TAVIPC_NOEXCEPT;
 
-/* Return the host id in the addresses of this process's endpoints: the platform's on a CNAPP agent, else the
- * agent id; 0 when none can be had. tav_get_hostid remembers it for the process, tav_calculate_hostid
- * determines it afresh. Both may end the process as CreateAgentId does. */
+/* Return the host id in the addresses of this process's endpoints: the platform's on a CNAPP agent that has
+ * one, else the agent id; 0 when none can be had. tav_get_hostid remembers it for the process,
+ * tav_calculate_hostid determines it afresh. Both may take as long as CreateAgentId, and end the process as
+ * it does. */
 TAVIPC_API uint32_t tav_get_hostid(void) TAVIPC_NOEXCEPT;
 TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
 
@@ -229,8 +231,9 @@ TAVIPC_API uint32_t tav_calculate_hostid(void) TAVIPC_NOEXCEPT;
 
 /* Sends a message with command code cmd and size bytes of payload from data to dest. If data is null the
  * payload is zeros. Both data and dest are copied. Messages above 64,000 bytes travel in fragments. An
- * application message of at least 148 bytes whose length field is right is compressed on its way to an
- * address with ADDR_FLAG_COMPRESS_OK. Returns 0 when the message was sent or queued. Returns IPC_ERR_SENDTO
+ * application message of at least 148 bytes whose length field is right is compressed, if that makes it
+ * shorter, on its way to an address with ADDR_FLAG_COMPRESS_OK. Returns 0 when the message was sent or
+ * queued. Returns IPC_ERR_SENDTO
  * (-101) when it was refused:
  *   - the handle or the destination is null
  *   - tav_ipc_destroy has closed the endpoint's sockets (callbacks that it calls with IPC_ERR_CLOSED may
@@ -264,14 +267,17 @@ TAVIPC_API int tav_ipc_send_with_flags(tav_ipc_st *ipc, const tav_addr_st *dest,
 TAVIPC_API int tav_ipc_send_raw(tav_ipc_st *ipc, const char *dpipe, const void *datagram) TAVIPC_NOEXCEPT;
 
 /* --- exchanges -----------------------------------------------------------------------------------
- * Each completes exactly once, through its callback (which may be null): with the answer;
- * with IPC_ERR_TIMEOUT when timeout_s seconds have passed (counted in whole seconds of the wall clock and
- * looked at once a second, so up to two seconds late; 0 ends with the second, a negative one at the next
- * look, within a second);
- * with IPC_ERR_CLOSED when the endpoint is destroyed, from inside tav_ipc_destroy; or with the send path's
- * IPC_ERR_SENDTO (null arguments too) from the loop, 1 ms later. On an endpoint that is being destroyed
- * nothing is sent and the exchange completes 1 ms later with IPC_ERR_CLOSED. The callback never runs from
- * inside the starting call, and may do anything. Short memory ends the process with exit status 0.
+ * Each completes exactly once, through its callback (which may be null):
+ *   - with the answer
+ *   - with IPC_ERR_TIMEOUT when timeout_s seconds have passed. The library counts whole seconds of the wall
+ *     clock and checks once a second, so the callback runs up to two seconds late. A time-out of 0 ends with
+ *     the current second, a negative one at the next check.
+ *   - with IPC_ERR_CLOSED when the endpoint is destroyed, from inside tav_ipc_destroy; or when a later
+ *     exchange gets the same message id, after 4,294,967,295 messages of the process
+ *   - with IPC_ERR_SENDTO, from the loop 1 ms later, when the message was refused for the reasons of
+ *     tav_ipc_send. On an endpoint that is being destroyed nothing is sent; the code is then IPC_ERR_CLOSED.
+ * The callback never runs from inside the starting call, and may do anything. Short memory ends the process
+ * with exit status 0.
  * A timer of the thread's loop measures that 1 ms. If the loop is released or the thread ends before, the
  * callback never runs. Destructors of static and thread_local objects run later still and must not start an
  * exchange. */
@@ -281,8 +287,8 @@ TAVIPC_API void tav_ipc_make_request(tav_ipc_st *ipc, const tav_addr_st *dest, u
                                      uint32_t len, tav_ipc_response_cb callback, void *user,
                                      int32_t timeout_s) TAVIPC_NOEXCEPT;
 
-/* Answers the request reqid of dest, both as the on_request callback got them. A response that is lost shows
- * as the requester's time-out. */
+/* Answers the request reqid (not 0) of dest, both as the on_request callback got them. A response that is
+ * lost or refused shows as the requester's time-out. */
 TAVIPC_API void tav_ipc_response(tav_ipc_st *ipc, const tav_addr_st *dest, uint32_t reqid, uint32_t cmd,
                                  const void *data, uint32_t len) TAVIPC_NOEXCEPT;
 
@@ -318,7 +324,8 @@ TAVIPC_API void tav_ipc_probe(tav_ipc_st *ipc, const tav_addr_st *dest, tav_ipc_
 TAVIPC_API void tav_ipc_send_file(tav_ipc_st *ipc, const tav_addr_st *dest, const char *path,
                                   tav_ipc_status_cb callback, void *user, int32_t timeout_s) TAVIPC_NOEXCEPT;
 
-/* Returns a random transfer id, not negative, for a destination's host id. */
+/* Returns a random transfer id, not negative, for a destination's host id. It draws from rand(), which the
+ * first call of the process seeds. */
 TAVIPC_API int32_t tav_ipc_get_random_file_id(uint32_t hostid) TAVIPC_NOEXCEPT;
 
 /* Saves one chunk of the file file_id from src: len bytes of data. With len 0 the file is complete: the
@@ -338,9 +345,9 @@ TAVIPC_API const char *tav_ipc_get_file_path(tav_ipc_st *ipc, uint32_t file_id) 
 /* --- diagnosis and configuration ---------------------------------------------------------------- */
 
 /* Writes one line "[MSG TRACE] ..." about header with the caller's text at log level 4, when the header has
- * IPC_FLAG_TRACE or the file /tmp/ipc_debug exists. It looks for the file at most once in 10 s. The header
- * has any alignment; null writes nothing. file and line go to the log. The caller tests error_output_check(4)
- * first. */
+ * IPC_FLAG_TRACE or the file /tmp/ipc_debug exists. It looks for the file at most once in 10 s. The text
+ * behind "[MSG TRACE] " is cut to 1,023 bytes. The header has any alignment; null writes nothing. file and
+ * line go to the log. The caller tests error_output_check(4) first. */
 TAVIPC_API void tav_ipc_msg_trace_ex(const char *file, int line, const tav_ipc_hdr_st *header,
                                      const char *format, ...) TAVIPC_NOEXCEPT TAVIPC_PRINTF(4, 5);
 
@@ -358,11 +365,12 @@ TAVIPC_API ipc_proxy_conf_st *get_ipc_proxy_conf(void) TAVIPC_NOEXCEPT;
 
 TAVIPC_END_DECLS
 
-/* Calls the endpoint's file callback with path, if the endpoint and the callback are not null. */
+/* Calls the endpoint's file callback with path as it is, if the endpoint and the callback are not null. */
 TAVIPC_API void tav_ipc_emit_file(tav_ipc_st *ipc, const char *path) TAVIPC_NOEXCEPT
     TAVIPC_ENCODED("_Z17tav_ipc_emit_fileP10tav_ipc_stPKc");
 
-/* Seeds rand() with the monotonic milliseconds and returns one draw. */
+/* Seeds rand() with the monotonic milliseconds and returns one draw. The library calls it for each message
+ * that it sends in fragments, so a program's own use of rand() gets a new sequence then. */
 TAVIPC_API int ipc_rand_by_time(void) TAVIPC_NOEXCEPT TAVIPC_ENCODED("_Z16ipc_rand_by_timev");
 
 #endif /* TAVIPC_TAV_IPC_H */

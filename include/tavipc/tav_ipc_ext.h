@@ -33,14 +33,19 @@ typedef void (*tav_ipc_exchange_cb)(uint64_t id, int32_t code, uint32_t cmd, con
 
 TAVIPC_BEGIN_DECLS
 
-/* Starts an exchange with dest and returns its id, which the process uses once. The callback (may be null)
- * runs exactly once, and never inside this call: with the answer; with IPC_ERR_TIMEOUT when timeout_ms
- * milliseconds of the monotonic clock have passed; with IPC_ERR_NO_PEER as soon as the kernel has refused the
- * message because no endpoint of this location has dest's name, also if the peer went while the message
- * waited (not with TAV_IPC_EXCHANGE_WAIT_FOR_PEER, and not through a proxy endpoint to another location);
- * with IPC_ERR_CANCELLED; or with IPC_ERR_CLOSED from inside tav_ipc_destroy. A peer that goes after it has
- * taken the message does not end the exchange. kind is a value of tav_ipc_exchange_kind, perhaps with
- * TAV_IPC_EXCHANGE_WAIT_FOR_PEER. A probe ignores cmd, data, size and the flags of dest.
+/* Starts an exchange with dest and returns its id, which the process uses once. kind is a value of
+ * tav_ipc_exchange_kind, perhaps with TAV_IPC_EXCHANGE_WAIT_FOR_PEER. cmd, data (size bytes; null: zeros) and
+ * dest are those of tav_ipc_send, and copied. A probe ignores cmd, data, size and the flags of dest. The
+ * callback (may be null) runs exactly once, and never inside this call:
+ *   - with the answer
+ *   - with IPC_ERR_TIMEOUT when timeout_ms milliseconds of the monotonic clock have passed
+ *   - with IPC_ERR_NO_PEER as soon as the kernel has refused the message because no endpoint of this location
+ *     has dest's name, also if the peer went while the message waited. Not with
+ *     TAV_IPC_EXCHANGE_WAIT_FOR_PEER, and not through a proxy endpoint to another location. A peer that goes
+ *     after it has taken the message does not end the exchange.
+ *   - with IPC_ERR_CANCELLED from inside tav_ipc_exchange_cancel
+ *   - with IPC_ERR_CLOSED from inside tav_ipc_destroy, or when a later exchange gets the same message id
+ *     (after 4,294,967,295 messages of the process)
  * On failure returns 0, and the callback never runs. errno is then:
  *   - EINVAL: ipc or dest is null, the kind is unknown, or dest's name is empty, "." or "..", or has a "/"
  *   - EMSGSIZE: size is over TAV_IPC_MESSAGE_MAX

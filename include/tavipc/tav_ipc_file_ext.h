@@ -1,7 +1,8 @@
 /* tav_ipc_file_ext.h - additions to the file transfer of tav_ipc.h: names, progress, cancellation.
  *
  * The functions carry the symbol version TAVIPC_1. The rules of tav_ipc.h for lifetimes and threads hold here
- * too: one thread of a process drives all endpoints that receive files.
+ * too: one thread of a process drives all endpoints that receive files. It alone calls tav_ipc_file_drop and
+ * tav_ipc_file_drop_unfinished.
  *
  * The chunks of a file have no place for its name and size. A transfer with a name therefore begins with a
  * probe that announces both, before the first chunk (docs/wire.md describes it). A peer whose library does

@@ -4,16 +4,16 @@
  * A monitor binds a socket at "ipc.monitor0" in the socket directory of a location, or at the first free name
  * up to "ipc.monitor3": at most 4 are served. It is a SOCK_SEQPACKET socket, which then listens; a SOCK_DGRAM
  * socket is served, too, but holds net.unix.max_dgram_qlen copies only. When the socket takes connections,
- * the monitor sets the mode of its file (chmod, 0600; to what it was is enough): modules watch for changed
- * modes, so the many other files of the directory do not wake them.
+ * the monitor sets the mode of its file, to 0600 for example; the mode that it has already is enough. Modules
+ * watch for changed modes, so the many other files of the directory do not wake them.
  *
  * Each endpoint of the location connects a socket of its own: at once, or, if it is younger than a quarter of
  * a second, at that age. An endpoint that is made later connects while it is made. It sends one
  * TAV_IPC_MONITOR_HELLO, and from then on a copy of each datagram as a tav_ipc_monitor_record_st, without
  * waiting: what the monitor's socket does not take is counted in `missed` of the next copy. An endpoint that
- * the backlog of the monitor refuses is missing until the mode is set again. A module accepts a monitor only
- * if the socket file belongs to root or to the module's own effective user, and takes commands only from a
- * process of such a user (SCM_CREDENTIALS). Modules leave a monitor whose socket is closed.
+ * the backlog of the monitor refuses is not connected until the mode is set again. A module accepts a monitor
+ * only if the socket file belongs to root or to the module's own effective user, and takes commands only from
+ * a process of such a user (SCM_CREDENTIALS). Modules leave a monitor whose socket is closed.
  *
  * A record with what follows it, and a command, are one packet each. Integers are in host order. A receiver
  * ignores packets with another magic. A later version may have a larger record: the datagram's header is at
@@ -35,7 +35,7 @@ enum {
 enum tav_ipc_monitor_event {
     TAV_IPC_MONITOR_HELLO = 0,    /* a module has connected; no datagram follows */
     TAV_IPC_MONITOR_SENT = 1,     /* the destination's socket took the datagram */
-    TAV_IPC_MONITOR_WAITING = 2,  /* it was put back to be sent later */
+    TAV_IPC_MONITOR_WAITING = 2,  /* it joined the delivery queue, to be sent later */
     TAV_IPC_MONITOR_DROPPED = 3,  /* it was dropped; reason says why */
     TAV_IPC_MONITOR_RECEIVED = 4, /* a datagram was received and accepted */
     TAV_IPC_MONITOR_REFUSED = 5   /* a received datagram was not accepted; reason says why */

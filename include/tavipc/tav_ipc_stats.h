@@ -5,8 +5,8 @@
  * so any program that may read the file sees them, even when the process is stopped, hangs or has been
  * killed. The file goes when the process's last endpoint is destroyed, and at exit. Other processes remove
  * the file of a process that was killed, as they remove its sending sockets. A process that cannot make the
- * file keeps its counters in memory. While it lives it holds a lock (flock) on the file, so a reader takes
- * none.
+ * file keeps its counters in memory. While the process lives it holds a lock (flock) on the file, so a reader
+ * takes none.
  *
  * File layout: a tav_ipc_stats_file_st, padded to header_size bytes; then record_count records of record_size
  * bytes each. A record is a tav_ipc_stats_record_st, whose value_count values may be more or fewer than this
@@ -20,7 +20,7 @@
  *            + dropped_closed + dropped_other + queued + in_flight
  * and the same for their bytes, in which the header of 60 bytes counts, with dropped_bytes for all reasons.
  * If an endpoint is destroyed in a log sink, or in the completion of a cl_dunix_sendto2, the library does not
- * look what became of its datagrams in flight: dropped_closed then also counts those that have left.
+ * determine what became of its datagrams in flight: dropped_closed then also counts those that have left.
  */
 #ifndef TAVIPC_TAV_IPC_STATS_H
 #define TAVIPC_TAV_IPC_STATS_H
@@ -108,7 +108,7 @@ typedef struct tav_ipc_stats_file_st {
     uint32_t record_count; /* records in the file, used or not */
     uint32_t value_count;  /* values that this process keeps in a record */
     uint32_t pid;
-    uint32_t hidden;  /* endpoints and destinations that found no free record */
+    uint32_t hidden;  /* endpoints and destinations so far that found no free record */
     uint64_t started; /* the process's start time, field 22 of /proc/<pid>/stat */
 } tav_ipc_stats_file_st;
 

@@ -41,7 +41,7 @@ TAVAUX_API int IsCNAPPAgent(void) TAVAUX_NOEXCEPT;
 TAVAUX_API uint32_t get_hostid(void) TAVAUX_NOEXCEPT;
 
 /* Copies the agent-type text and its NUL into buffer and leaves the bytes after it unchanged. Returns the
- * length of the text, or -1 when it is empty or does not fit. */
+ * length of the text, or -1 when it is empty, does not fit into size bytes, or buffer is null. */
 TAVAUX_API int GetAgentType(char *buffer, int size) TAVAUX_NOEXCEPT;
 
 #ifdef __cplusplus

@@ -36,11 +36,12 @@ extern "C" {
 TAVBASE_API int error_output_check(int level) TAVBASE_NOEXCEPT;
 
 /* Writes one line: level, source name, source line and the formatted text. A missing line end is added. Does
- * not test the level. Keeps errno. */
+ * not test the level. Keeps errno. (This library replaces control characters other than tabs by "?", and cuts
+ * a text of more than 3,967 bytes, which then ends in "...".) */
 TAVBASE_API void error_output(int level, const char *source, int line, const char *format,
                               ...) TAVBASE_NOEXCEPT TAVBASE_PRINTF(4, 5);
 
-/* Sets the threshold for the process. */
+/* Sets the threshold for the process, -1 to 4. Another number counts as the nearest of these. */
 TAVBASE_API void error_output_set_level(int level) TAVBASE_NOEXCEPT;
 
 /* Gives every line to sink instead of standard error; null restores standard error. text is the formatted
@@ -199,7 +200,8 @@ TAVBASE_API int dirutils_path_transform(const char *path_template, char *out, in
 TAVBASE_API int shell_execute(const char *command, char *out, int size) TAVBASE_NOEXCEPT;
 
 /* Resolves a host name, or the text of an IPv4 address, to dotted IPv4 text in ip, a buffer of at least 16
- * bytes. Returns 1 on success, 0 on failure: ip is then unchanged. */
+ * bytes. Blocks as long as the system's resolver does. Returns 1 on success, 0 on failure: ip is then
+ * unchanged. */
 TAVBASE_API int get_ipaddr_by_host(const char *host, char *ip) TAVBASE_NOEXCEPT;
 
 #ifdef __cplusplus

@@ -35,7 +35,7 @@ constexpr uint64_t kFileCheckInterval_ms = 1000;
 // (eleven with the kernel's default limit), so that a fast reader finds the next datagrams before it has read
 // the last.
 constexpr uint32_t kTryAgainPushes = 8;
-constexpr uint32_t kTryAgainBytes = 256 * 1024; // four fragments, whose copying is dear enough to try sooner
+constexpr uint32_t kTryAgainBytes = 256 * 1024; // four fragments, whose copying costs enough to try sooner
 // The writable event comes when a quarter of the buffer is used: five of twenty datagrams (see channel.h).
 constexpr int64_t kDatagramsInLoweredBuffer = 20;
 

@@ -14,7 +14,8 @@
 // work comes fast (short_poll.h).
 //
 // The loop is alive (the prepare handle is referenced) while held_ is not 0: one for each timer of a user,
-// each receiving socket and each send that is not yet reported. All other handles are unreferenced.
+// each receiving socket, each watch for a descriptor or signal, and each send that is not yet reported. All
+// other handles are unreferenced.
 //
 // In the poll phase the mailbox is emptied, too: functions and signals from other threads, and rings, which
 // only end the wait. stop() and what it reads may run in a signal handler on the loop's thread.

@@ -123,7 +123,8 @@ CL_EV_API int cl_sockaddr_un_init(cl_sockaddr_t *address, const char *path) CL_E
 /* Makes a datagram socket bound to *address. Creates missing directories of the path (mode 0755 under the
  * umask). Replaces a stale socket file (its owner is gone). A live socket, or another kind of file, is left
  * alone and the call fails. The two other arguments are reserved, pass 0. Returns the socket, or 0 with errno
- * set. */
+ * set: EINVAL (address is null, or not a path of 1 to 107 bytes without a final slash), EADDRINUSE (another
+ * process has the path, or it is no socket), ENOMEM, or as mkdir(2), socket(2) and bind(2). */
 CL_EV_API cl_dunix_t cl_dunix_create(const cl_sockaddr_t *address, void *reserved1,
                                      void *reserved2) CL_EV_NOEXCEPT;
 
@@ -138,9 +139,9 @@ CL_EV_API void cl_dunix_close(cl_dunix_t socket, void (*reserved1)(void *), void
 typedef void (*cl_dunix_recv_cb)(cl_dunix_t socket, const void *data, uint32_t len, const cl_sockaddr_t *from,
                                  int status, void *context);
 
-/* Starts reception, or replaces the callback and context if it has started already. Delivers at most 64
- * datagrams in one turn of the loop, so that timers and other sockets are served as well. Returns 0; -1 when
- * the socket is not valid, callback is null or memory is short. */
+/* Starts reception, or replaces the callback and context if it has started already. Datagrams of up to 65,536
+ * bytes are delivered whole, at most 64 in one turn of the loop, so that timers and other sockets are served
+ * as well. Returns 0; -1 when the socket is not valid, callback is null or memory is short. */
 CL_EV_API int cl_dunix_recv_start(cl_dunix_t socket, cl_dunix_recv_cb callback, void *context) CL_EV_NOEXCEPT;
 
 /* Completion of one accepted send; status is one of enum cl_ev_status. */
@@ -153,7 +154,7 @@ typedef void (*cl_dunix_send_cb)(cl_dunix_t socket, int status, void *context);
  * CL_EV_WOULD_BLOCK. Returns 0 when the datagram was accepted: callback (may be null) then runs exactly once,
  * on a later turn of the loop, from cl_dunix_settle or from cl_dunix_close. Returns non-zero, and never calls
  * the callback, when the socket is not valid, address or data is null, or memory is short. Errors of the
- * system call go to the callback. */
+ * system call go to the callback, and CL_EV_IO for a record that is not the address of a Unix socket. */
 CL_EV_API int cl_dunix_sendto2(cl_dunix_t socket, const cl_sockaddr_t *address, const void *data,
                                uint32_t len, cl_dunix_send_cb callback, void *context) CL_EV_NOEXCEPT;
 

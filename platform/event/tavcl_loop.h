@@ -112,7 +112,8 @@ typedef void (*cl_io_cb)(cl_io_t io, int events, void *argument);
  * caller's: its flags are not changed, and release and fork do not close it. Stop the watch before closing
  * the descriptor. A loop takes one watch for a descriptor: a second one fails with EEXIST (watch both events
  * with one, or watch a dup of the descriptor). Returns the watch, or 0 with errno set (EPERM: a regular file
- * or directory, which is always ready; EINVAL: no or unknown events, or callback is null). */
+ * or directory, which is always ready; EINVAL: no or unknown events, or callback is null; ENOMEM; others as
+ * epoll_ctl(2), for example EBADF). */
 CL_EV_API cl_io_t cl_io_start(int fd, int events, cl_io_cb callback, void *argument) CL_EV_NOEXCEPT;
 
 /* Stops a watch. Its callback does not run after this call, even if the descriptor was already ready. */
@@ -129,7 +130,7 @@ typedef void (*cl_signal_cb)(cl_signal_t watch, int signo, void *argument);
  * unless the program has set another handler since. The signal must not be blocked in all threads. The watch
  * keeps cl_event_loop_run running. A forked child has the dispositions from before the watches. Returns the
  * watch, or 0 with errno set (EINVAL: callback is null, or the signal cannot be caught or is SIGSEGV, SIGBUS,
- * SIGFPE or SIGILL). */
+ * SIGFPE or SIGILL; ENOMEM). */
 CL_EV_API cl_signal_t cl_signal_start(int signo, cl_signal_cb callback, void *argument) CL_EV_NOEXCEPT;
 
 /* Stops a watch. Its callback does not run after this call, even if the signal has been caught. */

@@ -1,4 +1,4 @@
-// The gate and the agent id: a test that links this gets them in place of the library's own.
+// The allow-list check and the agent id: a test that links this gets them in place of the library's own.
 #include "fakes.h"
 #include "tavipc/tav_agentid.h"
 

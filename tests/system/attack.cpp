@@ -68,10 +68,10 @@ class Victim {
         resident_before_ = kib("VmRSS:");
     }
     ~Victim() {
-        for (const auto &entry : fs::directory_iterator(proc() / "fd")) {
-            const std::string target = fs::read_symlink(entry);
-            if (target.starts_with("/tmp/ipc_file.")) fs::remove(target);
-        }
+        std::error_code gone; // the module may close a descriptor meanwhile
+        for (const auto &entry : fs::directory_iterator(proc() / "fd"))
+            if (const auto file = fs::read_symlink(entry, gone); file.string().starts_with("/tmp/ipc_file."))
+                fs::remove(file, gone);
     }
 
     void send(Datagram datagram) {

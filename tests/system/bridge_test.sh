@@ -119,7 +119,7 @@ kill -9 "${process[n]}"
 must doctor warn
 
 # Settings.
-refused n $'[bounds]\nreplicas = 3' 'stream TAV_load: .*, replicas = 1$'
+refused n $'[bounds]\nreplicas = 3' 'stream TAV_load: .*, replicas = 1,'
 refused n $'[bounds]\nwindow = 0' '.bounds. window'
 for server in 192.0.2.1 127.0.0.1.example.org '[::1]@192.0.2.1' 'localhost, nats://192.0.2.1'; do
     refused n $'[engine]\nallow_plain = 0\nservers = nats://'"$server" '.engine. servers: nats://.*another machine'
@@ -160,6 +160,11 @@ printf 'CONNECT {}\r\nPUB tav.load.2.any._prx0.d.9.9 0\r\n\r\n' >&3
 until_ok 10 has p drop_bad_subject 1
 delivered() { { p/bin/tav-bridge --check || true; } | grep 'L2_any of TAV_load: 0 wait, 0 are'; }
 until_ok 10 delivered
+stream='{"name":"TAV_small","subjects":["tav.small.>"],"max_msg_size":1000,"storage":"memory","retention":"limits","num_replicas":1}'
+printf 'PUB $JS.API.STREAM.CREATE.TAV_small %d\r\n%s\r\n' ${#stream} "$stream" >&3
+sed 's/^domain.*/domain = small/' p/config/tav-bridge.ini >small.ini
+limited() { { p/bin/tav-bridge -c small.ini --check || true; } | grep '^FAIL stream TAV_small: .*, max_msg_size = 1000$'; }
+until_ok 10 limited
 exec 3>&-
 
 # Location 3 has two machines, q and r. The hub's modules write each message to eight sockets.
@@ -202,6 +207,16 @@ until_ok 10 has r put_back 1
 r/bin/tavctl listen late >late.txt 2>&1 &
 process[late]=$!
 until_ok 20 grep -q 'for late' late.txt
+# A bridge that ends: modules cannot send to it any more, and it waits until the engine has what it took.
+kill -STOP "${process[server]}"
+must b/bin/tavctl send --no-confirm nobody@2 last
+until_ok 10 has b waiting 1
+kill "${process[b]}"
+until_ok 4 test ! -e b/zon_ipc3/_proxy_
+must kill -0 "${process[b]}"
+kill -CONT "${process[server]}"
+wait "${process[b]}" || give_up "the bridge failed at its end"
+until_ok 10 has a put_back 1
 limits='"subs":-1,"conn":-1,"leaf":-1,"data":-1,"payload":-1,"imports":-1,"exports":-1,"wildcards":true,"mem_storage":-1,"disk_storage":-1'
 printf 'listen: "127.0.0.1:-1"\njetstream { store_dir: "%s/jwt-engine" }\noperator: %s\nresolver: MEMORY\nsystem_account: %s
 resolver_preload: { %s: %s\n %s: %s }\n' "$place" "$(jwt "$(public operator 70)" '"type":"operator"')" "$system" \

@@ -108,7 +108,7 @@ class Findings {
     bool summarize() const;                              // false when something failed
 
     bool directory = false; // the socket directory is there, and this user may make sockets in it
-    bool allowed = false;   // the library's check lets the tool pass
+    bool allowed = false;   // the library's check permits the tool
     bool has_id = false;    // from the platform or stored: an endpoint need not make one
 
   private:

@@ -65,7 +65,7 @@ class Change {
 // The link /proc/PID/exe ends with this when the file that the process runs is no longer at its path.
 constexpr std::string_view kDeleted = " (deleted)";
 
-// What the gate would decide about a process whose executable is no longer there: it takes the link's text
+// What the library would decide about a process whose executable is no longer there: it takes the link's text
 // for the name, so only a restart helps.
 Verdict judge_replaced(const std::string &executable, const std::string &process) {
     if (fs::exists(executable))

@@ -147,13 +147,13 @@ Finding check_modules() {
 }
 
 // Compares what the library decides about the tool with what the list says.
-Finding check_gate(const Verdict &verdict, bool &allowed) {
+Finding check_library(const Verdict &verdict, bool &allowed) {
     take_reason();
     allowed = c_get_process() == 0;
     const std::string reason = take_reason();
     if (allowed == verdict.allowed)
-        return ok(allowed ? "it lets the tool pass" : "it refuses the tool as well");
-    return fail(allowed ? "it lets the tool pass all the same"
+        return ok(allowed ? "it permits the tool" : "it refuses the tool as well");
+    return fail(allowed ? "it permits the tool all the same"
                         : "it refuses the tool" + (reason.empty() ? ": no reason" : reason),
                 "install library and tool of the same build: ldd " + quoted(own_executable()));
 }
@@ -239,7 +239,7 @@ void check_agent(Findings &findings) {
     findings.add("allow-list", verdict.allowed ? ok(verdict.reason)
                                                : fail("tavctl may not open an endpoint: " + verdict.reason,
                                                       verdict.remedy));
-    findings.add("library's gate", check_gate(verdict, findings.allowed));
+    findings.add("library's check", check_library(verdict, findings.allowed));
     if (verdict.allowed) findings.add("modules", check_modules());
     findings.has_id = check_identity(findings);
 }

@@ -164,7 +164,7 @@ int receive_files(Console &out, const Args &args) {
             receiver.report(false);
             return args.count_reached(receiver.arrived);
         });
-        tav_ipc_flush(module, kLastDepartures_ms, nullptr);
+        tav_ipc_flush(module, kLastFlush_ms, nullptr);
     }
     const unsigned unfinished = tav_ipc_file_drop_unfinished();
     receiver.report(true);

@@ -118,7 +118,7 @@ int send_file(Console &out, const Args &args) {
     } stopper{stop};
     if (!run_until([&] { return transfer.show(), transfer.ended; })) {
         tav_ipc_file_cancel(module, id); // tells the receiver
-        tav_ipc_flush(module, kLastDepartures_ms, nullptr);
+        tav_ipc_flush(module, kLastFlush_ms, nullptr);
         throw Problem("interrupted when at least " + grouped(transfer.confirmed) + " bytes had arrived",
                       "the receiver drops the unfinished file; send it again");
     }

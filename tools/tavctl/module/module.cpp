@@ -139,13 +139,13 @@ Answer exchange(const Module &module, int kind, const tav_addr_st &destination, 
     return {};
 }
 
-uint64_t travelling_bytes(const Module &module) {
+uint64_t accepted_bytes(const Module &module) {
     const auto stats = stats_of(module);
     return stats.values[TAV_IPC_STATS_ACCEPTED_BYTES] -
            sizeof(tav_ipc_hdr_st) * stats.values[TAV_IPC_STATS_ACCEPTED];
 }
 
-void wait_for_departures(const Module &module, const tav_addr_st &destination) {
+void wait_until_left(const Module &module, const tav_addr_st &destination) {
     constexpr int kSlice_ms = 100; // a signal does not end the call
     while (tav_ipc_flush(module, kSlice_ms, nullptr) > 0)
         if (interrupted()) throw Problem("interrupted before the message had left");

@@ -21,7 +21,7 @@ bool interrupted();
 bool run_until(const std::function<bool()> &done, double limit_s = std::numeric_limits<double>::infinity());
 void pause(double seconds); // runs the loop for this time, unless interrupted
 // For tav_ipc_flush: a command that ends waits this long for a receiver that does not read.
-inline constexpr int kLastDepartures_ms = 1000;
+inline constexpr int kLastFlush_ms = 1000;
 double now_seconds(); // monotonic
 
 // --- the library's log, kept instead of written (loop.cpp)
@@ -84,9 +84,9 @@ std::string parse_hex(std::string_view text);
 // line end.
 std::string describe_payload(Record &record, std::string_view payload, const Args &args);
 
-uint64_t travelling_bytes(const Module &module); // of all payloads that it has sent, without headers
+uint64_t accepted_bytes(const Module &module); // of all payloads that the library accepted, without headers
 // Runs the loop until all that was sent has left. Throws Problem when some of it was dropped, and when the
 // wait was interrupted.
-void wait_for_departures(const Module &module, const tav_addr_st &destination);
+void wait_until_left(const Module &module, const tav_addr_st &destination);
 
 } // namespace tavctl

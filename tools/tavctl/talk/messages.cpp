@@ -110,7 +110,7 @@ int send(Console &out, const Args &args) {
         if (i > 0) pause(args.seconds("interval"));
         Record record("type", "sent", "to", address_text(destination), "cmd", cmd, "size", payload.size());
         record.add("confirmed", confirm);
-        const uint64_t before = travelling_bytes(module);
+        const uint64_t before = accepted_bytes(module);
         if (confirm) {
             const Answer sent =
                 exchange(module, TAV_IPC_EXCHANGE_CONFIRMED, destination, timeout_s, cmd, payload);
@@ -120,13 +120,13 @@ int send(Console &out, const Args &args) {
         } else {
             send_plain(module, destination, cmd, payload, timeout_s);
         }
-        const uint64_t travelled = travelling_bytes(module) - before;
+        const uint64_t accepted = accepted_bytes(module) - before;
         const std::string packed =
-            travelled < payload.size() ? ", compressed to " + grouped(travelled) + " bytes" : std::string();
+            accepted < payload.size() ? ", compressed to " + grouped(accepted) + " bytes" : std::string();
         out.say(record, "{to}: {size,} bytes",
                 packed + (confirm ? record.fill(", delivered in {us}") : ", on its way"));
     }
-    if (!confirm) wait_for_departures(module, destination);
+    if (!confirm) wait_until_left(module, destination);
     return interrupted() ? kFailure : kSuccess;
 }
 
@@ -169,7 +169,7 @@ int reply(Console &out, const Args &args) {
     tav_ipc_on_request(module, Server::on_request, &server);
     out.say(Record("type", "ready", "as", module.text()), "answering as {as}; Ctrl-C ends it");
     run_until([&] { return server.is_done(); });
-    tav_ipc_flush(module, kLastDepartures_ms, nullptr);
+    tav_ipc_flush(module, kLastFlush_ms, nullptr);
     out.say(Record("type", "end", "answered", server.answered), "{answered,request} answered");
     return kSuccess;
 }
