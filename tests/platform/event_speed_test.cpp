@@ -35,9 +35,10 @@ class SpeedTest : public EventTest {
         cl_event_loop_set_batching(0, 0); // whatever the environment says
         cl_event_loop_set_busy_poll(0);
     }
-    ~SpeedTest() override {
-        on_yield = nullptr;
+    void TearDown() override {
+        on_yield = nullptr; // they use variables of the test
         on_wait = nullptr;
+        EventTest::TearDown();
     }
     int send_now(const std::string &to, std::string first, std::string second = {}) {
         const iovec parts[] = {{first.data(), first.size()}, {second.data(), second.size()}};
