@@ -188,10 +188,12 @@ class Bridge : Engine::Events {
 
     // --- answers to modules of this location
 
-    void remember(const tav_addr_st &source) {
+    void remember(const tav_addr_st &source) try {
         const Heard key{tavipc::name_text(source).text, source.loc, source.hostid};
-        if (heard_.size() >= kMostHeard && !heard_.contains(key)) heard_.clear(); // who is there comes again
-        heard_[key] = cl_event_loop_now();
+        if (heard_.size() >= kMostHeard && !heard_.contains(key)) heard_.clear();
+        // A blank or line feed would make another row of the answer.
+        if (is_token(std::get<0>(key))) heard_[key] = cl_event_loop_now();
+    } catch (const std::bad_alloc &) { // who is there comes again
     }
 
     void answer(const tav_addr_st &source, uint32_t reqid, uint32_t command) try {

@@ -39,7 +39,7 @@ int check(const Settings &settings, const Problems &problems) {
     const Connection connection(made);
     char url[256] = "";
     if (status == NATS_OK) natsConnection_GetConnectedUrl(made, url, sizeof url);
-    if (options && status != NATS_OK) reason = natsStatus_GetText(status);
+    if (options && status != NATS_OK) reason = std::string(natsStatus_GetText(status)) + ": " + error_text();
     if (!say(made, made ? "connected to " : "no connection: ", made ? url : reason)) return EXIT_FAILURE;
     const int64_t most = natsConnection_GetMaxPayload(made);
     bool good = most >= kLeastPayload || say(false, "the engine's max_payload is less than ", kLeastPayload);

@@ -82,7 +82,7 @@ inline std::string stream_name(const Settings &settings, Class kind) {
 
 inline const char *error_text() { // of nats.c's last error in this thread
     const char *text = nats_GetLastError(nullptr);
-    return text ? text : "";
+    return text && *text ? text : "not found, or no answer";
 }
 
 // Prints a line of a check, and returns whether it is good.
@@ -137,7 +137,7 @@ inline Options make_options(const Settings &settings, std::string &reason) {
     if (!settings.nkey.empty())
         set(natsOptions_SetNKeyFromSeed(made, settings.nkey.c_str(), settings.nkey_seed.c_str()));
     if (status == NATS_OK) return options;
-    reason = natsStatus_GetText(status);
+    reason = std::string(natsStatus_GetText(status)) + ": " + error_text();
     return nullptr;
 }
 

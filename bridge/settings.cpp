@@ -7,9 +7,8 @@
 #include <iterator>
 #include <sstream>
 
-#include <unistd.h>
-
 #include "common/owned.h"
+#include "common/regular_file.h"
 #include "tavbase.h"
 #include "tavipc/tav_ipc.h"
 
@@ -39,12 +38,13 @@ struct Section {
             complain(key, "is not a number from " + std::to_string(least) + " to " + std::to_string(most));
         return value;
     }
-    // The path of a file that can be read. A leading "@" is the directory of the executable.
+    // The path of a regular file that can be read. A leading "@" is the directory of the executable.
     std::string readable_file(const char *key) const {
         std::string found = text(key);
         char path[PATH_MAX];
         if (found.empty()) return found;
-        if (dirutils_path_transform(found.c_str(), path, sizeof path) != 0 || access(path, R_OK) != 0)
+        if (dirutils_path_transform(found.c_str(), path, sizeof path) != 0 ||
+            !tavipc::open_regular(path, O_RDONLY))
             complain(key, found + ": " + std::strerror(errno));
         return path;
     }

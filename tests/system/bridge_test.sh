@@ -126,6 +126,7 @@ for server in 192.0.2.1 127.0.0.1.example.org '[::1]@192.0.2.1' 'localhost, nats
 done
 for domain in a.b x_ALL 'a\b'; do refused n $'[engine]\ndomain = '"$domain" '.engine. domain'; done
 refused n $'[engine]\nnkey_seed = /nowhere' '.engine. nkey_seed: /nowhere'
+refused n $'[policy]\nipc_conf = /tmp' '.policy. ipc_conf: /tmp: Is a directory'
 refused n $'[bound]\nwindow = 1' '.bound. window: there is no such setting'
 refused n 'allow_plain' 'line 1: '
 refused n $'[engine]\ndomain = load' 'a second .engine. domain: '
