@@ -44,7 +44,7 @@ natsStatus subscribe_durable(natsConnection *in, natsConnection *out, jsCtx *&js
     jsSubOptions_Init(&options);
     options.ManualAck = true;
     options.Config.Durable = "native";
-    options.Config.MaxAckPending = 256; // as the bridges
+    options.Config.MaxAckPending = 256; // as the window of the bridges
     return js_Subscribe(&subscription, js_in, subject, native_take, js_in, nullptr, &options, nullptr);
 }
 
